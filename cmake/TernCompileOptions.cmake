@@ -1,0 +1,15 @@
+# Flags of this project's own targets; nothing here reaches a consumer.
+function(tern_own_target target)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
+    $<$<BOOL:${TERN_WARNINGS_AS_ERRORS}>:-Werror>
+    $<$<BOOL:${TERN_COVERAGE}>:--coverage -fprofile-update=atomic>)
+  # 64-bit time and file offsets on 32-bit platforms too.
+  target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  target_link_options(${target} PRIVATE $<$<BOOL:${TERN_COVERAGE}>:--coverage>)
+  if(TERN_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${TERN_SANITIZE} -fno-sanitize-recover=all
+      -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=${TERN_SANITIZE})
+  endif()
+endfunction()

@@ -1,0 +1,33 @@
+# Headers, libraries, the CMake package and the pkg-config files.
+set(TERN_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+set(TERN_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+set(TERN_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TernDBusService)
+
+set(TERN_INSTALLED_TARGETS tern-dbus-service)
+set(TERN_INSTALLED_PC libtern-dbus-service)
+set(TERN_PLATFORM_CONFIG "")
+if(TERN_PLATFORM STREQUAL bundled)
+  list(APPEND TERN_INSTALLED_TARGETS tern-foundation tern-basic-log)
+  list(APPEND TERN_INSTALLED_PC libtern-foundation libtern-basic-log)
+  install(DIRECTORY platform/foundation/include/ platform/basic_log/include/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+else()
+  file(READ cmake/TernSystemPlatform.cmake TERN_PLATFORM_CONFIG)
+endif()
+
+install(TARGETS ${TERN_INSTALLED_TARGETS} EXPORT TernDBusServiceTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+install(DIRECTORY include/tern DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+install(EXPORT TernDBusServiceTargets NAMESPACE tern:: DESTINATION ${TERN_PACKAGE_DIR} COMPONENT dev)
+
+configure_package_config_file(cmake/TernDBusServiceConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/TernDBusServiceConfig.cmake INSTALL_DESTINATION ${TERN_PACKAGE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/TernDBusServiceConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/TernDBusServiceConfig.cmake
+  ${PROJECT_BINARY_DIR}/TernDBusServiceConfigVersion.cmake DESTINATION ${TERN_PACKAGE_DIR} COMPONENT dev)
+
+foreach(pc IN LISTS TERN_INSTALLED_PC)
+  configure_file(cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+endforeach()

@@ -1,0 +1,108 @@
+#include "child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+#include <system_error>
+
+// Present in coverage builds only: a child that leaves by _exit writes its counts here.
+extern "C" void __gcov_dump() __attribute__((weak));
+
+namespace tern::test {
+
+namespace {
+
+void CheckedPipe(int (&ends)[2]) {
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        throw std::system_error(errno, std::generic_category(), "pipe2");
+    }
+}
+
+/// Appends what is there to `bytes`; false at the end of the stream.
+bool Drain(int fd, std::string& bytes) {
+    char buffer[65536];
+    const ssize_t count = read(fd, buffer, sizeof buffer);
+    if (count > 0) {
+        bytes.append(buffer, static_cast<std::size_t>(count));
+    }
+    return count > 0 || (count < 0 && errno == EINTR);
+}
+
+[[noreturn]] void ChildMain(const std::function<int()>& body, int logFd, int errorFd) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(errorFd, STDERR_FILENO);
+    ForwardLogTo(logFd);
+    int code = 125;
+    try {
+        code = body();
+    } catch (const std::exception& exception) {
+        fprintf(stderr, "exception in the child: %s\n", exception.what());
+    }
+    fflush(nullptr);
+    if (__gcov_dump != nullptr) {
+        __gcov_dump();
+    }
+    _exit(code);
+}
+
+}  // namespace
+
+ChildResult RunInChild(const std::function<int()>& body, std::chrono::milliseconds limit) {
+    int logPipe[2];
+    int errorPipe[2];
+    CheckedPipe(logPipe);
+    CheckedPipe(errorPipe);
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    if (pid == 0) {
+        ChildMain(body, logPipe[1], errorPipe[1]);
+    }
+    close(logPipe[1]);
+    close(errorPipe[1]);
+
+    ChildResult result;
+    std::string log;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    pollfd streams[] = {{logPipe[0], POLLIN, 0}, {errorPipe[0], POLLIN, 0}};
+    std::string* const targets[] = {&log, &result.error};
+    // Both streams end with the child, unless grandchildren hold them: the wait below decides.
+    int status = 0;
+    bool ended = false;
+    while (!ended) {
+        poll(streams, 2, 1);
+        for (int i = 0; i < 2; ++i) {
+            if ((streams[i].revents & (POLLIN | POLLHUP)) != 0 && !Drain(streams[i].fd, *targets[i])) {
+                streams[i].fd = -1;
+            }
+        }
+        ended = waitpid(pid, &status, WNOHANG) == pid;
+        if (!ended && std::chrono::steady_clock::now() >= deadline) {
+            result.timedOut = true;
+            kill(pid, SIGKILL);
+            ended = waitpid(pid, &status, 0) == pid;
+        }
+    }
+    const int ends[] = {logPipe[0], errorPipe[0]};
+    for (int i = 0; i < 2; ++i) {
+        fcntl(ends[i], F_SETFL, O_NONBLOCK);
+        while (Drain(ends[i], *targets[i])) {
+        }
+        close(ends[i]);
+    }
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.log = ParseForwardedLog(log);
+    return result;
+}
+
+}  // namespace tern::test

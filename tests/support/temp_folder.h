@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+namespace tern::test {
+
+/// A folder of its own under the system's place for temporary files, removed with all its content at the end.
+class TempFolder {
+public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::string& Path() const { return mPath; }
+    /// The path of an entry in the folder.
+    std::string operator/(const std::string& name) const { return mPath + "/" + name; }
+
+private:
+    std::string mPath;
+};
+
+}  // namespace tern::test

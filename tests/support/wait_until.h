@@ -1,0 +1,36 @@
+#pragma once
+
+#include <time.h>
+
+#include <chrono>
+
+namespace tern::test {
+
+/// Limit of every wait in the tests: long enough for a loaded machine under a sanitizer, never waited out
+/// when the awaited thing happens.
+constexpr std::chrono::seconds GENEROUS_LIMIT{30};
+
+/// Polls the predicate every millisecond until it holds; false when it did not within the limit.
+template <typename Predicate>
+bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = GENEROUS_LIMIT) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return predicate();
+        }
+        const timespec pause{0, 1000000};
+        nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int SLOWNESS = 10;
+#else
+constexpr int SLOWNESS = 1;
+#endif
+
+/// The one tolerance for upper time bounds; grows under sanitizers.
+constexpr std::chrono::milliseconds TOLERANCE{500 * SLOWNESS};
+
+}  // namespace tern::test
