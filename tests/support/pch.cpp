@@ -1,1 +1,2 @@
 // Holds the precompiled header that the tests share.
+int main() { return 0; }
