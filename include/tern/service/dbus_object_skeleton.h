@@ -1,0 +1,33 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/service/dbus_interface.h>
+
+#include <list>
+#include <string>
+
+namespace mw::tern {
+
+/// One object on the bus: its path and its interfaces, which it owns and deletes at its end. D-Bus thread
+/// only.
+class TERN_API DBusObjectSkeleton {
+public:
+    explicit DBusObjectSkeleton(std::string path);
+    virtual ~DBusObjectSkeleton();
+    DBusObjectSkeleton(const DBusObjectSkeleton&) = delete;
+    DBusObjectSkeleton& operator=(const DBusObjectSkeleton&) = delete;
+
+    /// Appends the interface and takes it over. Nothing checks for a second one of the same name: sd-bus
+    /// refuses that when the object is exported.
+    void AddInterface(DBusInterface* interface);
+
+    const std::string& GetPath() const { return mPath; }
+    /// In the order added.
+    const std::list<DBusInterface*>& GetInterfaces() const { return mInterfaces; }
+
+private:
+    std::string mPath;
+    std::list<DBusInterface*> mInterfaces;
+};
+
+}  // namespace mw::tern

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+#include <tern/service/dbus_interface.h>
+#include <tern/service/dbus_object_skeleton.h>
+#include <tern/service/event_loop.h>
+
+#include <list>
+#include <string>
+
+namespace mw::tern {
+
+/// The server side of a service on the system bus: the connection, the service's well-known name and its
+/// objects.
+///
+/// D-Bus thread only: the connection is that thread's default system bus, and handlers run on it inside the
+/// loop. Order of use: `Connect`, `AttachLoop`, then for each object `AddDBusObject`,
+/// `AddInterfaceToDBusObject` for each of its interfaces, `ExportObject`; matches at any time after
+/// `Connect`. Bus errors are logged with the logger name "Service".
+class TERN_API DBusServerManager {
+public:
+    /// `name` is the well-known name to request, empty for none.
+    explicit DBusServerManager(const std::string& name);
+    /// Releases the connection, then the objects with their interfaces.
+    ~DBusServerManager();
+    DBusServerManager(const DBusServerManager&) = delete;
+    DBusServerManager& operator=(const DBusServerManager&) = delete;
+
+    /// Connects to the system bus (sd_bus_default_system(3)) and requests the name, without queueing for it
+    /// or taking it from its owner (sd_bus_request_name(3)). Ok; AlreadyExists when already connected,
+    /// nothing changed, or when the name has an owner; otherwise the status of sd-bus's error. A connection
+    /// whose name request failed is kept.
+    StatusCode Connect();
+
+    /// Has the loop drive the connection (sd_bus_attach_event(3)) and end with a negative exit code when the
+    /// connection is lost, so that a deaf service is restarted instead of running on.
+    /// Ok; InvalidArgument when the loop has not been made or nothing is connected; otherwise the status of
+    /// sd-bus's error.
+    StatusCode AttachLoop(EventLoop& loop);
+
+    /// Adds an object without interfaces. Ok, or InvalidArgument when the path is there already. sd-bus looks
+    /// at the path only when the object is exported.
+    StatusCode AddDBusObject(const std::string& path);
+
+    /// Appends the interface to the object. Ok, and the object owns the interface; or InvalidArgument for a
+    /// path that was never added, and the interface still belongs to the caller.
+    StatusCode AddInterfaceToDBusObject(const std::string& path, DBusInterface* interface);
+
+    /// Installs a match rule (sd_bus_add_match(3)). With `slot` null it lasts as long as the connection;
+    /// otherwise the caller owns *slot and ends the match with sd_bus_slot_unref(3), on this thread, before
+    /// the manager ends. Ok or the status of sd-bus's error; nothing is logged.
+    StatusCode AddMatch(sd_bus_slot** slot, std::string match, sd_bus_message_handler_t handler,
+                        void* userdata);
+
+    /// Registers every interface of the object, in the order added, for as long as the connection lives
+    /// (sd_bus_add_object_vtable(3)).
+    /// Ok, also for an object without interfaces; InvalidArgument for a path that was never added; otherwise
+    /// the status of the first refusal: AlreadyExists for an interface exported twice, InvalidArgument for a
+    /// path, a name or a vtable that sd-bus does not accept. Interfaces before the refused one stay
+    /// registered.
+    StatusCode ExportObject(const std::string& path);
+
+    /// The connection, null before `Connect`. Borrowed: never release it.
+    sd_bus* GetBus() const { return mBus; }
+
+private:
+    DBusObjectSkeleton* FindObject(const std::string& path);
+
+    std::string mName;
+    std::list<DBusObjectSkeleton> mObjects;
+    sd_bus* mBus = nullptr;
+};
+
+}  // namespace mw::tern

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+struct sd_event;
+struct sd_event_source;
+
+namespace mw::tern {
+
+/// One watched descriptor: the callback and its sd-event source. Owned by the loop's registry; while the
+/// callback runs also by the dispatcher, so that a callback may remove its own watch.
+struct TERN_API EventIoContext {
+    using Callback = std::function<StatusCode(sd_event_source*, int fd, unsigned int revents)>;
+
+    explicit EventIoContext(Callback function) : callback(std::move(function)) {}
+    /// Releases the source, then destroys the callback.
+    ~EventIoContext();
+    EventIoContext(const EventIoContext&) = delete;
+    EventIoContext& operator=(const EventIoContext&) = delete;
+
+    Callback callback;
+    sd_event_source* source = nullptr;
+    std::weak_ptr<EventIoContext> self;
+};
+
+/// An sd-event loop with a registry of I/O sources: runs a callback on the loop's thread whenever a
+/// descriptor is ready, until the watch is removed again by descriptor. `ServiceMainLoop` adds how the loop
+/// is made and run.
+///
+/// Loop thread only: every operation, the destructor included, belongs to the thread that owns the loop.
+/// Callbacks run on it, one at a time. Nothing is logged. Descriptors are never closed here; they belong to
+/// the caller, who removes a watch before closing its descriptor.
+class TERN_API EventLoop {
+public:
+    EventLoop() = default;
+    /// Releases the loop, then every remaining source with its callback.
+    ~EventLoop();
+    EventLoop(const EventLoop&) = delete;
+    EventLoop& operator=(const EventLoop&) = delete;
+
+    /// Watches `fd` for the poll(2) events `events` (EPOLLIN and the like, see sd_event_add_io(3)).
+    ///
+    /// The callback gets the source, the descriptor and the events seen. Returning anything but Ok switches
+    /// the watch off (sd-event's rule for failing handlers); it stays registered until RemoveIo. It may
+    /// remove its own watch. An empty callback raises std::bad_function_call when the descriptor becomes
+    /// ready; like any exception of a callback it leaves through the loop.
+    ///
+    /// Ok: watched. Otherwise nothing has changed and the callback is destroyed: the status of sd-event's
+    /// error, InvalidArgument for a bad descriptor or a loop not yet made, AlreadyExists for a descriptor
+    /// that is being watched, NotPermitted for one that cannot be polled (a regular file).
+    ///
+    /// Remove a descriptor before adding it again. When the first watch of a descriptor has been switched
+    /// off, a second one succeeds, but RemoveIo still means the first; the second lives until the loop ends.
+    /// This is meant.
+    StatusCode AddIo(int fd, unsigned int events, EventIoContext::Callback callback);
+
+    /// Switches the watch of `fd` off and forgets it, with its callback. From within that very callback the
+    /// callback outlives the call.
+    ///
+    /// Ok: no longer watched. InvalidArgument: `fd` is not watched. Otherwise the status of sd-event's error,
+    /// and the watch is kept.
+    StatusCode RemoveIo(int fd);
+
+    /// The sd-event loop, null until it is made. Borrowed: never release it.
+    sd_event* GetEvent() const { return mEvent; }
+
+protected:
+    sd_event* mEvent = nullptr;
+
+private:
+    std::map<int, std::shared_ptr<EventIoContext>> mIoContexts;
+    /// Watches that found their descriptor's entry taken; kept so that they end with the loop.
+    std::vector<std::shared_ptr<EventIoContext>> mUnlistedContexts;
+};
+
+}  // namespace mw::tern

@@ -1,0 +1,116 @@
+#include <systemd/sd-event.h>
+#include <tern/foundation/log.h>
+#include <tern/foundation/service_common.h>
+#include <tern/service/dbus_server_manager.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "foundation/error_text.h"
+
+namespace mw::tern {
+
+using mwl::ErrorText;
+
+namespace {
+
+/// sd-bus's own signal for a lost connection; it never comes from a peer.
+constexpr const char* DISCONNECTED_MATCH =
+    "type='signal',sender='org.freedesktop.DBus.Local',path='/org/freedesktop/DBus/Local',"
+    "interface='org.freedesktop.DBus.Local',member='Disconnected'";
+
+int OnDisconnected(sd_bus_message* message, void*, sd_bus_error*) {
+    // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
+    return sd_event_exit(sd_bus_get_event(sd_bus_message_get_bus(message)), -ECONNRESET);
+}
+
+}  // namespace
+
+DBusServerManager::DBusServerManager(const std::string& name) : mName(name) {}
+
+DBusServerManager::~DBusServerManager() {
+    sd_bus_unref(mBus);
+}
+
+StatusCode DBusServerManager::Connect() {
+    if (mBus != nullptr) {
+        return MakeStatusCodeFromReturnCode(-EISCONN);
+    }
+    int r = sd_bus_default_system(&mBus);
+    if (r < 0) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to connect to system bus (%d, %s)", r, ErrorText(-r));
+    } else if (!mName.empty()) {
+        r = sd_bus_request_name(mBus, mName.c_str(), 0);
+        if (r < 0) {
+            TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to acquire name '%s', (%d, %s)", mName.c_str(), r,
+                           ErrorText(-r));
+        }
+    }
+    return MakeStatusCodeFromReturnCode(r);
+}
+
+StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
+    if (loop.GetEvent() == nullptr) {
+        return MakeStatusCodeFromReturnCode(-EINVAL);
+    }
+    int r = sd_bus_attach_event(mBus, loop.GetEvent(), SD_EVENT_PRIORITY_NORMAL);
+    if (r >= 0) {
+        r = sd_bus_add_match(mBus, nullptr, DISCONNECTED_MATCH, OnDisconnected, nullptr);
+    }
+    if (r < 0) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to attach event loop (%d, %s)", r, ErrorText(-r));
+    }
+    return MakeStatusCodeFromReturnCode(r);
+}
+
+StatusCode DBusServerManager::AddDBusObject(const std::string& path) {
+    if (FindObject(path) != nullptr) {
+        return MakeStatusCodeFromReturnCode(-EINVAL);
+    }
+    mObjects.emplace_back(path);
+    return MakeStatusCodeFromReturnCode(0);
+}
+
+StatusCode DBusServerManager::AddInterfaceToDBusObject(const std::string& path, DBusInterface* interface) {
+    DBusObjectSkeleton* const object = FindObject(path);
+    if (object == nullptr) {
+        return MakeStatusCodeFromReturnCode(-EINVAL);
+    }
+    object->AddInterface(interface);
+    return MakeStatusCodeFromReturnCode(0);
+}
+
+StatusCode DBusServerManager::AddMatch(sd_bus_slot** slot, std::string match,
+                                       sd_bus_message_handler_t handler, void* userdata) {
+    return MakeStatusCodeFromReturnCode(sd_bus_add_match(mBus, slot, match.c_str(), handler, userdata));
+}
+
+StatusCode DBusServerManager::ExportObject(const std::string& path) {
+    const DBusObjectSkeleton* const object = FindObject(path);
+    if (object == nullptr) {
+        return MakeStatusCodeFromReturnCode(-EINVAL);
+    }
+    int r = 0;
+    for (DBusInterface* const interface : object->GetInterfaces()) {
+        r = sd_bus_add_object_vtable(mBus, nullptr, path.c_str(), interface->GetName().c_str(),
+                                     interface->GetVtable(), interface->GetUserData());
+        if (r < 0) {
+            TERN_LOG_ERROR(ServiceCommon::mLogger,
+                           "sd_bus_add_object_vtable FAILED for interface: %s in DBus object: %s",
+                           interface->GetName().c_str(), path.c_str());
+            // Wording and newline are meant.
+            TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to issue method call: %s\n", ErrorText(-r));
+            break;
+        }
+    }
+    return MakeStatusCodeFromReturnCode(r);
+}
+
+DBusObjectSkeleton* DBusServerManager::FindObject(const std::string& path) {
+    const auto found = std::find_if(mObjects.begin(), mObjects.end(), [&](const DBusObjectSkeleton& object) {
+        return object.GetPath() == path;
+    });
+    return found == mObjects.end() ? nullptr : &*found;
+}
+
+}  // namespace mw::tern

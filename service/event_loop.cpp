@@ -1,0 +1,50 @@
+#include <systemd/sd-event.h>
+#include <tern/service/event_loop.h>
+
+namespace mw::tern {
+
+namespace {
+
+/// Not noexcept: what a callback throws leaves through the loop, as for an empty callback it has to.
+int Dispatch(sd_event_source* source, int fd, uint32_t revents, void* userdata) {
+    const std::shared_ptr<EventIoContext> context = static_cast<EventIoContext*>(userdata)->self.lock();
+    return context->callback(source, fd, revents) == StatusCode::Ok ? 0 : -1;
+}
+
+}  // namespace
+
+EventIoContext::~EventIoContext() {
+    sd_event_source_unref(source);
+}
+
+EventLoop::~EventLoop() {
+    sd_event_unref(mEvent);
+}
+
+StatusCode EventLoop::AddIo(int fd, unsigned int events, EventIoContext::Callback callback) {
+    auto context = std::make_shared<EventIoContext>(std::move(callback));
+    context->self = context;
+    const int r = sd_event_add_io(mEvent, &context->source, fd, events, Dispatch, context.get());
+    if (r < 0) {
+        return MakeStatusCodeFromErrno(-r);
+    }
+    if (const auto [entry, isNew] = mIoContexts.try_emplace(fd, context); !isNew) {
+        mUnlistedContexts.push_back(std::move(context));
+    }
+    return StatusCode::Ok;
+}
+
+StatusCode EventLoop::RemoveIo(int fd) {
+    const auto found = mIoContexts.find(fd);
+    if (found == mIoContexts.end()) {
+        return StatusCode::InvalidArgument;
+    }
+    const int r = sd_event_source_set_enabled(found->second->source, SD_EVENT_OFF);
+    if (r < 0) {
+        return MakeStatusCodeFromErrno(-r);
+    }
+    mIoContexts.erase(found);
+    return StatusCode::Ok;
+}
+
+}  // namespace mw::tern
