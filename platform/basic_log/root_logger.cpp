@@ -21,7 +21,8 @@ constexpr std::size_t STACK_MESSAGE = 4096;
 unsigned char gLevel = DEFAULT_LEVEL;
 Sink gSink = Sink::Stream;
 
-void Write(TernLogLevel level, const char* format, va_list arguments) noexcept {
+__attribute__((format(printf, 2, 0))) void Write(TernLogLevel level, const char* format,
+                                                 va_list arguments) noexcept {
     const int priority = std::clamp(static_cast<int>(level), 0, 7);
     char stack[FRAME_ROOM + STACK_MESSAGE + FRAME_ROOM];
     va_list again;

@@ -34,7 +34,7 @@ Sink& GetSink() {
     return *sink;
 }
 
-std::string Format(const char* format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = vsnprintf(nullptr, 0, format, again);
@@ -108,7 +108,8 @@ void RecordCoverage(int level, const std::string& logger, const char* format) {
     }
 }
 
-void Take(const mwl::Log::RootLogger& logger, int level, const char* format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void Take(const mwl::Log::RootLogger& logger, int level,
+                                                const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const std::string whole = Format(format, again);
