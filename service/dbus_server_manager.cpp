@@ -19,9 +19,10 @@ constexpr const char* DISCONNECTED_MATCH =
     "type='signal',sender='org.freedesktop.DBus.Local',path='/org/freedesktop/DBus/Local',"
     "interface='org.freedesktop.DBus.Local',member='Disconnected'";
 
-int OnDisconnected(sd_bus_message* message, void*, sd_bus_error*) {
+/// The loop comes as user data: the connection has left it by now.
+int OnDisconnected(sd_bus_message*, void* event, sd_bus_error*) {
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
-    return sd_event_exit(sd_bus_get_event(sd_bus_message_get_bus(message)), -ECONNRESET);
+    return sd_event_exit(static_cast<sd_event*>(event), -ECONNRESET);
 }
 
 }  // namespace
@@ -55,7 +56,7 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     }
     int r = sd_bus_attach_event(mBus, loop.GetEvent(), SD_EVENT_PRIORITY_NORMAL);
     if (r >= 0) {
-        r = sd_bus_add_match(mBus, nullptr, DISCONNECTED_MATCH, OnDisconnected, nullptr);
+        r = sd_bus_add_match(mBus, nullptr, DISCONNECTED_MATCH, OnDisconnected, loop.GetEvent());
     }
     if (r < 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to attach event loop (%d, %s)", r, ErrorText(-r));

@@ -1,0 +1,472 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <tern/service/dbus_server_manager.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "foundation/handle.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/private_bus.h"
+#include "support/process_resources.h"
+#include "support/wait_until.h"
+
+using mw::tern::DBusInterface;
+using mw::tern::DBusServerManager;
+using mw::tern::EventLoop;
+using mw::tern::StatusCode;
+using tern::test::Error;
+using tern::test::FaultScope;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TERN_INTERPOSE(int, sd_bus_attach_event, (sd_bus * bus, sd_event* event, int priority),
+               (bus, event, priority))
+TERN_INTERPOSE(int, sd_bus_add_match,
+               (sd_bus * bus, sd_bus_slot** slot, const char* match, sd_bus_message_handler_t handler,
+                void* userdata),
+               (bus, slot, match, handler, userdata))
+TERN_INTERPOSE(sd_bus*, sd_bus_unref, (sd_bus * bus), (bus))
+
+namespace {
+
+using Bus = mwl::Handle<sd_bus, sd_bus_flush_close_unref>;
+using Message = mwl::Handle<sd_bus_message, sd_bus_message_unref>;
+
+constexpr const char* NAME = "com.example.Server";
+constexpr const char* PATH = "/com/example/Server";
+
+Bus OpenPeer() {
+    sd_bus* bus = nullptr;
+    EXPECT_GE(sd_bus_open_system(&bus), 0);
+    return Bus(bus);
+}
+
+class TestLoop : public EventLoop {
+public:
+    TestLoop() { sd_event_new(&mEvent); }
+    int Run() { return sd_event_loop(mEvent); }
+};
+
+/// An interface with one property, whose value sd-bus reads and writes in place, and one method.
+class Counter : public DBusInterface {
+public:
+    explicit Counter(std::string name, std::vector<std::string>* events = nullptr)
+        : DBusInterface(std::move(name)), mEvents(events) {}
+    ~Counter() override {
+        if (mEvents != nullptr) {
+            mEvents->push_back("deleted " + GetName());
+        }
+    }
+    const sd_bus_vtable* GetVtable() const override {
+        static const sd_bus_vtable table[] = {
+            SdBusVtableStart(SD_BUS_VTABLE_UNPRIVILEGED),
+            SdBusMethod("Add", "u", "u", &OnAdd, 0),
+            SdBusMethodWithOffset("AddToSecond", "u", "u", &OnAddTo, offsetof(State, second), 0),
+            SdBusSignal("Overflow", "u", 0),
+            SdBusProperty("First", "u", nullptr, offsetof(State, first), 0),
+            SdBusWritableProperty("Second", "u", nullptr, nullptr, offsetof(State, second), 0),
+            SdBusMethod("Fail", "", "", &OnFail, 0),
+            SdBusVtableEnd()};
+        return table;
+    }
+    void* GetUserData() override { return &mState; }
+
+private:
+    struct State {
+        unsigned int first = 1;
+        unsigned int second = 2;
+    };
+    static int OnAdd(sd_bus_message* message, void* userdata, sd_bus_error* error) {
+        return OnAddTo(message, &static_cast<State*>(userdata)->first, error);
+    }
+    static int OnAddTo(sd_bus_message* message, void* userdata, sd_bus_error*) {
+        unsigned int amount = 0;
+        const int r = sd_bus_message_read(message, "u", &amount);
+        if (r < 0) {
+            return r;
+        }
+        auto* const number = static_cast<unsigned int*>(userdata);
+        *number += amount;
+        return sd_bus_reply_method_return(message, "u", *number);
+    }
+    static int OnFail(sd_bus_message*, void*, sd_bus_error*) { return -EACCES; }
+
+    State mState;
+    std::vector<std::string>* mEvents;
+};
+
+class BadVtable : public DBusInterface {
+public:
+    using DBusInterface::DBusInterface;
+    const sd_bus_vtable* GetVtable() const override {
+        static const sd_bus_vtable table[] = {
+            SdBusVtableStart(0), SdBusMethod("Bad", "not a signature", "", nullptr, 0), SdBusVtableEnd()};
+        return table;
+    }
+    void* GetUserData() override { return nullptr; }
+};
+
+class DBusServerManagerTest : public testing::Test {
+protected:
+    static void ExpectOwner(const char* name, bool owned) {
+        const Bus peer = OpenPeer();
+        sd_bus_creds* creds = nullptr;
+        const int r = sd_bus_get_name_creds(peer.get(), name, SD_BUS_CREDS_UNIQUE_NAME, &creds);
+        EXPECT_EQ(r >= 0, owned) << r;
+        sd_bus_creds_unref(creds);
+    }
+
+    tern::test::PrivateBus mBus;
+    tern::test::LogCapture mLog;
+};
+
+/// Serves one object on a thread until destroyed.
+class Server {
+public:
+    Server() : mThread([this] { Main(); }) {}
+    ~Server() {
+        // Asked over the bus: the loop belongs to its thread.
+        const Bus peer = OpenPeer();
+        sd_bus_call_method(peer.get(), NAME, PATH, "com.example.Control", "Stop", nullptr, nullptr, nullptr);
+        mThread.join();
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+private:
+    class Control : public DBusInterface {
+    public:
+        Control() : DBusInterface("com.example.Control") {}
+        const sd_bus_vtable* GetVtable() const override {
+            static const sd_bus_vtable table[] = {
+                SdBusVtableStart(0), SdBusMethod("Stop", "", "", &OnStop, SD_BUS_VTABLE_UNPRIVILEGED),
+                SdBusVtableEnd()};
+            return table;
+        }
+        void* GetUserData() override { return nullptr; }
+
+    private:
+        static int OnStop(sd_bus_message* message, void*, sd_bus_error*) {
+            sd_event_exit(sd_bus_get_event(sd_bus_message_get_bus(message)), 0);
+            return sd_bus_reply_method_return(message, "");
+        }
+    };
+
+    void Main() {
+        TestLoop loop;
+        DBusServerManager manager(NAME);
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+        ASSERT_EQ(manager.AddDBusObject(PATH), StatusCode::Ok);
+        ASSERT_EQ(manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.Counter")), StatusCode::Ok);
+        ASSERT_EQ(manager.AddInterfaceToDBusObject(PATH, new Control), StatusCode::Ok);
+        ASSERT_EQ(manager.ExportObject(PATH), StatusCode::Ok);
+        EXPECT_EQ(loop.Run(), 0);
+    }
+
+    std::thread mThread;
+};
+
+unsigned int ReadNumber(sd_bus* bus, const char* property) {
+    unsigned int number = 0;
+    EXPECT_GE(
+        sd_bus_get_property_trivial(bus, NAME, PATH, "com.example.Counter", property, nullptr, 'u', &number),
+        0);
+    return number;
+}
+
+}  // namespace
+
+TEST_F(DBusServerManagerTest, ConnectClaimsTheName) {
+    DBusServerManager manager(NAME);
+    EXPECT_EQ(manager.GetBus(), nullptr);
+    EXPECT_EQ(manager.Connect(), StatusCode::Ok);
+    EXPECT_NE(manager.GetBus(), nullptr);
+    ExpectOwner(NAME, true);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, EmptyNameConnectsWithoutRequest) {
+    DBusServerManager manager("");
+    EXPECT_EQ(manager.Connect(), StatusCode::Ok);
+    const char* unique = nullptr;
+    EXPECT_GE(sd_bus_get_unique_name(manager.GetBus(), &unique), 0);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, SecondConnectKeepsTheFirstConnection) {
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    sd_bus* const first = manager.GetBus();
+    EXPECT_EQ(manager.Connect(), StatusCode::AlreadyExists);
+    EXPECT_EQ(manager.GetBus(), first);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, NameOfAnotherIsRefusedAndTheConnectionKept) {
+    const Bus owner = OpenPeer();
+    ASSERT_GE(sd_bus_request_name(owner.get(), NAME, 0), 0);
+    DBusServerManager manager(NAME);
+    EXPECT_EQ(manager.Connect(), StatusCode::AlreadyExists);
+    EXPECT_NE(manager.GetBus(), nullptr);
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Error("Service", "Failed to acquire name 'com.example.Server', (-17, File exists)")));
+}
+
+TEST_F(DBusServerManagerTest, MalformedNameIsRefused) {
+    DBusServerManager manager("not a bus name");
+    EXPECT_EQ(manager.Connect(), StatusCode::InvalidArgument);
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Error("Service", "Failed to acquire name 'not a bus name', (-22, Invalid argument)")));
+}
+
+TEST_F(DBusServerManagerTest, BusThatIsNotThereGivesTheErrorsStatus) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
+    DBusServerManager manager(NAME);
+    EXPECT_EQ(manager.Connect(), StatusCode::NotFound);
+    EXPECT_EQ(manager.GetBus(), nullptr);
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Error("Service", "Failed to connect to system bus (-2, No such file or directory)")));
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", mBus.Address().c_str(), 1);
+    EXPECT_EQ(manager.Connect(), StatusCode::Ok) << "may be tried again";
+}
+
+TEST_F(DBusServerManagerTest, AttachNeedsALoopThatWasMade) {
+    EventLoop unmade;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    EXPECT_EQ(manager.AttachLoop(unmade), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, AttachNeedsAConnection) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    EXPECT_EQ(manager.AttachLoop(loop), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(Error("Service", "Failed to attach event loop (-22, Invalid argument)")));
+}
+
+TEST_F(DBusServerManagerTest, AttachReportsSdBusErrors) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    {
+        const FaultScope scope(fault_sd_bus_attach_event);
+        fault_sd_bus_attach_event.Fail(-ENOMEM);
+        EXPECT_EQ(manager.AttachLoop(loop), StatusCode::OutOfMemory);
+    }
+    {
+        const FaultScope scope(fault_sd_bus_add_match);
+        fault_sd_bus_add_match.Fail(-ETIMEDOUT);
+        EXPECT_EQ(manager.AttachLoop(loop), StatusCode::Timeout);
+    }
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(Error("Service", "Failed to attach event loop (-12, Cannot allocate memory)"),
+                            Error("Service", "Failed to attach event loop (-110, Connection timed out)")));
+}
+
+TEST_F(DBusServerManagerTest, LostBusEndsTheLoopWithANegativeCode) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    mBus.Kill();
+    EXPECT_EQ(loop.Run(), -ECONNRESET);
+}
+
+TEST_F(DBusServerManagerTest, PathsAreUnique) {
+    DBusServerManager manager("");
+    EXPECT_EQ(manager.AddDBusObject("/a"), StatusCode::Ok);
+    EXPECT_EQ(manager.AddDBusObject("/a"), StatusCode::InvalidArgument);
+    EXPECT_EQ(manager.AddDBusObject("/a/b"), StatusCode::Ok);
+    EXPECT_EQ(manager.AddDBusObject(""), StatusCode::Ok) << "looked at only when exported";
+    EXPECT_EQ(manager.AddDBusObject(""), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, InterfaceForAnUnknownPathStaysWithTheCaller) {
+    std::vector<std::string> events;
+    {
+        DBusServerManager manager("");
+        ASSERT_EQ(manager.AddDBusObject("/a"), StatusCode::Ok);
+        Counter counter("com.example.Counter", &events);
+        EXPECT_EQ(manager.AddInterfaceToDBusObject("/b", &counter), StatusCode::InvalidArgument);
+        EXPECT_EQ(manager.AddInterfaceToDBusObject("/", &counter), StatusCode::InvalidArgument);
+        EXPECT_THAT(events, IsEmpty());
+    }
+    EXPECT_THAT(events, ElementsAre("deleted com.example.Counter"));
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, ExportOfAnUnknownPathIsRefusedOfAnEmptyObjectIsNot) {
+    DBusServerManager manager("");
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    EXPECT_EQ(manager.ExportObject("/a"), StatusCode::InvalidArgument);
+    ASSERT_EQ(manager.AddDBusObject("/a"), StatusCode::Ok);
+    EXPECT_EQ(manager.ExportObject("/a"), StatusCode::Ok);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, RefusedVtableEndsTheExportThere) {
+    DBusServerManager manager("");
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AddDBusObject(PATH), StatusCode::Ok);
+    manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.First"));
+    manager.AddInterfaceToDBusObject(PATH, new BadVtable("com.example.Bad"));
+    manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.Last"));
+    EXPECT_EQ(manager.ExportObject(PATH), StatusCode::InvalidArgument);
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Error("Service",
+                          "sd_bus_add_object_vtable FAILED for interface: com.example.Bad in DBus object: "
+                          "/com/example/Server"),
+                    Error("Service", "Failed to issue method call: Invalid argument\n")));
+    // The one before stays registered, the one after was not reached.
+    const Counter again("com.example.First");
+    EXPECT_EQ(sd_bus_add_object_vtable(manager.GetBus(), nullptr, PATH, "com.example.First",
+                                       again.GetVtable(), nullptr),
+              -EEXIST);
+    EXPECT_GE(sd_bus_add_object_vtable(manager.GetBus(), nullptr, PATH, "com.example.Last", again.GetVtable(),
+                                       nullptr),
+              0);
+}
+
+TEST_F(DBusServerManagerTest, InterfaceExportedTwiceIsRefused) {
+    DBusServerManager manager("");
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AddDBusObject(PATH), StatusCode::Ok);
+    manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.Counter"));
+    EXPECT_EQ(manager.ExportObject(PATH), StatusCode::Ok);
+    EXPECT_EQ(manager.ExportObject(PATH), StatusCode::AlreadyExists);
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Error("Service",
+                          "sd_bus_add_object_vtable FAILED for interface: com.example.Counter in DBus "
+                          "object: /com/example/Server"),
+                    Error("Service", "Failed to issue method call: File exists\n")));
+}
+
+TEST_F(DBusServerManagerTest, PathThatSdBusRefusesFailsAtExport) {
+    DBusServerManager manager("");
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    for (const std::string path : {"", "no/slash", "/trailing/", "/sp ace"}) {
+        mLog.Clear();
+        ASSERT_EQ(manager.AddDBusObject(path), StatusCode::Ok);
+        manager.AddInterfaceToDBusObject(path, new Counter("com.example.Counter"));
+        EXPECT_EQ(manager.ExportObject(path), StatusCode::InvalidArgument) << path;
+        EXPECT_THAT(mLog.Entries(),
+                    ElementsAre(Error("Service",
+                                      "sd_bus_add_object_vtable FAILED for interface: com.example.Counter in "
+                                      "DBus object: " +
+                                          path),
+                                Error("Service", "Failed to issue method call: Invalid argument\n")));
+    }
+}
+
+TEST_F(DBusServerManagerTest, ServesMethodsAndProperties) {
+    const Server server;
+    const Bus peer = OpenPeer();
+    ASSERT_TRUE(tern::test::WaitUntil([&] {
+        return sd_bus_call_method(peer.get(), NAME, PATH, "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                                  nullptr, nullptr) >= 0;
+    }));
+    sd_bus_message* reply = nullptr;
+    ASSERT_GE(
+        sd_bus_call_method(peer.get(), NAME, PATH, "com.example.Counter", "Add", nullptr, &reply, "u", 41),
+        0);
+    unsigned int sum = 0;
+    EXPECT_GE(sd_bus_message_read(reply, "u", &sum), 0);
+    sd_bus_message_unref(reply);
+    EXPECT_EQ(sum, 42U);
+    EXPECT_EQ(ReadNumber(peer.get(), "First"), 42U);
+    EXPECT_GE(sd_bus_call_method(peer.get(), NAME, PATH, "com.example.Counter", "AddToSecond", nullptr,
+                                 nullptr, "u", 5),
+              0);
+    EXPECT_EQ(ReadNumber(peer.get(), "Second"), 7U);
+    EXPECT_GE(sd_bus_set_property(peer.get(), NAME, PATH, "com.example.Counter", "Second", nullptr, "u", 9),
+              0);
+    EXPECT_EQ(ReadNumber(peer.get(), "Second"), 9U);
+    EXPECT_LT(sd_bus_set_property(peer.get(), NAME, PATH, "com.example.Counter", "First", nullptr, "u", 9), 0)
+        << "read-only";
+    // A handler's failure reaches the caller as an error, and the service goes on.
+    EXPECT_EQ(sd_bus_call_method(peer.get(), NAME, PATH, "com.example.Counter", "Fail", nullptr, nullptr, ""),
+              -EACCES);
+    EXPECT_EQ(ReadNumber(peer.get(), "First"), 42U);
+}
+
+TEST_F(DBusServerManagerTest, MatchesSeeSignalsUntilTheirSlotIsGone) {
+    DBusServerManager manager("");
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    int seen = 0;
+    const sd_bus_message_handler_t count = [](sd_bus_message*, void* userdata, sd_bus_error*) {
+        ++*static_cast<int*>(userdata);
+        return 0;
+    };
+    sd_bus_slot* slot = nullptr;
+    ASSERT_EQ(manager.AddMatch(&slot, "type='signal',interface='com.example.Sender'", count, &seen),
+              StatusCode::Ok);
+    const Bus peer = OpenPeer();
+    const auto emitAndProcess = [&] {
+        EXPECT_GE(sd_bus_emit_signal(peer.get(), "/", "com.example.Sender", "Ping", ""), 0);
+        EXPECT_GE(sd_bus_flush(peer.get()), 0);
+        // A call after it on the same connection: once it is answered, the signal has been routed.
+        EXPECT_GE(sd_bus_call_method(peer.get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer",
+                                     "Ping", nullptr, nullptr, nullptr),
+                  0);
+        EXPECT_GE(sd_bus_call_method(manager.GetBus(), "org.freedesktop.DBus", "/",
+                                     "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, nullptr),
+                  0);
+        while (sd_bus_process(manager.GetBus(), nullptr) > 0) {
+        }
+    };
+    emitAndProcess();
+    EXPECT_EQ(seen, 1);
+    sd_bus_slot_unref(slot);
+    emitAndProcess();
+    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(manager.AddMatch(nullptr, "not a match", count, &seen), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, ReleasesTheConnectionBeforeTheInterfaces) {
+    std::vector<std::string> events;
+    {
+        DBusServerManager manager(NAME);
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        ASSERT_EQ(manager.AddDBusObject(PATH), StatusCode::Ok);
+        manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.Counter", &events));
+        ASSERT_EQ(manager.ExportObject(PATH), StatusCode::Ok);
+        fault_sd_bus_unref.Replace([&](sd_bus* bus) {
+            events.push_back("unref");
+            return fault_sd_bus_unref.Real(bus);
+        });
+    }
+    fault_sd_bus_unref.Reset();
+    EXPECT_THAT(events, ElementsAre("unref", "deleted com.example.Counter"));
+    ExpectOwner(NAME, false);
+}
+
+TEST_F(DBusServerManagerTest, ConnectingAndLeavingManyTimesKeepsNoDescriptor) {
+    const auto once = [] {
+        TestLoop loop;
+        DBusServerManager manager(NAME);
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    };
+    once();
+    const std::size_t before = tern::test::CountDescriptors();
+    for (int i = 0; i < 50; ++i) {
+        once();
+    }
+    EXPECT_EQ(tern::test::CountDescriptors(), before);
+}
