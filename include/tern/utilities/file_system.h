@@ -1,0 +1,137 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+
+#include <set>
+#include <string>
+#include <unordered_set>
+
+namespace mwl::Utilities {
+
+/// The one place for work on files and folders: existence, listing, creating, copying, deleting, links,
+/// owners and modes, disk usage. Every operation works synchronously, logs its own failure under the logger
+/// name "mwl::Utilities::FileSystem" and returns a status, so a caller only tests the result.
+///
+/// The static operations need no object. An object serves the virtual ones, so that a derived class can
+/// replace them, in tests for example.
+///
+/// Thread-safe: no state is shared. Operations on a tree are not atomic against concurrent changes of it, and
+/// one entry that vanishes meanwhile is a failure like any other. No operation holds a descriptor that a
+/// program started meanwhile would inherit. Apart from std::bad_alloc nothing throws.
+///
+/// "The status of errno" below is `MakeStatusCodeFromErrno(errno)` of the call that failed: `NotFound` for
+/// ENOENT, `AccessDenied` for EACCES, `Failure` for what has no status of its own. Where an operation says
+/// `Failure`, it is that value whatever the error number. Output arguments stay untouched on failure unless
+/// said otherwise.
+///
+///     if (FileSystem::CheckFileExist("/data/app") != StatusCode::Ok &&
+///         FileSystem::CreateFolder("/data/app") == StatusCode::Ok) {
+///         FileSystem::CopyFolderContent("/usr/share/app/", "/data/app/", true, true);
+///     }
+class TERN_API FileSystem {
+public:
+    static const std::string FOLDER_SEPARATOR;              ///< "/"
+    static const std::string FILENAME_EXTENSION_SEPARATOR;  ///< "."
+
+    virtual ~FileSystem();
+
+    /// Inserts into `files` the bare names of the regular files of `folder` whose text behind the last "."
+    /// is `extension`, given without its dot, whole and case-sensitively; every regular file when `extension`
+    /// is empty. Earlier content of `files` stays. Links, also to regular files, are not listed, nor are
+    /// entries whose type the file system does not tell (DT_UNKNOWN of readdir(3)).
+    /// Returns `Ok`, also when closing fails (logged); `Failure` when `folder` cannot be opened (opendir(3)).
+    virtual StatusCode ListFilesWithFileNameExtension(const std::string& folder, const std::string& extension,
+                                                      std::set<std::string>& files) const;
+    /// `ListFilesWithFileNameExtension` with an empty extension.
+    virtual StatusCode ListFiles(const std::string& folder, std::set<std::string>& files);
+    /// Inserts into `folders` the bare names of the folders in `folder`. Links to folders and entries whose
+    /// type the file system does not tell are not listed. Results as ListFilesWithFileNameExtension.
+    virtual StatusCode ListDirectories(const std::string& folder,
+                                       std::unordered_set<std::string>& folders) const;
+    /// `CheckFileExist`.
+    virtual StatusCode FileExists(const std::string& path);
+    /// `DeleteFile`.
+    virtual StatusCode RemoveFile(const std::string& path);
+    /// Whether `folder` holds no entry. `NotFound` when it cannot be opened, for whatever reason; then
+    /// `empty` is true.
+    virtual StatusCode IsFolderEmpty(const std::string& folder, bool& empty) const;
+    /// `Rename`.
+    virtual StatusCode RenameFile(const std::string& from, const std::string& to);
+
+    /// Makes one folder (its parent must exist) with mode 0775, whatever the umask, owned by the user of the
+    /// calling process and by the group that bears that user's name. A path that exists already, even a file,
+    /// gets that mode and owner. `Ok`, or the status of errno; `Failure` when the user or the group is
+    /// unknown. After a failure the folder is removed if it is empty, also when it was there before.
+    static StatusCode CreateFolder(const std::string& path);
+    /// Removes the whole tree at `path`; links are removed, not followed, and other mounts are not entered.
+    /// Stops at the first entry that cannot be removed. `Ok`, or the status of errno; a missing `path` is
+    /// `NotFound`. `quiet` leaves out the concluding message, not that of an entry.
+    static StatusCode DeleteFolder(const std::string& path, bool quiet);
+    /// Copies the content of one file, at most 2147479552 bytes (a call of sendfile(2) transfers no more; a
+    /// larger file gives `IoError`). An existing destination is replaced and keeps its mode and owner, a
+    /// new one gets mode 1204 (octal) less the umask: give it its rights before others are to use it. `Ok`,
+    /// or the status of errno; `IoError` when less was copied than the source held, and then the destination
+    /// is incomplete. A file copied onto itself is refused with `InvalidArgument` and stays whole.
+    static StatusCode CopyFile(const std::string& source, const std::string& destination);
+    /// Makes `link` a symbolic link to `target` (symlink(2)). `Ok`, or the status of errno.
+    static StatusCode CreateSymbolicLink(const std::string& target, const std::string& link);
+    /// Removes the link (unlink(2)), or any other entry that is not a folder. `Ok`, or the status of errno.
+    static StatusCode DeleteSymbolicLink(const std::string& link);
+    /// Gives `path` to the user "meadow" and the group "meadow" (chown(2), links followed). `Ok`; `Failure`
+    /// when either is unknown or the owner cannot be changed.
+    static StatusCode SetMeadowOwner(const std::string& path);
+    /// Gives `path` the mode 0644 (chmod(2)). `Ok` or `Failure`.
+    static StatusCode SetDefaultAccessRights(const std::string& path);
+    /// Copies what is in `source` into the existing folder `destination`. REQUIRES: both end in "/" (names
+    /// are appended as they are), and `destination` does not lie in `source`.
+    ///
+    /// At the first level `includeFolders` and `includeFiles` choose what is copied; below it everything is.
+    /// Files are given to "meadow" with mode 0644, folders are made as by CreateFolder; a failure of that is
+    /// a warning for a file. Links and special files are left out, with an info message.
+    ///
+    /// The copy goes on after a failure and returns what the last entry gave that was copied or failed: an
+    /// earlier failure may be covered by a later success. `NotFound` when there was nothing to copy; empty
+    /// sub-folders count as copied. `Failure` when `source` cannot be opened. One descriptor is held a level.
+    static StatusCode CopyFolderContent(const std::string& source, const std::string& destination,
+                                        bool includeFolders, bool includeFiles);
+    /// Removes a file, a link or an empty folder (remove(3)). `Ok`; the status of errno, logged at info level
+    /// only; `Failure` for an empty path.
+    static StatusCode DeleteFile(const std::string& path);
+    /// Removes the regular files (`includeFiles`) and the folders with their trees (`includeFolders`) in
+    /// `folder`; other entries and `folder` itself stay. Goes on after a failure and returns the last one;
+    /// `Ok` when there was none; `NotFound` when `folder` cannot be opened, for whatever reason.
+    static StatusCode DeleteFolderContent(const std::string& folder, bool includeFolders, bool includeFiles);
+    /// `Ok` when there is an entry of any type at `path`, links followed (stat(2)); else `NotFound`, also
+    /// when it could not be reached.
+    static StatusCode CheckFileExist(const std::string& path);
+    /// `Ok` when there is a folder at `path`, links followed; else `NotFound`. Says so at info level.
+    static StatusCode CheckDirectoryExist(const std::string& path);
+    /// rename(2): within one file system, an existing `to` is replaced at once. `Ok`, or the status of errno.
+    static StatusCode Rename(const std::string& from, const std::string& to);
+    /// Stores the text of the link in `target` (readlink(2), at most 4095 bytes). `Ok`, or the status of
+    /// errno.
+    static StatusCode ReadLink(const std::string& link, std::string& target);
+    /// Stores the bare file name of the running program in `name`. Results as ReadLink; when that fails,
+    /// `name` is still cut to what stands behind its last "/".
+    static StatusCode GetCurrentExecutableName(std::string& name);
+    /// Gives `path` to the named user and group (chown(2), links followed). `Ok`; `Failure` when either is
+    /// unknown; else the status of errno.
+    static StatusCode ChangeOwnership(const std::string& path, const std::string& user,
+                                      const std::string& group);
+    /// Stores in `usage` the size of the one entry at `path`, links followed, in KiB: its length rounded up
+    /// to whole I/O blocks (st_blksize of stat(2)), not what is allocated, modulo 2^32. For a folder that is
+    /// the folder's own entry. `Ok`; `NotFound`, not logged, when the path does not exist or cannot be
+    /// reached; else the status of errno.
+    static StatusCode GetDiskUsage(const std::string& path, unsigned int& usage);
+    /// Stores in `usage` the sum of GetDiskUsage of `path` and, for a folder, of everything below it, links
+    /// to folders followed. The first entry that cannot be measured or entered ends the walk with its status,
+    /// a dangling link or a loop of links with `NotFound`; `usage` is then the sum so far.
+    static StatusCode GetRecursiveDiskUsage(const std::string& path, unsigned int& usage);
+    /// Makes `content` the whole content of the file at `path`, which is created (mode 0666 less the umask)
+    /// or replaced. `Ok`, also when the writing fails, as on a full disk: read it back where that matters.
+    /// The status of errno when the file cannot be opened.
+    static StatusCode WriteContent(const std::string& path, const std::string& content);
+};
+
+}  // namespace mwl::Utilities

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <dirent.h>
+
+#include <string>
+#include <string_view>
+
+#include "foundation/handle.h"
+
+namespace mwl::Utilities {
+
+/// One walk over the entries of a folder (opendir(3)), "." and ".." left out, in the order of readdir(3).
+/// One thread at a time.
+class Directory {
+public:
+    /// Opens the folder; on failure the object is false and `errno` tells why.
+    explicit Directory(const std::string& path) : mStream(opendir(path.c_str())) {}
+
+    explicit operator bool() const noexcept { return mStream != nullptr; }
+
+    /// The next entry, valid until the next call; null at the end.
+    const dirent* Next() {
+        // Safe: a stream of our own is not shared between threads.
+        while (const dirent* entry = readdir(mStream.get())) {  // NOLINT(concurrency-mt-unsafe)
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..") {
+                return entry;
+            }
+        }
+        return nullptr;
+    }
+
+    /// Closes early, for callers that look at the result of closedir(3); `errno` tells why it is not 0.
+    int Close() { return closedir(mStream.release()); }
+
+private:
+    Handle<DIR, closedir> mStream;
+};
+
+}  // namespace mwl::Utilities
