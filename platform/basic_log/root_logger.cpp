@@ -46,6 +46,8 @@ __attribute__((format(printf, 2, 0))) void Write(TernLogLevel level, const char*
 }  // namespace
 
 RootLogger::RootLogger() : mLevel(&gLevel), mIdentifier(program_invocation_short_name) {
+    // The first message may be about errno: looking around must not change it.
+    const int savedErrno = errno;
     gSink = ChooseSink();
     const char* text = getenv("TERN_LOG_LEVEL");  // NOLINT(concurrency-mt-unsafe): once, at first use
     if (!ParseLogLevel(text, DEFAULT_LEVEL, gLevel)) {
@@ -53,6 +55,7 @@ RootLogger::RootLogger() : mLevel(&gLevel), mIdentifier(program_invocation_short
               "TERN_LOG_LEVEL is '%s', neither 0 to 7 nor the name of a level; using %d", text,
               static_cast<int>(DEFAULT_LEVEL));
     }
+    errno = savedErrno;
 }
 
 void RootLogger::Print(TernLogLevel level, const char* format, ...) const {
