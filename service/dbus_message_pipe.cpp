@@ -2,13 +2,20 @@
 
 namespace mw::tern {
 
+namespace {
+
+/// A message is the pointer itself.
+constexpr unsigned int MESSAGE_SIZE = sizeof(sd_bus_message*);
+
+}  // namespace
+
 StatusCode DBusMessagePipe::WriteMessage(const sd_bus_message* message) {
-    return MessagePipe::WriteMessage(&message, sizeof message);
+    return MessagePipe::WriteMessage(&message, MESSAGE_SIZE);
 }
 
 StatusCode DBusMessagePipe::ReadMessage(sd_bus_message*& message) {
     sd_bus_message* received = nullptr;
-    const StatusCode status = MessagePipe::ReadMessage(&received, sizeof received, 0);
+    const StatusCode status = MessagePipe::ReadMessage(&received, MESSAGE_SIZE, 0);
     if (status == StatusCode::Ok) {
         message = received;
     }

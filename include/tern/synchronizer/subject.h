@@ -1,0 +1,53 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/synchronizer/notification_interface.h>
+#include <tern/synchronizer/subject_interface.h>
+
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+namespace mwl::tern::Synchronizer {
+
+/// Fans notifications out, on the caller's thread, to the observers registered for their identifier.
+///
+/// One thread at a time: there is no lock. An observer may, while it is being notified, attach and detach
+/// itself and others, notify again, and destroy itself or others; it must not destroy the subject. Observers
+/// are not owned. An Observer refers to its subject until its own end, so the subject outlives it.
+class TERN_API Subject : public SubjectInterface {
+public:
+    Subject() = default;
+    Subject(const Subject&) = delete;
+    Subject& operator=(const Subject&) = delete;
+
+    /// Appends the pair (identifier of the notification, observer); a pair that is there already is not added
+    /// again. Only the notification's identifier is kept. During a Notify of that identifier the new observer
+    /// is notified as well.
+    void Attach(ObserverInterface& observer, NotificationInterface& notification) override;
+    /// Removes that pair; nothing happens when there is none. The others keep their order.
+    void Detach(const ObserverInterface& observer, NotificationInterface& notification) override;
+    /// Removes every pair of the observer. During a Notify it is not called any more, and nobody else is
+    /// skipped or called twice.
+    void Detach(const ObserverInterface& observer) override;
+    /// Calls OnNotify of every observer registered for the notification's identifier, in the order of their
+    /// registration. An exception of an observer ends the walk and passes through.
+    void Notify(NotificationInterface& notification) override;
+    /// Whether exactly this pair is registered.
+    bool Exist(std::pair<NotificationIdentifier, ObserverInterface*> registration) const;
+
+private:
+    /// A Notify under way: where it goes on, and the one that it interrupted.
+    struct Walk {
+        std::size_t next;
+        Walk* outer;
+    };
+    class WalkScope;
+
+    void Remove(std::size_t position);
+
+    std::vector<std::pair<NotificationIdentifier, ObserverInterface*>> mRegistrations;
+    Walk* mInnermostWalk = nullptr;
+};
+
+}  // namespace mwl::tern::Synchronizer

@@ -1,0 +1,33 @@
+#include <tern/foundation/log.h>
+#include <tern/synchronizer/notification_interface.h>
+#include <tern/synchronizer/observer.h>
+#include <tern/synchronizer/subject_interface.h>
+
+#include <string>
+
+namespace mwl::tern::Synchronizer {
+
+namespace {
+
+const std::string LOGGER = "Synchronizer::ObserverInterface";
+
+}  // namespace
+
+Observer::Observer(SubjectInterface& subject) : mSubject(subject) {
+    Observer::Init();
+}
+
+Observer::~Observer() {
+    mSubject.Detach(*this);
+}
+
+// Meant: the spelling of the text.
+void Observer::OnNotify(NotificationInterface* notification) {
+    TERN_LOG_ERROR(LOGGER,
+                   "[%s] Unsuppored Nofitication ID: %d. You need to implement OnNotify on your object",
+                   "OnNotify", static_cast<int>(notification->GetIdentifier()));
+}
+
+void Observer::Init() {}
+
+}  // namespace mwl::tern::Synchronizer

@@ -1,0 +1,258 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tern/synchronizer/notification_interface.h>
+#include <tern/synchronizer/observer_interface.h>
+#include <tern/synchronizer/subject.h>
+#include <tern/synchronizer/subject_interface.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "support/log_capture.h"
+
+using mwl::tern::Synchronizer::NotificationIdentifier;
+using mwl::tern::Synchronizer::NotificationInterface;
+using mwl::tern::Synchronizer::ObserverInterface;
+using mwl::tern::Synchronizer::Subject;
+using mwl::tern::Synchronizer::SubjectInterface;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr NotificationIdentifier ONE{1};
+constexpr NotificationIdentifier TWO{2};
+constexpr NotificationIdentifier THREE{3};
+
+/// Writes its name to the shared list when notified, then does what it was told to.
+class Recorder : public ObserverInterface {
+public:
+    Recorder(std::string name, std::vector<std::string>& calls) : mName(std::move(name)), mCalls(calls) {}
+
+    void OnNotify(NotificationInterface* notification) override {
+        last = notification;
+        mCalls.push_back(mName);
+        if (action) {
+            action();
+        }
+    }
+
+    NotificationInterface* last = nullptr;
+    std::function<void()> action;
+
+private:
+    std::string mName;
+    std::vector<std::string>& mCalls;
+};
+
+class SubjectTest : public testing::Test {
+protected:
+    /// The names of the observers called by one Notify.
+    std::vector<std::string> CalledBy(NotificationInterface& notification) {
+        calls.clear();
+        subject.Notify(notification);
+        return calls;
+    }
+
+    void AttachAll() {
+        subject.Attach(a, one);
+        subject.Attach(b, one);
+        subject.Attach(c, one);
+    }
+
+    std::vector<std::string> calls;
+    Recorder a{"a", calls};
+    Recorder b{"b", calls};
+    Recorder c{"c", calls};
+    NotificationInterface one{ONE};
+    NotificationInterface two{TWO};
+    NotificationInterface three{THREE};
+    Subject subject;
+};
+
+}  // namespace
+
+TEST(NotificationInterface, CarriesItsIdentifier) {
+    EXPECT_EQ(NotificationInterface(ONE).GetIdentifier(), ONE);
+    EXPECT_EQ(NotificationInterface(NotificationIdentifier{-7}).GetIdentifier(), NotificationIdentifier{-7});
+    EXPECT_TRUE(std::has_virtual_destructor_v<NotificationInterface>);
+    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<NotificationIdentifier>, std::int32_t>));
+}
+
+TEST_F(SubjectTest, IsASubjectInterface) {
+    EXPECT_TRUE((std::is_base_of_v<SubjectInterface, Subject>));
+    EXPECT_TRUE(std::has_virtual_destructor_v<SubjectInterface>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<ObserverInterface>);
+}
+
+TEST_F(SubjectTest, NotifiesNobodyAtFirst) {
+    const tern::test::LogCapture log;
+    EXPECT_THAT(CalledBy(one), IsEmpty());
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST_F(SubjectTest, NotifiesOnlyTheRegistrationsOfTheIdentifier) {
+    subject.Attach(a, one);
+    subject.Attach(a, two);
+    subject.Attach(b, three);
+    EXPECT_THAT(CalledBy(two), ElementsAre("a"));
+    EXPECT_EQ(a.last, &two);
+    EXPECT_THAT(CalledBy(three), ElementsAre("b"));
+}
+
+TEST_F(SubjectTest, GoesByTheIdentifierAndNotByTheNotificationObject) {
+    {
+        NotificationInterface temporary(ONE);
+        subject.Attach(a, temporary);
+    }
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+    EXPECT_EQ(a.last, &one);
+}
+
+TEST_F(SubjectTest, NotifiesInTheOrderOfRegistration) {
+    subject.Attach(b, one);
+    subject.Attach(a, one);
+    subject.Attach(c, one);
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "a", "c"));
+}
+
+TEST_F(SubjectTest, AttachingTwiceLeavesOneRegistration) {
+    subject.Attach(a, one);
+    subject.Attach(a, one);
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+    subject.Detach(a, one);
+    EXPECT_THAT(CalledBy(one), IsEmpty());
+}
+
+TEST_F(SubjectTest, ExistTellsTheExactPair) {
+    subject.Attach(a, one);
+    subject.Attach(b, two);
+    EXPECT_TRUE(subject.Exist({ONE, &a}));
+    EXPECT_TRUE(subject.Exist({TWO, &b}));
+    EXPECT_FALSE(subject.Exist({TWO, &a}));
+    EXPECT_FALSE(subject.Exist({ONE, &b}));
+    EXPECT_FALSE(subject.Exist({ONE, nullptr}));
+}
+
+TEST_F(SubjectTest, DetachOfANotificationRemovesThatPairOnly) {
+    AttachAll();
+    subject.Attach(b, two);
+    subject.Detach(b, one);
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "c"));
+    EXPECT_THAT(CalledBy(two), ElementsAre("b"));
+}
+
+TEST_F(SubjectTest, DetachOfAnObserverRemovesAllItsPairsAndKeepsTheOrderOfTheRest) {
+    for (NotificationInterface* const notification : {&one, &two, &three}) {
+        subject.Attach(a, *notification);
+        subject.Attach(b, *notification);
+        subject.Attach(c, *notification);
+    }
+    subject.Detach(b);
+    for (NotificationInterface* const notification : {&one, &two, &three}) {
+        EXPECT_THAT(CalledBy(*notification), ElementsAre("a", "c"));
+        EXPECT_FALSE(subject.Exist({notification->GetIdentifier(), &b}));
+    }
+}
+
+TEST_F(SubjectTest, DetachOfWhatIsNotRegisteredDoesNothing) {
+    subject.Detach(a, one);
+    subject.Detach(a);
+    subject.Attach(a, one);
+    subject.Detach(b, one);
+    subject.Detach(a, two);
+    subject.Detach(b);
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+}
+
+TEST_F(SubjectTest, ReattachedObserverComesLast) {
+    AttachAll();
+    subject.Detach(a, one);
+    subject.Attach(a, one);
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "c", "a"));
+}
+
+TEST_F(SubjectTest, ObserverThatDetachesItselfSkipsNobody) {
+    AttachAll();
+    a.action = [&] { subject.Detach(a, one); };
+    b.action = [&] { subject.Detach(b); };
+    c.action = a.action;
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("c"));
+}
+
+TEST_F(SubjectTest, ObserverDetachedByAnotherIsNotCalledAnyMore) {
+    AttachAll();
+    a.action = [&] { subject.Detach(b); };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "c"));
+}
+
+TEST_F(SubjectTest, DetachingAnEarlierObserverSkipsNobody) {
+    AttachAll();
+    b.action = [&] { subject.Detach(a); };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "c"));
+}
+
+TEST_F(SubjectTest, DetachingEverybodyEndsTheWalk) {
+    AttachAll();
+    a.action = [&] {
+        subject.Detach(a);
+        subject.Detach(c);
+        subject.Detach(b);
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+}
+
+TEST_F(SubjectTest, ObserversAttachedMeanwhileAreNotifiedToo) {
+    std::vector<std::unique_ptr<Recorder>> more;
+    subject.Attach(a, one);
+    a.action = [&] {
+        a.action = nullptr;
+        for (int i = 0; i < 100; ++i) {  // enough for the list to move
+            more.push_back(std::make_unique<Recorder>("more", calls));
+            subject.Attach(*more.back(), one);
+            subject.Attach(*more.back(), two);
+        }
+    };
+    EXPECT_EQ(CalledBy(one).size(), 101U);
+}
+
+TEST_F(SubjectTest, ObserverMayDestroyItselfWhenNotified) {
+    auto mortal = std::make_unique<Recorder>("mortal", calls);
+    subject.Attach(*mortal, one);
+    subject.Attach(a, one);
+    mortal->action = [&] {
+        subject.Detach(*mortal);
+        // The action is destroyed with its observer: nothing of it is used after this.
+        const auto last = std::move(mortal->action);
+        mortal.reset();
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("mortal", "a"));
+}
+
+TEST_F(SubjectTest, WalkInsideAWalkAndDetachingInTheInnerOneSkipsNobodyInTheOuterOne) {
+    AttachAll();
+    b.action = [&] {
+        b.action = [&] { subject.Detach(a); };
+        subject.Notify(one);
+        b.action = nullptr;
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "a", "b", "c", "c"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "c"));
+}
+
+TEST_F(SubjectTest, ExceptionOfAnObserverEndsTheWalkAndPasses) {
+    AttachAll();
+    b.action = [] { throw std::runtime_error("not now"); };
+    EXPECT_THROW(subject.Notify(one), std::runtime_error);
+    EXPECT_THAT(calls, ElementsAre("a", "b"));
+    b.action = nullptr;
+    subject.Detach(a);
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "c"));
+}
