@@ -1,0 +1,222 @@
+#include <pthread.h>
+#include <signal.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/threads_monitor.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/wait_until.h"
+#include "threading/supervision_doubles.h"
+
+namespace mwl::Threading {
+namespace {
+
+using tern::test::Error;
+using tern::test::Info;
+using tern::test::LogCapture;
+using tern::test::Trace;
+using ::testing::ElementsAre;
+using ::testing::InSequence;
+using ::testing::IsEmpty;
+using ::testing::Return;
+using ::testing::StrictMock;
+
+const std::string LOGGER = "Threading::ThreadsMonitor";
+constexpr unsigned long DBUS_THREAD = 77;
+
+class ThreadsMonitorTest : public ::testing::Test {
+protected:
+    StrictMock<MockSignals> mSignals;
+    ThreadsMonitor mMonitor{mSignals};
+    StrictMock<MockWorker> mFirst{mMonitor, 11};
+    StrictMock<MockWorker> mSecond{mMonitor, 22};
+    LogCapture mLog;
+};
+
+TEST_F(ThreadsMonitorTest, StopsNobodyAndHasNoFailureAtFirst) {
+    mMonitor.StopWorkerThreads();
+    EXPECT_FALSE(mMonitor.HasFailure());
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(ThreadsMonitorTest, StopsWorkersInTheOrderOfRegistration) {
+    mSecond.NotifyStarted();
+    mFirst.NotifyStarted();
+    InSequence order;
+    EXPECT_CALL(mSecond, Stop());
+    EXPECT_CALL(mFirst, Stop());
+    mMonitor.StopWorkerThreads();
+    EXPECT_THAT(mLog.Entries(), ElementsAre(Trace(LOGGER, "Add Worker thread [22]"),
+                                            Trace(LOGGER, "Add Worker thread [11]")));
+}
+
+TEST_F(ThreadsMonitorTest, WorkerThatLeftIsNotStopped) {
+    mFirst.NotifyStarted();
+    mSecond.NotifyStarted();
+    mFirst.NotifyStopped();
+    EXPECT_CALL(mSecond, Stop());
+    mMonitor.StopWorkerThreads();
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(Trace(LOGGER, "Add Worker thread [11]"), Trace(LOGGER, "Add Worker thread [22]"),
+                            Trace(LOGGER, "Remove Worker thread [11]"),
+                            Trace("Threading::ThreadsList", "Thread [11] removed from list")));
+}
+
+TEST_F(ThreadsMonitorTest, RemovingAStrangerIsAnErrorAndChangesNothing) {
+    mFirst.NotifyStarted();
+    mSecond.NotifyStopped();
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Trace(LOGGER, "Add Worker thread [11]"), Trace(LOGGER, "Remove Worker thread [22]"),
+                    Error("Threading::ThreadsList", "Failed to remove thread [22] from list")));
+    EXPECT_CALL(mFirst, Stop());
+    mMonitor.StopWorkerThreads();
+}
+
+TEST_F(ThreadsMonitorTest, SameWorkerTwiceIsRemovedOnceACall) {
+    mFirst.NotifyStarted();
+    mFirst.NotifyStarted();
+    mFirst.NotifyStopped();
+    EXPECT_CALL(mFirst, Stop());
+    mMonitor.StopWorkerThreads();
+}
+
+TEST_F(ThreadsMonitorTest, StoppingTheWorkersIsRepeatable) {
+    mFirst.NotifyStarted();
+    EXPECT_CALL(mFirst, Stop()).Times(2);
+    mMonitor.StopWorkerThreads();
+    mMonitor.StopWorkerThreads();
+}
+
+TEST_F(ThreadsMonitorTest, FirstNotificationDecidesFailure) {
+    mMonitor.SetDBusThreadId(DBUS_THREAD);
+    EXPECT_CALL(mSignals, SendSignal(DBUS_THREAD, SIGTERM)).WillOnce(Return(0));
+    mFirst.NotifyFailure();
+    mSecond.NotifyStop();
+    EXPECT_TRUE(mMonitor.HasFailure());
+    EXPECT_THAT(mLog.Entries(LOGGER),
+                ElementsAre(Info(LOGGER, "Notify D-Bus thread to stop [77]"),
+                            Info(LOGGER, "Notification sent to thread [77]"),
+                            Info(LOGGER, "D-Bus thread [77] already notified to stop")));
+}
+
+TEST_F(ThreadsMonitorTest, FailureAfterANominalStopIsNotAFailureOfTheProcess) {
+    mMonitor.SetDBusThreadId(DBUS_THREAD);
+    EXPECT_CALL(mSignals, SendSignal(DBUS_THREAD, SIGTERM)).WillOnce(Return(0));
+    mFirst.NotifyStop();
+    mSecond.NotifyFailure();
+    EXPECT_FALSE(mMonitor.HasFailure());
+    EXPECT_TRUE(mLog.Contains(Info(LOGGER, "D-Bus thread [77] already notified to stop")));
+}
+
+TEST_F(ThreadsMonitorTest, FailingSignalKeepsTheVerdictAndIsTriedAgain) {
+    EXPECT_CALL(mSignals, SendSignal(0, SIGTERM)).WillOnce(Return(ESRCH));
+    mMonitor.NotifyDBusThreadToStop(true);
+    EXPECT_TRUE(mMonitor.HasFailure());
+    EXPECT_CALL(mSignals, SendSignal(DBUS_THREAD, SIGTERM)).WillOnce(Return(EAGAIN)).WillOnce(Return(0));
+    mMonitor.SetDBusThreadId(DBUS_THREAD);
+    mMonitor.NotifyDBusThreadToStop(false);
+    EXPECT_FALSE(mMonitor.HasFailure());
+    mMonitor.NotifyDBusThreadToStopOnFailure();
+    EXPECT_TRUE(mMonitor.HasFailure());
+    EXPECT_THAT(mLog.Entries(), ElementsAre(Info(LOGGER, "Notify D-Bus thread to stop [0]"),
+                                            Error(LOGGER, "Failed to notify thread [0], error=3"),
+                                            Info(LOGGER, "Notify D-Bus thread to stop [77]"),
+                                            Error(LOGGER, "Failed to notify thread [77], error=11"),
+                                            Info(LOGGER, "Notify D-Bus thread to stop [77]"),
+                                            Info(LOGGER, "Notification sent to thread [77]")));
+}
+
+TEST_F(ThreadsMonitorTest, WhoAsksWhileTheSignalIsSentLearnsTheVerdict) {
+    std::thread asker;
+    std::atomic<bool> answer{false};
+    EXPECT_CALL(mSignals, SendSignal).WillOnce([&](unsigned long, int) {
+        asker = std::thread([&] { answer = mMonitor.HasFailure(); });
+        return ESRCH;
+    });
+    mMonitor.NotifyDBusThreadToStopOnFailure();
+    asker.join();
+    EXPECT_TRUE(answer);
+}
+
+// The real thing: no D-Bus thread yet, with the C library's signals.
+TEST(ThreadsMonitor, StopBeforeTheDBusThreadExistsIsAnErrorAndNoCrash) {
+    LogCapture log;
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    monitor.NotifyDBusThreadToStopOnFailure();
+    EXPECT_TRUE(monitor.HasFailure());
+    EXPECT_TRUE(log.Contains(Error(LOGGER, "Failed to notify thread [0], error=3")));
+}
+
+TEST(ThreadsMonitor, RealSignalReachesTheDBusThread) {
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    std::thread dbusThread([&] {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        monitor.SetDBusThreadId(pthread_self());
+        std::thread worker([&] { monitor.NotifyDBusThreadToStop(false); });
+        int taken = 0;
+        sigwait(&set, &taken);
+        EXPECT_EQ(taken, SIGTERM);
+        worker.join();
+    });
+    dbusThread.join();
+    EXPECT_FALSE(monitor.HasFailure());
+}
+
+class CountingWorker : public ThreadManager {
+public:
+    using ThreadManager::ThreadManager;
+    void Stop() override { stops.fetch_add(1); }
+    void Run() {
+        mThreadId = pthread_self();
+        NotifyStarted();
+        NotifyFailure();
+        NotifyStopped();
+    }
+    std::atomic<int> stops{0};
+};
+
+TEST(ThreadsMonitor, ManyThreadsAtOnceSendOneSignal) {
+    StrictMock<MockSignals> signals;
+    EXPECT_CALL(signals, SendSignal(DBUS_THREAD, SIGTERM)).WillOnce(Return(0));
+    ThreadsMonitor monitor(signals);
+    monitor.SetDBusThreadId(DBUS_THREAD);
+    std::vector<std::unique_ptr<CountingWorker>> workers;
+    std::vector<std::thread> threads;
+    LogCapture log;
+    for (int i = 0; i < 8; ++i) {
+        workers.push_back(std::make_unique<CountingWorker>(monitor));
+    }
+    for (const auto& worker : workers) {
+        threads.emplace_back([&worker] { worker->Run(); });
+    }
+    for (int i = 0; i < 100; ++i) {
+        monitor.StopWorkerThreads();
+        static_cast<void>(workers[0]->GetThreadId());  // while it is stored, for ThreadSanitizer
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(monitor.HasFailure());
+    EXPECT_EQ(log.Count(Info(LOGGER, "D-Bus thread [77] already notified to stop")), 7U);
+    for (const auto& worker : workers) {
+        worker->stops = 0;
+    }
+    monitor.StopWorkerThreads();
+    for (const auto& worker : workers) {
+        EXPECT_EQ(worker->stops, 0);
+    }
+}
+
+}  // namespace
+}  // namespace mwl::Threading

@@ -1,0 +1,69 @@
+#include <signal.h>
+#include <tern/foundation/log.h>
+#include <tern/threading/thread_manager.h>
+#include <tern/threading/threads_monitor.h>
+
+#include <string>
+
+namespace mwl::Threading {
+
+namespace {
+
+const std::string LOGGER = "Threading::ThreadsMonitor";
+
+}  // namespace
+
+ThreadsMonitor::ThreadsMonitor(SignalsInterface& signals) : mSignals(signals) {}
+
+ThreadsMonitor::~ThreadsMonitor() = default;
+
+void ThreadsMonitor::AddWorkerThread(ThreadManager& thread) {
+    TERN_LOG_TRACE(LOGGER, "Add Worker thread [%lu]", thread.GetThreadId());
+    const std::lock_guard lock(mMutex);
+    mWorkers.Add(thread);
+}
+
+void ThreadsMonitor::RemoveWorkerThread(ThreadManager& thread) {
+    TERN_LOG_TRACE(LOGGER, "Remove Worker thread [%lu]", thread.GetThreadId());
+    const std::lock_guard lock(mMutex);
+    mWorkers.Remove(thread);
+}
+
+void ThreadsMonitor::SetDBusThreadId(unsigned long threadId) {
+    const std::lock_guard lock(mMutex);
+    mDBusThreadId = threadId;
+}
+
+void ThreadsMonitor::StopWorkerThreads() {
+    const std::lock_guard lock(mMutex);
+    mWorkers.StopAll();
+}
+
+void ThreadsMonitor::NotifyDBusThreadToStop(bool onFailure) {
+    const std::lock_guard lock(mMutex);
+    if (mDBusThreadNotified) {
+        TERN_LOG_INFO(LOGGER, "D-Bus thread [%lu] already notified to stop", mDBusThreadId);
+        return;
+    }
+    TERN_LOG_INFO(LOGGER, "Notify D-Bus thread to stop [%lu]", mDBusThreadId);
+    // Before the signal, and whatever becomes of it: the D-Bus thread may end at once.
+    mHasFailure = onFailure;
+    const int error = mSignals.SendSignal(mDBusThreadId, SIGTERM);
+    if (error != 0) {
+        TERN_LOG_ERROR(LOGGER, "Failed to notify thread [%lu], error=%d", mDBusThreadId, error);
+        return;
+    }
+    TERN_LOG_INFO(LOGGER, "Notification sent to thread [%lu]", mDBusThreadId);
+    mDBusThreadNotified = true;
+}
+
+void ThreadsMonitor::NotifyDBusThreadToStopOnFailure() {
+    NotifyDBusThreadToStop(true);
+}
+
+bool ThreadsMonitor::HasFailure() {
+    const std::lock_guard lock(mMutex);
+    return mHasFailure;
+}
+
+}  // namespace mwl::Threading
