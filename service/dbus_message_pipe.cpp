@@ -5,7 +5,7 @@ namespace mw::tern {
 namespace {
 
 /// A message is the pointer itself.
-constexpr unsigned int MESSAGE_SIZE = sizeof(sd_bus_message*);
+constexpr unsigned int MESSAGE_SIZE = sizeof(void*);
 
 }  // namespace
 
