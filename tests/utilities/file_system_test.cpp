@@ -1,20 +1,16 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <tern/utilities/file_system.h>
 #include <unistd.h>
 
 #include <dirent.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 #include <type_traits>
 
+#include "files.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
@@ -22,10 +18,13 @@
 
 using mwl::StatusCode;
 using mwl::Utilities::FileSystem;
+using tern::test::ContentOf;
 using tern::test::Error;
 using tern::test::FaultScope;
 using tern::test::Info;
 using tern::test::LogCapture;
+using tern::test::MakeFile;
+using tern::test::ModeOf;
 using tern::test::TempFolder;
 using tern::test::Trace;
 using testing::ElementsAre;
@@ -39,16 +38,6 @@ TERN_INTERPOSE(ssize_t, readlink, (const char* path, char* buffer, size_t size),
 namespace {
 
 const std::string LOGGER = "mwl::Utilities::FileSystem";
-
-void MakeFile(const std::string& path, const std::string& content = "") {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string ContentOf(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-}
 
 /// A folder with one entry of every kind that can be made without privileges.
 class FileSystemOnEveryKind : public testing::Test {
@@ -96,6 +85,7 @@ TEST(FileSystem, ObjectsHoldNothingButTheVirtualInterface) {
 TEST(FileSystem, VirtualOperationsForwardAndCanBeReplaced) {
     const TempFolder folder;
     MakeFile(folder / "file");
+    const LogCapture log;
     FileSystem fileSystem;
     EXPECT_EQ(fileSystem.FileExists(folder / "file"), StatusCode::Ok);
     EXPECT_EQ(fileSystem.RenameFile(folder / "file", folder / "renamed"), StatusCode::Ok);
@@ -331,12 +321,14 @@ TEST_F(FileSystemOnEveryKind, TheLongestLinkIsReadWhole) {
         longest += longest.size() % 200 == 199 ? '/' : 'x';
     }
     ASSERT_EQ(symlink(longest.c_str(), (folder / "long").c_str()), 0) << strerror(errno);
+    const LogCapture log;
     std::string target;
     EXPECT_EQ(FileSystem::ReadLink(folder / "long", target), StatusCode::Ok);
     EXPECT_EQ(target, longest);
 }
 
 TEST_F(FileSystemOnEveryKind, ALinkCanBeReadIntoItsOwnPath) {
+    const LogCapture log;
     std::string path = folder / "link.txt";
     EXPECT_EQ(FileSystem::ReadLink(path, path), StatusCode::Ok);
     EXPECT_EQ(path, "a.txt");
@@ -369,6 +361,7 @@ TEST(FileSystem, AnExecutableThatCannotBeReadStillCutsTheNameItWasGiven) {
 }
 
 TEST(FileSystem, AnExecutableWithoutASeparatorKeepsItsWholeName) {
+    const LogCapture log;
     const FaultScope scope(fault_readlink);
     fault_readlink.Replace([](const char*, char* buffer, size_t) {
         buffer[0] = 'p';
@@ -396,14 +389,13 @@ TEST(FileSystem, WrittenContentIsTheWholeContentOfTheFile) {
 
 TEST(FileSystem, AWrittenFileIsNewWithTheUsualMode) {
     const TempFolder folder;
+    const LogCapture log;
     for (const mode_t mask : {0000, 0022, 0077}) {
         const mode_t former = umask(mask);
         const std::string path = folder / std::to_string(mask);
         EXPECT_EQ(FileSystem::WriteContent(path, "content"), StatusCode::Ok);
         umask(former);
-        struct stat information {};
-        ASSERT_EQ(stat(path.c_str(), &information), 0);
-        EXPECT_EQ(information.st_mode & 07777, 0666 & ~mask);
+        EXPECT_EQ(ModeOf(path), 0666U & ~mask);
     }
 }
 

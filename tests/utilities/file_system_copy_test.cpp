@@ -1,0 +1,579 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <tern/utilities/file_system.h>
+#include <unistd.h>
+
+#include "files.h"
+#include "private_mounts.h"
+#include "support/child.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/process_resources.h"
+
+using mwl::StatusCode;
+using mwl::Utilities::FileSystem;
+using tern::test::ChildResult;
+using tern::test::ContentOf;
+using tern::test::Error;
+using tern::test::Exists;
+using tern::test::FaultScope;
+using tern::test::FolderOn;
+using tern::test::Info;
+using tern::test::Inspect;
+using tern::test::LogCapture;
+using tern::test::LogEntry;
+using tern::test::MakeFile;
+using tern::test::ModeOf;
+using tern::test::RunInChild;
+using tern::test::Trace;
+using tern::test::Warning;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::UnorderedElementsAre;
+
+TERN_INTERPOSE(int, closedir, (DIR * stream), (stream))
+TERN_INTERPOSE(int, fstat64, (int fd, struct stat* information), (fd, information))
+TERN_INTERPOSE(int, ftruncate64, (int fd, off_t size), (fd, size))
+TERN_INTERPOSE(ssize_t, sendfile64, (int to, int from, off_t* offset, size_t count),
+               (to, from, offset, count))
+TERN_INTERPOSE(int, chmod, (const char* path, mode_t mode), (path, mode))
+TERN_INTERPOSE(int, chown, (const char* path, uid_t user, gid_t group), (path, user, group))
+TERN_INTERPOSE(int, getpwnam_r,
+               (const char* name, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
+               (name, entry, buffer, size, result))
+TERN_INTERPOSE(int, getgrnam_r,
+               (const char* name, struct group* entry, char* buffer, size_t size, struct group** result),
+               (name, entry, buffer, size, result))
+TERN_INTERPOSE(int, getpwuid_r,
+               (uid_t uid, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
+               (uid, entry, buffer, size, result))
+
+namespace {
+
+const std::string LOGGER = "mwl::Utilities::FileSystem";
+const std::string NO_ENTRY = "No such file or directory";
+
+/// Names in the order in which a walk meets them.
+std::vector<std::string> NamesInOrder(const std::string& folder) {
+    std::vector<std::string> names;
+    DIR* stream = opendir(folder.c_str());
+    while (const dirent* entry = readdir(stream)) {
+        if (entry->d_name[0] != '.') {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    closedir(stream);
+    return names;
+}
+
+/// On the file system of the parameter; every user and group name is this process's own unless a test says
+/// otherwise.
+class FileSystemCopy : public testing::TestWithParam<const char*> {
+protected:
+    FileSystemCopy() {
+        EXPECT_EQ(mkdir((folder / "from").c_str(), 0755), 0);
+        EXPECT_EQ(mkdir((folder / "to").c_str(), 0755), 0);
+        fault_getpwnam_r.Replace(
+            [](const char*, struct passwd* entry, char*, size_t, struct passwd** result) {
+                entry->pw_uid = getuid();
+                *result = entry;
+                return 0;
+            },
+            100000);
+        fault_getgrnam_r.Replace(
+            [](const char*, struct group* entry, char*, size_t, struct group** result) {
+                entry->gr_gid = getgid();
+                *result = entry;
+                return 0;
+            },
+            100000);
+        fault_getpwuid_r.Replace(
+            [](uid_t, struct passwd* entry, char* buffer, size_t size, struct passwd** result) {
+                snprintf(buffer, size, "self");
+                entry->pw_name = buffer;
+                *result = entry;
+                return 0;
+            },
+            100000);
+    }
+
+    StatusCode CopyAll() { return FileSystem::CopyFolderContent(from, to, true, true); }
+    LogEntry Copied(const std::string& name, const std::string& status = "Ok") {
+        return Info(LOGGER,
+                    "CopyFolderContent: Copy " + from + name + " to " + to + name + ", status = " + status);
+    }
+
+    FolderOn folder{GetParam()};
+    const std::string from = folder / "from/";
+    const std::string to = folder / "to/";
+    const FaultScope<int(DIR*)> closedirScope{fault_closedir};
+    const FaultScope<int(int, struct stat*)> fstatScope{fault_fstat64};
+    const FaultScope<int(int, off_t)> ftruncateScope{fault_ftruncate64};
+    const FaultScope<ssize_t(int, int, off_t*, size_t)> sendfileScope{fault_sendfile64};
+    const FaultScope<int(const char*, mode_t)> chmodScope{fault_chmod};
+    const FaultScope<int(const char*, uid_t, gid_t)> chownScope{fault_chown};
+    const FaultScope<int(const char*, struct passwd*, char*, size_t, struct passwd**)> userScope{
+        fault_getpwnam_r};
+    const FaultScope<int(const char*, struct group*, char*, size_t, struct group**)> groupScope{
+        fault_getgrnam_r};
+    const FaultScope<int(uid_t, struct passwd*, char*, size_t, struct passwd**)> uidScope{fault_getpwuid_r};
+};
+
+/// The file systems that every system has: the one for temporary files and one in memory.
+INSTANTIATE_TEST_SUITE_P(OnDiskAndInMemory, FileSystemCopy, testing::Values("/tmp", "/dev/shm"));
+
+}  // namespace
+
+TEST_P(FileSystemCopy, AFileIsCopiedWhole) {
+    const LogCapture log;
+    for (const std::size_t size : {0U, 1U, 4096U, 3000001U}) {
+        std::string content;
+        while (content.size() < size) {
+            content += static_cast<char>(content.size() * 7 / 3);
+        }
+        MakeFile(from + "file", content);
+        EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "file" + std::to_string(size)), StatusCode::Ok);
+        EXPECT_EQ(ContentOf(to + "file" + std::to_string(size)), content) << size;
+    }
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST_P(FileSystemCopy, ANewCopyHasModeDecimal644LessTheUmask) {
+    MakeFile(from + "file", "content");
+    ASSERT_EQ(chmod((from + "file").c_str(), 0777), 0);
+    const LogCapture log;
+    for (const mode_t mask : {0000, 0002, 0022, 0077, 0777}) {
+        const std::string copy = to + std::to_string(mask);
+        const mode_t former = umask(mask);
+        EXPECT_EQ(FileSystem::CopyFile(from + "file", copy), StatusCode::Ok);
+        umask(former);
+        EXPECT_EQ(ModeOf(copy), 01204U & ~mask) << mask;
+    }
+}
+
+TEST_P(FileSystemCopy, AnExistingDestinationIsReplacedAndKeepsItsMode) {
+    const LogCapture log;
+    MakeFile(from + "file", "new");
+    MakeFile(to + "file", "much longer than the new content");
+    ASSERT_EQ(chmod((to + "file").c_str(), 0640), 0);
+    const ino_t inode = Inspect(to + "file").st_ino;
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "file"), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(to + "file"), "new");
+    EXPECT_EQ(ModeOf(to + "file"), 0640U);
+    EXPECT_EQ(Inspect(to + "file").st_ino, inode);
+}
+
+TEST_P(FileSystemCopy, AFileCopiedOntoItselfStaysWhole) {
+    MakeFile(from + "file", "precious");
+    ASSERT_EQ(symlink("file", (from + "link").c_str()), 0);
+    ASSERT_EQ(link((from + "file").c_str(), (from + "hard").c_str()), 0);
+    for (const char* name : {"file", "link", "hard"}) {
+        const LogCapture log;
+        EXPECT_EQ(FileSystem::CopyFile(from + "file", from + name), StatusCode::InvalidArgument) << name;
+        EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "CopyFile: Failed to open file " + from + name +
+                                                                 ", errno = Invalid argument")));
+        EXPECT_EQ(ContentOf(from + "file"), "precious") << name;
+    }
+}
+
+TEST_P(FileSystemCopy, ASourceThatCannotBeOpenedIsNamedAndNothingIsMade) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFile(from + "none", to + "copy"), StatusCode::NotFound);
+    EXPECT_FALSE(Exists(to + "copy"));
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "CopyFile: Failed to open file " + from +
+                                                             "none, errno = " + NO_ENTRY)));
+}
+
+TEST_P(FileSystemCopy, ASourceThatCannotBeInspectedIsNamedAndNothingIsMade) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    fault_fstat64.Fail(-1, EOVERFLOW);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::Failure);
+    EXPECT_FALSE(Exists(to + "copy"));
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, "CopyFile: Information file failed for " + from +
+                                              "file, errno = Value too large for defined data type")));
+}
+
+TEST_P(FileSystemCopy, ADestinationThatCannotBeOpenedIsNamed) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", folder.Path()), StatusCode::IoError);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "none/copy"), StatusCode::NotFound);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(
+            Error(LOGGER, "CopyFile: Failed to open file " + folder.Path() + ", errno = Is a directory"),
+            Error(LOGGER, "CopyFile: Failed to open file " + to + "none/copy, errno = " + NO_ENTRY)));
+}
+
+TEST_P(FileSystemCopy, ADestinationThatCannotBeInspectedOrEmptiedIsNamed) {
+    MakeFile(from + "file", "content");
+    MakeFile(to + "copy", "former");
+    const LogCapture log;
+    fault_fstat64.Fail(-1, EIO, 1, 1);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    fault_ftruncate64.Fail(-1, EPERM);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::NotPermitted);
+    EXPECT_EQ(ContentOf(to + "copy"), "former");
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(
+            Error(LOGGER, "CopyFile: Information file failed for " + to + "copy, errno = Input/output error"),
+            Error(LOGGER, "CopyFile: Failed to open file " + to + "copy, errno = Operation not permitted")));
+}
+
+TEST_P(FileSystemCopy, AFailedTransferGivesTheStatusOfErrno) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    fault_sendfile64.Fail(-1, ENOSPC);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = No space left on device")));
+}
+
+// errno says nothing after a short transfer; reported by it, a truncated copy once passed for a good one.
+TEST_P(FileSystemCopy, AShortTransferIsAnInputOutputErrorAndIsNotRepeated) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    fault_sendfile64.Replace([](int target, int source, off_t* offset, size_t) {
+        const ssize_t copied = fault_sendfile64.Real(target, source, offset, 3);
+        errno = 0;
+        return copied;
+    });
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    EXPECT_EQ(fault_sendfile64.Calls(), 1);
+    EXPECT_EQ(ContentOf(to + "copy"), "con");
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = Input/output error")));
+}
+
+TEST_P(FileSystemCopy, AFolderIsNoSourceOfACopy) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFile(from, to + "copy"), StatusCode::InvalidArgument);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = Invalid argument")));
+}
+
+TEST_P(FileSystemCopy, DescriptorsCloseOnExecutionAndOnEveryPath) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    const std::size_t before = tern::test::CountDescriptors();
+    int flags = 0;
+    fault_sendfile64.Replace([&](int target, int source, off_t* offset, size_t count) {
+        flags = fcntl(target, F_GETFD) & fcntl(source, F_GETFD);
+        return fault_sendfile64.Real(target, source, offset, count);
+    });
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::Ok);
+    EXPECT_EQ(flags & FD_CLOEXEC, FD_CLOEXEC);
+    fault_sendfile64.Fail(-1, EIO);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    fault_fstat64.Fail(-1, EIO);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    fault_fstat64.Fail(-1, EIO, 1, 1);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", folder.Path()), StatusCode::IoError);
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_EQ(tern::test::CountDescriptors(), before);
+}
+
+TEST_P(FileSystemCopy, AFolderThatCannotBeOpenedIsAFailure) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFolderContent(from + "none/", to, true, true), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, "CopyFolderContent: Failed to open directory: " + from + "none/")));
+}
+
+TEST_P(FileSystemCopy, AnEmptyFolderIsNotFound) {
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::NotFound);
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST_P(FileSystemCopy, ACopiedFileHasTheDefaultRights) {
+    MakeFile(from + "file", "content");
+    ASSERT_EQ(chmod((from + "file").c_str(), 0700), 0);
+    const LogCapture log;
+    const mode_t former = umask(0077);
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    umask(former);
+    EXPECT_EQ(ContentOf(to + "file"), "content");
+    EXPECT_EQ(ModeOf(to + "file"), 0644U);
+    EXPECT_THAT(log.Entries(), ElementsAre(Copied("file")));
+}
+
+TEST_P(FileSystemCopy, WithoutTheMeadowUserAFileIsCopiedAllTheSameAndKeepsItsFirstMode) {
+    MakeFile(from + "file", "content");
+    fault_getpwnam_r.Fail(0, 0, 1000);
+    const LogCapture log;
+    const mode_t former = umask(0);
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    umask(former);
+    EXPECT_EQ(ContentOf(to + "file"), "content");
+    EXPECT_EQ(ModeOf(to + "file"), 01204U);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(Copied("file"),
+                    Error(LOGGER, "SetMeadowOwner: Failed to get user info or group info of file " + to +
+                                      "file, errno Success"),
+                    Warning(LOGGER, "CopyFolderContent: Failed to set meadow owner for " + to + "file")));
+}
+
+TEST_P(FileSystemCopy, AFileWhoseOwnerCannotBeSetIsCopied) {
+    MakeFile(from + "file", "content");
+    fault_chown.Fail(-1, EPERM);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(Copied("file"),
+                    Error(LOGGER, "SetMeadowOwner: Failed to change owner of file: " + to +
+                                      "file (errno=Operation not permitted)"),
+                    Warning(LOGGER, "CopyFolderContent: Failed to set meadow owner for " + to + "file")));
+}
+
+TEST_P(FileSystemCopy, AFileWhoseModeCannotBeSetIsCopied) {
+    MakeFile(from + "file", "content");
+    fault_chmod.Fail(-1, EPERM);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(
+            Copied("file"),
+            Error(LOGGER, "SetDefaultAccessRights: Failed to change permission of file: " + to +
+                              "file (errno=Operation not permitted)"),
+            Warning(LOGGER, "CopyFolderContent: Failed to set default meadow rights for " + to + "file")));
+}
+
+TEST_P(FileSystemCopy, AFileThatCannotBeCopiedGivesItsStatus) {
+    MakeFile(from + "file", "content");
+    ASSERT_EQ(mkdir((to + "file").c_str(), 0755), 0);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::IoError);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(
+            Error(LOGGER, "CopyFile: Failed to open file " + to + "file, errno = Is a directory"),
+            Copied("file", "IoError"),
+            Error(LOGGER, "CopyFolderContent: Failed to copy file (" + from + "file), status = IoError")));
+}
+
+TEST_P(FileSystemCopy, TheResultIsThatOfTheLastEntry) {
+    MakeFile(from + "one", "content");
+    MakeFile(from + "two", "content");
+    const std::vector<std::string> names = NamesInOrder(from);
+    const LogCapture log;
+    ASSERT_EQ(mkdir((to + names[0]).c_str(), 0755), 0);
+    EXPECT_EQ(CopyAll(), StatusCode::Ok) << "a failure of the first is covered by the second";
+    EXPECT_EQ(ContentOf(to + names[1]), "content");
+
+    ASSERT_EQ(rmdir((to + names[0]).c_str()), 0);
+    ASSERT_EQ(unlink((to + names[1]).c_str()), 0);
+    ASSERT_EQ(mkdir((to + names[1]).c_str(), 0755), 0);
+    EXPECT_EQ(CopyAll(), StatusCode::IoError);
+    EXPECT_EQ(ContentOf(to + names[0]), "content");
+}
+
+TEST_P(FileSystemCopy, FilesAndFoldersAreChosenAtTheFirstLevelOnly) {
+    MakeFile(from + "file", "top");
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((from + "sub/deep").c_str(), 0700), 0);
+    MakeFile(from + "sub/file", "middle");
+    MakeFile(from + "sub/deep/file", "bottom");
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFolderContent(from, to, true, false), StatusCode::Ok);
+    EXPECT_FALSE(Exists(to + "file"));
+    EXPECT_EQ(ContentOf(to + "sub/file"), "middle");
+    EXPECT_EQ(ContentOf(to + "sub/deep/file"), "bottom");
+    EXPECT_EQ(ModeOf(to + "sub"), 0775U);
+    EXPECT_EQ(ModeOf(to + "sub/deep"), 0775U);
+    EXPECT_THAT(log.Entries(),
+                UnorderedElementsAre(Trace(LOGGER, "CopyFolderContent: includeFiles=false, " + from +
+                                                       "file is not copied to " + to),
+                                     Trace(LOGGER, "CreateFolder: " + to + "sub"),
+                                     Trace(LOGGER, "CreateFolder: " + to + "sub now exists"),
+                                     Copied("sub/file"), Trace(LOGGER, "CreateFolder: " + to + "sub/deep"),
+                                     Trace(LOGGER, "CreateFolder: " + to + "sub/deep now exists"),
+                                     Copied("sub/deep/file"), Copied("sub/deep/"), Copied("sub/")));
+}
+
+TEST_P(FileSystemCopy, FoldersAloneWithoutFoldersAreNotFound) {
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    MakeFile(from + "sub/file", "content");
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFolderContent(from, to, false, true), StatusCode::NotFound);
+    EXPECT_FALSE(Exists(to + "sub"));
+    EXPECT_THAT(log.Entries(), ElementsAre(Trace(LOGGER, "CopyFolderContent: includeFolders=false, " + from +
+                                                             "sub is not copied to " + to)));
+}
+
+TEST_P(FileSystemCopy, FilesAloneWithoutFilesAreNotFound) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFolderContent(from, to, true, false), StatusCode::NotFound);
+    EXPECT_FALSE(Exists(to + "file"));
+}
+
+TEST_P(FileSystemCopy, AnEmptySubFolderIsCopied) {
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_TRUE(Exists(to + "sub"));
+    EXPECT_THAT(log.Entries(), ElementsAre(Trace(LOGGER, "CreateFolder: " + to + "sub"),
+                                           Trace(LOGGER, "CreateFolder: " + to + "sub now exists"),
+                                           Info(LOGGER, "CopyFolderContent: Copy empty " + from + "sub/ to " +
+                                                            to + "sub/, status = Ok")));
+}
+
+TEST_P(FileSystemCopy, AFailureInASubFolderGivesItsStatus) {
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    MakeFile(from + "sub/file", "content");
+    fault_sendfile64.Fail(-1, EROFS);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::AccessDenied);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "CopyFolderContent: Failed to copy sub-folder (" + from +
+                                                      "sub/), status = AccessDenied"));
+}
+
+TEST_P(FileSystemCopy, ASubFolderThatCannotBeMadeGivesItsStatusWithoutAMessageOfItsOwn) {
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFolderContent(from, to + "none/", true, true), StatusCode::NotFound);
+    EXPECT_THAT(log.Entries(), ElementsAre(Trace(LOGGER, "CreateFolder: " + to + "none/sub"),
+                                           Error(LOGGER, "CreateFolder: Failed to create folder: " + to +
+                                                             "none/sub (errno=" + NO_ENTRY + ")")));
+}
+
+TEST_P(FileSystemCopy, OtherKindsOfEntriesAreToldAndLeftOut) {
+    MakeFile(folder / "target", "content");
+    ASSERT_EQ(symlink("../target", (from + "link").c_str()), 0);
+    ASSERT_EQ(mkfifo((from + "fifo").c_str(), 0600), 0);
+    const int socketFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%ssocket", from.c_str());
+    ASSERT_EQ(bind(socketFd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(socketFd);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::NotFound);
+    EXPECT_THAT(NamesInOrder(to), IsEmpty());
+    const std::string end = ") is not supported";
+    EXPECT_THAT(log.Entries(),
+                UnorderedElementsAre(Info(LOGGER, "CopyFolderContent: File link, type (10" + end),
+                                     Info(LOGGER, "CopyFolderContent: File fifo, type (1" + end),
+                                     Info(LOGGER, "CopyFolderContent: File socket, type (12" + end)));
+}
+
+TEST_P(FileSystemCopy, PathsAreJoinedAsTheyAre) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    const std::string bare = to.substr(0, to.size() - 1);
+    EXPECT_EQ(FileSystem::CopyFolderContent(from, bare, true, true), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(bare + "file"), "content");
+    EXPECT_FALSE(Exists(to + "file"));
+}
+
+TEST_P(FileSystemCopy, AFolderThatFailsToCloseIsCopied) {
+    MakeFile(from + "file", "content");
+    fault_closedir.Replace([](DIR* stream) {
+        fault_closedir.Real(stream);
+        errno = EIO;
+        return -1;
+    });
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(
+            Copied("file"),
+            Warning(LOGGER, "CopyFolderContent: Failed to close directory, errno: Input/output error")));
+}
+
+TEST_P(FileSystemCopy, AnEarlierCopyIsReplaced) {
+    const LogCapture log;
+    MakeFile(from + "file", "old and long");
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    MakeFile(from + "sub/file", "old and long");
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    MakeFile(to + "extra", "stays");
+    MakeFile(from + "file", "new");
+    MakeFile(from + "sub/file", "new");
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(to + "file"), "new");
+    EXPECT_EQ(ContentOf(to + "sub/file"), "new");
+    EXPECT_EQ(ContentOf(to + "extra"), "stays");
+}
+
+TEST_P(FileSystemCopy, FilesOfATreeGoToMeadowAndFoldersToTheCopyingUser) {
+    if (!tern::test::CanMountPrivately()) {
+        GTEST_SKIP() << "a mount namespace is not permitted here";
+    }
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    MakeFile(from + "sub/file", "content");
+    const ChildResult child = RunInChild([&] {
+        fault_getpwnam_r.Reset();
+        fault_getgrnam_r.Reset();
+        fault_getpwuid_r.Reset();
+        return tern::test::EnterPrivateMounts() &&
+                       tern::test::CoverFile("/etc/passwd", folder / "passwd",
+                                             "root:x:0:0::/:/bin/sh\nmeadow:x:61001:1::/:/bin/false\n") &&
+                       tern::test::CoverFile("/etc/group", folder / "group",
+                                             "root:x:0:\nmeadow:x:61002:\n") &&
+                       CopyAll() == StatusCode::Ok
+                   ? 0
+                   : 1;
+    });
+    ASSERT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_EQ(Inspect(to + "sub/file").st_uid, 61001U);
+    EXPECT_EQ(Inspect(to + "sub/file").st_gid, 61002U);
+    EXPECT_EQ(ModeOf(to + "sub/file"), 0644U);
+    EXPECT_EQ(Inspect(to + "sub").st_uid, 0U);
+    EXPECT_EQ(Inspect(to + "sub").st_gid, 0U);
+}
+
+TEST_P(FileSystemCopy, OtherFileSystemsAreWalkedAndCopiedFrom) {
+    if (!tern::test::CanMountPrivately()) {
+        GTEST_SKIP() << "a mount namespace is not permitted here";
+    }
+    for (const char* type : {"tmpfs", "ramfs", "overlay"}) {
+        const ChildResult child = RunInChild([&] {
+            const std::string lower = folder / "lower";
+            mkdir(lower.c_str(), 0755);
+            const std::string options = std::string(type) == "overlay" ? "lowerdir=" + lower + ":" + to : "";
+            if (!tern::test::EnterPrivateMounts()) {
+                return 2;
+            }
+            MakeFile(lower + "/file", "content");
+            mkdir((lower + "/sub").c_str(), 0755);
+            MakeFile(lower + "/sub/file", "content");
+            if (mount(type, from.c_str(), type, 0, options.c_str()) != 0) {
+                return 3;
+            }
+            if (options.empty() &&
+                FileSystem::CopyFolderContent(lower + "/", from, true, true) != StatusCode::Ok) {
+                return 4;
+            }
+            return CopyAll() == StatusCode::Ok && ContentOf(to + "file") == "content" &&
+                           ContentOf(to + "sub/file") == "content" &&
+                           FileSystem::DeleteFolderContent(to, true, true) == StatusCode::Ok
+                       ? 0
+                       : 1;
+        });
+        if (child.exitCode == 3) {
+            std::printf("%s cannot be mounted here, left out\n", type);
+            continue;
+        }
+        EXPECT_EQ(child.exitCode, 0) << type << child.error;
+        EXPECT_THAT(NamesInOrder(to), IsEmpty()) << type;
+    }
+}

@@ -1,0 +1,286 @@
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <tern/utilities/file_system.h>
+#include <unistd.h>
+
+#include "files.h"
+#include "private_mounts.h"
+#include "support/child.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/process_resources.h"
+
+using mwl::StatusCode;
+using mwl::Utilities::FileSystem;
+using tern::test::ChildResult;
+using tern::test::ContentOf;
+using tern::test::Error;
+using tern::test::Exists;
+using tern::test::FaultScope;
+using tern::test::FolderOn;
+using tern::test::Info;
+using tern::test::LogCapture;
+using tern::test::LogEntry;
+using tern::test::MakeFile;
+using tern::test::RunInChild;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+TERN_INTERPOSE(int, rmdir, (const char* path), (path))
+TERN_INTERPOSE(int, unlink, (const char* path), (path))
+TERN_INTERPOSE(int, remove, (const char* path), (path))
+
+namespace {
+
+const std::string LOGGER = "mwl::Utilities::FileSystem";
+const std::string NO_ENTRY = "No such file or directory";
+constexpr uid_t NOBODY = 65534;
+
+/// A tree with every kind of entry, on the file system of the parameter.
+class FileSystemDelete : public testing::TestWithParam<const char*> {
+protected:
+    FileSystemDelete() {
+        MakeFile(folder / "outside", "stays");
+        mkdir((folder / "outside_folder").c_str(), 0755);
+        MakeFile(folder / "outside_folder/file", "stays");
+        mkdir(tree.c_str(), 0755);
+        mkdir((tree + "/sub").c_str(), 0755);
+        mkdir((tree + "/sub/deep").c_str(), 0755);
+        MakeFile(tree + "/file", "content");
+        MakeFile(tree + "/sub/file", "content");
+        MakeFile(tree + "/sub/deep/file", "content");
+        EXPECT_EQ(symlink("../outside", (tree + "/link").c_str()), 0);
+        EXPECT_EQ(symlink("../outside_folder", (tree + "/folder_link").c_str()), 0);
+        EXPECT_EQ(symlink("nowhere", (tree + "/sub/dangling").c_str()), 0);
+        EXPECT_EQ(mkfifo((tree + "/sub/fifo").c_str(), 0600), 0);
+    }
+
+    bool OutsideIsWhole() {
+        return ContentOf(folder / "outside") == "stays" &&
+               ContentOf(folder / "outside_folder/file") == "stays";
+    }
+
+    LogEntry FailedToRemove(const std::string& path, const std::string& text) {
+        return Error(LOGGER, "DeleteFolder: Failed to remove " + path + " " + text);
+    }
+    LogEntry FailedToRemoveFolder(const std::string& path) {
+        return Error(LOGGER, "DeleteFolder: Failed to remove folder " + path);
+    }
+
+    FolderOn folder{GetParam()};
+    const std::string tree = folder / "tree";
+    const FaultScope<int(const char*)> rmdirScope{fault_rmdir};
+    const FaultScope<int(const char*)> unlinkScope{fault_unlink};
+    const FaultScope<int(const char*)> removeScope{fault_remove};
+};
+
+INSTANTIATE_TEST_SUITE_P(OnDiskAndInMemory, FileSystemDelete, testing::Values("/tmp", "/dev/shm"));
+
+}  // namespace
+
+TEST_P(FileSystemDelete, AWholeTreeGoesAndLinksAreNotFollowed) {
+    const LogCapture log;
+    const std::size_t before = tern::test::CountDescriptors();
+    EXPECT_EQ(FileSystem::DeleteFolder(tree, false), StatusCode::Ok);
+    EXPECT_FALSE(Exists(tree));
+    EXPECT_TRUE(OutsideIsWhole());
+    EXPECT_THAT(log.Entries(), IsEmpty());
+    EXPECT_EQ(tern::test::CountDescriptors(), before);
+}
+
+TEST_P(FileSystemDelete, ATreeDeeperThanTheDescriptorsOfTheWalkGoes) {
+    std::string path = tree;
+    for (int depth = 0; depth < 60; ++depth) {
+        path += "/d";
+        ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+        MakeFile(path + "/file");
+    }
+    EXPECT_EQ(FileSystem::DeleteFolder(tree, false), StatusCode::Ok);
+    EXPECT_FALSE(Exists(tree));
+}
+
+TEST_P(FileSystemDelete, AFileOrALinkInPlaceOfAFolderGoes) {
+    EXPECT_EQ(FileSystem::DeleteFolder(tree + "/file", false), StatusCode::Ok);
+    EXPECT_EQ(FileSystem::DeleteFolder(tree + "/folder_link", false), StatusCode::Ok);
+    EXPECT_FALSE(Exists(tree + "/file"));
+    EXPECT_FALSE(Exists(tree + "/folder_link"));
+    EXPECT_TRUE(OutsideIsWhole());
+}
+
+TEST_P(FileSystemDelete, AMissingFolderFailsAndSaysSoUnlessQuiet) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::DeleteFolder(folder / "none", true), StatusCode::NotFound);
+    EXPECT_THAT(log.Entries(), IsEmpty());
+    EXPECT_EQ(FileSystem::DeleteFolder(folder / "none", false), StatusCode::NotFound);
+    EXPECT_THAT(log.Entries(), ElementsAre(FailedToRemoveFolder(folder / "none")));
+}
+
+TEST_P(FileSystemDelete, TheFirstEntryThatCannotBeRemovedEndsTheWalkWithItsStatus) {
+    const LogCapture log;
+    fault_rmdir.Fail(-1, EBUSY);
+    EXPECT_EQ(FileSystem::DeleteFolder(tree, false), StatusCode::Busy);
+    EXPECT_EQ(fault_rmdir.Calls(), 1);
+    EXPECT_THAT(log.Entries(), ElementsAre(FailedToRemove(tree + "/sub/deep", "Device or resource busy"),
+                                           FailedToRemoveFolder(tree)));
+}
+
+TEST_P(FileSystemDelete, QuietLeavesOutOnlyTheConcludingMessage) {
+    const LogCapture log;
+    std::string path;
+    fault_unlink.Replace([&](const char* entry) {
+        path = entry;
+        errno = EROFS;
+        return -1;
+    });
+    EXPECT_EQ(FileSystem::DeleteFolder(tree, true), StatusCode::AccessDenied);
+    EXPECT_EQ(fault_unlink.Calls(), 1);
+    EXPECT_THAT(log.Entries(), ElementsAre(FailedToRemove(path, "Read-only file system")));
+}
+
+TEST_P(FileSystemDelete, OtherMountsAreNotEntered) {
+    if (!tern::test::CanMountPrivately()) {
+        GTEST_SKIP() << "a mount namespace is not permitted here";
+    }
+    ASSERT_EQ(mkdir((tree + "/mounted").c_str(), 0755), 0);
+    const ChildResult child = RunInChild([&] {
+        if (!tern::test::EnterPrivateMounts() ||
+            mount("tmpfs", (tree + "/mounted").c_str(), "tmpfs", 0, nullptr) != 0) {
+            return 2;
+        }
+        MakeFile(tree + "/mounted/file", "stays");
+        return FileSystem::DeleteFolder(tree, false) != StatusCode::Ok &&
+                       ContentOf(tree + "/mounted/file") == "stays"
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_EQ(child.log.back(), FailedToRemoveFolder(tree));
+    EXPECT_FALSE(Exists(tree + "/file"));
+}
+
+TEST_P(FileSystemDelete, AnotherUsersTreeStays) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    ASSERT_EQ(chmod(folder.Path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod((tree + "/sub").c_str(), 0700), 0);
+    const ChildResult child = RunInChild([&] {
+        return setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 && setuid(NOBODY) == 0 &&
+                       // A folder that cannot be read is unlinked as if it were a file.
+                       FileSystem::DeleteFolder(tree + "/sub", false) != StatusCode::Ok &&
+                       FileSystem::DeleteFile(tree + "/file") == StatusCode::AccessDenied &&
+                       FileSystem::DeleteFolderContent(tree + "/sub", true, true) == StatusCode::NotFound
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    ASSERT_EQ(child.log.size(), 4U);
+    EXPECT_EQ(child.log[0].text.rfind("DeleteFolder: Failed to remove " + tree + "/sub ", 0), 0U);
+    EXPECT_EQ(child.log[1], FailedToRemoveFolder(tree + "/sub"));
+    EXPECT_EQ(child.log[2],
+              Info(LOGGER, "DeleteFile: Failed to delete file: " + tree + "/file (errno=Permission denied)"));
+    EXPECT_EQ(child.log[3], Error(LOGGER, "DeleteFolderContent: Failed to open dir " + tree +
+                                              "/sub, errno = Permission denied"));
+    EXPECT_TRUE(Exists(tree + "/sub/file"));
+}
+
+TEST_P(FileSystemDelete, FilesLinksAndEmptyFoldersAreDeletedAsFiles) {
+    const LogCapture log;
+    ASSERT_EQ(mkdir((tree + "/empty").c_str(), 0755), 0);
+    for (const char* name : {"/file", "/link", "/empty", "/sub/fifo"}) {
+        EXPECT_EQ(FileSystem::DeleteFile(tree + name), StatusCode::Ok) << name;
+        EXPECT_FALSE(Exists(tree + name)) << name;
+    }
+    EXPECT_THAT(log.Entries(), IsEmpty());
+    EXPECT_TRUE(OutsideIsWhole());
+}
+
+TEST_P(FileSystemDelete, AFileThatCannotBeDeletedIsToldAtInfoLevelOnly) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::DeleteFile(tree + "/none"), StatusCode::NotFound);
+    fault_remove.Fail(-1, EBUSY);
+    EXPECT_EQ(FileSystem::DeleteFile(tree + "/file"), StatusCode::Busy);
+    EXPECT_EQ(FileSystem::DeleteFile(tree + "/sub"), StatusCode::Failure);  // ENOTEMPTY
+    const std::string message = "DeleteFile: Failed to delete file: " + tree;
+    EXPECT_THAT(log.Entries(), ElementsAre(Info(LOGGER, message + "/none (errno=" + NO_ENTRY + ")"),
+                                           Info(LOGGER, message + "/file (errno=Device or resource busy)"),
+                                           Info(LOGGER, message + "/sub (errno=Directory not empty)")));
+}
+
+TEST_P(FileSystemDelete, AnEmptyPathIsRefusedWithoutASystemCall) {
+    const LogCapture log;
+    fault_remove.Fail(0);
+    EXPECT_EQ(FileSystem::DeleteFile(""), StatusCode::Failure);
+    EXPECT_EQ(fault_remove.Calls(), 0);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "DeleteFile: Impossible to remove empty path")));
+}
+
+TEST_P(FileSystemDelete, TheContentOfAFolderGoesByKind) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, false, false), StatusCode::Ok);
+    EXPECT_TRUE(Exists(tree + "/file"));
+    EXPECT_TRUE(Exists(tree + "/sub/deep/file"));
+
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, false, true), StatusCode::Ok);
+    EXPECT_FALSE(Exists(tree + "/file"));
+    EXPECT_TRUE(Exists(tree + "/sub/deep/file"));
+
+    MakeFile(tree + "/file", "again");
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, true, false), StatusCode::Ok);
+    EXPECT_TRUE(Exists(tree + "/file"));
+    EXPECT_FALSE(Exists(tree + "/sub"));
+
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, true, true), StatusCode::Ok);
+    EXPECT_FALSE(Exists(tree + "/file"));
+    EXPECT_TRUE(Exists(tree + "/link"));
+    EXPECT_TRUE(Exists(tree + "/folder_link"));
+    EXPECT_TRUE(OutsideIsWhole());
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST_P(FileSystemDelete, TheContentOfAMissingFolderIsNotFound) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::DeleteFolderContent(folder / "none", true, true), StatusCode::NotFound);
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree + "/file", true, true), StatusCode::NotFound);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "DeleteFolderContent: Failed to open dir " +
+                                                             (folder / "none") + ", errno = " + NO_ENTRY),
+                                           Error(LOGGER, "DeleteFolderContent: Failed to open dir " + tree +
+                                                             "/file, errno = Not a directory")));
+}
+
+TEST_P(FileSystemDelete, DeletingContentGoesOnAfterAFailureAndReturnsIt) {
+    MakeFile(tree + "/second", "content");
+    const LogCapture log;
+    fault_remove.Fail(-1, EBUSY);
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, true, true), StatusCode::Busy)
+        << "a later success does not cover a failure";
+    EXPECT_EQ(fault_remove.Calls(), 2);
+    EXPECT_NE(Exists(tree + "/file"), Exists(tree + "/second"));
+    EXPECT_FALSE(Exists(tree + "/sub"));
+    EXPECT_EQ(log.Entries().size(), 1U);
+}
+
+TEST_P(FileSystemDelete, DeletingContentReturnsTheLastOfSeveralFailures) {
+    MakeFile(tree + "/second", "content");
+    const LogCapture log;
+    int calls = 0;
+    fault_remove.Replace(
+        [&](const char*) {
+            errno = ++calls == 1 ? EBUSY : EPERM;
+            return -1;
+        },
+        2);
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, false, true), StatusCode::NotPermitted);
+}
+
+TEST_P(FileSystemDelete, AFolderOfTheContentThatStaysIsTold) {
+    const LogCapture log;
+    fault_rmdir.Fail(-1, EPERM);
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, true, false), StatusCode::NotPermitted);
+    EXPECT_THAT(log.Entries(), ElementsAre(FailedToRemove(tree + "/sub/deep", "Operation not permitted"),
+                                           FailedToRemoveFolder(tree + "/sub")));
+}
