@@ -3,6 +3,9 @@
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 
+#include <type_traits>
+#include <utility>
+
 #include "dbus_message/values_list_writer.h"
 
 namespace mw::tern::DBusMessage {
@@ -19,9 +22,16 @@ const ValueISI& ContentOf(const ValueISI& value) {
     return value;
 }
 
-template <typename ConcreteValue, typename Out>
+/// What an accessor of the class hands out, and how its adder takes it.
+template <typename ConcreteValue>
+using HeldBy = std::remove_cvref_t<decltype(ContentOf(std::declval<const ConcreteValue&>()))>;
+template <typename ConcreteValue>
+using PassedTo = std::conditional_t<std::is_scalar_v<HeldBy<ConcreteValue>>, HeldBy<ConcreteValue>,
+                                    const HeldBy<ConcreteValue>&>;
+
+template <typename ConcreteValue>
 StatusCode Get(const std::map<std::string, Value*>& values, const char* getter, const std::string& key,
-               Out& out) {
+               HeldBy<ConcreteValue>& out) {
     const auto found = values.find(key);
     if (found == values.end() || found->second == nullptr ||
         found->second->GetType() != ConcreteValue::TYPE) {
@@ -42,27 +52,27 @@ ValuesList::~ValuesList() {
     }
 }
 
-// The adder and the getter of one type. `Passed` is how the adder takes the value.
-#define TERN_VALUES_LIST_TYPE(Name, Held, Passed)                               \
-    void ValuesList::AddValue##Name(const std::string& key, Passed value) {     \
-        ValuesListWriter::Add<Value##Name>(*this, key, value);                  \
-    }                                                                           \
-    StatusCode ValuesList::Get##Name(const std::string& key, Held& out) const { \
-        return Get<Value##Name>(mValues, "Get" #Name, key, out);                \
+// The adder and the getter of one type.
+#define TERN_VALUES_LIST_TYPE(Name)                                                            \
+    void ValuesList::AddValue##Name(const std::string& key, PassedTo<Value##Name> value) {     \
+        ValuesListWriter::Add<Value##Name>(*this, key, value);                                 \
+    }                                                                                          \
+    StatusCode ValuesList::Get##Name(const std::string& key, HeldBy<Value##Name>& out) const { \
+        return Get<Value##Name>(mValues, "Get" #Name, key, out);                               \
     }
 
-TERN_VALUES_LIST_TYPE(Uint8, unsigned char, unsigned char)
-TERN_VALUES_LIST_TYPE(Bool, int, int)
-TERN_VALUES_LIST_TYPE(Int16, short, short)
-TERN_VALUES_LIST_TYPE(Uint16, unsigned short, unsigned short)
-TERN_VALUES_LIST_TYPE(Int32, int, int)
-TERN_VALUES_LIST_TYPE(Uint32, unsigned int, unsigned int)
-TERN_VALUES_LIST_TYPE(Int64, long long, long long)
-TERN_VALUES_LIST_TYPE(Uint64, unsigned long long, unsigned long long)
-TERN_VALUES_LIST_TYPE(Double, double, double)
-TERN_VALUES_LIST_TYPE(String, std::string, const std::string&)
-TERN_VALUES_LIST_TYPE(FD, unsigned int, unsigned int)
-TERN_VALUES_LIST_TYPE(ISI, ValueISI, const ValueISI&)
+TERN_VALUES_LIST_TYPE(Uint8)
+TERN_VALUES_LIST_TYPE(Bool)
+TERN_VALUES_LIST_TYPE(Int16)
+TERN_VALUES_LIST_TYPE(Uint16)
+TERN_VALUES_LIST_TYPE(Int32)
+TERN_VALUES_LIST_TYPE(Uint32)
+TERN_VALUES_LIST_TYPE(Int64)
+TERN_VALUES_LIST_TYPE(Uint64)
+TERN_VALUES_LIST_TYPE(Double)
+TERN_VALUES_LIST_TYPE(String)
+TERN_VALUES_LIST_TYPE(FD)
+TERN_VALUES_LIST_TYPE(ISI)
 
 #undef TERN_VALUES_LIST_TYPE
 

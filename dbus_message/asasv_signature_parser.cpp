@@ -1,0 +1,56 @@
+#include <tern/dbus_message/asasv_signature_parser.h>
+
+#include <tern/foundation/log.h>
+#include <tern/foundation/service_common.h>
+
+#include "dbus_message/structures_walk.h"
+#include "foundation/error_text.h"
+
+namespace mw::tern::DBusMessage {
+
+namespace {
+
+using mwl::ErrorText;
+
+/// Structures that begin with a string. Its name is logged at info level, as is meant.
+struct StringForm {
+    static constexpr char NAME_TYPE = SD_BUS_TYPE_STRING;
+    static constexpr const char* STRUCTURE = "(sa{sv})";
+    static constexpr const char* FIELDS = "sa{sv}";
+
+    static void LogEnterFailure(int r) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger,
+                       "Failure sd_bus_message_enter_container((sa{sv})), ret=(%d, %s)", r, ErrorText(-r));
+    }
+    static void LogNameFailure(int r) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failure sd_bus_message_read_basic(string), ret=(%d, %s)", r,
+                       ErrorText(-r));
+    }
+    static void LogName(const char* name) { TERN_LOG_INFO(ServiceCommon::mLogger, "stringValue=%s", name); }
+};
+
+using StringWalk = StructuresWalk<StringForm, ASASVsignatureParser>;
+
+}  // namespace
+
+ASASVsignatureParser::ASASVsignatureParser(sd_bus_message* message) : mMessage(message) {}
+
+ASASVsignatureParser::~ASASVsignatureParser() = default;
+
+int ASASVsignatureParser::ParseMessage() {
+    return ReadArrayASASV();
+}
+
+int ASASVsignatureParser::ReadArrayASASV() {
+    return StringWalk(mMessage, *this).ReadArray();
+}
+
+int ASASVsignatureParser::ParseArrayOfStructures() {
+    return StringWalk(mMessage, *this).ParseArrayOfStructures();
+}
+
+int ASASVsignatureParser::ReadStringAndArrayASV() {
+    return StringWalk(mMessage, *this).ReadStructure();
+}
+
+}  // namespace mw::tern::DBusMessage

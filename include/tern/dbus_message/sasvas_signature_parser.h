@@ -1,0 +1,42 @@
+#pragma once
+
+#include <tern/dbus_message/asv_signature_parser.h>
+#include <tern/foundation/api.h>
+
+#include <string>
+#include <vector>
+
+struct sd_bus_message;
+
+namespace mw::tern::DBusMessage {
+
+/// Reads a body "sa{sv}as", that of the signal org.freedesktop.DBus.Properties.PropertiesChanged: a name, and
+/// a dictionary whose entry Key is stored as _Key. The array behind it is not read.
+///
+/// One thread at a time, on a message that nobody else reads meanwhile; the message is borrowed.
+class TERN_API SASVASsignatureParser {
+public:
+    explicit SASVASsignatureParser(sd_bus_message* message);
+    virtual ~SASVASsignatureParser();
+    SASVASsignatureParser(const SASVASsignatureParser&) = delete;
+    SASVASsignatureParser& operator=(const SASVASsignatureParser&) = delete;
+
+    /// Reads name and dictionary. Returns 0 when both were read, else sd-bus's negative errno; what was read
+    /// before the failure stays.
+    int ParseMessage();
+
+    /// The name; empty before it was read.
+    const std::string& GetName() const;
+    const ValuesList& GetValuesList() const;
+    ValuesList& GetValuesList();
+    /// Always empty, as the array of strings is left unread.
+    const std::vector<std::string>& GetStrings() const;
+
+private:
+    sd_bus_message* mMessage;  ///< borrowed
+    std::string mName;
+    ASVsignatureParser mParser;
+    std::vector<std::string> mStrings;
+};
+
+}  // namespace mw::tern::DBusMessage
