@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/types.h>
+#include <tern/foundation/status_code.h>
+
+#include <string>
+#include <vector>
+
+#include "foundation/unique_fd.h"
+#include "process_execution/pipe.h"
+
+namespace mwl::ProcessExecution {
+
+/// One program started with its standard streams on pipes. Destroying it closes the parent's ends and nothing
+/// else: the program is neither killed nor waited for. One thread at a time.
+class ChildProcess {
+public:
+    /// Makes the pipes, forks and executes `path` with `argv` (ended by a null pointer). Ok as soon as the
+    /// fork succeeded; otherwise the failure is logged, the status is that of errno, everything is closed
+    /// again. A child that then cannot execute ends with exit status 1: see LogStartFailure.
+    StatusCode Start(const std::string& path, const std::vector<char*>& argv);
+
+    pid_t GetPid() const { return mPid; }
+    /// A descriptor that polls readable when the program has ended (pidfd_open(2)), -1 where there is none.
+    int GetPidFd() const { return mPidFd.Get(); }
+    /// The end that the program's standard input is fed by.
+    UniqueFd TakeInput() { return std::move(mInput.writeEnd); }
+    /// The end that its output is read from.
+    UniqueFd TakeOutput() { return std::move(mOutput.readEnd); }
+    /// Closes this process's copies of the child's ends. Until then a write to the input cannot find it
+    /// closed.
+    void CloseChildEnds();
+
+    /// Logs what kept the child from executing the program, if anything did. Call it once, when the child has
+    /// ended: it never blocks.
+    void LogStartFailure();
+
+private:
+    pid_t mPid = -1;
+    UniqueFd mPidFd;
+    Pipe mInput;
+    Pipe mOutput;
+    Pipe mFailure;
+};
+
+}  // namespace mwl::ProcessExecution

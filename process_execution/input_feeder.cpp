@@ -1,0 +1,78 @@
+#include "process_execution/input_feeder.h"
+
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <tern/foundation/log.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "foundation/error_text.h"
+#include "process_execution/logger.h"
+
+namespace mwl::ProcessExecution {
+
+namespace {
+
+/// write(2) that answers EPIPE without a SIGPIPE: the signal, which goes to the writing thread, is held off
+/// and taken back. One that was pending before is not ours and stays. No other thread and no handler is
+/// touched.
+ssize_t WriteWithoutSigpipe(int fd, const char* data, std::size_t size) {
+    sigset_t sigpipe;
+    sigset_t pending;
+    sigset_t former;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    sigemptyset(&pending);
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, &sigpipe, &former);
+    const ssize_t written = write(fd, data, size);
+    const int error = errno;
+    if (written < 0 && error == EPIPE && sigismember(&pending, SIGPIPE) == 0) {
+        const timespec now{};
+        while (sigtimedwait(&sigpipe, nullptr, &now) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    errno = error;
+    return written;
+}
+
+}  // namespace
+
+InputFeeder::InputFeeder(UniqueFd pipe, const char* text, pid_t pid)
+    : mPipe(std::move(pipe)), mText(text), mLeft(strlen(text)), mPid(pid) {
+    if (mLeft == 0) {
+        mPipe.Reset();
+        return;
+    }
+    // Only this end: the program's own stays blocking, as programs expect. It cannot fail on a pipe.
+    int on = 1;
+    static_cast<void>(ioctl(mPipe.Get(), FIONBIO, &on));
+}
+
+void InputFeeder::Feed() {
+    if (!mPipe) {
+        return;
+    }
+    const ssize_t written = WriteWithoutSigpipe(mPipe.Get(), mText, mLeft);
+    if (written < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    if (written < 0) {
+        TERN_LOG_INFO(LOGGER, "PID[%d] write to pipe %d failed (errno=%s)", mPid, mPipe.Get(),
+                      ErrorText(errno));
+        mPipe.Reset();
+        return;
+    }
+    mText += written;
+    mLeft -= static_cast<std::size_t>(written);
+    if (mLeft == 0) {
+        mPipe.Reset();
+    }
+}
+
+}  // namespace mwl::ProcessExecution

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <tern/foundation/status_code.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "foundation/handle.h"
+#include "foundation/unique_fd.h"
+
+namespace mwl::ProcessExecution {
+
+/// Reads a program's output from its pipe without blocking and appends it to a string. At debug level each
+/// line is logged, in pieces of at most 127 bytes, numbered from 0. One thread at a time.
+class OutputStream {
+public:
+    /// `output` is what is appended to; it must outlive the stream, and nobody else may change it meanwhile.
+    explicit OutputStream(std::string& output) : mOutput(output), mTraced(output.size()) {}
+
+    /// Takes the pipe and makes it non-blocking. A failure is logged: StreamError when no stream can be
+    /// opened on it, the status of errno otherwise; the pipe is closed then.
+    StatusCode Open(UniqueFd pipe);
+
+    /// The descriptor to be polled for reading, -1 at its end.
+    int GetDescriptor() const { return mFd; }
+    /// Reads what is there now, at most 1 MiB, so that a program that never stops writing cannot hold the
+    /// reader.
+    void Read();
+    /// Reads what is there now, and nothing that is written meanwhile: all that an ended program left.
+    void ReadRest();
+
+private:
+    void ReadUpTo(std::size_t limit);
+    /// Logs the complete pieces of what has not been logged yet, with `all` the last incomplete one too.
+    void TraceLines(bool all);
+
+    std::string& mOutput;
+    std::size_t mTraced;  ///< where in mOutput the next line to be logged begins
+    int mLine = 0;
+    Handle<FILE, fclose> mStream;
+    int mFd = -1;
+    std::unique_ptr<char[]> mBuffer;
+};
+
+}  // namespace mwl::ProcessExecution

@@ -1,0 +1,1010 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <tern-basic-log/root_logger.h>
+#include <tern/process_execution/command.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "support/child.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/process_resources.h"
+#include "support/temp_folder.h"
+#include "support/wait_until.h"
+
+TERN_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags))
+TERN_INTERPOSE(int, fcntl64, (int fd, int operation, long argument), (fd, operation, argument))
+TERN_INTERPOSE(pid_t, fork, (), ())
+TERN_INTERPOSE(int, dup2, (int from, int to), (from, to))
+TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+TERN_INTERPOSE(FILE*, fdopen, (int fd, const char* mode), (fd, mode))
+TERN_INTERPOSE(int, fileno, (FILE * stream), (stream))
+TERN_INTERPOSE(size_t, fread, (void* data, size_t size, size_t count, FILE* stream),
+               (data, size, count, stream))
+TERN_INTERPOSE(int, ferror, (FILE * stream), (stream))
+TERN_INTERPOSE(int, poll, (pollfd * events, nfds_t count, int timeout), (events, count, timeout))
+TERN_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
+TERN_INTERPOSE(int, kill, (pid_t pid, int number), (pid, number))
+TERN_INTERPOSE(int, clock_gettime, (clockid_t clock, timespec* time), (clock, time))
+TERN_INTERPOSE(long, syscall, (long number, long a, long b, long c, long d, long e, long f),
+               (number, a, b, c, d, e, f))
+
+namespace mwl::ProcessExecution {
+namespace {
+
+using tern::test::Error;
+using tern::test::FaultScope;
+using tern::test::Info;
+using tern::test::LogCapture;
+using tern::test::LogEntry;
+using tern::test::Trace;
+using tern::test::Warning;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+const std::string NAME = "mwl::ProcessExecution::Command";
+constexpr unsigned int LIMIT_MS = 30000;
+constexpr std::size_t MIB = 1024UL * 1024;
+
+struct Outcome {
+    StatusCode status = StatusCode::Failure;
+    std::string output;
+    int exitCode = -1;
+    std::chrono::milliseconds elapsed{0};
+};
+
+Outcome RunProgram(Command command, const std::vector<std::string>& arguments,
+                   const std::string& input = "") {
+    Outcome outcome;
+    const auto start = std::chrono::steady_clock::now();
+    outcome.status = command.RunWithInput(input, arguments, outcome.output, outcome.exitCode);
+    outcome.elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    return outcome;
+}
+
+Outcome RunScript(const std::string& script, const std::string& input = "", unsigned int limitMs = LIMIT_MS) {
+    return RunProgram(Command("/bin/sh", limitMs), {"-c", script}, input);
+}
+
+void ExpectEnd(const Outcome& outcome, int exitCode, const std::string& output) {
+    EXPECT_EQ(outcome.status, StatusCode::Ok);
+    EXPECT_EQ(outcome.exitCode, exitCode);
+    EXPECT_EQ(outcome.output, output);
+}
+
+/// A text without two equal neighbouring blocks, so that loss, doubling and disorder show.
+std::string Text(std::size_t size) {
+    std::string text;
+    for (unsigned int i = 0; text.size() < size; ++i) {
+        text += std::to_string(i * 2654435761U) + "\n";
+    }
+    text.resize(size);
+    return text;
+}
+
+/// The messages of a run without those of the passes before the end, whose number is the system's affair, and
+/// with the child's number replaced by "N".
+std::vector<LogEntry> Messages(const LogCapture& log) {
+    std::vector<LogEntry> entries = log.Entries(NAME);
+    std::string number;
+    for (const LogEntry& entry : entries) {
+        if (entry.text.ends_with("] Launched... ")) {
+            number = entry.text.substr(0, entry.text.find(']') + 1);
+        }
+    }
+    for (LogEntry& entry : entries) {
+        if (!number.empty() && entry.text.starts_with(number)) {
+            entry.text = "PID[N]" + entry.text.substr(number.size());
+        }
+    }
+    std::erase(entries, Trace(NAME, "PID[N] Process running, status [0]"));
+    return entries;
+}
+
+std::vector<LogEntry> Lines(const LogCapture& log) {
+    std::vector<LogEntry> entries = log.Entries(NAME);
+    std::erase_if(entries, [](const LogEntry& entry) { return !entry.text.starts_with("Line "); });
+    return entries;
+}
+
+/// Waits for every child that a run left, as an application with killed programs would. Returns how many
+/// there were.
+int ReapChildren() {
+    int count = 0;
+    while (fault_waitpid.Real(-1, nullptr, 0) > 0) {
+        ++count;
+    }
+    return count;
+}
+
+using Descriptors = std::multiset<int>;
+
+/// Prints the numbers of the shell's descriptors.
+const std::string LIST_DESCRIPTORS = "ls /proc/$$/fd";
+
+Descriptors ParseDescriptors(const std::string& list) {
+    std::istringstream stream(list);
+    return Descriptors(std::istream_iterator<int>(stream), {});
+}
+
+/// What a program has to find: its three standard ones, and those that this process would give any program.
+Descriptors ExpectedDescriptors() {
+    Descriptors descriptors{0, 1, 2};
+    for (int fd = 3; fd < 1024; ++fd) {
+        const int flags = fault_fcntl64.Real(fd, F_GETFD, 0);
+        if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+            descriptors.insert(fd);
+        }
+    }
+    return descriptors;
+}
+
+/// Each test leaves neither a descriptor nor a child behind.
+class CommandTest : public ::testing::Test {
+protected:
+    void SetUp() override { mThreshold = tern::test::SetLogThreshold(3); }
+
+    void TearDown() override {
+        tern::test::SetLogThreshold(mThreshold);
+        EXPECT_EQ(ReapChildren(), 0);
+        EXPECT_EQ(tern::test::CountDescriptors(), mDescriptors);
+        sigset_t pending;
+        sigpending(&pending);
+        EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+        sigset_t blocked;
+        pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        EXPECT_EQ(sigismember(&blocked, SIGPIPE), 0);
+    }
+
+private:
+    const std::size_t mDescriptors = tern::test::CountDescriptors();
+    int mThreshold = 0;
+};
+
+/// The messages of a run up to "Launched", without arguments and input.
+std::vector<LogEntry> LaunchOf(const std::string& path, const std::string& name) {
+    return {Info(NAME, "Execute the program: " + path), Trace(NAME, "Execute the command line: " + name),
+            Trace(NAME, "Command arguments: "), Info(NAME, "PID[N] Launched... ")};
+}
+
+std::vector<LogEntry> operator+(std::vector<LogEntry> entries, const std::vector<LogEntry>& more) {
+    entries.insert(entries.end(), more.begin(), more.end());
+    return entries;
+}
+
+// Construction and arguments
+
+TEST_F(CommandTest, NameIsWhatFollowsTheLastSeparator) {
+    const struct {
+        const char* path;
+        const char* name;
+    } ROWS[] = {{"/bin/true", "true"}, {"true", "true"}, {"./tool", "tool"}, {"/a/b.c/d e", "d e"},
+                {"/bin/", ""},         {"", ""},         {"/", ""}};
+    for (const auto& row : ROWS) {
+        std::vector<char*> argv;
+        Command(row.path, 1).FormatArguments({}, argv);
+        ASSERT_EQ(argv.size(), 2U) << row.path;
+        // The command is gone; only the shape may be looked at here.
+        Command command(row.path, 1);
+        command.FormatArguments({}, argv);
+        EXPECT_STREQ(argv[0], row.name) << row.path;
+        EXPECT_EQ(argv[1], nullptr) << row.path;
+    }
+}
+
+TEST_F(CommandTest, FormatArgumentsFillsAndLogs) {
+    LogCapture log;
+    Command command("/usr/bin/tool", "other", 1);
+    const std::vector<std::string> arguments{"-a", "b c", ""};
+    std::vector<char*> argv(7, nullptr);
+    command.FormatArguments(arguments, argv);
+    ASSERT_EQ(argv.size(), 5U);
+    EXPECT_STREQ(argv[0], "other");
+    EXPECT_EQ(argv[1], arguments[0].c_str());
+    EXPECT_EQ(argv[2], arguments[1].c_str());
+    EXPECT_EQ(argv[3], arguments[2].c_str());
+    EXPECT_EQ(argv[4], nullptr);
+    EXPECT_THAT(log.Entries(), ElementsAre(Info(NAME, "Execute the program: /usr/bin/tool"),
+                                           Trace(NAME, "Execute the command line: other -a b c "),
+                                           Trace(NAME, "Command arguments: -a b c ")));
+}
+
+TEST_F(CommandTest, DebugMessagesHaveNoBlankAtTheEnd) {
+    LogCapture log;
+    Command command("/bin/tool", 1);
+    std::vector<char*> argv;
+    command.FormatArguments({"a", "b"}, argv);
+    command.FormatArguments({}, argv);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(Info(NAME, "Execute the program: /bin/tool"),
+                    Trace(NAME, "Execute the command line: tool a b"), Trace(NAME, "Command arguments: a b"),
+                    Info(NAME, "Execute the program: /bin/tool"),
+                    Trace(NAME, "Execute the command line: tool"), Trace(NAME, "Command arguments: ")));
+}
+
+TEST_F(CommandTest, OnlyTheDestructorIsVirtual) {
+    static_assert(std::has_virtual_destructor_v<Command>);
+    struct Fields {
+        virtual ~Fields() = default;
+        std::string path;
+        std::string name;
+        unsigned int timeoutMs = 0;
+    };
+    static_assert(sizeof(Command) == sizeof(Fields));
+    ExpectEnd(RunProgram(Command("/bin/sh", "my name", LIMIT_MS), {"-c", "echo $0"}), 0, "my name\n");
+}
+
+// Runs that end by themselves
+
+TEST_F(CommandTest, CollectsOutputAndExitCode) {
+    LogCapture log;
+    ExpectEnd(RunScript("printf 'one\\ntwo\\nthree\\n'"), 0, "one\ntwo\nthree\n");
+    EXPECT_THAT(
+        Messages(log),
+        ElementsAre(Info(NAME, "Execute the program: /bin/sh"),
+                    Trace(NAME, "Execute the command line: sh -c printf 'one\\ntwo\\nthree\\n'"),
+                    Trace(NAME, "Command arguments: -c printf 'one\\ntwo\\nthree\\n'"),
+                    Info(NAME, "PID[N] Launched... "), testing::_, testing::_, testing::_, testing::_));
+    EXPECT_TRUE(Messages(log).size() == 8);
+    EXPECT_THAT(Messages(log), Contains(Trace(NAME, "PID[N] Process completed, exit status [0]")));
+    EXPECT_THAT(Lines(log), ElementsAre(Trace(NAME, "Line 0: one\n"), Trace(NAME, "Line 1: two\n"),
+                                        Trace(NAME, "Line 2: three\n")));
+}
+
+TEST_F(CommandTest, TheNumberInTheMessagesIsTheChilds) {
+    LogCapture log;
+    const Outcome outcome = RunScript("echo $$; read x; exit 3", "");
+    const std::string number = outcome.output.substr(0, outcome.output.size() - 1);
+    EXPECT_TRUE(log.Contains(Info(NAME, "PID[" + number + "] Launched... ")));
+    EXPECT_TRUE(log.Contains(Trace(NAME, "PID[" + number + "] Process completed, exit status [768]")));
+    EXPECT_TRUE(
+        log.Contains(Warning(NAME, "PID[" + number + "] Execute command failed with exit status: 3 ")));
+}
+
+TEST_F(CommandTest, EachPassOfARunningProgramIsTraced) {
+    LogCapture log;
+    const Outcome outcome = RunScript("echo $$; sleep 0.3");
+    const std::string number = outcome.output.substr(0, outcome.output.size() - 1);
+    EXPECT_TRUE(log.Contains(Trace(NAME, "PID[" + number + "] Process running, status [0]")));
+}
+
+TEST_F(CommandTest, ExitCodesOfPrograms) {
+    for (const int code : {0, 1, 2, 77, 126, 255}) {
+        LogCapture log;
+        ExpectEnd(RunScript("exit " + std::to_string(code)), code, "");
+        const LogEntry warning =
+            Warning(NAME, "PID[N] Execute command failed with exit status: " + std::to_string(code) + " ");
+        EXPECT_EQ(Messages(log).back() == warning, code != 0) << code;
+    }
+}
+
+TEST_F(CommandTest, AProgramThatASignalEndsLeavesOne) {
+    for (const int number : {SIGKILL, SIGTERM, SIGSEGV, SIGABRT, SIGPIPE, SIGUSR1}) {
+        LogCapture log;
+        ExpectEnd(RunScript("ulimit -c 0; echo said; kill -" + std::to_string(number) + " $$"), 1, "said\n");
+        EXPECT_THAT(Messages(log), Contains(Trace(NAME, "PID[N] Process completed, exit status [" +
+                                                            std::to_string(number) + "]")));
+        EXPECT_THAT(Messages(log), Not(Contains(testing::Field(&LogEntry::level, 4))));
+    }
+}
+
+TEST_F(CommandTest, StandardErrorIsCollectedInOrder) {
+    ExpectEnd(RunScript("echo out; echo err >&2; echo again"), 0, "out\nerr\nagain\n");
+}
+
+TEST_F(CommandTest, OutputIsAppended) {
+    std::string output = "before\n";
+    int exitCode = -1;
+    EXPECT_EQ(Command("/bin/echo", LIMIT_MS).Run({"after"}, output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(output, "before\nafter\n");
+    EXPECT_EQ(exitCode, 0);
+}
+
+TEST_F(CommandTest, OutputIsKeptByteForByte) {
+    LogCapture log;
+    ExpectEnd(RunScript("printf 'a\\000b\\377\\200\\n\\001'"), 0, std::string("a\0b\xff\x80\n\x01", 7));
+    EXPECT_THAT(Lines(log), ElementsAre(Trace(NAME, "Line 0: a"), Trace(NAME, "Line 1: \x01")));
+}
+
+TEST_F(CommandTest, LongLinesAreTracedInPieces) {
+    LogCapture log;
+    const std::string line = Text(300);
+    std::string flat = line;
+    std::replace(flat.begin(), flat.end(), '\n', '-');
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, flat + "\n" + flat.substr(0, 127) + "\nend"), 0,
+              flat + "\n" + flat.substr(0, 127) + "\nend");
+    EXPECT_THAT(Lines(log), ElementsAre(Trace(NAME, "Line 0: " + flat.substr(0, 127)),
+                                        Trace(NAME, "Line 1: " + flat.substr(127, 127)),
+                                        Trace(NAME, "Line 2: " + flat.substr(254) + "\n"),
+                                        Trace(NAME, "Line 3: " + flat.substr(0, 127)),
+                                        Trace(NAME, "Line 4: \n"), Trace(NAME, "Line 5: end")));
+}
+
+TEST_F(CommandTest, TracedPiecesMakeUpTheWholeOutput) {
+    LogCapture log;
+    const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(3 * MIB / 2));
+    std::string traced;
+    int number = 0;
+    for (const LogEntry& entry : Lines(log)) {
+        const std::string prefix = "Line " + std::to_string(number++) + ": ";
+        ASSERT_TRUE(entry.text.starts_with(prefix)) << entry.text;
+        ASSERT_LE(entry.text.size() - prefix.size(), 127U);
+        traced += entry.text.substr(prefix.size());
+    }
+    EXPECT_EQ(outcome.output, Text(3 * MIB / 2));
+    EXPECT_TRUE(traced == outcome.output);
+}
+
+TEST_F(CommandTest, BelowDebugNothingIsTraced) {
+    LogCapture log(6);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_THAT(Messages(log),
+                ElementsAre(Info(NAME, "Execute the program: /bin/sh"), Info(NAME, "PID[N] Launched... ")));
+}
+
+TEST_F(CommandTest, FiftyMebibytesOfOutput) {
+    const Outcome outcome = RunScript("head -c 52428800 /dev/zero | tr '\\000' x");
+    EXPECT_EQ(outcome.status, StatusCode::Ok);
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.output.size(), 50 * MIB);
+    EXPECT_EQ(outcome.output.find_first_not_of('x'), std::string::npos);
+}
+
+// What an ended program left in its pipe is read even when it has made the pipe larger than a pass reads.
+TEST_F(CommandTest, EverythingAnEndedProgramLeftIsRead) {
+    const Outcome outcome = RunScript("head -c 65536 /dev/zero");
+    EXPECT_EQ(outcome.output.size(), 65536U);
+    FaultScope scope(fault_poll);
+    // The whole run before the first look at the output: the program has ended by then.
+    fault_poll.Replace([](pollfd* events, nfds_t count, int) {
+        pollfd end = events[2];
+        static_cast<void>(fault_poll.Real(&end, 1, 30000));
+        return fault_poll.Real(events, count, 0);
+    });
+    EXPECT_EQ(RunScript("head -c 65536 /dev/zero").output.size(), 65536U);
+}
+
+TEST_F(CommandTest, ANestedProcessDoesNotHoldTheRunUp) {
+    // The grandchild keeps the output open; the child's end is the run's end.
+    const Outcome outcome = RunScript("sleep 20 & echo $!; exit 4");
+    EXPECT_EQ(outcome.exitCode, 4);
+    EXPECT_LT(outcome.elapsed, std::chrono::seconds(10));
+    kill(std::stoi(outcome.output), SIGKILL);
+}
+
+TEST_F(CommandTest, AGrandchildThatNeverStopsWritingDoesNotHoldTheRunUp) {
+    const Outcome outcome = RunScript("yes & exit 4");
+    EXPECT_EQ(outcome.status, StatusCode::Ok);
+    EXPECT_EQ(outcome.exitCode, 4);
+    EXPECT_LT(outcome.elapsed, std::chrono::seconds(10));
+}
+
+TEST_F(CommandTest, AProgramThatClosesItsOutputEarlyIsWaitedFor) {
+    LogCapture log;
+    ExpectEnd(RunScript("echo bye; exec >&- 2>&-; sleep 0.3; exit 7"), 7, "bye\n");
+    // Its closed output did not make the passes spin.
+    const std::vector<LogEntry> all = log.Entries(NAME);
+    EXPECT_LE(
+        std::count_if(all.begin(), all.end(),
+                      [](const LogEntry& entry) { return entry.text.ends_with("running, status [0]"); }),
+        20);
+}
+
+// The waits are upper bounds: here each is as good as endless, and nothing but the event itself ends it.
+TEST_F(CommandTest, TheEndOfAProgramIsAnEvent) {
+    FaultScope scope(fault_poll);
+    for (const char* const script :
+         {"exit 5", "echo x; exit 5", "exec >&- 2>&-; sleep 0.05; exit 5", "sleep 15 & exit 5"}) {
+        fault_poll.Replace(
+            [](pollfd* events, nfds_t count, int) { return fault_poll.Real(events, count, 15000); }, 1000);
+        const Outcome outcome = RunScript(script);
+        EXPECT_EQ(outcome.exitCode, 5) << script;
+        EXPECT_LT(outcome.elapsed, std::chrono::seconds(10)) << script;
+    }
+}
+
+TEST_F(CommandTest, WithoutAProcessDescriptorTheEndIsPolledFor) {
+    FaultScope scope(fault_syscall);
+    for (const int error : {ENOSYS, EMFILE, EPERM}) {
+        LogCapture log;
+        fault_syscall.Replace(
+            [error](long number, long a, long b, long c, long d, long e, long f) {
+                if (number == SYS_pidfd_open) {
+                    errno = error;
+                    return -1L;
+                }
+                return fault_syscall.Real(number, a, b, c, d, e, f);
+            },
+            1000);
+        ExpectEnd(RunScript("echo bye; exec >&- 2>&-; sleep 0.3; exit 7"), 7, "bye\n");
+        const std::vector<LogEntry> all = log.Entries(NAME);
+        EXPECT_LE(
+            std::count_if(all.begin(), all.end(),
+                          [](const LogEntry& entry) { return entry.text.ends_with("running, status [0]"); }),
+            30);
+        ExpectEnd(RunScript("sleep 1 & exit 6"), 6, "");
+        EXPECT_EQ(RunScript("exec >&- 2>&-; exec sleep 1000", "", 200).exitCode, 1);
+        EXPECT_EQ(ReapChildren(), 1);
+    }
+}
+
+// Input
+
+TEST_F(CommandTest, InputReachesTheProgramThenEndOfFile) {
+    LogCapture log;
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, "first\nsecond"), 0, "first\nsecond");
+    EXPECT_EQ(log.Entries(NAME).at(3), Info(NAME, "Command input: 'first\nsecond'"));
+}
+
+TEST_F(CommandTest, WithoutInputTheProgramIsAtEndOfFile) {
+    LogCapture log;
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}), 0, "");
+    EXPECT_THAT(Messages(log), Each(testing::Field(&LogEntry::text, Not(HasSubstr("Command input")))));
+}
+
+// An input is a text: it ends at its first zero byte.
+TEST_F(CommandTest, InputEndsAtItsFirstZeroByte) {
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, std::string("ab\0cd", 5)), 0, "ab");
+    LogCapture log;
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, std::string("\0cd", 3)), 0, "");
+    EXPECT_TRUE(log.Contains(Info(NAME, "Command input: ''")));
+}
+
+TEST_F(CommandTest, TheFirstWriteIsOfferedTheWholeInput) {
+    FaultScope scope(fault_write);
+    std::vector<std::size_t> sizes;
+    fault_write.Replace(
+        [&](int fd, const void* data, std::size_t size) {
+            sizes.push_back(size);
+            return fault_write.Real(fd, data, size);
+        },
+        1);
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, "twelve bytes"), 0, "twelve bytes");
+    EXPECT_THAT(sizes, ElementsAre(12U));
+}
+
+TEST_F(CommandTest, FiveMebibytesThroughAProgram) {
+    ASSERT_GT(5 * MIB, 65536U);  // more than a pipe holds, in both directions
+    const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(5 * MIB));
+    EXPECT_EQ(outcome.status, StatusCode::Ok);
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_TRUE(outcome.output == Text(5 * MIB)) << outcome.output.size();
+}
+
+TEST_F(CommandTest, InputAndOutputMayBeTheSameString) {
+    std::string text = Text(MIB);
+    int exitCode = -1;
+    EXPECT_EQ(Command("/bin/cat", LIMIT_MS).RunWithInput(text, {}, text, exitCode), StatusCode::Ok);
+    EXPECT_TRUE(text == Text(MIB) + Text(MIB));
+}
+
+TEST_F(CommandTest, AProgramThatNeverReadsALargeInputMayEnd) {
+    ExpectEnd(RunScript("echo done; exit 9", Text(5 * MIB)), 9, "done\n");
+}
+
+TEST_F(CommandTest, TheTimeLimitHoldsForAProgramThatNeverReadsALargeInput) {
+    LogCapture log;
+    const Outcome outcome = RunScript("exec sleep 1000", Text(5 * MIB), 200);
+    ExpectEnd(outcome, 1, "");
+    EXPECT_GE(outcome.elapsed.count(), 200);
+    EXPECT_TRUE(log.Contains(Error(NAME, "Command [sh] aborted by timeout 200ms")));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+/// Runs a program that closes its input, then waits until that has been noticed.
+void CloseInputEarly(const LogCapture& log) {
+    const tern::test::TempFolder folder;
+    const std::string noticed = folder / "noticed";
+    std::thread notice([&] {
+        EXPECT_TRUE(tern::test::WaitUntil([&] {
+            return std::ranges::count_if(log.Entries(NAME), [](const LogEntry& entry) {
+                       return entry.level == 6 && entry.text.find("] write to pipe ") != std::string::npos &&
+                              entry.text.ends_with(" failed (errno=Broken pipe)");
+                   }) == 1;
+        }));
+        std::ofstream(noticed).put('x');
+    });
+    ExpectEnd(RunScript("exec <&-; echo closed; while [ ! -e " + noticed + " ]; do sleep 0.01; done; exit 3",
+                        Text(5 * MIB)),
+              3, "closed\n");
+    notice.join();
+}
+
+TEST_F(CommandTest, AProgramThatClosesItsInputEarlyHarmsNobody) {
+    struct sigaction action;
+    sigaction(SIGPIPE, nullptr, &action);
+    ASSERT_EQ(action.sa_handler, SIG_DFL);  // a SIGPIPE would end this program
+    LogCapture log;
+    CloseInputEarly(log);
+}
+
+TEST_F(CommandTest, ASigpipeThatWasPendingBeforeStaysPending) {
+    sigset_t sigpipe;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+    raise(SIGPIPE);
+    {
+        LogCapture log;
+        CloseInputEarly(log);
+    }
+    const timespec now{};
+    EXPECT_EQ(sigtimedwait(&sigpipe, nullptr, &now), SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &sigpipe, nullptr);
+}
+
+TEST_F(CommandTest, ProgramsInheritTheSignalMaskAsItWas) {
+    const Command grep("/bin/grep", LIMIT_MS);
+    const std::vector<std::string> arguments{"SigBlk", "/proc/self/status"};
+    ExpectEnd(RunProgram(grep, arguments, "input"), 0, "SigBlk:\t0000000000000000\n");
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    ExpectEnd(RunProgram(grep, arguments, "input"), 0, "SigBlk:\t0000000000004000\n");
+    pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+}
+
+// Time limit
+
+TEST_F(CommandTest, AProgramBeyondItsTimeIsKilledAndNotWaitedFor) {
+    LogCapture log;
+    const Outcome outcome = RunScript("echo early; exec sleep 1000", "", 200);
+    ExpectEnd(outcome, 1, "early\n");
+    EXPECT_GE(outcome.elapsed.count(), 200);
+    EXPECT_LE(outcome.elapsed, std::chrono::milliseconds(200 + 100) + tern::test::TOLERANCE);
+    EXPECT_EQ(log.Count(Error(NAME, "Command [sh] aborted by timeout 200ms")), 1U);
+    EXPECT_THAT(Messages(log),
+                Not(Contains(testing::Field(&LogEntry::text, HasSubstr("Process completed")))));
+    int status = 0;
+    EXPECT_GT(waitpid(-1, &status, 0), 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
+TEST_F(CommandTest, TheTimeLimitHoldsForAProgramThatNeverStopsWriting) {
+    for (const char* const script : {"exec yes", "while :; do echo x; done", "yes & wait"}) {
+        const Outcome outcome = RunScript(script, "", 60);
+        EXPECT_EQ(outcome.status, StatusCode::Ok);
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_FALSE(outcome.output.empty());
+        EXPECT_GE(outcome.elapsed.count(), 60);
+        EXPECT_LE(outcome.elapsed, std::chrono::milliseconds(60 + 100) + tern::test::TOLERANCE);
+        EXPECT_EQ(ReapChildren(), 1);
+    }
+}
+
+TEST_F(CommandTest, ATimeLimitOfZeroKillsAtOnce) {
+    LogCapture log;
+    const Outcome outcome = RunScript("exec sleep 1000", "", 0);
+    ExpectEnd(outcome, 1, "");
+    EXPECT_TRUE(log.Contains(Error(NAME, "Command [sh] aborted by timeout 0ms")));
+    EXPECT_LE(outcome.elapsed, std::chrono::milliseconds(100) + tern::test::TOLERANCE);
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, TheLargestTimeLimitIsNone) {
+    ExpectEnd(RunScript("echo x", "", ~0U), 0, "x\n");
+}
+
+/// Lets the time since the start of a run be `elapsedMs` at every look after the first.
+void FixElapsed(std::int64_t elapsedMs) {
+    timespec start{};
+    fault_clock_gettime.Replace(
+        [start, elapsedMs, first = true](clockid_t clock, timespec* time) mutable {
+            if (clock != CLOCK_MONOTONIC) {
+                return fault_clock_gettime.Real(clock, time);
+            }
+            if (std::exchange(first, false)) {
+                static_cast<void>(fault_clock_gettime.Real(clock, &start));
+                *time = start;
+                return 0;
+            }
+            const std::int64_t ns = start.tv_nsec + elapsedMs % 1000 * 1000000;
+            time->tv_sec = start.tv_sec + elapsedMs / 1000 + ns / 1000000000;
+            time->tv_nsec = ns % 1000000000;
+            return 0;
+        },
+        1000000);
+}
+
+TEST_F(CommandTest, TheLimitIsKeptToTheMillisecond) {
+    std::string output;
+    int exitCode = -1;
+    LogCapture log;
+    FaultScope scope(fault_clock_gettime);
+    // Exactly the limit is within it; the operation that is given none has 40 seconds.
+    FixElapsed(40000);
+    EXPECT_EQ(Command::Run("/bin/echo", "in time", output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(output, "in time\n");
+    FixElapsed(40001);
+    EXPECT_EQ(Command::Run("/bin/sleep", "1000", output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(exitCode, 1);
+    EXPECT_TRUE(log.Contains(Error(NAME, "Command [sleep] aborted by timeout 40000ms")));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+// The operations for one run
+
+TEST_F(CommandTest, StaticOperationsSplitTheirArguments) {
+    std::string output;
+    int exitCode = -1;
+    EXPECT_EQ(Command::Run("/bin/echo", "  one   two ", output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(output, "one two\n");
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(Command::RunWithInput("/usr/bin/tr", "abc", "a-c x-z", output, exitCode, LIMIT_MS),
+              StatusCode::Ok);
+    EXPECT_EQ(output, "one two\nxyz");
+    LogCapture log;
+    EXPECT_EQ(Command::RunWithInput("/bin/sleep", "", "1000", output, exitCode, 50), StatusCode::Ok);
+    EXPECT_EQ(exitCode, 1);
+    EXPECT_TRUE(log.Contains(Error(NAME, "Command [sleep] aborted by timeout 50ms")));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, RunIsExecuteWithoutInput) {
+    Command command("/bin/cat", LIMIT_MS);
+    std::string output;
+    int exitCode = -1;
+    EXPECT_EQ(command.Run({"-", "/dev/null"}, output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(command.Execute("text", {}, output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(output, "text");
+}
+
+// Programs that cannot be executed
+
+TEST_F(CommandTest, AProgramThatCannotBeExecuted) {
+    const struct {
+        const char* path;
+        const char* name;
+        const char* text;
+    } ROWS[] = {{"/nowhere/tool", "tool", "No such file or directory"},
+                {"/etc/passwd", "passwd", "Permission denied"},
+                {"/bin", "bin", "Permission denied"},
+                {"", "", "No such file or directory"}};
+    for (const auto& row : ROWS) {
+        LogCapture log;
+        ExpectEnd(RunProgram(Command(row.path, LIMIT_MS), {}), 1, "");
+        EXPECT_EQ(
+            Messages(log),
+            (LaunchOf(row.path, row.name) +
+             std::vector<LogEntry>{
+                 Error(NAME, "PID[0] Failed to execute command with error [" + std::string(row.text) + "]"),
+                 Trace(NAME, "PID[N] Process completed, exit status [256]"),
+                 Warning(NAME, "PID[N] Execute command failed with exit status: 1 ")}));
+    }
+}
+
+// The child writes nothing: with a logger on standard error its message would be the program's output.
+TEST_F(CommandTest, AProgramThatCannotBeExecutedHasNoOutput) {
+    ExpectEnd(RunProgram(Command("/nowhere/tool", LIMIT_MS), {}, Text(MIB)), 1, "");
+}
+
+TEST_F(CommandTest, AFailedDuplicationIsReportedByTheParent) {
+    FaultScope scope(fault_dup2);
+    const char* const TEXTS[] = {"Duplicate Stdin failed with error code: [Device or resource busy]",
+                                 "Duplicate Stdout failed with error code: [Device or resource busy]",
+                                 "Duplicate Stderr failed with error code: [Device or resource busy]"};
+    for (int i = 0; i < 3; ++i) {
+        LogCapture log;
+        fault_dup2.Fail(-1, EBUSY, 1, i);
+        ExpectEnd(RunProgram(Command("/bin/echo", LIMIT_MS), {}), 1, "");
+        EXPECT_EQ(Messages(log),
+                  (LaunchOf("/bin/echo", "echo") +
+                   std::vector<LogEntry>{
+                       Error(NAME, TEXTS[i]), Trace(NAME, "PID[N] Process completed, exit status [256]"),
+                       Warning(NAME, "PID[N] Execute command failed with exit status: 1 ")}));
+    }
+}
+
+// Failing calls in the parent
+
+TEST_F(CommandTest, FailingPipes) {
+    FaultScope scope(fault_pipe2);
+    const std::vector<LogEntry> begin{Info(NAME, "Execute the program: /bin/echo"),
+                                      Trace(NAME, "Execute the command line: echo"),
+                                      Trace(NAME, "Command arguments: ")};
+    const std::vector<LogEntry> ROWS[] = {
+        {Error(NAME, "Cannot open stdin pipe")}, {Error(NAME, "Cannot open stdout pipe")}, {}};
+    for (int i = 0; i < 3; ++i) {
+        LogCapture log;
+        fault_pipe2.Fail(-1, EMFILE, 1, i);
+        const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {});
+        EXPECT_EQ(outcome.status, StatusCode::ResourceUnavailable) << i;
+        EXPECT_EQ(outcome.exitCode, 1) << i;
+        EXPECT_EQ(outcome.output, "") << i;
+        EXPECT_EQ(log.Entries(), begin + ROWS[i]) << i;
+    }
+}
+
+TEST_F(CommandTest, AFailingFork) {
+    FaultScope scope(fault_fork);
+    LogCapture log;
+    fault_fork.Fail(-1, EAGAIN);
+    const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {}, "text");
+    EXPECT_EQ(outcome.status, StatusCode::ResourceUnavailable);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(Info(NAME, "Execute the program: /bin/echo"),
+                    Trace(NAME, "Execute the command line: echo"), Trace(NAME, "Command arguments: "),
+                    Info(NAME, "Command input: 'text'"),
+                    Error(NAME, "Fork process failed with error code: [Resource temporarily unavailable]")));
+}
+
+TEST_F(CommandTest, AFailedWriteOfTheInputIsToldAndIgnored) {
+    FaultScope scope(fault_write);
+    LogCapture log;
+    int fd = -1;
+    fault_write.Replace([&](int to, const void*, std::size_t) {
+        fd = to;
+        errno = EIO;
+        return ssize_t{-1};
+    });
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, "text"), 0, "");
+    // It comes before "Launched", as in any run.
+    const std::vector<LogEntry> all = log.Entries(NAME);
+    ASSERT_GE(all.size(), 6U);
+    const std::string number = all[5].text.substr(0, all[5].text.find(']') + 1);
+    EXPECT_EQ(all[4], Info(NAME, number + " write to pipe " + std::to_string(fd) +
+                                     " failed (errno=Input/output error)"));
+    EXPECT_EQ(all[5], Info(NAME, number + " Launched... "));
+}
+
+TEST_F(CommandTest, AnInterruptedWriteIsRepeated) {
+    FaultScope scope(fault_write);
+    for (const int error : {EINTR, EAGAIN}) {
+        fault_write.Fail(-1, error);
+        ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, "text"), 0, "text");
+    }
+}
+
+TEST_F(CommandTest, AFailingStream) {
+    LogCapture log;
+    FaultScope scope(fault_fdopen);
+    fault_fdopen.Fail(nullptr, ENOMEM);
+    const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {});
+    EXPECT_EQ(outcome.status, StatusCode::StreamError);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(log.Entries(NAME).size(), 4U);
+    EXPECT_EQ(log.Entries(NAME).back(),
+              Error(NAME, "Open stream failed with error code: Cannot allocate memory"));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, AStreamWithoutADescriptor) {
+    LogCapture log;
+    FaultScope scope(fault_fileno);
+    fault_fileno.Fail(-1, EBADF);
+    const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {});
+    EXPECT_EQ(outcome.status, StatusCode::InvalidArgument);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(log.Entries(NAME).size(), 4U);
+    EXPECT_EQ(log.Entries(NAME).back(),
+              Error(NAME, "Not able to get file descriptor for open stream: Bad file descriptor"));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, AStreamThatStaysBlocking) {
+    FaultScope scope(fault_fcntl64);
+    for (const int skip : {0, 1}) {  // F_GETFL, F_SETFL
+        LogCapture log;
+        fault_fcntl64.Fail(-1, EPERM, 1, skip);
+        const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {}, "text");
+        EXPECT_EQ(outcome.status, StatusCode::NotPermitted);
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_EQ(log.Entries(NAME).size(), 5U);
+        EXPECT_EQ(log.Entries(NAME).back(),
+                  Error(NAME, "Not able to set open stream as non-blocking: Operation not permitted"));
+        EXPECT_EQ(ReapChildren(), 1);
+    }
+}
+
+// The program is not left alone: the run goes on to its end, and its failure is told by the status.
+TEST_F(CommandTest, AnInterruptedPollFailsTheRunButDoesNotCutIt) {
+    LogCapture log;
+    FaultScope scope(fault_poll);
+    fault_poll.Fail(-1, EINTR);
+    const Outcome outcome = RunScript("echo a; sleep 0.1; echo b");
+    EXPECT_EQ(outcome.status, StatusCode::Interrupted);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(outcome.output, "a\nb\n");
+    const std::vector<LogEntry> messages = Messages(log);
+    EXPECT_EQ(std::ranges::count(messages, Error(NAME, "PID[N] Poll failed: Interrupted system call")), 1);
+}
+
+TEST_F(CommandTest, APollThatFailsForGoodDoesNotSpin) {
+    LogCapture log;
+    FaultScope scope(fault_poll);
+    fault_poll.Fail(-1, ENOMEM, 1000000);
+    const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(200000));
+    EXPECT_EQ(outcome.status, StatusCode::OutOfMemory);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(outcome.output, Text(200000));
+    const std::vector<LogEntry> messages = Messages(log);
+    const auto count =
+        std::ranges::count(messages, Error(NAME, "PID[N] Poll failed: Cannot allocate memory"));
+    EXPECT_GE(count, 1);
+    EXPECT_LE(count, 30);
+}
+
+TEST_F(CommandTest, AFailingWait) {
+    LogCapture log;
+    FaultScope scope(fault_waitpid);
+    fault_waitpid.Fail(-1, ECHILD);
+    const Outcome outcome = RunProgram(Command("/bin/true", LIMIT_MS), {});
+    EXPECT_EQ(outcome.status, StatusCode::Failure);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(Messages(log), (LaunchOf("/bin/true", "true") +
+                              std::vector<LogEntry>{Error(NAME, "Failed to execute command [true]")}));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, AFailingKill) {
+    LogCapture log;
+    FaultScope scope(fault_kill);
+    pid_t pid = -1;
+    int number = 0;
+    fault_kill.Replace([&](pid_t to, int what) {
+        pid = to;
+        number = what;
+        errno = EPERM;
+        return -1;
+    });
+    const Outcome outcome = RunProgram(Command("/bin/sleep", 100), {"1000"});
+    EXPECT_EQ(outcome.status, StatusCode::NotPermitted);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(number, SIGKILL);
+    EXPECT_EQ(log.Entries(NAME).back(),
+              Error(NAME, "PID[" + std::to_string(pid) + "] Kill failed: Operation not permitted"));
+    ASSERT_GT(pid, 0);
+    fault_kill.Real(pid, SIGKILL);
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, AnInterruptedReadLosesNothing) {
+    FaultScope readScope(fault_fread);
+    FaultScope errorScope(fault_ferror);
+    fault_fread.Replace(
+        [](void* data, std::size_t size, std::size_t, FILE* stream) {
+            const std::size_t taken = fault_fread.Real(data, size, 2, stream);
+            errno = EINTR;
+            return taken;
+        },
+        3);
+    fault_ferror.Fail(1, 0, 3);
+    ExpectEnd(RunScript("echo some text"), 0, "some text\n");
+}
+
+// The rest of the hazards
+
+TEST_F(CommandTest, AParentWithoutStandardDescriptors) {
+    for (int missing = 1; missing < 8; ++missing) {
+        const tern::test::ChildResult result = tern::test::RunInChild([missing] {
+            for (int fd = 0; fd < 3; ++fd) {
+                if ((missing >> fd & 1) != 0) {
+                    close(fd);
+                }
+            }
+            const Descriptors expected = ExpectedDescriptors();
+            const Outcome outcome = RunScript("cat; echo error >&2; " + LIST_DESCRIPTORS, "text\n");
+            const bool passed = outcome.status == StatusCode::Ok && outcome.exitCode == 0 &&
+                                outcome.output.starts_with("text\nerror\n") &&
+                                ParseDescriptors(outcome.output.substr(11)) == expected;
+            return passed ? 0 : 1;
+        });
+        EXPECT_EQ(result.exitCode, 0) << missing;
+    }
+}
+
+TEST_F(CommandTest, AParentWithoutStandardDescriptorsWhosePipeCannotBeMoved) {
+    const struct {
+        int skip;
+        const char* text;
+    } ROWS[] = {{0, "Cannot open stdin pipe"}, {1, "Cannot open stdin pipe"}, {2, "Cannot open stdout pipe"}};
+    for (const auto& row : ROWS) {
+        const tern::test::ChildResult result = tern::test::RunInChild([&row] {
+            close(0);
+            close(1);
+            close(2);
+            const std::size_t descriptors = tern::test::CountDescriptors();
+            fault_fcntl64.Fail(-1, EMFILE, 1, row.skip);
+            const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {});
+            return outcome.status == StatusCode::ResourceUnavailable && outcome.exitCode == 1 &&
+                           tern::test::CountDescriptors() == descriptors
+                       ? 0
+                       : 1;
+        });
+        EXPECT_EQ(result.exitCode, 0) << row.skip;
+        EXPECT_THAT(result.log, Contains(Error(NAME, row.text)));
+    }
+}
+
+// The other program is started where a second thread's would do most harm: between pipes and fork.
+TEST_F(CommandTest, ProgramsRunAtOnceDoNotInheritEachOthersPipes) {
+    FaultScope scope(fault_fork);
+    std::string inner;
+    fault_fork.Replace([&] {
+        inner = RunScript(LIST_DESCRIPTORS).output;
+        return fault_fork.Real();
+    });
+    EXPECT_EQ(ParseDescriptors(RunScript(LIST_DESCRIPTORS).output), ExpectedDescriptors());
+    EXPECT_EQ(ParseDescriptors(inner), ExpectedDescriptors());
+}
+
+TEST_F(CommandTest, TwoThreadsRunProgramsAtOnce) {
+    const Descriptors expected = ExpectedDescriptors();
+    const auto work = [&expected](const std::string& text) {
+        for (int i = 0; i < 10; ++i) {
+            const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, text);
+            ASSERT_EQ(outcome.status, StatusCode::Ok);
+            ASSERT_EQ(outcome.exitCode, 0);
+            ASSERT_TRUE(outcome.output == text);
+            EXPECT_EQ(ParseDescriptors(RunScript(LIST_DESCRIPTORS).output), expected);
+        }
+    };
+    std::thread first(work, Text(MIB));
+    std::thread second(work, std::string(MIB, 'y'));
+    first.join();
+    second.join();
+}
+
+// Had the long program inherited the write end of the short one's input, that would see no end of file.
+TEST_F(CommandTest, AProgramIsNotHeldUpByOneThatRunsLonger) {
+    LogCapture log;
+    std::thread longer([] { RunScript("exec sleep 1000", "", 2000); });
+    EXPECT_TRUE(log.WaitFor(Trace(NAME, "Command arguments: -c exec sleep 1000")));
+    for (int i = 0; i < 5; ++i) {
+        const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, "text");
+        ExpectEnd(outcome, 0, "text");
+    }
+    EXPECT_FALSE(log.Contains(Error(NAME, "Command [sh] aborted by timeout 2000ms")));
+    longer.join();
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+// A log call in the child would wait for ever for a lock that another thread held at the fork.
+TEST_F(CommandTest, AChildThatCannotExecuteTakesNoLock) {
+    LogCapture log(3);
+    std::atomic<bool> stop{false};
+    std::thread logger([&] {
+        while (!stop) {
+            mwl::Log::RootLogger::GetInstance().Print(TernLogLevel::Error, "[%lu][%s] %s",
+                                                      static_cast<unsigned long>(pthread_self()), "Other",
+                                                      "x");
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        ExpectEnd(RunProgram(Command("/nowhere/tool", LIMIT_MS), {}), 1, "");
+        log.Clear();
+    }
+    stop = true;
+    logger.join();
+}
+
+}  // namespace
+}  // namespace mwl::ProcessExecution
