@@ -81,6 +81,7 @@ StatusCode DBusServerManager::AddInterfaceToDBusObject(const std::string& path, 
     return MakeStatusCodeFromReturnCode(0);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as callers have it
 StatusCode DBusServerManager::AddMatch(sd_bus_slot** slot, std::string match,
                                        sd_bus_message_handler_t handler, void* userdata) {
     return MakeStatusCodeFromReturnCode(sd_bus_add_match(mBus, slot, match.c_str(), handler, userdata));

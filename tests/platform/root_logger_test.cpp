@@ -11,23 +11,23 @@
 #include <tern/foundation/log.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <new>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/interpose.h"
 
 // The real logger: this program does not link the capture. What is decided at first use is tested in
 // children, whose standard error is a socket that keeps the boundaries of writes.
 
 using mwl::Log::RootLogger;
+using tern::test::CountAllocations;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -40,8 +40,6 @@ TERN_INTERPOSE(int, syslog, (int priority, const char* format, const char* text)
 namespace {
 
 const std::string LOGGER = "Test::Logger";
-
-std::atomic<int> gAllocations{0};
 
 /// Runs `body` in a child whose standard error is `errorFd`; returns its exit status.
 int InChild(int errorFd, const std::function<void()>& body) {
@@ -106,21 +104,6 @@ std::size_t CountAtLevel(const char* level) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-    ++gAllocations;
-    void* const memory = malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    free(memory);
-}
-
 TEST(RootLogger, WritesEachMessageOnceBehindItsLevel) {
     EXPECT_EQ(WritesOf([] {
                   setenv("TERN_LOG_LEVEL", "7", 1);
@@ -168,12 +151,12 @@ TEST(RootLogger, BelowTheThresholdNothingIsEvaluatedOrAllocated) {
     EXPECT_THAT(WritesOf([] {
                     RootLogger::GetInstance();
                     int evaluated = 0;
-                    const int before = gAllocations;
+                    const std::size_t before = CountAllocations();
                     for (int i = 0; i < 1000; ++i) {
                         TERN_LOG_TRACE(LOGGER, "%d %s", ++evaluated, std::string(100, 'x').c_str());
                     }
                     EXPECT_EQ(evaluated, 0);
-                    EXPECT_EQ(gAllocations, before);
+                    EXPECT_EQ(CountAllocations(), before);
                 }),
                 IsEmpty());
 }
@@ -195,9 +178,9 @@ TEST(RootLogger, MessagesUnderFourKibibytesTakeNoMemoryLongerOnesArriveWhole) {
         const std::string text(length, 'y');
         const std::vector<std::string> writes = WritesOf([&] {
             RootLogger::GetInstance();
-            const int before = gAllocations;
+            const std::size_t before = CountAllocations();
             RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
-            EXPECT_EQ(gAllocations, before);
+            EXPECT_EQ(CountAllocations(), before);
         });
         EXPECT_THAT(writes, ElementsAre("<3>" + text + "\n")) << length;
     }

@@ -1,2 +1,4 @@
 // Holds the precompiled header that the tests share.
-int main() { return 0; }
+int main() {
+    return 0;
+}

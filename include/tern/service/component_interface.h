@@ -1,0 +1,17 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+
+namespace mwl::DBusService {
+
+/// What the main thread does with the D-Bus thread; see `Component`.
+class TERN_API ComponentInterface {
+public:
+    virtual ~ComponentInterface();
+    virtual StatusCode Initialize() const = 0;
+    virtual StatusCode Start() = 0;
+    virtual void JoinThread() = 0;
+};
+
+}  // namespace mwl::DBusService

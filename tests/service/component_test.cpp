@@ -1,0 +1,331 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <tern/service/component.h>
+#include <tern/service/dbus_server_manager.h>
+#include <tern/service/event_loop.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/threads_monitor.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <system_error>
+
+#include "foundation/handle.h"
+#include "support/allocations.h"
+#include "support/child.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/notify_socket.h"
+#include "support/private_bus.h"
+#include "support/process_resources.h"
+
+using mw::tern::StatusCode;
+using mwl::DBusService::Component;
+using mwl::DBusService::IpcServer;
+using tern::test::Error;
+using tern::test::FaultScope;
+using tern::test::Info;
+using tern::test::LogEntry;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TERN_INTERPOSE(int, pthread_sigmask, (int how, const sigset_t* set, sigset_t* old), (how, set, old))
+TERN_INTERPOSE(int, sd_event_default, (sd_event * *event), (event))
+TERN_INTERPOSE(int, sd_bus_attach_event, (sd_bus * bus, sd_event* event, int priority),
+               (bus, event, priority))
+TERN_INTERPOSE(int, pthread_create,
+               (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument),
+               (thread, attributes, start, argument))
+
+namespace {
+
+const std::string NAME = "com.example.Extension";
+constexpr const char* LOGGER = "DBusService::Component";
+const std::string STOPPING = "STOPPING=1\nShutting down...";
+
+/// Notes in order what the D-Bus thread tells monitor and application.
+class Journal {
+public:
+    void Add(const std::string& event) {
+        const std::lock_guard lock(mMutex);
+        mEvents.push_back(event);
+    }
+    std::vector<std::string> Take() {
+        const std::lock_guard lock(mMutex);
+        return std::exchange(mEvents, {});
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mEvents;
+};
+
+class JournalingMonitor : public mwl::Threading::ThreadsMonitorInterface {
+public:
+    explicit JournalingMonitor(Journal& journal) : mJournal(journal) {}
+    void AddWorkerThread(mwl::Threading::ThreadManager&) override { mJournal.Add("AddWorkerThread"); }
+    void RemoveWorkerThread(mwl::Threading::ThreadManager&) override { mJournal.Add("RemoveWorkerThread"); }
+    void SetDBusThreadId(unsigned long id) override {
+        mThreadId = id;
+        mJournal.Add(id == pthread_self() ? "SetDBusThreadId" : "SetDBusThreadId of another");
+    }
+    void StopWorkerThreads() override { mJournal.Add("StopWorkerThreads"); }
+    void NotifyDBusThreadToStop(bool) override { mJournal.Add("NotifyDBusThreadToStop"); }
+    void NotifyDBusThreadToStopOnFailure() override { mJournal.Add("NotifyDBusThreadToStopOnFailure"); }
+    bool HasFailure() override { return false; }
+    /// Ends the D-Bus thread's loop, as a worker's request or systemd would.
+    void Terminate() const { pthread_kill(mThreadId, SIGTERM); }
+
+private:
+    Journal& mJournal;
+    std::atomic<unsigned long> mThreadId{0};
+};
+
+class JournalingServer : public IpcServer {
+public:
+    explicit JournalingServer(Journal& journal, StatusCode startResult = StatusCode::Ok)
+        : mJournal(journal), mStartResult(startResult) {}
+    void Stop() override { mJournal.Add("IpcServer::Stop"); }
+    StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override {
+        const bool attached = sd_bus_get_event(manager.GetBus()) == loop.GetEvent();
+        mJournal.Add(attached ? "IpcServer::Start" : "IpcServer::Start before attach");
+        return mStartResult;
+    }
+
+private:
+    Journal& mJournal;
+    StatusCode mStartResult;
+};
+
+bool HasOwner(const std::string& name) {
+    sd_bus* opened = nullptr;
+    EXPECT_GE(sd_bus_open_system(&opened), 0);
+    const mwl::Handle<sd_bus, sd_bus_flush_close_unref> bus(opened);
+    sd_bus_creds* creds = nullptr;
+    const int r = sd_bus_get_name_creds(bus.get(), name.c_str(), 0, &creds);
+    sd_bus_creds_unref(creds);
+    return r >= 0;
+}
+
+class ComponentTest : public testing::Test {
+protected:
+    ComponentTest() : mMonitor(mJournal), mServer(mJournal), mComponent(NAME, mMonitor, mServer) {}
+    void SetUp() override { ASSERT_EQ(mComponent.Initialize(), StatusCode::Ok); }
+
+    /// The component's own messages, without the two pointers' texts.
+    std::vector<LogEntry> ComponentLog() const { return mLog.Entries(LOGGER); }
+    static LogEntry ExitMessage(unsigned int status) {
+        return Info(LOGGER, "Exit D-Bus thread, status=" + std::to_string(status));
+    }
+    static auto IsJoinMessage() {
+        return testing::Field(&LogEntry::text,
+                              testing::MatchesRegex("Join D-Bus thread mThread=\\[0x[0-9a-f]+\\]"));
+    }
+
+    tern::test::PrivateBus mBus;
+    tern::test::NotifySocket mNotify;
+    tern::test::LogCapture mLog;
+    Journal mJournal;
+    JournalingMonitor mMonitor;
+    JournalingServer mServer;
+    Component mComponent;
+};
+
+const LogEntry BLOCK = Info(LOGGER, "Block signals SIGTERM and SIGINT for this thread");
+const LogEntry START = Info(LOGGER, "Start D-Bus service");
+const LogEntry THREAD = Info(LOGGER, "Start D-Bus thread");
+const LogEntry STARTED = Info(LOGGER, "D-Bus thread started");
+const LogEntry COMPLETED = Info(LOGGER, "D-Bus thread execution has completed, D-Bus service stopped");
+
+}  // namespace
+
+TEST_F(ComponentTest, InitializeBlocksTheSignalsOfTheCallingThread) {
+    sigset_t now;
+    pthread_sigmask(SIG_BLOCK, nullptr, &now);
+    EXPECT_EQ(sigismember(&now, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&now, SIGINT), 1);
+    EXPECT_THAT(mLog.Entries(), ElementsAre(BLOCK));
+}
+
+TEST_F(ComponentTest, InitializeReportsThatBlockingFailed) {
+    mLog.Clear();
+    const FaultScope scope(fault_pthread_sigmask);
+    fault_pthread_sigmask.Fail(EINVAL);
+    EXPECT_EQ(mComponent.Initialize(), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(BLOCK, Error(LOGGER, "Failed to block signals SIGTERM and SIGINT, status=28")));
+}
+
+TEST_F(ComponentTest, ServesUntilTerminatedAndStopsInOrder) {
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    EXPECT_TRUE(HasOwner(NAME));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Start"));
+    kill(getpid(), SIGTERM);
+    mComponent.JoinThread();
+    EXPECT_THAT(mJournal.Take(), ElementsAre("IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_FALSE(HasOwner(NAME));
+    EXPECT_EQ(mNotify.Receive(), STOPPING);
+    EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt);
+    EXPECT_TRUE(mLog.Contains(Info("Service", "Exiting now!")));
+    EXPECT_THAT(ComponentLog(), testing::UnorderedElementsAre(BLOCK, START, THREAD, STARTED, IsJoinMessage(),
+                                                              ExitMessage(0), COMPLETED));
+    EXPECT_EQ(ComponentLog().back(), COMPLETED);
+}
+
+TEST_F(ComponentTest, NameOfAnotherEndsTheStart) {
+    sd_bus* opened = nullptr;
+    ASSERT_GE(sd_bus_open_system(&opened), 0);
+    const mwl::Handle<sd_bus, sd_bus_flush_close_unref> owner(opened);
+    ASSERT_GE(sd_bus_request_name(owner.get(), NAME.c_str(), 0), 0);
+    mLog.Clear();
+    EXPECT_EQ(mComponent.Start(), StatusCode::AlreadyExists);
+    mComponent.JoinThread();
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_EQ(mLog.Count(Error("DBusService::Service", "mServerManager.Connect() FAILED with return 20")),
+              1U);
+    EXPECT_EQ(
+        mLog.Count(Error("Service", "Failed to acquire name 'com.example.Extension', (-17, File exists)")),
+        1U);
+    EXPECT_THAT(ComponentLog(), testing::UnorderedElementsAre(
+                                    START, THREAD, Error(LOGGER, "Failed to start D-Bus thread, status=20"),
+                                    ExitMessage(20), IsJoinMessage(), COMPLETED));
+    EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt) << "the loop never ran";
+}
+
+TEST_F(ComponentTest, BusThatIsNotThereEndsTheStart) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
+    EXPECT_EQ(mComponent.Start(), StatusCode::NotFound);
+    mComponent.JoinThread();
+    EXPECT_THAT(mLog.Entries("DBusService::Service"),
+                ElementsAre(Error("DBusService::Service", "mServerManager.Connect() FAILED with return 44")));
+    EXPECT_TRUE(mLog.Contains(ExitMessage(44)));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+}
+
+TEST_F(ComponentTest, LoopThatCannotBeMadeEndsTheStart) {
+    const FaultScope scope(fault_sd_event_default);
+    fault_sd_event_default.Fail(-EMFILE);
+    EXPECT_EQ(mComponent.Start(), StatusCode::ResourceUnavailable);
+    mComponent.JoinThread();
+    EXPECT_THAT(mLog.Entries("DBusService::Service"),
+                ElementsAre(Error("DBusService::Service", "mMainLoop.Init() FAILED with return 48")));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+}
+
+TEST_F(ComponentTest, BusThatCannotBeAttachedEndsTheStart) {
+    const FaultScope scope(fault_sd_bus_attach_event);
+    fault_sd_bus_attach_event.Fail(-ENOMEM);
+    EXPECT_EQ(mComponent.Start(), StatusCode::OutOfMemory);
+    mComponent.JoinThread();
+    EXPECT_THAT(
+        mLog.Entries("DBusService::Service"),
+        ElementsAre(Error("DBusService::Service", "mServerManager.AttachLoop() FAILED with return 51")));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+}
+
+TEST_F(ComponentTest, WhatTheApplicationsStartReturnsIsTheStartUpStatus) {
+    JournalingServer server(mJournal, StatusCode::NotSupported);
+    Component component(NAME, mMonitor, server);
+    EXPECT_EQ(component.Start(), StatusCode::NotSupported);
+    component.JoinThread();
+    EXPECT_TRUE(mLog.Contains(Error(LOGGER, "Failed to start D-Bus thread, status=60")));
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_FALSE(HasOwner(NAME));
+}
+
+TEST_F(ComponentTest, WithoutMemoryForTheThreadThereIsNone) {
+    mLog.Clear();
+    {
+        // The thread object is the only thing that the component allocates without throwing.
+        const tern::test::NothrowMemoryShortage shortage;
+        EXPECT_EQ(mComponent.Start(), StatusCode::ResourceUnavailable);
+    }
+    mComponent.JoinThread();
+    EXPECT_THAT(mLog.Entries(), ElementsAre(START, Error(LOGGER, "Failed to create D-Bus thread"),
+                                            Info(LOGGER, "Join D-Bus thread mThread=[(nil)]")));
+    EXPECT_THAT(mJournal.Take(), IsEmpty());
+}
+
+TEST_F(ComponentTest, ThreadThatTheSystemRefusesRaisesTheStandardError) {
+    const FaultScope scope(fault_pthread_create);
+    fault_pthread_create.Fail(EAGAIN);
+    EXPECT_THROW(mComponent.Start(), std::system_error);
+    mComponent.JoinThread();
+    EXPECT_TRUE(mLog.Contains(Info(LOGGER, "Join D-Bus thread mThread=[(nil)]")));
+}
+
+TEST_F(ComponentTest, JoinWithoutStartReturns) {
+    mLog.Clear();
+    mComponent.JoinThread();
+    EXPECT_THAT(mLog.Entries(), ElementsAre(Info(LOGGER, "Join D-Bus thread mThread=[(nil)]")));
+}
+
+TEST_F(ComponentTest, SecondJoinRaisesTheStandardError) {
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    mMonitor.Terminate();
+    mComponent.JoinThread();
+    EXPECT_THROW(mComponent.JoinThread(), std::system_error);
+}
+
+TEST_F(ComponentTest, LostBusIsReportedAsFailureBeforeTheWorkersStop) {
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    static_cast<void>(mJournal.Take());
+    mBus.Kill();
+    mComponent.JoinThread();
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("NotifyDBusThreadToStopOnFailure", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_TRUE(mLog.Contains(Info("Service", "sd_event_loop exited with -104")));
+    EXPECT_TRUE(mLog.Contains(ExitMessage(1)));
+    EXPECT_EQ(mNotify.Receive(), STOPPING);
+}
+
+TEST_F(ComponentTest, LostBusMakesTheProcessFail) {
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    Component component(NAME, monitor, mServer);
+    ASSERT_EQ(component.Start(), StatusCode::Ok);
+    EXPECT_FALSE(monitor.HasFailure());
+    mBus.Kill();
+    component.JoinThread();
+    EXPECT_TRUE(monitor.HasFailure());
+}
+
+TEST_F(ComponentTest, TerminationDuringStartUpStillStartsAndStopsInOrder) {
+    kill(getpid(), SIGTERM);
+    EXPECT_EQ(mComponent.Start(), StatusCode::Ok);
+    mComponent.JoinThread();
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_EQ(mNotify.Receive(), STOPPING);
+}
+
+TEST_F(ComponentTest, DestroyingItUnjoinedEndsTheProcess) {
+    const tern::test::ChildResult child = tern::test::RunInChild([&] {
+        Component component(NAME, mMonitor, mServer);
+        return component.Start() == StatusCode::Ok ? 0 : 1;
+    });
+    EXPECT_EQ(child.signal, SIGABRT) << child.error;
+}
+
+TEST_F(ComponentTest, StartingAndStoppingManyTimesKeepsNothing) {
+    const auto once = [&] {
+        Component component(NAME, mMonitor, mServer);
+        ASSERT_EQ(component.Start(), StatusCode::Ok);
+        mMonitor.Terminate();
+        component.JoinThread();
+        EXPECT_EQ(mNotify.Receive(), STOPPING);
+    };
+    once();
+    const std::size_t descriptors = tern::test::CountDescriptors();
+    const std::size_t threads = tern::test::CountThreads();
+    for (int i = 0; i < 200; ++i) {
+        once();
+        mLog.Clear();
+    }
+    EXPECT_EQ(tern::test::CountDescriptors(), descriptors);
+    EXPECT_EQ(tern::test::CountThreads(), threads);
+}

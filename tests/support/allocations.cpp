@@ -1,0 +1,55 @@
+#include "allocations.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace tern::test {
+
+namespace {
+
+std::atomic<std::size_t> gAllocations{0};
+std::atomic<bool> gShortage{false};
+
+void* Allocate(std::size_t size) {
+    ++gAllocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+}  // namespace
+
+std::size_t CountAllocations() {
+    return gAllocations;
+}
+
+NothrowMemoryShortage::NothrowMemoryShortage() {
+    gShortage = true;
+}
+
+NothrowMemoryShortage::~NothrowMemoryShortage() {
+    gShortage = false;
+}
+
+}  // namespace tern::test
+
+void* operator new(std::size_t size) {
+    void* const memory = tern::test::Allocate(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return tern::test::gShortage ? nullptr : tern::test::Allocate(size);
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
