@@ -11,6 +11,7 @@
 #include <systemd/sd-event.h>
 #include <tern/service/event_loop.h>
 #include <tern/service/message_pipe.h>
+#include <tern/threading/stop_signal.h>
 #include <unistd.h>
 
 #include <array>
@@ -33,6 +34,7 @@
 using mw::tern::EventLoop;
 using mw::tern::MessagePipe;
 using mw::tern::StatusCode;
+using mwl::Threading::StopSignal;
 using tern::test::ChildResult;
 using tern::test::CountDescriptors;
 using tern::test::Error;
@@ -76,17 +78,10 @@ namespace {
 
 constexpr unsigned int GENEROUS_MS = 30000;
 
-/// The stop signal as an application has it: a handler that does nothing, without automatic restart.
-void InstallStopSignal() {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-}
-
 /// Sends the stop signal until the thread has left its system call, however early the first one came.
-void InterruptUntil(std::thread& thread, const std::atomic<bool>& left) {
+void StopUntil(std::thread& thread, const std::atomic<bool>& left) {
     EXPECT_TRUE(WaitUntil([&] {
-        pthread_kill(thread.native_handle(), SIGUSR1);
+        StopSignal::SendToThread(thread.native_handle());
         return left.load();
     }));
 }
@@ -359,16 +354,16 @@ TEST_F(MessagePipeTest, ReportsAFailedWait) {
 
 TEST_F(MessagePipeTest, StopSignalEndsTheWait) {
     Initialize();
-    InstallStopSignal();
+    ASSERT_EQ(StopSignal::Register(), StatusCode::Ok);
     std::atomic<bool> left{false};
     std::thread reader([&] {
         char byte = 'a';
         EXPECT_EQ(pipe.ReadMessage(&byte, 1, GENEROUS_MS), StatusCode::Interrupted);
         left = true;
     });
-    InterruptUntil(reader, left);
+    StopUntil(reader, left);
     reader.join();
-    EXPECT_THAT(log.Entries(), ElementsAre(Info("Service", "[MessagePipe] Received Stop signal")));
+    EXPECT_THAT(log.Entries("Service"), ElementsAre(Info("Service", "[MessagePipe] Received Stop signal")));
 }
 
 TEST_F(MessagePipeTest, LessThanAMessageIsAnErrorAndIsConsumed) {
@@ -433,15 +428,15 @@ TEST_F(MessagePipeTest, WriterWaitsAtAFullPipe) {
 
 TEST_F(MessagePipeTest, StopSignalEndsTheWaitAtAFullPipe) {
     InitializeFull();
-    InstallStopSignal();
+    ASSERT_EQ(StopSignal::Register(), StatusCode::Ok);
     std::atomic<bool> left{false};
     std::thread writer([&] {
         EXPECT_EQ(pipe.WriteMessage(page.data(), sizeof page), StatusCode::Interrupted);
         left = true;
     });
-    InterruptUntil(writer, left);
+    StopUntil(writer, left);
     writer.join();
-    EXPECT_THAT(log.Entries(),
+    EXPECT_THAT(log.Entries("Service"),
                 ElementsAre(Error("Service", "[MessagePipe] WriteMessage fails : Interrupted system call")));
     EXPECT_EQ(BytesIn(pipe), PIPE_BUF) << "nothing of the message was written";
     EXPECT_EQ(pipe.ReadMessage(page.data(), sizeof page, 0), StatusCode::Ok);

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <tern/dbus_client/icommand.h>
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+
+struct sd_bus;
+
+namespace mw::tern::DBusCommand {
+
+/// Base of the commands: has the connection for the call, and reports its outcome. Derive from it and
+/// implement CallMethod.
+///
+/// One thread at a time. Execute blocks for the call's duration, at most for sd-bus's time-out (25 s, or what
+/// the environment variable SYSTEMD_BUS_TIMEOUT or, on a supplied bus, sd_bus_set_method_call_timeout(3)
+/// says). Failures are logged with the logger name "Service".
+class TERN_API Command : public ICommand {
+public:
+    Command() = default;
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    /// The bus for the calls to come; null, as at first, has each Execute open a private connection to the
+    /// system bus and close it again. The bus is borrowed: it is never closed or released here, outlives the
+    /// Execute, and is used on the calling thread, which must be its own.
+    void SetBus(sd_bus* bus) { mBus = bus; }
+
+    /// Ok when CallMethod returned 0 or more. Otherwise the status of its result, or of the result of
+    /// sd_bus_open_system(3), when CallMethod is not called; either is logged. May be repeated.
+    StatusCode Execute() override;
+
+private:
+    sd_bus* mBus = nullptr;
+};
+
+}  // namespace mw::tern::DBusCommand
