@@ -41,36 +41,39 @@ namespace {
 
 const std::string LOGGER = "Test::Logger";
 
-/// Runs `body` in a child whose standard error is `errorFd`; returns its exit status.
-int InChild(int errorFd, const std::function<void()>& body) {
+/// Forks a child whose standard error is `errorFd`; it fails when an expectation in `body` does.
+pid_t StartChild(int errorFd, const std::function<void()>& body) {
     const pid_t pid = fork();
     if (pid == 0) {
         dup2(errorFd, STDERR_FILENO);
+        close(errorFd);
         unsetenv("JOURNAL_STREAM");
         body();
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid;
+}
+
+void ExpectSuccess(pid_t pid) {
+    int status = -1;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
 }
 
 /// Everything that was written to standard error, one element a write.
 std::vector<std::string> WritesOf(const std::function<void()>& body) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    std::vector<std::string> writes;
-    std::thread reader([&] {
-        std::vector<char> buffer(1 << 20);
-        ssize_t count = 0;
-        while ((count = recv(ends[0], buffer.data(), buffer.size(), 0)) > 0) {
-            writes.emplace_back(buffer.data(), static_cast<std::size_t>(count));
-        }
-    });
-    EXPECT_EQ(InChild(ends[1], body), 0);
+    const pid_t pid = StartChild(ends[1], body);
     close(ends[1]);
-    reader.join();
+    std::vector<std::string> writes;
+    std::vector<char> buffer(1 << 20);
+    ssize_t count = 0;
+    while ((count = recv(ends[0], buffer.data(), buffer.size(), 0)) > 0) {
+        writes.emplace_back(buffer.data(), static_cast<std::size_t>(count));
+    }
     close(ends[0]);
+    ExpectSuccess(pid);
     return writes;
 }
 
@@ -272,12 +275,10 @@ TEST(RootLogger, TerminalGetsTimeAndColouredLevel) {
     int terminal = -1;
     int shell = -1;
     ASSERT_EQ(openpty(&terminal, &shell, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(InChild(shell,
-                      [] {
-                          setenv("TERN_LOG_LEVEL", "7", 1);
-                          LogAtEveryLevel();
-                      }),
-              0);
+    const pid_t pid = StartChild(shell, [] {
+        setenv("TERN_LOG_LEVEL", "7", 1);
+        LogAtEveryLevel();
+    });
     close(shell);
     std::string text;
     char buffer[4096];
@@ -286,6 +287,7 @@ TEST(RootLogger, TerminalGetsTimeAndColouredLevel) {
         text.append(buffer, static_cast<std::size_t>(count));
     }
     close(terminal);
+    ExpectSuccess(pid);
     const std::string time = R"([0-2]\d:[0-5]\d:[0-6]\d\.\d{3} )";
     const std::string tail = R"( \[\d+\]\[Test::Logger\])";
     const std::regex expected(time + "\x1b\\[31;1mcritical" + tail + " critical\x1b\\[0m\r\n" +  //
