@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"

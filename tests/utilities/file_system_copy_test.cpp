@@ -151,7 +151,7 @@ TEST_P(FileSystemCopy, ANewCopyHasModeDecimal644LessTheUmask) {
     MakeFile(from + "file", "content");
     ASSERT_EQ(chmod((from + "file").c_str(), 0777), 0);
     const LogCapture log;
-    for (const mode_t mask : {0000, 0002, 0022, 0077, 0777}) {
+    for (const mode_t mask : {0000U, 0002U, 0022U, 0077U, 0777U}) {
         const std::string copy = to + std::to_string(mask);
         const mode_t former = umask(mask);
         EXPECT_EQ(FileSystem::CopyFile(from + "file", copy), StatusCode::Ok);

@@ -143,7 +143,7 @@ protected:
 
 TEST_F(FileSystemOwner, AFolderIsMadeWithItsModeUnderEveryUmask) {
     KnowEveryName();
-    for (const mode_t mask : {0000, 0022, 0027, 0077, 0777}) {
+    for (const mode_t mask : {0000U, 0022U, 0027U, 0077U, 0777U}) {
         const std::string made = folder / std::to_string(mask);
         const LogCapture log;
         const mode_t former = umask(mask);
@@ -251,7 +251,7 @@ TEST_F(FileSystemOwner, AFolderWithContentAndAFileSurviveAFailure) {
 TEST_F(FileSystemOwner, DefaultAccessRightsAreReadForAllAndWriteForTheOwner) {
     MakeFile(path);
     const LogCapture log;
-    for (const mode_t mask : {0000, 0777}) {
+    for (const mode_t mask : {0000U, 0777U}) {
         ASSERT_EQ(chmod(path.c_str(), 0777), 0);
         const mode_t former = umask(mask);
         EXPECT_EQ(FileSystem::SetDefaultAccessRights(path), StatusCode::Ok);

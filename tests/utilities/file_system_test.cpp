@@ -390,7 +390,7 @@ TEST(FileSystem, WrittenContentIsTheWholeContentOfTheFile) {
 TEST(FileSystem, AWrittenFileIsNewWithTheUsualMode) {
     const TempFolder folder;
     const LogCapture log;
-    for (const mode_t mask : {0000, 0022, 0077}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U}) {
         const mode_t former = umask(mask);
         const std::string path = folder / std::to_string(mask);
         EXPECT_EQ(FileSystem::WriteContent(path, "content"), StatusCode::Ok);
