@@ -1,0 +1,54 @@
+#include <tern/foundation/log.h>
+#include <tern/timer/chrono.h>
+
+#include <limits>
+
+namespace mwl::Timer {
+
+namespace {
+
+const std::string LOGGER = "Timer::Chrono";
+
+/// The first double that no total can hold: 2^64.
+constexpr double BEYOND_TOTAL = 18446744073709551616.0;
+static_assert(std::numeric_limits<unsigned long long>::digits == 64);
+
+}  // namespace
+
+Chrono::Chrono(const std::string& name) : mName(name) {}
+
+Chrono::~Chrono() = default;
+
+unsigned int Chrono::Start() {
+    mOpen[mId] = std::chrono::system_clock::now();
+    return mId;
+}
+
+void Chrono::Stop(unsigned int id, const std::string& /*label*/) {
+    const auto open = mOpen.find(id);
+    if (open == mOpen.end()) {
+        return;
+    }
+    const TimePoint now = std::chrono::system_clock::now();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - open->second);
+    Store(static_cast<double>(elapsed.count()));
+    mOpen.erase(open);
+}
+
+void Chrono::Store(double milliseconds) {
+    const double total = static_cast<double>(mTotalMs) + milliseconds;
+    if (total >= BEYOND_TOTAL) {
+        mTotalMs = std::numeric_limits<unsigned long long>::max();
+    } else if (total >= 0) {
+        mTotalMs = static_cast<unsigned long long>(total);
+    } else if (total < 0) {
+        mTotalMs = 0;
+    }
+}
+
+unsigned long long Chrono::Report() {
+    TERN_LOG_NOTICE(LOGGER, "############ [%s] %s TOTAL Time: %llu ms", "Report", mName.c_str(), mTotalMs);
+    return mTotalMs;
+}
+
+}  // namespace mwl::Timer
