@@ -1,0 +1,75 @@
+#pragma once
+
+#include <tern/timer/timer_interface.h>
+
+#include <functional>
+#include <memory>
+
+namespace mwl::Timer {
+
+/// Runs a callback once after a delay, or periodically, with millisecond resolution: a POSIX timer on
+/// CLOCK_MONOTONIC whose expiry is delivered by a thread of the system (SIGEV_THREAD, timer_create(2)).
+///
+///     Timer timer(1500, false, [&] { ... });  // once, 1.5 s after Start
+///     if (timer.Start() != StatusCode::Ok) { ... }
+///
+/// | operation            | no timer             | timer armed          | expired or disarmed  |
+/// |----------------------|----------------------|----------------------|----------------------|
+/// | Start                | made and armed       | armed anew, from now | armed anew, from now |
+/// | GetTimerActiveStatus | false                | true                 | false                |
+/// | DisarmActiveTimer    | logged, Failure      | disarmed, Ok         | Ok                   |
+/// | Stop                 | logged, Failure      | deleted, Ok          | deleted, Ok          |
+///
+/// Threads: every operation may be called from any thread, the callback's included; none of them blocks.
+/// The callback runs on a thread made for each expiry, concurrently with the owner and, when it takes longer
+/// than the period, with itself: it synchronises what it touches. It may stop, start or destroy its own
+/// timer. What it throws ends the process. Each expiry costs a thread: for periods of a few milliseconds
+/// take `ShortPeriodTimer`.
+///
+/// Lifetime: Stop and the destructor delete the timer and do not wait. No callback begins after them, but one
+/// that has begun may still be running, and what it uses must still exist; the callback itself does.
+/// A child process does not inherit the timer (fork(2)).
+///
+/// Failures are logged as errors with the number of the failed call, and then change nothing.
+class TERN_API Timer : public TimerInterface {
+public:
+    /// Keeps the three; there is no timer yet. `periodMs` is the delay, or the period if `periodic`, in
+    /// milliseconds; 0 arms nothing, so nothing fires. `callback` may be empty.
+    Timer(unsigned int periodMs, bool periodic, std::function<void()> callback);
+    /// Deletes the timer if there is one.
+    ~Timer() override;
+
+    /// Create, then Execute; the first failure is returned. Starting again arms the same timer from now.
+    StatusCode Start() override;
+    /// Deletes the timer. Failure when there is none, or when it cannot be deleted (timer_delete(2)); then it
+    /// is kept.
+    StatusCode Stop() override;
+
+    /// Replaces the period (milliseconds) for good, also when it then fails, and starts.
+    StatusCode Start(unsigned int periodMs);
+    /// Whether an expiry is to come. False also when the system cannot tell (timer_gettime(2)), which is
+    /// logged.
+    bool GetTimerActiveStatus();
+    /// Disarms the timer and keeps it, so that the next Start has less to do. An expiry that is already being
+    /// announced still runs the callback. Failure when there is no timer or it cannot be set
+    /// (timer_settime(2)).
+    StatusCode DisarmActiveTimer();
+
+    /// First half of Start: makes the timer. Ok also when there is one already; Failure when the system
+    /// refuses (timer_create(2)).
+    StatusCode Create();
+    /// Second half of Start: arms the timer. Failure when there is none or it cannot be set
+    /// (timer_settime(2)).
+    StatusCode Execute();
+    /// Calls the callback, unless it is empty, on the calling thread, to which its exceptions go.
+    void Handler();
+
+private:
+    struct State;
+
+    // Shared with the operations that are running, so that a callback may destroy the timer while another
+    // thread is still returning from Start.
+    const std::shared_ptr<State> mState;
+};
+
+}  // namespace mwl::Timer

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+
+namespace mwl::Timer {
+
+/// What every timer can do: `Timer` and `ShortPeriodTimer` say what their operations mean in detail.
+class TERN_API TimerInterface {
+public:
+    virtual ~TimerInterface();
+    /// Arms the timer, counting from now.
+    virtual StatusCode Start() = 0;
+    /// Ends it; Start makes it anew.
+    virtual StatusCode Stop() = 0;
+
+    TimerInterface(const TimerInterface&) = delete;
+    TimerInterface& operator=(const TimerInterface&) = delete;
+
+protected:
+    TimerInterface() = default;
+};
+
+}  // namespace mwl::Timer

@@ -1,0 +1,8 @@
+#include <tern/timer/timer_interface.h>
+
+namespace mwl::Timer {
+
+// Here, so that the virtual table is made once, in the library.
+TimerInterface::~TimerInterface() = default;
+
+}  // namespace mwl::Timer
