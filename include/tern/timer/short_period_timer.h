@@ -1,0 +1,89 @@
+#pragma once
+
+#include <signal.h>
+#include <tern/timer/timer_interface.h>
+
+#include <functional>
+#include <future>
+#include <memory>
+
+namespace mwl::Timer {
+
+/// Runs a callback at a short period on one thread of its own: a POSIX timer on CLOCK_MONOTONIC signals that
+/// very thread, which waits for the signal (timer_create(2) with SIGEV_THREAD_ID, sigwait(3)). No thread is
+/// made per expiry and no signal handler runs.
+///
+///     ShortPeriodTimer timer(10, true, [&] { ... });  // every 10 ms
+///     if (timer.Start() != StatusCode::Ok) { ... }
+///     ...
+///     timer.Stop();  // returns after the next expiry
+///
+/// Threads: one thread at a time uses the timer; besides, the callback may call any operation of its own
+/// timer, and destroy it. The callback runs on the timer's thread only, one call at a time. It must not be
+/// empty: an empty one raises std::bad_function_call on the timer's thread, and what a callback throws ends
+/// the process. A callback that takes longer than the period misses expiries; they are not made up for.
+///
+/// The signal is SIGRTMIN. Nothing else in the process may use it: a handler is not needed, and its default
+/// action is never taken as the signal is sent to the timer's thread alone, which blocks it.
+///
+/// Stop waits until the thread leaves its wait, and only an expiry of the timer makes it leave: so Stop lasts
+/// up to one period, and the callback runs once more. **For a timer that is not periodic, and whose one
+/// expiry has happened, Stop does not return.** End such a timer from inside its callback, or destroy it.
+/// When nothing has been armed (the period is 0, or Start failed half-way) Stop returns at once and the
+/// callback does not run.
+///
+/// The destructor deletes the timer and does not stop its thread: without Stop the thread remains, waiting,
+/// until the process ends. No callback begins after the destructor, but one that has begun may still be
+/// running, and what it uses must still exist; the callback itself does.
+///
+/// A child process inherits neither timer nor thread (fork(2)).
+class TERN_API ShortPeriodTimer : public TimerInterface {
+public:
+    /// Keeps the three; there is neither thread nor timer yet. `periodMs` is the period, or the delay unless
+    /// `periodic`, in milliseconds; 0 arms nothing, so the callback never runs.
+    ShortPeriodTimer(unsigned int periodMs, bool periodic, std::function<void()> callback);
+    /// Deletes the timer and detaches a thread that was not joined; see above.
+    ~ShortPeriodTimer() override;
+
+    /// CreateThread, CreateTimer, SetTimerTime: the first failure is returned, and what was made before it is
+    /// kept until Stop. Blocks until the thread runs. A timer that is running is armed anew, from now; one
+    /// that was stopped starts again.
+    StatusCode Start() override;
+    /// StopThread, then deletes the timer. Failure, logged, when there is no timer or it cannot be deleted
+    /// (timer_delete(2)); then it is kept. On the timer's own thread it does not wait: the thread ends when
+    /// the callback returns.
+    StatusCode Stop() override;
+
+    /// Stores the set of signal `signo` alone and blocks it for the calling thread (sigprocmask(2)). Failure
+    /// when a step fails; nothing is logged.
+    static StatusCode ConfigureSigSet(sigset_t* set, int signo);
+    /// The thread's body. Stores the kernel's id of the thread in `threadId`, delivers the start-up status
+    /// through the promise, then calls the callback at each signal until it finds `running` false. Both
+    /// references are read and written as atomics; all three must outlive the call, and the other side must
+    /// touch `running` by std::atomic_ref (or not at all meanwhile).
+    static void ThreadMain(std::promise<StatusCode>& startUp, int& threadId, bool& running,
+                           std::function<void()> callback, int signo);
+
+    /// First step of Start: starts the thread and waits until it is ready. Ok also when it runs already. The
+    /// thread's start-up status when that is not Ok; ResourceUnavailable without memory for the thread
+    /// object. A thread that the system refuses leaves as std::system_error; no thread exists then.
+    StatusCode CreateThread();
+    /// Second step: makes the timer, aimed at the thread. Ok also when there is one. Failure, logged, when
+    /// the system refuses (timer_create(2)), as it does without a thread.
+    StatusCode CreateTimer();
+    /// Third step: arms the timer. Failure, logged, when there is none or it cannot be set
+    /// (timer_settime(2)).
+    StatusCode SetTimerTime();
+    /// Tells the thread to end and waits for it; see above. Does nothing when no thread was created.
+    void StopThread();
+
+private:
+    struct Run;
+    struct State;
+
+    // Shared with the operations that are running, so that a callback may destroy the timer while another
+    // thread is still returning from Start.
+    const std::shared_ptr<State> mState;
+};
+
+}  // namespace mwl::Timer
