@@ -1,0 +1,43 @@
+#!/bin/bash
+# Installs the build into a scratch prefix and builds and runs a foreign project against it, found by find_package and
+# by pkg-config.
+#   consumer_test.sh SOURCE_FOLDER BUILD_FOLDER CXX [FLAGS...]
+set -eu
+source=$1 build=$2 cxx=$3
+shift 3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/no-bus-here
+
+cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
+libdir=$(dirname "$(find "$work/prefix" -name libtern-dbus-service.so.0)")
+for library in dbus-service foundation basic-log; do
+    soname=$(readelf -d "$libdir/libtern-$library.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
+    [ "$soname" = "libtern-$library.so.0" ] || { echo "soname of $library is $soname"; exit 1; }
+done
+echo "installed, sonames as stated"
+
+run_all() {
+    for program in uses-foundation uses-log uses-service; do
+        LD_LIBRARY_PATH=$libdir "$1/$program" 2>"$work/log" || { echo "$program failed"; cat "$work/log"; exit 1; }
+    done
+    grep -q 'Failed to connect to system bus (-2, No such file or directory)' "$work/log" ||
+        { echo "no bus, but no message either"; cat "$work/log"; exit 1; }
+}
+
+cmake -S "$source/tests/consumer" -B "$work/by-cmake" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" \
+    -DCMAKE_CXX_FLAGS="$*" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+cmake --build "$work/by-cmake" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+run_all "$work/by-cmake"
+echo "find_package: built and ran"
+
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+mkdir "$work/by-pkg-config"
+for pair in foundation:libtern-foundation log:libtern-basic-log service:libtern-dbus-service; do
+    # shellcheck disable=SC2046
+    "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror "$@" "$source/tests/consumer/${pair%%:*}.cpp" \
+        -o "$work/by-pkg-config/uses-${pair%%:*}" $(pkg-config --define-variable=prefix="$work/prefix" --cflags --libs "${pair#*:}") \
+        -Wl,-rpath-link,"$libdir"
+done
+run_all "$work/by-pkg-config"
+echo "pkg-config: built and ran"
