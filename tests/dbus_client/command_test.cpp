@@ -28,6 +28,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 TERN_INTERPOSE(int, sd_bus_open_system, (sd_bus * *bus), (bus))
+TERN_INTERPOSE(sd_bus*, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
 
 namespace {
 
@@ -94,6 +95,26 @@ TEST_F(CommandTest, ReportsAFailedCallTwiceAndClosesItsConnection) {
     EXPECT_THAT(log.Entries(),
                 ElementsAre(Error("Service", "Failed to call method (-110, Connection timed out)"),
                             Error("Service", "Failed to execute command on system bus, status=Timeout")));
+}
+
+// What the call left in the queue goes out first.
+TEST_F(CommandTest, OwnConnectionIsFlushedAndClosedBeforeTheOutcomeIsReported) {
+    const FaultScope scope(fault_sd_bus_flush_close_unref);
+    std::vector<sd_bus*> closed;
+    std::vector<std::size_t> messagesBefore;
+    fault_sd_bus_flush_close_unref.Replace(
+        [&](sd_bus* bus) {
+            closed.push_back(bus);
+            messagesBefore.push_back(log.Entries().size());
+            return fault_sd_bus_flush_close_unref.Real(bus);
+        },
+        2);
+    EXPECT_EQ(command.Execute(), StatusCode::Ok);
+    command.result = -EIO;
+    EXPECT_EQ(command.Execute(), StatusCode::IoError);
+    EXPECT_EQ(closed, command.buses);
+    EXPECT_THAT(messagesBefore, ElementsAre(0U, 1U));
+    EXPECT_EQ(log.Entries().size(), 2U);
 }
 
 TEST_F(CommandTest, ReportsABusThatIsNotThereAndDoesNotCall) {
