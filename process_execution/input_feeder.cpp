@@ -17,21 +17,27 @@ namespace mwl::ProcessExecution {
 
 namespace {
 
+/// How far ahead the end of the text is looked for: more than a pipe takes at once, and still in the cache
+/// when it is written.
+constexpr std::size_t WINDOW = 1024UL * 1024;
+
 /// write(2) that answers EPIPE without a SIGPIPE: the signal, which goes to the writing thread, is held off
 /// and taken back. One that was pending before is not ours and stays. No other thread and no handler is
 /// touched.
 ssize_t WriteWithoutSigpipe(int fd, const char* data, std::size_t size) {
     sigset_t sigpipe;
-    sigset_t pending;
     sigset_t former;
     sigemptyset(&sigpipe);
     sigaddset(&sigpipe, SIGPIPE);
-    sigemptyset(&pending);
-    sigpending(&pending);
     pthread_sigmask(SIG_BLOCK, &sigpipe, &former);
+    bool pending = false;
+    if (sigismember(&former, SIGPIPE) != 0) {  // otherwise it cannot have been pending
+        sigset_t before;
+        pending = sigpending(&before) == 0 && sigismember(&before, SIGPIPE) != 0;
+    }
     const ssize_t written = write(fd, data, size);
     const int error = errno;
-    if (written < 0 && error == EPIPE && sigismember(&pending, SIGPIPE) == 0) {
+    if (written < 0 && error == EPIPE && !pending) {
         const timespec now{};
         while (sigtimedwait(&sigpipe, nullptr, &now) < 0 && errno == EINTR) {
         }
@@ -44,7 +50,7 @@ ssize_t WriteWithoutSigpipe(int fd, const char* data, std::size_t size) {
 }  // namespace
 
 InputFeeder::InputFeeder(UniqueFd pipe, const char* text, pid_t pid)
-    : mPipe(std::move(pipe)), mText(text), mLeft(strlen(text)), mPid(pid) {
+    : mPipe(std::move(pipe)), mText(text), mLeft(strnlen(text, WINDOW)), mPid(pid) {
     if (mLeft == 0) {
         mPipe.Reset();
         return;
@@ -70,6 +76,9 @@ void InputFeeder::Feed() {
     }
     mText += written;
     mLeft -= static_cast<std::size_t>(written);
+    if (mLeft == 0) {
+        mLeft = strnlen(mText, WINDOW);
+    }
     if (mLeft == 0) {
         mPipe.Reset();
     }

@@ -24,7 +24,7 @@ public:
 private:
     UniqueFd mPipe;
     const char* mText;
-    std::size_t mLeft;  ///< bytes at mText still to be written
+    std::size_t mLeft;  ///< bytes at mText known to be left, 0 at the end of the text
     pid_t mPid;
 };
 

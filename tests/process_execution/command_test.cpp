@@ -493,6 +493,15 @@ TEST_F(CommandTest, FiveMebibytesThroughAProgram) {
     EXPECT_TRUE(outcome.output == Text(5 * MIB)) << outcome.output.size();
 }
 
+// Its end is looked for a mebibyte ahead.
+TEST_F(CommandTest, InputsOfAnySizeArriveWhole) {
+    for (const std::size_t size : {std::size_t{1}, MIB - 1, MIB, MIB + 1, 2 * MIB}) {
+        const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(size));
+        EXPECT_EQ(outcome.exitCode, 0);
+        EXPECT_TRUE(outcome.output == Text(size)) << size << ", " << outcome.output.size();
+    }
+}
+
 TEST_F(CommandTest, InputAndOutputMayBeTheSameString) {
     std::string text = Text(MIB);
     int exitCode = -1;
