@@ -1,0 +1,30 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+
+namespace mwl::QueuedProcessings {
+
+/// The work of a `Component`, supplied by the application.
+///
+/// It belongs to the application and must outlive the component's thread. `Initialize` and `Execute` run on
+/// that thread, one call at a time; `Stop` runs on the thread that stops the component, and may run while
+/// `Initialize` or `Execute` does: synchronise what they share.
+class TERN_API ExecutorInterface {
+public:
+    virtual ~ExecutorInterface();
+
+    /// Runs once, before anything else, while Component::Start waits for it and then returns its status.
+    /// Anything but Ok ends the thread. What it throws ends the process.
+    virtual StatusCode Initialize() = 0;
+    /// One run of the processing: everything that is there to do, as wake-ups are folded. A std::exception
+    /// that leaves it ends the whole service on failure, so that it is started again; what is thrown besides
+    /// ends the process.
+    virtual void Execute() = 0;
+    /// Told that the component is stopping, before its thread is woken: cut a long run short. It may be told
+    /// more than once. It never waits for the component's thread and never calls the threads monitor, whose
+    /// mutex may be held.
+    virtual void Stop() = 0;
+};
+
+}  // namespace mwl::QueuedProcessings

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+#include <tern/queued_processings/executor_interface.h>
+#include <tern/threading/condition_variable.h>
+#include <tern/threading/mutex.h>
+#include <tern/threading/thread_manager.h>
+
+#include <memory>
+
+namespace mwl::QueuedProcessings {
+
+/// The supervised side of a component's thread: puts it to sleep, wakes it, tells it to stop.
+///
+/// `Wait` belongs to the worker's thread; `Notify` and `Stop` may be called from any thread, the threads
+/// monitor's included, before the worker waits too: neither is ever lost. Wake-ups that come before the next
+/// `Wait` are folded into one.
+///
+/// Made and shared by the component and its thread, so that neither outlives it. REQUIRES: monitor and
+/// executor outlive it.
+class TERN_API ThreadManager : public Threading::ThreadManager,
+                               public std::enable_shared_from_this<ThreadManager> {
+public:
+    ThreadManager(Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor);
+
+    /// Sleeps until woken. Ok: run the processing once. Stopping, logged as a notice: leave the loop. The
+    /// status of a failed wait, logged as an error: leave the loop. One wait is made: a wake-up for no reason
+    /// counts as one, so the processing may run with nothing to do.
+    StatusCode Wait();
+    /// Wakes the thread, or keeps it from sleeping the next time.
+    void Notify();
+    /// Calls the executor's `Stop`, then makes the wait in progress, or else the next one, answer Stopping.
+    /// There is no way back: every later `Wait` that is woken answers so too.
+    void Stop() override;
+
+    /// Stores the worker's pthread_self(); on the worker's thread, before `NotifyStarted`.
+    void SetThreadId(unsigned long threadId) { mThreadId = threadId; }
+
+private:
+    ExecutorInterface& mExecutor;
+    bool mRunning = true;  ///< guarded by mMutex
+    Threading::Mutex mMutex;
+    Threading::ConditionVariable mCondition;
+    bool mWaitNeeded = true;  ///< no wake-up is pending; guarded by mMutex
+};
+
+}  // namespace mwl::QueuedProcessings

@@ -1,0 +1,114 @@
+#include <pthread.h>
+#include <tern/foundation/log.h>
+#include <tern/queued_processings/component.h>
+
+#include <exception>
+#include <new>
+#include <utility>
+
+namespace mwl::QueuedProcessings {
+
+namespace {
+
+const std::string LOGGER = "QueuedProcessings::Component";
+
+}  // namespace
+
+Component::Component(const std::string& name, const std::string& threadName,
+                     Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor)
+    : mName(name),
+      mThreadName(threadName),
+      mExecutor(executor),
+      mThreadManager(std::make_shared<ThreadManager>(monitor, executor)) {}
+
+Component::~Component() {
+    TERN_LOG_TRACE(LOGGER, "%s: Destroy component [%p]", "~Component", static_cast<void*>(this));
+    if (mThread != nullptr && mThread->joinable()) {
+        mThread->detach();
+    }
+}
+
+StatusCode Component::Start() {
+    if (mThread != nullptr) {
+        TERN_LOG_ERROR(LOGGER, "%s: Do not call start method twice", "Start");
+        return StatusCode::Busy;
+    }
+    // The thread owns with us what it touches: it may outlive the component, and this call may be done with
+    // the promise before set_value has returned there.
+    const auto startUp = std::make_shared<std::promise<StatusCode>>();
+    std::future<StatusCode> started = startUp->get_future();
+    auto body = [name = mName, threadName = mThreadName, threadManager = mThreadManager, startUp,
+                 &executor = mExecutor] { ThreadMain(name, threadName, *threadManager, *startUp, executor); };
+    mThread.reset(new (std::nothrow) std::thread(std::move(body)));
+    if (mThread == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "%s: Failed to create %s thread", "Start", mName.c_str());
+        return StatusCode::ResourceUnavailable;
+    }
+    const StatusCode status = started.get();
+    if (status != StatusCode::Ok) {
+        TERN_LOG_ERROR(LOGGER, "%s: Failed to initialize %s, wait for completion (%s)", "Start",
+                       mName.c_str(), mw::tern::ConvertStatusCodeToString(status).c_str());
+        mThread->join();
+        mThread.reset();
+        return status;
+    }
+    TERN_LOG_TRACE(LOGGER, "%s: %s thread created, and %s initialized", "Start", mName.c_str(),
+                   mName.c_str());
+    return StatusCode::Ok;
+}
+
+void Component::Stop() {
+    TERN_LOG_TRACE(LOGGER, "%s: Stop %s thread mThread=[%p]", "Stop", mName.c_str(),
+                   static_cast<void*>(mThread.get()));
+    if (mThread != nullptr) {
+        mThreadManager->Stop();
+    }
+}
+
+void Component::Join() {
+    TERN_LOG_TRACE(LOGGER, "%s: Join %s thread mThread=[%p]", "Join", mName.c_str(),
+                   static_cast<void*>(mThread.get()));
+    if (mThread != nullptr) {
+        mThread->join();
+        TERN_LOG_TRACE(LOGGER, "%s: %s thread execution has completed, %s service stopped", "Join",
+                       mName.c_str(), mName.c_str());
+    }
+    mThreadManager->NotifyStopped();
+}
+
+void Component::WakeUp() {
+    TERN_LOG_TRACE(LOGGER, "%s: launch %s execution", "WakeUp", mName.c_str());
+    mThreadManager->Notify();
+}
+
+void Component::Execute(ThreadManager& threadManager, ExecutorInterface& executor) {
+    threadManager.SetThreadId(pthread_self());
+    threadManager.NotifyStarted();
+    while (threadManager.Wait() == StatusCode::Ok) {
+        executor.Execute();
+    }
+}
+
+void Component::ThreadMain(const std::string& name, const std::string& threadName,
+                           ThreadManager& threadManager, std::promise<StatusCode>& startUp,
+                           ExecutorInterface& executor) {
+    TERN_LOG_TRACE(LOGGER, "%s: Start %s thread", "ThreadMain", name.c_str());
+    static_cast<void>(pthread_setname_np(pthread_self(), threadName.c_str()));  // may be too long
+    const StatusCode status = executor.Initialize();
+    startUp.set_value(status);
+    if (status != StatusCode::Ok) {
+        TERN_LOG_ERROR(LOGGER, "%s: Failed to initialize %s (%s)", "ThreadMain", name.c_str(),
+                       mw::tern::ConvertStatusCodeToString(status).c_str());
+    } else {
+        try {
+            Execute(threadManager, executor);
+        } catch (const std::exception& exception) {
+            TERN_LOG_ERROR(LOGGER, "%s: caught exception [%s], restart the extension", "ThreadMain",
+                           exception.what());
+            threadManager.NotifyFailure();
+        }
+    }
+    TERN_LOG_TRACE(LOGGER, "%s: Exit %s thread", "ThreadMain", name.c_str());
+}
+
+}  // namespace mwl::QueuedProcessings

@@ -1,0 +1,8 @@
+#include <tern/queued_processings/component_interface.h>
+
+namespace mwl::QueuedProcessings {
+
+// Here, so that the virtual table is made once, in the library.
+ComponentInterface::~ComponentInterface() = default;
+
+}  // namespace mwl::QueuedProcessings
