@@ -43,7 +43,9 @@ TEST(StopSignal, RegisterInstallsAHandlerThatLetsCallsFailWithEINTR) {
 
     struct sigaction action {};
     ASSERT_EQ(sigaction(SIGUSR1, nullptr, &action), 0);
-    EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_NODEFER | SA_RESETHAND | SA_SIGINFO), 0);
+    EXPECT_EQ(
+        static_cast<unsigned int>(action.sa_flags) & (SA_RESTART | SA_NODEFER | SA_RESETHAND | SA_SIGINFO),
+        0U);
     for (int number = 1; number < SIGRTMAX; ++number) {
         EXPECT_EQ(sigismember(&action.sa_mask, number), 0) << number;
     }

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <tern/foundation/api.h>
+#include <tern/threading/threads_watcher_interface.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace mwl::Threading {
+
+/// A thread's promise to report work: silent for more than twice its period, and for more than 20 s, it is
+/// taken as blocked, and the watcher kills the process.
+///
+///     mWatched.StartWatch(std::chrono::milliseconds(5000));
+///     while (WaitForWork()) {
+///         mWatched.NotifyWork();
+///         Work();
+///     }
+///     mWatched.StopWatch();
+///
+/// `StartWatch`, `NotifyWork` and `StopWatch` are called by the watched thread; the rest by any thread. No
+/// operation but `StartWatch` and `StopWatch` takes a lock, so the thread never waits for the watcher. Owned
+/// by the watched thread's object; the watcher outlives it. REQUIRES: `StopWatch` before the thread ends and
+/// before this object is destroyed. Times are those of std::chrono::steady_clock.
+class TERN_API ThreadWatched {
+public:
+    ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name);
+    virtual ~ThreadWatched();
+    ThreadWatched(const ThreadWatched&) = delete;
+    ThreadWatched& operator=(const ThreadWatched&) = delete;
+
+    /// Counts from now and registers the calling thread with the watcher, which logs it. A thread already
+    /// watched counts anew. A period of 0 or less makes the watcher look without any pause; one so long that
+    /// its double does not fit never ends. What the watcher throws when it cannot start its thread
+    /// (std::system_error) leaves from here; the thread is not watched then.
+    void StartWatch(std::chrono::milliseconds period);
+    /// Takes the registration back; harmless when there is none.
+    void StopWatch();
+    /// Reports work: one clock read and one atomic store.
+    void NotifyWork();
+
+    /// 0 before the first `StartWatch`.
+    std::chrono::milliseconds GetPeriod() const;
+    /// pthread_self() of the watched thread, 0 while it is not watched.
+    unsigned long GetThreadId() const;
+    /// Whole milliseconds since the last report, or since `StartWatch` (before it: since construction) when
+    /// there was none.
+    std::chrono::milliseconds GetElapsedTimeSinceLastWork() const;
+    /// Whether the thread has been silent for more than max(2 periods, 20 s); logged as an error.
+    bool IsBlocked() const;
+    std::string GetName() const;
+
+private:
+    std::chrono::milliseconds ElapsedAt(std::chrono::steady_clock::time_point now) const;
+
+    ThreadsWatcherInterface& mWatcher;
+    const std::string mName;
+    // The watcher reads these while the watched thread may start anew; see the .cpp for the order of access.
+    std::atomic<std::int64_t> mPeriodMs{0};
+    std::atomic<std::int64_t> mLastWorkMs{0};  ///< counted from the start instant
+    std::atomic<std::chrono::steady_clock::time_point> mStart;
+    std::atomic<unsigned long> mThreadId{0};
+};
+
+}  // namespace mwl::Threading

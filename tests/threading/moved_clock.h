@@ -1,0 +1,115 @@
+#pragma once
+
+// CLOCK_MONOTONIC in the hands of the test. Include it in one source file of a test program: it defines the
+// program's own clock_gettime and pthread_cond_timedwait, which the library uses too.
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+namespace tern::test {
+
+/// Moves the monotonic clock of this process, or stops it. Deadlines of timed waits follow: a wait of a
+/// second lasts a second, wherever the clock stands.
+class MovedClock {
+public:
+    /// The clock stands still, but for Advance, until Resume.
+    static void Freeze() { mFrozenAt = Real(); }
+    static void Resume() {
+        mFrozenAt = 0;
+        mOffset = 0;
+    }
+    static void Advance(std::chrono::nanoseconds by) { mOffset += by.count(); }
+
+    /// Length of each timed wait so far, as the waiting code computed it, in milliseconds.
+    static std::vector<std::int64_t> Waits() {
+        const std::lock_guard lock(mMutex);
+        return mWaits;
+    }
+    static void ForgetWaits() {
+        const std::lock_guard lock(mMutex);
+        mWaits.clear();
+    }
+
+    /// The next timed wait returns `error` at once.
+    static void FailNextWait(int error) { mNextError = error; }
+
+    // The bodies of the interposed functions.
+    static int Read(clockid_t clock, timespec* now) {
+        if (clock != CLOCK_MONOTONIC) {
+            return Library().clockGettime(clock, now);
+        }
+        tLastRead = ToTest(Real());
+        *now = ToTimespec(tLastRead);
+        return 0;
+    }
+    static int TimedWait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
+        const std::int64_t end = ToNanoseconds(*deadline);
+        {
+            const std::lock_guard lock(mMutex);
+            mWaits.push_back((end - tLastRead) / 1000000);
+        }
+        if (const int error = mNextError.exchange(0); error != 0) {
+            return error;
+        }
+        const std::int64_t real = Real();
+        const timespec realDeadline = ToTimespec(end - ToTest(real) + real);
+        return Library().timedWait(condition, mutex, &realDeadline);
+    }
+
+private:
+    struct Functions {
+        int (*clockGettime)(clockid_t, timespec*);
+        int (*timedWait)(pthread_cond_t*, pthread_mutex_t*, const timespec*);
+    };
+    static const Functions& Library() {
+        static const Functions functions{
+            reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime")),
+            reinterpret_cast<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)>(
+                dlsym(RTLD_NEXT, "pthread_cond_timedwait"))};
+        return functions;
+    }
+    static std::int64_t ToNanoseconds(const timespec& time) {
+        return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+    }
+    static timespec ToTimespec(std::int64_t nanoseconds) {
+        return {static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
+    }
+    static std::int64_t Real() {
+        timespec now{};
+        Library().clockGettime(CLOCK_MONOTONIC, &now);
+        return ToNanoseconds(now);
+    }
+    static std::int64_t ToTest(std::int64_t real) {
+        const std::int64_t frozenAt = mFrozenAt;
+        return (frozenAt != 0 ? frozenAt : real) + mOffset;
+    }
+
+    static inline std::atomic<std::int64_t> mFrozenAt{0};
+    static inline std::atomic<std::int64_t> mOffset{0};
+    static inline std::atomic<int> mNextError{0};
+    static inline std::mutex mMutex;
+    static inline std::vector<std::int64_t> mWaits;
+    static inline thread_local std::int64_t tLastRead = 0;
+};
+
+}  // namespace tern::test
+
+extern "C" __attribute__((visibility("default"))) int MovedClockRead(clockid_t clock,
+                                                                     timespec* now) asm("clock_gettime");
+extern "C" __attribute__((visibility("default"))) int MovedClockTimedWait(
+    pthread_cond_t* condition, pthread_mutex_t* mutex,
+    const timespec* deadline) asm("pthread_cond_timedwait");
+extern "C" int MovedClockRead(clockid_t clock, timespec* now) {
+    return tern::test::MovedClock::Read(clock, now);
+}
+extern "C" int MovedClockTimedWait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                   const timespec* deadline) {
+    return tern::test::MovedClock::TimedWait(condition, mutex, deadline);
+}

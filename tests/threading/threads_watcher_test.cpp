@@ -1,0 +1,515 @@
+#include <pthread.h>
+#include <signal.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/thread_watched.h>
+#include <tern/threading/threads_monitor.h>
+#include <tern/threading/threads_watcher.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <limits>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/child.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/process_resources.h"
+#include "support/wait_until.h"
+#include "threading/moved_clock.h"
+#include "threading/supervision_doubles.h"
+#include "threading/watching_doubles.h"
+
+TERN_INTERPOSE(int, pthread_kill, (pthread_t thread, int number), (thread, number))
+TERN_INTERPOSE(int, pthread_create,
+               (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),
+               (thread, attributes, body, argument))
+
+namespace mwl::Threading {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using tern::test::CountThreads;
+using tern::test::Error;
+using tern::test::FaultScope;
+using tern::test::LogCapture;
+using tern::test::LogEntry;
+using tern::test::MovedClock;
+using tern::test::Notice;
+using tern::test::RunInChild;
+using tern::test::WaitUntil;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::NiceMock;
+using ::testing::Ref;
+using ::testing::SizeIs;
+using ::testing::StrictMock;
+
+const std::string LOGGER = "Threading::ThreadsWatcher";
+const LogEntry STARTED = Notice(LOGGER, "TaskWatch Started");
+const LogEntry STOPPED = Notice(LOGGER, "TaskWatch Stopped");
+constexpr int ROUNDS = 100000 / tern::test::SLOWNESS;
+
+/// A monitor that only counts.
+class CountingMonitor : public ThreadsMonitorInterface {
+public:
+    void AddWorkerThread(ThreadManager& thread) override {
+        EXPECT_EQ(thread.GetThreadId(), 0UL);
+        ++added;
+    }
+    void RemoveWorkerThread(ThreadManager&) override { ADD_FAILURE() << "the watcher never leaves"; }
+    void SetDBusThreadId(unsigned long) override {}
+    void StopWorkerThreads() override {}
+    void NotifyDBusThreadToStop(bool) override { ADD_FAILURE(); }
+    void NotifyDBusThreadToStopOnFailure() override { ADD_FAILURE(); }
+    bool HasFailure() override { return false; }
+    std::atomic<int> added{0};
+};
+
+/// A watcher that watches nobody yet.
+class ThreadsWatcherTest : public ::testing::Test {
+protected:
+    ThreadsWatcherTest() { MovedClock::ForgetWaits(); }
+    ~ThreadsWatcherTest() override { MovedClock::Resume(); }
+
+    LogEntry StartOf(const std::string& name, const std::string& period) {
+        return Notice(LOGGER, "Start watch " + name + " (period " + period + " ms, threadId " +
+                                  std::to_string(pthread_self()) + ")");
+    }
+    static bool HasWaited(std::size_t times) {
+        return WaitUntil([=] { return MovedClock::Waits().size() >= times; });
+    }
+
+    CountingMonitor mMonitor;
+    LogCapture mLog;
+    ThreadsWatcher mWatcher{mMonitor};
+    ThreadWatched mPump{mWatcher, "pump"};
+    ThreadWatched mFan{mWatcher, "fan"};
+};
+
+TEST_F(ThreadsWatcherTest, IsIdleAtFirst) {
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+    EXPECT_EQ(mWatcher.GetThreadId(), 0UL);
+    EXPECT_EQ(mMonitor.added, 0);
+}
+
+TEST_F(ThreadsWatcherTest, NullIsIgnored) {
+    mWatcher.Register(nullptr);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+    EXPECT_EQ(mMonitor.added, 0);
+    // The next one is the first still.
+    mPump.StartWatch(hours(1));
+    EXPECT_TRUE(mLog.WaitFor(STARTED));
+    mWatcher.Unregister(nullptr);
+    EXPECT_FALSE(mLog.Contains(Notice(LOGGER, "Stop watch pump")));
+}
+
+TEST_F(ThreadsWatcherTest, FirstRegistrationStartsTheWatchAndTheLastToLeaveEndsIt) {
+    mPump.StartWatch(hours(1));
+    ASSERT_TRUE(mLog.WaitFor(STARTED));
+    mPump.StopWatch();
+    ASSERT_TRUE(mLog.WaitFor(STOPPED));
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(StartOf("pump", "3600000"), STARTED, Notice(LOGGER, "Stop watch pump"), STOPPED));
+    EXPECT_EQ(mMonitor.added, 1);
+}
+
+TEST_F(ThreadsWatcherTest, WatchGoesOnUntilTheLastHasLeft) {
+    mPump.StartWatch(milliseconds(1));
+    mFan.StartWatch(milliseconds(1));
+    mPump.StopWatch();
+    MovedClock::ForgetWaits();
+    EXPECT_TRUE(HasWaited(2));
+    mFan.StopWatch();
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
+    EXPECT_EQ(mLog.Count(STARTED), 1U);
+}
+
+TEST_F(ThreadsWatcherTest, RegistrationAfterTheLastLeftStartsANewWatch) {
+    for (unsigned int i = 1; i <= 3; ++i) {
+        mPump.StartWatch(hours(1));
+        mPump.StopWatch();
+        EXPECT_TRUE(WaitUntil([&] { return mLog.Count(STOPPED) == i; }));
+        EXPECT_EQ(mLog.Count(STARTED), i);
+    }
+}
+
+TEST_F(ThreadsWatcherTest, ShortestPeriodCountsAndStays) {
+    mPump.StartWatch(milliseconds(60000));
+    ASSERT_TRUE(HasWaited(1));
+    mFan.StartWatch(milliseconds(200));  // at once, not after the minute
+    ASSERT_TRUE(HasWaited(2));
+    mFan.StopWatch();
+    MovedClock::ForgetWaits();
+    ASSERT_TRUE(HasWaited(1));
+    EXPECT_EQ(MovedClock::Waits()[0], 200);
+    mFan.StartWatch(milliseconds(30000));  // a longer one changes nothing
+    MovedClock::ForgetWaits();
+    ASSERT_TRUE(HasWaited(1));
+    EXPECT_EQ(MovedClock::Waits()[0], 200);
+    mFan.StopWatch();
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, WaitsOnePeriodBetweenLooks) {
+    mPump.StartWatch(milliseconds(5000));
+    ASSERT_TRUE(HasWaited(1));
+    mFan.StartWatch(milliseconds(2000));
+    ASSERT_TRUE(HasWaited(2));
+    EXPECT_THAT(MovedClock::Waits(), ElementsAre(5000, 2000));
+    mFan.StopWatch();
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, PeriodMayGrowAfterEveryoneHasLeft) {
+    mPump.StartWatch(milliseconds(200));
+    mPump.StopWatch();
+    ASSERT_TRUE(mLog.WaitFor(STOPPED));
+    MovedClock::ForgetWaits();
+    mPump.StartWatch(milliseconds(7000));
+    ASSERT_TRUE(HasWaited(1));
+    EXPECT_THAT(MovedClock::Waits(), ElementsAre(7000));
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, PeriodBeyondAnIntIsClamped) {
+    mPump.StartWatch(milliseconds(std::numeric_limits<std::int64_t>::max()));
+    ASSERT_TRUE(HasWaited(1));
+    EXPECT_THAT(MovedClock::Waits(), ElementsAre(INT_MAX));
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, ThreadThatIsWatchedMayStartAnew) {
+    mPump.StartWatch(hours(1));
+    ASSERT_TRUE(HasWaited(1));
+    mPump.StartWatch(milliseconds(300));
+    ASSERT_TRUE(HasWaited(2));
+    EXPECT_THAT(MovedClock::Waits(), ElementsAre(3600000, 300));
+    mPump.StopWatch();
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
+    EXPECT_THAT(mLog.Entries(), ElementsAre(StartOf("pump", "3600000"), STARTED, StartOf("pump", "300"),
+                                            Notice(LOGGER, "Stop watch pump"), STOPPED));
+}
+
+TEST_F(ThreadsWatcherTest, UnregisteringAStrangerFromAnEmptySetStopsTheWatch) {
+    mWatcher.Start();
+    ASSERT_TRUE(mLog.WaitFor(STARTED));
+    mWatcher.Unregister(&mPump);
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
+    EXPECT_FALSE(mLog.Contains(Notice(LOGGER, "Stop watch pump")));
+}
+
+TEST_F(ThreadsWatcherTest, StopWakesTheWatchAtOnceAndIsRepeatable) {
+    mWatcher.Stop();
+    mPump.StartWatch(hours(24));
+    ASSERT_TRUE(HasWaited(1));
+    mWatcher.Stop();
+    mWatcher.Stop();
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
+    mPump.StopWatch();
+}
+
+// Somebody else's Stop, a pool's for instance, stops the watch for all.
+TEST_F(ThreadsWatcherTest, AfterStopTheWatchComesBackWhenAllHaveLeft) {
+    mPump.StartWatch(hours(1));
+    mWatcher.Stop();
+    ASSERT_TRUE(mLog.WaitFor(STOPPED));
+    mFan.StartWatch(hours(1));
+    mFan.StopWatch();
+    mPump.StopWatch();
+    EXPECT_EQ(mLog.Count(STARTED), 1U);
+    mFan.StartWatch(hours(1));
+    EXPECT_TRUE(WaitUntil([&] { return mLog.Count(STARTED) == 2; }));
+    mFan.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, StopEndsEveryWatchThatWasStarted) {
+    mWatcher.Start();
+    mWatcher.Start();
+    ASSERT_TRUE(WaitUntil([&] { return mLog.Count(STARTED) == 2; }));
+    mWatcher.Stop();
+    EXPECT_TRUE(WaitUntil([&] { return mLog.Count(STOPPED) == 2; }));
+}
+
+TEST_F(ThreadsWatcherTest, DirectTaskWatchReturnsWhileTheWatchIsStopped) {
+    mWatcher.TaskWatch();
+    EXPECT_THAT(mLog.Entries(), ElementsAre(STARTED, STOPPED));
+    EXPECT_EQ(mMonitor.added, 1);
+}
+
+TEST_F(ThreadsWatcherTest, DirectTaskWatchRunsUntilTheNextStop) {
+    mPump.StartWatch(hours(1));
+    std::thread own([&] { mWatcher.TaskWatch(); });
+    ASSERT_TRUE(WaitUntil([&] { return mLog.Count(STARTED) == 2; }));
+    EXPECT_EQ(mLog.Count(STOPPED), 0U);
+    mWatcher.Stop();
+    own.join();
+    EXPECT_TRUE(WaitUntil([&] { return mLog.Count(STOPPED) == 2; }));
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, RefusedWatchThreadLeavesTheThreadUnwatched) {
+    FaultScope scope(fault_pthread_create);
+    fault_pthread_create.Fail(EAGAIN);
+    EXPECT_THROW(mPump.StartWatch(hours(1)), std::system_error);
+    EXPECT_EQ(mPump.GetThreadId(), 0UL);
+    mWatcher.TaskWatch();  // not running: returns
+    EXPECT_EQ(mLog.Count(STOPPED), 1U);
+    // The next one is the first still, and starts the watch.
+    mFan.StartWatch(hours(1));
+    EXPECT_TRUE(WaitUntil([&] { return mLog.Count(STARTED) == 2; }));
+    mFan.StopWatch();
+    EXPECT_TRUE(WaitUntil([&] { return mLog.Count(STOPPED) == 2; }));
+}
+
+TEST_F(ThreadsWatcherTest, RefusedStartLeavesTheRunningWatchAlone) {
+    mPump.StartWatch(hours(1));
+    ASSERT_TRUE(mLog.WaitFor(STARTED));
+    {
+        FaultScope scope(fault_pthread_create);
+        fault_pthread_create.Fail(EAGAIN);
+        EXPECT_THROW(mWatcher.Start(), std::system_error);
+    }
+    mFan.StartWatch(milliseconds(50));
+    MovedClock::ForgetWaits();
+    EXPECT_TRUE(HasWaited(2));
+    mFan.StopWatch();
+    mPump.StopWatch();
+}
+
+// Takes SIGKILL from the watcher; ordinary signals still happen.
+class KillRecorder {
+public:
+    KillRecorder() {
+        fault_pthread_kill.Replace(
+            [this](pthread_t thread, int number) {
+                EXPECT_EQ(number, SIGKILL);
+                const std::lock_guard lock(mMutex);
+                mKilled.push_back(thread);
+                return 0;
+            },
+            INT_MAX);
+    }
+    std::vector<unsigned long> Killed() {
+        const std::lock_guard lock(mMutex);
+        return mKilled;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<unsigned long> mKilled;
+    FaultScope<int(pthread_t, int)> mScope{fault_pthread_kill};
+};
+
+TEST_F(ThreadsWatcherTest, OneThreadIsKilledALookTheFirstInTheOrderOfTheSet) {
+    KillRecorder recorder;
+    ThreadWatched& first = std::min(&mPump, &mFan)[0];
+    ThreadWatched& second = std::max(&mPump, &mFan)[0];
+    // The second one from a thread with another id.
+    std::atomic<bool> over{false};
+    std::thread other([&] {
+        second.StartWatch(milliseconds(1));
+        WaitUntil([&] { return over.load(); });
+        second.StopWatch();
+    });
+    first.StartWatch(milliseconds(1));
+    ASSERT_TRUE(WaitUntil([&] { return second.GetThreadId() != 0; }));
+    MovedClock::Advance(milliseconds(20100));
+    EXPECT_TRUE(WaitUntil([&] { return recorder.Killed().size() >= 3; }));
+    for (const unsigned long killed : recorder.Killed()) {
+        EXPECT_EQ(killed, pthread_self());
+    }
+    over = true;
+    other.join();
+    first.StopWatch();
+    EXPECT_TRUE(
+        mLog.Contains(Error(LOGGER, "TaskWatch Thread [" + first.GetName() +
+                                        "] is blocked, send kill on PID " + std::to_string(pthread_self()))));
+}
+
+/// Passes the registration on, but loses the end of it, as if it had not come yet.
+class ForgetfulWatcher : public NiceMock<MockWatcher> {
+public:
+    explicit ForgetfulWatcher(ThreadsWatcherInterface& watcher) {
+        ON_CALL(*this, Register).WillByDefault([&](ThreadWatched* thread) { watcher.Register(thread); });
+    }
+};
+
+TEST_F(ThreadsWatcherTest, ThreadThatIsLeavingIsPassedOver) {
+    KillRecorder recorder;
+    ForgetfulWatcher forgetful(mWatcher);
+    ThreadWatched leaving(forgetful, "leaving");
+    leaving.StartWatch(milliseconds(1));
+    leaving.StopWatch();
+    MovedClock::Advance(milliseconds(20100));
+    MovedClock::ForgetWaits();
+    EXPECT_TRUE(HasWaited(3));
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+    EXPECT_THAT(mLog.Entries("Threading::ThreadWatched"), IsEmpty());
+    mWatcher.Unregister(&leaving);
+}
+
+TEST_F(ThreadsWatcherTest, ThreadThatReportsIsLeftAlone) {
+    KillRecorder recorder;
+    mPump.StartWatch(milliseconds(1));
+    for (int i = 0; i < 5; ++i) {
+        MovedClock::Advance(milliseconds(15000));
+        mPump.NotifyWork();
+        MovedClock::ForgetWaits();
+        EXPECT_TRUE(HasWaited(2));
+    }
+    mPump.StopWatch();
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+}
+
+TEST_F(ThreadsWatcherTest, MonitorStopsItWithTheOtherWorkers) {
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    ThreadsWatcher watcher(monitor);
+    ThreadWatched watched(watcher, "pump");
+    watched.StartWatch(hours(1));
+    ASSERT_TRUE(WaitUntil([&] {
+        return mLog.Contains(tern::test::Trace("Threading::ThreadsMonitor", "Add Worker thread [0]"));
+    }));
+    monitor.StopWorkerThreads();
+    // When it registers after that, it is the application's to stop.
+    watcher.Stop();
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
+    monitor.StopWorkerThreads();
+    watched.StopWatch();
+}
+
+/// Whether `Start` runs what a derived class makes of the loop.
+class OwnLoop : public ThreadsWatcher {
+public:
+    using ThreadsWatcher::ThreadsWatcher;
+    void TaskWatch() override { ran = true; }
+    std::atomic<bool> ran{false};
+};
+
+TEST_F(ThreadsWatcherTest, StartRunsTaskWatch) {
+    OwnLoop watcher(mMonitor);
+    watcher.Start();
+    EXPECT_TRUE(WaitUntil([&] { return watcher.ran.load(); }));
+}
+
+// The process-ending edge, for real.
+TEST(ThreadsWatcher, BlockedThreadEndsTheProcessWithSigkill) {
+    const auto result = RunInChild([] {
+        NiceMock<MockMonitor> monitor;
+        ThreadsWatcher watcher(monitor);
+        ThreadWatched watched(watcher, "pump");
+        MovedClock::Freeze();
+        watched.StartWatch(milliseconds(50));
+        MovedClock::Advance(milliseconds(20001));
+        pause();
+        return 0;
+    });
+    EXPECT_EQ(result.signal, SIGKILL);
+    EXPECT_FALSE(result.timedOut);
+    ASSERT_THAT(result.log, SizeIs(4));
+    EXPECT_EQ(result.log[1], STARTED);
+    EXPECT_EQ(result.log[2], Error("Threading::ThreadWatched",
+                                   "Thread (pump) is blocked (period 50 ms, lastWork 20001 ms)"));
+    const std::string start = "Start watch pump (period 50 ms, threadId ";
+    ASSERT_EQ(result.log[0].text.substr(0, start.size()), start);
+    std::string id = result.log[0].text.substr(start.size());
+    id.pop_back();
+    EXPECT_EQ(result.log[3], Error(LOGGER, "TaskWatch Thread [pump] is blocked, send kill on PID " + id));
+}
+
+TEST(ThreadsWatcher, AtTheLimitNothingIsKilled) {
+    const auto result = RunInChild([] {
+        NiceMock<MockMonitor> monitor;
+        ThreadsWatcher watcher(monitor);
+        ThreadWatched watched(watcher, "pump");
+        MovedClock::Freeze();
+        watched.StartWatch(milliseconds(5));
+        MovedClock::Advance(milliseconds(20000));
+        MovedClock::ForgetWaits();
+        while (MovedClock::Waits().size() < 5) {
+            usleep(1000);
+        }
+        watched.StopWatch();
+        return 7;
+    });
+    EXPECT_EQ(result.exitCode, 7);
+}
+
+// A stop that the sleeping watch missed would last for the whole day that it sleeps.
+TEST(ThreadsWatcher, NoStopIsLostAndTheLoopOutlivesNoWatcher) {
+    const LogCapture log(2);
+    CountingMonitor monitor;
+    const std::size_t threads = CountThreads();
+    for (int round = 0; round < ROUNDS; ++round) {
+        ThreadsWatcher watcher(monitor);
+        ThreadWatched watched(watcher, "pump");
+        watched.StartWatch(hours(24));
+        if (round % 2 == 0) {
+            watched.StopWatch();
+        }
+    }
+    EXPECT_EQ(monitor.added, ROUNDS);
+    EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= threads; }));
+}
+
+// The former run leaves, the new one stays, even when the stop and the start come in one breath.
+TEST(ThreadsWatcher, RestartAtOnceLeavesOneWatchRunning) {
+    LogCapture log(2);
+    CountingMonitor monitor;
+    ThreadsWatcher watcher(monitor);
+    ThreadWatched watched(watcher, "pump");
+    watched.StartWatch(hours(24));
+    // With the sanitizer's own thread, which starts with the first one of ours.
+    const std::size_t threads = CountThreads();
+    for (int round = 1; round <= ROUNDS; ++round) {
+        watched.StopWatch();
+        watched.StartWatch(hours(24));
+        if (round % 100 == 0) {
+            ASSERT_TRUE(WaitUntil([&] { return CountThreads() <= threads; })) << "a former run did not leave";
+            watched.StartWatch(milliseconds(1));
+            MovedClock::ForgetWaits();
+            ASSERT_TRUE(WaitUntil([&] { return !MovedClock::Waits().empty(); })) << "nobody watches";
+        }
+    }
+    watched.StopWatch();
+    EXPECT_TRUE(WaitUntil([&] { return monitor.added == ROUNDS + 1; }));
+}
+
+// Registrations, ends and stops from everywhere, under ThreadSanitizer's eyes: no race, no lock held in
+// another order.
+TEST(ThreadsWatcher, ManyThreadsComeAndGo) {
+    const LogCapture log(2);
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    ThreadsWatcher watcher(monitor);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            ThreadWatched watched(watcher, "worker");
+            for (int round = 0; round < ROUNDS / 100; ++round) {
+                watched.StartWatch(milliseconds(1 + (round + i) % 5));
+                watched.NotifyWork();
+                if (round % 10 == 0) {
+                    monitor.StopWorkerThreads();
+                }
+                watched.StopWatch();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_FALSE(monitor.HasFailure());
+}
+
+}  // namespace
+}  // namespace mwl::Threading

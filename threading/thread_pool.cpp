@@ -1,0 +1,128 @@
+#include <signal.h>
+#include <tern/foundation/log.h>
+#include <tern/threading/thread_pool.h>
+
+#include <string>
+#include <utility>
+
+namespace mwl::Threading::ThreadPool {
+
+namespace {
+
+const std::string LOGGER = "Threading::ThreadPool";
+
+/// How long an idle worker sleeps between two reports to the watcher.
+constexpr int IDLE_LIMIT_MS = 10000;
+
+}  // namespace
+
+ThreadPool::ThreadPool(unsigned int threadCount, ThreadsWatcherInterface& watcher, SignalsInterface& signals)
+    : mThreadCount(threadCount), mWatcher(watcher), mSignals(signals) {}
+
+ThreadPool::~ThreadPool() {
+    Stop(false);
+}
+
+void ThreadPool::Start() {
+    if (mRunning || mThreadCount == 0) {
+        return;
+    }
+    TERN_LOG_TRACE(LOGGER, "%s: Starting ThreadPool with %u threads", "Start", mThreadCount);
+    {
+        const Lock lock(mMutex);
+        mStopping = false;
+    }
+    mRunning = true;
+    try {
+        for (unsigned int index = 0; index < mThreadCount; ++index) {
+            mThreads.push_back(std::make_unique<Thread>(
+                mWatcher, [this](std::function<void()> notifyWork) { ThreadLoop(std::move(notifyWork)); },
+                mSignals, index));
+            mThreads.back()->Start();
+        }
+    } catch (...) {
+        LetWorkersLeave();
+        mThreads.clear();  // joins
+        mRunning = false;
+        throw;
+    }
+}
+
+void ThreadPool::QueueJob(const std::function<void()>& job) {
+    // Copied before the lock: copying may be the caller's code.
+    std::function<void()> copy(job);
+    {
+        const Lock lock(mMutex);
+        mJobs.push_back(std::move(copy));
+    }
+    mCondition.NotifyOne();
+}
+
+bool ThreadPool::HasPendingJobs() const {
+    const Lock lock(mMutex);
+    return !mJobs.empty();
+}
+
+void ThreadPool::Stop(bool force) {
+    if (!mRunning) {
+        return;
+    }
+    mWatcher.Stop();
+    LetWorkersLeave();
+    if (force) {
+        ForceThreadsTermination();
+    }
+    for (const auto& thread : mThreads) {
+        thread->Join();
+    }
+    TERN_LOG_TRACE(LOGGER, "%s: All threads joined", "Stop");
+    mThreads.clear();
+    mRunning = false;
+}
+
+void ThreadPool::ForceThreadsTermination() {
+    for (const auto& thread : mThreads) {
+        thread->SendSignal(SIGUSR1);
+    }
+}
+
+// By value, as it always was: callers' calls are compiled against this signature.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
+    while (true) {
+        std::function<void()> job;
+        StatusCode status = StatusCode::Failure;
+        {
+            Lock lock(mMutex);
+            if (mStopping) {
+                return;
+            }
+            status = mCondition.WaitFor(lock, IDLE_LIMIT_MS, [this] { return mStopping || !mJobs.empty(); });
+            if (status == StatusCode::Ok && !mStopping) {
+                job = std::move(mJobs.front());
+                mJobs.pop_front();
+            }
+        }
+        if (status == StatusCode::Timeout) {
+            TERN_LOG_TRACE(LOGGER, "%s: Timeout waiting for work", "ThreadLoop");
+        } else if (status != StatusCode::Ok) {
+            TERN_LOG_ERROR(LOGGER, "%s: Error waiting for work %s", "ThreadLoop",
+                           mw::tern::ConvertStatusCodeToString(status).c_str());
+        }
+        notifyWork();
+        if (job) {
+            job();
+            notifyWork();
+        }
+    }
+}
+
+void ThreadPool::LetWorkersLeave() {
+    {
+        const Lock lock(mMutex);
+        mStopping = true;
+    }
+    mCondition.NotifyAll();
+}
+
+}  // namespace mwl::Threading::ThreadPool

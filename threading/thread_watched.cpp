@@ -1,0 +1,100 @@
+#include <pthread.h>
+#include <tern/foundation/log.h>
+#include <tern/threading/thread_watched.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace mwl::Threading {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+const std::string LOGGER = "Threading::ThreadWatched";
+
+/// No thread is taken as blocked sooner, however short its period.
+constexpr milliseconds SHORTEST_LIMIT{20000};
+
+milliseconds LimitOf(milliseconds period) {
+    if (period > milliseconds::max() / 2) {
+        return milliseconds::max();
+    }
+    return std::max(SHORTEST_LIMIT, 2 * std::max(period, milliseconds(0)));
+}
+
+}  // namespace
+
+// A thread that starts anew while the watcher looks at it must never seem blocked by a mixture of old and new
+// values. So the writer stores start instant, last work, period, each released; the reader loads in the other
+// order, after it has read the clock: now, period, last work, start instant. Whatever it meets half-way then
+// only makes the silence look shorter.
+
+ThreadWatched::ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name)
+    : mWatcher(watcher), mName(name), mStart(steady_clock::now()) {}
+
+ThreadWatched::~ThreadWatched() = default;
+
+void ThreadWatched::StartWatch(milliseconds period) {
+    mStart.store(steady_clock::now(), std::memory_order_relaxed);
+    mLastWorkMs.store(0, std::memory_order_release);
+    mPeriodMs.store(period.count(), std::memory_order_release);
+    mThreadId = pthread_self();
+    try {
+        mWatcher.Register(this);
+    } catch (...) {
+        mThreadId = 0;
+        throw;
+    }
+}
+
+void ThreadWatched::StopWatch() {
+    mThreadId = 0;
+    mWatcher.Unregister(this);
+}
+
+void ThreadWatched::NotifyWork() {
+    // Only the watched thread stores the start instant.
+    const auto sinceStart = steady_clock::now() - mStart.load(std::memory_order_relaxed);
+    mLastWorkMs.store(std::chrono::duration_cast<milliseconds>(sinceStart).count(),
+                      std::memory_order_release);
+}
+
+milliseconds ThreadWatched::GetPeriod() const {
+    return milliseconds(mPeriodMs.load(std::memory_order_acquire));
+}
+
+unsigned long ThreadWatched::GetThreadId() const {
+    return mThreadId;
+}
+
+milliseconds ThreadWatched::GetElapsedTimeSinceLastWork() const {
+    return ElapsedAt(steady_clock::now());
+}
+
+bool ThreadWatched::IsBlocked() const {
+    const steady_clock::time_point now = steady_clock::now();
+    const milliseconds period = GetPeriod();
+    const milliseconds elapsed = ElapsedAt(now);
+    if (elapsed <= LimitOf(period)) {
+        return false;
+    }
+    TERN_LOG_ERROR(LOGGER, "Thread (%s) is blocked (period %llu ms, lastWork %llu ms)", mName.c_str(),
+                   static_cast<unsigned long long>(period.count()),
+                   static_cast<unsigned long long>(elapsed.count()));
+    return true;
+}
+
+std::string ThreadWatched::GetName() const {
+    return mName;
+}
+
+milliseconds ThreadWatched::ElapsedAt(steady_clock::time_point now) const {
+    const milliseconds lastWork(mLastWorkMs.load(std::memory_order_acquire));
+    const auto sinceStart =
+        std::chrono::duration_cast<milliseconds>(now - mStart.load(std::memory_order_relaxed));
+    return std::max(sinceStart - lastWork, milliseconds(0));
+}
+
+}  // namespace mwl::Threading
