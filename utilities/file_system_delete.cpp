@@ -33,6 +33,8 @@ extern "C" int RemoveWalkedEntry(const char* path, const struct stat* /*informat
 }  // namespace
 
 StatusCode FileSystem::DeleteFolder(const std::string& path, bool quiet) {
+    // Safe: without FTW_CHDIR the walk leaves the working folder alone.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (nftw(path.c_str(), RemoveWalkedEntry, WALK_DESCRIPTORS, FTW_DEPTH | FTW_MOUNT | FTW_PHYS) == 0) {
         return StatusCode::Ok;
     }
