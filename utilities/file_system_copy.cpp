@@ -11,6 +11,7 @@
 #include "foundation/unique_fd.h"
 #include "utilities/directory.h"
 #include "utilities/file_system_logger.h"
+#include "utilities/meadow_owner.h"
 
 namespace mwl::Utilities {
 
@@ -38,7 +39,7 @@ StatusCode FailedToInspect(const std::string& path, int error) {
 }
 
 /// Copies one regular file and gives it to the service user.
-StatusCode CopyEntry(const std::string& from, const std::string& to) {
+StatusCode CopyEntry(const std::string& from, const std::string& to, MeadowOwner& owner) {
     const StatusCode status = FileSystem::CopyFile(from, to);
     TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Copy %s to %s, status = %s", COPY_FOLDER_CONTENT, from.c_str(),
                   to.c_str(), ConvertStatusCodeToString(status).c_str());
@@ -48,7 +49,7 @@ StatusCode CopyEntry(const std::string& from, const std::string& to) {
         return status;
     }
     // Meant: a file that was copied is a success, whoever owns it.
-    if (FileSystem::SetMeadowOwner(to) != StatusCode::Ok) {
+    if (owner.SetOn(to) != StatusCode::Ok) {
         TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to set meadow owner for %s", COPY_FOLDER_CONTENT,
                          to.c_str());
     } else if (FileSystem::SetDefaultAccessRights(to) != StatusCode::Ok) {
@@ -58,8 +59,11 @@ StatusCode CopyEntry(const std::string& from, const std::string& to) {
     return StatusCode::Ok;
 }
 
+StatusCode CopyContent(const std::string& source, const std::string& destination, bool includeFolders,
+                       bool includeFiles, MeadowOwner& owner);
+
 /// Makes the sub-folder and copies everything in it. The paths come without a separator at their end.
-StatusCode CopySubFolder(std::string from, std::string to) {
+StatusCode CopySubFolder(std::string from, std::string to, MeadowOwner& owner) {
     StatusCode status = FileSystem::CreateFolder(to);
     if (status != StatusCode::Ok) {
         return status;
@@ -67,7 +71,7 @@ StatusCode CopySubFolder(std::string from, std::string to) {
     from += FileSystem::FOLDER_SEPARATOR;
     to += FileSystem::FOLDER_SEPARATOR;
     // Meant: what is below the first level is copied whole, whatever was chosen for that level.
-    status = FileSystem::CopyFolderContent(from, to, true, true);
+    status = CopyContent(from, to, true, true, owner);
     if (status == StatusCode::NotFound) {
         TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Copy empty %s to %s, status = %s", COPY_FOLDER_CONTENT,
                       from.c_str(), to.c_str(), ConvertStatusCodeToString(StatusCode::Ok).c_str());
@@ -81,6 +85,46 @@ StatusCode CopySubFolder(std::string from, std::string to) {
     TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Copy %s to %s, status = %s", COPY_FOLDER_CONTENT, from.c_str(),
                   to.c_str(), ConvertStatusCodeToString(status).c_str());
     return status;
+}
+
+StatusCode CopyContent(const std::string& source, const std::string& destination, bool includeFolders,
+                       bool includeFiles, MeadowOwner& owner) {
+    Directory directory(source);
+    if (!directory) {
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to open directory: %s", COPY_FOLDER_CONTENT,
+                       source.c_str());
+        return StatusCode::Failure;
+    }
+    // Meant: nothing copied is NotFound, and each entry's result covers the ones before it.
+    StatusCode result = StatusCode::NotFound;
+    while (const dirent* entry = directory.Next()) {
+        const std::string from = source + entry->d_name;
+        const std::string to = destination + entry->d_name;
+        if (entry->d_type == DT_REG) {
+            if (includeFiles) {
+                result = CopyEntry(from, to, owner);
+            } else {
+                TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: includeFiles=false, %s is not copied to %s",
+                               COPY_FOLDER_CONTENT, from.c_str(), destination.c_str());
+            }
+        } else if (entry->d_type == DT_DIR) {
+            if (includeFolders) {
+                result = CopySubFolder(from, to, owner);
+            } else {
+                TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: includeFolders=false, %s is not copied to %s",
+                               COPY_FOLDER_CONTENT, from.c_str(), destination.c_str());
+            }
+        } else {
+            TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: File %s, type (%u) is not supported", COPY_FOLDER_CONTENT,
+                          entry->d_name, static_cast<unsigned int>(entry->d_type));
+        }
+    }
+    if (directory.Close() != 0) {
+        const int error = errno;
+        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to close directory, errno: %s", COPY_FOLDER_CONTENT,
+                         ErrorText(error));
+    }
+    return result;
 }
 
 }  // namespace
@@ -122,42 +166,8 @@ StatusCode FileSystem::CopyFile(const std::string& source, const std::string& de
 
 StatusCode FileSystem::CopyFolderContent(const std::string& source, const std::string& destination,
                                          bool includeFolders, bool includeFiles) {
-    Directory directory(source);
-    if (!directory) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to open directory: %s", COPY_FOLDER_CONTENT,
-                       source.c_str());
-        return StatusCode::Failure;
-    }
-    // Meant: nothing copied is NotFound, and each entry's result covers the ones before it.
-    StatusCode result = StatusCode::NotFound;
-    while (const dirent* entry = directory.Next()) {
-        const std::string from = source + entry->d_name;
-        const std::string to = destination + entry->d_name;
-        if (entry->d_type == DT_REG) {
-            if (includeFiles) {
-                result = CopyEntry(from, to);
-            } else {
-                TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: includeFiles=false, %s is not copied to %s",
-                               COPY_FOLDER_CONTENT, from.c_str(), destination.c_str());
-            }
-        } else if (entry->d_type == DT_DIR) {
-            if (includeFolders) {
-                result = CopySubFolder(from, to);
-            } else {
-                TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: includeFolders=false, %s is not copied to %s",
-                               COPY_FOLDER_CONTENT, from.c_str(), destination.c_str());
-            }
-        } else {
-            TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: File %s, type (%u) is not supported", COPY_FOLDER_CONTENT,
-                          entry->d_name, static_cast<unsigned int>(entry->d_type));
-        }
-    }
-    if (directory.Close() != 0) {
-        const int error = errno;
-        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to close directory, errno: %s", COPY_FOLDER_CONTENT,
-                         ErrorText(error));
-    }
-    return result;
+    MeadowOwner owner;
+    return CopyContent(source, destination, includeFolders, includeFiles, owner);
 }
 
 }  // namespace mwl::Utilities

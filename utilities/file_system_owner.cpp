@@ -7,6 +7,7 @@
 
 #include "foundation/error_text.h"
 #include "utilities/file_system_logger.h"
+#include "utilities/meadow_owner.h"
 #include "utilities/user_database.h"
 
 namespace mwl::Utilities {
@@ -80,16 +81,19 @@ StatusCode FileSystem::CreateFolder(const std::string& path) {
 }
 
 StatusCode FileSystem::SetMeadowOwner(const std::string& path) {
-    uid_t uid = 0;
-    gid_t gid = 0;
+    return MeadowOwner().SetOn(path);
+}
+
+StatusCode MeadowOwner::SetOn(const std::string& path) {
     int error = 0;
-    if (!FindOwner(MEADOW, MEADOW, uid, gid, error)) {
+    mFound = mFound || FindOwner(MEADOW, MEADOW, mUser, mGroup, error);
+    if (!mFound) {
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
                        "SetMeadowOwner: Failed to get user info or group info of file %s, errno %s",
                        path.c_str(), ErrorText(error));
         return StatusCode::Failure;
     }
-    if (chown(path.c_str(), uid, gid) != 0) {
+    if (chown(path.c_str(), mUser, mGroup) != 0) {
         error = errno;
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "SetMeadowOwner: Failed to change owner of file: %s (errno=%s)",
                        path.c_str(), ErrorText(error));

@@ -19,17 +19,23 @@ namespace {
 
 constexpr std::uint64_t BYTES_PER_KIB = 1024;
 
-StatusCode MeasureEntry(const std::filesystem::path& path, unsigned int& usage) {
+/// Whether there is nothing at the path, or nothing that could be looked at.
+bool IsMissing(const char* path) {
     std::error_code unused;
     const std::filesystem::file_type type = std::filesystem::status(path, unused).type();
-    if (type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none) {
-        return StatusCode::NotFound;
-    }
+    return type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none;
+}
+
+StatusCode MeasureEntry(const char* path, unsigned int& usage) {
     struct stat information {};
-    if (stat(path.c_str(), &information) != 0) {
-        const StatusCode status = MakeStatusCodeFromErrno(errno);
+    if (stat(path, &information) != 0) {
+        const int error = errno;
+        if (IsMissing(path)) {
+            return StatusCode::NotFound;
+        }
+        const StatusCode status = MakeStatusCodeFromErrno(error);
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "[%s] Couldn't get size of path '%s', status = %s", "GetDiskUsage",
-                       path.c_str(), ConvertStatusCodeToString(status).c_str());
+                       path, ConvertStatusCodeToString(status).c_str());
         return status;
     }
     const auto size = static_cast<std::uint64_t>(information.st_size);
@@ -38,7 +44,7 @@ StatusCode MeasureEntry(const std::filesystem::path& path, unsigned int& usage) 
     return StatusCode::Ok;
 }
 
-StatusCode FailedAtEntry(const std::filesystem::path& path, StatusCode status) {
+StatusCode FailedAtEntry(const std::string& path, StatusCode status) {
     TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "[%s] Failed to get disk usage for entry '%s', status = %s",
                    "GetRecursiveDiskUsage", path.c_str(), ConvertStatusCodeToString(status).c_str());
     return status;
@@ -47,24 +53,24 @@ StatusCode FailedAtEntry(const std::filesystem::path& path, StatusCode status) {
 }  // namespace
 
 StatusCode FileSystem::GetDiskUsage(const std::string& path, unsigned int& usage) {
-    return MeasureEntry(path, usage);
+    return MeasureEntry(path.c_str(), usage);
 }
 
 StatusCode FileSystem::GetRecursiveDiskUsage(const std::string& path, unsigned int& usage) {
     using std::filesystem::directory_options;
     using std::filesystem::recursive_directory_iterator;
 
-    std::filesystem::path current = path;
-    const StatusCode status = MeasureEntry(current, usage);
+    const StatusCode status = MeasureEntry(path.c_str(), usage);
     std::error_code error;
-    if (status != StatusCode::Ok || !std::filesystem::is_directory(current, error)) {
+    if (status != StatusCode::Ok || !std::filesystem::is_directory(path, error)) {
         return status;
     }
-    recursive_directory_iterator entry(current, directory_options::follow_directory_symlink, error);
+    std::string current = path;  // outlives the iterator's own, which is gone when a step fails
+    recursive_directory_iterator entry(path, directory_options::follow_directory_symlink, error);
     while (!error && entry != recursive_directory_iterator()) {
-        current = entry->path();
+        current = entry->path().native();
         unsigned int entryUsage = 0;
-        const StatusCode entryStatus = MeasureEntry(current, entryUsage);
+        const StatusCode entryStatus = MeasureEntry(current.c_str(), entryUsage);
         if (entryStatus != StatusCode::Ok) {
             return FailedAtEntry(current, entryStatus);
         }

@@ -328,6 +328,33 @@ TEST_P(FileSystemCopy, WithoutTheMeadowUserAFileIsCopiedAllTheSameAndKeepsItsFir
                     Warning(LOGGER, "CopyFolderContent: Failed to set meadow owner for " + to + "file")));
 }
 
+TEST_P(FileSystemCopy, TheMeadowUserIsLookedUpUntilItIsFoundOnceATree) {
+    for (const char* name : {"one", "two", "three"}) {
+        MakeFile(from + name, "content");
+    }
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0700), 0);
+    MakeFile(from + "sub/file", "content");
+    int calls = 0;
+    fault_getpwnam_r.Replace(
+        [&](const char*, struct passwd* entry, char*, size_t, struct passwd** result) {
+            if (++calls == 1) {
+                return EIO;
+            }
+            entry->pw_uid = getuid();
+            *result = entry;
+            return 0;
+        },
+        1000);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_EQ(calls, 2);
+    int copiesWithDefaultRights = 0;
+    for (const char* name : {"one", "two", "three", "sub/file"}) {
+        copiesWithDefaultRights += ModeOf(to + name) == 0644 ? 1 : 0;
+    }
+    EXPECT_EQ(copiesWithDefaultRights, 3) << "only the file of the failed look-up stays as it was made";
+}
+
 TEST_P(FileSystemCopy, AFileWhoseOwnerCannotBeSetIsCopied) {
     MakeFile(from + "file", "content");
     fault_chown.Fail(-1, EPERM);

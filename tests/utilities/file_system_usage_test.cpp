@@ -139,7 +139,7 @@ TEST_P(FileSystemUsage, WhatIsMissingOrOutOfReachIsNotFoundWithoutAMessage) {
     EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
-TEST_P(FileSystemUsage, AnEntryThatVanishesBetweenTheLooksGivesTheStatusOfErrno) {
+TEST_P(FileSystemUsage, AnEntryThatExistsButCannotBeMeasuredGivesTheStatusOfErrno) {
     MakeFile(folder / "file");
     fault_stat64.Fail(-1, EACCES);
     EXPECT_EQ(FileSystem::GetDiskUsage(folder / "file", usage), StatusCode::AccessDenied);

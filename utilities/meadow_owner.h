@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/types.h>
+#include <tern/foundation/status_code.h>
+
+#include <string>
+
+namespace mwl::Utilities {
+
+/// Gives entries to the user of the service files. One object looks the user and the group up until they are
+/// found, then no more: a tree of many files costs one look-up. One thread at a time.
+class MeadowOwner {
+public:
+    /// As FileSystem::SetMeadowOwner, messages included.
+    StatusCode SetOn(const std::string& path);
+
+private:
+    bool mFound = false;
+    uid_t mUser = 0;
+    gid_t mGroup = 0;
+};
+
+}  // namespace mwl::Utilities
