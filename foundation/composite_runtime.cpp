@@ -1,5 +1,4 @@
 #include <tern/foundation/composite_runtime.h>
-
 #include <tern/foundation/log.h>
 
 #include <string>

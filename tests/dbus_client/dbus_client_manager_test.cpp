@@ -28,7 +28,6 @@ using tern::test::PrivateBus;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 TERN_INTERPOSE(int, sd_bus_default_system, (sd_bus * *bus), (bus))
 TERN_INTERPOSE(int, sd_bus_list_names, (sd_bus * bus, char*** acquired, char*** activatable),
@@ -192,6 +191,23 @@ TEST_F(DBusClientManagerTest, LostBusIsAnError) {
     EXPECT_EQ(log.Entries("Service").size(), 2U);
     EXPECT_EQ(address, "unchanged");
     EXPECT_EQ(manager.Connect(), StatusCode::Ok) << "meant: a connection is held, if a dead one";
+}
+
+TEST(DBusClientManager, NewManagerGetsANewConnectionAfterTheBusWasLost) {
+    const LogCapture log;
+    std::set<std::string> names;
+    {
+        PrivateBus lost;
+        DBusClientManager manager;
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        lost.Kill();
+        EXPECT_NE(manager.LookupServices("", names), StatusCode::Ok);
+    }
+    const PrivateBus back;
+    DBusClientManager manager;
+    EXPECT_EQ(manager.Connect(), StatusCode::Ok);
+    EXPECT_EQ(manager.LookupServices("org.freedesktop.DBus", names), StatusCode::Ok);
+    EXPECT_THAT(names, ElementsAre("org.freedesktop.DBus"));
 }
 
 TEST_F(DBusClientManagerTest, ReadsTheSocketAddressOfAService) {

@@ -26,8 +26,8 @@ public:
     DBusClientManager& operator=(const DBusClientManager&) = delete;
 
     /// Takes the connection. Ok, also when there is one already: nothing is done then, even when the bus was
-    /// lost meanwhile (make a new manager). Otherwise the status of sd-bus's error, logged, and the next call
-    /// tries again.
+    /// lost meanwhile. A new manager gets a new connection once nobody on the thread holds the lost one.
+    /// Otherwise the status of sd-bus's error, logged, and the next call tries again.
     StatusCode Connect();
 
     /// Inserts into `names` the names on the bus, those that a call would start included, that begin with
