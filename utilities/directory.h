@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 
+#include <cerrno>
 #include <string>
 #include <string_view>
 
@@ -9,7 +10,7 @@
 
 namespace mwl::Utilities {
 
-/// One walk over the entries of a folder (opendir(3)), "." and ".." left out, in the order of readdir(3).
+/// One walk over the entries of a folder (opendir(3)), in the order of readdir(3).
 /// One thread at a time.
 class Directory {
 public:
@@ -18,10 +19,17 @@ public:
 
     explicit operator bool() const noexcept { return mStream != nullptr; }
 
-    /// The next entry, valid until the next call; null at the end.
-    const dirent* Next() {
+    /// The next entry, "." and ".." included, valid until the next call; null at the end, and then `errno` is
+    /// 0 unless reading failed.
+    const dirent* NextOfAll() {
+        errno = 0;
         // Safe: a stream of our own is not shared between threads.
-        while (const dirent* entry = readdir(mStream.get())) {  // NOLINT(concurrency-mt-unsafe)
+        return readdir(mStream.get());  // NOLINT(concurrency-mt-unsafe)
+    }
+
+    /// The next entry other than "." and "..", as NextOfAll.
+    const dirent* Next() {
+        while (const dirent* entry = NextOfAll()) {
             const std::string_view name = entry->d_name;
             if (name != "." && name != "..") {
                 return entry;

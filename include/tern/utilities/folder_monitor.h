@@ -11,7 +11,7 @@
 
 namespace mwl::Utilities {
 
-/// Waits on a thread of its own for one event in or on a path (inotify(7)), calls a callback for it, and
+/// Waits on a thread of its own for one event in or on a path (inotify(7)), calls a callback for it and
 /// ends.
 ///
 ///     FolderMonitor monitor("/var/lib/device/inbox");
@@ -37,8 +37,6 @@ namespace mwl::Utilities {
 /// leaves it ends the process. It is kept until the next `Start` that succeeds or the end of the monitor.
 class TERN_API FolderMonitor {
 public:
-    using Callback = std::function<void(const std::string& name, unsigned int mask)>;
-
     /// Keeps the path of the file or folder to watch; starts nothing. The path need not exist yet.
     explicit FolderMonitor(const std::string& path);
 
@@ -70,6 +68,7 @@ public:
     void Stop();
 
 private:
+    using Callback = std::function<void(const std::string& name, unsigned int mask)>;
     struct Watch;
 
     const std::string mPath;

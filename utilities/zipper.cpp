@@ -1,0 +1,345 @@
+#include <fcntl.h>
+#include <tern/foundation/log.h>
+#include <tern/utilities/file_system.h>
+#include <tern/utilities/zipper.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#include "foundation/error_text.h"
+#include "foundation/unique_fd.h"
+#include "utilities/directory.h"
+#include "utilities/zip_authentication.h"
+#include "utilities/zip_handles.h"
+
+namespace mwl::Utilities {
+
+const std::string Zipper::RELATIVE_PATH_STRING = "../";
+
+namespace {
+
+const std::string LOGGER = "mwl::Utilities::Zipper";
+
+constexpr mode_t EXTRACTED_FILE_MODE = 0744;
+constexpr std::size_t SURPLUS_SIZE = 4096;
+
+/// libzip's text for one of its codes. It takes errno along, so it is made right after the call that failed.
+class ZipErrorText {
+public:
+    explicit ZipErrorText(int code) { zip_error_init_with_code(&mError, code); }
+    ~ZipErrorText() { zip_error_fini(&mError); }
+    ZipErrorText(const ZipErrorText&) = delete;
+    ZipErrorText& operator=(const ZipErrorText&) = delete;
+
+    const char* Get() { return zip_error_strerror(&mError); }
+
+private:
+    zip_error_t mError{};
+};
+
+StatusCode GetArchiveStatus(zip_t* archive) {
+    return Zipper::GetStatusZipError(zip_error_code_zip(zip_get_error(archive)));
+}
+
+/// Marks the entry for encryption. One that cannot be encrypted is taken back, as closing the archive would
+/// write it in clear; an archive that does not even let go of it is discarded.
+StatusCode Encrypt(ZipArchive& archive, zip_uint64_t index, const std::string& password) {
+    if (zip_file_set_encryption(archive.get(), index, ZIP_EM_AES_128, password.c_str()) == 0) {
+        return StatusCode::Ok;
+    }
+    const StatusCode status = GetArchiveStatus(archive.get());
+    TERN_LOG_ERROR(LOGGER, "Zip: Failed to encrypt file to zip: %s", zip_strerror(archive.get()));
+    if (zip_delete(archive.get(), index) != 0) {
+        archive.reset();
+    }
+    return status;
+}
+
+struct Added {
+    StatusCode status;
+    bool walkGoesOn;
+};
+
+/// Adds one file, which libzip opens and reads when the archive is closed.
+Added AddFile(ZipArchive& archive, const std::string& folder, const char* name, const std::string& password) {
+    const std::string path = folder + FileSystem::FOLDER_SEPARATOR + name;
+    ZipSource source(zip_source_file(archive.get(), path.c_str(), 0, 0));
+    const bool hasSource = source != nullptr;
+    const zip_int64_t index =
+        hasSource ? zip_file_add(archive.get(), name, source.get(), ZIP_FL_ENC_UTF_8) : -1;
+    if (index < 0) {
+        const StatusCode status = GetArchiveStatus(archive.get());
+        TERN_LOG_ERROR(LOGGER, "Zip: Failed to add file to zip: %s", zip_strerror(archive.get()));
+        return {status, !hasSource};
+    }
+    static_cast<void>(source.release());  // the archive's now
+    if (password.empty()) {
+        return {StatusCode::Ok, true};
+    }
+    const StatusCode status = Encrypt(archive, static_cast<zip_uint64_t>(index), password);
+    return {status, status == StatusCode::Ok};
+}
+
+/// Adds the regular files of the folder. The status is that of the last failure.
+StatusCode AddFiles(ZipArchive& archive, const std::string& folder, const std::string& password) {
+    Directory directory(folder);
+    if (!directory) {
+        TERN_LOG_ERROR(LOGGER, "Zip: Fail to open directory: %s", folder.c_str());
+        return StatusCode::Failure;
+    }
+    StatusCode status = StatusCode::Ok;
+    bool goOn = true;
+    while (goOn) {
+        const dirent* const entry = directory.NextOfAll();
+        if (entry == nullptr) {
+            const int error = errno;
+            if (error != 0) {
+                TERN_LOG_ERROR(LOGGER, "Zip: Failed to read directory %s, errno = %s", folder.c_str(),
+                               ErrorText(error));
+                status = mw::tern::MakeStatusCodeFromErrno(error);
+            }
+            break;
+        }
+        if (entry->d_type != DT_REG) {
+            TERN_LOG_INFO(LOGGER, "ZipContent: Content %s in directory is not a file, type = %d",
+                          entry->d_name, static_cast<int>(entry->d_type));
+            continue;
+        }
+        const Added added = AddFile(archive, folder, entry->d_name, password);
+        if (added.status != StatusCode::Ok) {
+            status = added.status;
+        }
+        goOn = added.walkGoesOn;
+    }
+    if (directory.Close() != 0) {
+        const int error = errno;
+        TERN_LOG_ERROR(LOGGER, "Zip: Failed to close directory, errno = %s", ErrorText(error));
+    }
+    return status;
+}
+
+/// Closes the archive, discards it when closing fails. Returns the result of zip_close(3).
+int CloseArchive(ZipArchive archive) {
+    const int result = archive == nullptr ? -1 : zip_close(archive.get());
+    if (result == 0) {
+        static_cast<void>(archive.release());
+    }
+    return result;
+}
+
+enum class ReadResult { Whole, ChecksumDiffers, Failed };
+
+/// Reads the entry into `buffer` of `size` bytes, and on to its end, where libzip compares size and checksum.
+/// An entry shorter than it claims leaves the rest of the buffer as it is.
+ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size) {
+    const zip_int64_t count = zip_fread(entry, buffer, size);
+    if (count < 0) {
+        return ReadResult::Failed;
+    }
+    char surplus[SURPLUS_SIZE];
+    zip_int64_t more = zip_fread(entry, surplus, sizeof surplus);
+    const bool isAsLongAsClaimed = more <= 0 && static_cast<zip_uint64_t>(count) == size;
+    while (more > 0) {
+        more = zip_fread(entry, surplus, sizeof surplus);
+    }
+    if (more == 0) {
+        return ReadResult::Whole;
+    }
+    const bool isChecksum = zip_error_code_zip(zip_file_get_error(entry)) == ZIP_ER_CRC;
+    return isChecksum && isAsLongAsClaimed ? ReadResult::ChecksumDiffers : ReadResult::Failed;
+}
+
+/// Reads the entry as ReadToEnd and has the last word about its authentication code. The error that the
+/// handle keeps says the same as the result.
+bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const std::string& password,
+               zip_file_t* entry, char* buffer) {
+    const ReadResult result = ReadToEnd(entry, buffer, stat.size);
+    if (result == ReadResult::Failed || password.empty()) {
+        return result == ReadResult::Whole;
+    }
+    const Authentication authentication = CheckAuthentication(archive, index, stat.comp_size, password);
+    if (result == ReadResult::Whole && authentication == Authentication::Wrong) {
+        zip_error_set(zip_file_get_error(entry), ZIP_ER_CRC, 0);
+        return false;
+    }
+    if (result == ReadResult::ChecksumDiffers && authentication == Authentication::Genuine) {
+        zip_file_error_clear(entry);
+        return true;
+    }
+    return result == ReadResult::Whole;
+}
+
+StatusCode WriteFile(const std::string& path, const char* name, const char* buffer, std::size_t size) {
+    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, EXTRACTED_FILE_MODE));
+    if (!file) {
+        const int error = errno;
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open destination file %s, errno = %s", path.c_str(),
+                       ErrorText(error));
+        return mw::tern::MakeStatusCodeFromErrno(error);
+    }
+    const ssize_t written = write(file.Get(), buffer, size);
+    if (written <= 0) {
+        // Meant: an entry without content ends here too, and the status is the one for a missing key.
+        const int error = written < 0 ? errno : EIO;
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to write file %s, errno = %s", name, ErrorText(error));
+        return StatusCode::KeyNotFound;
+    }
+    return StatusCode::Ok;
+}
+
+/// Extracts one entry; one that libzip cannot describe is stepped over silently.
+StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, const std::string& folder,
+                        const std::string& password) {
+    // On 32-bit platforms libzip's time_t may be narrower than ours, which shifts the members behind `mtime`:
+    // only those before it are used.
+    zip_stat_t stat;
+    if (zip_stat_index(archive, index, 0, &stat) != 0) {
+        return StatusCode::Ok;
+    }
+    const char* const name = stat.name;
+    ZipEntry entry(password.empty() ? zip_fopen_index(archive, index, 0)
+                                    : zip_fopen_index_encrypted(archive, index, 0, password.c_str()));
+    if (entry == nullptr) {
+        const StatusCode status = GetArchiveStatus(archive);
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip file %s, error = %s", name, zip_strerror(archive));
+        return status;
+    }
+    if (strstr(name, Zipper::RELATIVE_PATH_STRING.c_str()) != nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Zip file has a malicious path %s", name);
+        return StatusCode::InvalidArgument;
+    }
+    const EntryBuffer buffer = AllocateEntryBuffer(stat.size);
+    if (buffer == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
+        return StatusCode::OutOfMemory;
+    }
+    const bool isRead = ReadEntry(archive, stat, index, password, entry.get(), buffer.get());
+    if (!isRead) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
+    }
+    // libzip repeats here the error that reading met.
+    if (zip_fclose(entry.release()) != 0) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to close file %s", name);
+        return StatusCode::Failure;
+    }
+    if (!isRead) {
+        return StatusCode::InvalidArgument;
+    }
+    return WriteFile(folder + FileSystem::FOLDER_SEPARATOR + name, name, buffer.get(),
+                     static_cast<std::size_t>(stat.size));
+}
+
+/// Extracts the entries in their order, up to the first that fails.
+StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, const std::string& folder,
+                          const std::string& password) {
+    const zip_int64_t count = zip_get_num_entries(archive, 0);
+    if (count < 0) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: No files found in %s", zipFile.c_str());
+        return StatusCode::NotFound;
+    }
+    for (zip_int64_t index = 0; index < count; ++index) {
+        const StatusCode status = ExtractEntry(archive, static_cast<zip_uint64_t>(index), folder, password);
+        if (status != StatusCode::Ok) {
+            TERN_LOG_ERROR(LOGGER, "Unzip: Failed with status %s",
+                           mw::tern::ConvertStatusCodeToString(status).c_str());
+            return status;
+        }
+    }
+    return StatusCode::Ok;
+}
+
+}  // namespace
+
+StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, const std::string& password) {
+    if (folder.empty() || zipFile.empty()) {
+        TERN_LOG_ERROR(LOGGER,
+                       "Zip: Path to folder to zip (%s) or zip name (%s) is empty, so can't proccess zip",
+                       folder.c_str(), zipFile.c_str());
+        // Meant: there is nothing to back up, and that is no error of the caller's.
+        return StatusCode::Ok;
+    }
+    int error = 0;
+    ZipArchive archive(zip_open(zipFile.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
+    if (archive == nullptr) {
+        ZipErrorText text(error);
+        TERN_LOG_ERROR(LOGGER, "Zip: Failed to create zip %s, error = %s", zipFile.c_str(), text.Get());
+        return GetStatusZipError(error);
+    }
+    const StatusCode status = AddFiles(archive, folder, password);
+    const int result = CloseArchive(std::move(archive));
+    if (result == -1) {
+        // Meant: result and text are those of -1, not of the archive's error.
+        ZipErrorText text(result);
+        TERN_LOG_INFO(LOGGER, "Zip: Zip creation finish with: %s", text.Get());
+        return GetStatusZipError(result);
+    }
+    if (result != 0) {
+        TERN_LOG_INFO(LOGGER, "Zip: Unexpected zip error code: %d", result);
+    } else {
+        // Meant: told of every archive that is written, also when a file is missing from it.
+        TERN_LOG_INFO(LOGGER, "Zip: Zip successful for %s", zipFile.c_str());
+    }
+    return status;
+}
+
+StatusCode Zipper::Unzip(const std::string& zipFile, const std::string& folder, const std::string& password) {
+    if (zipFile.empty() || folder.empty()) {
+        TERN_LOG_ERROR(
+            LOGGER,
+            "Unzip: Path to zip file (%s) or to folder to extract (%s) is empty, so can't proccess unzip",
+            zipFile.c_str(), folder.c_str());
+        return StatusCode::Failure;
+    }
+    const StatusCode created = FileSystem::CreateFolder(folder);
+    if (created != StatusCode::Ok) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to create content folder %s", folder.c_str());
+        return created;
+    }
+    int error = 0;
+    ZipArchive archive(zip_open(zipFile.c_str(), 0, &error));
+    if (archive == nullptr) {
+        ZipErrorText text(error);
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(), text.Get());
+        return GetStatusZipError(error);
+    }
+    const StatusCode status = ExtractEntries(archive.get(), zipFile, folder, password);
+    const int result = CloseArchive(std::move(archive));
+    if (result == -1) {
+        ZipErrorText text(result);
+        TERN_LOG_INFO(LOGGER, "Unzip: Unzip creation finish with: %s", text.Get());
+        return GetStatusZipError(result);
+    }
+    return status;
+}
+
+StatusCode Zipper::GetStatusZipError(int zipErrorCode) {
+    switch (zipErrorCode) {
+        case ZIP_ER_RENAME:
+        case ZIP_ER_SEEK:
+        case ZIP_ER_READ:
+        case ZIP_ER_WRITE:
+        case ZIP_ER_TMPOPEN:
+            return StatusCode::IoError;
+        case ZIP_ER_NOENT:
+        case ZIP_ER_INVAL:
+        case ZIP_ER_NOZIP:
+            return StatusCode::InvalidArgument;
+        case ZIP_ER_MEMORY:
+            return StatusCode::OutOfMemory;
+        case ZIP_ER_COMPNOTSUPP:
+        case ZIP_ER_ENCRNOTSUPP:
+            return StatusCode::NotSupported;
+        case ZIP_ER_NOPASSWD:
+            return StatusCode::NotPermitted;
+        case ZIP_ER_WRONGPASSWD:
+            return StatusCode::AccessDenied;
+        default:
+            return StatusCode::Failure;
+    }
+}
+
+}  // namespace mwl::Utilities
