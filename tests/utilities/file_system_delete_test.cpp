@@ -28,7 +28,6 @@ using tern::test::MakeFile;
 using tern::test::RunInChild;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 TERN_INTERPOSE(int, rmdir, (const char* path), (path))
 TERN_INTERPOSE(int, unlink, (const char* path), (path))

@@ -69,10 +69,11 @@ public:
     /// `NotFound`. `quiet` leaves out the concluding message, not that of an entry.
     static StatusCode DeleteFolder(const std::string& path, bool quiet);
     /// Copies the content of one file, at most 2147479552 bytes (a call of sendfile(2) transfers no more; a
-    /// larger file gives `IoError`). An existing destination is replaced and keeps its mode and owner, a
-    /// new one gets mode 1204 (octal) less the umask: give it its rights before others are to use it. `Ok`,
-    /// or the status of errno; `IoError` when less was copied than the source held, and then the destination
-    /// is incomplete. A file copied onto itself is refused with `InvalidArgument` and stays whole.
+    /// larger file gives `IoError`). An existing destination is replaced and keeps its mode and owner. A new
+    /// one gets mode 1204 (octal) less the umask, with which even its owner may only write it: give it its
+    /// rights afterwards. `Ok`, or the status of errno; `IoError` when less was copied than the source held,
+    /// and then the destination is incomplete. A file copied onto itself is refused with `InvalidArgument`
+    /// and stays whole.
     static StatusCode CopyFile(const std::string& source, const std::string& destination);
     /// Makes `link` a symbolic link to `target` (symlink(2)). `Ok`, or the status of errno.
     static StatusCode CreateSymbolicLink(const std::string& target, const std::string& link);
