@@ -17,7 +17,6 @@
 #include <future>
 #include <limits>
 #include <memory>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -25,8 +24,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/child.h"
 #include "support/interpose.h"
+#include "support/late_set_value.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
 
@@ -47,24 +48,6 @@ TERN_INTERPOSE(int, pthread_create,
 
 namespace {
 
-std::atomic<bool> failThreadObject{false};
-
-}  // namespace
-
-// The one allocation of a thread object: the library's non-throwing ones pass here.
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    if (size == sizeof(std::thread) && failThreadObject.exchange(false)) {
-        return nullptr;
-    }
-    try {
-        return ::operator new(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-namespace {
-
 using mwl::StatusCode;
 using mwl::Timer::ShortPeriodTimer;
 using mwl::Timer::TimerInterface;
@@ -73,8 +56,10 @@ using tern::test::ChildResult;
 using tern::test::Error;
 using tern::test::FaultScope;
 using tern::test::Info;
+using tern::test::LateSetValue;
 using tern::test::LogCapture;
 using tern::test::LogEntry;
+using tern::test::NothrowMemoryShortage;
 using tern::test::RunInChild;
 using tern::test::Trace;
 using tern::test::WaitUntil;
@@ -545,9 +530,10 @@ TEST(ShortPeriodTimer, PeriodOfZeroNeverCallsAndStopReturns) {
 TEST(ShortPeriodTimer, WithoutMemoryForTheThreadThereIsNone) {
     const LogCapture log;
     ShortPeriodTimer timer(1, true, [] {});
-    failThreadObject = true;
-    EXPECT_EQ(timer.Start(), StatusCode::ResourceUnavailable);
-    EXPECT_FALSE(failThreadObject) << "the allocation was never asked for";
+    {
+        const NothrowMemoryShortage shortage;
+        EXPECT_EQ(timer.Start(), StatusCode::ResourceUnavailable);
+    }
     EXPECT_THAT(log.Entries(), ElementsAre(CREATE, Error(LOGGER, "Failed to create timer thread")));
     EXPECT_EQ(timer.Start(), StatusCode::Ok);
     EXPECT_EQ(timer.Stop(), StatusCode::Ok);
@@ -689,7 +675,38 @@ TEST(ShortPeriodTimer, OwnerStopsWhatTheCallbackStops) {
     }
 }
 
-// The promise, the flag and the id are shared by two threads that both may be done first.
+// Start goes on as soon as the value is there, while the thread is still returning from set_value.
+TEST(ShortPeriodTimer, PromiseOutlivesItsSetting) {
+#if !TERN_RECOGNISES_FREED_MEMORY
+    GTEST_SKIP() << "a freed promise is recognised under AddressSanitizer only";
+#endif
+    const LogCapture log;
+    LateSetValue late;
+    FaultScope scope(fault_sigprocmask);
+    fault_sigprocmask.Replace([&](int how, const sigset_t* set, sigset_t* former) {
+        return late.WaitUntilAwaited() ? fault_sigprocmask.Real(how, set, former) : -1;
+    });
+    ShortPeriodTimer timer(1, true, [] {});
+    ASSERT_EQ(timer.CreateThread(), StatusCode::Ok);
+    EXPECT_TRUE(late.Finish());
+    EXPECT_FALSE(late.WasFreed());
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure) << "there was no timer yet";
+}
+
+TEST(ShortPeriodTimer, ExpiryAllocatesNothing) {
+    const LogCapture log(6);
+    std::atomic<int> calls{0};
+    ShortPeriodTimer timer(1, true, [&] { ++calls; });
+    timer.Start();
+    ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+    const std::size_t before = tern::test::CountAllocations();
+    const int last = calls + 20;
+    EXPECT_TRUE(WaitUntil([&] { return calls >= last; }));
+    EXPECT_EQ(tern::test::CountAllocations(), before);
+    timer.Stop();
+}
+
+// The flag and the id are shared by two threads that both may be done first.
 TEST(ShortPeriodTimer, StartsAndStopsWithoutARace) {
     for (int round = 0; round < ROUNDS; ++round) {
         const LogCapture log(0);
