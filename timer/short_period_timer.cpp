@@ -147,7 +147,7 @@ StatusCode ShortPeriodTimer::CreateThread() {
     const auto run = std::make_shared<Run>();
     std::future<StatusCode> startUp = run->startUp.get_future();
     auto body = [run, callback = state->callback, signo = state->signo] {
-        const auto call = [run, callback] {
+        const auto call = [&] {
             if (!run->silenced) {
                 callback();
             }
