@@ -1,0 +1,30 @@
+#include "room.h"
+
+namespace thermostat {
+
+namespace {
+
+constexpr double OUTSIDE = 8.0;
+constexpr double LOSS_PER_STEP = 0.002;
+constexpr double HEATER_PER_STEP = 0.05;
+constexpr double HYSTERESIS = 0.1;
+
+}  // namespace
+
+double Room::Step() {
+    unsigned int boost = mBoostSteps;
+    const bool boosting = boost > 0;
+    if (boosting) {
+        // A boost set meanwhile wins.
+        mBoostSteps.compare_exchange_strong(boost, boost - 1);
+    }
+    if (boosting || mTemperature < mTarget - HYSTERESIS) {
+        mHeating = true;
+    } else if (mTemperature > mTarget + HYSTERESIS) {
+        mHeating = false;
+    }
+    mTemperature += (OUTSIDE - mTemperature) * LOSS_PER_STEP + (mHeating ? HEATER_PER_STEP : 0.0);
+    return mTemperature;
+}
+
+}  // namespace thermostat

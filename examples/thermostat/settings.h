@@ -1,0 +1,28 @@
+#pragma once
+
+#include <tern/foundation/status_code.h>
+
+#include <string>
+
+namespace thermostat {
+
+/// What the thermostat's INI file says. Attributes are optional, unknown ones are refused:
+///
+///     target=20          degrees Celsius until the first one is set, 5 to 30
+///     sampling_ms=100    10 to 1000
+///     state_folder=/var/lib/tern-thermostat
+///     log_folder=/var/log/tern-thermostat
+///     debug=0            1 offers the method Trial, which breaks the service in several ways
+struct Settings {
+    double target = 20.0;
+    unsigned int samplingMs = 100;
+    std::string stateFolder = "/var/lib/tern-thermostat";
+    std::string logFolder = "/var/log/tern-thermostat";
+    bool debug = false;
+};
+
+/// Reads the file at `path`. Ok, or the parser's status, or InvalidArgument (logged) for an attribute that is
+/// not known or has a bad value; `settings` holds what was read before.
+mw::tern::StatusCode LoadSettings(const std::string& path, Settings& settings);
+
+}  // namespace thermostat

@@ -1,0 +1,48 @@
+#include "thermostat_server.h"
+
+#include <systemd/sd-daemon.h>
+#include <tern/service/dbus_server_manager.h>
+
+#include <memory>
+
+#include "names.h"
+
+using mw::tern::StatusCode;
+
+namespace thermostat {
+
+ThermostatServer::ThermostatServer(Room& room, MeasurementChannel& channel, LogExporter& exporter,
+                                   ThermostatInterface::Actions actions)
+    : mRoom(room), mChannel(channel), mExporter(exporter), mActions(std::move(actions)) {}
+
+StatusCode ThermostatServer::Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) {
+    auto interface = std::make_unique<ThermostatInterface>(mRoom, mActions);
+    ThermostatInterface* const shown = interface.get();
+    StatusCode status = manager.AddDBusObject(OBJECT_PATH);
+    if (status == StatusCode::Ok) {
+        status = manager.AddInterfaceToDBusObject(OBJECT_PATH, shown);
+    }
+    if (status == StatusCode::Ok) {
+        static_cast<void>(interface.release());  // the object's now
+        status = manager.ExportObject(OBJECT_PATH);
+    }
+    if (status == StatusCode::Ok) {
+        status = mChannel.Open(manager, loop,
+                               [shown](sd_bus* bus, double celsius) { shown->SetTemperature(bus, celsius); });
+    }
+    if (status == StatusCode::Ok) {
+        status = mExporter.Open(loop, [this, bus = manager.GetBus()](StatusCode result) {
+            ThermostatInterface::EmitLogExported(bus, mExporter.GetArchivePath(),
+                                                 mw::tern::ConvertStatusCodeToString(result));
+        });
+    }
+    return status;
+}
+
+void ThermostatServer::Stop() {
+    // The library's own notification carries no STATUS=, so systemd shows only that the service is stopping.
+    sd_notify(0, "STATUS=Stopping the workers");
+    mChannel.Close();
+}
+
+}  // namespace thermostat
