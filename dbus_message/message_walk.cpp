@@ -1,6 +1,5 @@
 #include "dbus_message/message_walk.h"
 
-#include <tern/dbus_message/parser.h>
 #include <tern/foundation/log.h>
 
 #include <algorithm>
@@ -22,6 +21,7 @@ namespace mw::tern::DBusMessage {
 namespace {
 
 using mwl::ErrorText;
+using namespace std::string_view_literals;
 
 const std::string LOGGER = "Parser";
 
@@ -29,10 +29,10 @@ const std::string LOGGER = "Parser";
 class PathStep {
 public:
     PathStep(std::string& path, const char* name) : mPath(path), mLength(path.size()) {
-        mPath += Parser::KEY_SEPARATOR;
-        mPath += name;
+        mPath.push_back(SEPARATOR);
+        mPath.append(name);
     }
-    ~PathStep() { mPath.resize(mLength); }
+    ~PathStep() { mPath.erase(mLength); }
     PathStep(const PathStep&) = delete;
     PathStep& operator=(const PathStep&) = delete;
 
@@ -76,7 +76,25 @@ TERN_BASIC_TYPE('h', "ReadFileDescriptor", "UNIX_FD", int, ValueFD, TERN_LOG_TRA
 
 #undef TERN_BASIC_TYPE
 
-constexpr std::string_view BASIC_TYPES = "sbiunqxtdyh";
+/// Whether the signature is one basic type that a list can keep.
+bool IsBasic(const char* signature) {
+    switch (signature[0]) {
+        case 's':
+        case 'b':
+        case 'i':
+        case 'u':
+        case 'n':
+        case 'q':
+        case 'x':
+        case 't':
+        case 'd':
+        case 'y':
+        case 'h':
+            return signature[1] == '\0';
+        default:
+            return false;
+    }
+}
 
 }  // namespace
 
@@ -236,15 +254,15 @@ int MessageWalk::ReadVariant(const char* keyName) {
 
 int MessageWalk::ReadVariantContent(const char* keyName, const char* contents) {
     static constexpr const char* OPERATION = "ReadVariantContent";
-    const std::string_view signature = contents == nullptr ? std::string_view() : contents;
+    const char* const signature = contents == nullptr ? "" : contents;
     int r = 0;
-    if (signature.size() == 1 && BASIC_TYPES.find(signature.front()) != std::string_view::npos) {
-        r = ReadBasic(signature.front(), keyName);
-    } else if (signature == "(isi)") {
+    if (IsBasic(signature)) {
+        r = ReadBasic(*signature, keyName);
+    } else if (signature == "(isi)"sv) {
         r = ReadISI(keyName);
-    } else if (signature == "as") {
+    } else if (signature == "as"sv) {
         r = ReadArrayOfStrings(keyName);
-    } else if (signature == "a{sv}") {
+    } else if (signature == "a{sv}"sv) {
         const PathStep step(mPath, keyName);
         r = ReadArrayOfDictionaries();
     } else {

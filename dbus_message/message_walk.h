@@ -9,6 +9,9 @@
 
 namespace mw::tern::DBusMessage {
 
+/// What stands before each name in a key.
+inline constexpr char SEPARATOR = '_';
+
 /// What Parser does: one walk over (a part of) a message, into a list. It keeps the path to where it is in
 /// one buffer, which grows and shrinks with each step; a key is copied only into the list.
 ///

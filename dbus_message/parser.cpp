@@ -30,7 +30,7 @@ private:
 
 }  // namespace
 
-const std::string Parser::KEY_SEPARATOR = "_";
+const std::string Parser::KEY_SEPARATOR(1, SEPARATOR);
 
 Parser::Parser() : Parser(nullptr) {}
 
