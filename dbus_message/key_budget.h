@@ -8,7 +8,7 @@ namespace mw::tern::DBusMessage {
 /// it: without a bound, one long name above many short entries makes gigabytes out of a message of megabytes.
 class KeyBudget {
 public:
-    static constexpr std::size_t LIMIT = 64U * 1024 * 1024;
+    static constexpr std::size_t LIMIT = std::size_t{64} * 1024 * 1024;
 
     /// False, and nothing taken, when so much is not left.
     bool Take(std::size_t bytes) noexcept {

@@ -29,7 +29,7 @@ using ::tern::test::WireWriter;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr std::size_t MEBIBYTE = 1024 * 1024;
+constexpr std::size_t MEBIBYTE = std::size_t{1024} * 1024;
 constexpr int MANY = 100000;
 
 /// The message's body as an "a{sv}" with what `append` puts in.

@@ -35,7 +35,8 @@ struct Node {
     std::string type;                ///< "s", "(isi)", "as", "a{sv}", or one that no list keeps
     long long number = 0;            ///< value of the numeric types, first field of "(isi)"
     std::vector<std::string> texts;  ///< the text, the array's strings
-    std::vector<std::pair<std::string, Node>> entries;  ///< of "a{sv}"
+    std::vector<std::string> names;  ///< of "a{sv}": each entry's name
+    std::vector<Node> values;        ///< of "a{sv}": each entry's value
 };
 
 const std::vector<std::string> NUMERIC = {"b", "n", "q", "i", "u", "x", "t", "d", "y"};
@@ -46,9 +47,11 @@ public:
     explicit Generator(unsigned seed) : mRandom(seed) {}
 
     Node Dictionary(int depth) {
-        Node node{.type = "a{sv}", .number = 0, .texts = {}, .entries = {}};
+        Node node;
+        node.type = "a{sv}";
         for (std::size_t left = Below(depth == 0 ? 12 : 6); left > 0; --left) {
-            node.entries.emplace_back(Name(), Value(depth + 1));
+            node.names.push_back(Name());
+            node.values.push_back(Value(depth + 1));
         }
         return node;
     }
@@ -56,31 +59,31 @@ public:
 private:
     Node Value(int depth) {
         const std::size_t kind = Below(depth < 8 ? 20 : 16);
+        if (kind >= 16) {
+            return Dictionary(depth);
+        }
+        Node node;
         if (kind < 8) {
-            Node node{.type = NUMERIC[Below(NUMERIC.size())], .number = 0, .texts = {}, .entries = {}};
+            node.type = NUMERIC[Below(NUMERIC.size())];
             node.number = Number(node.type);
-            return node;
-        }
-        if (kind < 11) {
-            return {.type = "s", .number = 0, .texts = {Text()}, .entries = {}};
-        }
-        if (kind == 11) {
-            return {.type = "h", .number = 0, .texts = {}, .entries = {}};
-        }
-        if (kind == 12) {
-            return {.type = "(isi)", .number = Number("i"), .texts = {Text()}, .entries = {}};
-        }
-        if (kind == 13) {
-            Node node{.type = "as", .number = 0, .texts = {}, .entries = {}};
+        } else if (kind < 11) {
+            node.type = "s";
+            node.texts.push_back(Text());
+        } else if (kind == 11) {
+            node.type = "h";
+        } else if (kind == 12) {
+            node.type = "(isi)";
+            node.number = Number("i");
+            node.texts.push_back(Text());
+        } else if (kind == 13) {
+            node.type = "as";
             for (std::size_t left = Below(13); left > 0; --left) {
                 node.texts.push_back(Text());
             }
-            return node;
+        } else {
+            node.type = UNSUPPORTED[Below(UNSUPPORTED.size())];
         }
-        if (kind < 16) {
-            return {.type = UNSUPPORTED[Below(UNSUPPORTED.size())], .number = 0, .texts = {}, .entries = {}};
-        }
-        return Dictionary(depth);
+        return node;
     }
 
     /// From few names, so that names repeat and keys collide: empty, with separators, with digits.
@@ -179,9 +182,10 @@ void AppendContent(sd_bus_message* message, const Node& node, int fd) {
 
 void AppendDictionary(sd_bus_message* message, const Node& node, int fd) {
     Require(sd_bus_message_open_container(message, 'a', "{sv}"), "open");
-    for (const auto& [name, value] : node.entries) {
+    for (std::size_t i = 0; i < node.values.size(); ++i) {
+        const Node& value = node.values[i];
         Require(sd_bus_message_open_container(message, 'e', "sv"), "open");
-        Require(sd_bus_message_append(message, "s", name.c_str()), "append");
+        Require(sd_bus_message_append(message, "s", node.names[i].c_str()), "append");
         Require(sd_bus_message_open_container(message, 'v', value.type.c_str()), "open");
         AppendContent(message, value, fd);
         Require(sd_bus_message_close_container(message), "close");
@@ -202,9 +206,9 @@ std::string Join(const std::vector<std::string>& names) {
 
 void Expect(const Node& node, std::vector<std::string>& names, Expected& expected) {
     if (node.type == "a{sv}") {
-        for (const auto& [name, value] : node.entries) {
-            names.push_back(name);
-            Expect(value, names, expected);
+        for (std::size_t i = 0; i < node.values.size(); ++i) {
+            names.push_back(node.names[i]);
+            Expect(node.values[i], names, expected);
             names.pop_back();
         }
     } else if (node.type == "as") {
