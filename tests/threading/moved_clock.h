@@ -10,7 +10,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace tern::test {
@@ -37,6 +39,8 @@ public:
         mWaits.clear();
     }
 
+    /// Runs `hook` on this thread right before its next read of the clock.
+    static void BeforeNextRead(std::function<void()> hook) { tHook = std::move(hook); }
     /// The next timed wait returns `error` at once.
     static void FailNextWait(int error) { mNextError = error; }
 
@@ -44,6 +48,9 @@ public:
     static int Read(clockid_t clock, timespec* now) {
         if (clock != CLOCK_MONOTONIC) {
             return Library().clockGettime(clock, now);
+        }
+        if (tHook) {
+            std::exchange(tHook, nullptr)();
         }
         tLastRead = ToTest(Real());
         *now = ToTimespec(tLastRead);
@@ -97,6 +104,7 @@ private:
     static inline std::mutex mMutex;
     static inline std::vector<std::int64_t> mWaits;
     static inline thread_local std::int64_t tLastRead = 0;
+    static inline thread_local std::function<void()> tHook;
 };
 
 }  // namespace tern::test

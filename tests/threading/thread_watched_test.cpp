@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -149,28 +150,52 @@ TEST_F(ThreadWatchedTest, ReportOnceALimitKeepsItFromEverBeingBlocked) {
     EXPECT_THAT(mLog.Entries(), IsEmpty());
 }
 
-// A watcher that met the zeroed work counter together with the former start instant, or the new, shorter
-// period together with the former silence, would kill a healthy process.
-TEST_F(ThreadWatchedTest, StartingAnewUnderTheWatchersEyesNeverSeemsBlocked) {
-    constexpr int ROUNDS = 100000 / tern::test::SLOWNESS;
+// Three ways in which a watcher could meet half of a new start and kill a healthy process.
+
+TEST_F(ThreadWatchedTest, StartingAnewBeforeTheWatcherReadsTheClockNeverSeemsBlocked) {
     mWatched.StartWatch(milliseconds(1000));
+    MovedClock::BeforeNextRead([&] {
+        mWatched.StartWatch(milliseconds(3600000));
+        MovedClock::Advance(milliseconds(25000));
+    });
+    EXPECT_FALSE(mWatched.IsBlocked());
+    EXPECT_EQ(mWatched.GetPeriod(), milliseconds(3600000));
+}
+
+/// Looks at `watched` on a thread of its own while `round` is repeated on this one.
+void LookWhile(const ThreadWatched& watched, const std::function<void()>& round) {
     std::atomic<bool> over{false};
     std::thread watcher([&] {
         while (!over) {
-            ASSERT_FALSE(mWatched.IsBlocked());
+            ASSERT_FALSE(watched.IsBlocked());
         }
     });
-    for (int round = 0; round < ROUNDS; ++round) {
-        mWatched.StartWatch(milliseconds(3600000));
-        MovedClock::Advance(milliseconds(15000));
-        mWatched.NotifyWork();
-        MovedClock::Advance(milliseconds(25000));
-        mWatched.StartWatch(milliseconds(1000));
-        MovedClock::Advance(milliseconds(15000));
-        mWatched.NotifyWork();
+    for (int i = 0; i < 200000 / tern::test::SLOWNESS; ++i) {
+        round();
     }
     over = true;
     watcher.join();
+}
+
+// The zeroed work counter with the former start instant.
+TEST_F(ThreadWatchedTest, StartingAnewUnderTheWatchersEyesNeverSeemsBlocked) {
+    mWatched.StartWatch(milliseconds(1000));
+    LookWhile(mWatched, [this] {
+        mWatched.StartWatch(milliseconds(1000));
+        MovedClock::Advance(milliseconds(15000));
+        mWatched.NotifyWork();
+        MovedClock::Advance(milliseconds(15000));
+    });
+}
+
+// The new, shorter period with the former silence.
+TEST_F(ThreadWatchedTest, ShorterPeriodUnderTheWatchersEyesNeverSeemsBlocked) {
+    mWatched.StartWatch(milliseconds(1000));
+    LookWhile(mWatched, [this] {
+        mWatched.StartWatch(milliseconds(3600000));
+        MovedClock::Advance(milliseconds(25000));
+        mWatched.StartWatch(milliseconds(1000));
+    });
 }
 
 }  // namespace
