@@ -97,7 +97,10 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
             if (mStopping) {
                 return;
             }
-            status = mCondition.WaitFor(lock, IDLE_LIMIT_MS, [this] { return mStopping || !mJobs.empty(); });
+            // With work at hand not even the clock is read.
+            status = mJobs.empty() ? mCondition.WaitFor(lock, IDLE_LIMIT_MS,
+                                                        [this] { return mStopping || !mJobs.empty(); })
+                                   : StatusCode::Ok;
             if (status == StatusCode::Ok && !mStopping) {
                 job = std::move(mJobs.front());
                 mJobs.pop_front();
