@@ -11,45 +11,18 @@ namespace {
 
 constexpr std::size_t CHUNK_SIZE = 16384;
 
-/// How far the data of an entry could be read, and whether its end was fine.
-struct ReadThrough {
-    zip_uint64_t size = 0;
-    int error = ZIP_ER_OK;
-};
-
 /// Decrypts the data of an entry to its end, where libzip compares the authentication code.
-ReadThrough DecryptToEnd(zip_t* archive, zip_uint64_t index, const std::string& password) {
-    ReadThrough result;
+bool DecryptToEnd(zip_t* archive, zip_uint64_t index, const std::string& password) {
     const ZipEntry entry(zip_fopen_index_encrypted(archive, index, ZIP_FL_COMPRESSED, password.c_str()));
     if (entry == nullptr) {
-        result.error = ZIP_ER_OPEN;
-        return result;
+        return false;
     }
     std::array<char, CHUNK_SIZE> chunk{};
     zip_int64_t count = 0;
-    while ((count = zip_fread(entry.get(), chunk.data(), chunk.size())) > 0) {
-        result.size += static_cast<zip_uint64_t>(count);
-    }
-    if (count < 0) {
-        result.error = zip_error_code_zip(zip_file_get_error(entry.get()));
-    }
-    return result;
-}
-
-/// Number of the key length in the AES field of an entry, told by what salt, verifier and code take beside
-/// the data; 0 when they are not there.
-int GetAesStrength(zip_uint64_t overhead) {
-    constexpr zip_uint64_t VERIFIER_AND_CODE = 2 + 10;
-    switch (overhead) {
-        case 8 + VERIFIER_AND_CODE:
-            return 1;
-        case 12 + VERIFIER_AND_CODE:
-            return 2;
-        case 16 + VERIFIER_AND_CODE:
-            return 3;
-        default:
-            return 0;
-    }
+    do {
+        count = zip_fread(entry.get(), chunk.data(), chunk.size());
+    } while (count > 0);
+    return count == 0;
 }
 
 void AppendNumber(std::string& bytes, std::uint32_t value, int size) {
@@ -71,21 +44,21 @@ void AppendCommonFields(std::string& bytes, std::uint32_t size) {
     AppendNumber(bytes, 11, 2);    // length of the AES field
 }
 
-void AppendNameAndAesField(std::string& bytes, int strength) {
+void AppendNameAndAesField(std::string& bytes, zip_uint16_t encryption) {
     bytes += "e";
     AppendNumber(bytes, 0x9901, 2);
     AppendNumber(bytes, 7, 2);
     AppendNumber(bytes, 2, 2);  // the scheme without checksum
     bytes += "AE";
-    AppendNumber(bytes, static_cast<std::uint32_t>(strength), 1);
+    AppendNumber(bytes, encryption - ZIP_EM_AES_128 + 1U, 1);  // length of the key
     AppendNumber(bytes, ZIP_CM_DEFLATE, 2);
 }
 
 /// For an entry that is not compressed libzip compares the checksum even when it only decrypts, and its error
 /// is the same as that for the authentication code. So the encrypted data is given to libzip in an archive of
 /// its own, where it passes for compressed.
-bool IsGenuineWhenTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uint64_t size, int strength,
-                                     const std::string& password) {
+bool DecryptTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uint64_t size, zip_uint16_t encryption,
+                               const std::string& password) {
     constexpr zip_uint64_t BEYOND_32_BITS = 0xFFFFFFFF - 1024;
     const EntryBuffer data = size < BEYOND_32_BITS ? AllocateEntryBuffer(size) : nullptr;
     const ZipEntry entry(zip_fopen_index(archive, index, ZIP_FL_ENCRYPTED));
@@ -97,7 +70,7 @@ bool IsGenuineWhenTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uin
 
     std::string head = "PK\3\4";
     AppendCommonFields(head, dataSize);
-    AppendNameAndAesField(head, strength);
+    AppendNameAndAesField(head, encryption);
 
     std::string tail = "PK\1\2";
     AppendNumber(tail, 51, 2);  // version made by
@@ -107,7 +80,7 @@ bool IsGenuineWhenTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uin
     AppendNumber(tail, 0, 2);  // internal attributes
     AppendNumber(tail, 0, 4);  // external attributes
     AppendNumber(tail, 0, 4);  // where the entry begins
-    AppendNameAndAesField(tail, strength);
+    AppendNameAndAesField(tail, encryption);
     const auto directorySize = static_cast<std::uint32_t>(tail.size());
     const auto directoryAt = static_cast<std::uint32_t>(head.size() + size);
     tail += "PK\5\6";
@@ -132,22 +105,16 @@ bool IsGenuineWhenTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uin
         return false;
     }
     static_cast<void>(source.release());  // the archive's now
-    return DecryptToEnd(relabelled.get(), 0, password).error == ZIP_ER_OK;
+    return DecryptToEnd(relabelled.get(), 0, password);
 }
 
 }  // namespace
 
-Authentication CheckAuthentication(zip_t* archive, zip_uint64_t index, zip_uint64_t size,
-                                   const std::string& password) {
-    const ReadThrough decrypted = DecryptToEnd(archive, index, password);
-    const int strength = decrypted.size <= size ? GetAesStrength(size - decrypted.size) : 0;
-    if (decrypted.error == ZIP_ER_OK) {
-        return strength != 0 ? Authentication::Genuine : Authentication::None;
-    }
-    return decrypted.error == ZIP_ER_CRC && strength != 0 &&
-                   IsGenuineWhenTakenForCompressed(archive, index, size, strength, password)
-               ? Authentication::Genuine
-               : Authentication::Wrong;
+bool IsAuthentic(zip_t* archive, zip_uint64_t index, zip_uint64_t size, const ZipEntryMethods& methods,
+                 const std::string& password) {
+    return methods.compression == ZIP_CM_STORE
+               ? DecryptTakenForCompressed(archive, index, size, methods.encryption, password)
+               : DecryptToEnd(archive, index, password);
 }
 
 }  // namespace mwl::Utilities

@@ -14,6 +14,7 @@
 #include "foundation/unique_fd.h"
 #include "utilities/directory.h"
 #include "utilities/zip_authentication.h"
+#include "utilities/zip_entry_methods.h"
 #include "utilities/zip_handles.h"
 
 namespace mwl::Utilities {
@@ -131,6 +132,20 @@ int CloseArchive(ZipArchive archive) {
     return result;
 }
 
+/// Null when it cannot be opened; the archive keeps the error.
+ZipEntry OpenEntry(zip_t* archive, zip_uint64_t index, const ZipEntryMethods& methods,
+                   const std::string& password) {
+    if (password.empty()) {
+        return ZipEntry(zip_fopen_index(archive, index, 0));
+    }
+    if (zip_encryption_method_supported(methods.encryption, 0) == 0) {
+        // libzip 1.7 would say the same, but lose memory.
+        zip_error_set(zip_get_error(archive), ZIP_ER_ENCRNOTSUPP, 0);
+        return nullptr;
+    }
+    return ZipEntry(zip_fopen_index_encrypted(archive, index, 0, password.c_str()));
+}
+
 enum class ReadResult { Whole, ChecksumDiffers, Failed };
 
 /// Reads the entry into `buffer` of `size` bytes, and on to its end, where libzip compares size and checksum.
@@ -155,22 +170,22 @@ ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size) {
 
 /// Reads the entry as ReadToEnd and has the last word about its authentication code. The error that the
 /// handle keeps says the same as the result.
-bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const std::string& password,
-               zip_file_t* entry, char* buffer) {
+bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const ZipEntryMethods& methods,
+               const std::string& password, zip_file_t* entry, char* buffer) {
     const ReadResult result = ReadToEnd(entry, buffer, stat.size);
-    if (result == ReadResult::Failed || password.empty()) {
-        return result == ReadResult::Whole;
+    const bool isWhole = result == ReadResult::Whole;
+    // At the end of an entry that is not compressed libzip has compared the code.
+    const bool isDecided = !methods.IsAes() || (isWhole && methods.compression == ZIP_CM_STORE);
+    if (result == ReadResult::Failed || isDecided) {
+        return isWhole;
     }
-    const Authentication authentication = CheckAuthentication(archive, index, stat.comp_size, password);
-    if (result == ReadResult::Whole && authentication == Authentication::Wrong) {
+    const bool isAuthentic = IsAuthentic(archive, index, stat.comp_size, methods, password);
+    if (isWhole && !isAuthentic) {
         zip_error_set(zip_file_get_error(entry), ZIP_ER_CRC, 0);
-        return false;
-    }
-    if (result == ReadResult::ChecksumDiffers && authentication == Authentication::Genuine) {
+    } else if (!isWhole && isAuthentic) {
         zip_file_error_clear(entry);
-        return true;
     }
-    return result == ReadResult::Whole;
+    return isAuthentic;
 }
 
 StatusCode WriteFile(const std::string& path, const char* name, const char* buffer, std::size_t size) {
@@ -194,15 +209,13 @@ StatusCode WriteFile(const std::string& path, const char* name, const char* buff
 /// Extracts one entry; one that libzip cannot describe is stepped over silently.
 StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, const std::string& folder,
                         const std::string& password) {
-    // On 32-bit platforms libzip's time_t may be narrower than ours, which shifts the members behind `mtime`:
-    // only those before it are used.
-    zip_stat_t stat;
+    zip_stat_t stat{};
     if (zip_stat_index(archive, index, 0, &stat) != 0) {
         return StatusCode::Ok;
     }
     const char* const name = stat.name;
-    ZipEntry entry(password.empty() ? zip_fopen_index(archive, index, 0)
-                                    : zip_fopen_index_encrypted(archive, index, 0, password.c_str()));
+    const ZipEntryMethods methods = GetZipEntryMethods(stat);
+    ZipEntry entry = OpenEntry(archive, index, methods, password);
     if (entry == nullptr) {
         const StatusCode status = GetArchiveStatus(archive);
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip file %s, error = %s", name, zip_strerror(archive));
@@ -217,7 +230,7 @@ StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, const std::string& f
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
         return StatusCode::OutOfMemory;
     }
-    const bool isRead = ReadEntry(archive, stat, index, password, entry.get(), buffer.get());
+    const bool isRead = ReadEntry(archive, stat, index, methods, password, entry.get(), buffer.get());
     if (!isRead) {
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
     }

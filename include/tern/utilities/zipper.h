@@ -66,9 +66,9 @@ public:
     /// - KeyNotFound: a file cannot be written. An entry without content counts as such, and its empty file
     ///   stays.
     ///
-    /// The authentication code of an encrypted entry is always compared; for that it is decrypted a second
-    /// time. An encrypted entry whose code is right is taken even when its checksum is not: by the second of
-    /// the two AES schemes, which other programs write, it has none.
+    /// The authentication code of an AES-encrypted entry is always compared; for that, one that is compressed
+    /// as well is decrypted a second time. An encrypted entry whose code is right is taken even when its
+    /// checksum is not: by the second of the two AES schemes, which other programs write, it has none.
     ///
     /// Each entry is held in memory whole and written by one write(2), so not more than 2147479552 bytes of
     /// one arrive. An existing file is overwritten from its start but not shortened; new ones get mode 0744
