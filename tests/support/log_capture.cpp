@@ -86,12 +86,20 @@ void Forward(int fd, const LogEntry& entry) {
     }
 }
 
-/// With TERN_LOG_COVERAGE=FILE each format that was emitted is appended there once per process: level, logger
-/// name, format with newlines escaped.
+/// With TERN_LOG_COVERAGE=FILE each format that was emitted is written there once per process, forked
+/// children included: level, logger name, format with newlines escaped. A new program run begins the file
+/// anew.
+const char* const gCoveragePath = [] {
+    const char* const path = getenv("TERN_LOG_COVERAGE");
+    if (path != nullptr) {
+        unlink(path);
+    }
+    return path;
+}();
+
 void RecordCoverage(int level, const std::string& logger, const char* format) {
-    static const char* const path = getenv("TERN_LOG_COVERAGE");
     static std::set<std::string> seen;
-    if (path == nullptr) {
+    if (gCoveragePath == nullptr) {
         return;
     }
     std::string line = std::to_string(level) + "\t" + logger + "\t";
@@ -100,7 +108,7 @@ void RecordCoverage(int level, const std::string& logger, const char* format) {
     }
     line += "\n";
     if (seen.insert(line).second) {
-        const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        const int fd = open(gCoveragePath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
         if (fd >= 0) {
             static_cast<void>(!write(fd, line.data(), line.size()));
             close(fd);
