@@ -554,6 +554,28 @@ TEST_F(ParserTest, ContentsThatAreNotThereAreRefused) {
     }
 }
 
+TEST_F(ParserTest, ContentsAreComparedWhole) {
+    const struct {
+        const char* contents;
+        BusMessage message;
+    } rows[] = {
+        {"si", mMessages.Make("si", "text", 5)},
+        {"(isi)u", mMessages.Make("(isi)u", 1, "text", 2, 7U)},
+        {"asu", mMessages.Make("asu", 0, 7U)},
+        {"a{sv}u", mMessages.Make("a{sv}u", 0, 7U)},
+    };
+    for (const auto& [contents, message] : rows) {
+        SCOPED_TRACE(contents);
+        const LogCapture log;
+        Parser parser(message.get());
+        EXPECT_EQ(parser.ReadVariantContent("", "Name", contents), 0);
+        EXPECT_EQ(parser.GetValuesList().Size(), 0U);
+        EXPECT_THAT(log.Entries(),
+                    ElementsAre(Info("Parser", "[ReadVariantContent] Unsupported type, update this method")));
+        EXPECT_EQ(sd_bus_message_at_end(message.get(), 1), 1);
+    }
+}
+
 TEST_F(ParserTest, ContentsWithoutASignatureAreSteppedOver) {
     const BusMessage message = mMessages.Make("si", "text", 5);
     const LogCapture log;
