@@ -32,6 +32,9 @@ namespace mwl::ProcessExecution {
 ///   waited for: it stays a zombie until the caller's process reaps it (waitpid(2)) or ends. The same holds
 ///   for a program whose run ended early by a failure; that one is not killed either.
 ///
+/// REQUIRES: the process neither ignores SIGCHLD nor reaps children that are not its own to reap; otherwise
+/// the program's end is lost, and the run fails by waitpid(2).
+///
 /// Outcomes of every run: `exitCode` is 1 until the program has ended by itself, then its exit status;
 /// `output` is appended to, never cleared, and byte for byte what the program wrote, zero bytes included. It
 /// grows as far as the program writes, so the time limit is also the limit of memory.
