@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
-#include "tests/dbus_message/allocation_counter.h"
 #include "tests/dbus_message/test_messages.h"
+#include "tests/support/allocations.h"
 
 // Flattening an "a{sv}" into a values list and looking its values up, beside a plain loop over the same
 // message that fills a std::map of std::variant. Every fourth entry is a string, a double, an unsigned and a

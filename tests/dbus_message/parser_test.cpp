@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "allocation_counter.h"
+#include "support/allocations.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"

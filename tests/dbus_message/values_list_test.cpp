@@ -5,7 +5,7 @@
 
 #include <type_traits>
 
-#include "allocation_counter.h"
+#include "support/allocations.h"
 #include "support/log_capture.h"
 
 namespace mw::tern::DBusMessage {
@@ -174,8 +174,8 @@ TEST(ValuesList, LookingUpAllocatesNothing) {
 }
 
 TEST(ValuesList, EveryValueIsFreedExactlyOnce) {
-    const std::size_t allocations = ::tern::test::gAllocations.load();
-    const std::size_t releases = ::tern::test::gReleases.load();
+    const std::size_t allocations = ::tern::test::CountAllocations();
+    const std::size_t releases = ::tern::test::CountReleases();
     {
         ValuesList list;
         AddOneOfEach(list);
@@ -184,8 +184,8 @@ TEST(ValuesList, EveryValueIsFreedExactlyOnce) {
         AddOneOfEach(list);  // duplicates all
     }
     { const ValuesList empty; }
-    EXPECT_GT(::tern::test::gAllocations.load(), allocations + 24);
-    EXPECT_EQ(::tern::test::gAllocations.load() - allocations, ::tern::test::gReleases.load() - releases);
+    EXPECT_GT(::tern::test::CountAllocations(), allocations + 24);
+    EXPECT_EQ(::tern::test::CountAllocations() - allocations, ::tern::test::CountReleases() - releases);
 }
 
 TEST(ValuesList, KeysAreComparedByBytes) {

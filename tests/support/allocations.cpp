@@ -9,17 +9,33 @@ namespace tern::test {
 namespace {
 
 std::atomic<std::size_t> gAllocations{0};
+std::atomic<std::size_t> gReleases{0};
 std::atomic<bool> gShortage{false};
 
+void CountOne(std::atomic<std::size_t>& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
 void* Allocate(std::size_t size) {
-    ++gAllocations;
+    CountOne(gAllocations);
     return std::malloc(size == 0 ? 1 : size);
+}
+
+void Release(void* memory) {
+    if (memory != nullptr) {
+        CountOne(gReleases);
+    }
+    std::free(memory);
 }
 
 }  // namespace
 
 std::size_t CountAllocations() {
     return gAllocations;
+}
+
+std::size_t CountReleases() {
+    return gReleases;
 }
 
 NothrowMemoryShortage::NothrowMemoryShortage() {
@@ -45,11 +61,13 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 }
 
 void operator delete(void* memory) noexcept {
-    std::free(memory);
+    tern::test::Release(memory);
 }
+
 void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+    tern::test::Release(memory);
 }
+
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
+    tern::test::Release(memory);
 }

@@ -4,9 +4,23 @@
 
 namespace tern::test {
 
-/// Calls of the throwing and the non-throwing operator new of this process so far. For test programs that
-/// name support/allocations.cpp among their SOURCES, which replaces the operators.
+// For programs that name support/allocations.cpp among their sources, which replaces the process's operator
+// new and delete, the library's included.
+
+/// Calls of operator new so far, the non-throwing one included. Counts of threads that allocate at the same
+/// moment may get lost: a locked step would cost a benchmark as much as what it measures.
 std::size_t CountAllocations();
+/// Calls of operator delete for something so far.
+std::size_t CountReleases();
+
+/// Calls of operator new since it was made.
+class AllocationCount {
+public:
+    std::size_t Get() const { return CountAllocations() - mStart; }
+
+private:
+    std::size_t mStart = CountAllocations();
+};
 
 /// While it lives, the non-throwing operator new finds no memory.
 class NothrowMemoryShortage {

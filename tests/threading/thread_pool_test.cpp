@@ -27,6 +27,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
@@ -41,26 +42,6 @@ TERN_INTERPOSE(int, pthread_create,
                (thread, attributes, body, argument))
 TERN_INTERPOSE(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 TERN_INTERPOSE(int, pthread_cond_broadcast, (pthread_cond_t * condition), (condition))
-
-namespace {
-std::atomic<std::size_t> gAllocations{0};
-}
-
-// The program's own, for the library's allocations too: they count. Not inlined, as the compiler would take
-// malloc and delete, or new and free, for mismatched pairs.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++gAllocations;
-    if (void* const memory = malloc(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    free(memory);
-}
 
 namespace mwl::Threading::ThreadPool {
 namespace {
@@ -452,17 +433,17 @@ TEST_F(ThreadPoolTest, SmallJobsTakeNoMemoryOfTheirOwn) {
     constexpr int JOBS = 1000;
     int ran = 0;
     ThreadPool pool(1, mWatcher, mSignals);
-    const std::size_t before = gAllocations;
+    const std::size_t before = tern::test::CountAllocations();
     for (int i = 0; i < JOBS; ++i) {
         pool.QueueJob([&ran] { ++ran; });
     }
     // The queue's own blocks, each for many jobs.
-    EXPECT_LT(gAllocations - before, JOBS / 8U);
-    const std::size_t queued = gAllocations;
+    EXPECT_LT(tern::test::CountAllocations() - before, JOBS / 8U);
+    const std::size_t queued = tern::test::CountAllocations();
     int reports = 0;
     EXPECT_THROW(pool.ThreadLoop([&] {
         if (++reports == 2 * JOBS) {
-            EXPECT_EQ(gAllocations, queued);
+            EXPECT_EQ(tern::test::CountAllocations(), queued);
             throw std::runtime_error("all have run");
         }
     }),
