@@ -31,3 +31,9 @@ foreach(pc IN LISTS TERN_INSTALLED_PC)
   configure_file(cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endforeach()
+
+set(TERN_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc)
+install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
+install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
+# The example builds on its own against the installed package.
+install(DIRECTORY examples/thermostat DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)

@@ -1,0 +1,102 @@
+# The Debian packages, made by cpack from the install components; scripts/build-packages is the command.
+# Included with TERN_DEBIAN_PACKAGES only: it installs what Debian alone wants.
+set(TERN_PACKAGE_MAINTAINER "libtern-dbus-service developers <tern-dbus-service@example.com>" CACHE STRING
+  "Maintainer of the Debian packages, NAME <ADDRESS>")
+set(TERN_PACKAGE_REVISION 1 CACHE STRING "Debian revision of the packages")
+set(TERN_PACKAGE_VERSION ${PROJECT_VERSION}-${TERN_PACKAGE_REVISION})
+
+# Two builds of one commit have the same date.
+if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
+  execute_process(COMMAND git -C ${PROJECT_SOURCE_DIR} log -1 --format=%ct
+    OUTPUT_VARIABLE epoch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  if(epoch)
+    set(ENV{SOURCE_DATE_EPOCH} "${epoch}")
+  endif()
+endif()
+string(TIMESTAMP TERN_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+set(debian ${PROJECT_BINARY_DIR}/debian-files)
+configure_file(packaging/debian/changelog.in ${debian}/changelog.Debian @ONLY)
+
+# component:package
+set(TERN_PACKAGES runtime:libtern-dbus-service0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
+if(TERN_BUILD_EXAMPLES)
+  list(APPEND TERN_PACKAGES thermostat:tern-thermostat)
+endif()
+set(CPACK_COMPONENTS_ALL "")
+foreach(pair IN LISTS TERN_PACKAGES)
+  string(REGEX MATCH "^([^:]+):(.+)$" matched ${pair})
+  set(component ${CMAKE_MATCH_1})
+  set(package ${CMAKE_MATCH_2})
+  list(APPEND CPACK_COMPONENTS_ALL ${component})
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package})
+  install(FILES packaging/debian/copyright ${debian}/changelog.Debian
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+  install(FILES CHANGELOG.md RENAME changelog
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+  # Maintainer scripts and the like carry the package's name here and none in the package.
+  file(GLOB extras CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/debian/${package}.*)
+  foreach(extra IN LISTS extras)
+    get_filename_component(name ${extra} LAST_EXT)
+    string(SUBSTRING ${name} 1 -1 name)
+    configure_file(${extra} ${debian}/${package}/${name} COPYONLY)
+    list(APPEND CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${debian}/${package}/${name})
+  endforeach()
+endforeach()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libtern-dbus-service)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "${TERN_PACKAGE_MAINTAINER}")
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/debian)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+  WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/compress.cmake)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${TERN_PACKAGE_REVISION})
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# Shared libraries' packages of the system are found by dpkg-shlibdeps, our own ones are named here.
+set(same_version "(= ${TERN_PACKAGE_VERSION})")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/platform/foundation
+  ${PROJECT_BINARY_DIR}/platform/basic_log)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each description
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "frame for services on the system D-Bus (libraries)
+The service processes of an embedded Linux device are built on this C++20
+library: an sd-event loop on one D-Bus thread, message readers, a small
+client, supervised threads, timers and common tools.
+
+This package holds the three shared libraries.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
+  "libtern-dbus-service0 ${same_version}, libsystemd-dev, libzip-dev, pkg-config | pkgconf")
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libtern-dbus-service-doc)
+set(CPACK_DEBIAN_DEV_DESCRIPTION "frame for services on the system D-Bus (development files)
+Headers, CMake and pkg-config files for building an extension on
+libtern-dbus-service.")
+
+set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOC_DESCRIPTION "frame for services on the system D-Bus (documents)
+The guide to libtern-dbus-service and the sources of its example extension.")
+
+set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SECTION misc)
+set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_DEPENDS "libtern-dbus-service0 ${same_version}, dbus | dbus-system-bus, \
+systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_THERMOSTAT_DESCRIPTION "example extension on the system D-Bus
+A thermostat that heats a simulated room: an extension built on
+libtern-dbus-service with its unit, bus policy and command-line client.")
+
+include(CPack)

@@ -1,0 +1,156 @@
+#!/bin/bash
+# Reads the Debian packages with lintian, installs them into a scratch root, checks and uses what is there, and purges
+# them. The dependencies are checked against the packages of this machine.
+#   packages_test.sh SOURCE_FOLDER FOLDER_OF_THE_PACKAGES
+set -u
+source=$1 packages=$2
+if [ "$(id -u)" -ne 0 ] && [ -z "${FAKEROOTKEY:-}" ]; then
+    command -v fakeroot >/dev/null || { echo "SKIPPED: the package fakeroot is missing"; exit 77; }
+    exec fakeroot "$0" "$@"
+fi
+command -v lintian >/dev/null || { echo "SKIPPED: the package lintian is missing"; exit 77; }
+export PATH=$PATH:/usr/sbin:/sbin
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+root=$work/root
+failures=0
+ok() { echo "ok $*"; }
+fail() {
+    echo "FAILED $*"
+    failures=$((failures + 1))
+}
+# check WHAT COMMAND...: the command has to succeed; its output is shown only when it does not.
+check() {
+    local what=$1
+    shift
+    if "$@" >"$work/output" 2>&1; then ok "$what"; else
+        fail "$what"
+        cat "$work/output"
+    fi
+}
+
+shopt -s nullglob
+debs=("$packages"/*.deb)
+names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 tern-thermostat)
+found=$(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Package; done | sort | tr '\n' ' ')
+[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "four packages" || fail "packages: $found"
+version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")-1
+for deb in "${debs[@]}"; do
+    is=$(dpkg-deb -f "$deb" Version)
+    [ "$is" = "$version" ] || fail "version of $deb is $is, not $version"
+done
+
+# Root may run it here: the files are our own.
+check "lintian finds no error" lintian --allow-root --fail-on error "${debs[@]}"
+
+# A root of its own with this machine's package data base, so that dependencies count.
+mkdir -p "$root"/{etc,var/lib/dpkg/{info,updates,triggers}}
+cp /var/lib/dpkg/status "$root/var/lib/dpkg/status"
+in_root() { dpkg --root="$root" --force-script-chrootless --force-not-root "$@" 2>"$work/dpkg.err" >"$work/dpkg.out"; }
+if in_root -i "${debs[@]}"; then ok "installed"; else
+    fail "installation"
+    grep -v 'files list file' "$work/dpkg.err"
+fi
+for name in "${names[@]}"; do
+    [ "$(dpkg-query --admindir="$root/var/lib/dpkg" -W -f='${db:Status-Status}' "$name" 2>/dev/null)" = installed ] &&
+        ok "$name is configured" || fail "$name is not configured"
+    check "$name: check sums" dpkg --root="$root" --verify "$name"
+done
+
+triplet=$(dpkg-architecture -q DEB_HOST_MULTIARCH)
+lib=usr/lib/$triplet
+content() { # content PACKAGE PATH...: the package holds these paths
+    local package=$1 path
+    shift
+    for path in "$@"; do
+        dpkg-query --admindir="$root/var/lib/dpkg" -L "$package" | grep -qxF "/$path" && [ -e "$root/$path" ] ||
+            fail "$package has no $path"
+    done
+    ok "$package: content"
+}
+# What a package holds besides a list of patterns is a mistake.
+only() {
+    local package=$1 pattern=$2 extra
+    extra=$(dpkg-query --admindir="$root/var/lib/dpkg" -L "$package" |
+        while read -r path; do [ -d "$root$path" ] || echo "$path"; done | grep -vE "^/($pattern)$")
+    [ -z "$extra" ] && ok "$package: nothing else" || fail "$package holds also: $extra"
+}
+documents="usr/share/doc/PACKAGE/(copyright|changelog(\.Debian)?\.gz)"
+so_files="" so_links="" pc_files=""
+for library in tern-dbus-service tern-foundation tern-basic-log; do
+    so_files+=" $lib/lib$library.so.0 $lib/lib$library.so.${version%-*}"
+    so_links+=" $lib/lib$library.so"
+    pc_files+=" $lib/pkgconfig/lib$library.pc"
+done
+headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p ')
+# shellcheck disable=SC2086
+{
+    content libtern-dbus-service0 $so_files
+    content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
+        usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
+    content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/packaging.md} \
+        usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp}
+    content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl usr/share/dbus-1/system.d/com.example.Thermostat.conf \
+        usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \
+        usr/lib/sysusers.d/tern-thermostat.conf etc/tern-thermostat.ini
+}
+only libtern-dbus-service0 "$lib/libtern-[a-z-]+\.so\.0(\.[0-9.]+)?|${documents/PACKAGE/libtern-dbus-service0}"
+[ -z "$(find "$root/usr" "$root/etc" \( ! -user root -o ! -group root -o -perm /o+w ! -type l \) -print -quit)" ] &&
+    ok "everything is root's" || fail "owners or modes"
+
+for library in tern-dbus-service tern-foundation tern-basic-log; do
+    file=$root/$lib/lib$library.so.0
+    readelf -d "$file" >"$work/dynamic"
+    grep -q "SONAME.*\[lib$library\.so\.0\]" "$work/dynamic" && ok "$library: soname" || fail "$library: soname"
+    grep -qE 'RPATH|RUNPATH' "$work/dynamic" && fail "$library: search path inside"
+    readelf -S "$file" | grep -q '\.debug_info' && fail "$library is not stripped"
+    grep -qaF "${source%/}/" "$file" && fail "$library: a path of the build machine"
+    grep -q "^lib$library 0 libtern-dbus-service0 " "$root/var/lib/dpkg/info/libtern-dbus-service0.shlibs" ||
+        fail "$library: shlibs"
+done
+for program in usr/libexec/tern-thermostat usr/bin/thermostatctl; do
+    readelf -d "$root/$program" | grep -qE 'RPATH|RUNPATH' && fail "$program: search path inside"
+done
+
+# What the maintainer scripts did in the scratch root, and nowhere else.
+dpkg-deb --ctrl-tarfile "$packages"/libtern-dbus-service0_*.deb | tar -xO ./triggers | grep -q 'noawait ldconfig' ||
+    fail "no trigger for the running system's linker"
+ldconfig -p -C "$root/etc/ld.so.cache" | grep -qF libtern-dbus-service.so.0 && ok "ldconfig" || fail "ldconfig"
+grep -q '^tern-thermostat:' "$root/etc/passwd" && grep -q '^tern-thermostat:' "$root/etc/group" && ok "system user" ||
+    fail "system user"
+[ -L "$root/etc/systemd/system/multi-user.target.wants/tern-thermostat.service" ] && ok "unit enabled" || fail "unit"
+grep -q '^tern-thermostat:' /etc/passwd && fail "the user was made outside the scratch root"
+[ -e /etc/systemd/system/multi-user.target.wants/tern-thermostat.service ] && fail "enabled outside the scratch root"
+
+# Closed by default: what the unit leaves open, by systemd's own measure (0 nothing, 100 all).
+unit=$root/usr/lib/systemd/system/tern-thermostat.service
+for line in Type=notify WatchdogSec= Restart=on-failure NoNewPrivileges=yes ProtectSystem=strict; do
+    grep -q "^$line" "$unit" && ok "unit has $line" || fail "unit has no $line"
+done
+check "unit's exposure" systemd-analyze security --no-pager --offline=true --threshold=20 "$unit"
+
+# Used from where it lies: the programs run, a foreign project builds and runs.
+export LD_LIBRARY_PATH=$root/$lib
+check "the client runs" "$root/usr/bin/thermostatctl" --help
+check "the extension runs" "$root/usr/libexec/tern-thermostat" --help
+check "a foreign project is configured" cmake -S "$source/tests/consumer" -B "$work/consumer" \
+    -DCMAKE_PREFIX_PATH="$root/usr" -DCMAKE_LIBRARY_ARCHITECTURE="$triplet"
+grep -q "TernDBusService_DIR:PATH=$root/" "$work/consumer/CMakeCache.txt" || fail "another copy of the library was found"
+check "a foreign project is built" cmake --build "$work/consumer"
+check "a foreign project runs" env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere "$work/consumer/uses-foundation"
+flags=$(PKG_CONFIG_PATH=$root/$lib/pkgconfig pkg-config --define-variable=prefix="$root/usr" --cflags --libs \
+    libtern-dbus-service)
+[[ $flags == *"-I$root/usr/include"*"-L$root/$lib"* ]] && ok "pkg-config" || fail "pkg-config: $flags"
+unset LD_LIBRARY_PATH
+
+# Away again: removing keeps the settings, purging leaves nothing behind but the user.
+mkdir -p "$root/var/lib/tern-thermostat"
+in_root -r tern-thermostat && [ -e "$root/etc/tern-thermostat.ini" ] && [ ! -e "$root/usr/bin/thermostatctl" ] &&
+    ok "removed, settings kept" || fail "removal"
+in_root -P tern-thermostat libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 && ok "purged" ||
+    { fail "purge"; cat "$work/dpkg.err"; }
+left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print | grep -iE 'tern' )
+[ -z "$left" ] && [ ! -e "$root/var/lib/tern-thermostat" ] && ok "nothing is left" || fail "left: $left"
+
+echo "$failures failures"
+[ "$failures" -eq 0 ]
