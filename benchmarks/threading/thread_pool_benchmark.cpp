@@ -101,7 +101,10 @@ void BM_RoundTrip(benchmark::State& state) {
 }
 
 void Grid(benchmark::internal::Benchmark* benchmark) {
-    benchmark->ArgNames({"producers", "workers"})->ArgsProduct({{1, 4}, {1, 2, 4}})->MeasureProcessCPUTime()->UseRealTime();
+    benchmark->ArgNames({"producers", "workers"})
+        ->ArgsProduct({{1, 4}, {1, 2, 4}})
+        ->MeasureProcessCPUTime()
+        ->UseRealTime();
 }
 
 BENCHMARK(BM_QueueAndRun<TernPool>)->Apply(Grid);

@@ -83,7 +83,7 @@ bool IsFree(Mutex& mutex) {
 TEST(Lock, IsNeitherCopiedNorPolymorphic) {
     EXPECT_FALSE(std::is_copy_constructible_v<Lock>);
     EXPECT_FALSE(std::is_polymorphic_v<Lock>);
-    EXPECT_EQ(sizeof(Lock), sizeof(Mutex*));
+    EXPECT_EQ(sizeof(Lock), sizeof(void*));
 }
 
 TEST(Lock, HoldsTheMutexUntilTheEndOfItsBlock) {
@@ -118,6 +118,7 @@ TEST(Lock, LetsOneThreadInAtATime) {
     Mutex mutex;
     int counter = 0;
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int i = 0; i < THREADS; ++i) {
         threads.emplace_back([&] {
             for (int round = 0; round < ROUNDS; ++round) {

@@ -10,7 +10,6 @@ namespace {
 
 using tern::test::Info;
 using tern::test::LogCapture;
-using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Ref;

@@ -31,7 +31,6 @@
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
-#include "support/process_resources.h"
 #include "support/wait_until.h"
 #include "threading/moved_clock.h"
 #include "threading/supervision_doubles.h"
@@ -47,7 +46,6 @@ namespace mwl::Threading::ThreadPool {
 namespace {
 
 using std::chrono::milliseconds;
-using tern::test::CountThreads;
 using tern::test::Error;
 using tern::test::FaultScope;
 using tern::test::LogCapture;
@@ -488,6 +486,7 @@ TEST_F(ThreadPoolTest, ManyProducersManyWorkersLoseNothing) {
     ThreadPool pool(4, mWatcher, mSignals);
     pool.Start();
     std::vector<std::thread> producers;
+    producers.reserve(PRODUCERS);
     for (int i = 0; i < PRODUCERS; ++i) {
         producers.emplace_back([&] {
             for (int round = 0; round < ROUNDS / 10; ++round) {

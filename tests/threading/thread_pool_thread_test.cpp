@@ -31,7 +31,6 @@ using tern::test::LogCapture;
 using tern::test::MovedClock;
 using tern::test::RunInChild;
 using tern::test::Trace;
-using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::InSequence;
 using ::testing::IsEmpty;

@@ -26,7 +26,6 @@ using tern::test::MovedClock;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::NiceMock;
-using ::testing::StrictMock;
 
 class ThreadWatchedTest : public ::testing::Test {
 protected:

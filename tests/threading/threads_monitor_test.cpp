@@ -194,6 +194,8 @@ TEST(ThreadsMonitor, ManyThreadsAtOnceSendOneSignal) {
     std::vector<std::unique_ptr<CountingWorker>> workers;
     std::vector<std::thread> threads;
     LogCapture log;
+    workers.reserve(8);
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         workers.push_back(std::make_unique<CountingWorker>(monitor));
     }

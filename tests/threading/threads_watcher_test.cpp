@@ -49,9 +49,7 @@ using tern::test::WaitUntil;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::NiceMock;
-using ::testing::Ref;
 using ::testing::SizeIs;
-using ::testing::StrictMock;
 
 const std::string LOGGER = "Threading::ThreadsWatcher";
 const LogEntry STARTED = Notice(LOGGER, "TaskWatch Started");
@@ -492,6 +490,7 @@ TEST(ThreadsWatcher, ManyThreadsComeAndGo) {
     ThreadsMonitor monitor(signals);
     ThreadsWatcher watcher(monitor);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&, i] {
             ThreadWatched watched(watcher, "worker");
