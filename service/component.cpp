@@ -15,10 +15,13 @@ const std::string LOGGER = "DBusService::Component";
 
 }  // namespace
 
-Component::Component(const std::string& name, Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer)
+Component::Component(const std::string& name, Threading::ThreadsMonitorInterface& monitor,
+                     IpcServer& ipcServer)
     : mName(name), mMonitor(monitor), mIpcServer(ipcServer) {}
 
-Component::~Component() { delete mThread; }
+Component::~Component() {
+    delete mThread;
+}
 
 StatusCode Component::Initialize() const {
     TERN_LOG_INFO(LOGGER, "Block signals SIGTERM and SIGINT for this thread");

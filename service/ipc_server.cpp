@@ -4,6 +4,8 @@ namespace mwl::DBusService {
 
 IpcServer::~IpcServer() = default;
 
-mw::tern::StatusCode IpcServer::Start(mw::tern::DBusServerManager&, mw::tern::EventLoop&) { return StatusCode::Ok; }
+mw::tern::StatusCode IpcServer::Start(mw::tern::DBusServerManager&, mw::tern::EventLoop&) {
+    return StatusCode::Ok;
+}
 
 }  // namespace mwl::DBusService

@@ -31,6 +31,8 @@ StatusCode Service::Initialize() {
     return status;
 }
 
-StatusCode Service::Run() { return mMainLoop.Run(); }
+StatusCode Service::Run() {
+    return mMainLoop.Run();
+}
 
 }  // namespace mwl::DBusService

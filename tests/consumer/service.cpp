@@ -15,7 +15,8 @@ public:
 
 }  // namespace
 
-// Without a bus at DBUS_SYSTEM_BUS_ADDRESS, as the test runs it, the start has to fail and everything to end in order.
+// Without a bus at DBUS_SYSTEM_BUS_ADDRESS, as the test runs it, the start has to fail and everything to end
+// in order.
 int main() {
     mwl::Threading::Signals signals;
     mwl::Threading::ThreadsMonitor monitor(signals);

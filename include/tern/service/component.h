@@ -14,18 +14,18 @@ namespace mwl::DBusService {
 
 /// The D-Bus thread of an extension, as its main thread sees it.
 ///
-/// The main thread calls `Initialize` before any other thread exists, `Start` once, and, whatever `Start` returned,
-/// `JoinThread`, which returns when SIGTERM, SIGINT, a worker's request to the monitor, or the loss of the bus has
-/// ended the thread. The component is then destroyed; destroying it with the thread unjoined ends the process.
-/// Main thread only. Everything is logged with the logger name "DBusService::Component".
+/// The main thread calls `Initialize` before any other thread exists, `Start` once, and, whatever `Start`
+/// returned, `JoinThread`, which returns when SIGTERM, SIGINT, a worker's request to the monitor, or the loss
+/// of the bus has ended the thread. The component is then destroyed; destroying it with the thread unjoined
+/// ends the process. Main thread only. Everything is logged with the logger name "DBusService::Component".
 ///
 /// The name, the monitor and the IPC server are borrowed: they outlive the component.
 ///
-/// | state    | Initialize | Start            | JoinThread                      | destructor        |
-/// |----------|------------|------------------|---------------------------------|-------------------|
-/// | created  | as often as wanted | starts   | logs, returns at once           | yes               |
-/// | started  | no effect on the running thread | once only | waits for the end of the thread | ends the process |
-/// | joined   | "          | no               | raises std::system_error        | yes               |
+/// | state   | Initialize | Start     | JoinThread                      | destructor       |
+/// |---------|------------|-----------|---------------------------------|------------------|
+/// | created | yes        | starts    | logs, returns at once           | yes              |
+/// | started | no effect  | once only | waits for the end of the thread | ends the process |
+/// | joined  | no effect  | once only | raises std::system_error        | yes              |
 class TERN_API Component : public ComponentInterface {
 public:
     /// `name` is the well-known bus name to request, empty for none.
@@ -34,22 +34,24 @@ public:
     Component(const Component&) = delete;
     Component& operator=(const Component&) = delete;
 
-    /// Blocks SIGTERM and SIGINT for the calling thread and all that it will create, children included: a program
-    /// started later unblocks them itself if it needs them. Ok, or the status of the failing call, logged.
+    /// Blocks SIGTERM and SIGINT for the calling thread and all that it will create, children included: a
+    /// program started later unblocks them itself if it needs them. Ok, or the status of the failing call,
+    /// logged.
     StatusCode Initialize() const override;
 
-    /// Creates the D-Bus thread and waits, without limit, until its service is initialised and the IPC server's
-    /// `Start` has returned. Ok: the service answers from now on. ResourceUnavailable: no memory for the thread, and
-    /// no thread exists. Otherwise the status of the start-up step that failed; the thread is ending by itself and
-    /// still wants `JoinThread`. A system that refuses the thread raises std::system_error.
+    /// Creates the D-Bus thread and waits, without limit, until its service is initialised and the IPC
+    /// server's `Start` has returned. Ok: the service answers from now on. ResourceUnavailable: no memory for
+    /// the thread, and no thread exists. Otherwise the status of the start-up step that failed; the thread is
+    /// ending by itself and still wants `JoinThread`. A system that refuses the thread raises
+    /// std::system_error.
     StatusCode Start() override;
 
     /// Waits for the end of the D-Bus thread, without limit. Returns at once when there is none.
     void JoinThread() override;
 
-    /// The body of the D-Bus thread: makes the service, delivers the start-up status, runs the loop, stops the IPC
-    /// server and, through the monitor, every worker. A loop that ended in failure is reported to the monitor first,
-    /// so that the process ends as failed.
+    /// The body of the D-Bus thread: makes the service, delivers the start-up status, runs the loop, stops
+    /// the IPC server and, through the monitor, every worker. A loop that ended in failure is reported to the
+    /// monitor first, so that the process ends as failed.
     static void ThreadMain(const std::string& name, std::promise<StatusCode>& startup,
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer);
 

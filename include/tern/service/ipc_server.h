@@ -10,22 +10,23 @@ class EventLoop;
 
 namespace mwl::DBusService {
 
-/// The application's side of the D-Bus thread: what it puts on the bus, and what it does when the bus is gone.
+/// The application's side of the D-Bus thread: what it puts on the bus, and what it does when the bus is
+/// gone.
 ///
-/// Implemented and owned by the application; it outlives the component it was given to. Both operations are called
-/// once, on the D-Bus thread.
+/// Implemented and owned by the application; it outlives the component it was given to. Both operations are
+/// called once, on the D-Bus thread.
 class TERN_API IpcServer {
 public:
     virtual ~IpcServer();
 
-    /// The D-Bus thread's loop has ended, or its start-up failed, also before `Start` was called. The bus connection
-    /// is closed already: nothing can be sent any more. Do not join the D-Bus thread from here.
+    /// The D-Bus thread's loop has ended, or its start-up failed, also before `Start` was called. The bus
+    /// connection is closed already: nothing can be sent any more. Do not join the D-Bus thread from here.
     virtual void Stop() = 0;
 
-    /// The service is connected, owns its name and is attached to the loop, which does not run yet: add objects,
-    /// matches and I/O sources here, and no client ever meets a half-made service. Both arguments live until the
-    /// thread ends, after `Stop`; use them on this thread only.
-    /// What is returned becomes the result of the component's `Start`; anything but Ok ends the thread.
+    /// The service is connected, owns its name and is attached to the loop, which does not run yet: add
+    /// objects, matches and I/O sources here, and no client ever meets a half-made service. Both arguments
+    /// live until the thread ends, after `Stop`; use them on this thread only. What is returned becomes the
+    /// result of the component's `Start`; anything but Ok ends the thread.
     virtual mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop);
 };
 

@@ -9,8 +9,8 @@
 
 namespace mwl::DBusService {
 
-/// What the D-Bus thread owns: the main loop and the connection that it drives. Made, used and destroyed on the D-Bus
-/// thread by `Component`. Destruction releases the bus, then the loop, then its I/O sources.
+/// What the D-Bus thread owns: the main loop and the connection that it drives. Made, used and destroyed on
+/// the D-Bus thread by `Component`. Destruction releases the bus, then the loop, then its I/O sources.
 class TERN_API Service {
 public:
     /// `name` is the well-known bus name to request, empty for none.
@@ -19,9 +19,9 @@ public:
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    /// Makes the loop, connects and claims the name, attaches the connection to the loop, in this order. Ok, or the
-    /// status of the first step that failed, logged with the logger name "DBusService::Service"; later steps are
-    /// skipped.
+    /// Makes the loop, connects and claims the name, attaches the connection to the loop, in this order. Ok,
+    /// or the status of the first step that failed, logged with the logger name "DBusService::Service"; later
+    /// steps are skipped.
     StatusCode Initialize();
 
     /// Runs the loop until SIGTERM, SIGINT or the loss of the bus; the result of ServiceMainLoop::Run.
