@@ -15,3 +15,13 @@ function(tern_own_target target)
     target_link_options(${target} PRIVATE -fsanitize=${TERN_SANITIZE})
   endif()
 endfunction()
+
+# As above, for a shared library: complete, and exporting nothing but our own names.
+set(TERN_EXPORTS ${CMAKE_CURRENT_LIST_DIR}/tern-exports.map)
+function(tern_own_library target)
+  tern_own_target(${target})
+  if(NOT TERN_SANITIZE)
+    target_link_options(${target} PRIVATE -Wl,--no-undefined -Wl,--version-script=${TERN_EXPORTS})
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${TERN_EXPORTS})
+  endif()
+endfunction()
