@@ -17,6 +17,11 @@ string(TIMESTAMP TERN_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 set(debian ${PROJECT_BINARY_DIR}/debian-files)
 configure_file(packaging/debian/changelog.in ${debian}/changelog.Debian @ONLY)
 
+# The test support is a component of its own for those who install by hand; in Debian it is for developing, too.
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_COMPONENT_DEV_GROUP dev)
+set(CPACK_COMPONENT_TEST-SUPPORT_GROUP dev)
+
 # component:package
 set(TERN_PACKAGES runtime:libtern-dbus-service0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
 if(TERN_BUILD_EXAMPLES)
@@ -44,6 +49,10 @@ foreach(pair IN LISTS TERN_PACKAGES)
   endforeach()
 endforeach()
 
+if(TERN_BUILD_TEST_SUPPORT)
+  list(APPEND CPACK_COMPONENTS_ALL test-support)
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libtern-dbus-service)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -53,7 +62,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
   WORLD_READ WORLD_EXECUTE)
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/compress.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/staged.cmake)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -84,7 +93,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libtern-dbus-service-doc)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "frame for services on the system D-Bus (development files)
 Headers, CMake and pkg-config files for building an extension on
-libtern-dbus-service.")
+libtern-dbus-service, and support for testing one on a private bus.")
 
 set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)

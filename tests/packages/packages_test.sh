@@ -87,7 +87,7 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
 {
     content libtern-dbus-service0 $so_files
     content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
-        usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
+        $lib/libtern-test-support.a usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
     content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/packaging.md} \
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp}
     content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl usr/share/dbus-1/system.d/com.example.Thermostat.conf \
@@ -138,6 +138,7 @@ check "a foreign project is configured" cmake -S "$source/tests/consumer" -B "$w
 grep -q "TernDBusService_DIR:PATH=$root/" "$work/consumer/CMakeCache.txt" || fail "another copy of the library was found"
 check "a foreign project is built" cmake --build "$work/consumer"
 check "a foreign project runs" env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere "$work/consumer/uses-foundation"
+check "the test support works" "$work/consumer/uses-test-support"
 flags=$(PKG_CONFIG_PATH=$root/$lib/pkgconfig pkg-config --define-variable=prefix="$root/usr" --cflags --libs \
     libtern-dbus-service)
 [[ $flags == *"-I$root/usr/include"*"-L$root/$lib"* ]] && ok "pkg-config" || fail "pkg-config: $flags"

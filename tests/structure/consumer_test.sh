@@ -29,6 +29,7 @@ cmake -S "$source/tests/consumer" -B "$work/by-cmake" -DCMAKE_PREFIX_PATH="$work
     -DCMAKE_CXX_FLAGS="$*" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/by-cmake" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 run_all "$work/by-cmake"
+env -u DBUS_SYSTEM_BUS_ADDRESS LD_LIBRARY_PATH="$libdir" "$work/by-cmake/uses-test-support" || { echo "test support failed"; exit 1; }
 echo "find_package: built and ran"
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
