@@ -37,3 +37,8 @@ install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT do
 install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
 # The example builds on its own against the installed package.
 install(DIRECTORY examples/thermostat DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
+
+# The generator of extension projects.
+install(PROGRAMS scripts/tern-new-extension DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
+install(DIRECTORY packaging/extension DESTINATION ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service COMPONENT dev)
+install(FILES packaging/tern-new-extension.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT dev)

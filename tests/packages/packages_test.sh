@@ -87,10 +87,12 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
 {
     content libtern-dbus-service0 $so_files
     content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
-        $lib/libtern-test-support.a usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
+        $lib/libtern-test-support.a usr/bin/tern-new-extension \
+        usr/share/libtern-dbus-service/extension/CMakeLists.txt.in usr/share/man/man1/tern-new-extension.1.gz usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
     content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/packaging.md} \
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp}
-    content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl usr/share/dbus-1/system.d/com.example.Thermostat.conf \
+    content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl \
+        usr/share/man/man1/thermostatctl.1.gz usr/share/dbus-1/system.d/com.example.Thermostat.conf \
         usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \
         usr/lib/sysusers.d/tern-thermostat.conf etc/tern-thermostat.ini
 }
@@ -141,6 +143,7 @@ check "a foreign project runs" env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere "$
 check "the test support works" "$work/consumer/uses-test-support"
 flags=$(PKG_CONFIG_PATH=$root/$lib/pkgconfig pkg-config --define-variable=prefix="$root/usr" --cflags --libs \
     libtern-dbus-service)
+check "the generator finds its templates" "$root/usr/bin/tern-new-extension" fan-control "$work/generated"
 [[ $flags == *"-I$root/usr/include"*"-L$root/$lib"* ]] && ok "pkg-config" || fail "pkg-config: $flags"
 unset LD_LIBRARY_PATH
 

@@ -1,0 +1,141 @@
+#!/bin/bash
+# Installs the build into a scratch prefix and has the installed generator write a project, which is then built without a
+# warning, passes its own tests, is installed, started on a private bus, called and stopped. Wrong names and folders are
+# refused with nothing written.
+#   generator_test.sh BUILD_FOLDER CXX
+set -u
+build=$1 cxx=$2
+work=$(mktemp -d)
+bus_pid="" extension_pid=""
+failures=0
+cleanup() {
+    for pid in $extension_pid $bus_pid; do
+        kill "$pid" 2>/dev/null
+        wait "$pid" 2>/dev/null
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+ok() { echo "ok $*"; }
+fail() {
+    echo "FAILED $*"
+    failures=$((failures + 1))
+}
+# must WHAT COMMAND...: or the test ends here.
+must() {
+    local what=$1
+    shift
+    if "$@" >"$work/output" 2>&1; then ok "$what"; else
+        cat "$work/output"
+        echo "FAILED $what"
+        exit 1
+    fi
+}
+wait_for() {
+    for _ in $(seq 600); do
+        "$@" >/dev/null 2>&1 && return 0
+        sleep 0.05
+    done
+    return 1
+}
+
+must "installed" cmake --install "$build" --prefix "$work/prefix"
+new() { "$work/prefix/bin/tern-new-extension" "$@"; }
+
+# refused STATUS PATTERN ARGUMENT...
+refused() {
+    local expected=$1 pattern=$2 output status
+    shift 2
+    output=$(new "$@" 2>&1)
+    status=$?
+    if [ "$status" -eq "$expected" ] && [[ $output == "tern-new-extension: "$pattern ]] && [ ! -e "$work/refused" ]; then
+        ok "refused: $*"
+    else
+        fail "$*: status $status, output: $output"
+    fi
+}
+hint=$'\n'"Try 'tern-new-extension --help'."
+refused 2 "a name and a folder are needed, not 0 arguments$hint"
+refused 2 "a name and a folder are needed, not 3 arguments$hint" a b c
+refused 2 "unknown option '--colour'$hint" --colour fan "$work/refused"
+refused 2 "--domain takes a domain$hint" --domain
+for name in "" Fan fan_control fan--control -fan fan- 2fan "fan control" "fan/control" "fan;rm" fän $'fan\nx'; do
+    case $name in -*) continue ;; esac  # an option, above
+    refused 2 "'$name' is not a name: *$hint" "$name" "$work/refused"
+done
+refused 2 "'a23456789012345678901234567890bc' has 32 characters; *$hint" a23456789012345678901234567890bc "$work/refused"
+refused 2 "'test' has a meaning of its own in CMake$hint" test "$work/refused"
+refused 2 "'root' is a user, group or service of the system$hint" root "$work/refused"
+refused 2 "'systemd-fan' is a user, *$hint" systemd-fan "$work/refused"
+for domain in com "" com. com..example 2com.example com.ex-ample; do
+    refused 2 "'$domain' is not a domain: *$hint" --domain "$domain" fan "$work/refused"
+done
+mkdir "$work/full" && touch "$work/full/mine" "$work/file"
+refused 1 "$work/full is not empty; nothing was written" fan "$work/full"
+[ "$(ls "$work/full")" = mine ] || fail "something was written into a folder that was not empty"
+refused 1 "$work/file is no folder" fan "$work/file"
+new --help | grep -q '^Usage: tern-new-extension' && ok "help" || fail "help"
+
+# The longest name and a name that is a word of C++ build as well as any other.
+name=fan-control bus=org.acme_2.FanControl path=/org/acme_2/FanControl
+mkdir "$work/empty folder"
+project="$work/empty folder"
+must "written" new --domain org.acme_2 $name "$project"
+must "configured" cmake -S "$project" -B "$project/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" \
+    -DCMAKE_CXX_FLAGS=-Werror -DCMAKE_BUILD_TYPE=Debug
+grep -q "TernDBusService_DIR:PATH=$work/prefix/" "$project/build/CMakeCache.txt" || fail "another copy was found"
+must "built without a warning" cmake --build "$project/build"
+export LD_LIBRARY_PATH
+LD_LIBRARY_PATH=$(dirname "$(find "$work/prefix" -name libtern-dbus-service.so.0)")
+must "its tests pass" ctest --test-dir "$project/build" --output-on-failure --no-tests=error
+"$project/build/$name-test" --gtest_list_tests | grep -c '^  ' >"$work/count"
+[ "$(cat "$work/count")" -ge 5 ] || fail "only $(cat "$work/count") tests"
+for name_of_cpp in switch a2345678901234567890123456789bc; do
+    must "written: $name_of_cpp" new $name_of_cpp "$work/$name_of_cpp"
+    must "configured: $name_of_cpp" cmake -S "$work/$name_of_cpp" -B "$work/$name_of_cpp/build" -DBUILD_TESTING=OFF \
+        -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS=-Werror
+    must "built: $name_of_cpp" cmake --build "$work/$name_of_cpp/build"
+done
+
+must "the project is installed" env DESTDIR="$work/root" cmake --install "$project/build" --prefix /usr
+for file in libexec/$name lib/systemd/system/$name.service lib/sysusers.d/$name.conf share/dbus-1/system.d/$bus.conf \
+    share/dbus-1/system-services/$bus.service; do
+    [ -s "$work/root/usr/$file" ] || fail "not installed: $file"
+done
+unit=$work/root/usr/lib/systemd/system/$name.service
+for line in Type=notify BusName=$bus WatchdogSec= Restart=on-failure NoNewPrivileges=yes ProtectSystem=strict User=$name; do
+    grep -q "^$line" "$unit" || fail "the unit has no $line"
+done
+# 0 leaves nothing open, 100 all.
+must "the unit is closed" systemd-analyze security --no-pager --offline=true --threshold=15 "$unit"
+grep -qx "u $name - .*" "$work/root/usr/lib/sysusers.d/$name.conf" || fail "system user"
+
+# Started with the policy that it brings, in place of the system's: whoever runs this test is named in it.
+sed "s/user=\"$name\"/user=\"$(id -un)\"/; /group=/,/policy>/d" "$work/root/usr/share/dbus-1/system.d/$bus.conf" >"$work/policy"
+cat >"$work/bus.conf" <<XML
+<busconfig><listen>unix:path=$work/bus</listen>
+  <policy context="default"><allow user="*"/><deny own="*"/><deny send_type="method_call"/>
+    <allow send_destination="org.freedesktop.DBus"/><allow send_type="signal"/><allow send_type="method_return"/>
+    <allow send_type="error"/><allow receive_type="*"/></policy>
+  <policy user="$(id -un)"><allow send_destination="$bus"/></policy>
+  <include>$work/policy</include></busconfig>
+XML
+dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog 2>"$work/bus.log" &
+bus_pid=$!
+wait_for test -S "$work/bus" || { cat "$work/bus.log"; fail "no bus"; }
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
+"$work/root/usr/libexec/$name" 2>"$work/log" &
+extension_pid=$!
+wait_for busctl --system status $bus || { cat "$work/log"; fail "did not start"; }
+is=$(busctl --system call $bus $path ${bus}1 Greet s world)
+[ "$is" = 's "Hello, world"' ] && ok "answers" || fail "answer: $is"
+is=$(busctl --system get-property $bus $path ${bus}1 Greetings)
+[ "$is" = "u 1" ] && ok "counts" || fail "property: $is"
+kill -TERM $extension_pid
+wait $extension_pid
+status=$?
+extension_pid=""
+[ $status -eq 0 ] && ok "stopped in order" || fail "ended with $status"
+
+echo "$failures failures"
+[ "$failures" -eq 0 ]
