@@ -18,6 +18,7 @@ sd_bus_message* Take(mw::tern::DBusMessagePipe& pipe, unsigned int patienceMs) {
     sd_bus_message* message = nullptr;
     // The waiting read belongs to the base class, which carries any bytes.
     mw::tern::MessagePipe& bytes = pipe;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): a message of this pipe is a pointer
     return bytes.ReadMessage(static_cast<void*>(&message), sizeof message, patienceMs) == StatusCode::Ok
                ? message
                : nullptr;

@@ -72,7 +72,7 @@ public:
     }
 
 protected:
-    sd_bus_error mError = SD_BUS_ERROR_NULL;
+    sd_bus_error mError{};
 };
 
 class SetTarget : public ThermostatCall {

@@ -13,6 +13,7 @@
 #include <system_error>
 
 // Present in coverage builds only: a child that leaves by _exit writes its counts here.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the compiler's own name
 extern "C" void __gcov_dump() __attribute__((weak));
 
 namespace tern::test {

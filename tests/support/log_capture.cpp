@@ -90,6 +90,7 @@ void Forward(int fd, const LogEntry& entry) {
 /// children included: level, logger name, format with newlines escaped. A new program run begins the file
 /// anew.
 const char* const gCoveragePath = [] {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
     const char* const path = getenv("TERN_LOG_COVERAGE");
     if (path != nullptr) {
         unlink(path);

@@ -20,10 +20,12 @@ NotifySocket::NotifySocket() : mFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)
     if (mFd < 0 || bind(mFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw std::system_error(errno, std::generic_category(), "notification socket");
     }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
 }
 
 NotifySocket::~NotifySocket() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
     unsetenv("NOTIFY_SOCKET");
     close(mFd);
 }

@@ -52,7 +52,7 @@ PrivateBus::PrivateBus() {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         sigset_t none;
         sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
+        pthread_sigmask(SIG_SETMASK, &none, nullptr);
         // Without the right to raise its descriptor limit the daemon warns at each start.
         const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
         dup2(nowhere, STDERR_FILENO);
@@ -72,11 +72,13 @@ PrivateBus::PrivateBus() {
     }
     close(ends[0]);
     mAddress = mAddress.substr(0, mAddress.find(",guid="));
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
     setenv(ADDRESS_VARIABLE, mAddress.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
     Kill();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
     unsetenv(ADDRESS_VARIABLE);
 }
 
