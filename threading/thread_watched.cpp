@@ -14,6 +14,10 @@ using std::chrono::steady_clock;
 
 const std::string LOGGER = "Threading::ThreadWatched";
 
+steady_clock::rep Now() {
+    return steady_clock::now().time_since_epoch().count();
+}
+
 /// No thread is taken as blocked sooner, however short its period.
 constexpr milliseconds SHORTEST_LIMIT{20000};
 
@@ -32,12 +36,12 @@ milliseconds LimitOf(milliseconds period) {
 // only makes the silence look shorter.
 
 ThreadWatched::ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name)
-    : mWatcher(watcher), mName(name), mStart(steady_clock::now()) {}
+    : mWatcher(watcher), mName(name), mStart(Now()) {}
 
 ThreadWatched::~ThreadWatched() = default;
 
 void ThreadWatched::StartWatch(milliseconds period) {
-    mStart.store(steady_clock::now(), std::memory_order_relaxed);
+    mStart.store(Now(), std::memory_order_relaxed);
     mLastWorkMs.store(0, std::memory_order_release);
     mPeriodMs.store(period.count(), std::memory_order_release);
     mThreadId = pthread_self();
@@ -56,7 +60,7 @@ void ThreadWatched::StopWatch() {
 
 void ThreadWatched::NotifyWork() {
     // Only the watched thread stores the start instant.
-    const auto sinceStart = steady_clock::now() - mStart.load(std::memory_order_relaxed);
+    const steady_clock::duration sinceStart(Now() - mStart.load(std::memory_order_relaxed));
     mLastWorkMs.store(std::chrono::duration_cast<milliseconds>(sinceStart).count(),
                       std::memory_order_release);
 }
@@ -93,8 +97,8 @@ std::string ThreadWatched::GetName() const {
 milliseconds ThreadWatched::ElapsedAt(steady_clock::time_point now) const {
     const milliseconds lastWork(mLastWorkMs.load(std::memory_order_acquire));
     const auto sinceStart =
-        std::chrono::duration_cast<milliseconds>(now - mStart.load(std::memory_order_relaxed));
-    return std::max(sinceStart - lastWork, milliseconds(0));
+        now.time_since_epoch() - steady_clock::duration(mStart.load(std::memory_order_relaxed));
+    return std::max(std::chrono::duration_cast<milliseconds>(sinceStart) - lastWork, milliseconds(0));
 }
 
 }  // namespace mwl::Threading

@@ -1,5 +1,6 @@
 #include <tern/foundation/log.h>
 #include <tern/timer/chrono.h>
+#include <time.h>
 
 #include <limits>
 
@@ -13,6 +14,14 @@ const std::string LOGGER = "Timer::Chrono";
 constexpr double BEYOND_TOTAL = 18446744073709551616.0;
 static_assert(std::numeric_limits<unsigned long long>::digits == 64);
 
+/// Not by std::chrono::system_clock, which ends in 2038 where the C++ library was built with 32-bit time.
+std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> Now() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>(
+        std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+}
+
 }  // namespace
 
 Chrono::Chrono(const std::string& name) : mName(name) {}
@@ -20,7 +29,7 @@ Chrono::Chrono(const std::string& name) : mName(name) {}
 Chrono::~Chrono() = default;
 
 unsigned int Chrono::Start() {
-    mOpen[mId] = std::chrono::system_clock::now();
+    mOpen[mId] = Now();
     return mId;
 }
 
@@ -29,8 +38,7 @@ void Chrono::Stop(unsigned int id, const std::string& /*label*/) {
     if (open == mOpen.end()) {
         return;
     }
-    const TimePoint now = std::chrono::system_clock::now();
-    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - open->second);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Now() - open->second);
     Store(static_cast<double>(elapsed.count()));
     mOpen.erase(open);
 }

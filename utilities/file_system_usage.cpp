@@ -6,8 +6,12 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
+#include <stack>
+#include <string>
 #include <system_error>
+#include <utility>
 
+#include "utilities/directory.h"
 #include "utilities/file_system_logger.h"
 
 namespace mwl::Utilities {
@@ -26,7 +30,7 @@ bool IsMissing(const char* path) {
     return type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none;
 }
 
-StatusCode MeasureEntry(const char* path, unsigned int& usage) {
+StatusCode MeasureEntry(const char* path, unsigned int& usage, bool& isFolder) {
     struct stat information {};
     if (stat(path, &information) != 0) {
         const int error = errno;
@@ -41,6 +45,7 @@ StatusCode MeasureEntry(const char* path, unsigned int& usage) {
     const auto size = static_cast<std::uint64_t>(information.st_size);
     const auto block = static_cast<std::uint64_t>(std::max<blksize_t>(information.st_blksize, 1));
     usage = static_cast<unsigned int>((size + block - 1) / block * block / BYTES_PER_KIB);
+    isFolder = S_ISDIR(information.st_mode);
     return StatusCode::Ok;
 }
 
@@ -53,36 +58,55 @@ StatusCode FailedAtEntry(const std::string& path, StatusCode status) {
 }  // namespace
 
 StatusCode FileSystem::GetDiskUsage(const std::string& path, unsigned int& usage) {
-    return MeasureEntry(path.c_str(), usage);
+    bool unused = false;
+    return MeasureEntry(path.c_str(), usage, unused);
 }
 
 StatusCode FileSystem::GetRecursiveDiskUsage(const std::string& path, unsigned int& usage) {
-    using std::filesystem::directory_options;
-    using std::filesystem::recursive_directory_iterator;
+    struct Level {
+        std::string path;
+        Directory directory;
+    };
+    // Walked by hand: the iterators of std::filesystem fail at times beyond 2038 where the C++ library was
+    // built with 32-bit time.
+    std::stack<Level> levels;
+    const auto enter = [&levels](std::string folder) {
+        Directory directory(folder);
+        if (!directory) {
+            return FailedAtEntry(folder, MakeStatusCodeFromErrno(errno));
+        }
+        levels.push({std::move(folder), std::move(directory)});
+        return StatusCode::Ok;
+    };
 
-    const StatusCode status = MeasureEntry(path.c_str(), usage);
-    std::error_code error;
-    if (status != StatusCode::Ok || !std::filesystem::is_directory(path, error)) {
-        return status;
+    bool isFolder = false;
+    StatusCode status = MeasureEntry(path.c_str(), usage, isFolder);
+    if (status == StatusCode::Ok && isFolder) {
+        status = enter(path);
     }
-    std::string current = path;  // outlives the iterator's own, which is gone when a step fails
-    recursive_directory_iterator entry(path, directory_options::follow_directory_symlink, error);
-    while (!error && entry != recursive_directory_iterator()) {
-        current = entry->path().native();
+    while (status == StatusCode::Ok && !levels.empty()) {
+        Level& level = levels.top();
+        const dirent* const entry = level.directory.Next();
+        if (entry == nullptr) {
+            if (errno != 0) {
+                return FailedAtEntry(level.path, MakeStatusCodeFromErrno(errno));
+            }
+            levels.pop();
+            continue;
+        }
+        // Links are followed, as stat(2) does; a loop of them ends where stat refuses the path.
+        std::string current = level.path + (level.path.back() == '/' ? "" : "/") + entry->d_name;
         unsigned int entryUsage = 0;
-        const StatusCode entryStatus = MeasureEntry(current.c_str(), entryUsage);
-        if (entryStatus != StatusCode::Ok) {
-            return FailedAtEntry(current, entryStatus);
+        status = MeasureEntry(current.c_str(), entryUsage, isFolder);
+        if (status != StatusCode::Ok) {
+            return FailedAtEntry(current, status);
         }
         usage += entryUsage;
-        entry.increment(error);
+        if (isFolder) {
+            status = enter(std::move(current));
+        }
     }
-    if (error) {
-        // A loop of links is told as the measuring of its entries tells it.
-        return FailedAtEntry(
-            current, error.value() == ELOOP ? StatusCode::NotFound : MakeStatusCodeFromErrno(error.value()));
-    }
-    return StatusCode::Ok;
+    return status;
 }
 
 }  // namespace mwl::Utilities

@@ -9,7 +9,7 @@
 #include "support/interpose.h"
 #include "support/log_capture.h"
 
-TERN_INTERPOSE(int, clock_gettime, (clockid_t clock, timespec* now), (clock, now))
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 
 namespace {
 
@@ -19,7 +19,7 @@ using tern::test::LogCapture;
 using tern::test::Notice;
 using testing::ElementsAre;
 
-constexpr long MILLISECOND = 1000000;
+constexpr long long MILLISECOND = 1000000;
 
 /// A wall clock that stands still until it is moved; all other clocks run on.
 class WallClock {
@@ -36,6 +36,8 @@ public:
             },
             std::numeric_limits<int>::max());
     }
+
+    explicit WallClock(time_t seconds) : WallClock() { mNanoseconds = seconds * 1000000000LL; }
 
     void Move(long long nanoseconds) { mNanoseconds += nanoseconds; }
 
@@ -80,6 +82,18 @@ TEST(Chrono, MeasuresRealTimeInMilliseconds) {
     nanosleep(&pause, nullptr);
     chrono.Stop(0, "");
     EXPECT_GE(chrono.Report(), 20U);
+}
+
+// On 32-bit platforms too, whatever time the C++ library was built with.
+TEST(Chrono, TheYear2038IsNoEnd) {
+    static_assert(sizeof(time_t) == 8);
+    const LogCapture log;
+    WallClock clock(0x7FFFFFFF);
+    Chrono chrono("parse");
+    chrono.Start();
+    clock.Move(2500 * MILLISECOND);
+    chrono.Stop(0, "");
+    EXPECT_EQ(chrono.Report(), 2500U);
 }
 
 TEST(Chrono, IdThatIsNotMeasuredChangesNothing) {

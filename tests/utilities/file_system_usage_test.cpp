@@ -26,7 +26,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // The library's own look at an entry; the one of std::filesystem goes through another name.
-TERN_INTERPOSE(int, stat64, (const char* path, struct stat* information), (path, information))
+TERN_INTERPOSE_TIME(int, stat64, __stat64_time64, (const char* path, struct stat* information),
+                    (path, information))
 
 namespace {
 
@@ -180,6 +181,26 @@ TEST_P(FileSystemUsage, LinksToFoldersAreFollowed) {
     EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder / "tree", usage), StatusCode::Ok);
     EXPECT_EQ(usage,
               UsageOf(folder / "tree") + UsageOf(folder / "outside") + UsageOf(folder / "outside/file"));
+}
+
+// Where the C++ library was built with 32-bit time, its own iterators fail at such files.
+TEST_P(FileSystemUsage, ATreeOfAfter2038IsMeasured) {
+    ASSERT_EQ(mkdir((folder / "tree").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((folder / "tree/sub").c_str(), 0755), 0);
+    MakeFile(folder / "tree/sub/file", "x");
+    ASSERT_EQ(symlink("sub", (folder / "tree/link").c_str()), 0);
+    const time_t late = 2209032000;  // 2040
+    const timespec times[] = {{late, 0}, {late, 0}};
+    for (const char* name : {"tree/sub/file", "tree/sub", "tree"}) {
+        ASSERT_EQ(utimensat(AT_FDCWD, (folder / name).c_str(), times, 0), 0);
+    }
+    if (Inspect(folder / "tree").st_mtime != late) {
+        GTEST_SKIP() << "the file system has no times after 2038";
+    }
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder / "tree", usage), StatusCode::Ok);
+    EXPECT_EQ(usage, UsageOf(folder / "tree") +
+                         2 * (UsageOf(folder / "tree/sub") + UsageOf(folder / "tree/sub/file")));
+    EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
 TEST_P(FileSystemUsage, ADanglingLinkEndsTheWalkWithTheSumSoFar) {

@@ -60,7 +60,9 @@ private:
     // The watcher reads these while the watched thread may start anew; see the .cpp for the order of access.
     std::atomic<std::int64_t> mPeriodMs{0};
     std::atomic<std::int64_t> mLastWorkMs{0};  ///< counted from the start instant
-    std::atomic<std::chrono::steady_clock::time_point> mStart;
+    /// The start instant. A plain number, which 32-bit processors read and write at once too; the time point
+    /// that wraps it they would guard by a lock.
+    std::atomic<std::chrono::steady_clock::rep> mStart;
     std::atomic<unsigned long> mThreadId{0};
 };
 
