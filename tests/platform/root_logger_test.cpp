@@ -33,7 +33,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
-TERN_INTERPOSE(ssize_t, sendmsg, (int fd, const msghdr* message, int flags), (fd, message, flags))
+TERN_INTERPOSE_TIME(ssize_t, sendmsg, __sendmsg64, (int fd, const msghdr* message, int flags),
+                    (fd, message, flags))
 // syslog(3) takes variable arguments; these are the ones that the logger gives it.
 TERN_INTERPOSE(int, syslog, (int priority, const char* format, const char* text), (priority, format, text))
 
@@ -177,7 +178,7 @@ TEST(RootLogger, TrailingBlanksAndLineBreaksSurvive) {
 }
 
 TEST(RootLogger, MessagesUnderFourKibibytesTakeNoMemoryLongerOnesArriveWhole) {
-    for (const std::size_t length : {0, 1, 4000, 4095, 4096, 4097, 100000}) {
+    for (const std::size_t length : {0U, 1U, 4000U, 4095U, 4096U, 4097U, 100000U}) {
         const std::string text(length, 'y');
         const std::vector<std::string> writes = WritesOf([&] {
             RootLogger::GetInstance();

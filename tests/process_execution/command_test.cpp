@@ -30,7 +30,8 @@
 #include "support/wait_until.h"
 
 TERN_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags))
-TERN_INTERPOSE(int, fcntl64, (int fd, int operation, long argument), (fd, operation, argument))
+TERN_INTERPOSE_TIME(int, fcntl64, __fcntl_time64, (int fd, int operation, long argument),
+                    (fd, operation, argument))
 TERN_INTERPOSE(pid_t, fork, (), ())
 TERN_INTERPOSE(int, dup2, (int from, int to), (from, to))
 TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
@@ -42,7 +43,7 @@ TERN_INTERPOSE(int, ferror, (FILE * stream), (stream))
 TERN_INTERPOSE(int, poll, (pollfd * events, nfds_t count, int timeout), (events, count, timeout))
 TERN_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 TERN_INTERPOSE(int, kill, (pid_t pid, int number), (pid, number))
-TERN_INTERPOSE(int, clock_gettime, (clockid_t clock, timespec* time), (clock, time))
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* time), (clock, time))
 TERN_INTERPOSE(long, syscall, (long number, long a, long b, long c, long d, long e, long f),
                (number, a, b, c, d, e, f))
 

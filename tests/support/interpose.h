@@ -132,9 +132,22 @@ private:
 ///
 /// The assembler name is given by hand, so that the C library's own declaration is not in the way. Not usable
 /// for functions with variable arguments; give those the fixed arguments that the code passes.
-#define TERN_INTERPOSE(result, name, parameters, arguments)                                           \
-    static constinit tern::test::Fault<result parameters> fault_##name{#name};                        \
-    extern "C" __attribute__((visibility("default"))) result interposed_##name parameters asm(#name); \
-    extern "C" result interposed_##name parameters {                                                  \
-        return fault_##name.Call arguments;                                                           \
+#define TERN_INTERPOSE(result, name, parameters, arguments) \
+    TERN_INTERPOSE_SYMBOL_(result, name, #name, parameters, arguments)
+
+/// The same for a function that takes or gives a time: on 32-bit platforms it has a second name, `name64`, by
+/// which code with 64-bit time calls it.
+#ifdef __USE_TIME_BITS64
+#define TERN_INTERPOSE_TIME(result, name, name64, parameters, arguments) \
+    TERN_INTERPOSE_SYMBOL_(result, name, #name64, parameters, arguments)
+#else
+#define TERN_INTERPOSE_TIME(result, name, name64, parameters, arguments) \
+    TERN_INTERPOSE_SYMBOL_(result, name, #name, parameters, arguments)
+#endif
+
+#define TERN_INTERPOSE_SYMBOL_(result, name, symbol, parameters, arguments)                            \
+    static constinit tern::test::Fault<result parameters> fault_##name{symbol};                        \
+    extern "C" __attribute__((visibility("default"))) result interposed_##name parameters asm(symbol); \
+    extern "C" result interposed_##name parameters {                                                   \
+        return fault_##name.Call arguments;                                                            \
     }

@@ -13,7 +13,7 @@
 #include "support/log_capture.h"
 #include "support/wait_until.h"
 
-TERN_INTERPOSE(int, clock_gettime, (clockid_t clock, timespec* now), (clock, now))
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 TERN_INTERPOSE(int, pthread_condattr_init, (pthread_condattr_t * attributes), (attributes))
 TERN_INTERPOSE(int, pthread_condattr_setclock, (pthread_condattr_t * attributes, clockid_t clock),
                (attributes, clock))
@@ -25,9 +25,9 @@ TERN_INTERPOSE(int, pthread_cond_signal, (pthread_cond_t * condition), (conditio
 TERN_INTERPOSE(int, pthread_cond_broadcast, (pthread_cond_t * condition), (condition))
 TERN_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
                (condition, mutex))
-TERN_INTERPOSE(int, pthread_cond_timedwait,
-               (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* deadline),
-               (condition, mutex, deadline))
+TERN_INTERPOSE_TIME(int, pthread_cond_timedwait, __pthread_cond_timedwait64,
+                    (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* deadline),
+                    (condition, mutex, deadline))
 
 namespace mwl::Threading {
 namespace {

@@ -15,6 +15,15 @@
 #include <utility>
 #include <vector>
 
+// On 32-bit platforms code with 64-bit time calls these by other names.
+#ifdef __USE_TIME_BITS64
+#define TERN_CLOCK_GETTIME "__clock_gettime64"
+#define TERN_COND_TIMEDWAIT "__pthread_cond_timedwait64"
+#else
+#define TERN_CLOCK_GETTIME "clock_gettime"
+#define TERN_COND_TIMEDWAIT "pthread_cond_timedwait"
+#endif
+
 namespace tern::test {
 
 /// Moves the monotonic clock of this process, or stops it. Deadlines of timed waits follow: a wait of a
@@ -77,9 +86,9 @@ private:
     };
     static const Functions& Library() {
         static const Functions functions{
-            reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime")),
+            reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, TERN_CLOCK_GETTIME)),
             reinterpret_cast<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)>(
-                dlsym(RTLD_NEXT, "pthread_cond_timedwait"))};
+                dlsym(RTLD_NEXT, TERN_COND_TIMEDWAIT))};
         return functions;
     }
     static std::int64_t ToNanoseconds(const timespec& time) {
@@ -110,10 +119,9 @@ private:
 }  // namespace tern::test
 
 extern "C" __attribute__((visibility("default"))) int MovedClockRead(clockid_t clock,
-                                                                     timespec* now) asm("clock_gettime");
+                                                                     timespec* now) asm(TERN_CLOCK_GETTIME);
 extern "C" __attribute__((visibility("default"))) int MovedClockTimedWait(
-    pthread_cond_t* condition, pthread_mutex_t* mutex,
-    const timespec* deadline) asm("pthread_cond_timedwait");
+    pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) asm(TERN_COND_TIMEDWAIT);
 extern "C" int MovedClockRead(clockid_t clock, timespec* now) {
     return tern::test::MovedClock::Read(clock, now);
 }
@@ -121,3 +129,19 @@ extern "C" int MovedClockTimedWait(pthread_cond_t* condition, pthread_mutex_t* m
                                    const timespec* deadline) {
     return tern::test::MovedClock::TimedWait(condition, mutex, deadline);
 }
+
+#ifdef __USE_TIME_BITS64
+// The C++ library's steady_clock, built with 32-bit time, calls the clock by its old name.
+struct MovedClockTime32 {
+    std::int32_t seconds;
+    std::int32_t nanoseconds;
+};
+extern "C" __attribute__((visibility("default"))) int MovedClockRead32(
+    clockid_t clock, MovedClockTime32* now) asm("clock_gettime");
+extern "C" int MovedClockRead32(clockid_t clock, MovedClockTime32* now) {
+    timespec whole{};
+    const int result = tern::test::MovedClock::Read(clock, &whole);
+    *now = {static_cast<std::int32_t>(whole.tv_sec), static_cast<std::int32_t>(whole.tv_nsec)};
+    return result;
+}
+#endif

@@ -37,8 +37,9 @@
 
 TERN_INTERPOSE(int, timer_create, (clockid_t clock, sigevent* notification, timer_t* id),
                (clock, notification, id))
-TERN_INTERPOSE(int, timer_settime, (timer_t id, int flags, const itimerspec* time, itimerspec* former),
-               (id, flags, time, former))
+TERN_INTERPOSE_TIME(int, timer_settime, __timer_settime64,
+                    (timer_t id, int flags, const itimerspec* time, itimerspec* former),
+                    (id, flags, time, former))
 TERN_INTERPOSE(int, timer_delete, (timer_t id), (id))
 TERN_INTERPOSE(int, sigprocmask, (int how, const sigset_t* set, sigset_t* former), (how, set, former))
 TERN_INTERPOSE(int, sigwait, (const sigset_t* set, int* signal), (set, signal))

@@ -25,9 +25,10 @@
 
 TERN_INTERPOSE(int, timer_create, (clockid_t clock, sigevent* notification, timer_t* id),
                (clock, notification, id))
-TERN_INTERPOSE(int, timer_settime, (timer_t id, int flags, const itimerspec* time, itimerspec* former),
-               (id, flags, time, former))
-TERN_INTERPOSE(int, timer_gettime, (timer_t id, itimerspec* time), (id, time))
+TERN_INTERPOSE_TIME(int, timer_settime, __timer_settime64,
+                    (timer_t id, int flags, const itimerspec* time, itimerspec* former),
+                    (id, flags, time, former))
+TERN_INTERPOSE_TIME(int, timer_gettime, __timer_gettime64, (timer_t id, itimerspec* time), (id, time))
 TERN_INTERPOSE(int, timer_delete, (timer_t id), (id))
 
 namespace {
@@ -481,10 +482,10 @@ TEST_F(TimerExpiry, OneShotFiresOnceOnAThreadOfItsOwn) {
     std::atomic<int> calls{0};
     std::atomic<bool> ownThread{true};
     const std::thread::id self = std::this_thread::get_id();
-    std::atomic<std::chrono::steady_clock::duration> after{};
+    std::atomic<std::chrono::steady_clock::rep> after{0};
     std::chrono::steady_clock::time_point start;
     Timer timer(30 * SLOWNESS, false, [&] {
-        after = std::chrono::steady_clock::now() - start;
+        after = (std::chrono::steady_clock::now() - start).count();
         ownThread = std::this_thread::get_id() != self;
         ++calls;
     });
@@ -494,7 +495,7 @@ TEST_F(TimerExpiry, OneShotFiresOnceOnAThreadOfItsOwn) {
     ASSERT_TRUE(WaitUntil([&] { return calls == 1; }));
     EXPECT_FALSE(timer.GetTimerActiveStatus());
     EXPECT_TRUE(ownThread);
-    EXPECT_GE(after.load(), milliseconds(30 * SLOWNESS));
+    EXPECT_GE(std::chrono::steady_clock::duration(after), milliseconds(30 * SLOWNESS));
 
     EXPECT_EQ(timer.Start(1), StatusCode::Ok);
     EXPECT_TRUE(WaitUntil([&] { return calls == 2; }));

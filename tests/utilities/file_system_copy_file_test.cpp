@@ -24,7 +24,7 @@ using tern::test::ModeOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TERN_INTERPOSE(int, fstat64, (int fd, struct stat* information), (fd, information))
+TERN_INTERPOSE_TIME(int, fstat64, __fstat64_time64, (int fd, struct stat* information), (fd, information))
 TERN_INTERPOSE(int, ftruncate64, (int fd, off_t size), (fd, size))
 TERN_INTERPOSE(ssize_t, sendfile64, (int to, int from, off_t* offset, size_t count),
                (to, from, offset, count))

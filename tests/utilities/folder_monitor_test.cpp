@@ -25,7 +25,8 @@ TERN_INTERPOSE(int, inotify_init1, (int flags), (flags))
 TERN_INTERPOSE(int, inotify_add_watch, (int fd, const char* path, unsigned int mask), (fd, path, mask))
 TERN_INTERPOSE(int, inotify_rm_watch, (int fd, int descriptor), (fd, descriptor))
 TERN_INTERPOSE(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
-TERN_INTERPOSE(int, nanosleep, (const timespec* period, timespec* remaining), (period, remaining))
+TERN_INTERPOSE_TIME(int, nanosleep, __nanosleep64, (const timespec* period, timespec* remaining),
+                    (period, remaining))
 TERN_INTERPOSE(int, pthread_join, (pthread_t thread, void** result), (thread, result))
 TERN_INTERPOSE(int, pthread_create,
                (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),

@@ -8,7 +8,7 @@
 
 using mwl::Utilities::IdGenerator;
 
-TERN_INTERPOSE(time_t, time, (time_t * seconds), (seconds))
+TERN_INTERPOSE_TIME(time_t, time, __time64, (time_t * seconds), (seconds))
 
 namespace {
 

@@ -22,6 +22,7 @@
 #include "support/log_capture.h"
 #include "support/process_resources.h"
 #include "support/temp_folder.h"
+#include "utilities/zip_entry_methods.h"
 
 TERN_INTERPOSE(int, closedir, (DIR * stream), (stream))
 TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
@@ -160,9 +161,9 @@ std::vector<ArchiveEntry> ListArchive(const std::string& path) {
     zip_t* const archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
     EXPECT_NE(archive, nullptr) << path << ": " << error;
     for (zip_int64_t i = 0; archive != nullptr && i < zip_get_num_entries(archive, 0); ++i) {
-        zip_stat_t stat;
+        zip_stat_t stat{};
         EXPECT_EQ(zip_stat_index(archive, static_cast<zip_uint64_t>(i), 0, &stat), 0);
-        entries.push_back({stat.name, stat.encryption_method});
+        entries.push_back({stat.name, mwl::Utilities::GetZipEntryMethods(stat).encryption});
     }
     if (archive != nullptr) {
         zip_discard(archive);
