@@ -15,6 +15,7 @@ struct ChildResult {
     int exitCode = -1;      ///< exit status, -1 when a signal ended it
     int signal = 0;         ///< the signal that ended it, 0 when it exited
     bool timedOut = false;  ///< it was killed at the time limit
+    /// What it logged, in order.
     std::vector<LogEntry> log;
     std::string error;  ///< its standard error
 };

@@ -16,12 +16,16 @@ namespace tern::test {
 template <typename Signature>
 class Fault;
 
+/// Of a function with this signature.
 template <typename Result, typename... Arguments>
 class Fault<Result(Arguments...)> {
 public:
+    /// The interposed function.
     using Function = Result (*)(Arguments...);
+    /// What takes its place.
     using Stand = std::function<Result(Arguments...)>;
 
+    /// `name` is the function's; it outlives the fault.
     explicit constexpr Fault(const char* name) : mName(name) {}
 
     /// After `skip` more calls, `times` calls return `result` with `errno` set to `error` (if not 0) instead
@@ -47,6 +51,7 @@ public:
         mArmed.store(true, std::memory_order_release);
     }
 
+    /// From now on the real function is called.
     void Reset() {
         const std::lock_guard lock(mMutex);
         mArmed.store(false, std::memory_order_release);
@@ -110,6 +115,7 @@ private:
 template <typename Signature>
 class FaultScope {
 public:
+    /// Arms nothing; the fault is reset when the scope ends.
     explicit FaultScope(Fault<Signature>& fault) : mFault(fault) {}
     ~FaultScope() { mFault.Reset(); }
     FaultScope(const FaultScope&) = delete;

@@ -9,10 +9,12 @@ namespace tern::test {
 
 /// One message as the logger was given it.
 struct LogEntry {
+    /// As in syslog(3), 2 to 7.
     int level = 0;
     std::string logger;  ///< from the "[%lu][%s]" prefix
     std::string text;  ///< what follows the prefix and its blank; for trace messages what follows "[trace] "
 
+    /// Level, logger and text are the same.
     friend bool operator==(const LogEntry& a, const LogEntry& b) = default;
 };
 
@@ -36,25 +38,30 @@ LogEntry Trace(std::string logger, std::string text);
 /// One at a time; create and destroy it on the test's main thread. All other operations are thread-safe.
 class LogCapture {
 public:
+    /// Begins to take messages up to this level.
     explicit LogCapture(int threshold = 7);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
+    /// All entries so far.
     std::vector<LogEntry> Entries() const;
     /// The entries of one logger name only.
     std::vector<LogEntry> Entries(const std::string& logger) const;
+    /// How many such entries there are.
     std::size_t Count(const LogEntry& entry) const;
+    /// Whether there is such an entry.
     bool Contains(const LogEntry& entry) const { return Count(entry) > 0; }
     /// Waits, generously, until the entry has been logged; false when it never came.
     bool WaitFor(const LogEntry& entry) const;
+    /// Forgets what has been taken.
     void Clear();
 };
 
 /// Sets the logger's threshold directly, as a device maker's configuration would. Returns the former one.
 int SetLogThreshold(int threshold);
 
-/// In a forked child: sends every captured message to `fd`, from which `ReadForwardedLog` takes them.
+/// In a forked child: sends every captured message to `fd`, for `ParseForwardedLog` at the other end.
 void ForwardLogTo(int fd);
 /// Parses what ForwardLogTo wrote.
 std::vector<LogEntry> ParseForwardedLog(const std::string& bytes);

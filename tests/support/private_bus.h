@@ -18,6 +18,7 @@ public:
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
+    /// Its D-Bus address, for connecting by hand.
     const std::string& Address() const { return mAddress; }
     /// Kills the daemon with SIGKILL, as a crash would; every connection is lost.
     void Kill();

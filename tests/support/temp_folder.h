@@ -12,6 +12,7 @@ public:
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
+    /// Without a slash at its end.
     const std::string& Path() const { return mPath; }
     /// The path of an entry in the folder.
     std::string operator/(const std::string& name) const { return mPath + "/" + name; }

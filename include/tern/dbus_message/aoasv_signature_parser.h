@@ -18,6 +18,7 @@ namespace mw::tern::DBusMessage {
 /// failure have been handed out. The keys of one call total at most 64 MiB, as at Parser: -ENOBUFS.
 class TERN_API AOASVsignatureParser {
 public:
+    /// Of this message.
     explicit AOASVsignatureParser(sd_bus_message* message);
     virtual ~AOASVsignatureParser();
     AOASVsignatureParser(const AOASVsignatureParser&) = delete;

@@ -18,6 +18,7 @@ namespace mw::tern::DBusMessage {
 /// failure have been handed out. The keys of one call total at most 64 MiB, as at Parser: -ENOBUFS.
 class TERN_API ASASVsignatureParser {
 public:
+    /// Of this message.
     explicit ASASVsignatureParser(sd_bus_message* message);
     virtual ~ASASVsignatureParser();
     ASASVsignatureParser(const ASASVsignatureParser&) = delete;

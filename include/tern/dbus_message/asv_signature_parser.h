@@ -17,6 +17,7 @@ class TERN_API ASVsignatureParser : public Parser {
 public:
     /// Without a message; see SetMessage.
     ASVsignatureParser();
+    /// Of this message, which is borrowed.
     explicit ASVsignatureParser(sd_bus_message* message);
     ~ASVsignatureParser() override;
 

@@ -36,6 +36,7 @@ public:
 
     /// Without a message; see SetMessage.
     Parser();
+    /// Of this message, which is borrowed.
     explicit Parser(sd_bus_message* message);
     virtual ~Parser();
     Parser(const Parser&) = delete;
@@ -44,7 +45,9 @@ public:
     /// Reads another message, or the first one. What was read before stays in the list.
     void SetMessage(sd_bus_message* message);
 
+    /// What has been read so far; the parser keeps it.
     const ValuesList& GetValuesList() const;
+    /// As above, to be changed.
     ValuesList& GetValuesList();
 
     /// @name Basic types

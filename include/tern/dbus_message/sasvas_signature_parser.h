@@ -16,6 +16,7 @@ namespace mw::tern::DBusMessage {
 /// One thread at a time, on a message that nobody else reads meanwhile; the message is borrowed.
 class TERN_API SASVASsignatureParser {
 public:
+    /// Of this message.
     explicit SASVASsignatureParser(sd_bus_message* message);
     virtual ~SASVASsignatureParser();
     SASVASsignatureParser(const SASVASsignatureParser&) = delete;
@@ -27,7 +28,9 @@ public:
 
     /// The name; empty before it was read.
     const std::string& GetName() const;
+    /// What has been read of the dictionary; the parser keeps it.
     const ValuesList& GetValuesList() const;
+    /// As above, to be changed.
     ValuesList& GetValuesList();
     /// Always empty, as the array of strings is left unread.
     const std::vector<std::string>& GetStrings() const;

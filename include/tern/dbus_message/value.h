@@ -37,7 +37,9 @@ public:
     ValueType GetType() const noexcept { return mType; }
 
 protected:
+    /// For the concrete classes: each has one tag.
     explicit Value(ValueType type) noexcept : mType(type) {}
+    /// From a value of the same class.
     Value(const Value&) = default;
     /// Both sides are of the same class, so the tag is the same.
     Value& operator=(const Value&) = default;
@@ -50,10 +52,12 @@ private:
 template <typename T, ValueType Tag>
 class TERN_API TypedValue : public Value {
 public:
+    /// Holds `initial`.
     explicit TypedValue(T initial) : Value(Tag), value(std::move(initial)) {}
 
     static constexpr ValueType TYPE = Tag;  ///< tag of the class
 
+    /// The value; whoever has the object may change it.
     T value;
 };
 
@@ -123,16 +127,21 @@ class TERN_API ValueISI : public Value {
 public:
     /// Both integers 0, an empty text.
     ValueISI() : ValueISI(0, std::string(), 0) {}
+    /// The three fields, in the order of the message.
     ValueISI(std::int32_t firstInteger, std::string textBetween, std::int32_t secondInteger)
         : Value(TYPE), first(firstInteger), text(std::move(textBetween)), second(secondInteger) {}
+    /// Copies the three fields.
     ValueISI(const ValueISI&) = default;
     /// Copies the three fields; assigning an object to itself changes nothing.
     ValueISI& operator=(const ValueISI&) = default;
 
     static constexpr ValueType TYPE = VALUE_TYPE_ISI;  ///< tag of the class
 
+    /// The integer before the text.
     std::int32_t first;
+    /// The text between.
     std::string text;
+    /// The integer behind the text.
     std::int32_t second;
 };
 

@@ -13,6 +13,7 @@ class TERN_API VASVsignatureParser : public Parser {
 public:
     /// Without a message; see SetMessage.
     VASVsignatureParser();
+    /// Of this message, which is borrowed.
     explicit VASVsignatureParser(sd_bus_message* message);
     ~VASVsignatureParser() override;
 

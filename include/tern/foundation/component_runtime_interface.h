@@ -13,9 +13,11 @@ namespace mw::tern {
 class TERN_API ComponentRuntimeInterface {
 public:
     virtual ~ComponentRuntimeInterface() = default;
+    /// Makes the component ready to start; its threads do not run yet.
     virtual StatusCode Initialize() = 0;
     /// Undoes Initialize.
     virtual StatusCode Destroy() = 0;
+    /// Sets it to work.
     virtual StatusCode Start() = 0;
     /// Undoes Start.
     virtual StatusCode Stop() = 0;

@@ -38,21 +38,29 @@ public:
     /// Every step is recorded as not executed.
     LifecycleInterface();
     virtual ~LifecycleInterface() = default;
+    /// With the record as it is.
     LifecycleInterface(const LifecycleInterface&) = default;
+    /// Takes over the other record.
     LifecycleInterface& operator=(const LifecycleInterface&) = default;
 
 protected:
     /// The work of the steps. StatusCode::Ok counts as success, everything else as failure.
     virtual StatusCode OnConfigure() = 0;
+    /// As OnConfigure.
     virtual StatusCode OnInitialize() = 0;
+    /// As OnConfigure.
     virtual StatusCode OnStart() = 0;
+    /// As OnConfigure.
     virtual StatusCode OnStop() = 0;
 
 public:
     /// Each runs its step if the table above allows it, and blocks for as long as the work takes.
     void Configure();
+    /// As Configure.
     void Initialize();
+    /// As Configure.
     void Start();
+    /// As Configure.
     void Stop();
 
     /// Whether the recorded outcome of any step is a failure.

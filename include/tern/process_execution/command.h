@@ -58,7 +58,9 @@ public:
     Command(const std::string& path, unsigned int timeoutMs);
     /// With a name of its own.
     Command(const std::string& path, const std::string& name, unsigned int timeoutMs);
+    /// The same program, name and limit.
     Command(const Command&) = default;
+    /// Runs the other one's program from now on.
     Command& operator=(const Command&) = default;
     virtual ~Command();
 

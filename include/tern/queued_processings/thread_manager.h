@@ -22,6 +22,7 @@ namespace mwl::QueuedProcessings {
 class TERN_API ThreadManager : public Threading::ThreadManager,
                                public std::enable_shared_from_this<ThreadManager> {
 public:
+    /// Registers nothing yet; the component does that.
     ThreadManager(Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor);
 
     /// Sleeps until woken. Ok: run the processing once. Stopping, logged as a notice: leave the loop. The

@@ -9,8 +9,11 @@ namespace mwl::DBusService {
 class TERN_API ComponentInterface {
 public:
     virtual ~ComponentInterface();
+    /// See Component::Initialize.
     virtual StatusCode Initialize() const = 0;
+    /// See Component::Start.
     virtual StatusCode Start() = 0;
+    /// See Component::JoinThread.
     virtual void JoinThread() = 0;
 };
 

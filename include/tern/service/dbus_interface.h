@@ -37,6 +37,7 @@ public:
     DBusInterface(const DBusInterface&) = delete;
     DBusInterface& operator=(const DBusInterface&) = delete;
 
+    /// As given to the constructor.
     const std::string& GetName() const { return mName; }
 
     /// First entry. `flags` are SD_BUS_VTABLE_* flags, here and below passed on unchanged.
@@ -48,6 +49,7 @@ public:
     static sd_bus_vtable SdBusMethodWithOffset(const char* member, const char* signature, const char* result,
                                                sd_bus_message_handler_t handler, unsigned int offset,
                                                unsigned long long flags);
+    /// A signal; `signature` is that of its arguments, null or "" for none.
     static sd_bus_vtable SdBusSignal(const char* member, const char* signature, unsigned long long flags);
     /// A read-only property. Without a getter sd-bus reads the value at the user data plus `offset` itself.
     static sd_bus_vtable SdBusProperty(const char* member, const char* signature,

@@ -12,6 +12,7 @@ namespace mw::tern {
 /// only.
 class TERN_API DBusObjectSkeleton {
 public:
+    /// `path` is an object path, for example "/com/example/Thermostat"; nothing is checked here.
     explicit DBusObjectSkeleton(std::string path);
     virtual ~DBusObjectSkeleton();
     DBusObjectSkeleton(const DBusObjectSkeleton&) = delete;
@@ -21,6 +22,7 @@ public:
     /// refuses that when the object is exported.
     void AddInterface(DBusInterface* interface);
 
+    /// As given to the constructor.
     const std::string& GetPath() const { return mPath; }
     /// In the order added.
     const std::list<DBusInterface*>& GetInterfaces() const { return mInterfaces; }

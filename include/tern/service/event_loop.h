@@ -16,16 +16,21 @@ namespace mw::tern {
 /// One watched descriptor: the callback and its sd-event source. Owned by the loop's registry; while the
 /// callback runs also by the dispatcher, so that a callback may remove its own watch.
 struct TERN_API EventIoContext {
+    /// Called with the source, the descriptor and the poll(2) events seen.
     using Callback = std::function<StatusCode(sd_event_source*, int fd, unsigned int revents)>;
 
+    /// Without a source; the loop adds it.
     explicit EventIoContext(Callback function) : callback(std::move(function)) {}
     /// Releases the source, then destroys the callback.
     ~EventIoContext();
     EventIoContext(const EventIoContext&) = delete;
     EventIoContext& operator=(const EventIoContext&) = delete;
 
+    /// Called on the loop's thread, by the loop alone.
     Callback callback;
+    /// Owned; null until sd-event has made it.
     sd_event_source* source = nullptr;
+    /// By which the dispatcher keeps the context alive during a call.
     std::weak_ptr<EventIoContext> self;
 };
 
@@ -71,6 +76,7 @@ public:
     sd_event* GetEvent() const { return mEvent; }
 
 protected:
+    /// Owned; null until a derived class makes it.
     sd_event* mEvent = nullptr;
 
 private:

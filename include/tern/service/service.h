@@ -27,7 +27,9 @@ public:
     /// Runs the loop until SIGTERM, SIGINT or the loss of the bus; the result of ServiceMainLoop::Run.
     StatusCode Run();
 
+    /// The loop, for watching descriptors; it lives as long as the service.
     mw::tern::EventLoop& GetEventLoop() { return mMainLoop; }
+    /// The connection, for adding objects; it lives as long as the service.
     mw::tern::DBusServerManager& GetServerManager() { return mServerManager; }
 
 private:

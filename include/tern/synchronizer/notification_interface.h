@@ -12,11 +12,15 @@ enum class NotificationIdentifier : std::int32_t {};
 /// What a Subject passes to its observers. Derive from it to carry data; immutable here.
 class TERN_API NotificationInterface {
 public:
+    /// Of this kind.
     explicit NotificationInterface(NotificationIdentifier identifier) : mIdentifier(identifier) {}
     virtual ~NotificationInterface() = default;
+    /// Of the same kind.
     NotificationInterface(const NotificationInterface&) = default;
+    /// Becomes of the other kind.
     NotificationInterface& operator=(const NotificationInterface&) = default;
 
+    /// The kind.
     NotificationIdentifier GetIdentifier() const { return mIdentifier; }
 
 private:

@@ -17,6 +17,7 @@ namespace mwl::Threading {
 /// a failed lock the caller goes on without the mutex, as there is no way to report it here.
 class TERN_API Lock {
 public:
+    /// Locks the mutex.
     explicit Lock(Mutex& mutex) noexcept : mMutex(mutex) {
         const int error = pthread_mutex_lock(&mMutex.mHandle);
         if (error != 0) {

@@ -18,6 +18,7 @@ namespace mwl::Threading {
 /// worker itself: one that registered late was not among those that the monitor stopped.
 class TERN_API ThreadManager {
 public:
+    /// Registers nothing yet; see NotifyStarted.
     explicit ThreadManager(ThreadsMonitorInterface& monitor);
     virtual ~ThreadManager();
     ThreadManager(const ThreadManager&) = delete;

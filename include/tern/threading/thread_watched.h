@@ -26,6 +26,7 @@ namespace mwl::Threading {
 /// before this object is destroyed. Times are those of std::chrono::steady_clock.
 class TERN_API ThreadWatched {
 public:
+    /// Not watched yet. `name` is the one in messages.
     ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name);
     virtual ~ThreadWatched();
     ThreadWatched(const ThreadWatched&) = delete;
@@ -50,6 +51,7 @@ public:
     std::chrono::milliseconds GetElapsedTimeSinceLastWork() const;
     /// Whether the thread has been silent for more than max(2 periods, 20 s); logged as an error.
     bool IsBlocked() const;
+    /// As given to the constructor.
     std::string GetName() const;
 
 private:

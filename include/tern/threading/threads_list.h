@@ -16,12 +16,14 @@ class TERN_API ThreadsList {
 public:
     virtual ~ThreadsList();
 
+    /// Appends the worker.
     void Add(ThreadManager& thread);
     /// Removes the first entry that refers to this very object; the order of the rest stays. When there is
     /// none, an error is logged and nothing changes.
     void Remove(ThreadManager& thread);
     /// Calls `Stop()` on every entry, first registered first. REQUIRES: none of them changes this list.
     void StopAll() const;
+    /// Entries, a worker that registered twice counted twice.
     std::size_t Size() const { return mThreads.size(); }
 
 private:

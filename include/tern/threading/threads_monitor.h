@@ -18,6 +18,7 @@ namespace mwl::Threading {
 /// cannot be locked leaves as std::system_error; nothing else throws.
 class TERN_API ThreadsMonitor : public ThreadsMonitorInterface {
 public:
+    /// Sends through these signals, which are borrowed.
     explicit ThreadsMonitor(SignalsInterface& signals);
     ~ThreadsMonitor() override;
     ThreadsMonitor(const ThreadsMonitor&) = delete;

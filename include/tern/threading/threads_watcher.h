@@ -31,6 +31,7 @@ namespace mwl::Threading {
 /// A mutex that cannot be locked leaves as std::system_error.
 class TERN_API ThreadsWatcher : public ThreadManager, public ThreadsWatcherInterface {
 public:
+    /// Watches nothing yet, and has no thread yet.
     explicit ThreadsWatcher(ThreadsMonitorInterface& monitor);
     ~ThreadsWatcher() override;
 

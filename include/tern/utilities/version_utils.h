@@ -31,8 +31,11 @@ public:
 
     /// A version of three numbers.
     struct TERN_API VersionMajorMinorPatch {
+        /// First number.
         std::int32_t major = 0;
+        /// Second number.
         std::int32_t minor = 0;
+        /// Third number.
         std::int32_t patch = 0;
 
         /// Reads exactly three parts with a dot between them, each as strtol(3) does in base 10: leading
@@ -41,6 +44,7 @@ public:
         /// `version` is untouched.
         static StatusCode Parse(const std::string& text, VersionMajorMinorPatch& version);
 
+        /// All three numbers are equal.
         bool operator==(const VersionMajorMinorPatch& other) const;
         /// Older: by major, then minor, then patch.
         bool operator<(const VersionMajorMinorPatch& other) const;
