@@ -1,0 +1,70 @@
+// The server of the comparisons on plain sd-bus and sd-event: the floor. It is a service as one would write
+// it by hand, with the systemd watchdog fed and an orderly end on SIGTERM and SIGINT, on one thread.
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include "server_options.h"
+
+namespace {
+
+int OnEcho(sd_bus_message* message, void*, sd_bus_error*) {
+    const char* text = nullptr;
+    const int r = sd_bus_message_read_basic(message, 's', &text);
+    return r < 0 ? r : sd_bus_reply_method_return(message, "s", text);
+}
+
+const sd_bus_vtable TABLE[] = {SD_BUS_VTABLE_START(0),
+                               SD_BUS_METHOD("Echo", "s", "s", OnEcho, SD_BUS_VTABLE_UNPRIVILEGED),
+                               SD_BUS_VTABLE_END};
+
+void Export(sd_bus* bus, sd_event* event, const ServerOptions& options) {
+    for (int object = 0; object < options.objects; ++object) {
+        const std::string path = ServerOptions::Path(object);
+        for (int i = 0; i < options.interfaces; ++i) {
+            Require(sd_bus_add_object_vtable(bus, nullptr, path.c_str(), ServerOptions::Interface(i).c_str(),
+                                             TABLE, nullptr) >= 0,
+                    "sd_bus_add_object_vtable");
+        }
+    }
+    for (int i = 0; i < options.matches; ++i) {
+        Require(sd_bus_add_match(
+                    bus, nullptr, ServerOptions::Match(i).c_str(),
+                    [](sd_bus_message*, void*, sd_bus_error*) { return 0; }, nullptr) >= 0,
+                "sd_bus_add_match");
+    }
+    for (int i = 0; i < options.sources; ++i) {
+        Require(sd_event_add_io(
+                    event, nullptr, eventfd(0, EFD_CLOEXEC), EPOLLIN,
+                    [](sd_event_source*, int, uint32_t, void*) { return 0; }, nullptr) >= 0,
+                "sd_event_add_io");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    const ServerOptions options(argc, argv);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    sd_event* event = nullptr;
+    sd_bus* bus = nullptr;
+    Require(sd_event_default(&event) >= 0 && sd_event_set_watchdog(event, 1) >= 0, "sd_event_default");
+    Require(sd_bus_default_system(&bus) >= 0, "sd_bus_default_system");
+    Require(sd_bus_request_name(bus, options.name.c_str(), 0) >= 0, "sd_bus_request_name");
+    Require(sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL) >= 0, "sd_bus_attach_event");
+    Export(bus, event, options);
+    Require(sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr) >= 0 &&
+                sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr) >= 0,
+            "sd_event_add_signal");
+    const int r = sd_event_loop(event);
+    sd_bus_flush_close_unref(bus);
+    sd_event_unref(event);
+    return r < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
