@@ -2,9 +2,13 @@
 #include <tern/threading/signals.h>
 #include <tern/threading/thread_pool.h>
 
-#ifdef TERN_HAVE_BOOST_ASIO
+#ifdef TERN_HAVE_BOOST
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
+#endif
+#ifdef TERN_HAVE_TBB
+#include <tbb/global_control.h>
+#include <tbb/task_arena.h>
 #endif
 
 #include <atomic>
@@ -36,7 +40,7 @@ private:
     mwl::Threading::ThreadPool::ThreadPool mPool;
 };
 
-#ifdef TERN_HAVE_BOOST_ASIO
+#ifdef TERN_HAVE_BOOST
 class AsioPool {
 public:
     explicit AsioPool(unsigned int workers) : mPool(workers) {}
@@ -48,6 +52,25 @@ public:
 
 private:
     boost::asio::thread_pool mPool;
+};
+#endif
+
+#ifdef TERN_HAVE_TBB
+class TbbPool {
+public:
+    // No slot is kept for the callers: only workers run jobs, as in the others.
+    explicit TbbPool(unsigned int workers)
+        : mLimit(tbb::global_control::max_allowed_parallelism, workers + 1),
+          mArena(static_cast<int>(workers), 0) {}
+    template <typename Job>
+    void Queue(const Job& job) {
+        mArena.enqueue(job);
+    }
+
+private:
+    // One more than workers, as it counts a caller; without it the arena gets no more than there are cores.
+    tbb::global_control mLimit;
+    tbb::task_arena mArena;
 };
 #endif
 
@@ -100,6 +123,29 @@ void BM_RoundTrip(benchmark::State& state) {
     }
 }
 
+/// Jobs that wait in the queue before the pool starts, and are run to the last.
+void BM_LongQueue(benchmark::State& state) {
+    const auto jobs = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        NoWatcher watcher;
+        mwl::Threading::Signals signals;
+        mwl::Threading::ThreadPool::ThreadPool pool(1, watcher, signals);
+        std::atomic<int> left{jobs};
+        for (int i = 0; i < jobs; ++i) {
+            pool.QueueJob([&left] {
+                if (left.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+                    left.notify_one();
+                }
+            });
+        }
+        pool.Start();
+        for (int now = left; now != 0; now = left) {
+            left.wait(now);
+        }
+        pool.Stop(false);
+    }
+}
+
 void Grid(benchmark::internal::Benchmark* benchmark) {
     benchmark->ArgNames({"producers", "workers"})
         ->ArgsProduct({{1, 4}, {1, 2, 4}})
@@ -109,10 +155,21 @@ void Grid(benchmark::internal::Benchmark* benchmark) {
 
 BENCHMARK(BM_QueueAndRun<TernPool>)->Apply(Grid);
 BENCHMARK(BM_RoundTrip<TernPool>)->MeasureProcessCPUTime()->UseRealTime();
-#ifdef TERN_HAVE_BOOST_ASIO
+#ifdef TERN_HAVE_BOOST
 BENCHMARK(BM_QueueAndRun<AsioPool>)->Apply(Grid);
 BENCHMARK(BM_RoundTrip<AsioPool>)->MeasureProcessCPUTime()->UseRealTime();
 #endif
+#ifdef TERN_HAVE_TBB
+BENCHMARK(BM_QueueAndRun<TbbPool>)->Apply(Grid);
+BENCHMARK(BM_RoundTrip<TbbPool>)->MeasureProcessCPUTime()->UseRealTime();
+#endif
+BENCHMARK(BM_LongQueue)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -1,4 +1,5 @@
-// Lateness and processor time of a periodic tick: both timers beside a timerfd in sd-event.
+// Lateness and processor time of a periodic tick: both timers beside a timerfd in sd-event and Boost.Asio's
+// steady_timer.
 
 #include <benchmark/benchmark.h>
 #include <sys/epoll.h>
@@ -9,8 +10,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#ifdef TERN_HAVE_BOOST
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#endif
+
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <future>
 #include <memory>
@@ -112,6 +119,30 @@ struct WithTimerfdInSdEvent {
     }
 };
 
+#ifdef TERN_HAVE_BOOST
+struct WithSteadyTimer {
+    static std::int64_t Run(unsigned int periodMs, const std::shared_ptr<Ticks>& ticks) {
+        boost::asio::io_context context;
+        boost::asio::steady_timer timer(context);
+        const std::int64_t start = Now(CLOCK_MONOTONIC);
+        timer.expires_at(std::chrono::steady_clock::time_point(std::chrono::nanoseconds(start)));
+        WaitForNext(timer, periodMs, ticks);
+        context.run();
+        return start;
+    }
+    /// From due time to due time, so that lateness does not add up.
+    static void WaitForNext(boost::asio::steady_timer& timer, unsigned int periodMs,
+                            const std::shared_ptr<Ticks>& ticks) {
+        timer.expires_at(timer.expiry() + std::chrono::milliseconds(periodMs));
+        timer.async_wait([&timer, periodMs, ticks](const boost::system::error_code& /*error*/) {
+            if (!ticks->Record()) {
+                WaitForNext(timer, periodMs, ticks);
+            }
+        });
+    }
+};
+#endif
+
 template <typename Subject>
 void PeriodicTick(benchmark::State& state) {
     const auto periodMs = static_cast<unsigned int>(state.range(0));
@@ -140,6 +171,9 @@ void Periods(benchmark::internal::Benchmark* benchmark) {
 BENCHMARK(PeriodicTick<WithTimer>)->Apply(Periods);
 BENCHMARK(PeriodicTick<WithShortPeriodTimer>)->Apply(Periods);
 BENCHMARK(PeriodicTick<WithTimerfdInSdEvent>)->Apply(Periods);
+#ifdef TERN_HAVE_BOOST
+BENCHMARK(PeriodicTick<WithSteadyTimer>)->Apply(Periods);
+#endif
 
 }  // namespace
 

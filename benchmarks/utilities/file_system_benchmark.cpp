@@ -19,19 +19,24 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "benchmarks/support/scale.h"
 
 using mwl::StatusCode;
 using mwl::Utilities::FileSystem;
 
 namespace {
 
-constexpr int FOLDERS = 20;
-constexpr int FILES_IN_FOLDER = 100;
+// 10,000 small files, and one of 1 GiB.
+const std::size_t FOLDERS = tern::benchmarks::Scaled(100);
+constexpr std::size_t FILES_IN_FOLDER = 100;
 constexpr std::size_t SMALL_FILE = 1000;
-constexpr std::size_t BIG_FILE = std::size_t{64} << 20U;
+const std::size_t BIG_FILE = tern::benchmarks::Scaled(std::size_t{1} << 30U);
+constexpr std::size_t BLOCK = std::size_t{1} << 20U;
 
 /// A folder of the run, removed at its end.
 class WorkFolder {
@@ -52,10 +57,10 @@ private:
 };
 
 void MakeSmallFiles(const std::string& tree) {
-    for (int folder = 0; folder < FOLDERS; ++folder) {
+    for (std::size_t folder = 0; folder < FOLDERS; ++folder) {
         const std::string path = tree + "/folder" + std::to_string(folder);
         std::filesystem::create_directories(path);
-        for (int file = 0; file < FILES_IN_FOLDER; ++file) {
+        for (std::size_t file = 0; file < FILES_IN_FOLDER; ++file) {
             std::ofstream(path + "/file" + std::to_string(file)) << std::string(SMALL_FILE, 'x');
         }
     }
@@ -63,7 +68,11 @@ void MakeSmallFiles(const std::string& tree) {
 
 void MakeBigFile(const std::string& tree) {
     std::filesystem::create_directories(tree);
-    std::ofstream(tree + "/file") << std::string(BIG_FILE, 'x');
+    std::ofstream file(tree + "/file");
+    const std::string block(BLOCK, 'x');
+    for (std::size_t size = 0; size < BIG_FILE; size += block.size()) {
+        file << block;
+    }
 }
 
 /// Runs a program to its end, its output thrown away.
@@ -163,6 +172,34 @@ TERN_MEASURE(MakeSmallFiles, DeleteByLibrary);
 TERN_MEASURE(MakeSmallFiles, DeleteByRm);
 TERN_MEASURE(MakeSmallFiles, UsageByLibrary);
 TERN_MEASURE(MakeSmallFiles, UsageByDu);
+
+/// How the cost grows with the entries of one folder.
+void Grow(benchmark::State& state, void (*operation)(const std::string& folder)) {
+    const WorkFolder folder;
+    for (std::int64_t file = 0; file < state.range(0); ++file) {
+        std::ofstream(folder / ("file" + std::to_string(file))) << 'x';
+    }
+    for (auto iteration : state) {
+        static_cast<void>(iteration);
+        operation(folder / "");
+    }
+}
+void ListEntries(const std::string& folder) {
+    std::set<std::string> files;
+    Require(FileSystem().ListFiles(folder, files));
+    benchmark::DoNotOptimize(files);
+}
+void DiskUsage(const std::string& folder) {
+    UsageByLibrary(folder, {});
+}
+#define TERN_GROW(operation)                       \
+    BENCHMARK_CAPTURE(Grow, operation, &operation) \
+        ->Arg(100)                                 \
+        ->Arg(1000)                                \
+        ->Arg(10000)                               \
+        ->Unit(benchmark::kMicrosecond)
+TERN_GROW(ListEntries);
+TERN_GROW(DiskUsage);
 
 bool CoverWithMeadow(const WorkFolder& folder, const std::string& name, const std::string& entry) {
     const std::string path = "/etc/" + name;
