@@ -1,9 +1,16 @@
 #include <benchmark/benchmark.h>
+#ifdef TERN_HAVE_GIO
+#include <gio/gio.h>
+#endif
+#ifdef TERN_HAVE_SDBUSCPP
+#include <sdbus-c++/sdbus-c++.h>
+#endif
 #include <systemd/sd-bus.h>
 #include <tern/dbus_message/asv_signature_parser.h>
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <variant>
@@ -16,6 +23,10 @@
 // message that fills a std::map of std::variant. Every fourth entry is a string, a double, an unsigned and a
 // signed integer. Nested messages hold their entries in dictionaries of ten. Allocations are those of
 // operator new; sd-bus's own, by malloc, are the same on both sides.
+//
+// The peers, where they are installed: sdbus-c++ into a std::map of its Variant, and GLib's GVariant into a
+// hash table, both from the given GVariant and from the message's bytes, which is what arrives on a bus. Both
+// flatten to the same keys.
 
 namespace {
 
@@ -131,6 +142,141 @@ void ReadPlainDictionary(sd_bus_message* message, const std::string& prefix, Pla
     Require(sd_bus_message_exit_container(message));
 }
 
+#ifdef TERN_HAVE_SDBUSCPP
+
+// ---- sdbus-c++
+
+using SdbusMap = std::map<std::string, sdbus::Variant>;
+
+/// The same content, in a variant: the only sealed message of its own that sdbus-c++ 1.2 lets one make.
+sdbus::Variant SdbusMessage(int entries, bool nested) {
+    SdbusMap map;
+    SdbusMap group;
+    for (int i = 0; i < entries; ++i) {
+        SdbusMap& target = nested ? group : map;
+        const std::string name = "Property" + std::to_string(i);
+        switch (i % 4) {
+            case 0:
+                target.emplace(name, sdbus::Variant(std::string("some text of usual length")));
+                break;
+            case 1:
+                target.emplace(name, sdbus::Variant(0.5));
+                break;
+            case 2:
+                target.emplace(name, sdbus::Variant(std::uint32_t{5}));
+                break;
+            default:
+                target.emplace(name, sdbus::Variant(std::int32_t{5}));
+                break;
+        }
+        if (nested && (i % 10 == 9 || i == entries - 1)) {
+            map.emplace("Group" + std::to_string(i / 10 * 10), sdbus::Variant(group));
+            group.clear();
+        }
+    }
+    return sdbus::Variant(map);
+}
+
+void FlattenSdbusMap(SdbusMap&& source, const std::string& prefix, SdbusMap& map) {
+    for (auto& [name, value] : source) {
+        std::string key = prefix + "_" + name;
+        if (value.containsValueOfType<SdbusMap>()) {
+            FlattenSdbusMap(value.get<SdbusMap>(), key, map);
+        } else {
+            map.emplace(std::move(key), std::move(value));
+        }
+    }
+}
+
+#endif
+
+#ifdef TERN_HAVE_GIO
+
+// ---- GVariant
+
+struct ReleaseVariant {
+    void operator()(GVariant* variant) const { g_variant_unref(variant); }
+};
+using VariantOwner = std::unique_ptr<GVariant, ReleaseVariant>;
+
+/// The same content, as a message's body: a tuple of the dictionary.
+VariantOwner GVariantBody(int entries, bool nested) {
+    GVariantBuilder all;
+    GVariantBuilder group;
+    g_variant_builder_init(&all, G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_init(&group, G_VARIANT_TYPE_VARDICT);
+    for (int i = 0; i < entries; ++i) {
+        GVariant* value = nullptr;
+        switch (i % 4) {
+            case 0:
+                value = g_variant_new_string("some text of usual length");
+                break;
+            case 1:
+                value = g_variant_new_double(0.5);
+                break;
+            case 2:
+                value = g_variant_new_uint32(5);
+                break;
+            default:
+                value = g_variant_new_int32(5);
+                break;
+        }
+        g_variant_builder_add(nested ? &group : &all, "{sv}", ("Property" + std::to_string(i)).c_str(),
+                              value);
+        if (nested && (i % 10 == 9 || i == entries - 1)) {
+            g_variant_builder_add(&all, "{sv}", ("Group" + std::to_string(i / 10 * 10)).c_str(),
+                                  g_variant_builder_end(&group));
+            g_variant_builder_init(&group, G_VARIANT_TYPE_VARDICT);
+        }
+    }
+    g_variant_builder_clear(&group);
+    return VariantOwner(g_variant_ref_sink(g_variant_new("(@a{sv})", g_variant_builder_end(&all))));
+}
+
+/// The message's bytes as they would arrive.
+std::vector<guchar> GDBusBytes(GVariant* body) {
+    GDBusMessage* const message =
+        g_dbus_message_new_method_call("org.example.Peer", "/org/example", "org.example.If", "Call");
+    g_dbus_message_set_serial(message, 1);
+    g_dbus_message_set_body(message, body);
+    gsize size = 0;
+    guchar* const blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    std::vector<guchar> bytes(blob, blob + size);
+    g_free(blob);
+    g_object_unref(message);
+    return bytes;
+}
+
+void FlattenGVariant(GVariant* dictionary, const char* prefix, GHashTable* table) {
+    GVariantIter entries;
+    const char* name = nullptr;
+    GVariant* value = nullptr;
+    g_variant_iter_init(&entries, dictionary);
+    while (g_variant_iter_next(&entries, "{&sv}", &name, &value) != FALSE) {
+        char* const key = g_strconcat(prefix, "_", name, nullptr);
+        if (g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT) != FALSE) {
+            FlattenGVariant(value, key, table);
+            g_free(key);
+            g_variant_unref(value);
+        } else {
+            g_hash_table_insert(table, key, value);
+        }
+    }
+}
+
+GHashTable* NewTable() {
+    return g_hash_table_new_full(g_str_hash, g_str_equal, g_free,
+                                 [](gpointer value) { g_variant_unref(static_cast<GVariant*>(value)); });
+}
+
+void FlattenBody(GVariant* body, GHashTable* table) {
+    GVariant* const dictionary = g_variant_get_child_value(body, 0);
+    FlattenGVariant(dictionary, "", table);
+    g_variant_unref(dictionary);
+}
+
+#endif
+
 // ---- flattening
 
 void CountPerEntry(benchmark::State& state, std::size_t allocations) {
@@ -163,10 +309,61 @@ void FlattenPlainly(benchmark::State& state, bool nested) {
     CountPerEntry(state, count.Get());
 }
 
+#ifdef TERN_HAVE_SDBUSCPP
+void FlattenWithSdbusCpp(benchmark::State& state, bool nested) {
+    const sdbus::Variant message = SdbusMessage(static_cast<int>(state.range(0)), nested);
+    const AllocationCount count;
+    for (auto _ : state) {
+        SdbusMap flat;
+        FlattenSdbusMap(message.get<SdbusMap>(), std::string(), flat);
+        benchmark::DoNotOptimize(flat);
+    }
+    CountPerEntry(state, count.Get());
+}
+#endif
+
+#ifdef TERN_HAVE_GIO
+/// What GLib allocates is not by operator new and so not counted.
+void FlattenGVariantGiven(benchmark::State& state, bool nested) {
+    const VariantOwner body = GVariantBody(static_cast<int>(state.range(0)), nested);
+    for (auto _ : state) {
+        GHashTable* const table = NewTable();
+        FlattenBody(body.get(), table);
+        benchmark::DoNotOptimize(table);
+        g_hash_table_unref(table);
+    }
+    CountPerEntry(state, 0);
+}
+
+void FlattenGDBusMessage(benchmark::State& state, bool nested) {
+    std::vector<guchar> bytes = GDBusBytes(GVariantBody(static_cast<int>(state.range(0)), nested).get());
+    for (auto _ : state) {
+        GDBusMessage* const message =
+            g_dbus_message_new_from_blob(bytes.data(), bytes.size(), G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+        GHashTable* const table = NewTable();
+        FlattenBody(g_dbus_message_get_body(message), table);
+        benchmark::DoNotOptimize(table);
+        g_hash_table_unref(table);
+        g_object_unref(message);
+    }
+    CountPerEntry(state, 0);
+}
+#endif
+
 BENCHMARK_CAPTURE(FlattenIntoValuesList, flat, false)->RangeMultiplier(10)->Range(1, 1000);
 BENCHMARK_CAPTURE(FlattenPlainly, flat, false)->RangeMultiplier(10)->Range(1, 1000);
 BENCHMARK_CAPTURE(FlattenIntoValuesList, nested, true)->RangeMultiplier(10)->Range(1, 1000);
 BENCHMARK_CAPTURE(FlattenPlainly, nested, true)->RangeMultiplier(10)->Range(1, 1000);
+#ifdef TERN_HAVE_SDBUSCPP
+BENCHMARK_CAPTURE(FlattenWithSdbusCpp, flat, false)->RangeMultiplier(10)->Range(1, 1000);
+BENCHMARK_CAPTURE(FlattenWithSdbusCpp, nested, true)->RangeMultiplier(10)->Range(1, 1000);
+#endif
+#ifdef TERN_HAVE_GIO
+BENCHMARK_CAPTURE(FlattenGVariantGiven, flat, false)->RangeMultiplier(10)->Range(1, 1000);
+BENCHMARK_CAPTURE(FlattenGVariantGiven, nested, true)->RangeMultiplier(10)->Range(1, 1000);
+BENCHMARK_CAPTURE(FlattenGDBusMessage, flat, false)->RangeMultiplier(10)->Range(1, 1000);
+BENCHMARK_CAPTURE(FlattenGDBusMessage, nested, true)->RangeMultiplier(10)->Range(1, 1000);
+#endif
 
 // ---- looking up
 
@@ -207,6 +404,37 @@ void LookUpPlainly(benchmark::State& state) {
     }
 }
 
+#ifdef TERN_HAVE_SDBUSCPP
+void LookUpWithSdbusCpp(benchmark::State& state) {
+    const sdbus::Variant message = SdbusMessage(static_cast<int>(state.range(0)), false);
+    SdbusMap flat;
+    FlattenSdbusMap(message.get<SdbusMap>(), std::string(), flat);
+    const std::vector<std::string> keys = IntegerKeys(static_cast<int>(state.range(0)));
+    std::size_t next = 0;
+    for (auto _ : state) {
+        const auto found = flat.find(keys[next]);
+        benchmark::DoNotOptimize(found != flat.end() ? found->second.get<std::int32_t>() : 0);
+        next = next + 1 < keys.size() ? next + 1 : 0;
+    }
+}
+#endif
+
+#ifdef TERN_HAVE_GIO
+void LookUpInHashTable(benchmark::State& state) {
+    const VariantOwner body = GVariantBody(static_cast<int>(state.range(0)), false);
+    GHashTable* const table = NewTable();
+    FlattenBody(body.get(), table);
+    const std::vector<std::string> keys = IntegerKeys(static_cast<int>(state.range(0)));
+    std::size_t next = 0;
+    for (auto _ : state) {
+        auto* const value = static_cast<GVariant*>(g_hash_table_lookup(table, keys[next].c_str()));
+        benchmark::DoNotOptimize(value != nullptr ? g_variant_get_int32(value) : 0);
+        next = next + 1 < keys.size() ? next + 1 : 0;
+    }
+    g_hash_table_unref(table);
+}
+#endif
+
 void MissedLookUp(benchmark::State& state) {
     const mw::tern::DBusMessage::ValuesList list;
     const std::string key = "_absent";
@@ -218,6 +446,12 @@ void MissedLookUp(benchmark::State& state) {
 
 BENCHMARK(LookUpInValuesList)->Arg(10)->Arg(100)->Arg(1000);
 BENCHMARK(LookUpPlainly)->Arg(10)->Arg(100)->Arg(1000);
+#ifdef TERN_HAVE_SDBUSCPP
+BENCHMARK(LookUpWithSdbusCpp)->Arg(10)->Arg(100)->Arg(1000);
+#endif
+#ifdef TERN_HAVE_GIO
+BENCHMARK(LookUpInHashTable)->Arg(10)->Arg(100)->Arg(1000);
+#endif
 BENCHMARK(MissedLookUp);
 
 }  // namespace

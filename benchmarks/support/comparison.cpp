@@ -74,7 +74,7 @@ std::string Comparison::Row::ToJson() const {
     std::string ratios;
     for (const std::string& side : mSides) {
         values += (values.empty() ? "" : ", ") + Quoted(side) + ": " + Number(Value(side));
-        if (side != OURS) {
+        if (side != OURS && mRounds.count(OURS) != 0) {
             ratios += (ratios.empty() ? "" : ", ") + Quoted(side) + ": " + Number(Ratio(side));
         }
     }
@@ -92,7 +92,7 @@ void Comparison::Row::Print() const {
     printf("| %s, %s |", mWhat.c_str(), mUnit.c_str());
     for (const std::string& side : mSides) {
         printf(" %s %.5g", side.c_str(), Value(side));
-        if (side != OURS) {
+        if (side != OURS && mRounds.count(OURS) != 0) {
             printf(" (%.3f)", Ratio(side));
         }
         printf(" |");
