@@ -80,6 +80,12 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each descriptio
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+# libzip is loaded when it is first needed, so dpkg-shlibdeps does not see it.
+list(GET LIBZIP_LINK_LIBRARIES 0 libzip)
+file(REAL_PATH ${libzip} libzip)
+execute_process(COMMAND dpkg-query -S ${libzip} OUTPUT_VARIABLE libzip COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX REPLACE "[:,].*" "" libzip "${libzip}")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ${libzip})
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "frame for services on the system D-Bus (libraries)
 The service processes of an embedded Linux device are built on this C++20
 library: an sd-event loop on one D-Bus thread, message readers, a small
@@ -89,7 +95,7 @@ This package holds the three shared libraries.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "libtern-dbus-service0 ${same_version}, libsystemd-dev, libzip-dev, pkg-config | pkgconf")
+  "libtern-dbus-service0 ${same_version}, libsystemd-dev, pkg-config | pkgconf")
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libtern-dbus-service-doc)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "frame for services on the system D-Bus (development files)
 Headers, CMake and pkg-config files for building an extension on

@@ -13,6 +13,7 @@
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
 #include "utilities/directory.h"
+#include "utilities/libzip.h"
 #include "utilities/zip_authentication.h"
 #include "utilities/zip_entry_methods.h"
 #include "utilities/zip_handles.h"
@@ -58,6 +59,25 @@ StatusCode Encrypt(ZipArchive& archive, zip_uint64_t index, const std::string& p
         archive.reset();
     }
     return status;
+}
+
+/// An archive; or null with the status and libzip's text.
+struct Opened {
+    ZipArchive archive;
+    StatusCode status = StatusCode::Ok;
+    std::string error;
+};
+
+Opened OpenArchive(const std::string& path, int flags) {
+    if (const char* const reason = LoadLibzip(); reason != nullptr) {
+        return {nullptr, Zipper::GetStatusZipError(ZIP_ER_OPNOTSUPP), reason};
+    }
+    int error = 0;
+    ZipArchive archive(zip_open(path.c_str(), flags, &error));
+    if (archive == nullptr) {
+        return {nullptr, Zipper::GetStatusZipError(error), ZipErrorText(error).Get()};
+    }
+    return {std::move(archive), StatusCode::Ok, std::string()};
 }
 
 struct Added {
@@ -275,15 +295,14 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
         // Meant: there is nothing to back up, and that is no error of the caller's.
         return StatusCode::Ok;
     }
-    int error = 0;
-    ZipArchive archive(zip_open(zipFile.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
-    if (archive == nullptr) {
-        ZipErrorText text(error);
-        TERN_LOG_ERROR(LOGGER, "Zip: Failed to create zip %s, error = %s", zipFile.c_str(), text.Get());
-        return GetStatusZipError(error);
+    Opened opened = OpenArchive(zipFile, ZIP_CREATE | ZIP_TRUNCATE);
+    if (opened.archive == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Zip: Failed to create zip %s, error = %s", zipFile.c_str(),
+                       opened.error.c_str());
+        return opened.status;
     }
-    const StatusCode status = AddFiles(archive, folder, password);
-    const int result = CloseArchive(std::move(archive));
+    const StatusCode status = AddFiles(opened.archive, folder, password);
+    const int result = CloseArchive(std::move(opened.archive));
     if (result == -1) {
         // Meant: result and text are those of -1, not of the archive's error.
         ZipErrorText text(result);
@@ -312,15 +331,14 @@ StatusCode Zipper::Unzip(const std::string& zipFile, const std::string& folder, 
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to create content folder %s", folder.c_str());
         return created;
     }
-    int error = 0;
-    ZipArchive archive(zip_open(zipFile.c_str(), 0, &error));
-    if (archive == nullptr) {
-        ZipErrorText text(error);
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(), text.Get());
-        return GetStatusZipError(error);
+    Opened opened = OpenArchive(zipFile, 0);
+    if (opened.archive == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(),
+                       opened.error.c_str());
+        return opened.status;
     }
-    const StatusCode status = ExtractEntries(archive.get(), zipFile, folder, password);
-    const int result = CloseArchive(std::move(archive));
+    const StatusCode status = ExtractEntries(opened.archive.get(), zipFile, folder, password);
+    const int result = CloseArchive(std::move(opened.archive));
     if (result == -1) {
         ZipErrorText text(result);
         TERN_LOG_INFO(LOGGER, "Unzip: Unzip creation finish with: %s", text.Get());
