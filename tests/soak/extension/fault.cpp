@@ -1,0 +1,94 @@
+#include "fault.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <stdexcept>
+#include <thread>
+
+namespace soak {
+
+namespace {
+
+constexpr std::size_t LEAK_BYTES = 65536;
+constexpr unsigned int HOLD_UP_SECONDS = 6;
+
+/// Written, so that it is really taken from the system, and reachable from nowhere.
+void LeakMemory() {
+    void* volatile leaked = malloc(LEAK_BYTES);
+    if (leaked != nullptr) {
+        std::memset(leaked, 1, LEAK_BYTES);
+    }
+}
+
+[[noreturn]] void SleepForEver() {
+    for (;;) {
+        pause();
+    }
+}
+
+}  // namespace
+
+Fault::Fault(const std::string& name) {
+    const std::map<std::string, Kind> kinds{
+        {"", Kind::Nothing},      {"memory", Kind::Memory},     {"descriptor", Kind::Descriptor},
+        {"thread", Kind::Thread}, {"reply", Kind::Reply},       {"answer", Kind::Answer},
+        {"signal", Kind::Signal}, {"watchdog", Kind::Watchdog}, {"crash", Kind::Crash},
+        {"status", Kind::Status}};
+    const auto found = kinds.find(name);
+    if (found == kinds.end()) {
+        throw std::invalid_argument("there is no fault '" + name + "'");
+    }
+    mKind = found->second;
+}
+
+Fault::Answer Fault::OnCall() {
+    const std::uint64_t call = ++mCalls;
+    const auto isEvery = [call](std::uint64_t period) { return call % period == 0; };
+    switch (mKind) {
+        case Kind::Memory:
+            LeakMemory();
+            break;
+        case Kind::Descriptor:
+            if (isEvery(20)) {
+                static_cast<void>(dup(STDERR_FILENO));
+            }
+            break;
+        case Kind::Thread:
+            if (isEvery(50)) {
+                std::thread(SleepForEver).detach();
+            }
+            break;
+        case Kind::Reply:
+            return isEvery(100) ? Answer::None : Answer::Right;
+        case Kind::Answer:
+            return isEvery(100) ? Answer::Wrong : Answer::Right;
+        case Kind::Watchdog:
+            if (call == 100) {
+                sleep(HOLD_UP_SECONDS);
+            }
+            break;
+        case Kind::Crash:
+            if (call == 100) {
+                abort();
+            }
+            break;
+        case Kind::Nothing:
+        case Kind::Signal:
+        case Kind::Status:
+            break;
+    }
+    return Answer::Right;
+}
+
+bool Fault::IsLeftOut(std::uint64_t number) const {
+    return mKind == Kind::Signal && number % 100 == 0;
+}
+
+int Fault::ExitStatus(int status) const {
+    return mKind == Kind::Status ? EXIT_SUCCESS : status;
+}
+
+}  // namespace soak

@@ -1,0 +1,68 @@
+#include "soak_server.h"
+
+#include <sys/epoll.h>
+#include <tern/service/dbus_server_manager.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "client_interface.h"
+#include "names.h"
+#include "progress_interface.h"
+
+using mw::tern::StatusCode;
+
+namespace soak {
+
+namespace {
+
+StatusCode Show(mw::tern::DBusServerManager& manager, const std::string& path,
+                std::unique_ptr<mw::tern::DBusInterface> interface) {
+    StatusCode status = manager.AddDBusObject(path);
+    if (status == StatusCode::Ok) {
+        status = manager.AddInterfaceToDBusObject(path, interface.get());
+    }
+    if (status == StatusCode::Ok) {
+        static_cast<void>(interface.release());  // the object's now
+        status = manager.ExportObject(path);
+    }
+    return status;
+}
+
+}  // namespace
+
+SoakServer::SoakServer(unsigned int clients, Progress& progress, JobDesk& desk, mw::tern::MessagePipe& ticks,
+                       Fault& fault)
+    : mClients(clients), mProgress(progress), mDesk(desk), mTicks(ticks), mFault(fault) {}
+
+StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) {
+    mBus = manager.GetBus();
+    StatusCode status = Show(manager, OBJECT_PATH, std::make_unique<ProgressInterface>(mProgress));
+    for (unsigned int client = 0; client < mClients && status == StatusCode::Ok; ++client) {
+        status = Show(manager, ClientPath(client), std::make_unique<ClientInterface>(mDesk, mFault));
+    }
+    if (status == StatusCode::Ok) {
+        status = mDesk.Open(loop);
+    }
+    if (status == StatusCode::Ok) {
+        status = loop.AddIo(mTicks.GetReadFd(), EPOLLIN,
+                            [this](sd_event_source*, int, unsigned int) { return OnTick(); });
+    }
+    return status;
+}
+
+void SoakServer::Stop() {
+    mDesk.Close();
+}
+
+StatusCode SoakServer::OnTick() {
+    std::uint64_t number = 0;
+    const StatusCode status = mTicks.ReadMessage(&number, sizeof number, 0);
+    if (status == StatusCode::Ok && !mFault.IsLeftOut(number)) {
+        sd_bus_emit_signal(mBus, OBJECT_PATH.c_str(), PROGRESS_INTERFACE.c_str(), "Tick", "t", number);
+    }
+    return status;
+}
+
+}  // namespace soak

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <tern/service/event_loop.h>
+#include <tern/service/ipc_server.h>
+#include <tern/service/message_pipe.h>
+
+#include "fault.h"
+#include "job_desk.h"
+#include "progress.h"
+
+namespace soak {
+
+/// Puts the soak's objects on the bus and sends the ticker's numbers as signals. D-Bus thread only.
+class SoakServer : public mwl::DBusService::IpcServer {
+public:
+    /// All outlive the server; the pipe of the ticks is initialised.
+    SoakServer(unsigned int clients, Progress& progress, JobDesk& desk, mw::tern::MessagePipe& ticks,
+               Fault& fault);
+
+    mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override;
+    void Stop() override;
+
+private:
+    mw::tern::StatusCode OnTick();
+
+    const unsigned int mClients;
+    Progress& mProgress;
+    JobDesk& mDesk;
+    mw::tern::MessagePipe& mTicks;
+    Fault& mFault;
+    sd_bus* mBus = nullptr;
+};
+
+}  // namespace soak
