@@ -35,8 +35,8 @@ endforeach()
 set(TERN_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc)
 install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
 install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc PATTERN Doxyfile EXCLUDE)
-# The example builds on its own against the installed package.
-install(DIRECTORY examples/thermostat DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
+# The examples build on their own against the installed package.
+install(DIRECTORY examples/thermostat examples/tutorial DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
 
 # The generator of extension projects.
 install(PROGRAMS scripts/tern-new-extension DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
