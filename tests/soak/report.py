@@ -16,7 +16,7 @@ PLOT_POINTS = 180
 
 # What is allowed between the first and the second half of a life after its warm-up: anonymous memory by its median, as
 # the allocator breathes; descriptors and threads by their minimum, the resting level, as jobs come and go.
-LONG_LIMITS = {"anon_kib": 512, "descriptors": 1, "threads": 1}
+LONG_LIMITS = {"anon_kib": 256, "descriptors": 1, "threads": 1}
 # A life too short for a whole warm-up is still filling its thread and allocator caches.
 SHORT_LIMITS = {"anon_kib": 2048, "descriptors": 3, "threads": 3}
 NAMES = {"anon_kib": "anonymous memory (KiB, median)", "descriptors": "descriptors (minimum)",
@@ -74,6 +74,15 @@ def growth(samples):
         for key, limit in (LONG_LIMITS if is_long else SHORT_LIMITS).items():
             found.append((life, key, level(first, key), level(second, key), limit))
     return found
+
+
+def over_lives(judged):
+    """The same from the first to the last of the lives that could warm up, or of all when none could."""
+    long = [row for row in judged if row[4] == LONG_LIMITS[row[1]]] or judged
+    for key in LONG_LIMITS:
+        own = [row for row in long if row[1] == key]
+        if len(own) > 1:
+            yield own[-1][0], key, own[0][3], own[-1][3], own[0][4]
 
 
 def differences(samples, before, key):
@@ -235,6 +244,12 @@ def main():
     if len(samples) < 10 or totals["calls"] == 0 or not lives:
         problems.append("too little happened to judge anything")
     judged = growth(samples) if samples else []
+    for life, key, first, last, limit in over_lives(judged):
+        if last - first > limit:
+            problems.append(f"up to life {life}: {NAMES[key]} grew from life to life, from {first} to {last}, "
+                            f"more than {limit}")
+    with open(os.path.join(folder, "extension.log"), errors="replace") as file:
+        problems += [f"the extension logged an error: {line.rstrip()}" for line in file.readlines()[:10]]
     if not judged:
         problems.append("no life was long enough to be judged")
     for life, key, first, second, limit in judged:

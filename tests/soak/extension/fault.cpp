@@ -2,24 +2,28 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace soak {
 
 namespace {
 
 constexpr std::size_t LEAK_BYTES = 65536;
-constexpr unsigned int HOLD_UP_SECONDS = 6;
+constexpr std::chrono::seconds HOLD_UP{6};
 
-/// Written, so that it is really taken from the system, and reachable from nowhere.
+/// Written, so that it is really taken from the system.
 void LeakMemory() {
-    void* volatile leaked = malloc(LEAK_BYTES);
+    auto* const leaked = static_cast<char*>(malloc(LEAK_BYTES));
     if (leaked != nullptr) {
         std::memset(leaked, 1, LEAK_BYTES);
+        static std::vector<char*> forgotten;
+        forgotten.push_back(leaked);
     }
 }
 
@@ -67,7 +71,7 @@ Fault::Answer Fault::OnCall() {
             return isEvery(100) ? Answer::Wrong : Answer::Right;
         case Kind::Watchdog:
             if (call == 100) {
-                sleep(HOLD_UP_SECONDS);
+                std::this_thread::sleep_for(HOLD_UP);
             }
             break;
         case Kind::Crash:
