@@ -22,6 +22,7 @@ const sd_bus_vtable TABLE[] = {SD_BUS_VTABLE_START(0),
                                SD_BUS_VTABLE_END};
 
 void Export(sd_bus* bus, sd_event* event, const ServerOptions& options) {
+    const ExportClock clock;
     for (int object = 0; object < options.objects; ++object) {
         const std::string path = ServerOptions::Path(object);
         for (int i = 0; i < options.interfaces; ++i) {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -160,13 +161,18 @@ ServerProcess::ServerProcess(const Side& side, const std::vector<int>& counts) :
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
+    int ends[2];
+    RequireBus(pipe2(ends, O_CLOEXEC) == 0 ? 0 : -errno, "pipe2");
+    mOutput = ends[0];
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     PinToProcessor(0);
     const int error = posix_spawn(&mPid, side.program.c_str(), &actions, nullptr, argv.data(), environ);
     PinToProcessor(1);
     posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
     RequireBus(-error, side.program.c_str());
     RequireBus(-clock_getcpuclockid(mPid, &mClock), "clock_getcpuclockid");
 }
@@ -174,12 +180,19 @@ ServerProcess::ServerProcess(const Side& side, const std::vector<int>& counts) :
 ServerProcess::~ServerProcess() {
     kill(mPid, SIGTERM);
     waitpid(mPid, nullptr, 0);
+    close(mOutput);
 }
 
 double ServerProcess::ProcessorTime() const {
     timespec used{};
     RequireBus(clock_gettime(mClock, &used) == 0 ? 0 : -errno, "clock_gettime");
     return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+}
+
+double ServerProcess::ExportTime() {
+    char line[32] = "";
+    RequireBus(read(mOutput, line, sizeof line - 1) > 0 ? 0 : -EIO, "the server's output");
+    return std::atof(line);
 }
 
 double ServerProcess::Memory(const std::string& field) const {

@@ -64,6 +64,9 @@ public:
     pid_t Pid() const { return mPid; }
     /// Seconds of processor time used so far by all of its threads.
     double ProcessorTime() const;
+    /// Microseconds of processor time for putting everything on the bus (ExportClock); waits for the server
+    /// to tell.
+    double ExportTime();
     /// KiB of one line of /proc/PID/smaps_rollup.
     double Memory(const std::string& field) const;
     /// How often its threads have been put to sleep, each of which a wake-up ended.
@@ -76,6 +79,7 @@ private:
     std::string mName;
     pid_t mPid = -1;
     clockid_t mClock{};
+    int mOutput = -1;  ///< what it writes to standard output
 };
 
 }  // namespace tern::benchmarks

@@ -43,6 +43,7 @@ public:
     explicit EchoServer(const ServerOptions& options) : mOptions(options) {}
 
     StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override {
+        const ExportClock clock;
         for (int object = 0; object < mOptions.objects; ++object) {
             const std::string path = ServerOptions::Path(object);
             Require(manager.AddDBusObject(path) == StatusCode::Ok, "AddDBusObject");

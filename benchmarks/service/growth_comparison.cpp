@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <vector>
 
@@ -19,7 +20,7 @@ namespace {
 using namespace tern::benchmarks;
 
 constexpr int ROUNDS = 7;
-constexpr int CALLS = 300;
+constexpr int CALLS = 640;
 constexpr int IN_FLIGHT = 64;
 /// From 100 to 1000, n log n grows by 15, which is 10 to the power of this.
 constexpr double N_LOG_N = 1.18;
@@ -33,43 +34,35 @@ struct Dimension {
 
 const Dimension DIMENSIONS[] = {
     {"objects",
-     [](int work) {
-         return std::vector<int>{work, 1, 0, 0};
+     [](int work) -> std::vector<int> {
+         return {work, 1, 0, 0};
      },
-     {1, 10, 100, 1000}},
+     {10, 100, 1000}},
     {"interfaces",
-     [](int work) {
-         return std::vector<int>{1, work, 0, 0};
+     [](int work) -> std::vector<int> {
+         return {1, work, 0, 0};
      },
-     {1, 10, 100}},
+     {10, 100, 1000}},
+    // A bus takes 512 of one connection.
     {"matches",
-     [](int work) {
-         return std::vector<int>{1, 1, work, 0};
+     [](int work) -> std::vector<int> {
+         return {1, 1, work, 0};
      },
-     {1, 10, 100}},
+     {4, 40, 400}},
+    // A process has 1024 descriptors.
     {"I/O sources",
-     [](int work) {
-         return std::vector<int>{1, 1, 0, work};
+     [](int work) -> std::vector<int> {
+         return {1, 1, 0, work};
      },
-     {1, 10, 100}},
+     {5, 50, 500}},
 };
 
-/// The part of a cost that is due to the work: the exponent is that of what the greatest work adds beyond the
-/// one before, so that what every start costs does not flatter it.
-double Exponent(double least, double middle, double most) {
-    return std::log10(std::max(most - least, 1e-9) / std::max(middle - least, 1e-9));
-}
-
 void Measure(Comparison& comparison, const Dimension& dimension, const std::vector<Side>& sides) {
-    std::map<int, Comparison::Row> starts;
+    std::map<int, Comparison::Row> exports;
     std::map<int, Comparison::Row> calls;
-    const auto exponentRow = [&](const char* what) {
-        return comparison.MakeRowBelow(what + (", exponent over " + dimension.what), "", "<= n log n",
-                                       N_LOG_N);
-    };
     for (const int work : dimension.works) {
         const std::string suffix = ", " + std::to_string(work) + " " + dimension.what;
-        starts.emplace(work, comparison.MakeRow("start, processor time" + suffix, "ms", "sd-bus", 1.3));
+        exports.emplace(work, comparison.MakeRow("export, processor time" + suffix, "us"));
         calls.emplace(work, comparison.MakeRow("call, processor time" + suffix, "us", "sd-bus", 1.03));
     }
     for (int round = 0; round < ROUNDS; ++round) {
@@ -80,11 +73,10 @@ void Measure(Comparison& comparison, const Dimension& dimension, const std::vect
                 const std::string path = ServerOptions::Path(counts[0] - 1);
                 const std::string interface = ServerOptions::Interface(counts[1] - 1);
                 Client client;
-                const ServerProcess server(side, counts);
+                ServerProcess server(side, counts);
                 client.AwaitName(server.Name());
                 client.Call(server.Name(), path, interface);
-                const double started = server.ProcessorTime();
-                starts.at(work).Add(side.name, started * 1e3);
+                exports.at(work).Add(side.name, server.ExportTime());
                 client.CallMany(server.Name(), path, interface, CALLS, IN_FLIGHT);
                 const double before = server.ProcessorTime();
                 client.CallMany(server.Name(), path, interface, CALLS, IN_FLIGHT);
@@ -92,29 +84,21 @@ void Measure(Comparison& comparison, const Dimension& dimension, const std::vect
             }
         }
     }
-    const std::size_t last = dimension.works.size() - 1;
-    const auto value = [&](const std::map<int, Comparison::Row>& rows, std::size_t place, const Side& side) {
-        return rows.at(dimension.works[place]).Value(side.name);
+    const auto finish = [&](const std::map<int, Comparison::Row>& rows, const std::string& what) {
+        // The slope of the last decade, where what is always there matters least.
+        auto exponent =
+            comparison.MakeRowBelow(what + ", exponent over " + dimension.what, "", "<= n log n", N_LOG_N);
+        for (const Side& side : sides) {
+            exponent.Add(side.name, std::log10(rows.rbegin()->second.Value(side.name) /
+                                               std::next(rows.rbegin())->second.Value(side.name)));
+        }
+        for (const auto& [work, row] : rows) {
+            comparison.Finish(row);
+        }
+        comparison.Finish(exponent);
     };
-    auto startExponent = exponentRow("start");
-    for (const Side& side : sides) {
-        startExponent.Add(side.name, Exponent(value(starts, 0, side), value(starts, last - 1, side),
-                                              value(starts, last, side)));
-    }
-    auto callExponent = exponentRow("call");
-    for (const Side& side : sides) {
-        // A call that does not grow has nothing to take off: the slope of the whole.
-        callExponent.Add(side.name, std::log10(value(calls, last, side) / value(calls, 0, side)) /
-                                        static_cast<double>(last));
-    }
-    for (const int work : dimension.works) {
-        comparison.Finish(starts.at(work));
-    }
-    comparison.Finish(startExponent);
-    for (const int work : dimension.works) {
-        comparison.Finish(calls.at(work));
-    }
-    comparison.Finish(callExponent);
+    finish(exports, "export");
+    finish(calls, "call");
 }
 
 }  // namespace
