@@ -109,10 +109,11 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
 }
 
 DBusObjectSkeleton* DBusServerManager::FindObject(const std::string& path) {
-    const auto found = std::find_if(mObjects.begin(), mObjects.end(), [&](const DBusObjectSkeleton& object) {
-        return object.GetPath() == path;
-    });
-    return found == mObjects.end() ? nullptr : &*found;
+    // From the end: as a rule it is the one that was added last.
+    const auto found =
+        std::find_if(mObjects.rbegin(), mObjects.rend(),
+                     [&](const DBusObjectSkeleton& object) { return object.GetPath() == path; });
+    return found == mObjects.rend() ? nullptr : &*found;
 }
 
 }  // namespace mw::tern
