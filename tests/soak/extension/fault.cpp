@@ -56,7 +56,7 @@ Fault::Answer Fault::OnCall() {
             LeakMemory();
             break;
         case Kind::Descriptor:
-            if (isEvery(20)) {
+            if (isEvery(10)) {
                 static_cast<void>(dup(STDERR_FILENO));
             }
             break;

@@ -11,7 +11,7 @@ namespace soak {
 /// | name | what goes wrong |
 /// |---|---|
 /// | memory | each call leaves 64 KiB behind |
-/// | descriptor | every 20th call leaves a descriptor open |
+/// | descriptor | every 10th call leaves a descriptor open |
 /// | thread | every 50th call leaves a thread behind |
 /// | reply | every 100th call is never answered |
 /// | answer | every 100th call is answered wrongly |

@@ -8,7 +8,6 @@
 #include <tern/threading/stop_signal.h>
 #include <tern/threading/threads_monitor.h>
 #include <tern/threading/threads_watcher.h>
-#include <tern/timer/timer.h>
 #include <tern/utilities/file_system.h>
 
 #include <cstdio>
@@ -24,6 +23,7 @@
 #include "job_desk.h"
 #include "jobs.h"
 #include "names.h"
+#include "notifying_timer.h"
 #include "progress.h"
 #include "soak_server.h"
 #include "ticker.h"
@@ -62,7 +62,7 @@ int Run(const std::string& folder, unsigned int clients, soak::Fault& fault) {
     });
     mw::tern::CompositeRuntime workers{&pool, &worker, &sampling};
     // Its callback may outlive everything here.
-    mwl::Timer::Timer touching(PERIOD_MS, true, [progress, path = watched + "/touched"] {
+    soak::NotifyingTimer touching(PERIOD_MS, true, [progress, path = watched + "/touched"] {
         if (FileSystem::WriteContent(path, "touched") != StatusCode::Ok) {
             ++progress->failures;
         }

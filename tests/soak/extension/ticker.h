@@ -4,7 +4,6 @@
 #include <tern/service/message_pipe.h>
 #include <tern/threading/thread_watched.h>
 #include <tern/threading/threads_watcher_interface.h>
-#include <tern/timer/timer.h>
 
 #include <atomic>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include "examples/thermostat/job_pool.h"
 #include "folder_watch.h"
 #include "jobs.h"
+#include "notifying_timer.h"
 #include "progress.h"
 
 namespace soak {
@@ -39,7 +39,7 @@ private:
     mw::tern::MessagePipe& mTicks;
     mwl::Threading::ThreadWatched mWatched;
     FolderWatch mFolder;
-    mwl::Timer::Timer mOnce;
+    NotifyingTimer mOnce;
     std::uint64_t mNumber = 0;
     std::atomic<int> mQueued{0};
 };
