@@ -202,6 +202,57 @@ def file_rows():
     ]
 
 
+def flattening_rows():
+    rows = []
+    flatten = {
+        OURS: "FlattenIntoValuesList",
+        "plain loop": "FlattenPlainly",
+        "sdbus-c++": "FlattenWithSdbusCpp",
+        "GVariant, from bytes": "FlattenGDBusMessage",
+        "GVariant, given": "FlattenGVariantGiven",
+    }
+    for form in ("flat", "nested"):
+        for entries in (1, 10, 100, 1000):
+            rows.append(
+                Row(
+                    f"an entry of {entries:,}, {form}",
+                    "ns",
+                    "cpu_time",
+                    sides(f"{{}}/{form}/{entries}", of=flatten),
+                    "at most 1.1 of the plain loop, ahead of the peers",
+                    "plain loop",
+                    1.1,
+                    ("sdbus-c++", "GVariant, from bytes"),
+                    per=entries,
+                )
+            )
+    for form in ("flat", "nested"):
+        counted = {side: name for side, name in flatten.items() if not side.startswith("GVariant")}
+        rows.append(
+            Row(f"allocations per entry of 100, {form}", "", "allocs/entry", sides(f"{{}}/{form}/100", of=counted))
+        )
+    lookups = {
+        OURS: "LookUpInValuesList",
+        "plain loop": "LookUpPlainly",
+        "sdbus-c++": "LookUpWithSdbusCpp",
+        "GVariant, given": "LookUpInHashTable",
+    }
+    for entries in (10, 100, 1000):
+        rows.append(
+            Row(
+                f"a value looked up among {entries:,}",
+                "ns",
+                "cpu_time",
+                sides(f"{{}}/{entries}", of=lookups),
+                "at most 1.1 of the plain loop, ahead of sdbus-c++",
+                "plain loop",
+                1.1,
+                ("sdbus-c++",),
+            )
+        )
+    return rows
+
+
 def growth(what, unit, metric, pattern, amounts, limit=N_LOG_N):
     return Growth(what, unit, metric, {amount: pattern.replace("{}", str(amount)) for amount in amounts}, limit)
 
@@ -342,6 +393,19 @@ SECTIONS = [
                 "observers attached and detached", "us", "cpu_time", "AttachAndDetach/{}", (100, 1000, 10000)
             ),
         ],
+    ),
+    Section(
+        "messages",
+        "Flattening messages",
+        "dbus_message/values_list_benchmark",
+        flattening_rows(),
+        [
+            growth(f"{form} entries", "us", "cpu_time", f"FlattenIntoValuesList/{form}/{{}}", (10, 100, 1000))
+            for form in ("flat", "nested")
+        ]
+        + [growth("keys to look one up among", "ns", "cpu_time", "LookUpInValuesList/{}", (10, 100, 1000))],
+        repetitions=2,
+        min_time=0.05,
     ),
     Section(
         "pipe",

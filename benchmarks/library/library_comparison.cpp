@@ -136,7 +136,7 @@ void MeasureFiles(Comparison& comparison) {
 void MeasureLoading(Comparison& comparison) {
     auto wall = comparison.MakeRow("load and end", "ms", "sdbus-c++", 1.0);
     auto processor = comparison.MakeRow("load and end, processor time", "ms", "sdbus-c++", 1.0);
-    for (int round = -1; round < ROUNDS; ++round) {
+    for (int round = -1; round < Rounds(ROUNDS); ++round) {
         for (const auto& [side, program] : Pairs(TERN_PROGRAMS)) {
             Run sum;
             for (int i = 0; i < RUNS; ++i) {
@@ -158,6 +158,9 @@ void MeasureLoading(Comparison& comparison) {
 
 int main(int argc, char* argv[]) {
     Comparison comparison("library", "The shared libraries, and loading them");
+    comparison.SetNote(
+        "sdbus-c++ is a bus library; ours holds timers, threads, files, archives, commands and settings as "
+        "well, and two platform libraries of their own.");
     MeasureFiles(comparison);
     MeasureLoading(comparison);
     if (argc > 1) {

@@ -29,6 +29,15 @@ std::string Number(double value) {
     return std::isfinite(value) ? stream.str() : "null";
 }
 
+template <typename Convert>
+std::string Joined(const std::vector<std::string>& texts, Convert convert) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += (all.empty() ? "" : ", ") + convert(text);
+    }
+    return all;
+}
+
 double LoadAverage() {
     double load = 0;
     std::ifstream("/proc/loadavg") >> load;
@@ -48,6 +57,15 @@ double Quantile(std::vector<double> values, double portion) {
 
 double Median(std::vector<double> values) {
     return Quantile(std::move(values), 0.5);
+}
+
+int Rounds(int full) {
+    return std::getenv("TERN_BENCHMARK_QUICK") != nullptr ? 1 : full;  // NOLINT(concurrency-mt-unsafe)
+}
+
+Comparison::Row& Comparison::Row::AheadOf(std::vector<std::string> sides) {
+    mAheadOf = std::move(sides);
+    return *this;
 }
 
 void Comparison::Row::Add(const std::string& side, double value) {
@@ -84,6 +102,9 @@ std::string Comparison::Row::ToJson() const {
         json += ", \"target\": " + Quoted(mTarget) +
                 ", \"against\": " + (mAgainst.empty() ? "null" : Quoted(mAgainst)) +
                 ", \"limit\": " + Number(mLimit);
+    }
+    if (!mAheadOf.empty()) {
+        json += ", \"ahead_of\": [" + Joined(mAheadOf, Quoted) + "]";
     }
     return json + "}";
 }
@@ -125,16 +146,24 @@ void Comparison::Finish(const Row& row) {
     mRows.push_back(row.ToJson());
 }
 
+void Comparison::AddGrowth(const std::string& what, const std::string& unit,
+                           const std::map<int, double>& points, double limit) {
+    std::string list;
+    for (const auto& [amount, cost] : points) {
+        list += (list.empty() ? "" : ", ") + Quoted(std::to_string(amount)) + ": " + Number(cost);
+    }
+    mGrowth.push_back("{\"what\": " + Quoted(what) + ", \"unit\": " + Quoted(unit) + ", \"points\": {" +
+                      list + "}" + (limit != 0 ? ", \"limit\": " + Number(limit) : "") + "}");
+}
+
 void Comparison::Write(const std::string& path) const {
+    const auto lines = [](const std::vector<std::string>& texts) {
+        return Joined(texts, [](const std::string& text) { return "\n  " + text; });
+    };
     std::ofstream file(path);
     file << "{\"name\": " << Quoted(mName) << ", \"title\": " << Quoted(mTitle)
-         << ", \"load\": " << Number(mLoad) << ", \"rows\": [";
-    const char* separator = "\n  ";
-    for (const std::string& row : mRows) {
-        file << separator << row;
-        separator = ",\n  ";
-    }
-    file << "\n]}\n";
+         << ", \"load\": " << Number(mLoad) << ", \"note\": " << Quoted(mNote) << ",\n \"rows\": ["
+         << lines(mRows) << "],\n \"growth\": [" << lines(mGrowth) << "]}\n";
     if (!file.flush()) {
         fprintf(stderr, "%s could not be written\n", path.c_str());
         std::exit(1);
