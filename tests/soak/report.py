@@ -135,7 +135,8 @@ def lives_table(lives):
     return lines
 
 
-def nice_top(value):
+def nice(value, steps):
+    """The least round number from `value` on; `steps` are what is taken as round, from 1 to 10."""
     if value <= 0:
         return 1.0
     magnitude = 1.0
@@ -143,12 +144,12 @@ def nice_top(value):
         magnitude *= 10
     while magnitude > value:
         magnitude /= 10
-    return next(magnitude * step for step in (1, 1.5, 2, 3, 4, 5, 6, 8, 10) if magnitude * step >= value)
+    return next(magnitude * step for step in steps if magnitude * step >= value)
 
 
 class Plot:
     """Panels one above the other over one time axis, written by hand: no library is needed to look at a soak."""
-    WIDTH, LEFT, RIGHT, TOP, PANEL, GAP = 900, 70, 150, 40, 130, 34
+    WIDTH, LEFT, RIGHT, TOP, PANEL, GAP = 900, 70, 150, 58, 130, 44
     COLOURS = ["#1f5fa8", "#c2571a", "#3b8132"]
 
     def __init__(self, title, seconds, lives):
@@ -166,7 +167,7 @@ class Plot:
         top = self.TOP + self.panels * (self.PANEL + self.GAP)
         bottom = top + self.PANEL
         self.panels += 1
-        highest = nice_top(max(value for _, points in series for _, value in points))
+        highest = nice(max(value for _, points in series for _, value in points), (1, 1.2, 1.6, 2, 2.4, 3.2, 4, 6, 8, 10))
         right = self.WIDTH - self.RIGHT
         add = self.parts.append
         add(f'<text x="{self.LEFT}" y="{top - 6}" font-size="12">{caption}</text>')
@@ -187,7 +188,7 @@ class Plot:
 
     def ticks(self, bottom):
         total = self.seconds / self.scale
-        step = nice_top(total / 12)
+        step = nice(total / 12, (1, 2, 5, 10))
         tick = 0.0
         while tick <= total * 1.001:
             x = self.x(tick * self.scale)

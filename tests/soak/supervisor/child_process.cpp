@@ -15,12 +15,13 @@ namespace soak {
 
 namespace {
 
-/// This process's environment without the watchdog, and with the new one.
+/// This process's environment. The notification socket only together with a watchdog: a message bus would
+/// announce its own readiness there, which is not the extension's.
 std::vector<std::string> Environment(unsigned long watchdogUs) {
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
-        if (!text.starts_with("WATCHDOG_")) {
+        if (!text.starts_with("WATCHDOG_") && (watchdogUs != 0 || !text.starts_with("NOTIFY_SOCKET="))) {
             environment.push_back(text);
         }
     }

@@ -18,8 +18,8 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    /// Standard error is appended to the file `log`; with `watchdogUs` the program is told of a watchdog as
-    /// by systemd. Throws std::system_error. REQUIRES: none is running.
+    /// Standard error is appended to the file `log`; with `watchdogUs` the program is told of a watchdog and
+    /// a notification socket, as by systemd. Throws std::system_error. REQUIRES: none is running.
     void Start(const std::vector<std::string>& command, const std::string& log, unsigned long watchdogUs = 0);
     void Signal(int signal) const;
     /// Its status as of wait(2), waiting at most `limit`; none while it runs. It is no more afterwards.
