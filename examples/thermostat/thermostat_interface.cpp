@@ -98,8 +98,9 @@ int ThermostatInterface::OnGetTarget(sd_bus*, const char*, const char*, const ch
     return sd_bus_message_append(reply, "d", Self(userdata).mRoom.GetTarget());
 }
 
-int ThermostatInterface::OnSetTarget(sd_bus*, const char*, const char*, const char*, sd_bus_message* value,
-                                     void* userdata, sd_bus_error* error) {
+int ThermostatInterface::OnSetTarget(sd_bus* bus, const char* path, const char* interface,
+                                     const char* property, sd_bus_message* value, void* userdata,
+                                     sd_bus_error* error) {
     double celsius = NAN;
     const int r = sd_bus_message_read(value, "d", &celsius);
     if (r < 0) {
@@ -112,7 +113,8 @@ int ThermostatInterface::OnSetTarget(sd_bus*, const char*, const char*, const ch
     if (!Self(userdata).mActions.setTarget(celsius)) {
         return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "the target could not be stored");
     }
-    return 0;
+    // sd-bus announces nothing by itself; clients that keep the value rely on it.
+    return sd_bus_emit_properties_changed(bus, path, interface, property, nullptr);
 }
 
 int ThermostatInterface::OnGetTemperature(sd_bus*, const char*, const char*, const char*,

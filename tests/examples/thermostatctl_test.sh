@@ -96,6 +96,8 @@ fi
 watch_pid=$!
 wait_for grep -q '^measured' "$work/watch"
 wait_for grep -q '^Temperature' "$work/watch"
+"$programs/thermostatctl" set 22
+wait_for grep -qE '^Target +22' "$work/watch"
 kill -INT "$watch_pid"
 wait "$watch_pid"
 status=$?
