@@ -106,6 +106,14 @@ unit=$work/root/usr/lib/systemd/system/$name.service
 for line in Type=notify BusName=$bus WatchdogSec= Restart=on-failure NoNewPrivileges=yes ProtectSystem=strict User=$name; do
     grep -q "^$line" "$unit" || fail "the unit has no $line"
 done
+# Systemd's own reading of it, with stand-ins for the units that it names.
+for other in multi-user sysinit basic shutdown sockets; do
+    printf '[Unit]\nDescription=stands in\n' >"$(dirname "$unit")/$other.target"
+done
+printf '[Socket]\nListenStream=/run/dbus/system_bus_socket\n' >"$(dirname "$unit")/dbus.socket"
+printf '[Service]\nExecStart=/usr/libexec/%s\n' $name >"$(dirname "$unit")/dbus.service"
+is=$(systemd-analyze verify --man=no --root="$work/root" $name.service 2>&1) && [ -z "$is" ] && ok "systemd reads the unit" ||
+    fail "systemd on the unit: $is"
 # 0 leaves nothing open, 100 all.
 must "the unit is closed" systemd-analyze security --no-pager --offline=true --threshold=15 "$unit"
 grep -qx "u $name - .*" "$work/root/usr/lib/sysusers.d/$name.conf" || fail "system user"
