@@ -1,4 +1,12 @@
 # Headers, libraries, the CMake package and the pkg-config files.
+# The pkg-config files find the prefix from where they lie, so that `cmake --install FOLDER --prefix` works. Those of the
+# system name it, so that pkg-config leaves out what the compiler knows by itself.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(TERN_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+else()
+  file(RELATIVE_PATH TERN_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  string(REGEX REPLACE "/$" "" TERN_PC_PREFIX "\${pcfiledir}/${TERN_PC_PREFIX}")
+endif()
 set(TERN_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
 set(TERN_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 set(TERN_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TernDBusService)

@@ -16,6 +16,14 @@ for library in dbus-service foundation basic-log; do
     [ "$soname" = "libtern-$library.so.0" ] || { echo "soname of $library is $soname"; exit 1; }
 done
 echo "installed, sonames as stated"
+# What the prefix is at installation decides, whatever was configured: the system's settings are in /etc.
+if [ -e "$build/examples/thermostat/cmake_install.cmake" ]; then
+    DESTDIR=$work/image cmake --install "$build" --prefix /usr >"$work/install.log"
+    settings=$(cd "$work" && find . -path '*/etc/tern-thermostat.ini' | sort | tr '\n' ' ')
+    [ "$settings" = "./image/etc/tern-thermostat.ini ./prefix/etc/tern-thermostat.ini " ] ||
+        { echo "settings are at $settings"; exit 1; }
+    echo "settings are where they are read"
+fi
 
 run_all() {
     for program in uses-foundation uses-log uses-service; do
@@ -37,8 +45,15 @@ mkdir "$work/by-pkg-config"
 for pair in foundation:libtern-foundation log:libtern-basic-log service:libtern-dbus-service; do
     # shellcheck disable=SC2046
     "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror "$@" "$source/tests/consumer/${pair%%:*}.cpp" \
-        -o "$work/by-pkg-config/uses-${pair%%:*}" $(pkg-config --define-variable=prefix="$work/prefix" --cflags --libs "${pair#*:}") \
+        -o "$work/by-pkg-config/uses-${pair%%:*}" $(pkg-config --cflags --libs "${pair#*:}") \
         -Wl,-rpath-link,"$libdir"
 done
 run_all "$work/by-pkg-config"
+# shellcheck disable=SC2046
+"$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$@" "$source/tests/consumer/test_support.cpp" \
+    -o "$work/by-pkg-config/uses-test-support" \
+    $(pkg-config --cflags --libs libtern-test-support libtern-dbus-service) \
+    -Wl,-rpath-link,"$libdir"
+env -u DBUS_SYSTEM_BUS_ADDRESS LD_LIBRARY_PATH="$libdir" "$work/by-pkg-config/uses-test-support" ||
+    { echo "test support by pkg-config failed"; exit 1; }
 echo "pkg-config: built and ran"
