@@ -41,6 +41,9 @@ foreach(pair IN LISTS TERN_PACKAGES)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
   # Maintainer scripts and the like carry the package's name here and none in the package.
   file(GLOB extras CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/debian/${package}.*)
+  list(REMOVE_ITEM extras ${PROJECT_SOURCE_DIR}/packaging/debian/${package}.lintian-overrides)
+  install(FILES packaging/debian/${package}.lintian-overrides RENAME ${package}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${component})
   foreach(extra IN LISTS extras)
     get_filename_component(name ${extra} LAST_EXT)
     string(SUBSTRING ${name} 1 -1 name)
@@ -48,6 +51,18 @@ foreach(pair IN LISTS TERN_PACKAGES)
     list(APPEND CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${debian}/${package}/${name})
   endforeach()
 endforeach()
+
+# The API reference, for reading without this project.
+find_program(DOXYGEN doxygen REQUIRED)
+set(reference ${PROJECT_BINARY_DIR}/reference)
+file(GLOB_RECURSE described CONFIGURE_DEPENDS include/*.h platform/*/include/*.h tests/support/*.h)
+add_custom_command(OUTPUT ${reference}/html/index.html
+  COMMAND sh -c "{ cat docs/Doxyfile; echo OUTPUT_DIRECTORY = ${reference}; } | ${DOXYGEN} -"
+  DEPENDS docs/Doxyfile ${described} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM
+  COMMENT "Writing the API reference")
+add_custom_target(tern-reference ALL DEPENDS ${reference}/html/index.html)
+install(DIRECTORY ${reference}/html/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc/reference
+  COMPONENT doc)
 
 if(TERN_BUILD_TEST_SUPPORT)
   list(APPEND CPACK_COMPONENTS_ALL test-support)
@@ -59,7 +74,8 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "${TERN_PACKAGE_MAINTAINER}")
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/debian)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
+# Stripped, with what was stripped in packages of its own, for reading a crash from the field.
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
   WORLD_READ WORLD_EXECUTE)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/staged.cmake)

@@ -41,7 +41,14 @@ for deb in "${debs[@]}"; do
 done
 
 # Root may run it here: the files are our own.
-check "lintian finds no error" lintian --allow-root --fail-on error "${debs[@]}"
+check "lintian finds neither error nor warning" lintian --allow-root --fail-on error,warning "${debs[@]}"
+
+# What was stripped is in packages of its own, found by the build id, and explains the very library that is shipped.
+for package in libtern-dbus-service0 tern-thermostat; do
+    symbols=("$packages/$package-dbgsym_"*)
+    [ ${#symbols[@]} -eq 1 ] && dpkg-deb -x "${symbols[0]}" "$work/symbols" || fail "$package has no debug symbols package"
+done
+debug_file() { readelf -n "$1" | sed -nE 's!.*Build ID: (..)(.*)!usr/lib/debug/.build-id/\1/\2.debug!p'; }
 
 # A root of its own with this machine's package data base, so that dependencies count.
 mkdir -p "$root"/{etc,var/lib/dpkg/{info,updates,triggers}}
@@ -75,7 +82,7 @@ only() {
         while read -r path; do [ -d "$root$path" ] || echo "$path"; done | grep -vE "^/($pattern)$")
     [ -z "$extra" ] && ok "$package: nothing else" || fail "$package holds also: $extra"
 }
-documents="usr/share/doc/PACKAGE/(copyright|changelog(\.Debian)?\.gz)"
+documents="usr/share/doc/PACKAGE/(copyright|changelog(\.Debian)?\.gz)|usr/share/lintian/overrides/PACKAGE"
 so_files="" so_links="" pc_files=""
 for library in tern-dbus-service tern-foundation tern-basic-log; do
     so_files+=" $lib/lib$library.so.0 $lib/lib$library.so.${version%-*}"
@@ -87,16 +94,18 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
 {
     content libtern-dbus-service0 $so_files
     content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
-        $lib/libtern-test-support.a usr/bin/tern-new-extension \
+        $lib/libtern-test-support.a $lib/pkgconfig/libtern-test-support.pc usr/bin/tern-new-extension \
         usr/share/libtern-dbus-service/extension/CMakeLists.txt.in usr/share/man/man1/tern-new-extension.1.gz usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
-    content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/packaging.md} \
+    content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/{packaging,tutorial}.md} \
+        usr/share/doc/libtern-dbus-service-doc/reference/{index,files}.html \
+        usr/share/doc/libtern-dbus-service-doc/examples/tutorial/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp}
     content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl \
-        usr/share/man/man1/thermostatctl.1.gz usr/share/dbus-1/system.d/com.example.Thermostat.conf \
+        usr/share/man/man1/thermostatctl.1.gz usr/share/man/man8/tern-thermostat.8.gz usr/share/dbus-1/system.d/com.example.Thermostat.conf \
         usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \
         usr/lib/sysusers.d/tern-thermostat.conf etc/tern-thermostat.ini
 }
-only libtern-dbus-service0 "$lib/libtern-[a-z-]+\.so\.0(\.[0-9.]+)?|${documents/PACKAGE/libtern-dbus-service0}"
+only libtern-dbus-service0 "$lib/libtern-[a-z-]+\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-dbus-service0}"
 [ -z "$(find "$root/usr" "$root/etc" \( ! -user root -o ! -group root -o -perm /o+w ! -type l \) -print -quit)" ] &&
     ok "everything is root's" || fail "owners or modes"
 
@@ -106,6 +115,8 @@ for library in tern-dbus-service tern-foundation tern-basic-log; do
     grep -q "SONAME.*\[lib$library\.so\.0\]" "$work/dynamic" && ok "$library: soname" || fail "$library: soname"
     grep -qE 'RPATH|RUNPATH' "$work/dynamic" && fail "$library: search path inside"
     readelf -S "$file" | grep -q '\.debug_info' && fail "$library is not stripped"
+    readelf -S "$work/symbols/$(debug_file "$file")" 2>/dev/null | grep -q '\.debug_info' && ok "$library: debug symbols" ||
+        fail "$library has no debug symbols"
     grep -qaF "${source%/}/" "$file" && fail "$library: a path of the build machine"
     grep -q "^lib$library 0 libtern-dbus-service0 " "$root/var/lib/dpkg/info/libtern-dbus-service0.shlibs" ||
         fail "$library: shlibs"
@@ -129,6 +140,19 @@ unit=$root/usr/lib/systemd/system/tern-thermostat.service
 for line in Type=notify WatchdogSec= Restart=on-failure NoNewPrivileges=yes ProtectSystem=strict; do
     grep -q "^$line" "$unit" && ok "unit has $line" || fail "unit has no $line"
 done
+# Systemd's own reading of the unit, with the units and programs that it names; a mistake has to be noticed.
+mkdir -p "$root/usr/lib/systemd/system"
+for other in multi-user sysinit basic shutdown sockets; do
+    printf '[Unit]\nDescription=stands in\n' >"$root/usr/lib/systemd/system/$other.target"
+done
+printf '[Socket]\nListenStream=/run/dbus/system_bus_socket\n' >"$root/usr/lib/systemd/system/dbus.socket"
+printf '[Service]\nExecStart=/usr/libexec/tern-thermostat\n' >"$root/usr/lib/systemd/system/dbus.service"
+verify() { systemd-analyze verify --man=no --root="$root" "$1" 2>&1; }
+seen=$(verify tern-thermostat.service) && [ -z "$seen" ] && ok "systemd reads the unit" || fail "systemd on the unit: $seen"
+sed 's/^WatchdogSec=.*/WatchdogSec=often/' "$unit" >"$root/usr/lib/systemd/system/mistaken.service"
+seen=$(verify mistaken.service)
+grep -qE 'mistaken\.service:[0-9]+: Failed to parse' <<<"$seen" && ok "systemd notices a mistake" || fail "systemd notices no mistake: $seen"
+rm "$root"/usr/lib/systemd/system/{mistaken.service,dbus.s*,*.target}
 check "unit's exposure" systemd-analyze security --no-pager --offline=true --threshold=20 "$unit"
 
 # Used from where it lies: the programs run, a foreign project builds and runs.

@@ -57,7 +57,7 @@ stage=$(mktemp -d)
 DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null || { echo "FAILED: nothing to install"; exit 1; }
 box_up
 cp -a "$stage/usr/." "$BOX_ROOT/usr/"
-cp -a "$stage/usr/etc/." "$BOX_ROOT/etc/"
+cp -a "$stage/etc/." "$BOX_ROOT/etc/"
 rm -rf "$stage"
 box ldconfig
 box systemd-sysusers 2>/dev/null
