@@ -83,10 +83,14 @@ StatusCode ConditionVariable::WaitFor(Lock& lock, int timeoutMs, std::function<b
 void ConditionVariable::CalculateAbsTimeout(int timeoutMs, timespec& deadline) {
     static_cast<void>(clock_gettime(CLOCK_MONOTONIC, &deadline));  // this clock is always there
     const int limitMs = std::max(timeoutMs, 0);
-    const std::int64_t nanoseconds =
+    std::int64_t nanoseconds =
         deadline.tv_nsec + (limitMs % MILLISECONDS_PER_SECOND) * NANOSECONDS_PER_MILLISECOND;
-    deadline.tv_sec += limitMs / MILLISECONDS_PER_SECOND + nanoseconds / NANOSECONDS_PER_SECOND;
-    deadline.tv_nsec = static_cast<decltype(deadline.tv_nsec)>(nanoseconds % NANOSECONDS_PER_SECOND);
+    deadline.tv_sec += limitMs / MILLISECONDS_PER_SECOND;
+    if (nanoseconds >= NANOSECONDS_PER_SECOND) {
+        nanoseconds -= NANOSECONDS_PER_SECOND;
+        ++deadline.tv_sec;
+    }
+    deadline.tv_nsec = static_cast<decltype(deadline.tv_nsec)>(nanoseconds);
 }
 
 StatusCode ConditionVariable::GetStatusCode(int error) {

@@ -63,10 +63,14 @@ public:
     void ThreadLoop(std::function<void()> notifyWork);
 
 private:
+    StatusCode WaitForWork(Lock& lock);
+    bool MayWakeOne();
     void LetWorkersLeave();
 
-    bool mRunning = false;   ///< owner's thread only
-    bool mStopping = false;  ///< guarded by mMutex
+    bool mRunning = false;     ///< owner's thread only
+    bool mStopping = false;    ///< guarded by mMutex
+    bool mWaking = false;      ///< guarded by mMutex; a worker has been notified and has not come yet
+    unsigned short mIdle = 0;  ///< guarded by mMutex; workers that wait
     mutable Mutex mMutex;
     ConditionVariable mCondition;
     std::vector<std::unique_ptr<Thread>> mThreads;  ///< owner's thread only
