@@ -1,5 +1,6 @@
 #include "process_execution/input_feeder.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <tern/foundation/log.h>
@@ -20,6 +21,11 @@ namespace {
 /// How far ahead the end of the text is looked for: more than a pipe takes at once, and still in the cache
 /// when it is written.
 constexpr std::size_t WINDOW = 1024UL * 1024;
+
+/// What a pipe holds by default.
+constexpr std::size_t PIPE_SIZE = 64UL * 1024;
+/// What it is made to hold for a longer input, so that feeder and program wait for each other more seldom.
+constexpr int LARGE_PIPE_SIZE = 256 * 1024;
 
 /// write(2) that answers EPIPE without a SIGPIPE: the signal, which goes to the writing thread, is held off
 /// and taken back. One that was pending before is not ours and stays. No other thread and no handler is
@@ -58,6 +64,10 @@ InputFeeder::InputFeeder(UniqueFd pipe, const char* text, pid_t pid)
     // Only this end: the program's own stays blocking, as programs expect. It cannot fail on a pipe.
     int on = 1;
     static_cast<void>(ioctl(mPipe.Get(), FIONBIO, &on));
+    if (mLeft > PIPE_SIZE) {
+        // Refused to users with many large pipes; then it goes on with the small one.
+        static_cast<void>(fcntl(mPipe.Get(), F_SETPIPE_SZ, LARGE_PIPE_SIZE));
+    }
 }
 
 void InputFeeder::Feed() {
