@@ -27,7 +27,7 @@ public:
         return readdir(mStream.get());  // NOLINT(concurrency-mt-unsafe)
     }
 
-    /// The next entry other than "." and "..", as NextOfAll.
+    /// The next entry other than "." and "..", as NextOfAll: look at `errno` behind a loop.
     const dirent* Next() {
         while (const dirent* entry = NextOfAll()) {
             const std::string_view name = entry->d_name;

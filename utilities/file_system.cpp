@@ -40,13 +40,14 @@ StatusCode ListEntries(const char* operation, const std::string& folder, unsigne
             take(std::string(entry->d_name));
         }
     }
+    const StatusCode status = errno == 0 ? StatusCode::Ok : FailedToReadDirectory(operation, folder, errno);
     if (directory.Close() != 0) {
         // Meant: the list is complete, so the caller has it as a success.
         const int error = errno;
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to close directory [%s], errno: %s", operation,
                        folder.c_str(), ErrorText(error));
     }
-    return StatusCode::Ok;
+    return status;
 }
 
 bool HasExtension(const std::string& name, const std::string& extension) {
@@ -98,7 +99,7 @@ StatusCode FileSystem::IsFolderEmpty(const std::string& folder, bool& empty) con
         return StatusCode::NotFound;
     }
     empty = directory.Next() == nullptr;
-    return StatusCode::Ok;
+    return empty && errno != 0 ? FailedToReadDirectory("IsFolderEmpty", folder, errno) : StatusCode::Ok;
 }
 
 StatusCode FileSystem::RenameFile(const std::string& from, const std::string& to) {

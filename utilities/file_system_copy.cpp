@@ -119,6 +119,9 @@ StatusCode CopyContent(const std::string& source, const std::string& destination
                           entry->d_name, static_cast<unsigned int>(entry->d_type));
         }
     }
+    if (errno != 0) {
+        result = FailedToReadDirectory(COPY_FOLDER_CONTENT, source, errno);
+    }
     if (directory.Close() != 0) {
         const int error = errno;
         TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to close directory, errno: %s", COPY_FOLDER_CONTENT,

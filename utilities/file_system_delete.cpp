@@ -82,6 +82,9 @@ StatusCode FileSystem::DeleteFolderContent(const std::string& folder, bool inclu
             result = status;
         }
     }
+    if (errno != 0) {
+        result = FailedToReadDirectory("DeleteFolderContent", folder, errno);
+    }
     return result;
 }
 

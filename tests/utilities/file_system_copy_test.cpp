@@ -39,6 +39,7 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 TERN_INTERPOSE(int, closedir, (DIR * stream), (stream))
+TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
 TERN_INTERPOSE(ssize_t, sendfile64, (int to, int from, off_t* offset, size_t count),
                (to, from, offset, count))
 TERN_INTERPOSE(int, chmod, (const char* path, mode_t mode), (path, mode))
@@ -349,6 +350,18 @@ TEST_P(FileSystemCopy, PathsAreJoinedAsTheyAre) {
     EXPECT_EQ(FileSystem::CopyFolderContent(from, bare, true, true), StatusCode::Ok);
     EXPECT_EQ(ContentOf(bare + "file"), "content");
     EXPECT_FALSE(Exists(to + "file"));
+}
+
+// What had been copied until a medium failed was a success once: half a backup was told as a whole one.
+TEST_P(FileSystemCopy, AFolderThatCannotBeReadToItsEndIsAFailure) {
+    MakeFile(from + "file", "content");
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Fail(nullptr, EIO, 1, 3);  // behind ".", ".." and the file
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::IoError);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Copied("file"), Error(LOGGER, "CopyFolderContent: Failed to read directory " +
+                                                              from + ", errno = Input/output error")));
 }
 
 TEST_P(FileSystemCopy, AFolderThatFailsToCloseIsCopied) {

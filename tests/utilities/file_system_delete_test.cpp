@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -32,6 +33,7 @@ using testing::IsEmpty;
 TERN_INTERPOSE(int, rmdir, (const char* path), (path))
 TERN_INTERPOSE(int, unlink, (const char* path), (path))
 TERN_INTERPOSE(int, remove, (const char* path), (path))
+TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
 
 namespace {
 
@@ -274,6 +276,16 @@ TEST_P(FileSystemDelete, DeletingContentReturnsTheLastOfSeveralFailures) {
         },
         2);
     EXPECT_EQ(FileSystem::DeleteFolderContent(tree, false, true), StatusCode::NotPermitted);
+}
+
+// What a failing medium hid was told as deleted.
+TEST_P(FileSystemDelete, ContentThatCannotBeReadToItsEndIsAFailure) {
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Fail(nullptr, EIO);
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::DeleteFolderContent(tree, true, true), StatusCode::IoError);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "DeleteFolderContent: Failed to read directory " +
+                                                             tree + ", errno = Input/output error")));
 }
 
 TEST_P(FileSystemDelete, AFolderOfTheContentThatStaysIsTold) {

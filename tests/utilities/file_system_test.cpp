@@ -156,6 +156,24 @@ TEST_F(FileSystemOnEveryKind, EntriesOfUnknownTypeAreNotListed) {
     EXPECT_THAT(folders, IsEmpty());
 }
 
+// A folder that could be read in part only, from a failing medium, gave a short list as a success, and one
+// that could not be read at all counted as empty: a backup of it would have been taken for whole.
+TEST_F(FileSystemOnEveryKind, AFolderThatCannotBeReadToItsEndIsReported) {
+    const FaultScope scope(fault_readdir64);
+    const std::string text = "Failed to read directory " + folder.Path() + ", errno = Input/output error";
+    const LogCapture log;
+    fault_readdir64.Fail(nullptr, EIO);
+    EXPECT_EQ(fileSystem.ListFiles(folder.Path(), files), StatusCode::IoError);
+    fault_readdir64.Fail(nullptr, EIO);
+    EXPECT_EQ(fileSystem.ListDirectories(folder.Path(), folders), StatusCode::IoError);
+    bool empty = false;
+    fault_readdir64.Fail(nullptr, EIO);
+    EXPECT_EQ(fileSystem.IsFolderEmpty(folder.Path(), empty), StatusCode::IoError);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "ListFilesWithFileNameExtension: " + text),
+                                           Error(LOGGER, "ListDirectories: " + text),
+                                           Error(LOGGER, "IsFolderEmpty: " + text)));
+}
+
 TEST_F(FileSystemOnEveryKind, AListingThatCannotOpenItsFolderFails) {
     const LogCapture log;
     EXPECT_EQ(fileSystem.ListFilesWithFileNameExtension(folder / "none", "txt", files), StatusCode::Failure);

@@ -40,7 +40,8 @@ public:
     /// is `extension`, given without its dot, whole and case-sensitively; every regular file when `extension`
     /// is empty. Earlier content of `files` stays. Links, also to regular files, are not listed, nor are
     /// entries whose type the file system does not tell (DT_UNKNOWN of readdir(3)).
-    /// Returns `Ok`, also when closing fails (logged); `Failure` when `folder` cannot be opened (opendir(3)).
+    /// Returns `Ok`, also when closing fails (logged); `Failure` when `folder` cannot be opened (opendir(3));
+    /// the status of errno when it cannot be read to its end, with what was read inserted.
     virtual StatusCode ListFilesWithFileNameExtension(const std::string& folder, const std::string& extension,
                                                       std::set<std::string>& files) const;
     /// `ListFilesWithFileNameExtension` with an empty extension.
@@ -53,8 +54,8 @@ public:
     virtual StatusCode FileExists(const std::string& path);
     /// `DeleteFile`.
     virtual StatusCode RemoveFile(const std::string& path);
-    /// Whether `folder` holds no entry. `NotFound` when it cannot be opened, for whatever reason; then
-    /// `empty` is true.
+    /// Whether `folder` holds no entry. `NotFound` when it cannot be opened, for whatever reason, the status
+    /// of errno when it cannot be read; then `empty` is true.
     virtual StatusCode IsFolderEmpty(const std::string& folder, bool& empty) const;
     /// `Rename`.
     virtual StatusCode RenameFile(const std::string& from, const std::string& to);
@@ -93,7 +94,8 @@ public:
     ///
     /// The copy goes on after a failure and returns what the last entry gave that was copied or failed: an
     /// earlier failure may be covered by a later success. `NotFound` when there was nothing to copy; empty
-    /// sub-folders count as copied. `Failure` when `source` cannot be opened. One descriptor is held a level.
+    /// sub-folders count as copied. `Failure` when `source` cannot be opened; the status of errno when it
+    /// cannot be read to its end, whatever came before. One descriptor is held a level.
     static StatusCode CopyFolderContent(const std::string& source, const std::string& destination,
                                         bool includeFolders, bool includeFiles);
     /// Removes a file, a link or an empty folder (remove(3)). `Ok`; the status of errno, logged at info level
@@ -101,7 +103,8 @@ public:
     static StatusCode DeleteFile(const std::string& path);
     /// Removes the regular files (`includeFiles`) and the folders with their trees (`includeFolders`) in
     /// `folder`; other entries and `folder` itself stay. Goes on after a failure and returns the last one;
-    /// `Ok` when there was none; `NotFound` when `folder` cannot be opened, for whatever reason.
+    /// `Ok` when there was none; `NotFound` when `folder` cannot be opened, for whatever reason; the status of
+    /// errno when it cannot be read to its end.
     static StatusCode DeleteFolderContent(const std::string& folder, bool includeFolders, bool includeFiles);
     /// `Ok` when there is an entry of any type at `path`, links followed (stat(2)); else `NotFound`, also
     /// when it could not be reached.
