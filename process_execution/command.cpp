@@ -39,12 +39,11 @@ std::string Join(const std::string* name, const std::vector<std::string>& argume
 
 /// Runs the started program to its end.
 StatusCode Attend(ChildProcess& child, const std::string& name, unsigned int timeoutMs,
-                  const std::string& input, std::string& output, int& waitStatus) {
+                  const std::string& input, OutputStream& stream, int& waitStatus) {
     // By c_str: an input is a text, which ends at its first zero byte.
     InputFeeder feeder(child.TakeInput(), input.c_str(), child.GetPid());
     feeder.Feed();
     child.CloseChildEnds();
-    OutputStream stream(output);
     const StatusCode opened = stream.Open(child.TakeOutput());
     if (opened != StatusCode::Ok) {
         return opened;
@@ -87,13 +86,15 @@ StatusCode Command::Execute(const std::string& input, const std::vector<std::str
     if (!input.empty()) {
         TERN_LOG_INFO(LOGGER, "Command input: '%s'", input.c_str());
     }
+    // Before the program runs: without memory for the stream there is no program either.
+    OutputStream stream(output);
     ChildProcess child;
     StatusCode status = child.Start(mPath, argv);
     if (status != StatusCode::Ok) {
         return status;
     }
     int waitStatus = 0;
-    status = Attend(child, mName, mTimeoutMs, input, output, waitStatus);
+    status = Attend(child, mName, mTimeoutMs, input, stream, waitStatus);
     if (status == StatusCode::Ok && WIFEXITED(waitStatus)) {
         exitCode = WEXITSTATUS(waitStatus);
         if (exitCode != 0) {

@@ -24,6 +24,9 @@ constexpr std::size_t PIECE = 127;
 
 }  // namespace
 
+OutputStream::OutputStream(std::string& output)
+    : mOutput(output), mTraced(output.size()), mBuffer(std::make_unique_for_overwrite<char[]>(CHUNK)) {}
+
 StatusCode OutputStream::Open(UniqueFd pipe) {
     mStream.reset(fdopen(pipe.Get(), "r"));
     if (mStream == nullptr) {
@@ -45,7 +48,6 @@ StatusCode OutputStream::Open(UniqueFd pipe) {
     }
     // Unbuffered: the chunk below is the buffer, and what the pipe holds is always what is left to read.
     static_cast<void>(setvbuf(mStream.get(), nullptr, _IONBF, 0));
-    mBuffer = std::make_unique_for_overwrite<char[]>(CHUNK);
     mFd = fd;
     return StatusCode::Ok;
 }
@@ -58,8 +60,10 @@ void OutputStream::Read() {
 
 void OutputStream::ReadRest() {
     int available = 0;
-    if (mFd >= 0 && ioctl(mFd, FIONREAD, &available) == 0) {
-        ReadUpTo(static_cast<std::size_t>(available));
+    if (mFd >= 0) {
+        // Not known how much: rather something that is written meanwhile than nothing.
+        const bool isKnown = ioctl(mFd, FIONREAD, &available) == 0;
+        ReadUpTo(isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
     }
     TraceLines(true);
 }

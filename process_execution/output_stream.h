@@ -17,7 +17,7 @@ namespace mwl::ProcessExecution {
 class OutputStream {
 public:
     /// `output` is what is appended to; it must outlive the stream, and nobody else may change it meanwhile.
-    explicit OutputStream(std::string& output) : mOutput(output), mTraced(output.size()) {}
+    explicit OutputStream(std::string& output);
 
     /// Takes the pipe and makes it non-blocking. A failure is logged: StreamError when no stream can be
     /// opened on it, the status of errno otherwise; the pipe is closed then.
@@ -41,7 +41,7 @@ private:
     int mLine = 0;
     Handle<FILE, fclose> mStream;
     int mFd = -1;
-    std::unique_ptr<char[]> mBuffer;
+    const std::unique_ptr<char[]> mBuffer;
 };
 
 }  // namespace mwl::ProcessExecution
