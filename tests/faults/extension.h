@@ -1,0 +1,91 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <tern/service/component.h>
+#include <tern/service/dbus_message_pipe.h>
+#include <tern/service/dbus_server_manager.h>
+#include <tern/service/event_loop.h>
+#include <tern/service/ipc_server.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/threads_monitor.h>
+
+#include <atomic>
+#include <string>
+
+#include "stage.h"
+
+namespace tern::test {
+
+/// What an extension puts on its bus: an object with a method, a property and a match, and a pipe by which
+/// other threads send it messages.
+class ExtensionServer : public mwl::DBusService::IpcServer {
+public:
+    mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override;
+    void Stop() override;
+
+    /// To be written to by any thread.
+    mw::tern::DBusMessagePipe& Pipe() { return mPipe; }
+    /// Messages that came through the pipe.
+    unsigned Received() const { return mReceived; }
+    bool IsStopped() const { return mStopped; }
+    /// Has the next message taken off the loop together with its watch; the result is told.
+    void RemoveWatchAtNextMessage() { mRemoveWatch = true; }
+    /// Cuts the connection, as a bus that dies does.
+    void LoseBus() const;
+    /// Of the removal; -1 before it.
+    int RemovalStatus() const { return mRemovalStatus; }
+
+private:
+    mw::tern::StatusCode OnMessage();
+
+    mw::tern::DBusMessagePipe mPipe;
+    mw::tern::EventLoop* mLoop = nullptr;
+    std::atomic<int> mBusFd{-1};
+    sd_bus_slot* mMatch = nullptr;
+    std::atomic<unsigned> mReceived{0};
+    std::atomic<bool> mStopped{false};
+    std::atomic<bool> mRemoveWatch{false};
+    std::atomic<int> mRemovalStatus{-1};
+};
+
+/// A whole extension in this process, and its client.
+class Extension {
+public:
+    explicit Extension(Stage& stage) : mStage(stage), mName(stage.BusName()) {}
+    /// Ends it, however far it came.
+    ~Extension();
+    Extension(const Extension&) = delete;
+    Extension& operator=(const Extension&) = delete;
+
+    /// True when it serves.
+    bool Start();
+    /// Waits until the D-Bus thread is about to end; false when it does not within a moment.
+    bool WaitForEnd();
+    void Join();
+
+    /// Has a process that would end as failed count as a report.
+    void TellFailure() { static_cast<void>(mStage.Accept(mMonitor.HasFailure() ? 1 : 0, "HasFailure")); }
+
+    /// As a client of the bus: calls "Count" with a dictionary of two entries.
+    bool Call();
+    /// Sets the property and reads it back.
+    bool UseProperty();
+
+    ExtensionServer& Server() { return mServer; }
+    mwl::Threading::ThreadsMonitor& Monitor() { return mMonitor; }
+
+private:
+    Stage& mStage;
+    const std::string mName;
+    mwl::Threading::Signals mSignals;
+    mwl::Threading::ThreadsMonitor mMonitor{mSignals};
+    ExtensionServer mServer;
+    mwl::DBusService::Component mComponent{mName, mMonitor, mServer};
+    bool mStarted = false;  ///< the D-Bus thread was made
+    bool mJoined = false;
+};
+
+/// A SIGTERM to the process, as systemd sends it.
+void SendStop();
+
+}  // namespace tern::test

@@ -1,0 +1,131 @@
+// Lets every call that our libraries make fail once, in every scenario, and looks at what comes of it.
+//
+//   fault_sweep [--shard K/N] [--scenario NAME [--case FUNCTION:OCCURRENCE:ERROR]] [--list]
+//   fault_sweep --catalogue         whether the catalogue knows everything that our libraries import
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "catalogue.h"
+#include "intercept.h"
+#include "scenarios.h"
+#include "support/private_bus.h"
+#include "sweep.h"
+
+namespace {
+
+using namespace tern::test;
+
+struct Options {
+    unsigned shard = 0;
+    unsigned shards = 1;
+    std::string scenario;  ///< empty for all
+    std::string theCase;   ///< empty for all
+    bool list = false;
+    bool catalogue = false;
+};
+
+bool Parse(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        if (option == "--list") {
+            options.list = true;
+        } else if (option == "--catalogue") {
+            options.catalogue = true;
+        } else if (i + 1 < argc && option == "--scenario") {
+            options.scenario = argv[++i];
+        } else if (i + 1 < argc && option == "--case") {
+            options.theCase = argv[++i];
+        } else if (i + 1 < argc && option == "--shard") {
+            char* end = nullptr;
+            options.shard = static_cast<unsigned>(strtoul(argv[++i], &end, 10));
+            options.shards = *end == '/' ? static_cast<unsigned>(strtoul(end + 1, nullptr, 10)) : 0;
+        } else {
+            return false;
+        }
+    }
+    return options.shards > options.shard;
+}
+
+/// FNV-1a: each shard finds the same cases, whatever order threads took in its own recording.
+unsigned ShardOf(const std::string& name, unsigned shards) {
+    unsigned hash = 2166136261U;
+    for (const char c : name) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+    }
+    return hash % shards;
+}
+
+void Print(const char* name, const Tally& tally) {
+    unsigned cases = 0;
+    std::string outcomes;
+    for (std::size_t i = 0; i < tally.size(); ++i) {
+        cases += tally[i];
+        if (tally[i] != 0) {
+            outcomes += ", " + std::to_string(tally[i]) + " " + NameOf(static_cast<Outcome>(i));
+        }
+    }
+    printf("%-28s %5u cases%s\n", name, cases, outcomes.c_str());
+}
+
+/// True when nothing came out that may not be, and at least one case was run.
+bool RunAll(const Options& options) {
+    const PrivateBus bus;
+    Sweep sweep;
+    bool good = true;
+    Tally total{};
+    for (const Scenario& scenario : Scenarios()) {
+        if (!options.scenario.empty() && options.scenario != scenario.name) {
+            continue;
+        }
+        const std::vector<Case> cases = sweep.FindCases(scenario);
+        good = good && !cases.empty();
+        Tally tally{};
+        for (const Case& theCase : cases) {
+            const std::string name = std::string(scenario.name) + " " + theCase.Name();
+            if (ShardOf(name, options.shards) != options.shard ||
+                (!options.theCase.empty() && options.theCase != theCase.Name())) {
+                continue;
+            }
+            if (options.list) {
+                printf("%s\n", name.c_str());
+                continue;
+            }
+            const auto outcome = static_cast<std::size_t>(sweep.Run(theCase));
+            ++tally[outcome];
+            ++total[outcome];
+            good = good && IsAllowed(static_cast<Outcome>(outcome));
+        }
+        if (!options.list) {
+            Print(scenario.name, tally);
+        }
+    }
+    if (!options.list) {
+        Print("all", total);
+    }
+    return good && (options.list || total != Tally{});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (!Parse(argc, argv, options)) {
+        fprintf(stderr, "usage: %s [--shard K/N] [--scenario NAME [--case CASE]] [--list] | --catalogue\n",
+                argv[0]);
+        return 2;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (options.catalogue) {
+        return CatalogueIsComplete() ? 0 : 1;
+    }
+    // Everything is logged, so that nothing is left out because nobody would read it.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet
+    setenv("TERN_LOG_LEVEL", "debug", 1);
+    Intercept::Install();
+    return RunAll(options) ? 0 : 1;
+}

@@ -1,0 +1,37 @@
+#include "stage.h"
+
+namespace tern::test {
+
+namespace {
+
+class Switched {
+public:
+    Switched() { Intercept::Switch(true); }
+    ~Switched() { Intercept::Switch(false); }
+    Switched(const Switched&) = delete;
+    Switched& operator=(const Switched&) = delete;
+};
+
+}  // namespace
+
+bool Stage::Accept(unsigned int status, const std::string& what) {
+    if (status != 0 && mRefused.empty()) {
+        mRefused =
+            what + ": " + mw::tern::ConvertStatusCodeToString(static_cast<mw::tern::StatusCode>(status));
+    }
+    return status == 0;
+}
+
+bool Stage::Expect(bool done, const std::string& what) {
+    if (!done && mMissing.empty()) {
+        mMissing = what;
+    }
+    return done;
+}
+
+void Stage::Sweep(const std::function<void()>& step) {
+    const Switched on;
+    step();
+}
+
+}  // namespace tern::test

@@ -1,0 +1,80 @@
+#include "stated.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace tern::test {
+
+namespace {
+
+/// "*" stands for all.
+struct Statement {
+    const char* outcome;
+    const char* scenario;
+    const char* function;
+    const char* failure;
+    const char* reason;
+};
+
+constexpr const char* LEFT_ALONE =
+    "a program whose run ended early by a failure is neither killed nor waited for";
+constexpr const char* INPUT_LOST = "input that a program does not take is told at info level";
+constexpr const char* END_OF_OUTPUT = "an error of the output's stream counts as its end";
+constexpr const char* SHORT_ENTRY = "an entry shorter than it claims is written with zeros behind it";
+constexpr const char* UNKNOWN_ENTRY = "an entry that libzip cannot describe is left out";
+
+constexpr const char* NO_TIMER = "a thread that never got its timer is detached, not stopped";
+
+constexpr Statement STATEMENTS[] = {
+    {"SILENT", "command-with-input", "write", "EIO", INPUT_LOST},
+    {"SILENT", "command-with-input", "write", "EPIPE", INPUT_LOST},
+    {"SILENT", "command-with-input", "write", "ENOSPC", INPUT_LOST},
+    {"SILENT", "command-with-input", "fread", "*", END_OF_OUTPUT},
+    {"LEFTOVER", "command-with-input", "fread", "*", "a program killed at its time limit is not waited for"},
+    {"LEFTOVER", "command-with-input", "fdopen", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-with-input", "fileno", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-with-input", "fcntl", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-with-input", "waitpid", "ECHILD", LEFT_ALONE},
+    {"LEFTOVER", "command-with-input", "_Znwm", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-with-input", "_Znwj", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-missing-program", "fdopen", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-missing-program", "fileno", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-missing-program", "fcntl", "*", LEFT_ALONE},
+    {"LEFTOVER", "command-missing-program", "waitpid", "ECHILD", LEFT_ALONE},
+    {"SILENT", "single-files", "fwrite", "*", "what becomes of the writing is not looked at"},
+    {"SILENT", "ini-file", "read", "nothing", "an end of the file is an end of the file"},
+    {"SILENT", "unzip", "write", "partial", "a short write counts as a success"},
+    {"SILENT", "unzip-encrypted", "write", "partial", "a short write counts as a success"},
+    {"SILENT", "unzip", "zip_fread", "*", SHORT_ENTRY},
+    {"SILENT", "unzip-encrypted", "zip_fread", "*", SHORT_ENTRY},
+    {"SILENT", "unzip", "zip_stat_index", "*", UNKNOWN_ENTRY},
+    {"SILENT", "unzip-encrypted", "zip_stat_index", "*", UNKNOWN_ENTRY},
+    {"SILENT", "message-objects", "sd_bus_message_enter_container", "*",
+     "the walk over the structures ends when the next one cannot be entered"},
+    {"SILENT", "message-strings", "sd_bus_message_enter_container", "*",
+     "the walk over the structures ends when the next one cannot be entered"},
+    {"SILENT", "service-call", "sd_bus_message_read_basic", "*",
+     "an array of strings ends at the first that cannot be read"},
+    {"SILENT", "logger", "*", "*", "what cannot be logged cannot be told either"},
+    {"DIED", "folder-monitor", "read", "*", "a monitor that ended by itself is not to be destroyed"},
+    {"LEFTOVER", "short-period-timer", "timer_create", "*", NO_TIMER},
+    {"LEFTOVER", "short-period-timer", "timer_settime", "*", NO_TIMER},
+};
+
+bool Fits(const char* pattern, const std::string& text) {
+    return std::string(pattern) == "*" || text == pattern;
+}
+
+}  // namespace
+
+const char* ReasonFor(const std::string& outcome, const std::string& scenario, const std::string& function,
+                      const std::string& failure) {
+    const auto* const found =
+        std::find_if(std::begin(STATEMENTS), std::end(STATEMENTS), [&](const Statement& statement) {
+            return Fits(statement.outcome, outcome) && Fits(statement.scenario, scenario) &&
+                   Fits(statement.function, function) && Fits(statement.failure, failure);
+        });
+    return found == std::end(STATEMENTS) ? nullptr : found->reason;
+}
+
+}  // namespace tern::test

@@ -1,0 +1,319 @@
+#include "sweep.h"
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+
+#include "blocks.h"
+#include "catalogue.h"
+#include "leftovers.h"
+#include "run_log.h"
+#include "stated.h"
+#include "support/wait_until.h"
+
+// Present under LeakSanitizer only.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's own name
+extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
+
+namespace tern::test {
+
+namespace {
+
+/// Generous for a scenario of a few milliseconds, under a sanitizer on a busy machine too.
+constexpr unsigned LIMIT_SECONDS = 20 * static_cast<unsigned>(SLOWNESS);
+/// A call in a loop fails in these of its rounds only; each request for memory once.
+constexpr unsigned ROUNDS_OF_ONE_CALL = 3;
+/// All calls of a function of libzip come from one place, that of our own function of this name.
+constexpr unsigned ROUNDS_OF_LIBZIP = 10;
+/// Something is left over when it is more after each of so many runs.
+constexpr int RUNS_FOR_LEFTOVERS = 3;
+
+bool IsMemory(const Failure& failure) {
+    return failure.way == Failure::Way::BadAlloc;
+}
+
+bool IsAllowedException(const std::exception& exception) {
+    return dynamic_cast<const std::bad_alloc*>(&exception) != nullptr ||
+           dynamic_cast<const std::system_error*>(&exception) != nullptr;
+}
+
+}  // namespace
+
+struct Sweep::Report {
+    Outcome outcome;
+    char text[4096];
+
+    void Set(Outcome theOutcome, const std::string& theText) {
+        outcome = theOutcome;
+        text[theText.copy(text, sizeof text - 1)] = '\0';
+    }
+};
+
+namespace {
+
+/// For the terminate handler, which gets no arguments.
+void (*gTold)(const char* what, bool allowed) = nullptr;
+
+[[noreturn]] void OnTerminate() {
+    std::string what = "no exception";
+    bool allowed = false;
+    if (const std::exception_ptr exception = std::current_exception()) {
+        try {
+            std::rethrow_exception(exception);
+        } catch (const std::exception& caught) {
+            what = caught.what();
+            allowed = IsAllowedException(caught);
+        } catch (...) {
+            what = "an exception of an unknown type";
+        }
+    }
+    gTold(what.c_str(), allowed);
+    _exit(0);
+}
+
+/// What one run of a scenario gave.
+struct RunResult {
+    std::string refused;
+    std::string missing;
+    std::string raised;
+    bool isAllowedException = true;
+    std::string log;
+
+    bool IsClean() const { return refused.empty() && missing.empty() && raised.empty(); }
+    std::string Describe() const {
+        return (refused.empty() ? "" : "refused: " + refused + "\n") +
+               (missing.empty() ? "" : "not done: " + missing + "\n") +
+               (raised.empty() ? "" : "raised: " + raised + "\n") + log;
+    }
+};
+
+/// In a child: runs the scenario again and again.
+class Runner {
+public:
+    Runner(const Scenario& scenario, const std::string& folder) : mScenario(scenario), mFolder(folder) {
+        Intercept::WatchLogger(scenario.isLoggers);
+    }
+
+    RunResult Run(const CallPoint* armed = nullptr, const Failure* failure = nullptr) {
+        const std::string number = std::to_string(getpid()) + "r" + std::to_string(mRuns++);
+        const std::string folder = mFolder + "/" + std::to_string(getpid());  // the same: it is in messages
+        std::filesystem::create_directory(folder);
+        Stage stage(folder, number);
+        RunResult result;
+        Intercept::Begin(armed, failure);
+        try {
+            mScenario.run(stage);
+        } catch (const std::exception& exception) {
+            result.raised = exception.what();
+            result.isAllowedException = IsAllowedException(exception);
+        }
+        Intercept::Switch(false);
+        std::filesystem::remove_all(folder);
+        result.refused = stage.Refused();
+        result.missing = stage.Missing();
+        result.log = mLog.Take();
+        return result;
+    }
+
+private:
+    const Scenario& mScenario;
+    const std::string mFolder;
+    RunLog mLog;
+    unsigned mRuns = 0;
+};
+
+void PrepareChild() {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    alarm(LIMIT_SECONDS);
+}
+
+/// Whether there is a warning or worse that the run without a failure did not have.
+bool HasWarned(const RunResult& clean, const RunResult& result) {
+    const std::multiset<std::string> usual = RunLog::Warnings(clean.log);
+    const std::multiset<std::string> now = RunLog::Warnings(result.log);
+    return !std::includes(usual.begin(), usual.end(), now.begin(), now.end());
+}
+
+Outcome Judge(const Case& theCase, const RunResult& clean, const RunResult& result) {
+    if (!Intercept::WasMet()) {
+        return Outcome::NotMet;
+    }
+    if (!result.raised.empty()) {
+        return result.isAllowedException ? Outcome::Raised : Outcome::Died;
+    }
+    if (!result.refused.empty() || HasWarned(clean, result)) {
+        return Outcome::Reported;
+    }
+    if (result.missing.empty()) {
+        return Outcome::Absorbed;
+    }
+    return theCase.IsStated(Outcome::Silent) ? Outcome::Stated : Outcome::Silent;
+}
+
+}  // namespace
+
+bool Case::IsStated(Outcome outcome) const {
+    return ReasonFor(NameOf(outcome), scenario->name, Catalogue()[point.function].name, failure->name) !=
+           nullptr;
+}
+
+std::string Case::Name() const {
+    return std::string(Catalogue()[point.function].name) + ":" + std::to_string(point.occurrence) +
+           (point.inFork ? "f:" : ":") + failure->name;
+}
+
+Sweep::Sweep()
+    : mReport(static_cast<Report*>(
+          mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    if (mReport == MAP_FAILED) {
+        throw std::runtime_error("no memory for the report");
+    }
+    static Report* report = nullptr;
+    report = mReport;
+    gTold = [](const char* what, bool allowed) {
+        report->Set(allowed ? Outcome::Ended : Outcome::Died, what);
+    };
+}
+
+std::vector<Case> Sweep::FindCases(const Scenario& scenario) {
+    mReport->Set(Outcome::Died, "");
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        RecordMain(scenario);
+    }
+    Attend(pid, scenario.name);
+    std::vector<Case> cases;
+    if (mReport->outcome != Outcome::Absorbed) {
+        printf("%s: %s without a failure\n%s\n", scenario.name, NameOf(mReport->outcome), mReport->text);
+        return cases;
+    }
+    std::map<std::pair<unsigned, std::uintptr_t>, unsigned> rounds;
+    for (unsigned index = 0; index < Intercept::SeenCount(); ++index) {
+        const SeenCall call = Intercept::Seen(index);
+        const unsigned round = rounds[{call.point.function, call.site}]++;
+        const Faultable& function = Catalogue()[call.point.function];
+        const bool isLibzip = std::string(function.name).starts_with("zip_");
+        for (const Failure& failure : function.failures) {
+            if (round < (IsMemory(failure) ? 1 : isLibzip ? ROUNDS_OF_LIBZIP : ROUNDS_OF_ONE_CALL)) {
+                cases.push_back({&scenario, call.point, &failure});
+            }
+        }
+    }
+    return cases;
+}
+
+Outcome Sweep::Run(const Case& theCase) {
+    mReport->Set(Outcome::Died, "");
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        CaseMain(theCase);
+    }
+    Attend(pid, theCase.scenario->name);
+    if (!IsAllowed(mReport->outcome) && theCase.IsStated(mReport->outcome)) {
+        mReport->outcome = Outcome::Stated;
+    }
+    if (!IsAllowed(mReport->outcome)) {
+        printf("%s: --scenario %s --case %s\n%s\n", NameOf(mReport->outcome), theCase.scenario->name,
+               theCase.Name().c_str(), mReport->text);
+    }
+    return mReport->outcome;
+}
+
+void Sweep::RecordMain(const Scenario& scenario) {
+    PrepareChild();
+    Runner runner(scenario, mFolder.Path());
+    RunResult result = runner.Run();
+    if (result.IsClean()) {
+        result = runner.Run();
+    }
+    mReport->Set(result.IsClean() ? Outcome::Absorbed : Outcome::Broken, result.Describe());
+    _exit(0);
+}
+
+void Sweep::CaseMain(const Case& theCase) {
+    PrepareChild();
+    std::set_terminate(OnTerminate);
+    Runner runner(*theCase.scenario, mFolder.Path());
+    const RunResult clean = runner.Run();
+    if (!clean.IsClean()) {
+        mReport->Set(Outcome::Broken, clean.Describe());
+        _exit(0);
+    }
+    Outcome outcome = Outcome::NotMet;
+    std::string grown;
+    for (int round = 0; round < RUNS_FOR_LEFTOVERS; ++round) {
+        Holdings before = Holdings::Take(0);
+        before.blocks = CountBlocks();  // those that hold `before` included
+        {
+            const RunResult result = runner.Run(&theCase.point, theCase.failure);
+            if (round == 0) {
+                outcome = Judge(theCase, clean, result);
+                mReport->Set(outcome, result.Describe());  // where it takes no memory of this process's
+            }
+        }
+        // A failure may let something be made that is made once.
+        grown = Holdings::Take(before.threads).Since(before);
+        if (grown.empty() || outcome == Outcome::NotMet || !IsAllowed(outcome) ||
+            theCase.IsStated(Outcome::Leftover)) {
+            break;
+        }
+    }
+    if (IsAllowed(outcome) && outcome != Outcome::NotMet) {
+        std::string text = mReport->text;
+        const RunResult last = runner.Run();
+        if (!last.IsClean()) {
+            text += "then without a failure:\n" + last.Describe();
+            outcome = Outcome::Lasting;
+        } else if (!grown.empty() && theCase.IsStated(Outcome::Leftover)) {
+            outcome = Outcome::Stated;
+        } else if (!grown.empty()) {
+            text += "left over after each of three runs: " + grown;
+            outcome = Outcome::Leftover;
+        } else if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0) {
+            text += "memory was lost";
+            outcome = Outcome::Leftover;
+        }
+        mReport->Set(outcome, text);
+    }
+    _exit(0);
+}
+
+void Sweep::Attend(int pid, const std::string& name) {
+    if (pid < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFSIGNALED(status)) {
+        const bool hung = WTERMSIG(status) == SIGALRM;
+        mReport->Set(hung ? Outcome::Hung : Outcome::Died, name + ": signal " + strsignal(WTERMSIG(status)));
+    } else if (WEXITSTATUS(status) != 0) {
+        mReport->Set(Outcome::Died, name + ": exit status " + std::to_string(WEXITSTATUS(status)));
+    }
+}
+
+const char* NameOf(Outcome outcome) {
+    static constexpr const char* NAMES[] = {"not met", "absorbed", "reported", "raised", "ended", "stated",
+                                            "SILENT",  "LEFTOVER", "LASTING",  "HUNG",   "DIED",  "BROKEN"};
+    return NAMES[static_cast<std::size_t>(outcome)];
+}
+
+}  // namespace tern::test

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+#include "intercept.h"
+#include "stage.h"
+#include "support/temp_folder.h"
+
+namespace tern::test {
+
+/// How a run with one failing call came out.
+enum class Outcome {
+    // What may be.
+    NotMet,    ///< the call did not come this time: threads took another order
+    Absorbed,  ///< everything was done all the same
+    Reported,  ///< a failing status, or a message of warning or worse
+    Raised,    ///< std::bad_alloc or std::system_error reached the caller
+    Ended,     ///< the same on a thread of the library's: the process ended by it
+    Stated,    ///< what may not be, but is stated
+    // What may not be.
+    Silent,    ///< something was not done and nothing told
+    Leftover,  ///< the process holds more than before
+    Lasting,   ///< without the failure the scenario does not work any more
+    Hung,      ///< not over in time
+    Died,      ///< ended by a signal, or by an exception that is not one of the two
+    Broken,    ///< already the run without a failure does not work
+    Count
+};
+
+/// One scenario, one call of it, one error.
+struct Case {
+    const Scenario* scenario;
+    CallPoint point;
+    const Failure* failure;
+
+    /// "function:occurrence:error", with "f" behind the occurrence for a call of a forked child.
+    std::string Name() const;
+    /// Whether this is stated to come out so.
+    bool IsStated(Outcome outcome) const;
+};
+
+/// Runs scenarios with one failing call each, every run in a process of its own. Create it before the first
+/// thread; the import tables are to be prepared already (Intercept::Install).
+class Sweep {
+public:
+    Sweep();
+    Sweep(const Sweep&) = delete;
+    Sweep& operator=(const Sweep&) = delete;
+
+    /// All cases of a scenario, from the calls that it makes when nothing fails. Empty when it does not work;
+    /// why is printed.
+    std::vector<Case> FindCases(const Scenario& scenario);
+
+    /// Runs one case; what may not be is printed with the command that repeats it.
+    Outcome Run(const Case& theCase);
+
+private:
+    struct Report;
+
+    [[noreturn]] void RecordMain(const Scenario& scenario);
+    [[noreturn]] void CaseMain(const Case& theCase);
+    /// Waits for the child; false when it died or was hung.
+    void Attend(int pid, const std::string& name);
+
+    TempFolder mFolder;
+    Report* mReport;  ///< shared with the children
+};
+
+/// For the table at the end.
+const char* NameOf(Outcome outcome);
+constexpr bool IsAllowed(Outcome outcome) {
+    return outcome < Outcome::Silent;
+}
+using Tally = std::array<unsigned, static_cast<std::size_t>(Outcome::Count)>;
+
+}  // namespace tern::test
