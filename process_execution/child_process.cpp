@@ -9,7 +9,6 @@
 
 #include "foundation/error_text.h"
 #include "process_execution/logger.h"
-#include "process_execution/quick_fork.h"
 
 namespace mwl::ProcessExecution {
 
@@ -23,41 +22,31 @@ struct StartFailure {
     int error;
 };
 
-/// What a child needs of its parent.
-struct Plan {
-    const char* path;
-    char* const* argv;
-    const Pipe& input;
-    const Pipe& output;
-    int reportFd;
-};
-
-/// The child does not log: another thread of the parent may hold the logger's or the allocator's locks, and
-/// the message would land in the program's output. Gives the child's exit status.
-int FailInChild(int reportFd, Stage stage) {
+/// The child does not log: another thread of the parent may have held the logger's or the allocator's locks
+/// at the fork, and the message would land in the program's output.
+[[noreturn]] void FailInChild(int reportFd, Stage stage) {
     const StartFailure failure{stage, errno};
     // The pipe is empty and of this child alone: nothing is left to do when even this fails.
     static_cast<void>(!write(reportFd, &failure, sizeof failure));
-    return 1;
+    _exit(1);
 }
 
-/// The child until it executes the program: nothing here may allocate, lock or change anything of the
-/// parent's.
-int RunChild(void* argument) {
-    const Plan& plan = *static_cast<const Plan*>(argument);
-    if (dup2(plan.input.readEnd.Get(), STDIN_FILENO) < 0) {
-        return FailInChild(plan.reportFd, Stage::Stdin);
+/// Between fork and exec: nothing here may allocate, lock or run the parent's clean-up.
+[[noreturn]] void RunChild(const char* path, char* const* argv, const Pipe& input, const Pipe& output,
+                           int reportFd) {
+    if (dup2(input.readEnd.Get(), STDIN_FILENO) < 0) {
+        FailInChild(reportFd, Stage::Stdin);
     }
-    if (dup2(plan.output.writeEnd.Get(), STDOUT_FILENO) < 0) {
-        return FailInChild(plan.reportFd, Stage::Stdout);
+    if (dup2(output.writeEnd.Get(), STDOUT_FILENO) < 0) {
+        FailInChild(reportFd, Stage::Stdout);
     }
-    if (dup2(plan.output.writeEnd.Get(), STDERR_FILENO) < 0) {
-        return FailInChild(plan.reportFd, Stage::Stderr);
+    if (dup2(output.writeEnd.Get(), STDERR_FILENO) < 0) {
+        FailInChild(reportFd, Stage::Stderr);
     }
-    static_cast<void>(close(plan.input.writeEnd.Get()));
-    static_cast<void>(close(plan.output.readEnd.Get()));
-    static_cast<void>(execv(plan.path, plan.argv));
-    return FailInChild(plan.reportFd, Stage::Execute);
+    static_cast<void>(close(input.writeEnd.Get()));
+    static_cast<void>(close(output.readEnd.Get()));
+    static_cast<void>(execv(path, argv));
+    FailInChild(reportFd, Stage::Execute);
 }
 
 /// By number, as C libraries before 2.36 have no function for it. A kernel before 5.3 answers ENOSYS.
@@ -87,12 +76,15 @@ StatusCode ChildProcess::Start(const std::string& path, const std::vector<char*>
     if (!mFailure.Open(O_NONBLOCK)) {
         return mw::tern::MakeStatusCodeFromErrno(errno);
     }
-    Plan plan{path.c_str(), argv.data(), mInput, mOutput, mFailure.writeEnd.Get()};
-    mPid = QuickFork(RunChild, &plan);
+    const char* const program = path.c_str();
+    mPid = fork();
     if (mPid < 0) {
         const int error = errno;
         TERN_LOG_ERROR(LOGGER, "Fork process failed with error code: [%s]", ErrorText(error));
         return mw::tern::MakeStatusCodeFromErrno(error);
+    }
+    if (mPid == 0) {
+        RunChild(program, argv.data(), mInput, mOutput, mFailure.writeEnd.Get());
     }
     mPidFd.Reset(OpenPidFd(mPid));
     return StatusCode::Ok;

@@ -32,8 +32,7 @@
 TERN_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags))
 TERN_INTERPOSE_TIME(int, fcntl64, __fcntl_time64, (int fd, int operation, long argument),
                     (fd, operation, argument))
-TERN_INTERPOSE(int, clone, (int (*body)(void*), void* stack, int flags, void* argument),
-               (body, stack, flags, argument))
+TERN_INTERPOSE(pid_t, fork, (), ())
 TERN_INTERPOSE(int, dup2, (int from, int to), (from, to))
 TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 TERN_INTERPOSE(FILE*, fdopen, (int fd, const char* mode), (fd, mode))
@@ -811,43 +810,6 @@ TEST_F(CommandTest, AFailedDuplicationIsReportedByTheParent) {
     }
 }
 
-// The child shares the parent's memory until it executes: a handler would run on that.
-TEST_F(CommandTest, NoHandlerOfTheParentRunsInTheChild) {
-    static std::atomic<int> calls{0};
-    struct sigaction former {};
-    struct sigaction action {};
-    action.sa_handler = [](int) { ++calls; };
-    ASSERT_EQ(sigaction(SIGUSR2, &action, &former), 0);
-    {
-        FaultScope scope(fault_dup2);
-        fault_dup2.Replace([](int, int) {
-            kill(getpid(), SIGUSR2);
-            return -1;
-        });
-        LogCapture log;
-        ExpectEnd(RunProgram(Command("/bin/echo", LIMIT_MS), {}), 1, "");
-        // Its default action ended the child.
-        EXPECT_THAT(Messages(log), Contains(Trace(NAME, "PID[N] Process completed, exit status [" +
-                                                            std::to_string(SIGUSR2) + "]")));
-    }
-    EXPECT_EQ(calls, 0);
-    // And the parent has kept it.
-    raise(SIGUSR2);
-    EXPECT_EQ(calls, 1);
-    sigaction(SIGUSR2, &former, nullptr);
-}
-
-TEST_F(CommandTest, TheCallerKeepsItsSignalMask) {
-    sigset_t before;
-    pthread_sigmask(SIG_SETMASK, nullptr, &before);
-    ExpectEnd(RunProgram(Command("/bin/true", LIMIT_MS), {}), 0, "");
-    sigset_t after;
-    pthread_sigmask(SIG_SETMASK, nullptr, &after);
-    for (int number = 1; number < NSIG; ++number) {
-        EXPECT_EQ(sigismember(&after, number), sigismember(&before, number)) << number;
-    }
-}
-
 // Failing calls in the parent
 
 TEST_F(CommandTest, FailingPipes) {
@@ -869,9 +831,9 @@ TEST_F(CommandTest, FailingPipes) {
 }
 
 TEST_F(CommandTest, AFailingFork) {
-    FaultScope scope(fault_clone);
+    FaultScope scope(fault_fork);
     LogCapture log;
-    fault_clone.Fail(-1, EAGAIN);
+    fault_fork.Fail(-1, EAGAIN);
     const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {}, "text");
     EXPECT_EQ(outcome.status, StatusCode::ResourceUnavailable);
     EXPECT_EQ(outcome.exitCode, 1);
@@ -1073,11 +1035,11 @@ TEST_F(CommandTest, AParentWithoutStandardDescriptorsWhosePipeCannotBeMoved) {
 
 // The other program is started where a second thread's would do most harm: between pipes and fork.
 TEST_F(CommandTest, ProgramsRunAtOnceDoNotInheritEachOthersPipes) {
-    FaultScope scope(fault_clone);
+    FaultScope scope(fault_fork);
     std::string inner;
-    fault_clone.Replace([&](int (*body)(void*), void* stack, int flags, void* argument) {
+    fault_fork.Replace([&] {
         inner = RunScript(LIST_DESCRIPTORS).output;
-        return fault_clone.Real(body, stack, flags, argument);
+        return fault_fork.Real();
     });
     EXPECT_EQ(ParseDescriptors(RunScript(LIST_DESCRIPTORS).output), ExpectedDescriptors());
     EXPECT_EQ(ParseDescriptors(inner), ExpectedDescriptors());
