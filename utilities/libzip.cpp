@@ -17,7 +17,7 @@ const char* LoadLibzip() {
     if (dlopen(TERN_LIBZIP, RTLD_NOW | RTLD_GLOBAL) != nullptr) {
         return nullptr;
     }
-    const char* const reason = dlerror();
+    const char* const reason = dlerror();  // NOLINT(concurrency-mt-unsafe): one for each thread
     return reason != nullptr ? reason : TERN_LIBZIP;
 }
 

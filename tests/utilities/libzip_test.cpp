@@ -71,7 +71,7 @@ TEST(Libzip, ThatIsNotThereForNoKnownReasonIsNamed) {
     const TempFolder folder;
     const LogCapture log(3);
     const FaultScope scope(fault_dlopen);
-    dlerror();  // nothing is left from before
+    dlerror();  // NOLINT(concurrency-mt-unsafe): nothing is left from before
     fault_dlopen.Fail(nullptr);
     EXPECT_EQ(Zipper::Zip(folder.Path(), folder / "new.zip", ""), StatusCode::Failure);
     ASSERT_EQ(log.Entries().size(), 1U);
