@@ -12,9 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
-// Present in coverage builds only: a child that leaves by _exit writes its counts here.
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the compiler's own name
-extern "C" void __gcov_dump() __attribute__((weak));
+#include "dump_coverage.h"
 
 namespace tern::test {
 
@@ -40,6 +38,9 @@ bool Drain(int fd, std::string& bytes) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(errorFd, STDERR_FILENO);
     ForwardLogTo(logFd);
+#ifdef TERN_COVERAGE
+    signal(SIGABRT, [](int) { DumpCoverage(); });  // abort ends the process when its handler returns
+#endif
     int code = 125;
     try {
         code = body();
@@ -47,9 +48,7 @@ bool Drain(int fd, std::string& bytes) {
         fprintf(stderr, "exception in the child: %s\n", exception.what());
     }
     fflush(nullptr);
-    if (__gcov_dump != nullptr) {
-        __gcov_dump();
-    }
+    DumpCoverage();
     _exit(code);
 }
 
