@@ -171,6 +171,21 @@ TEST_F(DBusClientManagerTest, JoinsTheNamesThatAreThereAndThoseThatACallWouldSta
     EXPECT_THAT(names, ElementsAre("com.example.asleep", "com.example.both", "com.example.running"));
 }
 
+// sd-bus makes no array of no names.
+TEST_F(DBusClientManagerTest, ListsWithoutNamesAddNone) {
+    const FaultScope scope(fault_sd_bus_list_names);
+    fault_sd_bus_list_names.Replace([](sd_bus*, char*** acquired, char*** activatable) {
+        *acquired = nullptr;
+        *activatable = nullptr;
+        return 0;
+    });
+    names = {"org.example.Known"};
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    EXPECT_EQ(manager.LookupServices("", names), StatusCode::Ok);
+    EXPECT_THAT(names, ElementsAre("org.example.Known"));
+    EXPECT_THAT(log.Entries(), testing::IsEmpty());
+}
+
 TEST_F(DBusClientManagerTest, ReportsAListThatCannotBeRead) {
     const FaultScope scope(fault_sd_bus_list_names);
     fault_sd_bus_list_names.Fail(-ETIMEDOUT);

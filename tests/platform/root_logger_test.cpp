@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "support/allocations.h"
+#include "support/dump_coverage.h"
 #include "support/interpose.h"
 
 // The real logger: this program does not link the capture. What is decided at first use is tested in
@@ -35,6 +36,9 @@ using testing::IsEmpty;
 TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 TERN_INTERPOSE_TIME(ssize_t, sendmsg, __sendmsg64, (int fd, const msghdr* message, int flags),
                     (fd, message, flags))
+TERN_INTERPOSE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
+TERN_INTERPOSE(ssize_t, writev, (int fd, const iovec* parts, int count), (fd, parts, count))
 // syslog(3) takes variable arguments; these are the ones that the logger gives it.
 TERN_INTERPOSE(int, syslog, (int priority, const char* format, const char* text), (priority, format, text))
 
@@ -50,6 +54,7 @@ pid_t StartChild(int errorFd, const std::function<void()>& body) {
         close(errorFd);
         unsetenv("JOURNAL_STREAM");
         body();
+        tern::test::DumpCoverage();
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
     return pid;
@@ -95,6 +100,14 @@ std::vector<std::string> AllMessages() {
     return {"<2>" + Prefix() + " critical\n", "<3>" + Prefix() + " error\n",
             "<4>" + Prefix() + " warning\n",  "<5>" + Prefix() + " notice\n",
             "<6>" + Prefix() + " info 1\n",   "<7>" + Prefix() + "[trace] LogAtEveryLevel: debug\n"};
+}
+
+/// In a child: its standard error passes for the journal's stream.
+void PretendJournal() {
+    struct stat status {};
+    ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(),
+           1);
 }
 
 /// The messages that a level text lets through.
@@ -303,10 +316,7 @@ TEST(RootLogger, TerminalGetsTimeAndColouredLevel) {
 
 TEST(RootLogger, JournalGetsStructuredEntries) {
     const std::vector<std::string> writes = WritesOf([] {
-        struct stat status {};
-        ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
-        setenv("JOURNAL_STREAM",
-               (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
+        PretendJournal();
         std::string entry;
         std::string address;
         fault_sendmsg.Replace([&](int, const msghdr* message, int) {
@@ -332,10 +342,7 @@ TEST(RootLogger, JournalGetsStructuredEntries) {
 TEST(RootLogger, JournalGetsLargeEntriesAsASealedMemoryFile) {
     EXPECT_THAT(
         WritesOf([] {
-            struct stat status {};
-            ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
-            setenv("JOURNAL_STREAM",
-                   (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
+            PretendJournal();
             const std::string text(300000, 'q');
             std::string content;
             int seals = 0;
@@ -361,6 +368,70 @@ TEST(RootLogger, JournalGetsLargeEntriesAsASealedMemoryFile) {
             EXPECT_TRUE(content.ends_with(text + "\n"));
         }),
         IsEmpty());
+}
+
+TEST(RootLogger, InterruptedSendToTheJournalIsRepeated) {
+    EXPECT_THAT(WritesOf([] {
+                    PretendJournal();
+                    int calls = 0;
+                    fault_sendmsg.Replace(
+                        [&](int, const msghdr*, int) {
+                            errno = EINTR;
+                            return static_cast<ssize_t>(calls++ == 0 ? -1 : 1);
+                        },
+                        2);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "once");
+                    EXPECT_EQ(calls, 2);
+                }),
+                IsEmpty());
+}
+
+TEST(RootLogger, WithoutADescriptorForTheJournalStandardErrorIsTaken) {
+    EXPECT_THAT(WritesOf([] {
+                    PretendJournal();
+                    fault_socket.Fail(-1, EMFILE);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "no socket");
+                }),
+                ElementsAre("<3>no socket\n"));
+}
+
+TEST(RootLogger, WithoutAMemoryFileForTheJournalStandardErrorIsTaken) {
+    const std::function<void()> provocations[] = {
+        [] { fault_memfd_create.Fail(-1, EMFILE); },
+        [] { fault_writev.Fail(-1, ENOSPC); },
+    };
+    for (const auto& provoke : provocations) {
+        for (const int refusal : {EMSGSIZE, ENOBUFS}) {
+            EXPECT_THAT(WritesOf([&] {
+                            PretendJournal();
+                            fault_sendmsg.Fail(-1, refusal);
+                            provoke();
+                            RootLogger::GetInstance().Print(TernLogLevel::Error, "too large");
+                            EXPECT_EQ(fault_sendmsg.Calls(), 1);
+                        }),
+                        ElementsAre("<3>too large\n"))
+                << refusal;
+        }
+    }
+}
+
+TEST(RootLogger, MessageThatCannotBeFormattedIsNotWritten) {
+    EXPECT_THAT(WritesOf([] {
+                    errno = ENOENT;
+                    // No character of the "C" locale.
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "%ls", L"\u20ac");
+                    EXPECT_EQ(errno, ENOENT);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "the next one");
+                }),
+                ElementsAre("<3>the next one\n"));
+}
+
+TEST(RootLogger, AnotherTargetThanSyslogChangesNothing) {
+    EXPECT_THAT(WritesOf([] {
+                    setenv("TERN_LOG_TARGET", "elsewhere", 1);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "plain");
+                }),
+                ElementsAre("<3>plain\n"));
 }
 
 TEST(RootLogger, JournalStreamOfAnotherDescriptorIsNotOurs) {

@@ -99,6 +99,16 @@ TEST_P(FileSystemCopyFile, AnExistingDestinationIsReplacedAndKeepsItsMode) {
     EXPECT_EQ(Inspect(to + "file").st_ino, inode);
 }
 
+// What is no regular file has no content to lose: it is written to as it is.
+TEST_P(FileSystemCopyFile, ADeviceMayBeTheDestination) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    fault_ftruncate64.Fail(-1, EINVAL);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", "/dev/null"), StatusCode::Ok);
+    EXPECT_EQ(fault_ftruncate64.Calls(), 0);
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
 TEST_P(FileSystemCopyFile, AFileCopiedOntoItselfStaysWhole) {
     MakeFile(from + "file", "precious");
     ASSERT_EQ(symlink("file", (from + "link").c_str()), 0);

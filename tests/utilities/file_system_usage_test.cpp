@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
@@ -28,6 +29,9 @@ using testing::IsEmpty;
 // The library's own look at an entry; the one of std::filesystem goes through another name.
 TERN_INTERPOSE_TIME(int, stat64, __stat64_time64, (const char* path, struct stat* information),
                     (path, information))
+
+TERN_INTERPOSE(DIR*, opendir, (const char* path), (path))
+TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
 
 namespace {
 
@@ -237,6 +241,36 @@ TEST_P(FileSystemUsage, AnEntryThatCannotBeMeasuredEndsTheWalkWithItsStatus) {
     EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "[GetDiskUsage] Couldn't get size of path '" +
                                                              (folder / "file") + "', status = IoError"),
                                            Error(LOGGER, FailedAt(folder / "file", "IoError"))));
+}
+
+TEST_P(FileSystemUsage, AFolderGivenWithASlashIsMeasuredTheSame) {
+    MakeFile(folder / "file", std::string(5000, 'x'));
+    const unsigned int expected = UsageOf(folder.Path()) + UsageOf(folder / "file");
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path() + "/", usage), StatusCode::Ok);
+    EXPECT_EQ(usage, expected);
+    fault_stat64.Fail(-1, EIO, 1, 1);
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path() + "/", usage), StatusCode::IoError);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, FailedAt(folder / "file", "IoError")));
+}
+
+TEST_P(FileSystemUsage, AFolderThatCannotBeOpenedEndsTheWalkWithTheStatusOfErrno) {
+    ASSERT_EQ(mkdir((folder / "sub").c_str(), 0755), 0);
+    const FaultScope scope(fault_opendir);
+    fault_opendir.Fail(nullptr, EMFILE, 1, 1);
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path(), usage), StatusCode::ResourceUnavailable);
+    EXPECT_EQ(usage, UsageOf(folder.Path()) + UsageOf(folder / "sub"));
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, FailedAt(folder / "sub", "ResourceUnavailable"))));
+}
+
+TEST_P(FileSystemUsage, AFolderThatCannotBeReadEndsTheWalkWithTheStatusOfErrno) {
+    MakeFile(folder / "file", "x");
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Fail(nullptr, EIO);
+    const std::size_t before = tern::test::CountDescriptors();
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path(), usage), StatusCode::IoError);
+    EXPECT_EQ(usage, UsageOf(folder.Path()));
+    EXPECT_EQ(tern::test::CountDescriptors(), before);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, FailedAt(folder.Path(), "IoError"))));
 }
 
 TEST_P(FileSystemUsage, AFolderThatCannotBeEnteredEndsTheWalkWithItsStatus) {

@@ -117,6 +117,7 @@ constexpr unsigned char ENCRYPTED_ZIP[] = {
 constexpr std::size_t ENCRYPTED_DIRECTORY_AT = 0x5B;
 constexpr std::size_t AUTHENTICATION_CODE_END = ENCRYPTED_DIRECTORY_AT;
 constexpr std::size_t SIZE_IN_DIRECTORY = 24;
+constexpr zip_uint64_t ENCRYPTED_SIZE = 45;
 
 std::string EncryptedZip() {
     return {reinterpret_cast<const char*>(ENCRYPTED_ZIP), sizeof ENCRYPTED_ZIP};
@@ -783,9 +784,24 @@ TEST_F(ZipperTest, AuthenticationThatCannotBeDoneCountsAsWrong) {
     const FaultScope rawScope(fault_zip_fopen_index);
     const FaultScope sourceScope(fault_zip_source_buffer_fragment_create);
     const FaultScope archiveScope(fault_zip_open_from_source);
+    const FaultScope readScope(fault_zip_fread);
     const std::function<void()> provocations[] = {
-        [] { fault_zip_fopen_index_encrypted.Fail(nullptr, 0, 1, 1); },
+        [] {
+            const auto failToDecrypt = [](zip_t* zip, zip_uint64_t index, zip_flags_t flags,
+                                          const char* password) {
+                return flags == ZIP_FL_COMPRESSED
+                           ? nullptr
+                           : fault_zip_fopen_index_encrypted.Real(zip, index, flags, password);
+            };
+            fault_zip_fopen_index_encrypted.Replace(failToDecrypt, 10);
+        },
         [] { fault_zip_fopen_index.Fail(nullptr); },
+        [] {
+            const auto failToReadEncrypted = [](zip_file_t* entry, void* buffer, zip_uint64_t size) {
+                return size == ENCRYPTED_SIZE ? -1 : fault_zip_fread.Real(entry, buffer, size);
+            };
+            fault_zip_fread.Replace(failToReadEncrypted, 10);
+        },
         [] { fault_zip_source_buffer_fragment_create.Fail(nullptr); },
         [] { fault_zip_open_from_source.Fail(nullptr, 0, 1, 1); },  // zip_open is one, too
     };
@@ -797,6 +813,7 @@ TEST_F(ZipperTest, AuthenticationThatCannotBeDoneCountsAsWrong) {
         EXPECT_THAT(ListFolder(target), IsEmpty());
         fault_zip_fopen_index_encrypted.Reset();
         fault_zip_open_from_source.Reset();
+        fault_zip_fread.Reset();
     }
     EXPECT_EQ(Unzip("secret"), StatusCode::Ok);
 }
