@@ -445,6 +445,27 @@ TEST(RootLogger, JournalStreamOfAnotherDescriptorIsNotOurs) {
     }
 }
 
+TEST(RootLogger, JournalStreamOfAnotherFileOnTheSameDeviceIsNotOurs) {
+    EXPECT_THAT(WritesOf([] {
+                    struct stat status {};
+                    ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+                    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":0").c_str(), 1);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "plain");
+                }),
+                ElementsAre("<3>plain\n"));
+}
+
+TEST(RootLogger, WithoutStandardErrorMessagesAreLostAndErrnoIsKept) {
+    EXPECT_THAT(WritesOf([] {
+                    setenv("JOURNAL_STREAM", "1:2", 1);
+                    close(STDERR_FILENO);
+                    errno = ENOENT;
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "nowhere");
+                    EXPECT_EQ(errno, ENOENT);
+                }),
+                IsEmpty());
+}
+
 TEST(RootLogger, SyslogGetsLevelAndMessageWhenAskedFor) {
     EXPECT_THAT(WritesOf([] {
                     setenv("TERN_LOG_TARGET", "syslog", 1);
