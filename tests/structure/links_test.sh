@@ -1,6 +1,6 @@
 #!/bin/bash
 # What the documents point at exists: their links and the files of the project that they name; every page of docs/ is
-# linked from the README; the change log begins with the version that is built.
+# linked from the README; the change log begins with the version that is built; CI's command is CI's.
 #   links_test.sh SOURCE_FOLDER
 set -u
 cd "$1" || exit 1
@@ -29,6 +29,8 @@ done
 for page in docs/*.md; do
     grep -qF "]($page)" README.md || fail "README.md does not link $page"
 done
+# What the README calls CI's command is that.
+grep -qF "(\`$(tail -n 1 .ci/run)\`, which is what CI" README.md || fail "README.md: CI ends with another command: $(tail -n 1 .ci/run)"
 # The version stands in CMakeLists.txt; the change log begins with it.
 version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 grep -m1 '^## ' CHANGELOG.md | grep -qE "^## ${version//./\\.} \(" || fail "CHANGELOG.md does not begin with $version"
