@@ -427,6 +427,31 @@ TEST_F(ThreadPoolTest, QueueingWakesOneWorkerAJob) {
     EXPECT_EQ(fault_pthread_cond_signal.Calls(), 2);
 }
 
+// Both workers wait. The first one's wake-up is held back: what is queued meanwhile must reach the second all
+// the same, as jobs that need each other would never end.
+TEST_F(ThreadPoolTest, AWokenWorkerWakesTheNext) {
+    FaultScope scope(fault_pthread_cond_signal);
+    MovedClock::ForgetWaits();
+    ThreadPool pool(2, mWatcher, mSignals);
+    pool.Start();
+    ASSERT_TRUE(WaitUntil([] { return MovedClock::Waits().size() == 2; }));
+    pthread_cond_t* condition = nullptr;
+    fault_pthread_cond_signal.Replace([&](pthread_cond_t* signalled) {
+        condition = signalled;
+        return 0;
+    });
+    std::latch together(2);
+    for (int i = 0; i < 2; ++i) {
+        pool.QueueJob([&] { together.arrive_and_wait(); });
+    }
+    EXPECT_EQ(fault_pthread_cond_signal.Calls(), 1);
+    ASSERT_NE(condition, nullptr);
+    fault_pthread_cond_signal.Real(condition);
+    together.wait();
+    EXPECT_EQ(fault_pthread_cond_signal.Calls(), 2);
+    pool.Stop(false);
+}
+
 TEST_F(ThreadPoolTest, SmallJobsTakeNoMemoryOfTheirOwn) {
     constexpr int JOBS = 1000;
     int ran = 0;
