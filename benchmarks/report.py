@@ -5,10 +5,10 @@ Programs on Google Benchmark are described in rows.py. A program called *_compar
 and writes there, as JSON,
     {"name": "...", "title": "...", "load": 0.3, "rows": [{"what": "...", "unit": "us", "target": "...",
      "values": {"tern": 1.0, "sd-bus": 0.9}, "against": "sd-bus", "limit": 1.03}, ...]}
-"against" may be null, where the limit is for our value itself, and a list, of which the best counts; "ahead_of" a list of those that ours must beat besides;
-"ratios", {"sd-bus": 1.1}, are taken from "values" where the program does not give them. Units that end
-with "/s" count more as better. "growth": [{"what": "...", "unit": "us", "points": {"10": 1.0, "100": 10.0}, "limit":
-1.25}] is optional, and so is "note", a sentence below the table.
+"against" may be null, where the limit is for our value itself, or a list, of which the best counts; "ahead_of" lists those
+that ours must beat besides. "ratios", {"sd-bus": 1.1}, are taken from "values" where the program does not give them. Units
+that end with "/s" count more as better. "growth", [{"what": "...", "unit": "us", "points": {"10": 1.0, "100": 10.0},
+"limit": 1.25}], is optional, and so is "note", a sentence below the table.
 """
 
 import argparse
@@ -353,7 +353,8 @@ def main():
         else:
             results.append(measure_comparison(comparisons[name], options, environment))
         print_result(results[-1])
-    write_document(results, RAW if options.quick else ROOT / "docs")
+        # At once, so that a run that is cut short has told what it had.
+        write_document(results[-1:], RAW if options.quick else ROOT / "docs")
     missed = [f"{result['name']}: {row['what']}" for result in results for row in result["rows"] if row["met"] is False]
     print(f"\n{len(missed)} rows miss their target" + "".join(f"\n  {row}" for row in missed))
 

@@ -379,9 +379,7 @@ SECTIONS = [
                 "ns",
                 "cpu_time",
                 {OURS: "BM_NotifyWork", "clock and store": "BM_ClockAndStore"},
-                "level",
-                "clock and store",
-                LEVEL,
+                against="clock and store",
             )
         ],
     ),
