@@ -52,7 +52,7 @@ std::vector<Side> Side::All() {
     std::vector<Side> sides;
     std::istringstream list(TERN_SERVER_PATHS);
     std::string entry;
-    while (std::getline(list, entry, ',')) {
+    while (std::getline(list, entry, '|')) {
         const std::size_t equals = entry.find('=');
         sides.push_back({entry.substr(0, equals), entry.substr(equals + 1)});
     }

@@ -71,7 +71,8 @@ int main(int argc, char* argv[]) {
     }
     comparison.SetNote(
         "One client calls all servers in turn through one bus; servers on one processor, client and bus on "
-        "the other. sd-bus's and our server run sd-event with watchdog and signals.");
+        "the other. The second sd-bus does two things that ours does too: it serves on a thread of its own, "
+        "and it notices when the bus is lost.");
     {
         Client client;
         std::list<ServerProcess> servers;

@@ -96,8 +96,8 @@ int main(int argc, char* argv[]) {
     const tern::test::PrivateBus bus;
     Comparison comparison("start", "A service's start, and the service once idle");
     comparison.SetNote(
-        "Proportional memory is that of one service while three of each kind run, so that shared libraries "
-        "count in part. Our service runs one thread more than plain sd-bus, with its stack and heap.");
+        "Proportional memory is that of one service while three of each kind run, so that what they share "
+        "counts in part. The second sd-bus runs as many threads as ours.");
     MeasureStart(comparison);
     MeasureIdle(comparison);
     if (argc > 1) {
