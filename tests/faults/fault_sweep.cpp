@@ -1,6 +1,7 @@
 // Lets every call that our libraries make fail once, in every scenario, and looks at what comes of it.
 //
 //   fault_sweep [--shard K/N] [--scenario NAME [--case FUNCTION:OCCURRENCE:ERROR]] [--list]
+//   fault_sweep --self-test         whether it notices what is wrong on purpose
 //   fault_sweep --catalogue         whether the catalogue knows everything that our libraries import
 
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "catalogue.h"
 #include "intercept.h"
 #include "scenarios.h"
+#include "self_test.h"
 #include "support/private_bus.h"
 #include "sweep.h"
 
@@ -27,6 +29,7 @@ struct Options {
     std::string theCase;   ///< empty for all
     bool list = false;
     bool catalogue = false;
+    bool selfTest = false;
 };
 
 bool Parse(int argc, char** argv, Options& options) {
@@ -36,6 +39,8 @@ bool Parse(int argc, char** argv, Options& options) {
             options.list = true;
         } else if (option == "--catalogue") {
             options.catalogue = true;
+        } else if (option == "--self-test") {
+            options.selfTest = true;
         } else if (i + 1 < argc && option == "--scenario") {
             options.scenario = argv[++i];
         } else if (i + 1 < argc && option == "--case") {
@@ -115,7 +120,9 @@ bool RunAll(const Options& options) {
 int main(int argc, char** argv) {
     Options options;
     if (!Parse(argc, argv, options)) {
-        fprintf(stderr, "usage: %s [--shard K/N] [--scenario NAME [--case CASE]] [--list] | --catalogue\n",
+        fprintf(stderr,
+                "usage: %s [--shard K/N] [--scenario NAME [--case CASE]] [--list] | --self-test | "
+                "--catalogue\n",
                 argv[0]);
         return 2;
     }
@@ -127,5 +134,8 @@ int main(int argc, char** argv) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet
     setenv("TERN_LOG_LEVEL", "debug", 1);
     Intercept::Install();
+    if (options.selfTest) {
+        return SweepNoticesEverything() ? 0 : 1;
+    }
     return RunAll(options) ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "leftovers.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,16 +39,18 @@ std::size_t CountTimers() {
     return timers;
 }
 
-/// Reaps those that have ended, so that each is told of once.
+/// Running or ended; they are ended and reaped, so that each is told of once.
 std::size_t CountChildren() {
     std::size_t children = 0;
-    int status = 0;
-    pid_t ended = waitpid(-1, &status, WNOHANG);
-    while (ended > 0) {
-        ++children;
-        ended = waitpid(-1, &status, WNOHANG);
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream list(task.path() / "children");
+        for (pid_t child = 0; list >> child;) {
+            ++children;
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
     }
-    return ended == 0 ? children + 1 : children;
+    return children;
 }
 
 std::string More(const char* what, long now, long before) {

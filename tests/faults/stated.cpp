@@ -23,6 +23,8 @@ constexpr const char* END_OF_OUTPUT = "an error of the output's stream counts as
 constexpr const char* SHORT_ENTRY = "an entry shorter than it claims is written with zeros behind it";
 constexpr const char* UNKNOWN_ENTRY = "an entry that libzip cannot describe is left out";
 
+constexpr const char* NEXT_STRUCTURE =
+    "the walk over the structures ends when the next one cannot be entered";
 constexpr const char* NO_TIMER = "a thread that never got its timer is detached, not stopped";
 
 constexpr Statement STATEMENTS[] = {
@@ -49,10 +51,10 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "unzip-encrypted", "zip_fread", "*", SHORT_ENTRY},
     {"SILENT", "unzip", "zip_stat_index", "*", UNKNOWN_ENTRY},
     {"SILENT", "unzip-encrypted", "zip_stat_index", "*", UNKNOWN_ENTRY},
-    {"SILENT", "message-objects", "sd_bus_message_enter_container", "*",
-     "the walk over the structures ends when the next one cannot be entered"},
-    {"SILENT", "message-strings", "sd_bus_message_enter_container", "*",
-     "the walk over the structures ends when the next one cannot be entered"},
+    {"SILENT", "message-objects", "sd_bus_message_exit_container", "*", NEXT_STRUCTURE},
+    {"SILENT", "message-strings", "sd_bus_message_exit_container", "*", NEXT_STRUCTURE},
+    {"SILENT", "message-objects", "sd_bus_message_enter_container", "*", NEXT_STRUCTURE},
+    {"SILENT", "message-strings", "sd_bus_message_enter_container", "*", NEXT_STRUCTURE},
     {"SILENT", "service-call", "sd_bus_message_read_basic", "*",
      "an array of strings ends at the first that cannot be read"},
     {"SILENT", "logger", "*", "*", "what cannot be logged cannot be told either"},

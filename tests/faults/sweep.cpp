@@ -34,8 +34,6 @@ namespace tern::test {
 
 namespace {
 
-/// Generous for a scenario of a few milliseconds, under a sanitizer on a busy machine too.
-constexpr unsigned LIMIT_SECONDS = 20 * static_cast<unsigned>(SLOWNESS);
 /// A call in a loop fails in these of its rounds only; each request for memory once.
 constexpr unsigned ROUNDS_OF_ONE_CALL = 3;
 /// All calls of a function of libzip come from one place, that of our own function of this name.
@@ -137,9 +135,9 @@ private:
     unsigned mRuns = 0;
 };
 
-void PrepareChild() {
+void PrepareChild(unsigned limitSeconds) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    alarm(LIMIT_SECONDS);
+    alarm(limitSeconds);
 }
 
 /// Whether there is a warning or worse that the run without a failure did not have.
@@ -177,8 +175,9 @@ std::string Case::Name() const {
            (point.inFork ? "f:" : ":") + failure->name;
 }
 
-Sweep::Sweep()
-    : mReport(static_cast<Report*>(
+Sweep::Sweep(unsigned limitSeconds)
+    : mLimitSeconds(limitSeconds),
+      mReport(static_cast<Report*>(
           mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
     if (mReport == MAP_FAILED) {
         throw std::runtime_error("no memory for the report");
@@ -237,7 +236,7 @@ Outcome Sweep::Run(const Case& theCase) {
 }
 
 void Sweep::RecordMain(const Scenario& scenario) {
-    PrepareChild();
+    PrepareChild(mLimitSeconds);
     Runner runner(scenario, mFolder.Path());
     RunResult result = runner.Run();
     if (result.IsClean()) {
@@ -248,7 +247,7 @@ void Sweep::RecordMain(const Scenario& scenario) {
 }
 
 void Sweep::CaseMain(const Case& theCase) {
-    PrepareChild();
+    PrepareChild(mLimitSeconds);
     std::set_terminate(OnTerminate);
     Runner runner(*theCase.scenario, mFolder.Path());
     const RunResult clean = runner.Run();

@@ -9,6 +9,7 @@
 #include "intercept.h"
 #include "stage.h"
 #include "support/temp_folder.h"
+#include "support/wait_until.h"
 
 namespace tern::test {
 
@@ -47,7 +48,9 @@ struct Case {
 /// thread; the import tables are to be prepared already (Intercept::Install).
 class Sweep {
 public:
-    Sweep();
+    /// `limitSeconds`: by when a run, or what follows of it, is hung. The default is generous for a scenario
+    /// of a few milliseconds, under a sanitizer on a busy machine too.
+    explicit Sweep(unsigned limitSeconds = 20 * static_cast<unsigned>(SLOWNESS));
     Sweep(const Sweep&) = delete;
     Sweep& operator=(const Sweep&) = delete;
 
@@ -66,6 +69,7 @@ private:
     /// Waits for the child; false when it died or was hung.
     void Attend(int pid, const std::string& name);
 
+    const unsigned mLimitSeconds;
     TempFolder mFolder;
     Report* mReport;  ///< shared with the children
 };
