@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/dump_coverage.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
@@ -34,6 +35,8 @@ TERN_INTERPOSE_TIME(int, fcntl64, __fcntl_time64, (int fd, int operation, long a
                     (fd, operation, argument))
 TERN_INTERPOSE(pid_t, fork, (), ())
 TERN_INTERPOSE(int, dup2, (int from, int to), (from, to))
+TERN_INTERPOSE(int, execv, (const char* path, char* const* argv), (path, argv))
+TERN_INTERPOSE(int, _exit, (int status), (status))
 TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 TERN_INTERPOSE(FILE*, fdopen, (int fd, const char* mode), (fd, mode))
 TERN_INTERPOSE(int, fileno, (FILE * stream), (stream))
@@ -171,6 +174,31 @@ Descriptors ExpectedDescriptors() {
     return descriptors;
 }
 
+/// Lets coverage see the child's steps up to execv, or up to its _exit when it cannot execute; both lose the
+/// counts. For one run, of a process with one thread.
+class ChildCoverage {
+public:
+    enum class Upto { Execv, Exit };
+
+    explicit ChildCoverage(Upto step) {
+        if (step == Upto::Execv) {
+            fault_execv.Replace([](const char* path, char* const* argv) {
+                tern::test::DumpCoverage();
+                return fault_execv.Real(path, argv);
+            });
+        } else {
+            fault__exit.Replace([](int status) {
+                tern::test::DumpCoverage();
+                return fault__exit.Real(status);
+            });
+        }
+    }
+
+private:
+    FaultScope<int(const char*, char* const*)> mExecvScope{fault_execv};
+    FaultScope<int(int)> mExitScope{fault__exit};
+};
+
 /// Each test leaves neither a descriptor nor a child behind.
 class CommandTest : public ::testing::Test {
 protected:
@@ -274,6 +302,7 @@ TEST_F(CommandTest, OnlyTheDestructorIsVirtual) {
 // Runs that end by themselves
 
 TEST_F(CommandTest, CollectsOutputAndExitCode) {
+    const ChildCoverage coverage(ChildCoverage::Upto::Execv);
     LogCapture log;
     ExpectEnd(RunScript("printf 'one\\ntwo\\nthree\\n'"), 0, "one\ntwo\nthree\n");
     EXPECT_THAT(
@@ -796,6 +825,7 @@ TEST_F(CommandTest, AProgramThatCannotBeExecuted) {
                 {"/bin", "bin", "Permission denied"},
                 {"", "", "No such file or directory"}};
     for (const auto& row : ROWS) {
+        const ChildCoverage coverage(ChildCoverage::Upto::Exit);
         LogCapture log;
         ExpectEnd(RunProgram(Command(row.path, LIMIT_MS), {}), 1, "");
         EXPECT_EQ(
@@ -820,6 +850,7 @@ TEST_F(CommandTest, AFailedDuplicationIsReportedByTheParent) {
                                  "Duplicate Stderr failed with error code: [Device or resource busy]"};
     for (int i = 0; i < 3; ++i) {
         LogCapture log;
+        const ChildCoverage coverage(ChildCoverage::Upto::Exit);
         fault_dup2.Fail(-1, EBUSY, 1, i);
         ExpectEnd(RunProgram(Command("/bin/echo", LIMIT_MS), {}), 1, "");
         EXPECT_EQ(Messages(log),
