@@ -55,9 +55,10 @@ def ratios(result, ours):
     sides = [ours]
     for row, _ in rows:
         sides += [side for side in row["values"] if side not in sides]
-    left, width, bar, most = 330, 860, 11, 3.0
+    left = 20 + 7 * max(len(row["what"]) for row, _ in rows)
+    width, bar, most = left + 530, 11, 3.0
     scale = (width - left - 60) / most
-    parts = [_text(10, 20, f"{result['title']}: cost beside the one compared with (1.0), less is better")]
+    parts = [_text(10, 20, f"{result['title']}: medians beside the one compared with (1.0), less is better")]
     parts += _legend(["ours" if side == ours else side for side in sides], 10, 42)
     y = 60
     for row, floor in rows:

@@ -102,7 +102,7 @@ def judge(row, rounds):
 
 def measure_section(section, options, environment):
     quick = options.quick
-    rounds = 1 if quick else section.rounds
+    rounds = 1 if quick else options.rounds or section.rounds
     environment = dict(environment)
     scale = options.scale if options.scale is not None else section.scale
     environment["TERN_BENCHMARK_SCALE"] = str(min(scale, 0.02) if quick else scale)
@@ -157,7 +157,7 @@ def measure_section(section, options, environment):
         for amount, name in item.names.items():
             points[amount] = statistics.median(median_of(runs, name, item.metric, item.unit) for runs in results)
         growth.append({"what": item.what, "unit": item.unit, "points": points, "limit": item.limit})
-    note = f"{rounds} rounds, load {min(loads):.1f} to {max(loads):.1f}."
+    note = f"{rounds} rounds, load {min(loads):.1f} to {max(loads):.1f}." if rounds > 1 else f"One round, load {loads[0]:.1f}."
     if section.scale_note and min(scale, 1) < 1:
         note += f" The amount was {min(scale, 1):g} of what the rows say."
     return {"name": section.name, "title": section.title, "rows": rows, "growth": growth, "note": note}
@@ -178,11 +178,13 @@ def measure_comparison(program, options, environment):
             row["most"] = row.get("limit")
         judge(row, [row["values"]])
         # Those of the program are of the rounds, and so the better ones.
-        given = (row.get("ratios") or {}).get(row.get("against"))
-        if given is not None and not isinstance(row["against"], list):
-            row["ratio"] = given
-            if row.get("limit") is not None:
-                row["met"] = round(given, 2) <= row["limit"] and not row["behind"]
+        ratios = row.get("ratios")
+        if ratios:
+            row["behind"] = [side for side in row.get("ahead_of") or () if round(ratios.get(side) or 0, 2) > 1]
+            if isinstance(row.get("against"), str):
+                row["ratio"] = ratios.get(row["against"])
+                if row["ratio"] is not None and row.get("limit") is not None:
+                    row["met"] = round(row["ratio"], 2) <= row["limit"] and not row["behind"]
     result["note"] = " ".join([f"Load {result.get('load', load_average()):.1f}.", result.get("note", "")]).strip()
     result.setdefault("growth", [])
     return result
@@ -195,8 +197,8 @@ def number(value):
     """Three digits that count."""
     if value is None:
         return ""
-    if value == 0:
-        return "0"
+    if value == round(value):
+        return f"{round(value):,}"
     if abs(value) < 0.001:
         return f"{value:.1g}"
     digits = max(0, 2 - math.floor(math.log10(abs(value))))
@@ -330,6 +332,7 @@ def main():
         "--quick", action="store_true", help="one short round, to see that all runs; the document is not touched"
     )
     parser.add_argument("--scale", type=float, help="part of the full amounts of files and archives, 0 to 1")
+    parser.add_argument("--rounds", type=int, help="runs of each Google Benchmark program, 3 to 7 unless given")
     options = parser.parse_args()
 
     comparisons = {path.name.removesuffix("_comparison"): path for path in sorted(PROGRAMS.glob("*/*_comparison"))}
