@@ -253,52 +253,6 @@ def flattening_rows():
     return rows
 
 
-FLATTENERS = {
-    OURS: "FlattenIntoValuesList",
-    "plain loop": "FlattenPlainly",
-    "sdbus-c++": "FlattenWithSdbusCpp",
-    "GVariant": "FlattenGDBusMessage",
-    "GVariant, made already": "FlattenGVariantGiven",
-}
-LOOKUPS = {
-    OURS: "LookUpInValuesList",
-    "plain loop": "LookUpPlainly",
-    "sdbus-c++": "LookUpWithSdbusCpp",
-    "GVariant": "LookUpInHashTable",
-}
-
-
-def flatten_rows():
-    target = ("at most 1.1 of the plain loop, ahead of the others", "plain loop", 1.1, ("sdbus-c++", "GVariant"))
-    rows = [
-        Row(
-            f"an entry of {entries:,}, {kind}",
-            "ns",
-            "cpu_time",
-            sides(f"{{}}/{kind}/{entries}", of=FLATTENERS),
-            *target,
-            per=entries,
-        )
-        for kind in ("flat", "nested")
-        for entries in (1, 10, 100, 1000)
-    ]
-    rows += [
-        Row(f"an entry of 100, {kind}: allocations", "", "allocs/entry", sides(f"{{}}/{kind}/100", of=FLATTENERS))
-        for kind in ("flat", "nested")
-    ]
-    rows += [
-        Row(
-            f"a value looked up among {entries:,}",
-            "ns",
-            "cpu_time",
-            sides(f"{{}}/{entries}", of=LOOKUPS),
-            *target,
-        )
-        for entries in (10, 100, 1000)
-    ]
-    return rows
-
-
 def growth(what, unit, metric, pattern, amounts, limit=N_LOG_N):
     return Growth(what, unit, metric, {amount: pattern.replace("{}", str(amount)) for amount in amounts}, limit)
 
@@ -465,17 +419,6 @@ SECTIONS = [
         ],
         rounds=7,
     ),
-    Section(
-        "flattening",
-        "Flattening messages",
-        "dbus_message/values_list_benchmark",
-        flatten_rows(),
-        [
-            growth("entries flattened", "us", "cpu_time", "FlattenIntoValuesList/flat/{}", (10, 100, 1000)),
-        ],
-        rounds=3,
-        min_time=0.03,
-    ),
     Section("timers", "Periodic timers", "timer/timer_benchmark", timer_rows(), rounds=3, repetitions=1),
     Section(
         "commands",
@@ -502,10 +445,9 @@ SECTIONS = [
         "Archives",
         "utilities/zipper_benchmark",
         zip_rows(),
-        rounds=3,
+        rounds=2,  # of several minutes, for 7z's sake
         repetitions=1,
         min_time=0.01,
-        scale=0.25,
         scale_note=True,
     ),
 ]
