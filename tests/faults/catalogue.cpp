@@ -71,7 +71,6 @@ const Failure STREAM_FULL{Way::Nothing, ENOSPC, "ENOSPC"};
 /// name types that cannot be passed on.
 using Open = int (*)(const char*, int, mode_t);
 using Control = int (*)(int, int, long);
-using Clone = int (*)(int (*)(void*), void*, int, void*);
 /// What an optimised getline(3) calls.
 using GetDelimited = ssize_t (*)(char**, std::size_t*, int, FILE*);
 using DeviceControl = int (*)(int, unsigned long, void*);
@@ -170,7 +169,7 @@ std::vector<Faultable> MakeCatalogue() {
         // Processes and signals.
         MakeFaultable<"execv">(
             &::execv, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(ENOMEM), TERN_ERRNO(ETXTBSY)}),
-        MakeFaultable<"clone">(Clone{}, {TERN_ERRNO(EAGAIN), TERN_ERRNO(ENOMEM)}),
+        MakeFaultable<"fork">(&::fork, {TERN_ERRNO(EAGAIN), TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"kill">(&::kill, {TERN_ERRNO(ESRCH), TERN_ERRNO(EPERM)}),
         MakeFaultable<"nanosleep">(&::nanosleep, {TERN_ERRNO(EINTR)}),
         MakeFaultable<"pthread_kill">(&::pthread_kill, {TERN_NUMBER(ESRCH), TERN_NUMBER(EAGAIN)}),

@@ -152,7 +152,7 @@ bool Extension::Call() {
     Client client;
     sd_bus_message* reply = nullptr;
     unsigned count = 0;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     const int r =
         sd_bus_call_method(client.Get(), mName.c_str(), PATH.c_str(), INTERFACE.c_str(), "Count", &error,
                            &reply, "a{sv}", 2, "first", "s", "text", "second", "as", 2, "one", "two");

@@ -11,6 +11,11 @@ namespace tern::test {
 
 namespace {
 
+/// A call that is answered shows that the loop runs: nothing of the start is swept any more.
+bool StartServing(Extension& extension) {
+    return extension.Start() && extension.Call();
+}
+
 /// Made ready, called, ended: only the start fails.
 void RunStartUp(Stage& stage) {
     Extension extension(stage);
@@ -35,7 +40,7 @@ void RunStartUp(Stage& stage) {
 
 void RunCall(Stage& stage) {
     Extension extension(stage);
-    if (extension.Start()) {
+    if (StartServing(extension)) {
         stage.Sweep([&] { stage.Expect(extension.Call(), "the call is answered"); });
         extension.TellFailure();
     }
@@ -44,12 +49,12 @@ void RunCall(Stage& stage) {
 /// From SIGTERM to the end of everything.
 void RunStop(Stage& stage) {
     Extension extension(stage);
-    if (extension.Start()) {
+    if (StartServing(extension)) {
         stage.Sweep([&] {
             SendStop();
             if (stage.Expect(extension.WaitForEnd(), "SIGTERM ends the loop")) {
                 extension.Join();
-                stage.Expect(!extension.Monitor().HasFailure(), "the process ends as one without a failure");
+                extension.TellFailure();
             }
         });
     }
@@ -58,7 +63,7 @@ void RunStop(Stage& stage) {
 /// A worker asks for the end.
 void RunStopByWorker(Stage& stage) {
     Extension extension(stage);
-    if (extension.Start()) {
+    if (StartServing(extension)) {
         stage.Sweep([&] {
             extension.Monitor().NotifyDBusThreadToStopOnFailure();
             if (stage.Expect(extension.WaitForEnd(), "the request ends the loop")) {
@@ -71,7 +76,7 @@ void RunStopByWorker(Stage& stage) {
 
 void RunPipe(Stage& stage) {
     Extension extension(stage);
-    if (extension.Start()) {
+    if (StartServing(extension)) {
         ExtensionServer& server = extension.Server();
         stage.Sweep([&] {
             const mw::tern::StatusCode written = server.Pipe().WriteMessage(nullptr);
@@ -95,7 +100,7 @@ void RunPipe(Stage& stage) {
 /// The bus is gone: a deaf service must not run on.
 void RunLostBus(Stage& stage) {
     Extension extension(stage);
-    if (extension.Start()) {
+    if (StartServing(extension)) {
         stage.Sweep([&] {
             extension.Server().LoseBus();
             if (stage.Expect(extension.WaitForEnd(), "the lost bus ends the loop")) {
