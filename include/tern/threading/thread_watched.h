@@ -20,10 +20,11 @@ namespace mwl::Threading {
 ///     }
 ///     mWatched.StopWatch();
 ///
-/// `StartWatch`, `NotifyWork` and `StopWatch` are called by the watched thread; the rest by any thread. No
-/// operation but `StartWatch` and `StopWatch` takes a lock, so the thread never waits for the watcher. Owned
-/// by the watched thread's object; the watcher outlives it. REQUIRES: `StopWatch` before the thread ends and
-/// before this object is destroyed. Times are those of std::chrono::steady_clock.
+/// `StartWatch` and `NotifyWork` are called by the watched thread; `StopWatch` by it or, once it has started,
+/// by the thread that stops it, as an executor's `Stop` does; the rest by any thread. No operation but
+/// `StartWatch` and `StopWatch` takes a lock, so the thread never waits for the watcher. Owned by the watched
+/// thread's object; the watcher outlives it. REQUIRES: `StopWatch` before the thread is joined and before
+/// this object is destroyed. Times are those of std::chrono::steady_clock.
 class TERN_API ThreadWatched {
 public:
     /// Not watched yet. `name` is the one in messages.
