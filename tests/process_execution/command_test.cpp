@@ -47,6 +47,21 @@ TERN_INTERPOSE(int, poll, (pollfd * events, nfds_t count, int timeout), (events,
 TERN_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 TERN_INTERPOSE(int, kill, (pid_t pid, int number), (pid, number))
 TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* time), (clock, time))
+#ifdef __USE_TIME_BITS64
+/// The clock as the C++ library of a 32-bit platform reads it: by the old name, in 32 bits.
+struct OldTime {
+    std::int32_t seconds;
+    std::int32_t nanoseconds;
+};
+extern "C" __attribute__((visibility("default"))) int OldClockGettime(clockid_t clock,
+                                                                      OldTime* time) asm("clock_gettime");
+extern "C" int OldClockGettime(clockid_t clock, OldTime* time) {
+    timespec now{};
+    const int result = fault_clock_gettime.Call(clock, &now);
+    *time = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
+    return result;
+}
+#endif
 TERN_INTERPOSE(long, syscall, (long number, long a, long b, long c, long d, long e, long f),
                (number, a, b, c, d, e, f))
 

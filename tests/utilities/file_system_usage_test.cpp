@@ -264,9 +264,9 @@ TEST_P(FileSystemUsage, AFolderThatCannotBeOpenedEndsTheWalkWithTheStatusOfErrno
 
 TEST_P(FileSystemUsage, AFolderThatCannotBeReadEndsTheWalkWithTheStatusOfErrno) {
     MakeFile(folder / "file", "x");
+    const std::size_t before = tern::test::CountDescriptors();  // reads a folder itself
     const FaultScope scope(fault_readdir64);
     fault_readdir64.Fail(nullptr, EIO);
-    const std::size_t before = tern::test::CountDescriptors();
     EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path(), usage), StatusCode::IoError);
     EXPECT_EQ(usage, UsageOf(folder.Path()));
     EXPECT_EQ(tern::test::CountDescriptors(), before);
