@@ -103,8 +103,8 @@ public:
     static StatusCode DeleteFile(const std::string& path);
     /// Removes the regular files (`includeFiles`) and the folders with their trees (`includeFolders`) in
     /// `folder`; other entries and `folder` itself stay. Goes on after a failure and returns the last one;
-    /// `Ok` when there was none; `NotFound` when `folder` cannot be opened, for whatever reason; the status of
-    /// errno when it cannot be read to its end.
+    /// `Ok` when there was none; `NotFound` when `folder` cannot be opened, for whatever reason; the status
+    /// of errno when it cannot be read to its end.
     static StatusCode DeleteFolderContent(const std::string& folder, bool includeFolders, bool includeFiles);
     /// `Ok` when there is an entry of any type at `path`, links followed (stat(2)); else `NotFound`, also
     /// when it could not be reached.
