@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tern/utilities/zipper.h>
+#include <zip.h>
 
 #include <fstream>
 #include <sstream>
@@ -15,6 +16,7 @@
 #include "support/temp_folder.h"
 
 TERN_INTERPOSE(void*, dlopen, (const char* file, int flags), (file, flags))
+TERN_INTERPOSE(int, zip_close, (zip_t * archive), (archive))
 
 namespace mwl::Utilities {
 namespace {
@@ -50,6 +52,17 @@ TEST(Libzip, IsLoadedWhenAnArchiveIsFirstOpened) {
     EXPECT_THAT(Mappings(), HasSubstr("libzip.so"));
     EXPECT_THAT(log.Entries(), Contains(Error("Unzip: Failed to open zip " + (folder / "none.zip") +
                                               ", error = No such file")));
+}
+
+TEST(Libzip, AProgramCanStandInForAFunctionWithoutLinkingIt) {
+    const TempFolder folder;
+    const LogCapture log(6);
+    const FaultScope scope(fault_zip_close);
+    fault_zip_close.Fail(-1);
+    EXPECT_EQ(Zipper::Zip(folder.Path(), folder / "new.zip", ""), StatusCode::Failure);
+    EXPECT_EQ(fault_zip_close.Calls(), 1);
+    EXPECT_THAT(log.Entries(), Contains(tern::test::Info("mwl::Utilities::Zipper",
+                                                         "Zip: Zip creation finish with: Unknown error -1")));
 }
 
 TEST(Libzip, ThatIsNotThereFailsBothWays) {
