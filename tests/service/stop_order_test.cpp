@@ -117,10 +117,13 @@ private:
     int mPipe[2] = {-1, -1};
 };
 
-/// Sleeps in a system call for longer than any stop may take; a forced stop interrupts it.
-void SleepLong() {
-    const timespec minute{60, 0};
-    nanosleep(&minute, nullptr);
+/// Sleeps in a system call until the pool's forced stop interrupts it. The signal comes once, and perhaps
+/// just before the call: then it is the flag that ends the job, one turn later.
+void SleepUntil(const std::atomic<bool>& stopping) {
+    while (!stopping) {
+        const timespec turn{0, 200000000};
+        nanosleep(&turn, nullptr);
+    }
 }
 
 /// One extension with every kind of worker busy: set up, sent SIGTERM at some moment, waited for. Returns how
@@ -141,8 +144,9 @@ std::chrono::milliseconds RunOnce(std::minstd_rand& random, int sleepingJobs) {
     };
     pool.Start();
     pool.QueueJob(job);
+    std::atomic<bool> stopping{false};
     for (int i = 0; i < sleepingJobs; ++i) {
-        pool.QueueJob(SleepLong);
+        pool.QueueJob([&stopping] { SleepUntil(stopping); });
     }
     BusyExecutor executor(server);
     mwl::QueuedProcessings::Component queued("Busy", "busy", monitor, executor);
@@ -173,6 +177,7 @@ std::chrono::milliseconds RunOnce(std::minstd_rand& random, int sleepingJobs) {
     shortTimer.Stop();
     queued.Stop();
     queued.Join();
+    stopping = true;
     pool.Stop(true);
     blocked.Stop();
     blocked.Join();
