@@ -6,6 +6,8 @@
 #include <tern/service/event_loop.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
@@ -235,7 +237,13 @@ TEST_F(EventLoopTest, EmptyCallbackRaisesThroughTheLoop) {
         }
         return 2;
     });
+#if defined(__arm__)
+    // The C library of the event loop has no tables there by which an exception could pass.
+    EXPECT_EQ(child.signal, SIGABRT);
+    EXPECT_THAT(child.error, testing::HasSubstr("bad_function_call"));
+#else
     EXPECT_EQ(child.exitCode, 42) << child.error;
+#endif
 }
 
 TEST_F(EventLoopTest, DescriptorClosedWhileWatchedIsQuietAndCanBeRemoved) {

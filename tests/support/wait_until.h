@@ -24,7 +24,8 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = GENEROUS_L
     return true;
 }
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+// ARM programs are run under emulation as a rule.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
 constexpr int SLOWNESS = 10;
 #else
 constexpr int SLOWNESS = 1;

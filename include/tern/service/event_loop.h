@@ -54,7 +54,8 @@ public:
     /// The callback gets the source, the descriptor and the events seen. Returning anything but Ok switches
     /// the watch off (sd-event's rule for failing handlers); it stays registered until RemoveIo. It may
     /// remove its own watch. An empty callback raises std::bad_function_call when the descriptor becomes
-    /// ready; like any exception of a callback it leaves through the loop.
+    /// ready; like any exception of a callback it leaves through the loop. On 32-bit ARM it ends the process
+    /// there, as libsystemd has no tables to unwind by.
     ///
     /// Ok: watched. Otherwise nothing has changed and the callback is destroyed: the status of sd-event's
     /// error, InvalidArgument for a bad descriptor or a loop not yet made, AlreadyExists for a descriptor
