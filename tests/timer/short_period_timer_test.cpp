@@ -416,7 +416,15 @@ TEST(ShortPeriodTimer, StopReturnsAfterTheNextExpiry) {
         threadId = event->sigev_notify_thread_id;
         return fault_timer_create.Real(id, event, timer_);
     });
+    // A stop that comes before the thread has begun to wait ends it at once.
+    std::atomic<bool> isWaiting{false};
+    FaultScope wait(fault_sigwait);
+    fault_sigwait.Replace([&](const sigset_t* set, int* signal) {
+        isWaiting = true;
+        return fault_sigwait.Real(set, signal);
+    });
     EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    ASSERT_TRUE(WaitUntil([&] { return isWaiting.load(); }));
     StoppingThread stop(timer, log);
     EXPECT_TRUE(stop.IsWaiting(milliseconds(50)));
     EXPECT_EQ(calls, 0);
