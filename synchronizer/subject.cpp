@@ -5,23 +5,51 @@
 
 namespace mwl::tern::Synchronizer {
 
-/// Lets the subject know of the walk for as long as it lasts, however it ends.
-class Subject::WalkScope {
+namespace {
+
+using Registration = std::pair<NotificationIdentifier, ObserverInterface*>;
+
+}  // namespace
+
+/// Lets the subject know of the walk for as long as it lasts, however it ends. Every Walk is one of these.
+class Subject::WalkScope : private Walk {
 public:
-    explicit WalkScope(Subject& subject) : mSubject(subject), mWalk{0, subject.mInnermostWalk} {
-        mSubject.mInnermostWalk = &mWalk;
+    explicit WalkScope(Subject& subject) : Walk{0, subject.mInnermostWalk}, mSubject(subject) {
+        mSubject.mInnermostWalk = this;
     }
-    ~WalkScope() { mSubject.mInnermostWalk = mWalk.outer; }
+    ~WalkScope() { mSubject.mInnermostWalk = outer; }
     WalkScope(const WalkScope&) = delete;
     WalkScope& operator=(const WalkScope&) = delete;
 
+    static WalkScope* Innermost(const Subject& subject) {
+        return static_cast<WalkScope*>(subject.mInnermostWalk);
+    }
+    WalkScope* Outer() const { return static_cast<WalkScope*>(outer); }
+
     /// The position to look at now; the walk is already past it.
-    std::size_t Advance() { return mWalk.next++; }
-    bool AtEnd() const { return mWalk.next >= mSubject.mRegistrations.size(); }
+    std::size_t Advance() { return next++; }
+    bool AtEnd() const { return next >= mSubject.mRegistrations.size(); }
+
+    /// Before the pair at the position is removed: one that the walk is past does not come again when it is
+    /// attached again, or an observer that detaches and attaches itself would be called for ever.
+    void KeepPassed(std::size_t position) {
+        if (position < next) {
+            mPassed.push_back(mSubject.mRegistrations[position]);
+        }
+    }
+    /// After that: what follows has moved up by one, so a walk that is past the gap steps back with it.
+    void CloseGap(std::size_t position) {
+        if (position < next) {
+            --next;
+        }
+    }
+    bool WasPassed(const Registration& registration) const {
+        return std::find(mPassed.begin(), mPassed.end(), registration) != mPassed.end();
+    }
 
 private:
     Subject& mSubject;
-    Walk mWalk;
+    std::vector<Registration> mPassed;
 };
 
 void Subject::Attach(ObserverInterface& observer, NotificationInterface& notification) {
@@ -53,9 +81,10 @@ void Subject::Detach(const ObserverInterface& observer) {
 void Subject::Notify(NotificationInterface& notification) {
     WalkScope walk(*this);
     while (!walk.AtEnd()) {
-        const auto [identifier, observer] = mRegistrations[walk.Advance()];
-        if (identifier == notification.GetIdentifier() && observer != nullptr) {
-            observer->OnNotify(&notification);
+        const Registration registration = mRegistrations[walk.Advance()];
+        if (registration.first == notification.GetIdentifier() && registration.second != nullptr &&
+            !walk.WasPassed(registration)) {
+            registration.second->OnNotify(&notification);
         }
     }
 }
@@ -64,13 +93,14 @@ bool Subject::Exist(std::pair<NotificationIdentifier, ObserverInterface*> regist
     return std::find(mRegistrations.begin(), mRegistrations.end(), registration) != mRegistrations.end();
 }
 
+// What takes memory comes first: without it the list and the walks stay as they were.
 void Subject::Remove(std::size_t position) {
+    for (WalkScope* walk = WalkScope::Innermost(*this); walk != nullptr; walk = walk->Outer()) {
+        walk->KeepPassed(position);
+    }
     mRegistrations.erase(mRegistrations.begin() + static_cast<std::ptrdiff_t>(position));
-    // What follows has moved up by one, so the walks that are past the gap step back with it.
-    for (Walk* walk = mInnermostWalk; walk != nullptr; walk = walk->outer) {
-        if (position < walk->next) {
-            --walk->next;
-        }
+    for (WalkScope* walk = WalkScope::Innermost(*this); walk != nullptr; walk = walk->Outer()) {
+        walk->CloseGap(position);
     }
 }
 

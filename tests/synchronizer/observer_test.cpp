@@ -6,8 +6,11 @@
 #include <tern/synchronizer/subject.h>
 
 #include <climits>
+#include <functional>
+#include <memory>
 #include <stdexcept>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/child.h"
@@ -38,6 +41,19 @@ public:
 
     std::vector<NotificationIdentifier> received;
     int initCalls = 0;
+};
+
+/// Does as it was told when notified.
+class Doer : public Observer {
+public:
+    using Observer::Observer;
+    void OnNotify(NotificationInterface*) override {
+        // Moved out: the action may destroy the observer and with it what holds the action.
+        const auto act = std::move(action);
+        act();
+    }
+
+    std::function<void()> action;
 };
 
 class ThrowingSubject : public SubjectInterface {
@@ -118,6 +134,48 @@ TEST(Observer, EndsAllItsRegistrationsWhenDestroyed) {
         subject.Notify(*notification);
     }
     EXPECT_EQ(other.received.size(), 3U);
+}
+
+TEST(Observer, MayEndInItsOwnOnNotify) {
+    Subject subject;
+    Listener before(subject);
+    auto mortal = std::make_unique<Doer>(subject);
+    Listener after(subject);
+    NotificationInterface one{NotificationIdentifier{1}};
+    NotificationInterface two{NotificationIdentifier{2}};
+    for (Observer* const observer : {static_cast<Observer*>(&before), static_cast<Observer*>(mortal.get()),
+                                     static_cast<Observer*>(&after)}) {
+        subject.Attach(*observer, one);
+        subject.Attach(*observer, two);
+    }
+    ObserverInterface* const gone = mortal.get();
+    mortal->action = [&] { mortal.reset(); };
+    subject.Notify(one);
+    EXPECT_EQ(mortal, nullptr);
+    EXPECT_FALSE(subject.Exist({one.GetIdentifier(), gone}));
+    EXPECT_FALSE(subject.Exist({two.GetIdentifier(), gone}));
+    subject.Notify(two);
+    EXPECT_THAT(before.received, ElementsAre(one.GetIdentifier(), two.GetIdentifier()));
+    EXPECT_THAT(after.received, ElementsAre(one.GetIdentifier(), two.GetIdentifier()));
+}
+
+TEST(Observer, MayEndOthersInItsOnNotify) {
+    Subject subject;
+    auto called = std::make_unique<Listener>(subject);
+    Doer doer(subject);
+    auto waiting = std::make_unique<Listener>(subject);
+    Listener last(subject);
+    NotificationInterface notification{NotificationIdentifier{1}};
+    for (Observer* const observer : {static_cast<Observer*>(called.get()), static_cast<Observer*>(&doer),
+                                     static_cast<Observer*>(waiting.get()), static_cast<Observer*>(&last)}) {
+        subject.Attach(*observer, notification);
+    }
+    doer.action = [&] {
+        called.reset();
+        waiting.reset();
+    };
+    subject.Notify(notification);
+    EXPECT_THAT(last.received, ElementsAre(notification.GetIdentifier()));
 }
 
 TEST(Observer, SubjectThatThrowsWhileItIsDestroyedEndsTheProcess) {

@@ -5,8 +5,11 @@
 #include <tern/synchronizer/subject.h>
 #include <tern/synchronizer/subject_interface.h>
 
+#include <cstdlib>
 #include <functional>
 #include <memory>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -25,6 +28,8 @@ using testing::IsEmpty;
 
 namespace {
 
+bool gNoMemory = false;
+
 constexpr NotificationIdentifier ONE{1};
 constexpr NotificationIdentifier TWO{2};
 constexpr NotificationIdentifier THREE{3};
@@ -37,6 +42,9 @@ public:
     void OnNotify(NotificationInterface* notification) override {
         last = notification;
         mCalls.push_back(mName);
+        if (mCalls.size() > 1000) {
+            throw std::runtime_error("the walk does not end");
+        }
         if (action) {
             action();
         }
@@ -65,6 +73,11 @@ protected:
         subject.Attach(c, one);
     }
 
+    void Reattach(Recorder& observer) {
+        subject.Detach(observer, one);
+        subject.Attach(observer, one);
+    }
+
     std::vector<std::string> calls;
     Recorder a{"a", calls};
     Recorder b{"b", calls};
@@ -76,6 +89,23 @@ protected:
 };
 
 }  // namespace
+
+// For the whole program, the library included.
+void* operator new(std::size_t size) {
+    void* const memory = gNoMemory ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
 
 TEST(NotificationInterface, CarriesItsIdentifier) {
     EXPECT_EQ(NotificationInterface(ONE).GetIdentifier(), ONE);
@@ -245,6 +275,100 @@ TEST_F(SubjectTest, WalkInsideAWalkAndDetachingInTheInnerOneSkipsNobodyInTheOute
     };
     EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "a", "b", "c", "c"));
     EXPECT_THAT(CalledBy(one), ElementsAre("b", "c"));
+}
+
+// Once the walk reached the new registration, called the observer again, which registered itself anew, and so
+// on without end.
+TEST_F(SubjectTest, ObserverThatReattachesItselfIsCalledOnceAWalk) {
+    subject.Attach(a, one);
+    a.action = [&] { Reattach(a); };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+    a.action = [&] {
+        subject.Detach(a);
+        subject.Attach(a, two);
+        subject.Attach(a, one);
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a"));
+    EXPECT_THAT(CalledBy(two), ElementsAre("a"));
+}
+
+TEST_F(SubjectTest, ObserverThatReattachesItselfSkipsNobody) {
+    AttachAll();
+    a.action = [&] { Reattach(a); };
+    b.action = [&] { Reattach(b); };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("c", "a", "b"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("c", "a", "b"));
+}
+
+TEST_F(SubjectTest, ObserversThatReattachEachOtherAreCalledOnceAWalk) {
+    subject.Attach(a, one);
+    subject.Attach(b, one);
+    a.action = [&] { Reattach(b); };
+    b.action = [&] { Reattach(a); };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "a"));
+}
+
+TEST_F(SubjectTest, ObserverReattachedBeforeItWasCalledIsCalled) {
+    AttachAll();
+    a.action = [&] { Reattach(b); };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "c", "b"));
+}
+
+TEST_F(SubjectTest, ReattachingInAWalkInsideAWalkCallsEachOnceAWalk) {
+    AttachAll();
+    b.action = [&] {
+        b.action = [&] {
+            Reattach(a);
+            Reattach(b);
+        };
+        subject.Notify(one);
+        b.action = nullptr;
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "a", "b", "c", "c"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("c", "a", "b"));
+}
+
+TEST_F(SubjectTest, ReattachedObserverIsCalledByAWalkThatBeginsAfterwards) {
+    subject.Attach(a, one);
+    subject.Attach(b, one);
+    a.action = [&] {
+        a.action = nullptr;
+        Reattach(a);
+        subject.Notify(one);
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "a", "b"));
+}
+
+// Meant: only the address tells observers apart.
+TEST_F(SubjectTest, ObserverMadeWhereACalledOneWasIsCalledFromTheNextWalkOn) {
+    std::optional<Recorder> place(std::in_place, "first", calls);
+    subject.Attach(*place, one);
+    subject.Attach(a, one);
+    a.action = [&] {
+        a.action = nullptr;
+        subject.Detach(*place);
+        place.emplace("second", calls);
+        subject.Attach(*place, one);
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("first", "a"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "second"));
+}
+
+TEST_F(SubjectTest, DetachWithoutMemoryDuringAWalkThrowsAndLeavesThePair) {
+    AttachAll();
+    b.action = [&] {
+        gNoMemory = true;
+        EXPECT_THROW(subject.Detach(b, one), std::bad_alloc);
+        EXPECT_THROW(subject.Detach(b), std::bad_alloc);
+        gNoMemory = false;
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
+    EXPECT_TRUE(subject.Exist({ONE, &b}));
+    b.action = nullptr;
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
 }
 
 TEST_F(SubjectTest, ExceptionOfAnObserverEndsTheWalkAndPasses) {

@@ -23,15 +23,19 @@ public:
 
     /// Appends the pair (identifier of the notification, observer); a pair that is there already is not added
     /// again. Only the notification's identifier is kept. During a Notify of that identifier the new observer
-    /// is notified as well.
+    /// is notified as well; one that this Notify has called already and that was detached since is not called
+    /// by it again. An observer is known by its address: one made where another was destroyed counts as that
+    /// one.
     void Attach(ObserverInterface& observer, NotificationInterface& notification) override;
-    /// Removes that pair; nothing happens when there is none. The others keep their order.
+    /// Removes that pair; nothing happens when there is none. The others keep their order. During a
+    /// Notify this may take memory; without any, std::bad_alloc passes through and the pair stays.
     void Detach(const ObserverInterface& observer, NotificationInterface& notification) override;
     /// Removes every pair of the observer. During a Notify it is not called any more, and nobody else is
-    /// skipped or called twice.
+    /// skipped or called twice. Memory as above, pair by pair.
     void Detach(const ObserverInterface& observer) override;
     /// Calls OnNotify of every observer registered for the notification's identifier, in the order of their
-    /// registration. An exception of an observer ends the walk and passes through.
+    /// registration, each once, however often it is detached and attached again meanwhile. An exception of an
+    /// observer ends the walk and passes through.
     void Notify(NotificationInterface& notification) override;
     /// Whether exactly this pair is registered.
     bool Exist(std::pair<NotificationIdentifier, ObserverInterface*> registration) const;
