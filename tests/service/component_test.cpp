@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <tern/service/component.h>
@@ -34,6 +36,10 @@ using testing::IsEmpty;
 
 TERN_INTERPOSE(int, pthread_sigmask, (int how, const sigset_t* set, sigset_t* old), (how, set, old))
 TERN_INTERPOSE(int, sd_event_default, (sd_event * *event), (event))
+TERN_INTERPOSE(int, sd_event_add_signal,
+               (sd_event * event, sd_event_source** source, int signal, sd_event_signal_handler_t handler,
+                void* userdata),
+               (event, source, signal, handler, userdata))
 TERN_INTERPOSE(int, sd_bus_attach_event, (sd_bus * bus, sd_event* event, int priority),
                (bus, event, priority))
 TERN_INTERPOSE(int, pthread_create,
@@ -51,8 +57,10 @@ class Journal {
 public:
     void Add(const std::string& event) {
         const std::lock_guard lock(mMutex);
-        mEvents.push_back(event);
+        mEvents.push_back(mNote ? event + mNote() : event);
     }
+    /// Appends what `note` returns to each event to come.
+    void Note(std::function<std::string()> note) { mNote = std::move(note); }
     std::vector<std::string> Take() {
         const std::lock_guard lock(mMutex);
         return std::exchange(mEvents, {});
@@ -61,6 +69,7 @@ public:
 private:
     std::mutex mMutex;
     std::vector<std::string> mEvents;
+    std::function<std::string()> mNote;
 };
 
 class JournalingMonitor : public mwl::Threading::ThreadsMonitorInterface {
@@ -70,7 +79,9 @@ public:
     void RemoveWorkerThread(mwl::Threading::ThreadManager&) override { mJournal.Add("RemoveWorkerThread"); }
     void SetDBusThreadId(unsigned long id) override {
         mThreadId = id;
-        mJournal.Add(id == pthread_self() ? "SetDBusThreadId" : "SetDBusThreadId of another");
+        mJournal.Add(id == pthread_self() ? "SetDBusThreadId"
+                     : id == 0            ? "SetDBusThreadId 0"
+                                          : "SetDBusThreadId of another");
     }
     void StopWorkerThreads() override { mJournal.Add("StopWorkerThreads"); }
     void NotifyDBusThreadToStop(bool) override { mJournal.Add("NotifyDBusThreadToStop"); }
@@ -88,17 +99,36 @@ class JournalingServer : public IpcServer {
 public:
     explicit JournalingServer(Journal& journal, StatusCode startResult = StatusCode::Ok)
         : mJournal(journal), mStartResult(startResult) {}
-    void Stop() override { mJournal.Add("IpcServer::Stop"); }
+    void Stop() override {
+        if (onStop) {
+            onStop();
+        }
+        mJournal.Add("IpcServer::Stop");
+    }
     StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override {
         const bool attached = sd_bus_get_event(manager.GetBus()) == loop.GetEvent();
         mJournal.Add(attached ? "IpcServer::Start" : "IpcServer::Start before attach");
+        if (onStart) {
+            onStart(manager, loop);
+        }
         return mStartResult;
     }
+
+    std::function<void(mw::tern::DBusServerManager&, mw::tern::EventLoop&)> onStart;
+    std::function<void()> onStop;
 
 private:
     Journal& mJournal;
     StatusCode mStartResult;
 };
+
+void UnblockTheSignals() {
+    sigset_t both;
+    sigemptyset(&both);
+    sigaddset(&both, SIGTERM);
+    sigaddset(&both, SIGINT);
+    pthread_sigmask(SIG_UNBLOCK, &both, nullptr);
+}
 
 bool HasOwner(const std::string& name) {
     sd_bus* opened = nullptr;
@@ -164,15 +194,15 @@ TEST_F(ComponentTest, ServesUntilTerminatedAndStopsInOrder) {
     EXPECT_TRUE(HasOwner(NAME));
     EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Start"));
     kill(getpid(), SIGTERM);
+    ASSERT_TRUE(mLog.WaitFor(ExitMessage(0)));
     mComponent.JoinThread();
-    EXPECT_THAT(mJournal.Take(), ElementsAre("IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("IpcServer::Stop", "StopWorkerThreads", "SetDBusThreadId 0"));
     EXPECT_FALSE(HasOwner(NAME));
     EXPECT_EQ(mNotify.Receive(), STOPPING);
     EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt);
     EXPECT_TRUE(mLog.Contains(Info("Service", "Exiting now!")));
-    EXPECT_THAT(ComponentLog(), testing::UnorderedElementsAre(BLOCK, START, THREAD, STARTED, IsJoinMessage(),
-                                                              ExitMessage(0), COMPLETED));
-    EXPECT_EQ(ComponentLog().back(), COMPLETED);
+    EXPECT_THAT(ComponentLog(),
+                ElementsAre(BLOCK, START, THREAD, STARTED, ExitMessage(0), IsJoinMessage(), COMPLETED));
 }
 
 TEST_F(ComponentTest, NameOfAnotherEndsTheStart) {
@@ -181,17 +211,20 @@ TEST_F(ComponentTest, NameOfAnotherEndsTheStart) {
     const mwl::Handle<sd_bus, sd_bus_flush_close_unref> owner(opened);
     ASSERT_GE(sd_bus_request_name(owner.get(), NAME.c_str(), 0), 0);
     mLog.Clear();
+    const LogEntry failed = Error(LOGGER, "Failed to start D-Bus thread, status=20");
+    mServer.onStop = [&] { EXPECT_TRUE(mLog.WaitFor(failed)) << "Start does not wait for the thread's end"; };
     EXPECT_EQ(mComponent.Start(), StatusCode::AlreadyExists);
+    ASSERT_TRUE(mLog.WaitFor(ExitMessage(20)));
     mComponent.JoinThread();
-    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads", "SetDBusThreadId 0"));
     EXPECT_EQ(mLog.Count(Error("DBusService::Service", "mServerManager.Connect() FAILED with return 20")),
               1U);
     EXPECT_EQ(
         mLog.Count(Error("Service", "Failed to acquire name 'com.example.Extension', (-17, File exists)")),
         1U);
-    EXPECT_THAT(ComponentLog(), testing::UnorderedElementsAre(
-                                    START, THREAD, Error(LOGGER, "Failed to start D-Bus thread, status=20"),
-                                    ExitMessage(20), IsJoinMessage(), COMPLETED));
+    EXPECT_THAT(ComponentLog(),
+                ElementsAre(START, THREAD, failed, ExitMessage(20), IsJoinMessage(), COMPLETED));
     EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt) << "the loop never ran";
 }
 
@@ -202,7 +235,8 @@ TEST_F(ComponentTest, BusThatIsNotThereEndsTheStart) {
     EXPECT_THAT(mLog.Entries("DBusService::Service"),
                 ElementsAre(Error("DBusService::Service", "mServerManager.Connect() FAILED with return 44")));
     EXPECT_TRUE(mLog.Contains(ExitMessage(44)));
-    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads", "SetDBusThreadId 0"));
 }
 
 TEST_F(ComponentTest, LoopThatCannotBeMadeEndsTheStart) {
@@ -212,7 +246,8 @@ TEST_F(ComponentTest, LoopThatCannotBeMadeEndsTheStart) {
     mComponent.JoinThread();
     EXPECT_THAT(mLog.Entries("DBusService::Service"),
                 ElementsAre(Error("DBusService::Service", "mMainLoop.Init() FAILED with return 48")));
-    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads", "SetDBusThreadId 0"));
 }
 
 TEST_F(ComponentTest, BusThatCannotBeAttachedEndsTheStart) {
@@ -223,7 +258,8 @@ TEST_F(ComponentTest, BusThatCannotBeAttachedEndsTheStart) {
     EXPECT_THAT(
         mLog.Entries("DBusService::Service"),
         ElementsAre(Error("DBusService::Service", "mServerManager.AttachLoop() FAILED with return 51")));
-    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Stop", "StopWorkerThreads", "SetDBusThreadId 0"));
 }
 
 TEST_F(ComponentTest, WhatTheApplicationsStartReturnsIsTheStartUpStatus) {
@@ -232,8 +268,8 @@ TEST_F(ComponentTest, WhatTheApplicationsStartReturnsIsTheStartUpStatus) {
     EXPECT_EQ(component.Start(), StatusCode::NotSupported);
     component.JoinThread();
     EXPECT_TRUE(mLog.Contains(Error(LOGGER, "Failed to start D-Bus thread, status=60")));
-    EXPECT_THAT(mJournal.Take(),
-                ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop",
+                                             "StopWorkerThreads", "SetDBusThreadId 0"));
     EXPECT_FALSE(HasOwner(NAME));
 }
 
@@ -276,8 +312,8 @@ TEST_F(ComponentTest, LostBusIsReportedAsFailureBeforeTheWorkersStop) {
     static_cast<void>(mJournal.Take());
     mBus.Kill();
     mComponent.JoinThread();
-    EXPECT_THAT(mJournal.Take(),
-                ElementsAre("NotifyDBusThreadToStopOnFailure", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("NotifyDBusThreadToStopOnFailure", "IpcServer::Stop",
+                                             "StopWorkerThreads", "SetDBusThreadId 0"));
     EXPECT_TRUE(mLog.Contains(Info("Service", "sd_event_loop exited with -104")));
     EXPECT_TRUE(mLog.Contains(ExitMessage(1)));
     EXPECT_EQ(mNotify.Receive(), STOPPING);
@@ -294,12 +330,118 @@ TEST_F(ComponentTest, LostBusMakesTheProcessFail) {
     EXPECT_TRUE(monitor.HasFailure());
 }
 
+TEST_F(ComponentTest, LoopThatCannotRunIsReportedAsFailureBeforeTheWorkersStop) {
+    const FaultScope scope(fault_sd_event_add_signal);
+    fault_sd_event_add_signal.Fail(-ENOMEM);
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    Component component(NAME, monitor, mServer);
+    EXPECT_EQ(component.Start(), StatusCode::Ok) << "it was started";
+    component.JoinThread();
+    EXPECT_TRUE(monitor.HasFailure());
+    EXPECT_THAT(mJournal.Take(), ElementsAre("IpcServer::Start", "IpcServer::Stop"));
+    EXPECT_TRUE(mLog.Contains(ExitMessage(51)));
+    EXPECT_EQ(mNotify.Receive(), STOPPING);
+    EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt) << "sent once";
+
+    fault_sd_event_add_signal.Fail(-ENOMEM);
+    EXPECT_EQ(mComponent.Start(), StatusCode::Ok);
+    mComponent.JoinThread();
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Start", "NotifyDBusThreadToStopOnFailure",
+                            "IpcServer::Stop", "StopWorkerThreads", "SetDBusThreadId 0"));
+}
+
+// The loop cannot take signals that nobody blocked; the report of that must not end the process before the
+// others have been stopped.
+TEST_F(ComponentTest, WithoutInitializeItStillStopsInOrder) {
+    const tern::test::ChildResult child = tern::test::RunInChild([&] {
+        UnblockTheSignals();
+        mwl::Threading::Signals signals;
+        mwl::Threading::ThreadsMonitor monitor(signals);
+        Component component(NAME, monitor, mServer);
+        if (component.Start() != StatusCode::Ok) {
+            return 1;
+        }
+        component.JoinThread();
+        const std::vector<std::string> inOrder = {"IpcServer::Start", "IpcServer::Stop"};
+        return !monitor.HasFailure() ? 2 : mJournal.Take() != inOrder ? 3 : 0;
+    });
+    EXPECT_EQ(child.signal, 0);
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, testing::Contains(ExitMessage(11)));
+}
+
+TEST_F(ComponentTest, ThreadThatHasEndedIsNotSignalled) {
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    Component component(NAME, monitor, mServer);
+    ASSERT_EQ(component.Start(), StatusCode::Ok);
+    kill(getpid(), SIGTERM);
+    component.JoinThread();
+    mLog.Clear();
+    monitor.NotifyDBusThreadToStopOnFailure();  // as a worker does whose last run throws
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(Info("Threading::ThreadsMonitor", "Notify D-Bus thread to stop [0]"),
+                            Error("Threading::ThreadsMonitor", "Failed to notify thread [0], error=3")));
+    EXPECT_TRUE(monitor.HasFailure());
+}
+
+TEST_F(ComponentTest, ThreadIsForgottenWhenItsServiceIsGone) {
+    // Goes with the watch that holds it, which goes last of all that the service owns.
+    class LastWord {
+    public:
+        explicit LastWord(Journal& journal) : mJournal(journal) {}
+        ~LastWord() { mJournal.Add("service destroyed"); }
+        LastWord(const LastWord&) = delete;
+        LastWord& operator=(const LastWord&) = delete;
+
+    private:
+        Journal& mJournal;
+    };
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    mServer.onStart = [&](auto&, mw::tern::EventLoop& loop) {
+        const auto lastWord = std::make_shared<LastWord>(mJournal);
+        EXPECT_EQ(loop.AddIo(ends[0], EPOLLIN, [lastWord](auto...) { return StatusCode::Ok; }),
+                  StatusCode::Ok);
+    };
+    mJournal.Note([this] { return mLog.Contains(ExitMessage(0)) ? " after the exit message" : ""; });
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    mMonitor.Terminate();
+    mComponent.JoinThread();
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop",
+                                             "StopWorkerThreads", "service destroyed after the exit message",
+                                             "SetDBusThreadId 0 after the exit message"));
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(ComponentTest, ConnectionIsClosedAtTheStopOnlyWhenTheLoopHasRun) {
+    sd_bus* bus = nullptr;
+    int isOpen = -1;
+    mServer.onStart = [&](mw::tern::DBusServerManager& manager, auto&) { bus = manager.GetBus(); };
+    mServer.onStop = [&] { isOpen = sd_bus_is_open(bus); };
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    mMonitor.Terminate();
+    mComponent.JoinThread();
+    EXPECT_EQ(isOpen, 0);
+
+    JournalingServer refusing(mJournal, StatusCode::NotSupported);
+    refusing.onStart = mServer.onStart;
+    refusing.onStop = mServer.onStop;
+    Component component(NAME, mMonitor, refusing);
+    EXPECT_EQ(component.Start(), StatusCode::NotSupported);
+    component.JoinThread();
+    EXPECT_GT(isOpen, 0);
+}
+
 TEST_F(ComponentTest, TerminationDuringStartUpStillStartsAndStopsInOrder) {
     kill(getpid(), SIGTERM);
     EXPECT_EQ(mComponent.Start(), StatusCode::Ok);
     mComponent.JoinThread();
-    EXPECT_THAT(mJournal.Take(),
-                ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop", "StopWorkerThreads"));
+    EXPECT_THAT(mJournal.Take(), ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop",
+                                             "StopWorkerThreads", "SetDBusThreadId 0"));
     EXPECT_EQ(mNotify.Receive(), STOPPING);
 }
 

@@ -14,13 +14,15 @@ namespace mwl::DBusService {
 /// gone.
 ///
 /// Implemented and owned by the application; it outlives the component it was given to. Both operations are
-/// called once, on the D-Bus thread.
+/// called on the D-Bus thread: `Stop` once, `Start` before it once, or never when the service could not be
+/// initialised.
 class TERN_API IpcServer {
 public:
     virtual ~IpcServer();
 
-    /// The D-Bus thread's loop has ended, or its start-up failed, also before `Start` was called. The bus
-    /// connection is closed already: nothing can be sent any more. Do not join the D-Bus thread from here.
+    /// The D-Bus thread's loop has ended, or its start-up failed, also before `Start` was called. A loop that
+    /// has run has closed the bus connection: nothing can be sent any more. After a failed start-up, or when
+    /// the loop could not run, it may still be open. Do not join the D-Bus thread from here.
     virtual void Stop() = 0;
 
     /// The service is connected, owns its name and is attached to the loop, which does not run yet: add

@@ -32,8 +32,8 @@ public:
     void StopWorkerThreads() override;
     /// Sends SIGTERM to the D-Bus thread, which its event loop takes as the order to leave. Done once: after
     /// a signal that was sent further calls only log, so the first one decides what `HasFailure` says. When
-    /// it could not be sent (no D-Bus thread yet), that is logged, `HasFailure` says `onFailure` all the
-    /// same, and the next call tries again.
+    /// it could not be sent (no D-Bus thread yet, or no more), that is logged, `HasFailure` says `onFailure`
+    /// all the same, and the next call tries again.
     void NotifyDBusThreadToStop(bool onFailure) override;
     void NotifyDBusThreadToStopOnFailure() override;
     /// For main, once the D-Bus thread has been joined: the process's exit result.
