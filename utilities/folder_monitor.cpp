@@ -58,7 +58,8 @@ std::optional<Event> FindEvent(const char* bytes, std::size_t size, std::uint32_
 /// thread owns it too: stopped from its own callback it is detached and may outlive the monitor, and a watch
 /// that has been started meanwhile must not be ended by it.
 struct FolderMonitor::Watch {
-    Watch(std::string watchedPath, Callback eventCallback, UniqueFd inotify, int descriptor)
+    /// Takes the callback last, when nothing can throw any more: a failure leaves it with the caller.
+    Watch(std::string watchedPath, Callback&& eventCallback, UniqueFd inotify, int descriptor)
         : path(std::move(watchedPath)),
           callback(std::move(eventCallback)),
           inotifyFd(inotify.Release()),
@@ -133,7 +134,9 @@ FolderMonitor::~FolderMonitor() {
 
 StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned int)> callback,
                                 unsigned int mask) {
-    std::shared_ptr<Watch> former;  // released after the lock: what its callback holds is user code
+    // Released after the lock, also when something throws: what their callbacks hold is user code.
+    std::shared_ptr<Watch> former;
+    std::shared_ptr<Watch> watch;
     const std::lock_guard lock(mMutex);
     if (mWatch != nullptr && mWatch->active) {
         TERN_LOG_INFO(LOGGER, "[%s] FolderMonitor already active on %s", "Start", mPath.c_str());
@@ -159,7 +162,7 @@ StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned 
     }
     TERN_LOG_INFO(LOGGER, "[%s] Started FolderMonitor on %s (wd=%d)", "Start", mPath.c_str(),
                   watchDescriptor);
-    const auto watch = std::make_shared<Watch>(mPath, std::move(callback), std::move(fd), watchDescriptor);
+    watch = std::make_shared<Watch>(mPath, std::move(callback), std::move(fd), watchDescriptor);
     // Ends the process when a finished thread has not been joined. A callback that calls back before this
     // assignment waits for the lock.
     mThread = std::thread([watch, effectiveMask] { watch->ThreadLoop(effectiveMask); });
@@ -187,7 +190,8 @@ void FolderMonitor::Stop() {
     // Only now: closed while the thread reads, the number could already be another file's.
     fd.Reset();
     watch->active = false;
-    TERN_LOG_INFO(LOGGER, "[%s] Stopped FolderMonitor on %s", "Stop", mPath.c_str());
+    // The watch's path: a callback's Stop is waited for by nobody, and the monitor may be gone by now.
+    TERN_LOG_INFO(LOGGER, "[%s] Stopped FolderMonitor on %s", "Stop", watch->path.c_str());
 }
 
 }  // namespace mwl::Utilities

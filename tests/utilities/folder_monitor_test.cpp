@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <latch>
+#include <optional>
 #include <system_error>
 
 #include "support/child.h"
@@ -28,6 +29,7 @@ TERN_INTERPOSE(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, 
 TERN_INTERPOSE_TIME(int, nanosleep, __nanosleep64, (const timespec* period, timespec* remaining),
                     (period, remaining))
 TERN_INTERPOSE(int, pthread_join, (pthread_t thread, void** result), (thread, result))
+TERN_INTERPOSE(int, pthread_detach, (pthread_t thread), (thread))
 TERN_INTERPOSE(int, pthread_create,
                (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),
                (thread, attributes, body, argument))
@@ -176,6 +178,23 @@ TEST_F(FolderMonitorTest, StartThatIsRefusedAThreadThrowsAndLeavesItIdle) {
     EXPECT_THAT(log.Entries(), ElementsAre(Started(), NotRunning()));
     EXPECT_EQ(monitor.Start(IgnoreEvent, 0), StatusCode::Ok);
     monitor.Stop();
+}
+
+TEST_F(FolderMonitorTest, CallbackOfAStartThatThrowsMayUseTheMonitorWhileItIsDestroyed) {
+    FolderMonitor monitor(folder.Path());
+    std::thread stopping;
+    auto held = std::shared_ptr<void>(nullptr, [&](void*) {
+        // On a thread of its own, so that a lock held meanwhile fails the test and does not hang it.
+        stopping = std::thread([&] { monitor.Stop(); });
+        EXPECT_TRUE(log.WaitFor(NotRunning()));
+    });
+    const FaultScope scope(fault_pthread_create);
+    fault_pthread_create.Fail(EAGAIN);
+    EXPECT_THROW(monitor.Start([held = std::move(held)](const std::string&, unsigned int) {}, 0),
+                 std::system_error);
+    ASSERT_TRUE(stopping.joinable());
+    stopping.join();
+    EXPECT_THAT(log.Entries(), ElementsAre(Started(), NotRunning()));
 }
 
 TEST_F(FolderMonitorTest, StartWhileWatchingDropsTheNewCallback) {
@@ -570,6 +589,27 @@ TEST_F(FolderMonitorTest, MonitorMayBeDestroyedFromInsideItsCallback) {
     done.wait();
     EXPECT_TRUE(log.WaitFor(Exiting()));
     EXPECT_THAT(log.Entries(), ElementsAre(Started(), Detected("200", "a"), Stopped(), Exiting()));
+}
+
+TEST_F(FolderMonitorTest, MonitorMayBeDestroyedBesideTheStopOfItsCallback) {
+    CreateFile("a");
+    std::latch detaching(1);
+    std::latch destroyed(1);
+    const FaultScope scope(fault_pthread_detach);
+    fault_pthread_detach.Replace([&](pthread_t thread) {
+        detaching.count_down();
+        destroyed.wait();
+        return fault_pthread_detach.Real(thread);
+    });
+    std::optional<FolderMonitor> monitor(folder.Path());
+    ASSERT_EQ(monitor->Start([&](const std::string&, unsigned int) { monitor->Stop(); }, 0), StatusCode::Ok);
+    DeleteFile("a");
+    detaching.wait();
+    // In the place of the destroyed one, so that a look at it afterwards shows.
+    monitor.emplace("the path of another monitor");
+    destroyed.count_down();
+    EXPECT_TRUE(log.WaitFor(Exiting()));
+    EXPECT_THAT(log.Entries(), ElementsAre(Started(), Detected("200", "a"), Stopped(), Stopped(), Exiting()));
 }
 
 TEST_F(FolderMonitorTest, StopWaitsForARunningCallback) {

@@ -29,8 +29,9 @@ namespace mwl::Utilities {
 /// that is destroyed or assigned to calls std::terminate. So stop a monitor while it is still watching, call
 /// `Stop` from inside the callback (which leads to idle), or let the monitor live as long as the process.
 ///
-/// Thread-safe, except that the destructor must not run beside another operation. When `Stop` runs on several
-/// threads at once, one of them waits for the watching thread; the others return at once.
+/// Thread-safe, except that the destructor must not run beside another operation than a `Stop` called from
+/// inside the callback. When `Stop` runs on several threads at once, one of them waits for the watching
+/// thread; the others return at once.
 ///
 /// The callback runs on the watching thread. It may call any operation of its own monitor and may destroy it
 /// (after `Stop`, or by the destructor alone). It may call `Start` again after `Stop`. An exception that
