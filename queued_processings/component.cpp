@@ -39,10 +39,17 @@ StatusCode Component::Start() {
     std::future<StatusCode> started = startUp->get_future();
     auto body = [name = mName, threadName = mThreadName, threadManager = mThreadManager, startUp,
                  &executor = mExecutor] { ThreadMain(name, threadName, *threadManager, *startUp, executor); };
-    mThread.reset(new (std::nothrow) std::thread(std::move(body)));
+    // In its place before it runs: the executor may call Stop from there at once.
+    mThread.reset(new (std::nothrow) std::thread);
     if (mThread == nullptr) {
         TERN_LOG_ERROR(LOGGER, "%s: Failed to create %s thread", "Start", mName.c_str());
         return StatusCode::ResourceUnavailable;
+    }
+    try {
+        *mThread = std::thread(std::move(body));
+    } catch (...) {
+        mThread.reset();
+        throw;
     }
     const StatusCode status = started.get();
     if (status != StatusCode::Ok) {

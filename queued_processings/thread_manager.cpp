@@ -37,6 +37,8 @@ StatusCode ThreadManager::Wait() {
 }
 
 void ThreadManager::Notify() {
+    // The thread may be the last owner, and the run that is asked for may be its last.
+    const std::shared_ptr<ThreadManager> self = weak_from_this().lock();
     {
         const Threading::Lock lock(mMutex);
         mWaitNeeded = false;

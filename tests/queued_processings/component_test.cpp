@@ -395,6 +395,52 @@ TEST_F(QueuedComponent, StopTwiceTellsTheExecutorTwice) {
     EXPECT_EQ(mLog.Count(LEAVE), 1U);
 }
 
+// The new thread may be that far before its creator has come back from making it.
+TEST_F(QueuedComponent, StopFromInitializeIsNotLost) {
+    std::promise<void> stopped;
+    std::future<void> isStopped = stopped.get_future();
+    FaultScope scope(fault_pthread_create);
+    fault_pthread_create.Replace(
+        [&](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+            const int result = fault_pthread_create.Real(thread, attributes, body, argument);
+            EXPECT_EQ(isStopped.wait_for(tern::test::GENEROUS_LIMIT), std::future_status::ready);
+            return result;
+        });
+    mExecutor.onInitialize = [&] {
+        mComponent->Stop();
+        stopped.set_value();
+        return StatusCode::Ok;
+    };
+    EXPECT_EQ(mComponent->Start(), StatusCode::Ok);
+    EXPECT_EQ(mExecutor.stopped, 1);
+    EXPECT_TRUE(mLog.WaitFor(MAIN_EXIT));
+    EXPECT_TRUE(mLog.Contains(LEAVE));
+    EXPECT_EQ(mExecutor.executed, 0);
+    EndThread();
+}
+
+TEST_F(QueuedComponent, ExecutorMayStopItDuringARun) {
+    mExecutor.onExecute = [&] { mComponent->Stop(); };
+    mComponent->WakeUp();
+    ASSERT_EQ(mComponent->Start(), StatusCode::Ok);
+    mComponent->Join();
+    EXPECT_EQ(mExecutor.stopped, 1);
+    EXPECT_EQ(mExecutor.executed, 1);
+}
+
+TEST_F(QueuedComponent, StoppedInitialisationThatFailsLeavesNothingToRun) {
+    mExecutor.onInitialize = [&] {
+        mComponent->Stop();
+        return StatusCode::NotFound;
+    };
+    EXPECT_EQ(mComponent->Start(), StatusCode::NotFound);
+    mExecutor.onInitialize = nullptr;
+    mComponent->WakeUp();
+    EXPECT_EQ(mComponent->Start(), StatusCode::Ok);
+    mComponent->Join();
+    EXPECT_EQ(mExecutor.executed, 0) << "there is no way back from a stop";
+}
+
 TEST_F(QueuedComponent, MonitorStopsItWithTheOthers) {
     FakeExecutor otherExecutor;
     Component other("Download", "download", mMonitor, otherExecutor);

@@ -150,29 +150,39 @@ TEST_F(QueuedThreadManager, KeepsTheThreadsId) {
     EXPECT_EQ(mManager.GetThreadId(), pthread_self());
 }
 
-// Once the flag is set, a detached thread may end, and with it the last owner, before Stop has returned.
-TEST_F(QueuedThreadManager, OutlivesItsOwnStop) {
+/// Once the flag is set, a detached thread may end, and with it the last owner, before the call that set it
+/// has returned. Makes it so, and expects the manager to live on for the signal that is still to come.
+void ExpectToOutlive(void (ThreadManager::*call)(), StatusCode answer, FakeMonitor& monitor,
+                     FakeExecutor& executor) {
     std::promise<void> ended;
-    auto owner = std::make_shared<ThreadManager>(mMonitor, mExecutor);
+    auto owner = std::make_shared<ThreadManager>(monitor, executor);
     const std::weak_ptr<ThreadManager> alive = owner;
     ThreadManager* const manager = owner.get();
-    std::promise<void> stopping;
+    std::promise<void> changed;
     FaultScope scope(fault_pthread_cond_signal);
     fault_pthread_cond_signal.Replace([&](pthread_cond_t* condition) {
-        stopping.set_value();  // the flag is set, the mutex released
+        changed.set_value();  // the flag is set, the mutex released
         ended.get_future().get();
         EXPECT_FALSE(alive.expired());
         return fault_pthread_cond_signal.Real(condition);
     });
     std::thread thread([&, owner = std::move(owner)]() mutable {
-        stopping.get_future().get();
-        EXPECT_EQ(owner->Wait(), StatusCode::Stopping);
+        changed.get_future().get();
+        EXPECT_EQ(owner->Wait(), answer);
         owner.reset();
         ended.set_value();
     });
-    manager->Stop();
+    (manager->*call)();
     EXPECT_TRUE(alive.expired());
     thread.join();
+}
+
+TEST_F(QueuedThreadManager, OutlivesItsOwnStop) {
+    ExpectToOutlive(&ThreadManager::Stop, StatusCode::Stopping, mMonitor, mExecutor);
+}
+
+TEST_F(QueuedThreadManager, OutlivesItsOwnNotify) {
+    ExpectToOutlive(&ThreadManager::Notify, StatusCode::Ok, mMonitor, mExecutor);
 }
 
 }  // namespace

@@ -32,11 +32,13 @@ namespace mwl::QueuedProcessings {
 /// | Join      | unregisters                         | waits for the end, unregisters   | std::system_error |
 ///
 /// Threads: `WakeUp` may be called from any thread, the executor included. All else belongs to one thread,
-/// the owner's; `Stop` may be called by the executor too, `Join` may not.
+/// the owner's; `Stop` may be called by the executor too, from `Initialize` on, `Join` may not.
 ///
 /// Lifetime: monitor and executor outlive the component's thread. A component is destroyed after `Join`. One
 /// that is destroyed without it detaches its thread, which still needs monitor and executor, and which
-/// stays registered with the monitor: do so only after the last StopWorkerThreads.
+/// stays registered with the monitor: do so only after the last StopWorkerThreads. The owner may leave even
+/// that to the executor: `Execute` may destroy the component once `Start` has returned and nobody else uses
+/// it any more.
 class TERN_API Component : public ComponentInterface {
 public:
     /// `name` is used in messages. `threadName` is given to the thread; one of more than 15 characters leaves
@@ -52,8 +54,9 @@ public:
     /// logged as errors.
     /// Ok: the thread runs. Busy: there is a thread already, or was: a component is started once.
     /// ResourceUnavailable: no memory for the thread object. Any other: the status of `Initialize`, and the
-    /// thread has ended. After the last two there is no thread, and Start may be called again. A thread that
-    /// the system refuses leaves as std::system_error; there is none then either.
+    /// thread has ended. After the last two there is no thread, and Start may be called again; but what was
+    /// stopped meanwhile stays stopped, and runs nothing. A thread that the system refuses leaves as
+    /// std::system_error; there is none then either.
     StatusCode Start() override;
     /// Calls the executor's `Stop` and asks the thread to leave its loop, which it does when the run in
     /// progress returns. Returns at once; harmless to repeat. Does nothing without a thread.

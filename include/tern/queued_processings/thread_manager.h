@@ -29,7 +29,8 @@ public:
     /// status of a failed wait, logged as an error: leave the loop. One wait is made: a wake-up for no reason
     /// counts as one, so the processing may run with nothing to do.
     StatusCode Wait();
-    /// Wakes the thread, or keeps it from sleeping the next time.
+    /// Wakes the thread, or keeps it from sleeping the next time. That run may release the last reference to
+    /// the manager before this call has returned.
     void Notify();
     /// Calls the executor's `Stop`, then makes the wait in progress, or else the next one, answer Stopping.
     /// There is no way back: every later `Wait` that is woken answers so too.
