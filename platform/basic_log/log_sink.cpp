@@ -70,12 +70,23 @@ void WriteToTerminal(int level, char* text, std::size_t length) noexcept {
     static constexpr const char* COLOURS[] = {"31;1", "31;1", "31;1", "31", "33", "1", "0", "2"};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    const long second = ((static_cast<long>(now.tv_sec) + gUtcOffset) % 86400 + 86400) % 86400;
+    // In 64 bits up to the remainder: a long of 32 bits does not hold the seconds after January 2038.
+    const std::int64_t local = std::int64_t{now.tv_sec} + gUtcOffset;
+    const long second = static_cast<long>((local % 86400 + 86400) % 86400);
     char prefix[FRAME_ROOM];
     const int prefixLength =
         snprintf(prefix, sizeof prefix, "%02ld:%02ld:%02ld.%03ld \x1b[%sm%-8s ", second / 3600,
                  second / 60 % 60, second % 60, now.tv_nsec / 1000000, COLOURS[level], NAMES[level]);
     WriteFramed(prefix, static_cast<std::size_t>(prefixLength), "\x1b[0m\n", 5, text, length);
+}
+
+/// Sends the datagram, again when a signal came in between.
+bool Send(int socket, const msghdr& message) noexcept {
+    ssize_t sent = 0;
+    do {
+        sent = sendmsg(socket, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent >= 0;
 }
 
 /// A message too large for a datagram goes as a sealed memory file, as the journal's native protocol has it.
@@ -85,7 +96,12 @@ bool SendAsMemoryFile(int socket, const sockaddr_un& address, const iovec* parts
     if (file < 0) {
         return false;
     }
-    bool sent = writev(file, parts, static_cast<int>(count)) >= 0 &&
+    std::size_t size = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        size += parts[i].iov_len;
+    }
+    // Memory may end in the middle: the journal would refuse the part, and the message would be lost.
+    bool sent = writev(file, parts, static_cast<int>(count)) == static_cast<ssize_t>(size) &&
                 fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) == 0;
     if (sent) {
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof file)] = {};
@@ -99,7 +115,7 @@ bool SendAsMemoryFile(int socket, const sockaddr_un& address, const iovec* parts
         header->cmsg_type = SCM_RIGHTS;
         header->cmsg_len = CMSG_LEN(sizeof file);
         memcpy(CMSG_DATA(header), &file, sizeof file);
-        sent = sendmsg(socket, &message, MSG_NOSIGNAL) >= 0;
+        sent = Send(socket, message);
     }
     close(file);
     return sent;
@@ -134,10 +150,7 @@ bool SendToJournal(int level, const char* text, std::size_t length) noexcept {
     message.msg_namelen = sizeof address;
     message.msg_iov = parts;
     message.msg_iovlen = sizeof parts / sizeof parts[0];
-    bool sent = false;
-    do {
-        sent = sendmsg(socket, &message, MSG_NOSIGNAL) >= 0;
-    } while (!sent && errno == EINTR);
+    bool sent = Send(socket, message);
     if (!sent && (errno == EMSGSIZE || errno == ENOBUFS)) {
         sent = SendAsMemoryFile(socket, address, parts, sizeof parts / sizeof parts[0]);
     }

@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 #include <tern-basic-log/root_logger.h>
 #include <tern/foundation/log.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -20,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "malloc_stand_in.h"
 #include "support/allocations.h"
 #include "support/dump_coverage.h"
 #include "support/interpose.h"
@@ -29,6 +32,9 @@
 
 using mwl::Log::RootLogger;
 using tern::test::CountAllocations;
+using tern::test::CountMallocs;
+using tern::test::HasMallocStandIn;
+using tern::test::MallocShortage;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -38,6 +44,7 @@ TERN_INTERPOSE_TIME(ssize_t, sendmsg, __sendmsg64, (int fd, const msghdr* messag
                     (fd, message, flags))
 TERN_INTERPOSE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
 TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 TERN_INTERPOSE(ssize_t, writev, (int fd, const iovec* parts, int count), (fd, parts, count))
 // syslog(3) takes variable arguments; these are the ones that the logger gives it.
 TERN_INTERPOSE(int, syslog, (int priority, const char* format, const char* text), (priority, format, text))
@@ -81,6 +88,24 @@ std::vector<std::string> WritesOf(const std::function<void()>& body) {
     close(ends[0]);
     ExpectSuccess(pid);
     return writes;
+}
+
+/// Everything that a child wrote to standard error, a terminal.
+std::string TerminalOf(const std::function<void()>& body) {
+    int terminal = -1;
+    int shell = -1;
+    EXPECT_EQ(openpty(&terminal, &shell, nullptr, nullptr, nullptr), 0);
+    const pid_t pid = StartChild(shell, body);
+    close(shell);
+    std::string text;
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = read(terminal, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    close(terminal);
+    ExpectSuccess(pid);
+    return text;
 }
 
 std::string Prefix() {
@@ -190,17 +215,43 @@ TEST(RootLogger, TrailingBlanksAndLineBreaksSurvive) {
                     "<3>" + Prefix() + " its own newline\n\n", "<3>bare\n"));
 }
 
-TEST(RootLogger, MessagesUnderFourKibibytesTakeNoMemoryLongerOnesArriveWhole) {
-    for (const std::size_t length : {0U, 1U, 4000U, 4095U, 4096U, 4097U, 100000U}) {
-        const std::string text(length, 'y');
+TEST(RootLogger, MessagesUnderFourKibibytesTakeNoMemoryLongerOnesOnceAndArriveWhole) {
+    const std::pair<std::size_t, long> rows[] = {{0, 0},    {1, 0},    {4000, 0},  {4095, 0},
+                                                 {4096, 1}, {4097, 1}, {100000, 1}};
+    for (const auto& row : rows) {
+        const std::string text(row.first, 'y');
         const std::vector<std::string> writes = WritesOf([&] {
             RootLogger::GetInstance();
             const std::size_t before = CountAllocations();
+            const long mallocsBefore = CountMallocs();
             RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
+            const long mallocs = CountMallocs() - mallocsBefore;
             EXPECT_EQ(CountAllocations(), before);
+            if (HasMallocStandIn()) {
+                EXPECT_EQ(mallocs, row.second);
+            }
         });
-        EXPECT_THAT(writes, ElementsAre("<3>" + text + "\n")) << length;
+        EXPECT_THAT(writes, ElementsAre("<3>" + text + "\n")) << row.first;
     }
+}
+
+TEST(RootLogger, WithoutMemoryALongMessageIsCut) {
+    if (!HasMallocStandIn()) {
+        GTEST_SKIP() << "the sanitizer's malloc cannot be made to fail";
+    }
+    std::string text(5000, 'y');
+    text[4094] = 'L';
+    EXPECT_THAT(WritesOf([&] {
+                    RootLogger::GetInstance();
+                    errno = EXDEV;
+                    {
+                        const MallocShortage shortage;
+                        RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
+                    }
+                    EXPECT_EQ(errno, EXDEV);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
+                }),
+                ElementsAre("<3>" + text.substr(0, 4095) + "\n", "<3>" + text + "\n"));
 }
 
 TEST(RootLogger, ErrnoIsPreserved) {
@@ -255,7 +306,7 @@ TEST(RootLogger, WorksInAForkedChildAndDuringExit) {
                     TERN_LOG_INFO(LOGGER, "parent");
                     const pid_t pid = fork();
                     if (pid == 0) {
-                        // Registered before the logger's end is: runs after it.
+                        // The logger is the parent's, older than this one, so it is still there.
                         static const struct AtExit {
                             ~AtExit() { RootLogger::GetInstance().Print(TernLogLevel::Info, "late"); }
                         } late;
@@ -286,22 +337,10 @@ TEST(RootLogger, WorksAfterItsOwnDestruction) {
 }
 
 TEST(RootLogger, TerminalGetsTimeAndColouredLevel) {
-    int terminal = -1;
-    int shell = -1;
-    ASSERT_EQ(openpty(&terminal, &shell, nullptr, nullptr, nullptr), 0);
-    const pid_t pid = StartChild(shell, [] {
+    const std::string text = TerminalOf([] {
         setenv("TERN_LOG_LEVEL", "7", 1);
         LogAtEveryLevel();
     });
-    close(shell);
-    std::string text;
-    char buffer[4096];
-    ssize_t count = 0;
-    while ((count = read(terminal, buffer, sizeof buffer)) > 0) {
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-    close(terminal);
-    ExpectSuccess(pid);
     const std::string time = R"([0-2]\d:[0-5]\d:[0-6]\d\.\d{3} )";
     const std::string tail = R"( \[\d+\]\[Test::Logger\])";
     const std::regex expected(time + "\x1b\\[31;1mcritical" + tail + " critical\x1b\\[0m\r\n" +  //
@@ -312,6 +351,45 @@ TEST(RootLogger, TerminalGetsTimeAndColouredLevel) {
                               time + "\x1b\\[2mdebug   " + tail +
                               "\\[trace\\] LogAtEveryLevel: debug\x1b\\[0m\r\n");
     EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+// With 32-bit long the time of day went wrong after January 2038.
+TEST(RootLogger, TerminalGetsTheLocalTimeOfDay) {
+    const struct {
+        const char* zone;  // in POSIX the sign says how far UTC is away
+        std::int64_t seconds;
+        long nanoseconds;
+        const char* time;
+    } rows[] = {
+        {"UTC0", 0, 0, "00:00:00.000"},
+        {"UTC0", 86399, 999999999, "23:59:59.999"},
+        {"UTC0", 86400, 1000000, "00:00:00.001"},
+        {"EAST-01:30", 0, 0, "01:30:00.000"},
+        {"EAST-01:30", 82800, 0, "00:30:00.000"},
+        {"WEST+01:30", 0, 0, "22:30:00.000"},
+        {"UTC0", 2147483647, 0, "03:14:07.000"},
+        {"UTC0", 2147483648, 0, "03:14:08.000"},
+        {"EAST-01:30", 2147483647, 0, "04:44:07.000"},
+        {"EAST-01:30", 5000000000, 50000000, "10:23:20.050"},
+        {"WEST+01:30", 5000000000, 50000000, "07:23:20.050"},
+    };
+    for (const auto& row : rows) {
+        const std::string text = TerminalOf([&row] {
+            setenv("TZ", row.zone, 1);
+            tzset();
+            RootLogger::GetInstance();
+            fault_clock_gettime.Replace([&row](clockid_t clock, timespec* now) {
+                EXPECT_EQ(clock, CLOCK_REALTIME);
+                *now = {};
+                now->tv_sec = static_cast<time_t>(row.seconds);
+                now->tv_nsec = row.nanoseconds;
+                return 0;
+            });
+            RootLogger::GetInstance().Print(TernLogLevel::Error, "now");
+        });
+        EXPECT_EQ(text, std::string(row.time) + " \x1b[31merror    now\x1b[0m\r\n")
+            << row.zone << ' ' << row.seconds;
+    }
 }
 
 TEST(RootLogger, JournalGetsStructuredEntries) {
@@ -386,6 +464,28 @@ TEST(RootLogger, InterruptedSendToTheJournalIsRepeated) {
                 IsEmpty());
 }
 
+TEST(RootLogger, InterruptedSendOfALargeEntryToTheJournalIsRepeated) {
+    EXPECT_THAT(WritesOf([] {
+                    PretendJournal();
+                    std::vector<int> errors = {EMSGSIZE, EINTR, EINTR};
+                    int calls = 0;
+                    fault_sendmsg.Replace(
+                        [&](int, const msghdr* message, int) {
+                            // The datagram first, then the memory file.
+                            EXPECT_EQ(message->msg_control == nullptr, calls == 0);
+                            if (static_cast<std::size_t>(calls) == errors.size()) {
+                                return static_cast<ssize_t>(1);
+                            }
+                            errno = errors[static_cast<std::size_t>(calls++)];
+                            return static_cast<ssize_t>(-1);
+                        },
+                        4);
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "once");
+                    EXPECT_EQ(fault_sendmsg.Calls(), 4);
+                }),
+                IsEmpty());
+}
+
 TEST(RootLogger, WithoutADescriptorForTheJournalStandardErrorIsTaken) {
     EXPECT_THAT(WritesOf([] {
                     PretendJournal();
@@ -399,6 +499,11 @@ TEST(RootLogger, WithoutAMemoryFileForTheJournalStandardErrorIsTaken) {
     const std::function<void()> provocations[] = {
         [] { fault_memfd_create.Fail(-1, EMFILE); },
         [] { fault_writev.Fail(-1, ENOSPC); },
+        // A part of an entry is none.
+        [] {
+            fault_writev.Replace(
+                [](int fd, const iovec* parts, int) { return fault_writev.Real(fd, parts, 1); });
+        },
     };
     for (const auto& provoke : provocations) {
         for (const int refusal : {EMSGSIZE, ENOBUFS}) {
