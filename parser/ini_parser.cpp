@@ -43,6 +43,8 @@ mw::tern::StatusCode IniParser::Parse(const std::string& path, std::map<std::str
         }
         values.insert_or_assign(attribute, value);
     }
+    // A read error ends the lines as the end of the file does: a folder, which opens like a file, would pass
+    // for an empty one, and a file that broke off for a whole one.
     if (file.bad()) {
         TERN_LOG_ERROR(LOGGER, "Error reading file [%s]", path.c_str());
         return StatusCode::IoError;

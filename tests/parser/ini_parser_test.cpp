@@ -1,13 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <tern/parser/ini_parser.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/log_capture.h"
@@ -164,6 +168,28 @@ TEST_F(IniParserTest, AMissingFile) {
     EXPECT_THAT(log.Entries(NAME), IsEmpty());
     EXPECT_TRUE(log.Contains(tern::test::Trace("mwl::Utilities::FileSystem",
                                                "CheckFileExist: file '" + path + "' does not exist")));
+}
+
+// Whatever keeps the path from being followed counts as a missing file.
+TEST_F(IniParserTest, AFileThatCannotBeReached) {
+    Write("a=b\n");
+    const std::string loop = mFolder / "loop";
+    ASSERT_EQ(symlink("loop", loop.c_str()), 0);
+    const std::pair<std::string, int> rows[] = {
+        {mPath + "/below.ini", ENOTDIR},
+        {loop, ELOOP},
+        {mFolder / std::string(NAME_MAX + 1, 'n'), ENAMETOOLONG},
+    };
+    for (const auto& [path, error] : rows) {
+        struct stat information {};
+        ASSERT_EQ(stat(path.c_str(), &information), -1) << path;
+        ASSERT_EQ(errno, error) << path;
+        LogCapture log;
+        Values values{{"mine", "1"}};
+        EXPECT_EQ(IniParser::Parse(path, values), StatusCode::NotFound) << path;
+        EXPECT_THAT(values, ElementsAre(Pair("mine", "1")));
+        EXPECT_THAT(log.Entries(NAME), IsEmpty()) << path;
+    }
 }
 
 // A socket exists, but open(2) refuses it, whoever asks.

@@ -20,7 +20,7 @@ enum class LifecycleStep : int { Configure = 1, Initialize, Start, Stop };
 ///
 /// | operation  | runs when                                                                            |
 /// |------------|--------------------------------------------------------------------------------------|
-/// | Configure  | no step has succeeded yet: a failed one may be tried again, a successful one may not  |
+/// | Configure  | Configure has not succeeded: a failed one may be tried again                         |
 /// | Initialize | Configure is the last step of the unbroken run of successes                           |
 /// | Start      | Initialize is the last step of that run                                               |
 /// | Stop       | Start was the last executed step, however it ended, or any step has failed            |

@@ -25,10 +25,10 @@ public:
     /// Reads the file at `path` into `values`: a new attribute is inserted, one already there, from the
     /// caller, from an earlier line or section, is overwritten. What was stored before a failure stays.
     ///
-    /// Ok: read to its end; an empty file holds nothing. NotFound: there is no such file. OpenFailed: it
-    /// could not be opened for reading. IoError: it could not be read (a directory, for example).
-    /// InvalidArgument: a line holds
-    /// "[" without a later "]", or has neither "[" nor "="; it is logged and reading stops there.
+    /// Ok: read to its end; an empty file holds nothing. NotFound: there is no such file, or it cannot be
+    /// reached (stat(2) fails, for whatever reason). OpenFailed: it could not be opened for reading. IoError:
+    /// it could not be read (a directory, for example). InvalidArgument: a line holds "[" without a later
+    /// "]", or has neither "[" nor "="; it is logged and reading stops there.
     static mw::tern::StatusCode Parse(const std::string& path, std::map<std::string, std::string>& values);
 
     /// Splits one line at its first "=" and returns 1; 0 when there is none (logged), and then both outputs
