@@ -48,7 +48,7 @@ extern "C" {
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's own name for what is replaced here
 void* __libc_malloc(std::size_t size);
 
-void* malloc(std::size_t size) {
+__attribute__((visibility("default"))) void* malloc(std::size_t size) {
     tern::test::gMallocs.fetch_add(1, std::memory_order_relaxed);
     if (tern::test::gShortage.load(std::memory_order_relaxed)) {
         errno = ENOMEM;
