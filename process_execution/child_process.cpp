@@ -1,6 +1,7 @@
 #include "process_execution/child_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <tern/foundation/log.h>
 #include <unistd.h>
@@ -13,6 +14,9 @@
 namespace mwl::ProcessExecution {
 
 namespace {
+
+/// Longest wait for a child to execute its program, in milliseconds: far more than it takes.
+constexpr int START_LIMIT_MS = 100;
 
 enum class Stage : int { Stdin, Stdout, Stderr, Execute };
 
@@ -94,6 +98,13 @@ void ChildProcess::CloseChildEnds() {
     mInput.readEnd.Reset();
     mOutput.writeEnd.Reset();
     mFailure.writeEnd.Reset();
+}
+
+void ChildProcess::AwaitStart() {
+    // Executing closes the child's end. A program that another thread starts may hold a copy until it does
+    // too.
+    pollfd report{mFailure.readEnd.Get(), POLLIN, 0};
+    static_cast<void>(poll(&report, 1, START_LIMIT_MS));
 }
 
 void ChildProcess::LogStartFailure() {

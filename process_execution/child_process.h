@@ -31,8 +31,11 @@ public:
     /// closed.
     void CloseChildEnds();
 
-    /// Logs what kept the child from executing the program, if anything did. Call it once, when the child has
-    /// ended: it never blocks.
+    /// Waits until the child has executed the program or failed to, at most 100 ms. Call it after
+    /// CloseChildEnds.
+    void AwaitStart();
+    /// Logs what has kept the child from executing the program up to now, if anything has. It never blocks,
+    /// so look when the child has ended or is left to itself. A failure is logged once.
     void LogStartFailure();
 
 private:

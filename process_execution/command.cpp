@@ -46,6 +46,8 @@ StatusCode Attend(ChildProcess& child, const std::string& name, unsigned int tim
     child.CloseChildEnds();
     const StatusCode opened = stream.Open(child.TakeOutput());
     if (opened != StatusCode::Ok) {
+        child.AwaitStart();
+        child.LogStartFailure();
         return opened;
     }
     TERN_LOG_INFO(LOGGER, "PID[%d] Launched... ", child.GetPid());

@@ -102,8 +102,11 @@ bool Supervisor::CheckEnd() {
 
 void Supervisor::KillOnTimeout() {
     const pid_t pid = mChild.GetPid();
-    if (kill(pid, SIGKILL) != 0) {
-        const int error = errno;
+    const bool isKilled = kill(pid, SIGKILL) == 0;
+    const int error = errno;
+    // It may have failed since the last look.
+    mChild.LogStartFailure();
+    if (!isKilled) {
         mStatus = mw::tern::MakeStatusCodeFromErrno(error);
         TERN_LOG_ERROR(LOGGER, "PID[%d] Kill failed: %s", pid, ErrorText(error));
         return;
