@@ -21,6 +21,8 @@ constexpr std::size_t CHUNK = 64UL * 1024;
 constexpr std::size_t PASS_LIMIT = 1024UL * 1024;
 /// Longest piece of a line in the log.
 constexpr std::size_t PIECE = 127;
+/// The log level of the lines.
+constexpr int TRACE_LEVEL = 7;
 
 }  // namespace
 
@@ -89,7 +91,7 @@ void OutputStream::ReadUpTo(std::size_t limit) {
 }
 
 void OutputStream::TraceLines(bool all) {
-    if (mwl::Log::RootLogger::GetInstance().GetLevel() < static_cast<int>(TernLogLevel::Debug)) {
+    if (!ProcessLogger::Writes(TRACE_LEVEL)) {
         mTraced = mOutput.size();
         return;
     }

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <tern-basic-log/root_logger.h>
+
+#include <atomic>
+
+namespace mwl {
+
+/// The process's logger as the log macros (log.h) reach it. Any thread, at any time, also before main().
+///
+/// RootLogger::GetInstance is compiled into each caller, with the guard of its first use. Here that is done
+/// once for a shared object, which keeps every log call small. Of the logger no more is used than that its
+/// first member points to the threshold, and its Print: the device maker's own may know no other operation.
+class ProcessLogger {
+public:
+    /// The logger, built on first use. What its construction throws passes through.
+    static const Log::RootLogger& Get() {
+        const Log::RootLogger* const logger = gInstance.load(std::memory_order_acquire);
+        return __builtin_expect(logger != nullptr, 1) ? *logger : Obtain();
+    }
+
+    /// Whether a message of this level (syslog(3), 2 to 7) is written.
+    static bool Writes(int level) { return Threshold(Get()) >= level; }
+
+    /// The threshold of `logger`; a plain one-byte read.
+    static unsigned char Threshold(const Log::RootLogger& logger) {
+        const unsigned char* const threshold = *reinterpret_cast<const unsigned char* const*>(&logger);
+        return __atomic_load_n(threshold, __ATOMIC_RELAXED);
+    }
+
+private:
+    __attribute__((visibility("hidden"), noinline, cold)) static const Log::RootLogger& Obtain() {
+        const Log::RootLogger& logger = Log::RootLogger::GetInstance();
+        gInstance.store(&logger, std::memory_order_release);
+        return logger;
+    }
+
+    /// Null until first use; one for each shared object.
+    __attribute__((visibility("hidden"))) static inline std::atomic<const Log::RootLogger*> gInstance{
+        nullptr};
+};
+
+}  // namespace mwl
