@@ -28,7 +28,8 @@ const std::string LOGGER = "Parser";
 /// Lengthens the path by one name for the life of a block.
 class PathStep {
 public:
-    PathStep(std::string& path, const char* name) : mPath(path), mLength(path.size()) {
+    // Not inlined: the readers of the basic types are eleven.
+    [[gnu::noinline]] PathStep(std::string& path, const char* name) : mPath(path), mLength(path.size()) {
         mPath.push_back(SEPARATOR);
         mPath.append(name);
     }
@@ -100,12 +101,19 @@ bool IsBasic(const char* signature) {
 
 template <typename ConcreteValue, typename... Arguments>
 bool MessageWalk::Store(const char* operation, Arguments&&... arguments) {
+    if (!PayForKey(operation)) {
+        return false;
+    }
+    ValuesListWriter::Add<ConcreteValue>(mValues, mPath, std::forward<Arguments>(arguments)...);
+    return true;
+}
+
+bool MessageWalk::PayForKey(const char* operation) {
     // A key that is there already is paid for too: looking it up costs as much as its length.
     if (!mBudget.Take(mPath.size())) {
         TERN_LOG_ERROR(LOGGER, "[%s] Keys of one message exceed %zu bytes", operation, KeyBudget::LIMIT);
         return false;
     }
-    ValuesListWriter::Add<ConcreteValue>(mValues, mPath, std::forward<Arguments>(arguments)...);
     return true;
 }
 

@@ -38,6 +38,7 @@ private:
     /// Stores under the path as it is now. False, and logged, when the keys have become too many.
     template <typename ConcreteValue, typename... Arguments>
     bool Store(const char* operation, Arguments&&... arguments);
+    bool PayForKey(const char* operation);
 
     sd_bus_message* const mMessage;
     ValuesList& mValues;

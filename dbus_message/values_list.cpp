@@ -32,8 +32,8 @@ using PassedTo = std::conditional_t<std::is_scalar_v<HeldBy<ConcreteValue>>, Hel
 template <typename ConcreteValue>
 StatusCode Get(const std::map<std::string, Value*>& values, const char* getter, const std::string& key,
                HeldBy<ConcreteValue>& out) {
-    const auto found = values.find(key);
-    if (found == values.end() || found->second == nullptr ||
+    const auto found = values.lower_bound(key);
+    if (found == values.end() || found->first != key || found->second == nullptr ||
         found->second->GetType() != ConcreteValue::TYPE) {
         TERN_LOG_TRACE(ServiceCommon::mLogger, "%s: key:'%s' not found", getter, key.c_str());
         return StatusCode::KeyNotFound;

@@ -2,6 +2,7 @@
 
 #include <tern/dbus_message/values_list.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,14 +17,21 @@ public:
     /// object. When the key is there already nothing is built.
     template <typename ConcreteValue, typename... Arguments>
     static void Add(ValuesList& list, const std::string& key, Arguments&&... arguments) {
-        const auto place = list.mValues.lower_bound(key);
-        if (place != list.mValues.end() && place->first == key) {
-            return;
+        Position position;
+        if (FindPlace(list, key, position)) {
+            Insert(list, position, key,
+                   std::make_unique<ConcreteValue>(std::forward<Arguments>(arguments)...));
         }
-        auto value = std::make_unique<ConcreteValue>(std::forward<Arguments>(arguments)...);
-        list.mValues.emplace_hint(place, key, value.get());
-        static_cast<void>(value.release());  // the list's now
     }
+
+private:
+    using Position = std::map<std::string, Value*>::iterator;
+
+    // What is the same for every type, compiled once.
+    /// Where `key` belongs; false when it is there already.
+    static bool FindPlace(ValuesList& list, const std::string& key, Position& position);
+    static void Insert(ValuesList& list, Position position, const std::string& key,
+                       std::unique_ptr<Value> value);
 };
 
 }  // namespace mw::tern::DBusMessage

@@ -1,0 +1,16 @@
+#include "dbus_message/values_list_writer.h"
+
+namespace mw::tern::DBusMessage {
+
+bool ValuesListWriter::FindPlace(ValuesList& list, const std::string& key, Position& position) {
+    position = list.mValues.lower_bound(key);
+    return position == list.mValues.end() || position->first != key;
+}
+
+void ValuesListWriter::Insert(ValuesList& list, Position position, const std::string& key,
+                              std::unique_ptr<Value> value) {
+    list.mValues.emplace_hint(position, key, value.get());
+    static_cast<void>(value.release());  // the list's now
+}
+
+}  // namespace mw::tern::DBusMessage
