@@ -16,10 +16,21 @@ function(tern_own_target target)
   endif()
 endfunction()
 
+# Relative relocations in the packed form, a bit instead of 24 bytes each, where linker and C library (2.36) know it.
+check_linker_flag(CXX LINKER:-z,pack-relative-relocs TERN_LINKER_PACKS_RELOCATIONS)
+check_cxx_source_compiles("#include <features.h>
+  #if !__GLIBC_PREREQ(2, 36)
+  #error too old
+  #endif
+  int main() {}" TERN_LOADER_READS_PACKED_RELOCATIONS)
+
 # As above, for a shared library: complete, and exporting nothing but our own names.
 set(TERN_EXPORTS ${CMAKE_CURRENT_LIST_DIR}/tern-exports.map)
 function(tern_own_library target)
   tern_own_target(${target})
+  if(TERN_LINKER_PACKS_RELOCATIONS AND TERN_LOADER_READS_PACKED_RELOCATIONS)
+    target_link_options(${target} PRIVATE LINKER:-z,pack-relative-relocs)
+  endif()
   if(TERN_COVERAGE)
     # Its entry is found by name, so that nothing is hidden in this build.
     target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/coverage_dump.cpp)
