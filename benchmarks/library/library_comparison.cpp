@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +58,18 @@ struct Library {
     double relocations = 0;
 };
 
+/// Relocations in a table of the packed form: an even word is the address of one, an odd word has a bit for
+/// each of the words that follow the last one.
+double CountPacked(const char* table, std::size_t size) {
+    double count = 0;
+    for (std::size_t at = 0; at < size; at += sizeof(ElfW(Relr))) {
+        ElfW(Relr) word;
+        memcpy(&word, table + at, sizeof word);
+        count += (word & 1) == 0 ? 1 : std::popcount(word) - 1;
+    }
+    return count;
+}
+
 /// What the sections that a program needs at run time end at, as strip(1) leaves it but for the section
 /// headers, and the entries of the relocation tables.
 Library Inspect(const std::string& path) {
@@ -76,6 +89,8 @@ Library Inspect(const std::string& path) {
         library.strippedSize = std::max(library.strippedSize, static_cast<double>(section.sh_offset + size));
         if (section.sh_type == SHT_RELA || section.sh_type == SHT_REL) {
             library.relocations += static_cast<double>(section.sh_size / section.sh_entsize);
+        } else if (section.sh_type == SHT_RELR) {
+            library.relocations += CountPacked(bytes.data() + section.sh_offset, section.sh_size);
         }
     }
     return library;
@@ -161,6 +176,7 @@ int main(int argc, char* argv[]) {
     comparison.SetNote(
         "sdbus-c++ is a bus library; ours holds timers, threads, files, archives, commands and settings as "
         "well, and two platform libraries of their own.");
+    UseInstalledLibraries();
     MeasureFiles(comparison);
     MeasureLoading(comparison);
     if (argc > 1) {

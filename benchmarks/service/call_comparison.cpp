@@ -55,6 +55,7 @@ void Slice(Client& client, const ServerProcess& server, Turn& turn) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    UseInstalledLibraries();
     unsetenv("TERN_LOG_LEVEL");  // as delivered
     PinToProcessor(1);
     const tern::test::PrivateBus bus;

@@ -104,6 +104,7 @@ void Measure(Comparison& comparison, const Dimension& dimension, const std::vect
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    UseInstalledLibraries();
     unsetenv("TERN_LOG_LEVEL");  // as delivered
     PinToProcessor(1);
     const tern::test::PrivateBus bus;

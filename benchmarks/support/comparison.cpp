@@ -46,6 +46,10 @@ double LoadAverage() {
 
 }  // namespace
 
+void UseInstalledLibraries() {
+    setenv("LD_LIBRARY_PATH", TERN_INSTALLED_LIBRARIES, 1);  // NOLINT(concurrency-mt-unsafe): one thread
+}
+
 double Quantile(std::vector<double> values, double portion) {
     if (values.empty()) {
         return 0;

@@ -12,6 +12,10 @@ double Median(std::vector<double> values);
 /// `full`, or 1 when only a quick look is wanted (TERN_BENCHMARK_QUICK).
 int Rounds(int full);
 
+/// Has the programs that this one starts find our libraries as installed. Every side looks in that folder
+/// first; none has a run path of the build.
+void UseInstalledLibraries();
+
 /// The value that so much (0 to 1) of them do not exceed; 0 of none.
 double Quantile(std::vector<double> values, double portion);
 
