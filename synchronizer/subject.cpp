@@ -14,7 +14,8 @@ using Registration = std::pair<NotificationIdentifier, ObserverInterface*>;
 /// Lets the subject know of the walk for as long as it lasts, however it ends. Every Walk is one of these.
 class Subject::WalkScope : private Walk {
 public:
-    explicit WalkScope(Subject& subject) : Walk{0, subject.mInnermostWalk}, mSubject(subject) {
+    explicit WalkScope(Subject& subject)
+        : Walk{0, subject.mInnermostWalk}, mSubject(subject), mFirstNew(subject.mRegistrations.size()) {
         mSubject.mInnermostWalk = this;
     }
     ~WalkScope() { mSubject.mInnermostWalk = outer; }
@@ -42,13 +43,18 @@ public:
         if (position < next) {
             --next;
         }
+        if (position < mFirstNew) {
+            --mFirstNew;
+        }
     }
-    bool WasPassed(const Registration& registration) const {
-        return std::find(mPassed.begin(), mPassed.end(), registration) != mPassed.end();
+    /// Whether the walk is back at a pair that it passed before; only one attached meanwhile can be that.
+    bool IsAgainAt(const Registration& registration) const {
+        return next > mFirstNew && std::find(mPassed.begin(), mPassed.end(), registration) != mPassed.end();
     }
 
 private:
     Subject& mSubject;
+    std::size_t mFirstNew;  ///< position of the first pair attached since the walk began
     std::vector<Registration> mPassed;
 };
 
@@ -83,7 +89,7 @@ void Subject::Notify(NotificationInterface& notification) {
     while (!walk.AtEnd()) {
         const Registration registration = mRegistrations[walk.Advance()];
         if (registration.first == notification.GetIdentifier() && registration.second != nullptr &&
-            !walk.WasPassed(registration)) {
+            !walk.IsAgainAt(registration)) {
             registration.second->OnNotify(&notification);
         }
     }
