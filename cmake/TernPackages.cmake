@@ -96,12 +96,13 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each descriptio
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-# libzip is loaded when it is first needed, so dpkg-shlibdeps does not see it.
+# libzip is loaded when it is first needed, so dpkg-shlibdeps does not see it. zip_encryption_method_supported, the
+# youngest of the functions that are called, came with 1.7.0.
 list(GET LIBZIP_LINK_LIBRARIES 0 libzip)
 file(REAL_PATH ${libzip} libzip)
 execute_process(COMMAND dpkg-query -S ${libzip} OUTPUT_VARIABLE libzip COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX REPLACE "[:,].*" "" libzip "${libzip}")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ${libzip})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${libzip} (>= 1.7.0)")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "frame for services on the system D-Bus (libraries)
 The service processes of an embedded Linux device are built on this C++20
 library: an sd-event loop on one D-Bus thread, message readers, a small

@@ -11,6 +11,9 @@
 #include <sstream>
 #include <string>
 
+#include "files.h"
+#include "raw_zip.h"
+#include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
@@ -21,15 +24,25 @@ TERN_INTERPOSE(int, zip_close, (zip_t * archive), (archive))
 namespace mwl::Utilities {
 namespace {
 
+using tern::test::ChildResult;
+using tern::test::ContentOf;
 using tern::test::FaultScope;
 using tern::test::LogCapture;
+using tern::test::LogEntry;
+using tern::test::MakeFile;
+using tern::test::MakeRawZip;
+using tern::test::RunInChild;
 using tern::test::TempFolder;
+using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
-tern::test::LogEntry Error(const std::string& text) {
+LogEntry Error(const std::string& text) {
     return tern::test::Error("mwl::Utilities::Zipper", text);
 }
 
@@ -40,7 +53,40 @@ std::string Mappings() {
     return text.str();
 }
 
-/// First, as it wants a process in which nobody has needed libzip yet.
+// The first two want a process in which nobody has needed libzip yet.
+
+/// The installed libzip without its youngest function, as an older one with the same soname.
+void MakeOlderLibzip(const std::string& path) {
+    std::string bytes = ContentOf(TERN_LIBZIP_FILE);
+    const std::string name("zip_encryption_method_supported", sizeof "zip_encryption_method_supported");
+    const std::size_t at = bytes.find(name);
+    ASSERT_NE(at, std::string::npos);
+    bytes[at] = 'Z';
+    MakeFile(path, bytes);
+}
+
+TEST(Libzip, ThatLacksAFunctionIsRefused) {
+    const TempFolder folder;
+    const std::string older = folder / "older";
+    MakeOlderLibzip(older);
+    MakeFile(folder / "a.zip", MakeRawZip({{"a", "content"}}));
+    const ChildResult child = RunInChild([&] {
+        fault_dlopen.Replace([&](const char*, int flags) { return fault_dlopen.Real(older.c_str(), flags); },
+                             2);
+        // With a password, as the missing function is needed then.
+        const StatusCode unzipped = Zipper::Unzip(folder / "a.zip", folder / "target", "password");
+        const StatusCode zipped = Zipper::Zip(folder.Path(), folder / "b.zip", "");
+        return unzipped == StatusCode::Failure && zipped == StatusCode::Failure ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    const auto said = [](const std::string& text) {
+        return Field(&LogEntry::text, AllOf(StartsWith(text + ", error = libzip.so."),
+                                            EndsWith(" has no function zip_encryption_method_supported")));
+    };
+    EXPECT_THAT(child.log, Contains(said("Unzip: Failed to open zip " + (folder / "a.zip"))));
+    EXPECT_THAT(child.log, Contains(said("Zip: Failed to create zip " + (folder / "b.zip"))));
+}
+
 TEST(Libzip, IsLoadedWhenAnArchiveIsFirstOpened) {
     const TempFolder folder;
     const LogCapture log;

@@ -19,8 +19,8 @@ namespace mwl::Utilities {
 ///
 /// The password is passed to libzip up to its first null byte, and neither kept nor logged.
 ///
-/// libzip is loaded when an archive is first opened (dlopen(3)) and stays; where it is not installed, both
-/// operations fail with Failure.
+/// libzip is loaded when an archive is first opened (dlopen(3)) and stays; where it is not installed, or is
+/// older than 1.7, both operations fail with Failure.
 ///
 /// Thread-safe: nothing is shared. What happens to an archive or folder that another thread changes
 /// meanwhile is decided by libzip and the file system.
