@@ -559,6 +559,17 @@ TEST_F(ZipperTest, UnzipOfWhatIsNoArchiveFails) {
                             Error(start + "Not a zip archive")));
 }
 
+TEST_F(ZipperTest, ArchiveIsOpenedForUnzippingWithoutFlags) {
+    const FaultScope scope(fault_zip_open);
+    int openFlags = -1;
+    fault_zip_open.Replace([&](const char* path, int flags, int* error) {
+        openFlags = flags;
+        return fault_zip_open.Real(path, flags, error);
+    });
+    EXPECT_EQ(UnzipRaw({{"a", "content"}}), StatusCode::Ok);
+    EXPECT_EQ(openFlags, 0);
+}
+
 TEST_F(ZipperTest, UnzipOfAnArchiveWithoutEntriesMakesTheFolderOnly) {
     EXPECT_EQ(UnzipRaw({}), StatusCode::Ok);
     EXPECT_THAT(log.Entries(LOGGER), IsEmpty());
@@ -949,6 +960,17 @@ TEST_F(ZipperTest, ArchiveThatCannotBeClosedFailsWhateverHappenedBefore) {
     EXPECT_THAT(log.Entries(LOGGER), ElementsAre(finish, Error("Unzip: Zip file has a malicious path ../a"),
                                                  FailedWith("InvalidArgument"), finish));
     EXPECT_EQ(Extracted("a"), "content");
+}
+
+TEST_F(ZipperTest, UnexpectedResultOfClosingDoesNotConcernWhatIsExtracted) {
+    const FaultScope scope(fault_zip_close);
+    fault_zip_close.Fail(5, 0, 2);
+    EXPECT_EQ(UnzipRaw({{"a", "content"}}), StatusCode::Ok);
+    EXPECT_EQ(Extracted("a"), "content");
+    EXPECT_EQ(UnzipRaw({{"../a", "content"}}), StatusCode::InvalidArgument);
+    EXPECT_EQ(fault_zip_close.Calls(), 2);
+    EXPECT_THAT(log.Entries(LOGGER), ElementsAre(Error("Unzip: Zip file has a malicious path ../a"),
+                                                 FailedWith("InvalidArgument")));
 }
 
 TEST_F(ZipperTest, ArchivesCanBeHandledOnManyThreads) {

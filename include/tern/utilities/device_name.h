@@ -33,7 +33,8 @@ public:
     /// `Failure`.
     static StatusCode SetHostname(const std::string& hostname);
     /// The first line of the host-name file, without its newline; empty for an empty file. `Ok`; `IoError`
-    /// when the file cannot be opened or read.
+    /// when the file cannot be opened, or opens but cannot be read, like a folder in its place: a disk error
+    /// would otherwise look like an empty name.
     static StatusCode ReadHostname(std::string& hostname);
     /// Writes the name to the host-name file, with no newline after it. Without `force` a file that exists,
     /// even an empty one, is left alone with `AlreadyExists`. `Ok`; `IoError` when the file cannot be created

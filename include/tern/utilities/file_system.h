@@ -129,8 +129,9 @@ public:
     /// reached; else the status of errno.
     static StatusCode GetDiskUsage(const std::string& path, unsigned int& usage);
     /// Stores in `usage` the sum of GetDiskUsage of `path` and, for a folder, of everything below it, links
-    /// to folders followed. The first entry that cannot be measured or entered ends the walk with its status,
-    /// a dangling link or a loop of links with `NotFound`; `usage` is then the sum so far.
+    /// to folders followed. The first entry that cannot be measured, or folder that cannot be entered or
+    /// read to its end, ends the walk with its status, a dangling link or a loop of links with `NotFound`;
+    /// `usage` is then the sum so far.
     static StatusCode GetRecursiveDiskUsage(const std::string& path, unsigned int& usage);
     /// Makes `content` the whole content of the file at `path`, which is created (mode 0666 less the umask)
     /// or replaced. `Ok`, also when the writing fails, as on a full disk: read it back where that matters.
