@@ -3,12 +3,23 @@
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 
+#include <climits>
+
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
 
 using mwl::ErrorText;
 
 namespace mw::tern::DBusCommand {
+
+namespace {
+
+/// The error number of a negative result; an application's may be INT_MIN, which has no opposite.
+int ErrorNumber(int result) {
+    return result == INT_MIN ? result : -result;
+}
+
+}  // namespace
 
 StatusCode Command::Execute() {
     mwl::Handle<sd_bus, sd_bus_flush_close_unref> ownBus;
@@ -25,7 +36,8 @@ StatusCode Command::Execute() {
         if (r >= 0) {
             return StatusCode::Ok;
         }
-        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to call method (%d, %s)", r, ErrorText(-r));
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to call method (%d, %s)", r,
+                       ErrorText(ErrorNumber(r)));
         ownBus.reset();
     }
     const StatusCode status = MakeStatusCodeFromReturnCode(r);

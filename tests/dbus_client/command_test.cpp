@@ -1,20 +1,33 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <tern/dbus_client/command.h>
 #include <tern/dbus_client/icommand.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <stdexcept>
+#include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "foundation/handle.h"
+#include "foundation/unique_fd.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
 #include "support/process_resources.h"
+#include "support/temp_folder.h"
+#include "support/wait_until.h"
 
 using mw::tern::StatusCode;
 using mw::tern::DBusCommand::Command;
@@ -29,6 +42,11 @@ using testing::IsEmpty;
 
 TERN_INTERPOSE(int, sd_bus_open_system, (sd_bus * *bus), (bus))
 TERN_INTERPOSE(sd_bus*, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
+
+#if __SIZEOF_POINTER__ == 8
+TERN_INTERPOSE(int, ppoll, (pollfd * records, nfds_t count, const timespec* limit, const sigset_t* mask),
+               (records, count, limit, mask))
+#endif
 
 namespace {
 
@@ -57,6 +75,50 @@ public:
     bool throws = false;
     std::vector<sd_bus*> buses;
     std::size_t descriptorsDuringCall = 0;
+};
+
+/// Makes a real call.
+class PingCommand : public Command {
+public:
+    int CallMethod(sd_bus* bus) override {
+        return sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer", "Ping",
+                                  nullptr, nullptr, nullptr);
+    }
+};
+
+/// A system bus that lets connect and never greets; unless `answer` is empty, that is what it says on
+/// authentication.
+class MuteBus {
+public:
+    explicit MuteBus(std::string answer = "") : mAnswer(std::move(answer)) {
+        const std::string path = mFolder / "socket";
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(mListener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(mListener.Get(), 1), 0);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + path).c_str(), 1);
+        mThread = std::thread([this] {
+            const mwl::UniqueFd peer(accept(mListener.Get(), nullptr, nullptr));
+            char said[1024];
+            if (read(peer.Get(), said, sizeof said) > 0 && !mAnswer.empty()) {
+                EXPECT_EQ(send(peer.Get(), mAnswer.data(), mAnswer.size(), MSG_NOSIGNAL),
+                          static_cast<ssize_t>(mAnswer.size()));
+            }
+            while (read(peer.Get(), said, sizeof said) > 0) {
+                // until the peer hangs up
+            }
+        });
+    }
+    ~MuteBus() { mThread.join(); }
+    MuteBus(const MuteBus&) = delete;
+    MuteBus& operator=(const MuteBus&) = delete;
+
+private:
+    const std::string mAnswer;
+    tern::test::TempFolder mFolder;
+    mwl::UniqueFd mListener{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::thread mThread;
 };
 
 class CommandTest : public testing::Test {
@@ -97,6 +159,16 @@ TEST_F(CommandTest, ReportsAFailedCallTwiceAndClosesItsConnection) {
                             Error("Service", "Failed to execute command on system bus, status=Timeout")));
 }
 
+// It has no opposite: UndefinedBehaviorSanitizer sees an attempt to negate it.
+TEST_F(CommandTest, SmallestResultIsAFailedCall) {
+    command.result = INT_MIN;
+    EXPECT_EQ(command.Execute(), StatusCode::Failure);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(Error("Service", "Failed to call method (-2147483648, Unknown error -2147483648)"),
+                    Error("Service", "Failed to execute command on system bus, status=Failure")));
+}
+
 // What the call left in the queue goes out first.
 TEST_F(CommandTest, OwnConnectionIsFlushedAndClosedBeforeTheOutcomeIsReported) {
     const FaultScope scope(fault_sd_bus_flush_close_unref);
@@ -126,6 +198,42 @@ TEST_F(CommandTest, ReportsABusThatIsNotThereAndDoesNotCall) {
         ElementsAre(Error("Service", "Failed to connect to system bus (-2, No such file or directory)"),
                     Error("Service", "Failed to execute command on system bus, status=NotFound")));
 }
+
+TEST_F(CommandTest, TimeOutIsThatOfTheGreetingToo) {
+    const MuteBus bus("DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n");
+    setenv("SYSTEMD_BUS_TIMEOUT", "50ms", 1);
+    PingCommand ping;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_NE(ping.Execute(), StatusCode::Ok);
+    const auto took = std::chrono::steady_clock::now() - start;
+    unsetenv("SYSTEMD_BUS_TIMEOUT");
+    EXPECT_GE(took, std::chrono::milliseconds(45));
+    EXPECT_LT(took, std::chrono::milliseconds(50) + tern::test::TOLERANCE);
+}
+
+// The times of 32-bit libraries are not those of the test program.
+#if __SIZEOF_POINTER__ == 8
+TEST_F(CommandTest, BusThatDoesNotAnswerIsWaitedForNinetySecondsWhateverTheTimeOut) {
+    const MuteBus bus;
+    setenv("SYSTEMD_BUS_TIMEOUT", "50ms", 1);
+    const FaultScope scope(fault_ppoll);
+    std::vector<time_t> waits;
+    // Not waited for: the lengths of the waits are looked at, the call's and that of the last flush, and they
+    // fail.
+    fault_ppoll.Replace(
+        [&](pollfd*, nfds_t, const timespec* limit, const sigset_t*) {
+            waits.push_back(limit->tv_sec);
+            errno = EIO;
+            return -1;
+        },
+        10);
+    PingCommand ping;
+    EXPECT_EQ(ping.Execute(), StatusCode::IoError);
+    unsetenv("SYSTEMD_BUS_TIMEOUT");
+    EXPECT_THAT(waits, testing::Not(IsEmpty()));
+    EXPECT_THAT(waits, testing::Each(testing::AllOf(testing::Gt(60), testing::Le(90))));
+}
+#endif
 
 TEST_F(CommandTest, SuppliedBusIsUsedAndNeverClosed) {
     const Bus bus = OpenBus();

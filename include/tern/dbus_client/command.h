@@ -13,7 +13,9 @@ namespace mw::tern::DBusCommand {
 ///
 /// One thread at a time. Execute blocks for the call's duration, at most for sd-bus's time-out (25 s, or what
 /// the environment variable SYSTEMD_BUS_TIMEOUT or, on a supplied bus, sd_bus_set_method_call_timeout(3)
-/// says). Failures are logged with the logger name "Service".
+/// says). On a connection that is still being made, its own and a supplied one's first call, that comes on
+/// top: 90 s, which nothing changes, for a bus that lets connect but does not answer, and the time-out once
+/// more for its greeting. Failures are logged with the logger name "Service".
 class TERN_API Command : public ICommand {
 public:
     Command() = default;

@@ -16,7 +16,9 @@ namespace mw::tern {
 /// One thread only, from construction to destruction: the connection is the calling thread's default one
 /// (sd_bus_default_system(3)), shared with whatever else uses it on that thread. Failures are logged with the
 /// logger name "Service". Calls to the bus block, at most for sd-bus's time-out (25 s, or what the
-/// environment variable SYSTEMD_BUS_TIMEOUT says).
+/// environment variable SYSTEMD_BUS_TIMEOUT says); the first one on a new connection also while that is being
+/// made: 90 s, which nothing changes, for a bus that lets connect but does not answer, and the time-out once
+/// more for its greeting. `Connect` itself does not wait.
 class TERN_API DBusClientManager {
 public:
     DBusClientManager() = default;

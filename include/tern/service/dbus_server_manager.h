@@ -29,7 +29,8 @@ public:
     DBusServerManager& operator=(const DBusServerManager&) = delete;
 
     /// Connects to the system bus (sd_bus_default_system(3)) and requests the name, without queueing for it
-    /// or taking it from its owner (sd_bus_request_name(3)). Ok; AlreadyExists when already connected,
+    /// or taking it from its owner (sd_bus_request_name(3)), which waits for the bus: 90 s for one that lets
+    /// connect but does not answer. Ok; AlreadyExists when already connected,
     /// nothing changed, or when the name has an owner; otherwise the status of sd-bus's error. A connection
     /// whose name request failed is kept.
     StatusCode Connect();
