@@ -22,6 +22,7 @@ using mw::tern::EventLoop;
 using mw::tern::StatusCode;
 using tern::test::Error;
 using tern::test::FaultScope;
+using tern::test::LogEntry;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -218,6 +219,14 @@ TEST_F(DBusServerManagerTest, NameOfAnotherIsRefusedAndTheConnectionKept) {
     EXPECT_THAT(
         mLog.Entries(),
         ElementsAre(Error("Service", "Failed to acquire name 'com.example.Server', (-17, File exists)")));
+    // Connected it is, so the second call does not ask for the name again.
+    sd_bus* const first = manager.GetBus();
+    mLog.Clear();
+    ASSERT_GE(sd_bus_release_name(owner.get(), NAME), 0);
+    EXPECT_EQ(manager.Connect(), StatusCode::AlreadyExists);
+    EXPECT_EQ(manager.GetBus(), first);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+    ExpectOwner(NAME, false);
 }
 
 TEST_F(DBusServerManagerTest, MalformedNameIsRefused) {
@@ -254,6 +263,19 @@ TEST_F(DBusServerManagerTest, AttachNeedsAConnection) {
     EXPECT_EQ(manager.AttachLoop(loop), StatusCode::InvalidArgument);
     EXPECT_THAT(mLog.Entries(),
                 ElementsAre(Error("Service", "Failed to attach event loop (-22, Invalid argument)")));
+}
+
+TEST_F(DBusServerManagerTest, AttachedConnectionIsNotAttachedAgain) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    EXPECT_EQ(manager.AttachLoop(loop), StatusCode::Busy);
+    TestLoop other;
+    EXPECT_EQ(manager.AttachLoop(other), StatusCode::Busy);
+    EXPECT_EQ(sd_bus_get_event(manager.GetBus()), loop.GetEvent());
+    const LogEntry refused = Error("Service", "Failed to attach event loop (-16, Device or resource busy)");
+    EXPECT_THAT(mLog.Entries(), ElementsAre(refused, refused));
 }
 
 TEST_F(DBusServerManagerTest, AttachReportsSdBusErrors) {
@@ -315,6 +337,23 @@ TEST_F(DBusServerManagerTest, ExportOfAnUnknownPathIsRefusedOfAnEmptyObjectIsNot
     ASSERT_EQ(manager.AddDBusObject("/a"), StatusCode::Ok);
     EXPECT_EQ(manager.ExportObject("/a"), StatusCode::Ok);
     EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, WithoutAConnectionNothingIsExportedOrMatched) {
+    DBusServerManager manager("");
+    const sd_bus_message_handler_t ignore = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
+    EXPECT_EQ(manager.AddMatch(nullptr, "type='signal'", ignore, nullptr), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+    ASSERT_EQ(manager.AddDBusObject(PATH), StatusCode::Ok);
+    EXPECT_EQ(manager.ExportObject(PATH), StatusCode::Ok) << "there is nothing to register";
+    ASSERT_EQ(manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.Counter")), StatusCode::Ok);
+    EXPECT_EQ(manager.ExportObject(PATH), StatusCode::InvalidArgument);
+    EXPECT_THAT(
+        mLog.Entries(),
+        ElementsAre(Error("Service",
+                          "sd_bus_add_object_vtable FAILED for interface: com.example.Counter in DBus "
+                          "object: /com/example/Server"),
+                    Error("Service", "Failed to issue method call: Invalid argument\n")));
 }
 
 TEST_F(DBusServerManagerTest, RefusedVtableEndsTheExportThere) {
@@ -404,37 +443,58 @@ TEST_F(DBusServerManagerTest, ServesMethodsAndProperties) {
     EXPECT_EQ(ReadNumber(peer.get(), "First"), 42U);
 }
 
+/// Emits a signal on the peer's connection and has the manager's dispatch it.
+void EmitAndProcess(sd_bus* peer, sd_bus* bus) {
+    EXPECT_GE(sd_bus_emit_signal(peer, "/", "com.example.Sender", "Ping", ""), 0);
+    EXPECT_GE(sd_bus_flush(peer), 0);
+    // A call after it on the same connection: once it is answered, the signal has been routed.
+    for (sd_bus* const connection : {peer, bus}) {
+        EXPECT_GE(sd_bus_call_method(connection, "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer",
+                                     "Ping", nullptr, nullptr, nullptr),
+                  0);
+    }
+    while (sd_bus_process(bus, nullptr) > 0) {
+    }
+}
+
+int Count(sd_bus_message*, void* userdata, sd_bus_error*) {
+    ++*static_cast<int*>(userdata);
+    return 0;
+}
+
 TEST_F(DBusServerManagerTest, MatchesSeeSignalsUntilTheirSlotIsGone) {
     DBusServerManager manager("");
     ASSERT_EQ(manager.Connect(), StatusCode::Ok);
     int seen = 0;
-    const sd_bus_message_handler_t count = [](sd_bus_message*, void* userdata, sd_bus_error*) {
-        ++*static_cast<int*>(userdata);
-        return 0;
-    };
     sd_bus_slot* slot = nullptr;
-    ASSERT_EQ(manager.AddMatch(&slot, "type='signal',interface='com.example.Sender'", count, &seen),
+    ASSERT_EQ(manager.AddMatch(&slot, "type='signal',interface='com.example.Sender'", Count, &seen),
               StatusCode::Ok);
     const Bus peer = OpenPeer();
-    const auto emitAndProcess = [&] {
-        EXPECT_GE(sd_bus_emit_signal(peer.get(), "/", "com.example.Sender", "Ping", ""), 0);
-        EXPECT_GE(sd_bus_flush(peer.get()), 0);
-        // A call after it on the same connection: once it is answered, the signal has been routed.
-        EXPECT_GE(sd_bus_call_method(peer.get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer",
-                                     "Ping", nullptr, nullptr, nullptr),
-                  0);
-        EXPECT_GE(sd_bus_call_method(manager.GetBus(), "org.freedesktop.DBus", "/",
-                                     "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, nullptr),
-                  0);
-        while (sd_bus_process(manager.GetBus(), nullptr) > 0) {
-        }
-    };
-    emitAndProcess();
+    EmitAndProcess(peer.get(), manager.GetBus());
     EXPECT_EQ(seen, 1);
     sd_bus_slot_unref(slot);
-    emitAndProcess();
+    EmitAndProcess(peer.get(), manager.GetBus());
     EXPECT_EQ(seen, 1);
-    EXPECT_EQ(manager.AddMatch(nullptr, "not a match", count, &seen), StatusCode::InvalidArgument);
+    EXPECT_EQ(manager.AddMatch(nullptr, "not a match", Count, &seen), StatusCode::InvalidArgument);
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(DBusServerManagerTest, MatchWithoutASlotLastsAsLongAsTheConnection) {
+    const Bus peer = OpenPeer();
+    int seen = 0;
+    {
+        DBusServerManager manager("");
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        ASSERT_EQ(manager.AddMatch(nullptr, "type='signal',interface='com.example.Sender'", Count, &seen),
+                  StatusCode::Ok);
+        EmitAndProcess(peer.get(), manager.GetBus());
+        EmitAndProcess(peer.get(), manager.GetBus());
+        EXPECT_EQ(seen, 2);
+    }
+    DBusServerManager next("");
+    ASSERT_EQ(next.Connect(), StatusCode::Ok);
+    EmitAndProcess(peer.get(), next.GetBus());
+    EXPECT_EQ(seen, 2);
     EXPECT_THAT(mLog.Entries(), IsEmpty());
 }
 

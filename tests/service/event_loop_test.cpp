@@ -171,8 +171,34 @@ TEST_F(EventLoopTest, SecondWatchOfASwitchedOffDescriptorLivesUntilTheLoopEnds) 
         EXPECT_EQ(loop.RemoveIo(Reader()), StatusCode::Ok) << "means the first";
         EXPECT_EQ(loop.RemoveIo(Reader()), StatusCode::InvalidArgument);
         EXPECT_EQ(token.use_count(), 2);
+        EXPECT_GT(loop.RunOnce(), 0);
+        EXPECT_EQ(secondCalls, 2) << "it is watched still";
     }
     EXPECT_EQ(token.use_count(), 1) << "nothing leaks";
+}
+
+// The number is what the kernel's list of the loop goes by.
+TEST_F(EventLoopTest, WatchOfAReusedNumberEndsWithTheOldWatchThatNobodyRemoved) {
+    ASSERT_EQ(mLoop.AddIo(Reader(), POLLIN, Counting()), StatusCode::Ok);
+    int fresh[2];
+    ASSERT_EQ(pipe2(fresh, O_CLOEXEC), 0);
+    ASSERT_EQ(dup3(fresh[0], Reader(), O_CLOEXEC), Reader()) << "closes the watched one";
+    int freshCalls = 0;
+    ASSERT_EQ(mLoop.AddIo(Reader(), POLLIN,
+                          [&](sd_event_source*, int, unsigned int) {
+                              ++freshCalls;
+                              return StatusCode::Ok;
+                          }),
+              StatusCode::Ok);
+    ASSERT_EQ(write(fresh[1], "x", 1), 1);
+    EXPECT_GT(mLoop.RunOnce(), 0);
+    EXPECT_EQ(freshCalls, 1);
+    EXPECT_EQ(mLoop.RemoveIo(Reader()), StatusCode::Ok);
+    EXPECT_EQ(mLoop.RunOnce(), 0);
+    EXPECT_EQ(freshCalls, 1);
+    EXPECT_EQ(mCalls, 0);
+    close(fresh[0]);
+    close(fresh[1]);
 }
 
 TEST_F(EventLoopTest, CallbackMayRemoveItsOwnWatch) {
@@ -193,6 +219,48 @@ TEST_F(EventLoopTest, CallbackMayRemoveItsOwnWatch) {
     EXPECT_EQ(seenAfterwards, text);
     EXPECT_EQ(mLoop.RunOnce(), 0);
     EXPECT_EQ(mLoop.RemoveIo(Reader()), StatusCode::InvalidArgument);
+}
+
+TEST_F(EventLoopTest, CallbackMayRemoveItsOwnWatchAndFail) {
+    ASSERT_EQ(mLoop.AddIo(Reader(), POLLIN,
+                          [&](sd_event_source*, int fd, unsigned int) {
+                              EXPECT_EQ(mLoop.RemoveIo(fd), StatusCode::Ok);
+                              return StatusCode::Failure;
+                          }),
+              StatusCode::Ok);
+    MakeReadable();
+    EXPECT_GT(mLoop.RunOnce(), 0);
+    EXPECT_EQ(mLoop.RunOnce(), 0);
+    EXPECT_EQ(mLoop.RemoveIo(Reader()), StatusCode::InvalidArgument);
+    EXPECT_EQ(mLoop.AddIo(Reader(), POLLIN, Counting()), StatusCode::Ok);
+    EXPECT_GT(mLoop.RunOnce(), 0);
+    EXPECT_EQ(mCalls, 1);
+}
+
+TEST_F(EventLoopTest, CallbackMayRemoveAnotherWatchThatIsReadyToo) {
+    int other[2];
+    ASSERT_EQ(pipe2(other, O_CLOEXEC), 0);
+    const auto removing = [&](int victim) {
+        return [this, victim](sd_event_source*, int, unsigned int) {
+            ++mCalls;
+            EXPECT_EQ(mLoop.RemoveIo(victim), StatusCode::Ok);
+            return StatusCode::Ok;
+        };
+    };
+    ASSERT_EQ(mLoop.AddIo(Reader(), POLLIN, removing(other[0])), StatusCode::Ok);
+    ASSERT_EQ(mLoop.AddIo(other[0], POLLIN, removing(Reader())), StatusCode::Ok);
+    MakeReadable();
+    ASSERT_EQ(write(other[1], "x", 1), 1);
+    EXPECT_GT(mLoop.RunOnce(), 0);
+    EXPECT_EQ(mCalls, 1);
+    // Whichever came first has ended the other, and only that.
+    const StatusCode first = mLoop.RemoveIo(Reader());
+    const StatusCode second = mLoop.RemoveIo(other[0]);
+    EXPECT_NE(first == StatusCode::Ok, second == StatusCode::Ok);
+    EXPECT_EQ(mLoop.RunOnce(), 0);
+    EXPECT_EQ(mCalls, 1);
+    close(other[0]);
+    close(other[1]);
 }
 
 TEST_F(EventLoopTest, CallbackMayReplaceItself) {

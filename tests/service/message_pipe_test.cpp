@@ -18,7 +18,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -83,6 +85,14 @@ void StopUntil(std::thread& thread, const std::atomic<bool>& left) {
         StopSignal::SendToThread(thread.native_handle());
         return left.load();
     }));
+}
+
+/// Whether the thread sleeps in the kernel; the state follows the name, which is in parentheses.
+bool IsAsleep(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(file)), {});
+    const std::size_t name = stat.rfind(") ");
+    return name != std::string::npos && stat.compare(name + 2, 1, "S") == 0;
 }
 
 int BytesIn(const MessagePipe& pipe) {
@@ -245,6 +255,17 @@ TEST(MessagePipe, ReportsAReadEndThatCannotBeMadeNonBlockingAndKeepsTheDescripto
         EXPECT_EQ(pipe.GetReadFd(), NOT_OPEN);
         EXPECT_NE(pipe.GetWriteFd(), -1);
         EXPECT_EQ(CountDescriptors(), before + 1);
+        // Nothing is waited for then: the limit passes.
+        const FaultScope wait(fault_poll);
+        int polled = 0;
+        fault_poll.Replace([&](pollfd* records, nfds_t count, int timeout) {
+            polled = records->fd;
+            return fault_poll.Real(records, count, timeout);
+        });
+        char byte = 'a';
+        EXPECT_EQ(pipe.ReadMessage(&byte, 1, 1), StatusCode::Timeout);
+        EXPECT_EQ(polled, -1);
+        EXPECT_EQ(pipe.ReadMessage(&byte, 1, 0), StatusCode::InvalidArgument);
     }
     EXPECT_EQ(CountDescriptors(), before);
 }
@@ -315,11 +336,33 @@ TEST_F(MessagePipeTest, ReadingAnEmptyPipeEndsAtTheLimitWithoutAMessage) {
 
 TEST_F(MessagePipeTest, WaitingReaderIsWokenByAMessage) {
     Initialize();
-    std::thread writer([&] { EXPECT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok); });
+    std::atomic<pid_t> reader{0};
+    const FaultScope scope(fault_poll);
+    fault_poll.Replace([&](pollfd* records, nfds_t count, int timeout) {
+        reader = gettid();
+        return fault_poll.Real(records, count, timeout);
+    });
+    std::thread writer([&] {
+        EXPECT_TRUE(WaitUntil([&] { return reader != 0 && IsAsleep(reader); }));
+        EXPECT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+    });
     char byte = 'a';
     EXPECT_EQ(pipe.ReadMessage(&byte, 1, GENEROUS_MS), StatusCode::Ok);
     EXPECT_EQ(byte, 'x');
     writer.join();
+}
+
+TEST_F(MessagePipeTest, MessageOfNoBytesLeavesNoTrace) {
+    Initialize();
+    EXPECT_EQ(pipe.WriteMessage("", 0), StatusCode::Ok);
+    EXPECT_EQ(BytesIn(pipe), 0);
+    char byte = 'a';
+    EXPECT_EQ(pipe.ReadMessage(&byte, 0, 20), StatusCode::Timeout) << "there is nothing to wake it";
+    ASSERT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+    EXPECT_EQ(pipe.ReadMessage(&byte, 0, GENEROUS_MS), StatusCode::Ok);
+    EXPECT_EQ(byte, 'a');
+    EXPECT_EQ(BytesIn(pipe), 1);
+    EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
 // As an int, a limit beyond INT_MAX would be negative: another wait altogether.

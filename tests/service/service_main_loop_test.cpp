@@ -250,6 +250,7 @@ TEST_F(ServiceMainLoopTest, RunWithoutTheFirstHandlerEndsAtOnceAndStillSaysSo) {
                 ElementsAre(Error("Service", "Failed to add SIGTERM handler (-16, Device or resource busy)"),
                             Info("Service", "Entering D-Bus event loop"), Info("Service", RunMessage(-16))));
     EXPECT_EQ(mNotify.Receive(), STOPPING);
+    EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt) << "sent once";
 }
 
 TEST_F(ServiceMainLoopTest, RunWithoutTheSecondHandlerEndsAtOnceAndStillSaysSo) {
@@ -264,6 +265,7 @@ TEST_F(ServiceMainLoopTest, RunWithoutTheSecondHandlerEndsAtOnceAndStillSaysSo) 
                 ElementsAre(Error("Service", "Failed to add SIGINT handler, (-16, Device or resource busy)"),
                             Info("Service", "Entering D-Bus event loop"), Info("Service", RunMessage(-16))));
     EXPECT_EQ(mNotify.Receive(), STOPPING);
+    EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt) << "sent once";
 }
 
 TEST_F(ServiceMainLoopTest, RunWithoutInitFailsAndStillSaysSo) {
@@ -275,4 +277,5 @@ TEST_F(ServiceMainLoopTest, RunWithoutInitFailsAndStillSaysSo) {
                 ElementsAre(Error("Service", "Failed to add SIGTERM handler (-22, Invalid argument)"),
                             Info("Service", "Entering D-Bus event loop"), Info("Service", RunMessage(-22))));
     EXPECT_EQ(mNotify.Receive(), STOPPING);
+    EXPECT_EQ(mNotify.ReceiveNow(), std::nullopt) << "sent once";
 }

@@ -63,7 +63,8 @@ public:
     ///
     /// Remove a descriptor before adding it again. When the first watch of a descriptor has been switched
     /// off, a second one succeeds, but RemoveIo still means the first; the second lives until the loop ends.
-    /// This is meant.
+    /// So does one for the number of a descriptor that was closed while it was watched; there the late
+    /// RemoveIo, meaning the closed one, silences the second as well. This is meant.
     StatusCode AddIo(int fd, unsigned int events, EventIoContext::Callback callback);
 
     /// Switches the watch of `fd` off and forgets it, with its callback. From within that very callback the
