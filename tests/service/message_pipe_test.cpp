@@ -18,9 +18,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -32,6 +30,7 @@
 #include "support/log_capture.h"
 #include "support/process_resources.h"
 #include "support/wait_until.h"
+#include "threading/thread_state.h"
 
 using mw::tern::EventLoop;
 using mw::tern::MessagePipe;
@@ -42,6 +41,7 @@ using tern::test::CountDescriptors;
 using tern::test::Error;
 using tern::test::FaultScope;
 using tern::test::Info;
+using tern::test::IsAsleep;
 using tern::test::LogCapture;
 using tern::test::RunInChild;
 using tern::test::WaitUntil;
@@ -85,14 +85,6 @@ void StopUntil(std::thread& thread, const std::atomic<bool>& left) {
         StopSignal::SendToThread(thread.native_handle());
         return left.load();
     }));
-}
-
-/// Whether the thread sleeps in the kernel; the state follows the name, which is in parentheses.
-bool IsAsleep(pid_t thread) {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-    const std::string stat((std::istreambuf_iterator<char>(file)), {});
-    const std::size_t name = stat.rfind(") ");
-    return name != std::string::npos && stat.compare(name + 2, 1, "S") == 0;
 }
 
 int BytesIn(const MessagePipe& pipe) {

@@ -117,9 +117,28 @@ TEST(ConditionVariable, IsMadeOnTheMonotonicClock) {
     });
     FaultScope init(fault_pthread_cond_init);
     fault_pthread_cond_init.Fail(0, 0, 0);
+    FaultScope attributeDestroy(fault_pthread_condattr_destroy);
+    fault_pthread_condattr_destroy.Fail(0, 0, 0);
     const ConditionVariable condition;
     EXPECT_EQ(used, CLOCK_MONOTONIC);
     EXPECT_EQ(fault_pthread_cond_init.Calls(), 1);
+    EXPECT_EQ(fault_pthread_condattr_destroy.Calls(), 1);
+}
+
+TEST(ConditionVariable, FailingInitIsNotLookedAt) {
+    LogCapture log;
+    FaultScope init(fault_pthread_cond_init);
+    fault_pthread_cond_init.Fail(EAGAIN);
+    FaultScope attributeDestroy(fault_pthread_condattr_destroy);
+    fault_pthread_condattr_destroy.Fail(0, 0, 0);
+    {
+        ConditionVariable condition;
+        Mutex mutex;
+        Lock lock(mutex);
+        EXPECT_EQ(condition.WaitFor(lock, 0), StatusCode::Timeout) << "as on the default clock";
+    }
+    EXPECT_EQ(fault_pthread_condattr_destroy.Calls(), 1);
+    EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
 TEST(ConditionVariable, FailingAttributeInitLeavesItOnTheDefaultClock) {

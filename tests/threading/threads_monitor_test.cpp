@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "support/log_capture.h"
 #include "support/wait_until.h"
 #include "threading/supervision_doubles.h"
+#include "threading/thread_state.h"
 
 namespace mwl::Threading {
 namespace {
@@ -19,6 +21,7 @@ namespace {
 using tern::test::Error;
 using tern::test::Info;
 using tern::test::LogCapture;
+using tern::test::OtherThread;
 using tern::test::Trace;
 using ::testing::ElementsAre;
 using ::testing::InSequence;
@@ -142,6 +145,36 @@ TEST_F(ThreadsMonitorTest, WhoAsksWhileTheSignalIsSentLearnsTheVerdict) {
     mMonitor.NotifyDBusThreadToStopOnFailure();
     asker.join();
     EXPECT_TRUE(answer);
+}
+
+TEST_F(ThreadsMonitorTest, OthersWaitWhileTheSignalIsSent) {
+    std::optional<OtherThread> asker;
+    std::optional<OtherThread> starter;
+    EXPECT_CALL(mSignals, SendSignal).WillOnce([&](unsigned long, int) {
+        asker.emplace([&] { EXPECT_TRUE(mMonitor.HasFailure()); });
+        starter.emplace([&] { mFirst.NotifyStarted(); });
+        EXPECT_TRUE(asker->IsHeldUp());
+        EXPECT_TRUE(starter->IsHeldUp());
+        return 0;
+    });
+    mMonitor.NotifyDBusThreadToStopOnFailure();
+    starter.reset();
+    EXPECT_CALL(mFirst, Stop());
+    mMonitor.StopWorkerThreads();
+}
+
+TEST_F(ThreadsMonitorTest, OthersWaitWhileTheWorkersAreToldToStop) {
+    mFirst.NotifyStarted();
+    std::optional<OtherThread> asker;
+    std::optional<OtherThread> starter;
+    EXPECT_CALL(mFirst, Stop()).WillOnce([&] {
+        asker.emplace([&] { EXPECT_FALSE(mMonitor.HasFailure()); });
+        starter.emplace([&] { mSecond.NotifyStarted(); });
+        EXPECT_TRUE(asker->IsHeldUp());
+        EXPECT_TRUE(starter->IsHeldUp());
+    });
+    EXPECT_CALL(mSecond, Stop()).Times(0);  // too late for this time
+    mMonitor.StopWorkerThreads();
 }
 
 // The real thing: no D-Bus thread yet, with the C library's signals.

@@ -27,7 +27,9 @@ namespace mwl::Threading {
 class TERN_API ConditionVariable {
 public:
     /// Where the clock cannot be chosen, the two steps that can fail are logged, and the condition variable
-    /// stays on the default clock, where every timed wait ends with Timeout at once.
+    /// stays on the default clock. Deadlines are of the monotonic clock all the same: while the wall clock is
+    /// ahead of it, as it is once the date is set, every timed wait ends with Timeout at once; otherwise it
+    /// lasts too long.
     ConditionVariable() noexcept;
     virtual ~ConditionVariable();
     ConditionVariable(const ConditionVariable&) = delete;
