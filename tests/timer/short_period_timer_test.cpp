@@ -43,6 +43,10 @@ TERN_INTERPOSE_TIME(int, timer_settime, __timer_settime64,
 TERN_INTERPOSE(int, timer_delete, (timer_t id), (id))
 TERN_INTERPOSE(int, sigprocmask, (int how, const sigset_t* set, sigset_t* former), (how, set, former))
 TERN_INTERPOSE(int, sigwait, (const sigset_t* set, int* signal), (set, signal))
+TERN_INTERPOSE(int, pthread_kill, (pthread_t thread, int signal), (thread, signal))
+TERN_INTERPOSE(int, pthread_join, (pthread_t thread, void** result), (thread, result))
+TERN_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+               (condition, mutex))
 TERN_INTERPOSE(int, pthread_create,
                (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),
                (thread, attributes, body, argument))
@@ -121,12 +125,34 @@ bool TakesSignals(int threadId) {
            syscall(SYS_tgkill, getpid(), threadId, 0) == 0;
 }
 
-/// Runs `Stop` where it may wait, and shows whether it does.
+/// Shows when an operation of the timer begins to wait for its thread. An operation that is called after that
+/// comes behind it: the lock is let go there.
+class WaitForTheThread {
+public:
+    WaitForTheThread() : mScope(fault_pthread_cond_wait) {
+        fault_pthread_cond_wait.Replace(
+            [this](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+                mHasBegun = true;
+                return fault_pthread_cond_wait.Real(condition, mutex);
+            },
+            ALWAYS);
+    }
+
+    bool WaitUntilBegun() {
+        return WaitUntil([this] { return mHasBegun.load(); });
+    }
+
+private:
+    std::atomic<bool> mHasBegun{false};
+    FaultScope<int(pthread_cond_t*, pthread_mutex_t*)> mScope;
+};
+
+/// Runs `Stop` where it may wait, and shows whether it does. The thread has been told to end.
 class StoppingThread {
 public:
-    StoppingThread(ShortPeriodTimer& timer, const LogCapture& log)
+    explicit StoppingThread(ShortPeriodTimer& timer)
         : mStatus(std::async(std::launch::async, [&timer] { return timer.Stop(); })) {
-        EXPECT_TRUE(log.WaitFor(STOPPING));
+        EXPECT_TRUE(mWait.WaitUntilBegun());
     }
 
     bool IsWaiting(milliseconds limit = milliseconds(0)) {
@@ -135,7 +161,31 @@ public:
     StatusCode Get() { return mStatus.get(); }
 
 private:
+    WaitForTheThread mWait;
     std::future<StatusCode> mStatus;
+};
+
+/// Counts how often the timer's thread has gone to wait for an expiry: it sees only after the next one that
+/// it was told to end.
+class WaitsForExpiry {
+public:
+    explicit WaitsForExpiry(std::function<void(int)> atWait = [](int) {}) : mScope(fault_sigwait) {
+        fault_sigwait.Replace(
+            [this, atWait = std::move(atWait)](const sigset_t* set, int* signal) {
+                atWait(++mCount);
+                return fault_sigwait.Real(set, signal);
+            },
+            ALWAYS);
+    }
+
+    bool WaitUntilCount(int count) {
+        return WaitUntil([this, count] { return mCount >= count; });
+    }
+    int Get() const { return mCount; }
+
+private:
+    std::atomic<int> mCount{0};
+    FaultScope<int(const sigset_t*, int*)> mScope;
 };
 
 // Children first: no other thread must exist when a child is made.
@@ -416,16 +466,10 @@ TEST(ShortPeriodTimer, StopReturnsAfterTheNextExpiry) {
         threadId = event->sigev_notify_thread_id;
         return fault_timer_create.Real(id, event, timer_);
     });
-    // A stop that comes before the thread has begun to wait ends it at once.
-    std::atomic<bool> isWaiting{false};
-    FaultScope wait(fault_sigwait);
-    fault_sigwait.Replace([&](const sigset_t* set, int* signal) {
-        isWaiting = true;
-        return fault_sigwait.Real(set, signal);
-    });
+    WaitsForExpiry waits;
     EXPECT_EQ(timer.Start(), StatusCode::Ok);
-    ASSERT_TRUE(WaitUntil([&] { return isWaiting.load(); }));
-    StoppingThread stop(timer, log);
+    ASSERT_TRUE(waits.WaitUntilCount(1)) << "a stop that comes earlier ends the thread at once";
+    StoppingThread stop(timer);
     EXPECT_TRUE(stop.IsWaiting(milliseconds(50)));
     EXPECT_EQ(calls, 0);
     Signal(threadId, SIGRTMIN);
@@ -441,9 +485,11 @@ TEST(ShortPeriodTimer, StopOfAnExpiredOneShotDoesNotReturn) {
         threadId = gettid();
         ++calls;
     });
+    WaitsForExpiry waits;
     EXPECT_EQ(timer.Start(), StatusCode::Ok);
-    ASSERT_TRUE(WaitUntil([&] { return calls == 1; }));
-    StoppingThread stop(timer, log);
+    ASSERT_TRUE(waits.WaitUntilCount(2)) << "a stop that comes earlier ends the thread at once";
+    EXPECT_EQ(calls, 1);
+    StoppingThread stop(timer);
     EXPECT_TRUE(stop.IsWaiting(milliseconds(200)));
     EXPECT_EQ(calls, 1);
     // What it waits for is the signal that will not come: given it, it returns.
@@ -575,8 +621,14 @@ TEST(ShortPeriodTimer, ThreadThatCannotBlockTheSignalFailsTheStart) {
     EXPECT_EQ(log.Count(Error(LOGGER, "Failed to start timer thread, status=1")), 1U);
     EXPECT_EQ(log.Entries().size(), 4U) << "no timer was tried";
     log.Clear();
+    // The thread ends by itself and takes the signal's default action, which ends the process: once Stop sent
+    // it the signal to wake it.
+    FaultScope kill(fault_pthread_kill);
+    fault_pthread_kill.Fail(0);
     EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    EXPECT_EQ(fault_pthread_kill.Calls(), 0);
     EXPECT_THAT(log.Entries(), ElementsAre(STOPPING, NOT_INITIALIZED));
+    fault_pthread_kill.Reset();
     EXPECT_EQ(timer.Start(), StatusCode::Ok);
     EXPECT_EQ(timer.Stop(), StatusCode::Ok);
 }
@@ -610,6 +662,41 @@ TEST(ShortPeriodTimer, TimerWithoutAThreadIsRefusedByTheSystem) {
     EXPECT_EQ(timer.SetTimerTime(), StatusCode::Failure);
     EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "Failed to create a timer: 22"),
                                            Error(LOGGER, "Failed to start a timer: 22")));
+}
+
+// The kernel may have given the number of the thread that has ended to another one.
+TEST(ShortPeriodTimer, TimerMadeAfterStopIsAimedAtNoThread) {
+    const LogCapture log;
+    ShortPeriodTimer timer(1, true, [] {});
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+    FaultScope scope(fault_timer_create);
+    int target = -1;
+    fault_timer_create.Replace([&](clockid_t id, sigevent* event, timer_t* timer_) {
+        target = event->sigev_notify_thread_id;
+        return fault_timer_create.Real(id, event, timer_);
+    });
+    EXPECT_EQ(timer.CreateTimer(), StatusCode::Failure);
+    EXPECT_EQ(target, 0);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "Failed to create a timer: 22"));
+}
+
+// Start kept a timer that was aimed at the thread that has ended: nothing fired, and Stop did not return.
+TEST(ShortPeriodTimer, TimerThatCannotBeDeletedFailsTheNextStart) {
+    LogCapture log;
+    FaultScope scope(fault_timer_delete);
+    std::atomic<int> calls{0};
+    ShortPeriodTimer timer(1, true, [&] { ++calls; });
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    fault_timer_delete.Fail(-1, EINVAL, 2);
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    log.Clear();
+    EXPECT_EQ(timer.Start(), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "Failed to delete the timer: 22")));
+    calls = 0;
+    EXPECT_EQ(timer.Start(), StatusCode::Ok) << "it can be deleted now";
+    EXPECT_TRUE(WaitUntil([&] { return calls > 1; }));
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
 }
 
 TEST(ShortPeriodTimer, RefusedDeletionKeepsTheTimer) {
@@ -668,7 +755,39 @@ TEST(ShortPeriodTimer, CallbackMayRestartItsTimer) {
     EXPECT_TRUE(WaitUntil([&] { return calls >= 6; }));
     EXPECT_EQ(timer->Stop(), StatusCode::Ok);
     EXPECT_EQ(failures, 0);
-    EXPECT_TRUE(WaitUntil([&] { return log.Count(EXIT) == 4; })) << "the three former threads too";
+    EXPECT_EQ(log.Count(CREATE), 1U) << "the thread stays";
+    EXPECT_EQ(log.Count(EXIT), 1U);
+}
+
+TEST(ShortPeriodTimer, RestartedTimerCountsFromTheRestart) {
+    const LogCapture log;
+    std::atomic<bool> sawPending{false};
+    std::atomic<int> threadId{0};
+    WaitsForExpiry waits([&](int count) {
+        if (count == 2) {
+            sawPending = HasPendingSignal(gettid());
+        }
+    });
+    FaultScope setTime(fault_timer_settime);
+    std::unique_ptr<ShortPeriodTimer> timer;
+    timer = std::make_unique<ShortPeriodTimer>(1, true, [&] {
+        if (threadId == 0) {
+            threadId = gettid();
+            EXPECT_TRUE(WaitUntil([] { return HasPendingSignal(gettid()); })) << "the next expiry";
+            EXPECT_EQ(timer->Stop(), StatusCode::Ok);
+            // The restarted timer has been set, and will not expire.
+            fault_timer_settime.Fail(0);
+            EXPECT_EQ(timer->Start(), StatusCode::Ok);
+        }
+    });
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    ASSERT_TRUE(waits.WaitUntilCount(2));
+    StoppingThread stop(*timer);
+    EXPECT_TRUE(stop.IsWaiting());
+    Signal(threadId, SIGRTMIN);
+    EXPECT_EQ(stop.Get(), StatusCode::Ok);
+    EXPECT_FALSE(sawPending) << "an expiry of the timer that was stopped";
+    EXPECT_EQ(waits.Get(), 2);
 }
 
 TEST(ShortPeriodTimer, OwnerStopsWhatTheCallbackStops) {
@@ -682,6 +801,140 @@ TEST(ShortPeriodTimer, OwnerStopsWhatTheCallbackStops) {
         succeeded += timer->Stop() == StatusCode::Ok;
         EXPECT_EQ(succeeded, 1);
     }
+}
+
+// Stop once joined a thread object that the callback's Start was replacing: memory was written after it was
+// freed, and a thread stayed behind.
+TEST(ShortPeriodTimer, StopWinsOverACallbackThatArmsItsTimerAnew) {
+    const LogCapture log;
+    std::promise<void> entered;
+    std::atomic<int> calls{0};
+    std::atomic<StatusCode> started{StatusCode::Busy};
+    std::unique_ptr<ShortPeriodTimer> timer;
+    timer = std::make_unique<ShortPeriodTimer>(1, false, [&] {
+        if (++calls == 1) {
+            entered.set_value();
+            // Written with the lock held, which Stop lets go only to wait: this Start comes behind.
+            EXPECT_TRUE(log.WaitFor(STOPPING));
+            started = timer->Start();
+        } else {
+            timer->Stop();
+        }
+    });
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    entered.get_future().get();
+    EXPECT_EQ(timer->Stop(), StatusCode::Ok);
+    EXPECT_EQ(started, StatusCode::Stopping);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(log.Count(CREATE), 1U);
+    EXPECT_EQ(log.Count(EXIT), 1U);
+
+    EXPECT_EQ(timer->Start(), StatusCode::Ok) << "Stop is over";
+    EXPECT_TRUE(WaitUntil([&] { return log.Count(EXIT) == 2; }));
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(ShortPeriodTimer, StopEndsATimerThatArmsItselfAnew) {
+    for (int round = 0; round < ROUNDS; ++round) {
+        const LogCapture log(0);
+        std::unique_ptr<ShortPeriodTimer> timer;
+        std::atomic<int> calls{0};
+        timer = std::make_unique<ShortPeriodTimer>(1, false, [&] {
+            ++calls;
+            timer->Start();
+        });
+        ASSERT_EQ(timer->Start(), StatusCode::Ok);
+        ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+        ASSERT_EQ(timer->Stop(), StatusCode::Ok);
+    }
+}
+
+// Both once made a thread, and the second one ended the process.
+TEST(ShortPeriodTimer, OwnerStartsWhatTheCallbackRestarts) {
+    const LogCapture log;
+    WaitForTheThread wait;
+    std::promise<void> stopped;
+    std::atomic<int> calls{0};
+    std::atomic<int> failures{0};
+    std::unique_ptr<ShortPeriodTimer> timer;
+    timer = std::make_unique<ShortPeriodTimer>(1, true, [&] {
+        if (++calls == 1) {
+            failures += timer->Stop() != StatusCode::Ok;
+            stopped.set_value();
+            EXPECT_TRUE(wait.WaitUntilBegun());
+            failures += timer->Start() != StatusCode::Ok;
+        }
+    });
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    stopped.get_future().get();
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    EXPECT_TRUE(WaitUntil([&] { return calls > 2; }));
+    EXPECT_EQ(timer->Stop(), StatusCode::Ok);
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(log.Count(CREATE), log.Count(EXIT));
+}
+
+TEST(ShortPeriodTimer, OwnerStartsWhatTheCallbackStopped) {
+    const LogCapture log;
+    WaitForTheThread wait;
+    std::promise<void> stopped;
+    std::atomic<int> calls{0};
+    std::unique_ptr<ShortPeriodTimer> timer;
+    timer = std::make_unique<ShortPeriodTimer>(1, true, [&] {
+        if (++calls == 1) {
+            EXPECT_EQ(timer->Stop(), StatusCode::Ok);
+            stopped.set_value();
+            EXPECT_TRUE(wait.WaitUntilBegun());
+        }
+    });
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    stopped.get_future().get();
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    EXPECT_EQ(log.Count(EXIT), 1U) << "the first thread has ended";
+    EXPECT_TRUE(WaitUntil([&] { return calls > 2; }));
+    EXPECT_EQ(timer->Stop(), StatusCode::Ok);
+    EXPECT_EQ(log.Count(CREATE), 2U);
+    EXPECT_EQ(log.Count(EXIT), 2U);
+}
+
+// Stop once joined the thread that was being detached, or threw std::system_error when it came second.
+TEST(ShortPeriodTimer, CallbackMayDestroyWhatTheOwnerStops) {
+    FaultScope join(fault_pthread_join);
+    for (int round = 0; round < ROUNDS / 10; ++round) {
+        const LogCapture log;
+        std::promise<void> entered;
+        std::unique_ptr<ShortPeriodTimer> timer;
+        timer = std::make_unique<ShortPeriodTimer>(1, false, [&] {
+            entered.set_value();
+            EXPECT_TRUE(log.WaitFor(STOPPING));
+            timer.reset();
+        });
+        EXPECT_EQ(timer->Start(), StatusCode::Ok);
+        entered.get_future().get();
+        fault_pthread_join.Replace({}, 0);
+        EXPECT_EQ(timer->Stop(), StatusCode::Failure) << "there is no timer left";
+        EXPECT_EQ(fault_pthread_join.Calls(), 0);
+        EXPECT_EQ(log.Count(EXIT), 1U);
+        EXPECT_EQ(log.Entries().back(), NOT_INITIALIZED);
+    }
+}
+
+TEST(ShortPeriodTimer, CallbackMayDestroyWhatTheOwnerStarts) {
+    LogCapture log;
+    WaitForTheThread wait;
+    std::promise<void> stopped;
+    std::unique_ptr<ShortPeriodTimer> timer;
+    timer = std::make_unique<ShortPeriodTimer>(1, true, [&] {
+        EXPECT_EQ(timer->Stop(), StatusCode::Ok);
+        stopped.set_value();
+        EXPECT_TRUE(wait.WaitUntilBegun());
+        timer.reset();
+    });
+    EXPECT_EQ(timer->Start(), StatusCode::Ok);
+    stopped.get_future().get();
+    EXPECT_EQ(timer->Start(), StatusCode::Stopping);
+    EXPECT_TRUE(log.WaitFor(EXIT));
+    EXPECT_EQ(log.Count(CREATE), 1U);
 }
 
 // Start goes on as soon as the value is there, while the thread is still returning from set_value.

@@ -19,9 +19,12 @@ namespace mwl::Timer {
 ///     timer.Stop();  // returns after the next expiry
 ///
 /// Threads: one thread at a time uses the timer; besides, the callback may call any operation of its own
-/// timer, and destroy it. The callback runs on the timer's thread only, one call at a time. It must not be
-/// empty: an empty one raises std::bad_function_call on the timer's thread, and what a callback throws ends
-/// the process. A callback that takes longer than the period misses expiries; they are not made up for.
+/// timer, and destroy it, also while that thread is in an operation. A callback that stops its timer may
+/// start it again; the timer's thread then stays. Against a Stop that waits for the thread no Start helps: it
+/// returns Stopping and changes nothing, so that also a timer whose callback arms it anew each time can be
+/// stopped. The callback runs on the timer's thread only, one call at a time. It must not be empty: an empty
+/// one raises std::bad_function_call on the timer's thread, and what a callback throws ends the process. A
+/// callback that takes longer than the period misses expiries; they are not made up for.
 ///
 /// The signal is SIGRTMIN. Nothing else in the process may use it: a handler is not needed, and its default
 /// action is never taken as the signal is sent to the timer's thread alone, which blocks it.
@@ -33,8 +36,8 @@ namespace mwl::Timer {
 /// callback does not run.
 ///
 /// The destructor deletes the timer and does not stop its thread: without Stop the thread remains, waiting,
-/// until the process ends. No callback begins after the destructor, but one that has begun may still be
-/// running, and what it uses must still exist; the callback itself does.
+/// until the process ends. No expiry that comes after the destructor calls back. A callback that has begun,
+/// or is just about to, may still run, and what it uses must still exist; the callback itself does.
 ///
 /// A child process inherits neither timer nor thread (fork(2)).
 class TERN_API ShortPeriodTimer : public TimerInterface {
@@ -46,7 +49,8 @@ public:
     ~ShortPeriodTimer() override;
 
     /// CreateThread, CreateTimer, SetTimerTime: the first failure is returned, and what was made before it is
-    /// kept until Stop. Blocks until the thread runs. A timer that is running is armed anew, from now; one
+    /// kept until Stop. Blocks until the thread runs; after the callback has stopped the timer, until that
+    /// callback has returned or has started it again. A timer that is running is armed anew, from now; one
     /// that was stopped starts again.
     StatusCode Start() override;
     /// StopThread, then deletes the timer. Failure, logged, when there is no timer or it cannot be deleted
@@ -66,10 +70,12 @@ public:
 
     /// First step of Start: starts the thread and waits until it is ready. Ok also when it runs already. The
     /// thread's start-up status when that is not Ok; ResourceUnavailable without memory for the thread
-    /// object. A thread that the system refuses leaves as std::system_error; no thread exists then.
+    /// object; Stopping, not logged, while a Stop waits for the thread or when the callback has destroyed the
+    /// timer meanwhile; Failure, logged, when a timer that Stop had to keep still cannot be deleted. A thread
+    /// that the system refuses leaves as std::system_error; no thread exists then.
     StatusCode CreateThread();
     /// Second step: makes the timer, aimed at the thread. Ok also when there is one. Failure, logged, when
-    /// the system refuses (timer_create(2)), as it does without a thread.
+    /// the system refuses (timer_create(2)), as it does without a thread or with one that was stopped.
     StatusCode CreateTimer();
     /// Third step: arms the timer. Failure, logged, when there is none or it cannot be set
     /// (timer_settime(2)).
@@ -78,11 +84,10 @@ public:
     void StopThread();
 
 private:
-    struct Run;
     struct State;
 
-    // Shared with the operations that are running, so that a callback may destroy the timer while another
-    // thread is still returning from Start.
+    // Shared with the thread and with the operations that are running, so that a callback may destroy the
+    // timer meanwhile.
     const std::shared_ptr<State> mState;
 };
 
