@@ -29,8 +29,8 @@ public:
     /// Enters the timer and returns the notification function to be given to timer_create(2), with the
     /// address as its value. It calls `callback`, unless that is empty.
     Notification Add(const void* timer, std::shared_ptr<const Callback> callback);
-    /// Notifications that have not begun to call the callback never will. Harmless for one that is not
-    /// entered.
+    /// Notifications that come later do not find the timer; one that has found it may still call the
+    /// callback. Harmless for one that is not entered.
     void Remove(const void* timer);
     /// What a notification function does. `generation` tells the timer from a former one at its address.
     void Notify(const void* timer, std::size_t generation);

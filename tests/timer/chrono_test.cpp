@@ -3,13 +3,39 @@
 #include <tern/timer/chrono.h>
 #include <time.h>
 
+#include <cstddef>
+#include <cstdlib>
 #include <limits>
+#include <new>
 #include <type_traits>
 
 #include "support/interpose.h"
 #include "support/log_capture.h"
 
 TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
+
+namespace {
+
+thread_local bool gIsMemoryShort = false;
+
+}  // namespace
+
+// The process's, the library's included.
+void* operator new(std::size_t size) {
+    void* const memory = gIsMemoryShort ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
 
 namespace {
 

@@ -503,6 +503,21 @@ TEST_F(TimerExpiry, OneShotFiresOnceOnAThreadOfItsOwn) {
     EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
+// The C library's thread has all signals blocked, and so have those that it makes.
+TEST_F(TimerExpiry, CallbackRunsWithSignalsBlocked) {
+    std::promise<sigset_t> mask;
+    Timer timer(1, false, [&] {
+        sigset_t set;
+        pthread_sigmask(SIG_BLOCK, nullptr, &set);
+        mask.set_value(set);
+    });
+    ASSERT_EQ(timer.Start(), StatusCode::Ok);
+    const sigset_t blocked = mask.get_future().get();
+    for (const int signo : {SIGTERM, SIGINT, SIGCHLD, SIGUSR1, SIGRTMIN, SIGRTMAX}) {
+        EXPECT_EQ(sigismember(&blocked, signo), 1) << signo;
+    }
+}
+
 TEST_F(TimerExpiry, PeriodicRepeatsThePeriod) {
     const auto calls = std::make_shared<std::atomic<int>>(0);
     Timer timer(10, true, [calls] { ++*calls; });

@@ -19,7 +19,8 @@ namespace mwl::Timer {
 ///     chrono.Report();  // notice: "############ [Report] parse TOTAL Time: 1234 ms"
 ///
 /// It measures CLOCK_REALTIME: a clock that is set back between Start and Stop takes its milliseconds off
-/// the total, which never falls below 0. Thread-safety: one thread at a time. No operation fails.
+/// the total, which never falls below 0. Thread-safety: one thread at a time. The constructor and Start need
+/// memory, std::bad_alloc without, and then nothing has begun; nothing else fails.
 class TERN_API Chrono {
 public:
     /// `name` is printed by Report. The total is 0, nothing is being measured.

@@ -26,8 +26,13 @@ namespace mwl::Timer {
 /// timer. What it throws ends the process. Each expiry costs a thread: for periods of a few milliseconds
 /// take `ShortPeriodTimer`.
 ///
-/// Lifetime: Stop and the destructor delete the timer and do not wait. No callback begins after them, but one
-/// that has begun may still be running, and what it uses must still exist; the callback itself does.
+/// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, as the C
+/// library makes them so. Threads and child programs that a callback starts inherit that: unblock first what
+/// they are to receive (pthread_sigmask(3)).
+///
+/// Lifetime: Stop and the destructor delete the timer and do not wait. No expiry that is announced after them
+/// calls back. A callback that has begun, or whose announcement had already found its timer, may still run,
+/// and what it uses must still exist; the callback itself does.
 /// A child process does not inherit the timer (fork(2)).
 ///
 /// Failures are logged as errors with the number of the failed call, and then change nothing.
