@@ -276,21 +276,54 @@ TEST_F(ParserTest, AMessageThatIsNotSealedIsRefused) {
                                                  "Operation not permitted)")));
 }
 
-TEST_F(ParserTest, ReadersAtTheEndOfTheirContainerReturnZeroSilently) {
+// sd-bus looks first whether what stands there could be the contents of a variant.
+TEST_F(ParserTest, AVariantAskedForWhereAnotherTypeStandsIsRefused) {
     const struct {
-        const char* operation;
-        const char* contents;
-        Reader read;
+        BusMessage message;
+        const char* signature;
+        int result;
     } rows[] = {
-        {"ReadString", "s", &Parser::ReadString},   {"ReadBoolean", "b", &Parser::ReadBoolean},
-        {"ReadINT16", "n", &Parser::ReadINT16},     {"ReadUINT16", "q", &Parser::ReadUINT16},
-        {"ReadINT32", "i", &Parser::ReadINT32},     {"ReadUINT32", "u", &Parser::ReadUINT32},
-        {"ReadINT64", "x", &Parser::ReadINT64},     {"ReadUINT64", "t", &Parser::ReadUINT64},
-        {"ReadDouble", "d", &Parser::ReadDouble},   {"ReadByte", "y", &Parser::ReadByte},
-        {"ReadISI", "(isi)", &Parser::ReadISI},     {"ReadFileDescriptor", "h", &Parser::ReadFileDescriptor},
-        {"ReadVariant", "v", &Parser::ReadVariant}, {"ReadArrayOfStrings", "as", &Parser::ReadArrayOfStrings},
+        {mMessages.Make("s", "text"), "s", -ENXIO},
+        {mMessages.Make("i", 5), "i", -ENXIO},
+        {mMessages.Make("as", 0), "as", -ENXIO},
+        {mMessages.Make("ai", 1, 5), "ai", -ENXIO},
+        {mMessages.Make("aa{sv}", 0), "aa{sv}", -ENXIO},
+        {mMessages.Make("a(isi)", 0), "a(isi)", -ENXIO},
+        {mMessages.Make("(i)", 5), "(i)", -ENXIO},
+        {mMessages.Make("(as)", 0), "(as)", -ENXIO},
+        {mMessages.Make("(isi)", 1, "x", 2), "(isi)", -EINVAL},
+        {mMessages.Make("a{sv}", 0), "a{sv}", -EINVAL},
+        {mMessages.Make("a{si}", 0), "a{si}", -EINVAL},
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.signature);
+        const LogCapture log;
+        Parser parser(row.message.get());
+        EXPECT_EQ(parser.ReadVariant("", "Name"), row.result);
+        EXPECT_EQ(parser.GetValuesList().Size(), 0U);
+        EXPECT_EQ(log.Entries().size(), 1U);
+    }
+    const BusMessage message = mMessages.Make("a{sv}", 1, "A", "i", 1);
+    Require(sd_bus_message_enter_container(message.get(), 'a', "{sv}"), "enter");
+    EXPECT_EQ(Parser(message.get()).ReadVariant("", "Name"), -EINVAL) << "a dictionary entry";
+}
+
+const struct {
+    const char* operation;
+    const char* contents;
+    Reader read;
+} ONE_OF_EACH[] = {
+    {"ReadString", "s", &Parser::ReadString},   {"ReadBoolean", "b", &Parser::ReadBoolean},
+    {"ReadINT16", "n", &Parser::ReadINT16},     {"ReadUINT16", "q", &Parser::ReadUINT16},
+    {"ReadINT32", "i", &Parser::ReadINT32},     {"ReadUINT32", "u", &Parser::ReadUINT32},
+    {"ReadINT64", "x", &Parser::ReadINT64},     {"ReadUINT64", "t", &Parser::ReadUINT64},
+    {"ReadDouble", "d", &Parser::ReadDouble},   {"ReadByte", "y", &Parser::ReadByte},
+    {"ReadISI", "(isi)", &Parser::ReadISI},     {"ReadFileDescriptor", "h", &Parser::ReadFileDescriptor},
+    {"ReadVariant", "v", &Parser::ReadVariant}, {"ReadArrayOfStrings", "as", &Parser::ReadArrayOfStrings},
+};
+
+TEST_F(ParserTest, ReadersAtTheEndOfAnArrayReturnZeroSilently) {
+    for (const auto& row : ONE_OF_EACH) {
         SCOPED_TRACE(row.operation);
         const BusMessage message = mMessages.Make((std::string("a") + row.contents).c_str(), 0);
         Require(sd_bus_message_enter_container(message.get(), 'a', row.contents), "enter");
@@ -305,6 +338,38 @@ TEST_F(ParserTest, ReadersAtTheEndOfTheirContainerReturnZeroSilently) {
     const LogCapture log;
     EXPECT_EQ(Parser(message.get()).ReadArrayOfDictionaries(""), 0);
     EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST_F(ParserTest, ReadersAtTheEndOfAnotherContainerReturnWhatSdBusReturns) {
+    const struct {
+        BusMessage message;
+        const char* types;
+        char type;
+        const char* contents;
+    } containers[] = {
+        {mMessages.Make("(i)", 5), "(i)", 'r', "i"},
+        {mMessages.Make("v", "i", 5), "v", 'v', "i"},
+    };
+    for (const auto& container : containers) {
+        Require(sd_bus_message_enter_container(container.message.get(), container.type, container.contents),
+                "enter");
+        Parser parser(container.message.get());
+        EXPECT_EQ(parser.ReadINT32("", "Name"), 1);
+        for (const auto& row : ONE_OF_EACH) {
+            SCOPED_TRACE(std::string(row.operation) + " in " + container.types);
+            const LogCapture log;
+            const bool isVariant = row.contents == std::string("v");
+            EXPECT_EQ((parser.*row.read)("", "Next"), isVariant ? 0 : -ENXIO);
+            const bool isSilent = isVariant || row.contents == std::string("as");
+            EXPECT_EQ(log.Entries().size(), isSilent ? 0U : 1U);
+        }
+        const LogCapture log;
+        EXPECT_EQ(parser.ReadArrayOfDictionaries(""), -ENXIO);
+        EXPECT_EQ(log.Entries().size(), 1U);
+        EXPECT_EQ(parser.ParseArrayOfDictionaries(""), -ENXIO);
+        EXPECT_EQ(log.Entries().size(), 1U);
+        EXPECT_EQ(parser.GetValuesList().Size(), 1U);
+    }
 }
 
 TEST_F(ParserTest, ReadingOnBehindTheBodyFails) {

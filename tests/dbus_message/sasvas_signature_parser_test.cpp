@@ -80,6 +80,16 @@ TEST(SASVASsignatureParser, AtTheEndOfAContainerNothingIsRead) {
     EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
+TEST(SASVASsignatureParser, AnArrayThatEndsBehindTheNameIsNoFailure) {
+    TestMessages messages;
+    const BusMessage message = messages.Make("as", 1, "org.example.If");
+    Require(sd_bus_message_enter_container(message.get(), 'a', "s"), "enter");
+    SASVASsignatureParser parser(message.get());
+    EXPECT_EQ(parser.ParseMessage(), 0);
+    EXPECT_EQ(parser.GetName(), "org.example.If");
+    EXPECT_EQ(parser.GetValuesList().Size(), 0U);
+}
+
 TEST(SASVASsignatureParser, ValuesAreReachableForChange) {
     SASVASsignatureParser parser(nullptr);
     EXPECT_EQ(parser.ParseMessage(), -EINVAL);

@@ -63,8 +63,11 @@ void ExpectRefused(const BusMessage& message, int result, const std::string& sho
 TEST(VASVsignatureParser, AnotherBodyIsRefusedWithTheStrayQuote) {
     TestMessages messages;
     ExpectRefused(messages.Make("s", "text"), -ENXIO, "(-6, No such device or address)");
-    // What an array or a structure holds is no content of a variant, which sd-bus sees first.
+    ExpectRefused(messages.Make("as", 0), -ENXIO, "(-6, No such device or address)");
+    ExpectRefused(messages.Make("(i)", 5), -ENXIO, "(-6, No such device or address)");
+    // What these hold is not one complete type, so no content of a variant, which sd-bus sees first.
     ExpectRefused(messages.Make("a{sv}", 0), -EINVAL, "(-22, Invalid argument)");
+    ExpectRefused(messages.Make("(isi)", 1, "x", 2), -EINVAL, "(-22, Invalid argument)");
 }
 
 }  // namespace

@@ -23,9 +23,11 @@ namespace mw::tern::DBusMessage {
 ///
 /// Outcomes, of every reader: the sd-bus result as it is, 0 or more for success, a negative errno for
 /// failure. Without a message (null) that is -EINVAL, with one that is not sealed -EPERM, with another type
-/// at this position -ENXIO (-EINVAL when a variant is asked for and an array or structure is there), with
-/// malformed content -EBADMSG, with more than 128 containers inside each other -EBADMSG. At the end of a
-/// container 0, and nothing is stored or logged. Failures are logged with the logger name "Parser". What
+/// at this position -ENXIO (-EINVAL when a variant is asked for where a structure of several fields stands, a
+/// dictionary entry or an array of those), with malformed content -EBADMSG, with more than 128 containers
+/// inside each other -EBADMSG. At the end of an array 0, and nothing is stored or logged. At the end of the
+/// body, of a structure or of a variant -ENXIO; there ReadVariant alone returns 0 and logs nothing. Failures
+/// are logged with the logger name "Parser", but for those of entering an array "as" or an entry "{sv}". What
 /// was stored before a failure stays. The keys of one call total at most 64 MiB; a message that needs more
 /// is refused with -ENOBUFS. std::logic_error for a null name, before anything is read; std::bad_alloc when
 /// memory is short.

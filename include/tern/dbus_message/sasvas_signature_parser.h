@@ -22,8 +22,9 @@ public:
     SASVASsignatureParser(const SASVASsignatureParser&) = delete;
     SASVASsignatureParser& operator=(const SASVASsignatureParser&) = delete;
 
-    /// Reads name and dictionary. Returns 0 when both were read, else sd-bus's negative errno; what was read
-    /// before the failure stays.
+    /// Reads name and dictionary. Returns 0 when both were read, and also when an array in which the message
+    /// stands ends before either: then there is no name, or no value. Else sd-bus's negative errno; what was
+    /// read before the failure stays.
     int ParseMessage();
 
     /// The name; empty before it was read.
