@@ -51,15 +51,11 @@ void ThreadPool::Start() {
 void ThreadPool::QueueJob(const std::function<void()>& job) {
     // Copied before the lock: copying may be the caller's code.
     std::function<void()> copy(job);
-    bool wake = false;
     {
         const Lock lock(mMutex);
         mJobs.push_back(std::move(copy));
-        wake = MayWakeOne();
     }
-    if (wake) {
-        mCondition.NotifyOne();
-    }
+    mCondition.NotifyOne();
 }
 
 bool ThreadPool::HasPendingJobs() const {
@@ -96,22 +92,19 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
     while (true) {
         std::function<void()> job;
         StatusCode status = StatusCode::Failure;
-        bool wake = false;
         {
             Lock lock(mMutex);
             if (mStopping) {
                 return;
             }
             // With work at hand not even the clock is read.
-            status = mJobs.empty() ? WaitForWork(lock) : StatusCode::Ok;
+            status = mJobs.empty() ? mCondition.WaitFor(lock, IDLE_LIMIT_MS,
+                                                        [this] { return mStopping || !mJobs.empty(); })
+                                   : StatusCode::Ok;
             if (status == StatusCode::Ok && !mStopping) {
                 job = std::move(mJobs.front());
                 mJobs.pop_front();
-                wake = !mJobs.empty() && mIdle != 0 && MayWakeOne();
             }
-        }
-        if (wake) {
-            mCondition.NotifyOne();
         }
         if (status == StatusCode::Timeout) {
             TERN_LOG_TRACE(LOGGER, "%s: Timeout waiting for work", "ThreadLoop");
@@ -125,27 +118,6 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
             notifyWork();
         }
     }
-}
-
-StatusCode ThreadPool::WaitForWork(Lock& lock) {
-    ++mIdle;
-    const StatusCode status = mCondition.WaitFor(lock, IDLE_LIMIT_MS, [this] {
-        mWaking = false;
-        return mStopping || !mJobs.empty();
-    });
-    --mIdle;
-    mWaking = false;  // the predicate is not asked when the time is up
-    return status;
-}
-
-// While one that waits has been notified and has not come yet, no other is: it wakes the next when there is
-// more to do. Woken for every job of a burst, most would find that another has taken it.
-bool ThreadPool::MayWakeOne() {
-    if (mIdle != 0 && mWaking) {
-        return false;
-    }
-    mWaking = mIdle != 0;
-    return true;
 }
 
 void ThreadPool::LetWorkersLeave() {

@@ -427,28 +427,27 @@ TEST_F(ThreadPoolTest, QueueingWakesOneWorkerAJob) {
     EXPECT_EQ(fault_pthread_cond_signal.Calls(), 2);
 }
 
-// Both workers wait. The first one's wake-up is held back: what is queued meanwhile must reach the second all
-// the same, as jobs that need each other would never end.
-TEST_F(ThreadPoolTest, AWokenWorkerWakesTheNext) {
+// Both workers wait, and the first wake-up is held back on its way: a job queued by another meanwhile has a
+// wake-up of its own.
+TEST_F(ThreadPoolTest, NoJobDependsOnTheWakeUpOfAnother) {
     FaultScope scope(fault_pthread_cond_signal);
     MovedClock::ForgetWaits();
     ThreadPool pool(2, mWatcher, mSignals);
     pool.Start();
     ASSERT_TRUE(WaitUntil([] { return MovedClock::Waits().size() == 2; }));
-    pthread_cond_t* condition = nullptr;
-    fault_pthread_cond_signal.Replace([&](pthread_cond_t* signalled) {
-        condition = signalled;
-        return 0;
+    std::latch held(1);
+    fault_pthread_cond_signal.Replace([&](pthread_cond_t* condition) {
+        held.wait();
+        return fault_pthread_cond_signal.Real(condition);
     });
-    std::latch together(2);
-    for (int i = 0; i < 2; ++i) {
-        pool.QueueJob([&] { together.arrive_and_wait(); });
-    }
-    EXPECT_EQ(fault_pthread_cond_signal.Calls(), 1);
-    ASSERT_NE(condition, nullptr);
-    fault_pthread_cond_signal.Real(condition);
-    together.wait();
+    std::latch bothRan(2);
+    std::thread first([&] { pool.QueueJob([&] { bothRan.count_down(); }); });
+    ASSERT_TRUE(WaitUntil([&] { return fault_pthread_cond_signal.Calls() == 1; }));
+    pool.QueueJob([&] { bothRan.count_down(); });
+    bothRan.wait();
     EXPECT_EQ(fault_pthread_cond_signal.Calls(), 2);
+    held.count_down();
+    first.join();
     pool.Stop(false);
 }
 

@@ -45,7 +45,7 @@ public:
     /// Creates the workers, also anew after `Stop`. Throws std::system_error when the system refuses a
     /// thread: those that had started are joined, and the pool is not running.
     void Start();
-    /// Appends a copy of the job and wakes a worker.
+    /// Appends a copy of the job and wakes one worker, for each job.
     void QueueJob(const std::function<void()>& job);
     /// Whether jobs are queued that no worker has taken.
     bool HasPendingJobs() const;
@@ -63,14 +63,10 @@ public:
     void ThreadLoop(std::function<void()> notifyWork);
 
 private:
-    StatusCode WaitForWork(Lock& lock);
-    bool MayWakeOne();
     void LetWorkersLeave();
 
-    bool mRunning = false;     ///< owner's thread only
-    bool mStopping = false;    ///< guarded by mMutex
-    bool mWaking = false;      ///< guarded by mMutex; a worker has been notified and has not come yet
-    unsigned short mIdle = 0;  ///< guarded by mMutex; workers that wait
+    bool mRunning = false;   ///< owner's thread only
+    bool mStopping = false;  ///< guarded by mMutex
     mutable Mutex mMutex;
     ConditionVariable mCondition;
     std::vector<std::unique_ptr<Thread>> mThreads;  ///< owner's thread only
