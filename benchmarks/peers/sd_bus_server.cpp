@@ -10,6 +10,7 @@
 #include <systemd/sd-event.h>
 
 #include <cerrno>
+#include <cstring>
 #include <thread>
 
 #include "server_options.h"
@@ -50,7 +51,12 @@ void Export(sd_bus* bus, sd_event* event, const ServerOptions& options) {
     }
 }
 
-int OnDisconnected(sd_bus_message*, void* event, sd_bus_error*) {
+int OnMessage(sd_bus_message* message, void* event, sd_bus_error*) {
+    constexpr const char* LOCAL = "org.freedesktop.DBus.Local";
+    if (sd_bus_message_is_signal(message, LOCAL, "Disconnected") <= 0 ||
+        strcmp(sd_bus_message_get_sender(message), LOCAL) != 0) {
+        return 0;
+    }
     return sd_event_exit(static_cast<sd_event*>(event), -ECONNRESET);
 }
 
@@ -62,9 +68,7 @@ int Serve(const ServerOptions& options) {
     Require(sd_bus_request_name(bus, options.name.c_str(), 0) >= 0, "sd_bus_request_name");
     Require(sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL) >= 0, "sd_bus_attach_event");
     if constexpr (TERN_OWN_THREAD) {
-        Require(sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local", "/org/freedesktop/DBus/Local",
-                                    "org.freedesktop.DBus.Local", "Disconnected", OnDisconnected, event) >= 0,
-                "sd_bus_match_signal");
+        Require(sd_bus_add_filter(bus, nullptr, OnMessage, event) >= 0, "sd_bus_add_filter");
     }
     Export(bus, event, options);
     Require(sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr) >= 0 &&

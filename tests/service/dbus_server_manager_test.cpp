@@ -28,10 +28,9 @@ using testing::IsEmpty;
 
 TERN_INTERPOSE(int, sd_bus_attach_event, (sd_bus * bus, sd_event* event, int priority),
                (bus, event, priority))
-TERN_INTERPOSE(int, sd_bus_add_match,
-               (sd_bus * bus, sd_bus_slot** slot, const char* match, sd_bus_message_handler_t handler,
-                void* userdata),
-               (bus, slot, match, handler, userdata))
+TERN_INTERPOSE(int, sd_bus_add_filter,
+               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message_handler_t handler, void* userdata),
+               (bus, slot, handler, userdata))
 TERN_INTERPOSE(sd_bus*, sd_bus_unref, (sd_bus * bus), (bus))
 
 namespace {
@@ -288,8 +287,8 @@ TEST_F(DBusServerManagerTest, AttachReportsSdBusErrors) {
         EXPECT_EQ(manager.AttachLoop(loop), StatusCode::OutOfMemory);
     }
     {
-        const FaultScope scope(fault_sd_bus_add_match);
-        fault_sd_bus_add_match.Fail(-ETIMEDOUT);
+        const FaultScope scope(fault_sd_bus_add_filter);
+        fault_sd_bus_add_filter.Fail(-ETIMEDOUT);
         EXPECT_EQ(manager.AttachLoop(loop), StatusCode::Timeout);
     }
     EXPECT_THAT(mLog.Entries(),
