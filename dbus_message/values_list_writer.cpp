@@ -7,10 +7,8 @@ bool ValuesListWriter::FindPlace(ValuesList& list, const std::string& key, Posit
     return position == list.mValues.end() || position->first != key;
 }
 
-void ValuesListWriter::Insert(ValuesList& list, Position position, const std::string& key,
-                              std::unique_ptr<Value> value) {
-    list.mValues.emplace_hint(position, key, value.get());
-    static_cast<void>(value.release());  // the list's now
+void ValuesListWriter::Insert(ValuesList& list, Position position, const std::string& key, Value& value) {
+    list.mValues.emplace_hint(position, key, &value);
 }
 
 }  // namespace mw::tern::DBusMessage

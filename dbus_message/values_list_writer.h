@@ -19,8 +19,9 @@ public:
     static void Add(ValuesList& list, const std::string& key, Arguments&&... arguments) {
         Position position;
         if (FindPlace(list, key, position)) {
-            Insert(list, position, key,
-                   std::make_unique<ConcreteValue>(std::forward<Arguments>(arguments)...));
+            auto value = std::make_unique<ConcreteValue>(std::forward<Arguments>(arguments)...);
+            Insert(list, position, key, *value);
+            static_cast<void>(value.release());  // the list's now
         }
     }
 
@@ -30,8 +31,7 @@ private:
     // What is the same for every type, compiled once.
     /// Where `key` belongs; false when it is there already.
     static bool FindPlace(ValuesList& list, const std::string& key, Position& position);
-    static void Insert(ValuesList& list, Position position, const std::string& key,
-                       std::unique_ptr<Value> value);
+    static void Insert(ValuesList& list, Position position, const std::string& key, Value& value);
 };
 
 }  // namespace mw::tern::DBusMessage
