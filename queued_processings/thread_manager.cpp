@@ -2,7 +2,9 @@
 #include <tern/queued_processings/thread_manager.h>
 #include <tern/threading/lock.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace mwl::QueuedProcessings {
 
@@ -10,10 +12,27 @@ namespace {
 
 const std::string LOGGER = "QueuedProcessings::ThreadManager";
 
+/// Between two looks of the destructor: about what a signal takes.
+constexpr std::chrono::microseconds PAUSE(50);
+
 }  // namespace
 
 ThreadManager::ThreadManager(Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor)
     : Threading::ThreadManager(monitor), mExecutor(executor) {}
+
+// The thread may be the last owner, and may end as soon as it sees the change that its wake-up is about.
+// Counted by two numbers, as holding an owner for each call makes a burst of wake-ups cost half as much
+// again.
+ThreadManager::~ThreadManager() {
+    unsigned int due = 0;
+    {
+        const Threading::Lock lock(mMutex);
+        due = mSignalsDue;
+    }
+    while (mSignalled.load(std::memory_order_acquire) != due) {
+        std::this_thread::sleep_for(PAUSE);  // whoever is to signal may have a lower priority
+    }
+}
 
 StatusCode ThreadManager::Wait() {
     Threading::Lock lock(mMutex);
@@ -37,25 +56,28 @@ StatusCode ThreadManager::Wait() {
 }
 
 void ThreadManager::Notify() {
-    // The thread may be the last owner, and the run that is asked for may be its last.
-    const std::shared_ptr<ThreadManager> self = weak_from_this().lock();
     {
         const Threading::Lock lock(mMutex);
         mWaitNeeded = false;
+        ++mSignalsDue;
     }
-    mCondition.NotifyOne();
+    Signal();
 }
 
 void ThreadManager::Stop() {
-    // The thread may be the last owner, and may end as soon as it sees the flag.
-    const std::shared_ptr<ThreadManager> self = weak_from_this().lock();
     mExecutor.Stop();
     {
         const Threading::Lock lock(mMutex);
         mRunning = false;
         mWaitNeeded = false;
+        ++mSignalsDue;
     }
+    Signal();
+}
+
+void ThreadManager::Signal() {
     mCondition.NotifyOne();
+    mSignalled.fetch_add(1, std::memory_order_release);
 }
 
 }  // namespace mwl::QueuedProcessings

@@ -3,8 +3,10 @@
 #include <pthread.h>
 #include <tern/queued_processings/thread_manager.h>
 
+#include <atomic>
 #include <cerrno>
 #include <future>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,6 +19,8 @@
 
 TERN_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
                (condition, mutex))
+TERN_INTERPOSE_TIME(int, nanosleep, __nanosleep64, (const timespec* duration, timespec* left),
+                    (duration, left))
 TERN_INTERPOSE(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 
 namespace {
@@ -154,27 +158,38 @@ TEST_F(QueuedThreadManager, KeepsTheThreadsId) {
 /// has returned. Makes it so, and expects the manager to live on for the signal that is still to come.
 void ExpectToOutlive(void (ThreadManager::*call)(), StatusCode answer, FakeMonitor& monitor,
                      FakeExecutor& executor) {
-    std::promise<void> ended;
-    auto owner = std::make_shared<ThreadManager>(monitor, executor);
-    const std::weak_ptr<ThreadManager> alive = owner;
+    auto owner = std::make_unique<ThreadManager>(monitor, executor);
     ThreadManager* const manager = owner.get();
     std::promise<void> changed;
+    std::atomic<bool> waits{false};
+    std::atomic<bool> destroyed{false};
     FaultScope scope(fault_pthread_cond_signal);
     fault_pthread_cond_signal.Replace([&](pthread_cond_t* condition) {
         changed.set_value();  // the flag is set, the mutex released
-        ended.get_future().get();
-        EXPECT_FALSE(alive.expired());
+        EXPECT_TRUE(tern::test::WaitUntil([&] { return waits || destroyed; }));
+        EXPECT_FALSE(destroyed);
         return fault_pthread_cond_signal.Real(condition);
     });
+    FaultScope sleepScope(fault_nanosleep);
+    std::atomic<pthread_t> threadId{};
+    fault_nanosleep.Replace(
+        [&](const timespec* duration, timespec* left) {
+            if (pthread_self() == threadId) {
+                waits = true;
+            }
+            return fault_nanosleep.Real(duration, left);
+        },
+        std::numeric_limits<int>::max());
     std::thread thread([&, owner = std::move(owner)]() mutable {
+        threadId = pthread_self();
         changed.get_future().get();
         EXPECT_EQ(owner->Wait(), answer);
         owner.reset();
-        ended.set_value();
+        destroyed = true;
     });
     (manager->*call)();
-    EXPECT_TRUE(alive.expired());
     thread.join();
+    EXPECT_TRUE(waits);
 }
 
 TEST_F(QueuedThreadManager, OutlivesItsOwnStop) {

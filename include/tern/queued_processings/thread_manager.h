@@ -7,7 +7,7 @@
 #include <tern/threading/mutex.h>
 #include <tern/threading/thread_manager.h>
 
-#include <memory>
+#include <atomic>
 
 namespace mwl::QueuedProcessings {
 
@@ -19,18 +19,19 @@ namespace mwl::QueuedProcessings {
 ///
 /// Made and shared by the component and its thread, so that neither outlives it. REQUIRES: monitor and
 /// executor outlive it.
-class TERN_API ThreadManager : public Threading::ThreadManager,
-                               public std::enable_shared_from_this<ThreadManager> {
+class TERN_API ThreadManager : public Threading::ThreadManager {
 public:
     /// Registers nothing yet; the component does that.
     ThreadManager(Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor);
+    /// Waits for calls of `Notify` and `Stop` that have not returned yet.
+    ~ThreadManager() override;
 
     /// Sleeps until woken. Ok: run the processing once. Stopping, logged as a notice: leave the loop. The
     /// status of a failed wait, logged as an error: leave the loop. One wait is made: a wake-up for no reason
     /// counts as one, so the processing may run with nothing to do.
     StatusCode Wait();
-    /// Wakes the thread, or keeps it from sleeping the next time. That run may release the last reference to
-    /// the manager before this call has returned.
+    /// Wakes the thread, or keeps it from sleeping the next time. The manager may be destroyed by that very
+    /// run, before this call has returned.
     void Notify();
     /// Calls the executor's `Stop`, then makes the wait in progress, or else the next one, answer Stopping.
     /// There is no way back: every later `Wait` that is woken answers so too.
@@ -40,11 +41,15 @@ public:
     void SetThreadId(unsigned long threadId) { mThreadId = threadId; }
 
 private:
+    void Signal();
+
     ExecutorInterface& mExecutor;
     bool mRunning = true;  ///< guarded by mMutex
     Threading::Mutex mMutex;
     Threading::ConditionVariable mCondition;
-    bool mWaitNeeded = true;  ///< no wake-up is pending; guarded by mMutex
+    bool mWaitNeeded = true;       ///< no wake-up is pending; guarded by mMutex
+    unsigned int mSignalsDue = 0;  ///< ever; guarded by mMutex
+    std::atomic<unsigned int> mSignalled{0};
 };
 
 }  // namespace mwl::QueuedProcessings
