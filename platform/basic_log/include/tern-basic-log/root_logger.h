@@ -35,9 +35,9 @@ public:
     unsigned char GetLevel() const noexcept { return __atomic_load_n(mLevel, __ATOMIC_RELAXED); }
 
     /// Formats as printf(3) and writes the message, whatever the threshold is. Messages of less than 4 KiB
-    /// take no memory and no lock; longer ones arrive whole. `errno` is preserved. A message that cannot be
-    /// written is lost: there is nobody left to tell.
-    /// Marked cold so that a caller's other paths are laid out first.
+    /// take no memory and no lock; longer ones arrive whole, or cut to that where memory is short. `errno` is
+    /// preserved. A message that cannot be written is lost: there is nobody left to tell. Marked cold so that
+    /// a caller's other paths are laid out first.
     void Print(TernLogLevel level, const char* format, ...) const
         __attribute__((cold, format(printf, 3, 4)));
 
