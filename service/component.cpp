@@ -67,30 +67,26 @@ void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& st
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer) {
     TERN_LOG_INFO(LOGGER, "Start D-Bus thread");
     monitor.SetDBusThreadId(static_cast<unsigned long>(pthread_self()));
-    {
-        Service service(name);
-        StatusCode status = service.Initialize();
-        if (status == StatusCode::Ok) {
-            status = ipcServer.Start(service.GetServerManager(), service.GetEventLoop());
-        }
-        startup.set_value(status);
-        const bool isStarted = status == StatusCode::Ok;
-        if (isStarted) {
-            status = service.Run();
-        }
-        // The loop takes no SIGTERM any more. Where nobody blocked it, the monitor's would end the process
-        // before the others have been stopped. Cannot fail with valid arguments.
-        static_cast<void>(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread());
-        if (isStarted && status != StatusCode::Ok) {
-            // The process has to end as failed, or nobody would restart it.
-            monitor.NotifyDBusThreadToStopOnFailure();
-        }
-        ipcServer.Stop();
-        monitor.StopWorkerThreads();
-        TERN_LOG_INFO(LOGGER, "Exit D-Bus thread, status=%u", status);
+    Service service(name);
+    StatusCode status = service.Initialize();
+    if (status == StatusCode::Ok) {
+        status = ipcServer.Start(service.GetServerManager(), service.GetEventLoop());
     }
-    // Workers may still ask for the end of the service: nobody may signal a thread that is gone.
-    monitor.SetDBusThreadId(0);
+    startup.set_value(status);
+    const bool isStarted = status == StatusCode::Ok;
+    if (isStarted) {
+        status = service.Run();
+    }
+    // The loop takes no SIGTERM any more. Where nobody blocked it, the monitor's would end the process before
+    // the others have been stopped. Cannot fail with valid arguments.
+    static_cast<void>(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread());
+    if (isStarted && status != StatusCode::Ok) {
+        // The process has to end as failed, or nobody would restart it.
+        monitor.NotifyDBusThreadToStopOnFailure();
+    }
+    ipcServer.Stop();
+    monitor.StopWorkerThreads();
+    TERN_LOG_INFO(LOGGER, "Exit D-Bus thread, status=%u", status);
 }
 
 }  // namespace mwl::DBusService

@@ -1,8 +1,11 @@
 #include <signal.h>
+#include <sys/syscall.h>
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_manager.h>
 #include <tern/threading/threads_monitor.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 namespace mwl::Threading {
@@ -32,6 +35,7 @@ void ThreadsMonitor::RemoveWorkerThread(ThreadManager& thread) {
 void ThreadsMonitor::SetDBusThreadId(unsigned long threadId) {
     const std::lock_guard lock(mMutex);
     mDBusThreadId = threadId;
+    mDBusTaskId = threadId == pthread_self() ? gettid() : 0;
 }
 
 void ThreadsMonitor::StopWorkerThreads() {
@@ -48,7 +52,7 @@ void ThreadsMonitor::NotifyDBusThreadToStop(bool onFailure) {
     TERN_LOG_INFO(LOGGER, "Notify D-Bus thread to stop [%lu]", mDBusThreadId);
     // Before the signal, and whatever becomes of it: the D-Bus thread may end at once.
     mHasFailure = onFailure;
-    const int error = mSignals.SendSignal(mDBusThreadId, SIGTERM);
+    const int error = HasDBusThreadEnded() ? ESRCH : mSignals.SendSignal(mDBusThreadId, SIGTERM);
     if (error != 0) {
         TERN_LOG_ERROR(LOGGER, "Failed to notify thread [%lu], error=%d", mDBusThreadId, error);
         return;
@@ -59,6 +63,12 @@ void ThreadsMonitor::NotifyDBusThreadToStop(bool onFailure) {
 
 void ThreadsMonitor::NotifyDBusThreadToStopOnFailure() {
     NotifyDBusThreadToStop(true);
+}
+
+// A worker that fails late, when main has joined the D-Bus thread, must not signal what is no thread any more
+// (pthread_kill(3)); of its id that cannot be told, of the kernel's number it can.
+bool ThreadsMonitor::HasDBusThreadEnded() const {
+    return mDBusTaskId != 0 && syscall(SYS_tgkill, getpid(), mDBusTaskId, 0) != 0;
 }
 
 bool ThreadsMonitor::HasFailure() {

@@ -206,6 +206,27 @@ TEST(ThreadsMonitor, RealSignalReachesTheDBusThread) {
     EXPECT_FALSE(monitor.HasFailure());
 }
 
+TEST(ThreadsMonitor, ThreadThatHasEndedIsNotSignalled) {
+    StrictMock<MockSignals> signals;
+    ThreadsMonitor monitor(signals);
+    LogCapture log;
+    unsigned long id = 0;
+    pid_t task = 0;
+    std::thread dbusThread([&] {
+        id = pthread_self();
+        task = gettid();
+        monitor.SetDBusThreadId(id);
+        EXPECT_CALL(signals, SendSignal(id, SIGTERM)).WillOnce(Return(EAGAIN));
+        monitor.NotifyDBusThreadToStop(false);
+    });
+    dbusThread.join();
+    // The kernel may know its number a little longer than pthread_join(3) waits.
+    ASSERT_TRUE(tern::test::WaitUntil([&] { return tgkill(getpid(), task, 0) != 0; }));
+    monitor.NotifyDBusThreadToStopOnFailure();
+    EXPECT_TRUE(monitor.HasFailure());
+    EXPECT_EQ(log.Count(Error(LOGGER, "Failed to notify thread [" + std::to_string(id) + "], error=3")), 1U);
+}
+
 class CountingWorker : public ThreadManager {
 public:
     using ThreadManager::ThreadManager;

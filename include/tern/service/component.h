@@ -51,8 +51,7 @@ public:
 
     /// The body of the D-Bus thread: makes the service, delivers the start-up status, runs the loop, stops
     /// the IPC server and, through the monitor, every worker. A loop that ended in failure is reported to the
-    /// monitor first, so that the process ends as failed. The monitor is told the thread's id first of all,
-    /// and 0 last of all, when the service is gone.
+    /// monitor first, so that the process ends as failed.
     static void ThreadMain(const std::string& name, std::promise<StatusCode>& startup,
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer);
 

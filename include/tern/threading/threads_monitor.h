@@ -40,12 +40,15 @@ public:
     bool HasFailure() override;
 
 private:
+    bool HasDBusThreadEnded() const;
+
     SignalsInterface& mSignals;
     ThreadsList mWorkers;
     unsigned long mDBusThreadId = 0;
     bool mHasFailure = false;
     bool mDBusThreadNotified = false;
-    std::mutex mMutex;  ///< guards all of the above
+    int mDBusTaskId = 0;  ///< gettid(2) of a D-Bus thread that gave its own id, else 0
+    std::mutex mMutex;    ///< guards all of the above
 };
 
 }  // namespace mwl::Threading

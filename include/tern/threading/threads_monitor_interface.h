@@ -16,8 +16,8 @@ public:
     virtual void AddWorkerThread(ThreadManager& thread) = 0;
     /// A worker's thread is about to end.
     virtual void RemoveWorkerThread(ThreadManager& thread) = 0;
-    /// The pthread_self() of the thread that runs the event loop. Called by that thread twice: when it
-    /// starts, and with 0 as its last step, from when on it must not be signalled.
+    /// The pthread_self() of the thread that runs the event loop; called by that thread when it starts. When
+    /// it has ended it must not be signalled.
     virtual void SetDBusThreadId(unsigned long threadId) = 0;
     /// Asks every registered worker to stop.
     virtual void StopWorkerThreads() = 0;
