@@ -38,8 +38,7 @@ public:
     /// take no memory and no lock; longer ones arrive whole, or cut to that where memory is short. `errno` is
     /// preserved. A message that cannot be written is lost: there is nobody left to tell. Marked cold so that
     /// a caller's other paths are laid out first.
-    void Print(TernLogLevel level, const char* format, ...) const
-        __attribute__((cold, format(printf, 3, 4)));
+    void Print(TernLogLevel level, const char* format, ...) const __attribute__((cold, format(printf, 3, 4)));
 
 private:
     RootLogger();
