@@ -52,6 +52,8 @@ void* Counted(void* memory) {
 
 }  // namespace
 
+// Every library has to find these, whatever the build hides.
+#pragma GCC visibility push(default)
 extern "C" {
 
 void* malloc(std::size_t size) {
@@ -93,5 +95,6 @@ void free(void* memory) {
     __libc_free(memory);
 }
 }
+#pragma GCC visibility pop
 
 #endif
