@@ -16,19 +16,21 @@ function(tern_own_target target)
   endif()
 endfunction()
 
-# Relative relocations in the packed form, a bit instead of 24 bytes each, where linker and C library (2.36) know it.
-check_linker_flag(CXX LINKER:-z,pack-relative-relocs TERN_LINKER_PACKS_RELOCATIONS)
+# Relative relocations in the packed form, a bit instead of 24 bytes each, where linker and C library (2.36) know it. A linker
+# that does not only warns.
+set(CMAKE_REQUIRED_LINK_OPTIONS LINKER:-z,pack-relative-relocs)
 check_cxx_source_compiles("#include <features.h>
   #if !__GLIBC_PREREQ(2, 36)
   #error too old
   #endif
-  int main() {}" TERN_LOADER_READS_PACKED_RELOCATIONS)
+  int main() {}" TERN_PACKS_RELOCATIONS FAIL_REGEX "unknown -z|ignored")
+unset(CMAKE_REQUIRED_LINK_OPTIONS)
 
 # As above, for a shared library: complete, and exporting nothing but our own names.
 set(TERN_EXPORTS ${CMAKE_CURRENT_LIST_DIR}/tern-exports.map)
 function(tern_own_library target)
   tern_own_target(${target})
-  if(TERN_LINKER_PACKS_RELOCATIONS AND TERN_LOADER_READS_PACKED_RELOCATIONS)
+  if(TERN_PACKS_RELOCATIONS)
     target_link_options(${target} PRIVATE LINKER:-z,pack-relative-relocs)
   endif()
   if(TERN_COVERAGE)
