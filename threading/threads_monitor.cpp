@@ -68,7 +68,7 @@ void ThreadsMonitor::NotifyDBusThreadToStopOnFailure() {
 // A worker that fails late, when main has joined the D-Bus thread, must not signal what is no thread any more
 // (pthread_kill(3)); of its id that cannot be told, of the kernel's number it can.
 bool ThreadsMonitor::HasDBusThreadEnded() const {
-    return mDBusTaskId != 0 && syscall(SYS_tgkill, getpid(), mDBusTaskId, 0) != 0;
+    return mDBusTaskId != 0 && syscall(SYS_tgkill, getpid(), mDBusTaskId, 0) != 0 && errno == ESRCH;
 }
 
 bool ThreadsMonitor::HasFailure() {

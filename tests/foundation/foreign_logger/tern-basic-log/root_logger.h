@@ -26,7 +26,7 @@ public:
         return instance;
     }
 
-    void Print(TernLogLevel level, const char* format, ...) const {
+    __attribute__((format(printf, 3, 4))) void Print(TernLogLevel level, const char* format, ...) const {
         char text[256];
         std::va_list arguments;
         va_start(arguments, format);
@@ -42,7 +42,7 @@ public:
 private:
     RootLogger() { ++built; }
 
-    unsigned char* mThreshold = &threshold;
+    [[maybe_unused]] unsigned char* mThreshold = &threshold;
     std::string mIdentifier;
 };
 
