@@ -10,7 +10,6 @@
 #include <systemd/sd-event.h>
 
 #include <cerrno>
-#include <cstring>
 #include <thread>
 
 #include "server_options.h"
@@ -52,9 +51,7 @@ void Export(sd_bus* bus, sd_event* event, const ServerOptions& options) {
 }
 
 int OnMessage(sd_bus_message* message, void* event, sd_bus_error*) {
-    constexpr const char* LOCAL = "org.freedesktop.DBus.Local";
-    if (sd_bus_message_is_signal(message, LOCAL, "Disconnected") <= 0 ||
-        strcmp(sd_bus_message_get_sender(message), LOCAL) != 0) {
+    if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") <= 0) {
         return 0;
     }
     return sd_event_exit(static_cast<sd_event*>(event), -ECONNRESET);

@@ -664,6 +664,21 @@ TEST(ShortPeriodTimer, TimerWithoutAThreadIsRefusedByTheSystem) {
                                            Error(LOGGER, "Failed to start a timer: 22")));
 }
 
+TEST(ShortPeriodTimer, StepsOfStartCanBeMadeOneByOne) {
+    LogCapture log;
+    std::atomic<int> calls{0};
+    ShortPeriodTimer timer(1, true, [&] { ++calls; });
+    EXPECT_EQ(timer.CreateThread(), StatusCode::Ok);
+    EXPECT_EQ(timer.CreateThread(), StatusCode::Ok);
+    EXPECT_EQ(log.Count(CREATE), 1U);
+    EXPECT_EQ(timer.CreateTimer(), StatusCode::Ok);
+    EXPECT_EQ(timer.CreateTimer(), StatusCode::Ok);
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(timer.SetTimerTime(), StatusCode::Ok);
+    EXPECT_TRUE(WaitUntil([&] { return calls > 1; }));
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+}
+
 // The kernel may have given the number of the thread that has ended to another one.
 TEST(ShortPeriodTimer, TimerMadeAfterStopIsAimedAtNoThread) {
     const LogCapture log;
