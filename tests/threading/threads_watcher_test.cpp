@@ -396,8 +396,9 @@ TEST_F(ThreadsWatcherTest, StartRunsTaskWatch) {
     EXPECT_TRUE(WaitUntil([&] { return watcher.ran.load(); }));
 }
 
-// The process-ending edge, for real.
-TEST(ThreadsWatcher, BlockedThreadEndsTheProcessWithSigkill) {
+// The process-ending edge, for real. Called so that it runs first: a detached watch of another test may still
+// be ending, and a child of several threads cannot make its own under ThreadSanitizer.
+TEST(ThreadsWatcherDeathTest, BlockedThreadEndsTheProcessWithSigkill) {
     const auto result = RunInChild([] {
         NiceMock<MockMonitor> monitor;
         ThreadsWatcher watcher(monitor);
@@ -421,7 +422,7 @@ TEST(ThreadsWatcher, BlockedThreadEndsTheProcessWithSigkill) {
     EXPECT_EQ(result.log[3], Error(LOGGER, "TaskWatch Thread [pump] is blocked, send kill on PID " + id));
 }
 
-TEST(ThreadsWatcher, AtTheLimitNothingIsKilled) {
+TEST(ThreadsWatcherDeathTest, AtTheLimitNothingIsKilled) {
     const auto result = RunInChild([] {
         NiceMock<MockMonitor> monitor;
         ThreadsWatcher watcher(monitor);
