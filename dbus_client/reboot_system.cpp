@@ -6,6 +6,7 @@
 #include "dbus_client/bus_error.h"
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "platform/static_text.h"
 
 using mwl::ErrorText;
 
@@ -13,17 +14,12 @@ namespace mw::tern::DBusCommand {
 
 namespace {
 
-const std::string DESTINATION = "com.zr.extension.local_device";
-const std::string OBJECT_PATH = "/com/zr/extension/dbus_objects/DeviceManagement";
-const std::string INTERFACE = "com.zr.extension.dbus_objects.DeviceManagement";
-const std::string METHOD = "Reboot";
+const mwl::StaticText DESTINATION("com.zr.extension.local_device");
+const mwl::StaticText OBJECT_PATH("/com/zr/extension/dbus_objects/DeviceManagement");
+const mwl::StaticText INTERFACE("com.zr.extension.dbus_objects.DeviceManagement");
+const mwl::StaticText METHOD("Reboot");
 
 }  // namespace
-
-const std::string RebootSystem::REBOOT_TYPE_REMOTE = "Remote";
-const std::string RebootSystem::REBOOT_TYPE_BUTTON = "Button";
-const std::string RebootSystem::REBOOT_TYPE_FIRMWARE_UPDATE = "FirmwareUpdate";
-const std::string RebootSystem::REBOOT_TYPE_RESTORE = "Restore";
 
 RebootSystem::RebootSystem(const std::string& reason) : mReason(reason) {}
 
@@ -54,3 +50,12 @@ int RebootSystem::CallMethod(sd_bus* bus) {
 }
 
 }  // namespace mw::tern::DBusCommand
+
+TERN_STATIC_TEXT(mw::tern::DBusCommand::RebootSystem::REBOOT_TYPE_REMOTE,
+                 _ZN2mw4tern11DBusCommand12RebootSystem18REBOOT_TYPE_REMOTE, "Remote");
+TERN_STATIC_TEXT(mw::tern::DBusCommand::RebootSystem::REBOOT_TYPE_BUTTON,
+                 _ZN2mw4tern11DBusCommand12RebootSystem18REBOOT_TYPE_BUTTON, "Button");
+TERN_STATIC_TEXT(mw::tern::DBusCommand::RebootSystem::REBOOT_TYPE_FIRMWARE_UPDATE,
+                 _ZN2mw4tern11DBusCommand12RebootSystem27REBOOT_TYPE_FIRMWARE_UPDATE, "FirmwareUpdate");
+TERN_STATIC_TEXT(mw::tern::DBusCommand::RebootSystem::REBOOT_TYPE_RESTORE,
+                 _ZN2mw4tern11DBusCommand12RebootSystem19REBOOT_TYPE_RESTORE, "Restore");

@@ -15,6 +15,7 @@
 #include "dbus_message/message_position.h"
 #include "dbus_message/values_list_writer.h"
 #include "foundation/error_text.h"
+#include "platform/static_text.h"
 
 namespace mw::tern::DBusMessage {
 
@@ -23,7 +24,7 @@ namespace {
 using mwl::ErrorText;
 using namespace std::string_view_literals;
 
-const std::string LOGGER = "Parser";
+const mwl::StaticText LOGGER("Parser");
 
 /// Lengthens the path by one name for the life of a block.
 class PathStep {

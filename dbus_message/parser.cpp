@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "dbus_message/message_walk.h"
+#include "platform/static_text.h"
 
 namespace mw::tern::DBusMessage {
 
@@ -30,8 +31,6 @@ private:
 };
 
 }  // namespace
-
-const std::string Parser::KEY_SEPARATOR(1, SEPARATOR);
 
 Parser::Parser() : Parser(nullptr) {}
 
@@ -102,3 +101,6 @@ std::string Parser::CreatePrefix(const std::string& prefix, const char* name) {
 }
 
 }  // namespace mw::tern::DBusMessage
+
+TERN_STATIC_TEXT(mw::tern::DBusMessage::Parser::KEY_SEPARATOR, _ZN2mw4tern11DBusMessage6Parser13KEY_SEPARATOR,
+                 std::string(1, mw::tern::DBusMessage::SEPARATOR));

@@ -3,12 +3,13 @@
 #include <tern/foundation/log.h>
 
 #include "foundation/error_text.h"
+#include "platform/static_text.h"
 
 namespace mw::tern::DBusMessage {
 
 namespace {
 
-const std::string LOGGER = "VASVsignatureParser";
+const mwl::StaticText LOGGER("VASVsignatureParser");
 
 }  // namespace
 

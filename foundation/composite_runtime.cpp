@@ -3,11 +3,13 @@
 
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mw::tern {
 
 namespace {
 
-const std::string LOGGER = "tern.CompositeRuntime";
+const mwl::StaticText LOGGER("tern.CompositeRuntime");
 
 }  // namespace
 

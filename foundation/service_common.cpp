@@ -1,7 +1,7 @@
 #include <tern/foundation/service_common.h>
 
-namespace mw::tern {
+#include "platform/static_text.h"
 
-const std::string ServiceCommon::mLogger = "Service";
+namespace mw::tern {}  // namespace mw::tern
 
-}  // namespace mw::tern
+TERN_STATIC_TEXT(mw::tern::ServiceCommon::mLogger, _ZN2mw4tern13ServiceCommon7mLogger, "Service");

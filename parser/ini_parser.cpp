@@ -4,13 +4,15 @@
 
 #include <fstream>
 
+#include "platform/static_text.h"
+
 namespace mwl::Parser {
 
 namespace {
 
-const std::string LOGGER = "mwl::Parser";
-const std::string SECTION_OPENER = "[";
-const std::string SECTION_CLOSER = "]";
+const StaticText LOGGER("mwl::Parser");
+const StaticText SECTION_OPENER("[");
+const StaticText SECTION_CLOSER("]");
 
 }  // namespace
 

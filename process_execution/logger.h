@@ -2,9 +2,11 @@
 
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mwl::ProcessExecution {
 
 /// The logger name of this folder.
-inline const std::string LOGGER = "mwl::ProcessExecution::Command";
+inline const StaticText LOGGER("mwl::ProcessExecution::Command");
 
 }  // namespace mwl::ProcessExecution

@@ -6,11 +6,13 @@
 #include <new>
 #include <utility>
 
+#include "platform/static_text.h"
+
 namespace mwl::QueuedProcessings {
 
 namespace {
 
-const std::string LOGGER = "QueuedProcessings::Component";
+const StaticText LOGGER("QueuedProcessings::Component");
 
 }  // namespace
 

@@ -6,11 +6,13 @@
 #include <string>
 #include <thread>
 
+#include "platform/static_text.h"
+
 namespace mwl::QueuedProcessings {
 
 namespace {
 
-const std::string LOGGER = "QueuedProcessings::ThreadManager";
+const StaticText LOGGER("QueuedProcessings::ThreadManager");
 
 /// Between two looks of the destructor: about what a signal takes.
 constexpr std::chrono::microseconds PAUSE(50);

@@ -7,11 +7,13 @@
 #include <memory>
 #include <new>
 
+#include "platform/static_text.h"
+
 namespace mwl::DBusService {
 
 namespace {
 
-const std::string LOGGER = "DBusService::Component";
+const StaticText LOGGER("DBusService::Component");
 
 }  // namespace
 

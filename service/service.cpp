@@ -1,11 +1,13 @@
 #include <tern/foundation/log.h>
 #include <tern/service/service.h>
 
+#include "platform/static_text.h"
+
 namespace mwl::DBusService {
 
 namespace {
 
-const std::string LOGGER = "DBusService::Service";
+const StaticText LOGGER("DBusService::Service");
 
 }  // namespace
 

@@ -5,11 +5,13 @@
 
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mwl::tern::Synchronizer {
 
 namespace {
 
-const std::string LOGGER = "Synchronizer::ObserverInterface";
+const StaticText LOGGER("Synchronizer::ObserverInterface");
 
 }  // namespace
 

@@ -1,7 +1,7 @@
 #include <tern/threading/common.h>
 
-namespace mwl::Threading {
+#include "platform/static_text.h"
 
-const std::string Common::mLogger = "Threading";
+namespace mwl::Threading {}  // namespace mwl::Threading
 
-}  // namespace mwl::Threading
+TERN_STATIC_TEXT(mwl::Threading::Common::mLogger, _ZN3mwl9Threading6Common7mLogger, "Threading");

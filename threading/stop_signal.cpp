@@ -5,13 +5,14 @@
 #include <cerrno>
 #include <string>
 
+#include "platform/static_text.h"
 #include "threading/thread_signal.h"
 
 namespace mwl::Threading {
 
 namespace {
 
-const std::string LOGGER = "Threading::StopSignal";
+const StaticText LOGGER("Threading::StopSignal");
 
 constexpr int STOP_SIGNAL = SIGUSR1;
 

@@ -3,11 +3,13 @@
 
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading {
 
 namespace {
 
-const std::string LOGGER = "Threading::ThreadManager";
+const StaticText LOGGER("Threading::ThreadManager");
 
 }  // namespace
 

@@ -5,11 +5,13 @@
 #include <string>
 #include <utility>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading::ThreadPool {
 
 namespace {
 
-const std::string LOGGER = "Threading::ThreadPool";
+const StaticText LOGGER("Threading::ThreadPool");
 
 /// How long an idle worker sleeps between two reports to the watcher.
 constexpr int IDLE_LIMIT_MS = 10000;

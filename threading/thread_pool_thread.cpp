@@ -5,11 +5,13 @@
 #include <string>
 #include <utility>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading::ThreadPool {
 
 namespace {
 
-const std::string LOGGER = "ThreadPool::Thread";
+const StaticText LOGGER("ThreadPool::Thread");
 
 /// A job may run twice as long before the process is killed.
 constexpr std::chrono::milliseconds WATCH_PERIOD{60000};

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading {
 
 namespace {
@@ -12,7 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-const std::string LOGGER = "Threading::ThreadWatched";
+const StaticText LOGGER("Threading::ThreadWatched");
 
 steady_clock::rep Now() {
     return steady_clock::now().time_since_epoch().count();

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading {
 
 namespace {
 
-const std::string LOGGER = "Threading::ThreadsList";
+const StaticText LOGGER("Threading::ThreadsList");
 
 }  // namespace
 

@@ -8,11 +8,13 @@
 #include <cerrno>
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading {
 
 namespace {
 
-const std::string LOGGER = "Threading::ThreadsMonitor";
+const StaticText LOGGER("Threading::ThreadsMonitor");
 
 }  // namespace
 

@@ -9,13 +9,15 @@
 #include <string>
 #include <utility>
 
+#include "platform/static_text.h"
+
 namespace mwl::Threading {
 
 namespace {
 
 using std::chrono::milliseconds;
 
-const std::string LOGGER = "Threading::ThreadsWatcher";
+const StaticText LOGGER("Threading::ThreadsWatcher");
 
 /// On a watch thread: whose it is, and the number of its run. TaskWatch has no parameter for it.
 struct StartedRun {

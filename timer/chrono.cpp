@@ -4,11 +4,13 @@
 
 #include <limits>
 
+#include "platform/static_text.h"
+
 namespace mwl::Timer {
 
 namespace {
 
-const std::string LOGGER = "Timer::Chrono";
+const StaticText LOGGER("Timer::Chrono");
 
 /// The first double that no total can hold: 2^64.
 constexpr double BEYOND_TOTAL = 18446744073709551616.0;

@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/static_text.h"
 #include "timer/posix_timer.h"
 
 // Older C libraries document the member and do not name it.
@@ -22,7 +23,7 @@ namespace mwl::Timer {
 
 namespace {
 
-const std::string LOGGER = "Timer::ShortPeriodTimer";
+const StaticText LOGGER("Timer::ShortPeriodTimer");
 
 }  // namespace
 

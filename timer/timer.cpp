@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/static_text.h"
 #include "timer/posix_timer.h"
 #include "timer/timer_registry.h"
 
@@ -12,7 +13,7 @@ namespace mwl::Timer {
 
 namespace {
 
-const std::string LOGGER = "Timer::Timer";
+const StaticText LOGGER("Timer::Timer");
 
 }  // namespace
 

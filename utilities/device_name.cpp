@@ -12,13 +12,14 @@
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "platform/static_text.h"
 
 namespace mwl::Utilities {
 
 namespace {
 
-const std::string LOGGER = "mwl::Utilities::DeviceName";
-const std::string HOSTNAME_FILE = Unit::Path::MWL_LIB + Unit::Path::ETC + "/hostname";
+const StaticText LOGGER("mwl::Utilities::DeviceName");
+const StaticText HOSTNAME_FILE(Unit::Path::MWL_LIB + Unit::Path::ETC + "/hostname");
 
 constexpr std::size_t HOSTNAME_BUFFER = 64;
 /// The half of a MAC address that tells one device of a maker from another.

@@ -9,6 +9,7 @@
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "platform/static_text.h"
 #include "utilities/directory.h"
 #include "utilities/file_system_logger.h"
 
@@ -16,10 +17,7 @@ namespace mwl::Utilities {
 
 using mw::tern::MakeStatusCodeFromErrno;
 
-const std::string FILE_SYSTEM_LOGGER = "mwl::Utilities::FileSystem";
-
-const std::string FileSystem::FOLDER_SEPARATOR = "/";
-const std::string FileSystem::FILENAME_EXTENSION_SEPARATOR = ".";
+const StaticText FILE_SYSTEM_LOGGER("mwl::Utilities::FileSystem");
 
 namespace {
 
@@ -201,3 +199,8 @@ StatusCode FileSystem::WriteContent(const std::string& path, const std::string& 
 }
 
 }  // namespace mwl::Utilities
+
+TERN_STATIC_TEXT(mwl::Utilities::FileSystem::FOLDER_SEPARATOR,
+                 _ZN3mwl9Utilities10FileSystem16FOLDER_SEPARATOR, "/");
+TERN_STATIC_TEXT(mwl::Utilities::FileSystem::FILENAME_EXTENSION_SEPARATOR,
+                 _ZN3mwl9Utilities10FileSystem28FILENAME_EXTENSION_SEPARATOR, ".");

@@ -6,11 +6,12 @@
 #include <string>
 
 #include "foundation/error_text.h"
+#include "platform/static_text.h"
 
 namespace mwl::Utilities {
 
 /// Logger name of the sources of FileSystem.
-extern const std::string FILE_SYSTEM_LOGGER;
+extern const StaticText FILE_SYSTEM_LOGGER;
 
 /// Reports a walk that ended early: what was not read must not be taken for not there. Returns the status of
 /// the error number.

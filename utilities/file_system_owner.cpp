@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "foundation/error_text.h"
+#include "platform/static_text.h"
 #include "utilities/file_system_logger.h"
 #include "utilities/meadow_owner.h"
 #include "utilities/user_database.h"
@@ -17,7 +18,7 @@ using mw::tern::MakeStatusCodeFromErrno;
 namespace {
 
 /// Owner of service files, as user and as group.
-const std::string MEADOW = "meadow";
+const StaticText MEADOW("meadow");
 
 constexpr mode_t FOLDER_MODE_WHILE_MADE = 0700;
 constexpr mode_t FOLDER_MODE = 0775;

@@ -15,12 +15,13 @@
 
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
+#include "platform/static_text.h"
 
 namespace mwl::Utilities {
 
 namespace {
 
-const std::string LOGGER = "Utilities::FolderMonitor";
+const StaticText LOGGER("Utilities::FolderMonitor");
 
 constexpr std::uint32_t DEFAULT_MASK = IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF;
 /// The latency of an event and of Stop.

@@ -12,6 +12,8 @@
 
 #include <string>
 
+#include "platform/static_text.h"
+
 /// Every function that is called: result, name, parameters, arguments. libzip has them all since version 1.7.
 #define TERN_LIBZIP_FUNCTIONS(DO)                                                                            \
     DO(int, zip_close, (zip_t * archive), (archive))                                                         \
@@ -86,8 +88,8 @@ const char* LoadLibzip() {
         const char* const reason = dlerror();  // NOLINT(concurrency-mt-unsafe): one for each thread
         return reason != nullptr ? reason : TERN_LIBZIP;
     }
-    static const std::string fault = FindFault();
-    return fault.empty() ? nullptr : fault.c_str();
+    static const StaticText fault(FindFault());
+    return fault.Get().empty() ? nullptr : fault.c_str();
 }
 
 }  // namespace mwl::Utilities

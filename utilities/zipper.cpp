@@ -12,6 +12,7 @@
 
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
+#include "platform/static_text.h"
 #include "utilities/directory.h"
 #include "utilities/libzip.h"
 #include "utilities/zip_authentication.h"
@@ -20,11 +21,9 @@
 
 namespace mwl::Utilities {
 
-const std::string Zipper::RELATIVE_PATH_STRING = "../";
-
 namespace {
 
-const std::string LOGGER = "mwl::Utilities::Zipper";
+const StaticText LOGGER("mwl::Utilities::Zipper");
 
 constexpr mode_t EXTRACTED_FILE_MODE = 0744;
 constexpr std::size_t SURPLUS_SIZE = 4096;
@@ -374,3 +373,6 @@ StatusCode Zipper::GetStatusZipError(int zipErrorCode) {
 }
 
 }  // namespace mwl::Utilities
+
+TERN_STATIC_TEXT(mwl::Utilities::Zipper::RELATIVE_PATH_STRING, _ZN3mwl9Utilities6Zipper20RELATIVE_PATH_STRING,
+                 "../");

@@ -1,8 +1,8 @@
 #include <tern-foundation/unit_path.h>
 
-namespace mwl::Unit::Path {
+#include "platform/static_text.h"
 
-const std::string MWL_LIB = TERN_MWL_LIB_DIR;
-const std::string ETC = TERN_ETC_DIR;
+namespace mwl::Unit::Path {}  // namespace mwl::Unit::Path
 
-}  // namespace mwl::Unit::Path
+TERN_STATIC_TEXT(mwl::Unit::Path::MWL_LIB, _ZN3mwl4Unit4Path7MWL_LIB, TERN_MWL_LIB_DIR);
+TERN_STATIC_TEXT(mwl::Unit::Path::ETC, _ZN3mwl4Unit4Path3ETC, TERN_ETC_DIR);

@@ -83,7 +83,7 @@ for test in tests/platform/*_test.cpp; do
     checked=$((checked + 1))
     grep -qw "$(basename "$test")" tests/platform/CMakeLists.txt || fail "$test is not built"
     stem=$(basename "$test" _test.cpp)
-    check_subject "platform/$stem" platform/*/include/*/"$stem.h" platform/*/"$stem.cpp"
+    check_subject "platform/$stem" platform/*/include/*/"$stem.h" platform/*/"$stem.cpp" platform/"$stem.h"
 done
 for name in "${!untested[@]}" "${!of_their_own[@]}"; do
     fail "$name is named as an exception and is not there"
