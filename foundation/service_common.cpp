@@ -2,6 +2,4 @@
 
 #include "platform/static_text.h"
 
-namespace mw::tern {}  // namespace mw::tern
-
 TERN_STATIC_TEXT(mw::tern::ServiceCommon::mLogger, _ZN2mw4tern13ServiceCommon7mLogger, "Service");

@@ -2,6 +2,4 @@
 
 #include "platform/static_text.h"
 
-namespace mwl::Threading {}  // namespace mwl::Threading
-
 TERN_STATIC_TEXT(mwl::Threading::Common::mLogger, _ZN3mwl9Threading6Common7mLogger, "Threading");
