@@ -23,8 +23,25 @@ else()
   file(READ cmake/TernSystemPlatform.cmake TERN_PLATFORM_CONFIG)
 endif()
 
+# In a prefix of its own the library finds the ones beside it without LD_LIBRARY_PATH. The system's folders are searched
+# anyway; what the prefix is at installation decides, whatever was configured.
+set_target_properties(${TERN_INSTALLED_TARGETS} PROPERTIES INSTALL_RPATH "$ORIGIN")
+# tern_no_rpath_in_usr(COMPONENT FILE): FILE as installed, below the prefix unless absolute.
+function(tern_no_rpath_in_usr component file)
+  if(NOT IS_ABSOLUTE "${file}")
+    set(file "\${CMAKE_INSTALL_PREFIX}/${file}")
+  endif()
+  install(CODE "
+    if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr/?$\")
+      file(RPATH_REMOVE FILE \"\$ENV{DESTDIR}${file}\")
+    endif()" COMPONENT ${component})
+endfunction()
+
 install(TARGETS ${TERN_INSTALLED_TARGETS} EXPORT TernDBusServiceTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+foreach(target IN LISTS TERN_INSTALLED_TARGETS)
+  tern_no_rpath_in_usr(runtime ${CMAKE_INSTALL_LIBDIR}/lib${target}.so.${PROJECT_VERSION})
+endforeach()
 install(DIRECTORY include/tern DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(EXPORT TernDBusServiceTargets NAMESPACE tern:: DESTINATION ${TERN_PACKAGE_DIR} COMPONENT dev)
 

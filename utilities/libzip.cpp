@@ -10,6 +10,9 @@
 #include <dlfcn.h>
 #include <zip.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <string>
 
 #include "platform/static_text.h"
@@ -60,6 +63,23 @@
 namespace mwl::Utilities {
 
 namespace {
+
+constexpr char DLOPEN_CONTENT[] =
+    R"([{"feature":"archive","description":"Packing and unpacking of zip archives","priority":"recommended",)"
+    R"("soname":[")" TERN_LIBZIP R"("]}])";
+
+/// Tells those who make packages and images what the program needs that its list of libraries does not name:
+/// a note of the ELF file in the form that systemd's own libraries use (readelf --notes shows it).
+struct DlopenNote {
+    std::uint32_t nameSize = sizeof name;
+    std::uint32_t contentSize = sizeof content;
+    std::uint32_t type = 0x407c0c0a;
+    char name[4] = {'F', 'D', 'O', '\0'};
+    alignas(4) char content[sizeof DLOPEN_CONTENT] = {};
+
+    constexpr DlopenNote() { std::copy(std::begin(DLOPEN_CONTENT), std::end(DLOPEN_CONTENT), content); }
+};
+__attribute__((used, aligned(4), section(".note.dlopen"))) constexpr DlopenNote DLOPEN_NOTE;
 
 /// The first of this name in the process, as for a library that is linked: a test can step in.
 template <typename Function>

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Installs the build into a scratch prefix and builds and runs a foreign project against it, found by find_package and
-# by pkg-config.
+# by pkg-config. Nothing needs LD_LIBRARY_PATH there, nor leaves a search path in what is installed below /usr.
 #   consumer_test.sh SOURCE_FOLDER BUILD_FOLDER CXX [FLAGS...]
 set -eu
 source=$1 build=$2 cxx=$3
@@ -23,11 +23,32 @@ if [ -e "$build/examples/thermostat/cmake_install.cmake" ]; then
     [ "$settings" = "./image/etc/tern-thermostat.ini ./prefix/etc/tern-thermostat.ini " ] ||
         { echo "settings are at $settings"; exit 1; }
     echo "settings are where they are read"
+    unit=lib/systemd/system/tern-thermostat.service
+    grep -qx 'ExecStart=/usr/libexec/tern-thermostat /etc/tern-thermostat.ini' "$work/image/usr/$unit" &&
+        grep -qx "ExecStart=$work/prefix/libexec/tern-thermostat $work/prefix/etc/tern-thermostat.ini" "$work/prefix/$unit" ||
+        { echo "the units name other places"; grep Exec "$work/image/usr/$unit" "$work/prefix/$unit"; exit 1; }
+    for file in "$work"/image/usr/lib*/libtern-*.so.0.* "$work"/image/usr/lib*/*/libtern-*.so.0.* "$work"/image/usr/bin/thermostatctl \
+        "$work"/image/usr/libexec/tern-thermostat; do
+        [ ! -e "$file" ] || ! readelf -d "$file" | grep -E 'R(UN)?PATH' || { echo "$file has a search path"; exit 1; }
+    done
+    for program in "$work"/prefix/bin/thermostatctl "$work"/prefix/libexec/tern-thermostat; do
+        "$program" --help >"$work/help" || { echo "$program does not start"; exit 1; }
+    done
+    echo "what is installed starts as it is"
 fi
+notes=$(readelf -nW "$libdir/libtern-dbus-service.so" 2>&1) || true  # it does not know this kind
+if ! grep -q FDO <<<"$notes" || grep -qi 'corrupt' <<<"$notes" ||
+    ! strings "$libdir/libtern-dbus-service.so" | grep -qE '^\[\{"feature":"archive",.*"soname":\["libzip\.so\.[0-9]+"\]\}\]$'; then
+    echo "the library does not tell that it loads libzip:"
+    echo "$notes"
+    exit 1
+fi
+echo "the library tells what it loads later"
 
+# run_all FOLDER [LIBRARY_PATH]
 run_all() {
     for program in uses-foundation uses-log uses-service; do
-        LD_LIBRARY_PATH=$libdir "$1/$program" 2>"$work/log" || { echo "$program failed"; cat "$work/log"; exit 1; }
+        LD_LIBRARY_PATH=${2:-} "$1/$program" 2>"$work/log" || { echo "$program failed"; cat "$work/log"; exit 1; }
     done
     grep -q 'Failed to connect to system bus (-2, No such file or directory)' "$work/log" ||
         { echo "no bus, but no message either"; cat "$work/log"; exit 1; }
@@ -37,7 +58,7 @@ cmake -S "$source/tests/consumer" -B "$work/by-cmake" -DCMAKE_PREFIX_PATH="$work
     -DCMAKE_CXX_FLAGS="$*" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/by-cmake" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 run_all "$work/by-cmake"
-env -u DBUS_SYSTEM_BUS_ADDRESS LD_LIBRARY_PATH="$libdir" "$work/by-cmake/uses-test-support" || { echo "test support failed"; exit 1; }
+env -u DBUS_SYSTEM_BUS_ADDRESS "$work/by-cmake/uses-test-support" || { echo "test support failed"; exit 1; }
 echo "find_package: built and ran"
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
@@ -48,7 +69,7 @@ for pair in foundation:libtern-foundation log:libtern-basic-log service:libtern-
         -o "$work/by-pkg-config/uses-${pair%%:*}" $(pkg-config --cflags --libs "${pair#*:}") \
         -Wl,-rpath-link,"$libdir"
 done
-run_all "$work/by-pkg-config"
+run_all "$work/by-pkg-config" "$libdir"
 # shellcheck disable=SC2046
 "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$@" "$source/tests/consumer/test_support.cpp" \
     -o "$work/by-pkg-config/uses-test-support" \
@@ -57,3 +78,16 @@ run_all "$work/by-pkg-config"
 env -u DBUS_SYSTEM_BUS_ADDRESS LD_LIBRARY_PATH="$libdir" "$work/by-pkg-config/uses-test-support" ||
     { echo "test support by pkg-config failed"; exit 1; }
 echo "pkg-config: built and ran"
+
+# The sources inside another project: one cache of the compiler's work serves, as the library is built once more.
+[ $# -eq 0 ] || exit 0
+cmake -S "$source/tests/consumer/vendored" -B "$work/vendored" -DTERN_SOURCE="$source" -DCMAKE_CXX_COMPILER="$cxx" \
+    -DCMAKE_BUILD_TYPE=Debug >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+cmake --build "$work/vendored" -j 2 >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+"$work/vendored/uses-service" 2>"$work/log" || { echo "the vendored library does not run"; cat "$work/log"; exit 1; }
+if grep -E '^TERN_(BUILD_[A-Z_]+|WARNINGS_AS_ERRORS|DEBIAN_PACKAGES|COVERAGE):BOOL=ON' "$work/vendored/CMakeCache.txt" ||
+    find "$work/vendored" -name '*_test' -o -name 'tern-thermostat' | grep .; then
+    echo "a project that vendors the sources gets what it did not ask for"
+    exit 1
+fi
+echo "vendored: built and ran"
