@@ -1,5 +1,6 @@
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <tern/threading/condition_variable.h>
 #include <tern/threading/signals.h>
 #include <tern/threading/stop_signal.h>
@@ -31,6 +32,7 @@
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
+#include "support/process_resources.h"
 #include "support/wait_until.h"
 #include "threading/moved_clock.h"
 #include "threading/supervision_doubles.h"
@@ -66,6 +68,11 @@ using ::testing::UnorderedElementsAre;
 
 const std::string LOGGER = "Threading::ThreadPool";
 constexpr int ROUNDS = 100000 / tern::test::SLOWNESS;
+#ifdef __SANITIZE_THREAD__
+constexpr std::size_t IDLE_THREADS = 2;  // with the sanitizer's own
+#else
+constexpr std::size_t IDLE_THREADS = 1;
+#endif
 
 class ThreadPoolTest : public ::testing::Test {
 protected:
@@ -538,6 +545,86 @@ TEST(ThreadPoolWatched, WorkersAreWatchedUntilTheyLeave) {
     EXPECT_EQ(log.Count(tern::test::Notice("Threading::ThreadsWatcher", "Stop watch ThreadPool::Thread1")),
               100U / tern::test::SLOWNESS);
 }
+
+/// Starts a pool of three with a real watcher while threads are refused, `lift`s that, and starts it once
+/// more. 7: the first start threw with the workers joined, 8: it did not throw, and in both cases the pool
+/// worked in the end.
+int StartWhenThreadsAreRefused(const std::function<void()>& lift) {
+    NiceMock<MockMonitor> monitor;
+    Signals signals;
+    ThreadsWatcher watcher(monitor);
+    ThreadPool pool(3, watcher, signals);
+    int outcome = 8;
+    try {
+        pool.Start();
+    } catch (const std::system_error&) {
+        outcome = 7;
+        // A watch that had begun for those who were first takes its time to leave.
+        if (!WaitUntil([] { return tern::test::CountThreads() <= IDLE_THREADS; })) {
+            return 1;
+        }
+    }
+    lift();
+    pool.Start();
+    std::promise<void> ran;
+    pool.QueueJob([&] { ran.set_value(); });
+    ran.get_future().wait();
+    pool.Stop(false);
+    return outcome;
+}
+
+// Once the worker that came first died of its watcher's refused thread, and the process with it.
+TEST(ThreadPoolWatched, AnyRefusedThreadLeavesStartAsSystemError) {
+    int refused = 0;
+    tern::test::ChildResult result;
+    do {
+        result = RunInChild([refused] {
+            FaultScope scope(fault_pthread_create);
+            fault_pthread_create.Fail(EAGAIN, 0, 1, refused);
+            return StartWhenThreadsAreRefused([] { fault_pthread_create.Reset(); });
+        });
+        ASSERT_TRUE(result.exitCode == 7 || result.exitCode == 8)
+            << "thread " << refused << ": signal " << result.signal << "\n"
+            << result.error;
+    } while (result.exitCode == 7 && ++refused < 20);
+    EXPECT_GE(refused, 4) << "three workers and the watcher's";
+    EXPECT_LT(refused, 20);
+}
+
+#ifndef __SANITIZE_THREAD__  // its own thread cannot be made under the limit
+// The same with the system's own limit, which does not concern root.
+TEST(ThreadPoolWatched, ThreadLimitLeavesStartAsSystemError) {
+    constexpr uid_t NOBODY_ELSES = 1954321;
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may take a user id that has no other threads";
+    }
+    rlim_t limit = 1;  // the thread that is there
+    tern::test::ChildResult result;
+    do {
+        result = RunInChild([limit] {
+            rlimit limits{};
+            if (getrlimit(RLIMIT_NPROC, &limits) != 0 ||
+                setresuid(NOBODY_ELSES, NOBODY_ELSES, NOBODY_ELSES) != 0) {
+                return 2;
+            }
+            const rlim_t former = limits.rlim_cur;
+            limits.rlim_cur = limit;
+            if (setrlimit(RLIMIT_NPROC, &limits) != 0) {
+                return 3;
+            }
+            return StartWhenThreadsAreRefused([&] {
+                limits.rlim_cur = former;
+                setrlimit(RLIMIT_NPROC, &limits);
+            });
+        });
+        ASSERT_TRUE(result.exitCode == 7 || result.exitCode == 8)
+            << "limit " << limit << ": " << result.exitCode << ", signal " << result.signal << "\n"
+            << result.error;
+    } while (result.exitCode == 7 && ++limit < 20);
+    EXPECT_GE(limit, 5U) << "this one, three workers and the watcher's";
+    EXPECT_LT(limit, 20U);
+}
+#endif
 
 TEST(ThreadPoolWatched, ThrowingJobEndsTheProcess) {
     const auto result = RunInChild([] {

@@ -42,8 +42,9 @@ public:
     ThreadPool(const ThreadPool&) = delete;
     ThreadPool& operator=(const ThreadPool&) = delete;
 
-    /// Creates the workers, also anew after `Stop`. Throws std::system_error when the system refuses a
-    /// thread: those that had started are joined, and the pool is not running.
+    /// Creates the workers, also anew after `Stop`, and returns when the watcher has them all. Throws
+    /// std::system_error when the system refuses a thread, the watcher's own included: the workers that had
+    /// started are joined, and the pool is not running. It may be started again.
     void Start();
     /// Appends a copy of the job and wakes one worker, for each job.
     void QueueJob(const std::function<void()>& job);
@@ -52,8 +53,7 @@ public:
     /// Ends the workers and waits for them, as long as their current jobs last; jobs still queued are not
     /// run. `force` sends each worker the stop signal once, so that a job blocked in a system call comes back
     /// with EINTR: it needs `StopSignal::Register`, and a job that has not reached its call yet misses it.
-    /// Stops the watcher too, for everyone it watches; a worker that registers late may start the watch once
-    /// more until it leaves.
+    /// Stops the watcher too, for everyone it watches.
     void Stop(bool force);
     /// Sends the stop signal to every worker; nothing else.
     void ForceThreadsTermination();

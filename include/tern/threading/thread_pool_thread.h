@@ -21,8 +21,10 @@ public:
            SignalsInterface& signals, unsigned int index);
     ~Thread() override;
 
-    /// Creates the thread; it may be started again after `Join()`. Throws std::system_error when the system
-    /// refuses the thread. REQUIRES: it is not running, or the process ends (std::terminate).
+    /// Creates the thread and returns when the watcher has it; it may be started again after `Join()`.
+    /// Throws std::system_error when the system refuses the thread, or the one that the watcher needs for its
+    /// first registration, and whatever else the watcher throws: there is no thread then.
+    /// REQUIRES: it is not running, or the process ends (std::terminate).
     void Start();
     /// The body of the thread: registers with the watcher, runs the loop, leaves the watcher. An exception in
     /// it ends the process; an empty loop throws std::bad_function_call.
@@ -34,6 +36,8 @@ public:
     void Join();
 
 private:
+    void RunLoop();
+
     std::thread mThread;
     const std::function<void(std::function<void()>)> mLoop;
     SignalsInterface& mSignals;
