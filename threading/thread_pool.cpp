@@ -29,7 +29,7 @@ void ThreadPool::Start() {
     if (mRunning || mThreadCount == 0) {
         return;
     }
-    TERN_LOG_TRACE(LOGGER, "Start: Starting ThreadPool with %u threads", mThreadCount);
+    TERN_LOG_TRACE(LOGGER, "%s: Starting ThreadPool with %u threads", "Start", mThreadCount);
     {
         const Lock lock(mMutex);
         mStopping = false;
@@ -77,7 +77,7 @@ void ThreadPool::Stop(bool force) {
     for (const auto& thread : mThreads) {
         thread->Join();
     }
-    TERN_LOG_TRACE(LOGGER, "Stop: All threads joined");
+    TERN_LOG_TRACE(LOGGER, "%s: All threads joined", "Stop");
     mThreads.clear();
     mRunning = false;
 }
@@ -109,9 +109,9 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
             }
         }
         if (status == StatusCode::Timeout) {
-            TERN_LOG_TRACE(LOGGER, "ThreadLoop: Timeout waiting for work");
+            TERN_LOG_TRACE(LOGGER, "%s: Timeout waiting for work", "ThreadLoop");
         } else if (status != StatusCode::Ok) {
-            TERN_LOG_ERROR(LOGGER, "ThreadLoop: Error waiting for work %s",
+            TERN_LOG_ERROR(LOGGER, "%s: Error waiting for work %s", "ThreadLoop",
                            mw::tern::ConvertStatusCodeToString(status).c_str());
         }
         notifyWork();

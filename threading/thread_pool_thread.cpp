@@ -67,7 +67,7 @@ void Thread::Loop() {
 void Thread::RunLoop() {
     mLoop([this] { NotifyWork(); });
     StopWatch();
-    TERN_LOG_TRACE(LOGGER, "Loop: Thread %s finished", GetName().c_str());
+    TERN_LOG_TRACE(LOGGER, "%s: Thread %s finished", "Loop", GetName().c_str());
 }
 
 void Thread::SendSignal(int signal) {
@@ -79,7 +79,7 @@ void Thread::SendSignal(int signal) {
 void Thread::Join() {
     if (mThread.joinable()) {
         mThread.join();
-        TERN_LOG_TRACE(LOGGER, "Join: Thread %s joined", GetName().c_str());
+        TERN_LOG_TRACE(LOGGER, "%s: Thread %s joined", "Join", GetName().c_str());
     }
 }
 
