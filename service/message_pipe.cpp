@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <memory>
+#include <new>
 
 #include "foundation/error_text.h"
 
@@ -39,10 +41,47 @@ int TransferError(ssize_t transferred, unsigned int size) {
     return static_cast<std::size_t>(transferred) < size ? EIO : 0;
 }
 
+/// What Close takes out of a pipe and puts back.
+class Content {
+public:
+    /// Holds nothing. Has room for two takings: what was in the pipe, and what one more write added.
+    explicit Content(int pipe)
+        : mCapacity(static_cast<std::size_t>(std::max(fcntl(pipe, F_GETPIPE_SZ), PIPE_BUF))),
+          mBytes(new (std::nothrow) char[2 * mCapacity]) {}
+
+    /// Takes all that is in the pipe, whose read end does not block. Without memory it is only counted.
+    void Take(int readFd) {
+        char lost[PIPE_BUF];
+        ssize_t taken = 0;
+        do {
+            taken = mBytes == nullptr ? read(readFd, lost, sizeof lost)
+                                      : read(readFd, mBytes.get() + mSize, mCapacity);
+            mSize += static_cast<std::size_t>(std::max(taken, static_cast<ssize_t>(0)));
+        } while (mBytes == nullptr && taken > 0);
+    }
+
+    std::size_t GetSize() const { return mSize; }
+
+    /// Puts the first `size` bytes back into the pipe, which is empty. 0 or the error number.
+    int PutBack(int writeFd, std::size_t size) const {
+        if (size == 0) {
+            return 0;
+        }
+        return mBytes == nullptr
+                   ? ENOMEM
+                   : TransferError(write(writeFd, mBytes.get(), size), static_cast<unsigned int>(size));
+    }
+
+private:
+    std::size_t mCapacity;
+    std::unique_ptr<char[]> mBytes;
+    std::size_t mSize = 0;
+};
+
 }  // namespace
 
 MessagePipe::~MessagePipe() {
-    for (const int fd : {mReadFd, mWriteFd}) {
+    for (const int fd : {mReadFd, mWriteFd.load()}) {
         if (fd != -1) {
             close(fd);
         }
@@ -60,6 +99,9 @@ StatusCode MessagePipe::Initialize() {
     SurviveSigpipe();
     mReadFd = ends[0];
     mWriteFd = ends[1];
+    mIsClosed = false;
+    mIsClosedLogged = false;
+    mOvertaken = 0;
     if (fcntl(mReadFd, F_SETFL, O_NONBLOCK) != 0) {
         const int error = errno;
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Initialize fails : %s", ErrorText(error));
@@ -70,17 +112,38 @@ StatusCode MessagePipe::Initialize() {
 }
 
 StatusCode MessagePipe::WriteMessage(const void* data, unsigned int size) {
-    const std::lock_guard lock(mWriteMutex);
-    if (mWriteFd == -1) {
-        TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Pipe is not initialized yet");
-        return StatusCode::NotInitialized;
+    // Nothing is logged under the lock: a log that is slow would hold up Close.
+    std::unique_lock lock(mWriteMutex);
+    int error = EPIPE;
+    bool isClosed = mIsClosed;
+    if (!isClosed) {
+        if (mWriteFd == -1) {
+            lock.unlock();
+            TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Pipe is not initialized yet");
+            return StatusCode::NotInitialized;
+        }
+        const ssize_t written = write(mWriteFd, data, size);
+        error = TransferError(written, size);
+        isClosed = mIsClosed;
+        if (isClosed) {
+            mOvertaken = static_cast<unsigned int>(std::max(written, static_cast<ssize_t>(0)));
+            lock.unlock();
+            // Close is under way and has the last word. Whoever waited in write(2) was let go by it, so
+            // success means nothing yet.
+            const std::lock_guard closing(mReadMutex);
+            error = error != 0 || mIsRevoked ? EPIPE : 0;
+        }
     }
-    const int error = TransferError(write(mWriteFd, data, size), size);
-    if (error != 0) {
+    if (lock.owns_lock()) {
+        lock.unlock();
+    }
+    if (error == 0) {
+        return StatusCode::Ok;
+    }
+    if (!isClosed || !mIsClosedLogged.exchange(true)) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] WriteMessage fails : %s", ErrorText(error));
-        return MakeStatusCodeFromErrno(error);
     }
-    return StatusCode::Ok;
+    return MakeStatusCodeFromErrno(error);
 }
 
 StatusCode MessagePipe::ReadMessage(void* data, unsigned int size, unsigned int timeoutMs) {
@@ -104,12 +167,48 @@ StatusCode MessagePipe::ReadMessage(void* data, unsigned int size, unsigned int 
             return StatusCode::Timeout;
         }
     }
-    const int error = TransferError(read(mReadFd, data, size), size);
+    int error = 0;
+    {
+        const std::lock_guard lock(mReadMutex);
+        error = TransferError(read(mReadFd, data, size), size);
+    }
     if (error != 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] ReadMessage fails : %s", ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
     return StatusCode::Ok;
+}
+
+// A writer in write(2) comes out when there is room, no reader, or a signal. There is no reader to lose:
+// closing the read end would not do while a poll(2) or a forked child still has it, would take it from the
+// reader's event loop, and would lose what was written. Signals are the application's. So it is given room:
+// what is in the pipe is taken out, and put back without what the writer added.
+void MessagePipe::Close() {
+    int error = 0;
+    {
+        const std::lock_guard reading(mReadMutex);
+        if (mWriteFd == -1) {
+            return;
+        }
+        mIsClosed = true;
+        std::unique_lock writing(mWriteMutex, std::try_to_lock);
+        if (!writing.owns_lock()) {
+            // A message larger than the room waits again: not with this flag, which each wait looks at first.
+            // Cannot fail with valid arguments.
+            static_cast<void>(fcntl(mWriteFd, F_SETFL, O_NONBLOCK));
+            Content content(mWriteFd);
+            content.Take(mReadFd);
+            writing.lock();
+            content.Take(mReadFd);
+            // With less there than it wrote, its write was over and the reader had it before this began.
+            mIsRevoked = mOvertaken <= content.GetSize();
+            error = content.PutBack(mWriteFd, content.GetSize() - (mIsRevoked ? mOvertaken : 0));
+        }
+        close(mWriteFd.exchange(-1));
+    }
+    if (error != 0) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Close fails : %s", ErrorText(error));
+    }
 }
 
 }  // namespace mw::tern

@@ -71,3 +71,23 @@ void operator delete(void* memory, std::size_t) noexcept {
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
     tern::test::Release(memory);
 }
+
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept {
+    return operator new(size, nothrow);
+}
+
+void operator delete[](void* memory) noexcept {
+    tern::test::Release(memory);
+}
+
+void operator delete[](void* memory, std::size_t) noexcept {
+    tern::test::Release(memory);
+}
+
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+    tern::test::Release(memory);
+}
