@@ -40,7 +40,7 @@ StatusCode ThermostatServer::Start(mw::tern::DBusServerManager& manager, mw::ter
 }
 
 void ThermostatServer::Report(double celsius) {
-    // A failure has been logged; the next measurement makes it good.
+    // A failure has been logged; the next measurement makes it good, or there is none to come.
     static_cast<void>(mMeasurements.WriteMessage(&celsius, sizeof celsius));
 }
 

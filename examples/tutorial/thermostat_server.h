@@ -14,7 +14,7 @@ public:
     explicit ThermostatServer(Room& room) : mRoom(room) {}
 
     mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override;
-    void Stop() override {}
+    void Stop() override { mMeasurements.Close(); }
 
     /// Has the D-Bus thread send a measurement. Any thread, once `Start` has succeeded.
     void Report(double celsius);
