@@ -2,112 +2,103 @@
 #include <tern/synchronizer/subject.h>
 
 #include <algorithm>
+#include <atomic>
 
 namespace mwl::tern::Synchronizer {
 
 namespace {
 
-using Registration = std::pair<NotificationIdentifier, ObserverInterface*>;
+/// A number higher than all before. Of the whole process, so that a subject needs no counter.
+std::uint64_t NextNumber() {
+    static std::atomic<std::uint64_t> latest{0};
+    return latest.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+/// Puts the pointer to something of this block in its place, and the former one back at the end of the block.
+template <typename Type>
+class ScopedPointer {
+public:
+    ScopedPointer(Type*& place, Type* pointer) : mPlace(place), mFormer(place) { mPlace = pointer; }
+    ~ScopedPointer() { mPlace = mFormer; }
+    ScopedPointer(const ScopedPointer&) = delete;
+    ScopedPointer& operator=(const ScopedPointer&) = delete;
+
+private:
+    Type*& mPlace;
+    Type* const mFormer;
+};
 
 }  // namespace
 
-/// Lets the subject know of the walk for as long as it lasts, however it ends. Every Walk is one of these.
-class Subject::WalkScope : private Walk {
-public:
-    explicit WalkScope(Subject& subject)
-        : Walk{0, subject.mInnermostWalk}, mSubject(subject), mFirstNew(subject.mRegistrations.size()) {
-        mSubject.mInnermostWalk = this;
-    }
-    ~WalkScope() { mSubject.mInnermostWalk = outer; }
-    WalkScope(const WalkScope&) = delete;
-    WalkScope& operator=(const WalkScope&) = delete;
-
-    static WalkScope* Innermost(const Subject& subject) {
-        return static_cast<WalkScope*>(subject.mInnermostWalk);
-    }
-    WalkScope* Outer() const { return static_cast<WalkScope*>(outer); }
-
-    /// The position to look at now; the walk is already past it.
-    std::size_t Advance() { return next++; }
-    bool AtEnd() const { return next >= mSubject.mRegistrations.size(); }
-
-    /// Before the pair at the position is removed: one that the walk is past does not come again when it is
-    /// attached again, or an observer that detaches and attaches itself would be called for ever.
-    void KeepPassed(std::size_t position) {
-        if (position < next) {
-            mPassed.push_back(mSubject.mRegistrations[position]);
-        }
-    }
-    /// After that: what follows has moved up by one, so a walk that is past the gap steps back with it.
-    void CloseGap(std::size_t position) {
-        if (position < next) {
-            --next;
-        }
-        if (position < mFirstNew) {
-            --mFirstNew;
-        }
-    }
-    /// Whether the walk is back at a pair that it passed before; only one attached meanwhile can be that.
-    bool IsAgainAt(const Registration& registration) const {
-        return next > mFirstNew && std::find(mPassed.begin(), mPassed.end(), registration) != mPassed.end();
-    }
-
-private:
-    Subject& mSubject;
-    std::size_t mFirstNew;  ///< position of the first pair attached since the walk began
-    std::vector<Registration> mPassed;
-};
-
 void Subject::Attach(ObserverInterface& observer, NotificationInterface& notification) {
-    const std::pair registration(notification.GetIdentifier(), &observer);
-    if (!Exist(registration)) {
-        mRegistrations.push_back(registration);
+    const Pair pair(notification.GetIdentifier(), &observer);
+    if (!Exist(pair)) {
+        mRegistrations.push_back({pair, NextNumber()});
     }
 }
 
 void Subject::Detach(const ObserverInterface& observer, NotificationInterface& notification) {
-    for (std::size_t i = 0; i < mRegistrations.size(); ++i) {
-        if (mRegistrations[i].first == notification.GetIdentifier() &&
-            mRegistrations[i].second == &observer) {
-            Remove(i);
-            return;
-        }
+    const auto found = std::find_if(mRegistrations.begin(), mRegistrations.end(), [&](const auto& entry) {
+        return entry.pair.first == notification.GetIdentifier() && entry.pair.second == &observer;
+    });
+    if (found != mRegistrations.end()) {
+        static_cast<void>(Remove(found));
     }
 }
 
 void Subject::Detach(const ObserverInterface& observer) {
-    for (std::size_t i = mRegistrations.size(); i-- > 0;) {
-        if (mRegistrations[i].second == &observer) {
-            Remove(i);
-        }
+    for (auto entry = mRegistrations.begin(); entry != mRegistrations.end();) {
+        entry = entry->pair.second == &observer ? Remove(entry) : entry + 1;
     }
 }
 
-// By index, and the size looked at each time: an observer may change the list while it is being called.
+// Where a walk stands is told by the number of the registration that it looked at last: whatever an observer
+// does to the list while it is called, the walk goes on with the next higher number.
 void Subject::Notify(NotificationInterface& notification) {
-    WalkScope walk(*this);
-    while (!walk.AtEnd()) {
-        const Registration registration = mRegistrations[walk.Advance()];
-        if (registration.first == notification.GetIdentifier() && registration.second != nullptr &&
-            !walk.IsAgainAt(registration)) {
-            registration.second->OnNotify(&notification);
+    Walk walk{NextNumber(), 0, {}, mInnermostWalk};
+    const ScopedPointer innermost(mInnermostWalk, &walk);
+    for (std::size_t next = 0; (next = FindNext(walk, next)) < mRegistrations.size(); ++next) {
+        const Registration registration = mRegistrations[next];
+        walk.reached = registration.number;
+        if (registration.pair.first == notification.GetIdentifier() && registration.pair.second != nullptr &&
+            !walk.HasCalled(registration)) {
+            registration.pair.second->OnNotify(&notification);
         }
     }
 }
 
 bool Subject::Exist(std::pair<NotificationIdentifier, ObserverInterface*> registration) const {
-    return std::find(mRegistrations.begin(), mRegistrations.end(), registration) != mRegistrations.end();
+    return std::any_of(mRegistrations.begin(), mRegistrations.end(),
+                       [&](const Registration& entry) { return entry.pair == registration; });
 }
 
-// What takes memory comes first: without it the list and the walks stay as they were.
-void Subject::Remove(std::size_t position) {
-    for (WalkScope* walk = WalkScope::Innermost(*this); walk != nullptr; walk = walk->Outer()) {
-        walk->KeepPassed(position);
+/// One attached since the walk began may be one that it called and that was detached and attached again.
+bool Subject::Walk::HasCalled(const Registration& registration) const {
+    return registration.number > begun &&
+           std::find(passed.begin(), passed.end(), registration.pair) != passed.end();
+}
+
+/// The position of the next registration of the walk; `guess` is right unless the list has changed.
+std::size_t Subject::FindNext(const Walk& walk, std::size_t guess) const {
+    if (guess > 0 && guess <= mRegistrations.size() && mRegistrations[guess - 1].number == walk.reached) {
+        return guess;
     }
-    mRegistrations.erase(mRegistrations.begin() + static_cast<std::ptrdiff_t>(position));
-    for (WalkScope* walk = WalkScope::Innermost(*this); walk != nullptr; walk = walk->Outer()) {
-        walk->CloseGap(position);
+    const auto next = std::upper_bound(
+        mRegistrations.begin(), mRegistrations.end(), walk.reached,
+        [](std::uint64_t number, const Registration& entry) { return number < entry.number; });
+    return static_cast<std::size_t>(next - mRegistrations.begin());
+}
+
+// What takes memory comes first: without it the list stays as it was.
+std::vector<Subject::Registration>::iterator Subject::Remove(std::vector<Registration>::iterator entry) {
+    for (Walk* walk = mInnermostWalk; walk != nullptr; walk = walk->outer) {
+        // One that the walk is past does not come again when it is attached again, or an observer that
+        // detaches and attaches itself would be called for ever.
+        if (entry->number <= walk->reached) {
+            walk->passed.push_back(entry->pair);
+        }
     }
+    return mRegistrations.erase(entry);
 }
 
 }  // namespace mwl::tern::Synchronizer

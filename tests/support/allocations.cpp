@@ -11,6 +11,7 @@ namespace {
 std::atomic<std::size_t> gAllocations{0};
 std::atomic<std::size_t> gReleases{0};
 std::atomic<bool> gShortage{false};
+std::atomic<bool> gNothrowShortage{false};
 
 void CountOne(std::atomic<std::size_t>& counter) {
     counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -18,7 +19,7 @@ void CountOne(std::atomic<std::size_t>& counter) {
 
 void* Allocate(std::size_t size) {
     CountOne(gAllocations);
-    return std::malloc(size == 0 ? 1 : size);
+    return gShortage ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
 void Release(void* memory) {
@@ -38,12 +39,20 @@ std::size_t CountReleases() {
     return gReleases;
 }
 
-NothrowMemoryShortage::NothrowMemoryShortage() {
+MemoryShortage::MemoryShortage() {
     gShortage = true;
 }
 
-NothrowMemoryShortage::~NothrowMemoryShortage() {
+MemoryShortage::~MemoryShortage() {
     gShortage = false;
+}
+
+NothrowMemoryShortage::NothrowMemoryShortage() {
+    gNothrowShortage = true;
+}
+
+NothrowMemoryShortage::~NothrowMemoryShortage() {
+    gNothrowShortage = false;
 }
 
 }  // namespace tern::test
@@ -57,7 +66,7 @@ void* operator new(std::size_t size) {
 }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return tern::test::gShortage ? nullptr : tern::test::Allocate(size);
+    return tern::test::gNothrowShortage ? nullptr : tern::test::Allocate(size);
 }
 
 void operator delete(void* memory) noexcept {

@@ -22,6 +22,15 @@ private:
     std::size_t mStart = CountAllocations();
 };
 
+/// While it lives, operator new finds no memory, the throwing one neither.
+class MemoryShortage {
+public:
+    MemoryShortage();
+    ~MemoryShortage();
+    MemoryShortage(const MemoryShortage&) = delete;
+    MemoryShortage& operator=(const MemoryShortage&) = delete;
+};
+
 /// While it lives, the non-throwing operator new finds no memory.
 class NothrowMemoryShortage {
 public:

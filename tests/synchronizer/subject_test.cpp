@@ -5,7 +5,6 @@
 #include <tern/synchronizer/subject.h>
 #include <tern/synchronizer/subject_interface.h>
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <new>
@@ -16,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/log_capture.h"
 
 using mwl::tern::Synchronizer::NotificationIdentifier;
@@ -27,8 +27,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-bool gNoMemory = false;
 
 constexpr NotificationIdentifier ONE{1};
 constexpr NotificationIdentifier TWO{2};
@@ -73,6 +71,17 @@ protected:
         subject.Attach(c, one);
     }
 
+    /// Whether the call finds no memory. Takes none itself.
+    template <typename Call>
+    static bool Refuses(Call call) {
+        try {
+            call();
+        } catch (const std::bad_alloc&) {
+            return true;
+        }
+        return false;
+    }
+
     void Reattach(Recorder& observer) {
         subject.Detach(observer, one);
         subject.Attach(observer, one);
@@ -89,23 +98,6 @@ protected:
 };
 
 }  // namespace
-
-// For the whole program, the library included.
-void* operator new(std::size_t size) {
-    void* const memory = gNoMemory ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 TEST(NotificationInterface, CarriesItsIdentifier) {
     EXPECT_EQ(NotificationInterface(ONE).GetIdentifier(), ONE);
@@ -342,6 +334,45 @@ TEST_F(SubjectTest, ReattachedObserverIsCalledByAWalkThatBeginsAfterwards) {
     EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "a", "b"));
 }
 
+TEST_F(SubjectTest, ReattachedObserverThatOnlyAnInnerWalkHasCalledIsCalledByTheOuterOne) {
+    AttachAll();
+    a.action = [&] {
+        a.action = nullptr;
+        c.action = [&] {
+            c.action = nullptr;
+            Reattach(c);
+            Reattach(a);
+        };
+        subject.Notify(one);
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "a", "b", "c", "b", "c"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("b", "c", "a"));
+}
+
+TEST_F(SubjectTest, ObserverThatGoesOnReattachingTakesNoMoreMemoryForIt) {
+    AttachAll();
+    b.action = [&] {
+        for (int i = 0; i < 10; ++i) {
+            Reattach(b);
+        }
+        const tern::test::AllocationCount allocations;
+        for (int i = 0; i < 1000; ++i) {
+            Reattach(b);
+        }
+        EXPECT_EQ(allocations.Get(), 0U);
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(SubjectTest, NotifyTakesNoMemory) {
+    AttachAll();
+    CalledBy(one);  // the names' place
+    calls.clear();
+    const tern::test::AllocationCount allocations;
+    subject.Notify(one);
+    EXPECT_EQ(allocations.Get(), 0U);
+}
+
 // Meant: only the address tells observers apart.
 TEST_F(SubjectTest, ObserverMadeWhereACalledOneWasIsCalledFromTheNextWalkOn) {
     std::optional<Recorder> place(std::in_place, "first", calls);
@@ -360,10 +391,15 @@ TEST_F(SubjectTest, ObserverMadeWhereACalledOneWasIsCalledFromTheNextWalkOn) {
 TEST_F(SubjectTest, DetachWithoutMemoryDuringAWalkThrowsAndLeavesThePair) {
     AttachAll();
     b.action = [&] {
-        gNoMemory = true;
-        EXPECT_THROW(subject.Detach(b, one), std::bad_alloc);
-        EXPECT_THROW(subject.Detach(b), std::bad_alloc);
-        gNoMemory = false;
+        bool refused = false;
+        bool refusedAll = false;
+        {
+            const tern::test::MemoryShortage shortage;
+            refused = Refuses([&] { subject.Detach(b, one); });
+            refusedAll = Refuses([&] { subject.Detach(b); });
+        }
+        EXPECT_TRUE(refused);
+        EXPECT_TRUE(refusedAll);
     };
     EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c"));
     EXPECT_TRUE(subject.Exist({ONE, &b}));

@@ -5,6 +5,7 @@
 #include <tern/synchronizer/subject_interface.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -41,16 +42,26 @@ public:
     bool Exist(std::pair<NotificationIdentifier, ObserverInterface*> registration) const;
 
 private:
-    /// A Notify under way: where it goes on, and the one that it interrupted.
-    struct Walk {
-        std::size_t next;
-        Walk* outer;
+    using Pair = std::pair<NotificationIdentifier, ObserverInterface*>;
+    /// In the list by ascending number; a number is never given twice.
+    struct Registration {
+        Pair pair;
+        std::uint64_t number;
     };
-    class WalkScope;
+    /// A Notify under way.
+    struct Walk {
+        bool HasCalled(const Registration& registration) const;
 
-    void Remove(std::size_t position);
+        std::uint64_t begun;       ///< registrations of higher numbers are newer than the walk
+        std::uint64_t reached;     ///< number of the registration looked at last
+        std::vector<Pair> passed;  ///< those detached since the walk was past them
+        Walk* outer;               ///< the walk that this one interrupted
+    };
 
-    std::vector<std::pair<NotificationIdentifier, ObserverInterface*>> mRegistrations;
+    std::size_t FindNext(const Walk& walk, std::size_t guess) const;
+    std::vector<Registration>::iterator Remove(std::vector<Registration>::iterator entry);
+
+    std::vector<Registration> mRegistrations;
     Walk* mInnermostWalk = nullptr;
 };
 
