@@ -1,0 +1,169 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <tern/timer/short_period_timer.h>
+#include <time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <future>
+#include <memory>
+#include <system_error>
+
+#include "short_period_timer_parts.h"
+#include "support/allocations.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/wait_until.h"
+
+TERN_INTERPOSE(int, timer_create, (clockid_t clock, sigevent* notification, timer_t* id),
+               (clock, notification, id))
+TERN_INTERPOSE_TIME(int, timer_settime, __timer_settime64,
+                    (timer_t id, int flags, const itimerspec* time, itimerspec* former),
+                    (id, flags, time, former))
+TERN_INTERPOSE(int, timer_delete, (timer_t id), (id))
+TERN_INTERPOSE(int, sigprocmask, (int how, const sigset_t* set, sigset_t* former), (how, set, former))
+TERN_INTERPOSE(int, pthread_create,
+               (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),
+               (thread, attributes, body, argument))
+
+namespace {
+
+using namespace tern::test;
+using mwl::StatusCode;
+using mwl::Timer::ShortPeriodTimer;
+using testing::ElementsAre;
+
+TEST(ShortPeriodTimer, WithoutMemoryForTheThreadThereIsNone) {
+    const LogCapture log;
+    ShortPeriodTimer timer(1, true, [] {});
+    {
+        const NothrowMemoryShortage shortage;
+        EXPECT_EQ(timer.Start(), StatusCode::ResourceUnavailable);
+    }
+    EXPECT_THAT(log.Entries(), ElementsAre(CREATE, Error(LOGGER, "Failed to create timer thread")));
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+}
+
+TEST(ShortPeriodTimer, RefusedThreadLeavesAsSystemError) {
+    const LogCapture log;
+    FaultScope scope(fault_pthread_create);
+    ShortPeriodTimer timer(1, true, [] {});
+    fault_pthread_create.Fail(EAGAIN);
+    EXPECT_THROW(timer.Start(), std::system_error);
+    EXPECT_THAT(log.Entries(), ElementsAre(CREATE));
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+}
+
+TEST(ShortPeriodTimer, ThreadThatCannotBlockTheSignalFailsTheStart) {
+    LogCapture log;
+    FaultScope scope(fault_sigprocmask);
+    std::atomic<int> threadId{0};
+    ShortPeriodTimer timer(1, true, [] {});
+    fault_sigprocmask.Replace([&](int, const sigset_t*, sigset_t*) {
+        threadId = gettid();
+        return -1;
+    });
+    EXPECT_EQ(timer.Start(), StatusCode::Failure);
+    EXPECT_TRUE(log.WaitFor(Info(LOGGER, "Exit timer thread, status=1")));
+    EXPECT_EQ(log.Count(StartOf(threadId)), 1U);
+    EXPECT_EQ(log.Count(Error(LOGGER, "Failed to start timer thread, status=1")), 1U);
+    EXPECT_EQ(log.Entries().size(), 4U) << "no timer was tried";
+    log.Clear();
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(), ElementsAre(STOPPING, NOT_INITIALIZED));
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+}
+
+TEST(ShortPeriodTimer, RefusedTimerFailsTheStartAndStopStillReturns) {
+    LogCapture log;
+    FaultScope scope(fault_timer_create);
+    ShortPeriodTimer timer(1, true, [] { ADD_FAILURE(); });
+    fault_timer_create.Fail(-1, EAGAIN);
+    EXPECT_EQ(timer.Start(), StatusCode::Failure);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "Failed to create a timer: 11"));
+    log.Clear();
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(), ElementsAre(STOPPING, EXIT, NOT_INITIALIZED));
+}
+
+TEST(ShortPeriodTimer, RefusedTimeFailsTheStartAndStopStillReturns) {
+    const LogCapture log;
+    FaultScope scope(fault_timer_settime);
+    ShortPeriodTimer timer(1, true, [] { ADD_FAILURE(); });
+    fault_timer_settime.Fail(-1, EINVAL);
+    EXPECT_EQ(timer.Start(), StatusCode::Failure);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "Failed to start a timer: 22"));
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+}
+
+TEST(ShortPeriodTimer, TimerWithoutAThreadIsRefusedByTheSystem) {
+    const LogCapture log;
+    ShortPeriodTimer timer(1, true, [] {});
+    EXPECT_EQ(timer.CreateTimer(), StatusCode::Failure);
+    EXPECT_EQ(timer.SetTimerTime(), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "Failed to create a timer: 22"),
+                                           Error(LOGGER, "Failed to start a timer: 22")));
+}
+
+// The kernel may have given the number of the thread that has ended to another one.
+TEST(ShortPeriodTimer, TimerMadeAfterStopIsAimedAtNoThread) {
+    const LogCapture log;
+    ShortPeriodTimer timer(1, true, [] {});
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+    FaultScope scope(fault_timer_create);
+    int target = -1;
+    fault_timer_create.Replace([&](clockid_t id, sigevent* event, timer_t* timer_) {
+        target = event->sigev_notify_thread_id;
+        return fault_timer_create.Real(id, event, timer_);
+    });
+    EXPECT_EQ(timer.CreateTimer(), StatusCode::Failure);
+    EXPECT_EQ(target, 0);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "Failed to create a timer: 22"));
+}
+
+// Start kept a timer that was aimed at the thread that has ended: nothing fired, and Stop did not return.
+TEST(ShortPeriodTimer, TimerThatCannotBeDeletedFailsTheNextStart) {
+    LogCapture log;
+    FaultScope scope(fault_timer_delete);
+    std::atomic<int> calls{0};
+    ShortPeriodTimer timer(1, true, [&] { ++calls; });
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    fault_timer_delete.Fail(-1, EINVAL, 2);
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    log.Clear();
+    EXPECT_EQ(timer.Start(), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "Failed to delete the timer: 22")));
+    calls = 0;
+    EXPECT_EQ(timer.Start(), StatusCode::Ok) << "it can be deleted now";
+    EXPECT_TRUE(WaitUntil([&] { return calls > 1; }));
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+}
+
+TEST(ShortPeriodTimer, RefusedDeletionKeepsTheTimer) {
+    const LogCapture log;
+    FaultScope scope(fault_timer_delete);
+    ShortPeriodTimer timer(1, true, [] {});
+    timer.Start();
+    fault_timer_delete.Fail(-1, EINVAL);
+    EXPECT_EQ(timer.Stop(), StatusCode::Failure);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "Failed to delete the timer: 22"));
+    EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+
+    std::atomic<int> calls{0};
+    ShortPeriodTimer other(1, true, [&] { ++calls; });
+    other.Start();
+    fault_timer_delete.Fail(-1, EINVAL);
+    EXPECT_EQ(other.Stop(), StatusCode::Failure);
+    calls = 0;
+    EXPECT_EQ(other.Start(), StatusCode::Ok) << "the kept timer was aimed at the thread that is gone";
+    EXPECT_TRUE(WaitUntil([&] { return calls > 1; }));
+    EXPECT_EQ(other.Stop(), StatusCode::Ok);
+}
+
+}  // namespace
