@@ -33,11 +33,15 @@ int PosixTimer::Arm(unsigned int periodMs, bool periodic) {
     if (periodic) {
         time.it_interval = time.it_value;
     }
-    return SetTime(time);
+    const int error = SetTime(time);
+    if (error == 0) {
+        mIsArmed = periodMs > 0;
+    }
+    return error;
 }
 
 int PosixTimer::Disarm() {
-    return SetTime(itimerspec{});
+    return Arm(0, false);
 }
 
 int PosixTimer::GetRemaining(timespec& remaining) const {
@@ -61,6 +65,7 @@ int PosixTimer::Delete() {
     }
     mId = nullptr;
     mExists = false;
+    mIsArmed = false;
     return 0;
 }
 

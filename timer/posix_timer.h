@@ -20,6 +20,8 @@ public:
     bool Exists() const { return mExists; }
     /// Null as long as there is none.
     timer_t GetId() const { return mId; }
+    /// An expiry may come, or has come.
+    bool IsArmed() const { return mIsArmed; }
 
     /// Makes the timer, not yet armed. REQUIRES: there is none.
     int Create(sigevent& notification);
@@ -36,6 +38,7 @@ private:
 
     timer_t mId = nullptr;
     bool mExists = false;
+    bool mIsArmed = false;
 };
 
 }  // namespace mwl::Timer

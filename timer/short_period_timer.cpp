@@ -25,14 +25,58 @@ namespace {
 
 const StaticText LOGGER("Timer::ShortPeriodTimer");
 
+/// The body of a timer's thread. `look` is asked before each wait whether to go on.
+template <typename Look, typename Callback>
+void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look& look,
+                   const Callback& callback, int signo) {
+    const int ownId = gettid();
+    std::atomic_ref(threadId).store(ownId);
+    TERN_LOG_INFO(LOGGER, "Start timer thread (OS thread id %d)", ownId);
+    sigset_t set;
+    const StatusCode status = ShortPeriodTimer::ConfigureSigSet(&set, signo);
+    startUp.set_value(status);
+    if (status == StatusCode::Ok) {
+        while (look()) {
+            int signal = 0;
+            if (sigwait(&set, &signal) == 0) {
+                callback();
+            }
+        }
+    }
+    TERN_LOG_INFO(LOGGER, "Exit timer thread, status=%u", static_cast<unsigned int>(status));
+}
+
 }  // namespace
 
 /// All that the timer is. Its thread is a co-owner, as it may outlive the timer.
 ///
-/// There is one thread at most, and a new one only when the former has ended: it says so (isAlive) as the
-/// last thing it does. Whoever waits for it waits for that, on `changed`, with the lock let go; the thread
-/// object is touched, joined and detached with the lock held. A POSIX timer that exists is aimed at that
-/// thread.
+/// There is one thread at most, and a new one only when the former has ended. The phase tells what becomes of
+/// it; the last three are of a timer that its callback has destroyed, perhaps while its owner was in an
+/// operation, which then still comes by.
+///
+/// | phase     | thread                                                                             |
+/// |-----------|------------------------------------------------------------------------------------|
+/// | Idle      | none, or one that has ended and is to be joined                                    |
+/// | Running   | waits until the timer is armed, then for its expiries, and calls back at each      |
+/// | Leaving   | ends when it looks at the phase next, unless its callback starts it again          |
+/// | Stopping  | ends when it looks next; a Stop waits for that, and nothing starts it again        |
+/// | Silent    | is perhaps in its callback, and calls back no more                                 |
+/// | Finishing | ends when it looks next                                                            |
+/// | Gone      | none, or one that takes signals for nothing until the process ends: it is detached |
+///
+/// | event, next phase     | Idle        | Running  | Leaving   | Stopping  | Silent    | Finishing | Gone |
+/// |-----------------------|-------------|----------|-----------|-----------|-----------|-----------|---------|
+/// | owner starts thread   | Running (a) | stays    | waits     | refused   | refused   | refused   | refused
+/// | | callback starts it    |             | stays    | Running   | refused   |           |           | | |
+/// owner stops it, waits | stays       | Stopping | Stopping  | stays     | Finishing | stays     | stays   |
+/// | callback stops it     |             | Leaving  | stays     | stays     |           |           | | |
+/// timer is destroyed    | Gone        | Silent   | Finishing | Finishing |           |           |         |
+/// | thread looks          |             | stays    | it ends   | it ends   | Gone      | it ends   | stays |
+/// | thread has ended      |             |          | Idle      | Idle      |           | Gone      | |
+///
+/// (a) Leaving when it could not block the signal: then it ends by itself. The thread looks before each wait
+/// for a signal, in Silent that is once after its callback has returned. `refused` is status Stopping, which
+/// the last three phases have for every step of Start.
 struct __attribute__((visibility("hidden"))) ShortPeriodTimer::State : std::enable_shared_from_this<State> {
     State(unsigned int period, bool repeat, std::function<void()> function)
         : signo(SIGRTMIN), periodMs(period), periodic(repeat), callback(std::move(function)) {}
@@ -45,11 +89,16 @@ struct __attribute__((visibility("hidden"))) ShortPeriodTimer::State : std::enab
     void Abandon();
 
 private:
+    enum class Phase { Idle, Running, Leaving, Stopping, Silent, Finishing, Gone };
+
     void RunThread();
+    bool Look();
     bool IsOwnThread() const { return thread != nullptr && thread->get_id() == std::this_thread::get_id(); }
-    bool IsRunning() { return isAlive && std::atomic_ref(running).load(); }
-    bool IsStopping() const { return isAbandoned || waitingStops > 0; }
-    void GoOn();
+    bool IsDestroyed() const {
+        return phase == Phase::Silent || phase == Phase::Finishing || phase == Phase::Gone;
+    }
+    void Enter(Phase next);
+    void ForgetExpiries() const;
     bool TryDeleteTimer();
 
     const int signo;
@@ -57,20 +106,15 @@ private:
     const bool periodic;
     const std::function<void()> callback;
 
-    // The thread's own; replaced when there is none.
+    // The thread's own until it has delivered its start-up status; replaced when there is none.
     std::promise<StatusCode> startUp;
-    int threadId = 0;     ///< through std::atomic_ref
-    bool running = true;  ///< through std::atomic_ref
-    std::atomic<bool> silenced{false};
+    int threadId = 0;
 
     std::mutex mutex;                 ///< guards the rest; never held while waiting for the thread to end
-    std::condition_variable changed;  ///< the thread has ended or goes on, or the timer is abandoned
-    PosixTimer timer;
-    std::unique_ptr<std::thread> thread;  ///< stays when it was joined, until the next one
-    bool isAlive = false;
-    bool isAbandoned = false;  ///< the timer was destroyed
-    int waitingStops = 0;
-    bool armed = false;  ///< an expiry may come, or has come
+    std::condition_variable changed;  ///< the phase, or the timer was armed
+    std::atomic<Phase> phase{Phase::Idle};  ///< written under the mutex
+    PosixTimer timer;                       ///< one that exists is aimed at the thread
+    std::unique_ptr<std::thread> thread;    ///< stays when it was joined, until the next one
 };
 
 ShortPeriodTimer::ShortPeriodTimer(unsigned int periodMs, bool periodic, std::function<void()> callback)
@@ -111,22 +155,9 @@ StatusCode ShortPeriodTimer::ConfigureSigSet(sigset_t* set, int signo) {
 void ShortPeriodTimer::ThreadMain(std::promise<StatusCode>& startUp, int& threadId, bool& running,
                                   std::function<void()> callback,  // NOLINT(performance-*)
                                   int signo) {
-    const int ownId = gettid();
-    std::atomic_ref(threadId).store(ownId);
-    TERN_LOG_INFO(LOGGER, "Start timer thread (OS thread id %d)", ownId);
-    sigset_t set;
-    const StatusCode status = ConfigureSigSet(&set, signo);
-    startUp.set_value(status);
-    if (status == StatusCode::Ok) {
-        const std::atomic_ref<bool> isRunning(running);
-        while (isRunning) {
-            int signal = 0;
-            if (sigwait(&set, &signal) == 0) {
-                callback();
-            }
-        }
-    }
-    TERN_LOG_INFO(LOGGER, "Exit timer thread, status=%u", static_cast<unsigned int>(status));
+    const std::atomic_ref<bool> isRunning(running);
+    ServeExpiries(
+        startUp, threadId, [isRunning] { return isRunning.load(); }, callback, signo);
 }
 
 StatusCode ShortPeriodTimer::CreateThread() {
@@ -147,22 +178,19 @@ void ShortPeriodTimer::StopThread() {
 
 StatusCode ShortPeriodTimer::State::CreateThread() {
     std::unique_lock lock(mutex);
-    for (;;) {
-        if (IsStopping()) {
-            return StatusCode::Stopping;
-        }
-        if (!isAlive) {
-            break;
-        }
-        if (IsRunning()) {
-            return StatusCode::Ok;
-        }
+    if (phase == Phase::Leaving) {
         if (IsOwnThread()) {
-            GoOn();
+            ForgetExpiries();
+            Enter(Phase::Running);
         } else {
-            // It failed to start, or was stopped from its callback, which may also start it again.
-            changed.wait(lock);
+            changed.wait(lock, [this] { return phase != Phase::Leaving; });
         }
+    }
+    if (phase == Phase::Running) {
+        return StatusCode::Ok;
+    }
+    if (phase != Phase::Idle) {
+        return StatusCode::Stopping;
     }
 
     if (thread != nullptr && thread->joinable()) {
@@ -174,52 +202,67 @@ StatusCode ShortPeriodTimer::State::CreateThread() {
     }
     TERN_LOG_INFO(LOGGER, "Create timer thread");
     startUp = std::promise<StatusCode>();
-    std::atomic_ref(running).store(true);
-    silenced = false;
     std::future<StatusCode> started = startUp.get_future();
     thread.reset(new (std::nothrow) std::thread([self = shared_from_this()] { self->RunThread(); }));
     if (thread == nullptr) {
         TERN_LOG_ERROR(LOGGER, "Failed to create timer thread");
         return StatusCode::ResourceUnavailable;
     }
-    isAlive = true;
     const StatusCode status = started.get();
     if (status != StatusCode::Ok) {
-        std::atomic_ref(running).store(false);
+        Enter(Phase::Leaving);
         TERN_LOG_ERROR(LOGGER, "Failed to start timer thread, status=%u", static_cast<unsigned int>(status));
         return status;
     }
+    Enter(Phase::Running);
     TERN_LOG_INFO(LOGGER, "Timer thread started");
     return StatusCode::Ok;
 }
 
-/// The thread's callback starts what it has stopped: the thread stays.
-void ShortPeriodTimer::State::GoOn() {
-    // Expiries that are on their way were those of the timer that was stopped.
+void ShortPeriodTimer::State::RunThread() {
+    const auto look = [this] { return Look(); };
+    const auto call = [this] {
+        // Silent or Gone: an expiry was on its way when the timer was destroyed.
+        if (const Phase now = phase; now != Phase::Silent && now != Phase::Gone) {
+            callback();
+        }
+    };
+    ServeExpiries(startUp, threadId, look, call, signo);
+    const std::lock_guard lock(mutex);
+    Enter(IsDestroyed() ? Phase::Gone : Phase::Idle);
+}
+
+/// The thread's look at the phase. It goes to wait for a signal only when one may come: what has not armed a
+/// timer can be stopped without any, also by a process that may send none (RLIMIT_SIGPENDING).
+bool ShortPeriodTimer::State::Look() {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this] { return phase != Phase::Running || timer.IsArmed(); });
+    if (phase == Phase::Silent) {
+        Enter(Phase::Gone);
+    }
+    return phase == Phase::Running || phase == Phase::Gone;
+}
+
+void ShortPeriodTimer::State::Enter(Phase next) {
+    phase = next;
+    changed.notify_all();
+}
+
+/// On the thread: those that are on their way were of the timer that its callback has stopped.
+void ShortPeriodTimer::State::ForgetExpiries() const {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, signo);
     const timespec now{};
     while (sigtimedwait(&set, nullptr, &now) == signo) {
     }
-    std::atomic_ref(running).store(true);
-    changed.notify_all();
-}
-
-void ShortPeriodTimer::State::RunThread() {
-    const auto call = [this] {
-        if (!silenced) {
-            callback();
-        }
-    };
-    ThreadMain(startUp, threadId, running, call, signo);
-    const std::lock_guard lock(mutex);
-    isAlive = false;
-    changed.notify_all();
 }
 
 StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
     const std::lock_guard lock(mutex);
+    if (IsDestroyed()) {
+        return StatusCode::Stopping;
+    }
     if (timer.Exists()) {
         return StatusCode::Ok;
     }
@@ -227,7 +270,7 @@ StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
     notification.sigev_notify = SIGEV_THREAD_ID;
     notification.sigev_signo = signo;
     notification.sigev_value.sival_ptr = value;
-    notification.sigev_notify_thread_id = IsRunning() ? std::atomic_ref(threadId).load() : 0;
+    notification.sigev_notify_thread_id = phase == Phase::Running ? threadId : 0;
     if (const int error = timer.Create(notification); error != 0) {
         TERN_LOG_ERROR(LOGGER, "Failed to create a timer: %d", error);
         return StatusCode::Failure;
@@ -237,11 +280,14 @@ StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
 
 StatusCode ShortPeriodTimer::State::SetTimerTime() {
     const std::lock_guard lock(mutex);
+    if (IsDestroyed()) {
+        return StatusCode::Stopping;
+    }
     if (const int error = timer.Arm(periodMs, periodic); error != 0) {
         TERN_LOG_ERROR(LOGGER, "Failed to start a timer: %d", error);
         return StatusCode::Failure;
     }
-    armed = periodMs > 0;
+    changed.notify_all();
     return StatusCode::Ok;
 }
 
@@ -251,19 +297,19 @@ void ShortPeriodTimer::State::StopThread() {
         return;
     }
     TERN_LOG_TRACE(LOGGER, "Stopping timer thread");
-    const bool wasRunning = std::atomic_ref(running).exchange(false);
     if (IsOwnThread()) {
-        return;  // it ends when the callback returns
+        if (phase == Phase::Running) {
+            Enter(Phase::Leaving);  // it ends when the callback returns
+        }
+        return;
     }
-    if (wasRunning && !armed) {
-        // No expiry will ever wake it: wake it for nothing.
-        silenced = true;
-        static_cast<void>(pthread_kill(thread->native_handle(), signo));  // it may have ended
+    if (phase == Phase::Running || phase == Phase::Leaving) {
+        Enter(Phase::Stopping);
+    } else if (phase == Phase::Silent) {
+        Enter(Phase::Finishing);
     }
-    ++waitingStops;
-    changed.wait(lock, [this] { return !isAlive; });
-    --waitingStops;
-    if (thread->joinable()) {
+    changed.wait(lock, [this] { return phase != Phase::Stopping && phase != Phase::Finishing; });
+    if (phase == Phase::Idle && thread->joinable()) {
         thread->join();
     }
 }
@@ -287,19 +333,16 @@ bool ShortPeriodTimer::State::TryDeleteTimer() {
         TERN_LOG_ERROR(LOGGER, "Failed to delete the timer: %d", error);
         return false;
     }
-    armed = false;
     return true;
 }
 
 void ShortPeriodTimer::State::Abandon() {
     const std::lock_guard lock(mutex);
-    isAbandoned = true;
     static_cast<void>(timer.Delete());  // there may be none
     if (thread != nullptr && thread->joinable()) {
-        silenced = true;  // an expiry may be on its way to the thread
         thread->detach();
     }
-    changed.notify_all();
+    Enter(phase == Phase::Idle ? Phase::Gone : phase == Phase::Running ? Phase::Silent : Phase::Finishing);
 }
 
 }  // namespace mwl::Timer

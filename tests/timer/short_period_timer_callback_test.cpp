@@ -8,10 +8,16 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <future>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "short_period_timer_parts.h"
+#include "support/before_lock.h"
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
@@ -298,6 +304,143 @@ TEST(ShortPeriodTimer, CallbackMayDestroyWhatTheOwnerStarts) {
     EXPECT_EQ(timer->Start(), StatusCode::Stopping);
     EXPECT_TRUE(log.WaitFor(EXIT));
     EXPECT_EQ(log.Count(CREATE), 1U);
+}
+
+/// A timer whose callback destroys it while its owner is in an operation: when that is about to lock a mutex
+/// for the `lock`-th time, or waits, or else has returned.
+class DestroyedInAnOperation {
+public:
+    using Operation = std::function<StatusCode(ShortPeriodTimer&)>;
+
+    /// `prepare` is what the callback does before the operation begins.
+    DestroyedInAnOperation(const Operation& prepare, const Operation& operation, int lock) {
+        fault_timer_create.Replace(
+            [this](clockid_t clock, sigevent* notification, timer_t* id) {
+                const int result = fault_timer_create.Real(clock, notification, id);
+                mTimers += result == 0;
+                return result;
+            },
+            ALWAYS);
+        fault_timer_delete.Replace(
+            [this](timer_t id) {
+                --mTimers;
+                return fault_timer_delete.Real(id);
+            },
+            ALWAYS);
+        // All that the callback uses is its own: the thread stays, and keeps it.
+        const auto shared = std::make_shared<Shared>();
+        shared->timer = std::make_unique<ShortPeriodTimer>(1, true, [shared, prepare] {
+            if (++shared->calls > 1) {
+                return;
+            }
+            prepare(*shared->timer);
+            shared->entered.set_value();
+            EXPECT_TRUE(WaitUntil([&] { return shared->mayDestroy.load(); }));
+            shared->timer.reset();
+            shared->isDestroyed = true;
+        });
+        ShortPeriodTimer& timer = *shared->timer;
+        EXPECT_EQ(timer.Start(), StatusCode::Ok);
+        shared->entered.get_future().get();
+
+        std::future<StatusCode> status = std::async(std::launch::async, [&] {
+            mWait.ExpectHere();
+            const BeforeLock before(lock, [&] {
+                shared->mayDestroy = true;
+                // Not when the lock that it needs is held here.
+                WaitUntil([&] { return shared->isDestroyed.load(); }, std::chrono::milliseconds(20));
+            });
+            const StatusCode result = operation(timer);
+            mWasMet = before.WasMet();
+            return result;
+        });
+        EXPECT_TRUE(WaitUntil([&] {
+            return mWait.HasBegun() || status.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        }));
+        shared->mayDestroy = true;
+        EXPECT_TRUE(WaitUntil([&] { return shared->isDestroyed.load(); }));
+        if (status.wait_for(GENEROUS_LIMIT) == std::future_status::timeout) {
+            fputs("the operation does not return\n", stderr);
+            abort();
+        }
+        mStatus = status.get();
+        mCalls = shared->calls;
+    }
+
+    bool WasMet() const { return mWasMet; }
+    StatusCode Status() const { return mStatus; }
+    /// POSIX timers that exist.
+    int Timers() const { return mTimers; }
+    int Calls() const { return mCalls; }
+
+private:
+    struct Shared {
+        std::unique_ptr<ShortPeriodTimer> timer;
+        std::atomic<int> calls{0};
+        std::promise<void> entered;
+        std::atomic<bool> mayDestroy{false};
+        std::atomic<bool> isDestroyed{false};
+    };
+
+    FaultScope<int(clockid_t, sigevent*, timer_t*)> mCreate{fault_timer_create};
+    FaultScope<int(timer_t)> mDelete{fault_timer_delete};
+    WaitForTheThread mWait;
+    std::atomic<int> mTimers{0};
+    bool mWasMet = false;
+    StatusCode mStatus = StatusCode::Busy;
+    int mCalls = 0;
+};
+
+// Start made and armed a timer that nobody would ever delete, and returned Ok; Stop signalled a thread that
+// it did not own any more, which crashed, or waited for one that nothing would wake.
+TEST(ShortPeriodTimer, CallbackMayDestroyItAnywhereInAnOperationOfItsOwner) {
+    const LogCapture log;
+    using Operation = DestroyedInAnOperation::Operation;
+    const std::pair<const char*, Operation> preparations[] = {
+        {"nothing", [](ShortPeriodTimer&) { return StatusCode::Ok; }},
+        {"Stop", [](ShortPeriodTimer& timer) { return timer.Stop(); }},
+        {"Stop and Start",
+         [](ShortPeriodTimer& timer) {
+             timer.Stop();
+             return timer.Start();
+         }},
+        {"Stop and CreateThread",
+         [](ShortPeriodTimer& timer) {
+             timer.Stop();
+             return timer.CreateThread();
+         }},
+    };
+    const std::pair<const char*, Operation> operations[] = {
+        {"Start", [](ShortPeriodTimer& timer) { return timer.Start(); }},
+        {"CreateThread", [](ShortPeriodTimer& timer) { return timer.CreateThread(); }},
+        {"CreateTimer", [](ShortPeriodTimer& timer) { return timer.CreateTimer(); }},
+        {"SetTimerTime", [](ShortPeriodTimer& timer) { return timer.SetTimerTime(); }},
+        {"Stop", [](ShortPeriodTimer& timer) { return timer.Stop(); }},
+        {"StopThread",
+         [](ShortPeriodTimer& timer) {
+             timer.StopThread();
+             return StatusCode::Ok;
+         }},
+    };
+    int met = 0;
+    for (const auto& [prepared, prepare] : preparations) {
+        for (const auto& [name, operation] : operations) {
+            bool wasMet = true;
+            for (int lock = 1; wasMet; ++lock) {
+                SCOPED_TRACE(std::string(name) + ", lock " + std::to_string(lock) + ", callback did " +
+                             prepared);
+                const DestroyedInAnOperation round(prepare, operation, lock);
+                wasMet = round.WasMet();
+                met += wasMet;
+                EXPECT_EQ(round.Timers(), 0) << "none is left behind";
+                EXPECT_EQ(round.Calls(), 1) << "no callback after the timer was destroyed";
+                if (lock == 1 && std::string(name) == "Start") {
+                    EXPECT_EQ(round.Status(), StatusCode::Stopping);
+                }
+            }
+        }
+    }
+    EXPECT_GT(met, 24) << "each operation locks at least once";
 }
 
 }  // namespace

@@ -1,17 +1,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <tern/timer/short_period_timer.h>
 #include <time.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <system_error>
 
 #include "short_period_timer_parts.h"
 #include "support/allocations.h"
+#include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
@@ -32,7 +35,71 @@ namespace {
 using namespace tern::test;
 using mwl::StatusCode;
 using mwl::Timer::ShortPeriodTimer;
+using testing::Contains;
 using testing::ElementsAre;
+
+/// In a child: from now on no timer can be made and no real-time signal sent (setrlimit(2)).
+void LeaveNoSignals() {
+    const rlimit none{0, 0};
+    if (setrlimit(RLIMIT_SIGPENDING, &none) != 0) {
+        throw std::system_error(errno, std::generic_category(), "setrlimit");
+    }
+}
+
+// Children first: no other thread must exist when a child is made.
+
+// The signal that was to wake the thread was refused, which nobody noticed, and Stop never returned.
+TEST(ShortPeriodTimer, StopReturnsWhenNoSignalIsFree) {
+    const ChildResult child = RunInChild([] {
+        LeaveNoSignals();
+        ShortPeriodTimer timer(1, true, [] { abort(); });
+        const bool started = timer.Start() == StatusCode::Ok;
+        const bool stopped = timer.Stop() == StatusCode::Ok;
+        return started || stopped ? 1 : 0;
+    });
+    EXPECT_FALSE(child.timedOut);
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, Contains(Error(LOGGER, "Failed to create a timer: 11")));
+    EXPECT_THAT(child.log, Contains(EXIT));
+    EXPECT_THAT(child.log, Contains(NOT_INITIALIZED));
+}
+
+// The same when the callback had stopped its timer and could not start it again.
+TEST(ShortPeriodTimer, StopReturnsWhenTheCallbackFoundNoFreeSignal) {
+    const ChildResult child = RunInChild([] {
+        std::promise<bool> refused;
+        std::atomic<int> calls{0};
+        std::unique_ptr<ShortPeriodTimer> timer;
+        timer = std::make_unique<ShortPeriodTimer>(1, true, [&] {
+            ++calls;
+            timer->Stop();
+            LeaveNoSignals();
+            refused.set_value(timer->Start() == StatusCode::Failure);
+        });
+        timer->Start();
+        const bool wasRefused = refused.get_future().get();
+        const bool stopped = timer->Stop() == StatusCode::Ok;
+        return !wasRefused || stopped || calls != 1 ? 1 : 0;
+    });
+    EXPECT_FALSE(child.timedOut);
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, Contains(EXIT));
+}
+
+// What is armed has its signal from timer_create(2) on.
+TEST(ShortPeriodTimer, ArmedTimerRunsAndStopsWhenNoOtherSignalIsFree) {
+    const ChildResult child = RunInChild([] {
+        std::atomic<int> calls{0};
+        ShortPeriodTimer timer(1, true, [&] { ++calls; });
+        timer.Start();
+        LeaveNoSignals();
+        const int before = calls;
+        const bool runs = WaitUntil([&] { return calls > before + 2; });
+        return runs && timer.Stop() == StatusCode::Ok ? 0 : 1;
+    });
+    EXPECT_FALSE(child.timedOut);
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
 
 TEST(ShortPeriodTimer, WithoutMemoryForTheThreadThereIsNone) {
     const LogCapture log;

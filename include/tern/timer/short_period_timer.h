@@ -19,12 +19,13 @@ namespace mwl::Timer {
 ///     timer.Stop();  // returns after the next expiry
 ///
 /// Threads: one thread at a time uses the timer; besides, the callback may call any operation of its own
-/// timer, and destroy it, also while that thread is in an operation. A callback that stops its timer may
-/// start it again; the timer's thread then stays. Against a Stop that waits for the thread no Start helps: it
-/// returns Stopping and changes nothing, so that also a timer whose callback arms it anew each time can be
-/// stopped. The callback runs on the timer's thread only, one call at a time. It must not be empty: an empty
-/// one raises std::bad_function_call on the timer's thread, and what a callback throws ends the process. A
-/// callback that takes longer than the period misses expiries; they are not made up for.
+/// timer, and destroy it, also while that thread is in an operation. From then on each step of a Start
+/// returns Stopping, and Stop still waits until the callback has returned. A callback that stops its timer
+/// may start it again; the timer's thread then stays. Against a Stop that waits for the thread no Start
+/// helps: it returns Stopping and changes nothing, so that also a timer whose callback arms it anew each time
+/// can be stopped. The callback runs on the timer's thread only, one call at a time. It must not be empty: an
+/// empty one raises std::bad_function_call on the timer's thread, and what a callback throws ends the
+/// process. A callback that takes longer than the period misses expiries; they are not made up for.
 ///
 /// The signal is SIGRTMIN. Nothing else in the process may use it: a handler is not needed, and its default
 /// action is never taken as the signal is sent to the timer's thread alone, which blocks it.
@@ -33,7 +34,8 @@ namespace mwl::Timer {
 /// up to one period, and the callback runs once more. **For a timer that is not periodic, and whose one
 /// expiry has happened, Stop does not return.** End such a timer from inside its callback, or destroy it.
 /// When nothing has been armed (the period is 0, or Start failed half-way) Stop returns at once and the
-/// callback does not run.
+/// callback does not run. Stop sends no signal and needs none to be free: it returns also when the limit of
+/// queued signals is used up (RLIMIT_SIGPENDING, setrlimit(2)), as an armed timer has its own.
 ///
 /// The destructor deletes the timer and does not stop its thread: without Stop the thread remains, waiting,
 /// until the process ends. No expiry that comes after the destructor calls back. A callback that has begun,
@@ -49,9 +51,10 @@ public:
     ~ShortPeriodTimer() override;
 
     /// CreateThread, CreateTimer, SetTimerTime: the first failure is returned, and what was made before it is
-    /// kept until Stop. Blocks until the thread runs; after the callback has stopped the timer, until that
-    /// callback has returned or has started it again. A timer that is running is armed anew, from now; one
-    /// that was stopped starts again.
+    /// kept until Stop; Stopping, not logged, when the callback has destroyed the timer meanwhile. Blocks
+    /// until the thread runs; after the callback has stopped the timer, until that callback has returned or
+    /// has started it again. A timer that is running is armed anew, from now; one that was stopped starts
+    /// again.
     StatusCode Start() override;
     /// StopThread, then deletes the timer. Failure, logged, when there is no timer or it cannot be deleted
     /// (timer_delete(2)); then it is kept. On the timer's own thread it does not wait: the thread ends when
@@ -75,10 +78,11 @@ public:
     /// that the system refuses leaves as std::system_error; no thread exists then.
     StatusCode CreateThread();
     /// Second step: makes the timer, aimed at the thread. Ok also when there is one. Failure, logged, when
-    /// the system refuses (timer_create(2)), as it does without a thread or with one that was stopped.
+    /// the system refuses (timer_create(2)), as it does without a thread, with one that was stopped, and
+    /// without a free signal (RLIMIT_SIGPENDING). Stopping as in CreateThread when the timer was destroyed.
     StatusCode CreateTimer();
     /// Third step: arms the timer. Failure, logged, when there is none or it cannot be set
-    /// (timer_settime(2)).
+    /// (timer_settime(2)). Stopping as in CreateThread when the timer was destroyed.
     StatusCode SetTimerTime();
     /// Tells the thread to end and waits for it; see above. Does nothing when no thread was created.
     void StopThread();
