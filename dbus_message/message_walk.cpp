@@ -279,7 +279,7 @@ int MessageWalk::ReadVariantContent(const char* keyName, const char* contents) {
     } else {
         TERN_LOG_INFO(LOGGER, "[%s] Unsupported type, update this method", OPERATION);
         // Stepped over, so that the entries behind it can be read.
-        r = std::min(sd_bus_message_skip(mMessage, contents), 0);
+        r = std::min(SkipContent(mMessage, contents), 0);
     }
     if (r < 0) {
         TERN_LOG_ERROR(LOGGER, "[%s] Failed to read ReadVariantContent (%d, %s)", OPERATION, r,

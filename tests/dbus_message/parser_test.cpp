@@ -594,7 +594,7 @@ TEST_F(ParserTest, UnsupportedContentOfAnEnteredVariantGivesZero) {
 }
 
 TEST_F(ParserTest, ContentThatCannotBeSteppedOverIsAFailure) {
-    const BusMessage message = mMessages.Make("v", "ai", 1, 5);
+    const BusMessage message = mMessages.Make("v", "ab", 1, 1);
     const FaultScope scope(fault_sd_bus_message_skip);
     fault_sd_bus_message_skip.Fail(-EBADMSG, 0, 10);
     const LogCapture log;

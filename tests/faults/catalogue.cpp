@@ -218,6 +218,7 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"sd_bus_message_exit_container">(&::sd_bus_message_exit_container,
                                                        {TERN_NEGATIVE(EBUSY), TERN_NEGATIVE(EBADMSG)}),
         MakeFaultable<"sd_bus_message_peek_type">(&::sd_bus_message_peek_type, {TERN_NEGATIVE(EBADMSG)}),
+        MakeFaultable<"sd_bus_message_read_array">(&::sd_bus_message_read_array, {TERN_NEGATIVE(EBADMSG)}),
         MakeFaultable<"sd_bus_message_read_basic">(&::sd_bus_message_read_basic,
                                                    {TERN_NEGATIVE(EBADMSG), TERN_NEGATIVE(ENXIO)}),
         MakeFaultable<"sd_bus_message_skip">(&::sd_bus_message_skip, {TERN_NEGATIVE(EBADMSG)}),
