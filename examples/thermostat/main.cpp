@@ -1,4 +1,3 @@
-#include <pthread.h>
 #include <systemd/sd-daemon.h>
 #include <tern/foundation/composite_runtime.h>
 #include <tern/foundation/log.h>
@@ -8,7 +7,6 @@
 #include <tern/threading/stop_signal.h>
 #include <tern/threading/threads_monitor.h>
 #include <tern/threading/threads_watcher.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -27,18 +25,30 @@
 #include "settings.h"
 #include "target_store.h"
 #include "thermostat_server.h"
+#include "trials.h"
 
 using mwl::StatusCode;
 
 namespace {
 
 constexpr int EXIT_USAGE = 2;
-constexpr int EXIT_TRIAL = 3;
 
-/// For trials: whatever calls it never comes back, not even for a signal.
-[[noreturn]] void HangForEver() {
-    for (;;) {
-        pause();
+/// Says what a person can do about a bus that does not let the service start.
+void ExplainRefusal(StatusCode status) {
+    const char* const name = thermostat::BUS_NAME.c_str();
+    if (status == StatusCode::AlreadyExists) {
+        TERN_LOG_ERROR(thermostat::LOGGER, "The name %s is taken: another instance is running", name);
+    } else if (status == StatusCode::AccessDenied || status == StatusCode::NotPermitted) {
+        TERN_LOG_ERROR(
+            thermostat::LOGGER,
+            "The bus's policy refuses the name %s: is %s.conf installed, and is this the user that "
+            "it names?",
+            name, name);
+    } else if (status == StatusCode::NotFound) {
+        TERN_LOG_ERROR(thermostat::LOGGER, "There is no system bus: is dbus running?");
+    } else {
+        TERN_LOG_ERROR(thermostat::LOGGER, "The system bus cannot be used: %s",
+                       mw::tern::ConvertStatusCodeToString(status).c_str());
     }
 }
 
@@ -55,12 +65,6 @@ int Run(const thermostat::Settings& settings) {
     thermostat::MeasurementChannel channel;
     thermostat::BusReporter reporter(measurements, channel);
     thermostat::MeasurementLog log(measurements, settings.logFolder);
-    if (store.Open() != StatusCode::Ok || log.Open() != StatusCode::Ok) {
-        TERN_LOG_ERROR(thermostat::LOGGER, "The folders %s and %s cannot be used",
-                       settings.stateFolder.c_str(), settings.logFolder.c_str());
-        return EXIT_FAILURE;
-    }
-    room.SetTarget(store.Load().value_or(settings.target));
 
     // The workers: started in this order, stopped in the reverse one.
     thermostat::JobPool pool(watcher, signals);
@@ -80,35 +84,34 @@ int Run(const thermostat::Settings& settings) {
         }
         return stored;
     };
-    actions.exportLog = [&](const std::string& password) {
-        exporter.Export(password);
-        return exporter.GetArchivePath();
+    actions.exportLog = [&](const std::string& password,
+                            const thermostat::ThermostatInterface::ExportDone& done) {
+        return exporter.Export(password,
+                               [&, done](StatusCode result) { done(exporter.GetArchivePath(), result); });
     };
+    thermostat::Trials trials(loop, pool);
     if (settings.debug) {
-        actions.trial = [&](const std::string& what) {
-            if (what == "hang-bus") {
-                HangForEver();
-            } else if (what == "hang-control") {
-                loop.Hang();
-            } else if (what == "hang-pool") {
-                pool.Queue(HangForEver);
-            } else if (what == "fail-control") {
-                loop.Fail();
-            } else if (what == "exit") {
-                _exit(EXIT_TRIAL);
-            } else {
-                return false;
-            }
-            return true;
-        };
+        actions.trial = [&](const std::string& what) { return trials.Begin(what); };
     }
-    thermostat::ThermostatServer server(room, channel, exporter, std::move(actions));
+    bool ownsName = false;
+    const auto openFolders = [&] {
+        ownsName = true;
+        const StatusCode opened = store.Open();
+        const StatusCode status = opened == StatusCode::Ok ? log.Open() : opened;
+        room.SetTarget(store.Load().value_or(settings.target));
+        return status;
+    };
+    thermostat::ThermostatServer server(room, channel, exporter, std::move(actions), openFolders);
     mwl::DBusService::Component service(thermostat::BUS_NAME, monitor, server);
     if (service.Initialize() != StatusCode::Ok) {
         return EXIT_FAILURE;
     }
 
-    const bool serving = service.Start() == StatusCode::Ok;
+    const StatusCode started = service.Start();
+    const bool serving = started == StatusCode::Ok;
+    if (!serving && !ownsName) {
+        ExplainRefusal(started);
+    }
     if (serving) {
         if (workers.Initialize() == StatusCode::Ok && workers.Start() == StatusCode::Ok) {
             sd_notify(0, "READY=1");

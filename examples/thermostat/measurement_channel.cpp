@@ -1,6 +1,11 @@
 #include "measurement_channel.h"
 
 #include <sys/epoll.h>
+#include <systemd/sd-event.h>
+#include <tern/foundation/log.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "names.h"
 
@@ -45,9 +50,16 @@ StatusCode MeasurementChannel::Open(mw::tern::DBusServerManager& manager, mw::te
 }
 
 void MeasurementChannel::Close() {
-    // With the lock held the control loop holds no message: all of them are in the pipes.
+    // A control loop that waits for a blank message comes back at once.
+    mBlank.Close();
+    // With the lock held the control loop holds no message: all of them are in the pipes, or were refused.
     const std::lock_guard lock(mSending);
     mClosed = true;
+    for (sd_bus_message* const message : mRefused) {
+        sd_bus_message_unref(message);
+        --mLent;
+    }
+    mRefused.clear();
     while (mLent > 0) {
         sd_bus_message* message = Take(mFilled, 1);
         if (message == nullptr) {
@@ -58,6 +70,7 @@ void MeasurementChannel::Close() {
             --mLent;
         }
     }
+    mFilled.Close();
 }
 
 bool MeasurementChannel::Send(double celsius) {
@@ -71,7 +84,11 @@ bool MeasurementChannel::Send(double celsius) {
     }
     // Filled or not, it goes back to its thread.
     const int r = sd_bus_message_append(message, "d", celsius);
-    return mFilled.WriteMessage(message) == StatusCode::Ok && r >= 0;
+    if (mFilled.WriteMessage(message) != StatusCode::Ok) {
+        mRefused.push_back(message);
+        return false;
+    }
+    return r >= 0;
 }
 
 StatusCode MeasurementChannel::Lend() {
@@ -92,11 +109,27 @@ StatusCode MeasurementChannel::Lend() {
 
 StatusCode MeasurementChannel::OnFilled() {
     sd_bus_message* message = nullptr;
-    const StatusCode status = mFilled.ReadMessage(message);
-    if (status != StatusCode::Ok) {
-        return status;
+    if (mFilled.ReadMessage(message) != StatusCode::Ok) {
+        return StatusCode::Ok;  // logged; nothing was taken
     }
     --mLent;
+    const int r = Announce(message);
+    sd_bus_message_unref(message);
+    if (r < 0 && ++mLost == 1) {
+        TERN_LOG_WARNING(LOGGER, "Measurements cannot be sent (%d, %s)", r, strerrordesc_np(-r));
+    } else if (r >= 0 && mLost > 0) {
+        TERN_LOG_NOTICE(LOGGER, "Measurements are sent again, %lu were lost", mLost);
+        mLost = 0;
+    }
+    // What could not be lent again, for want of memory, is lent with the next one.
+    while (mLent < BLANK_MESSAGES && Lend() == StatusCode::Ok) {
+    }
+    // Any other result would have the loop switch the pipe off for good, in a service that looks healthy.
+    // Without a single message on its way nothing would come here again: then it fails, and is restarted.
+    return mLent > 0 ? StatusCode::Ok : EndAsFailed();
+}
+
+int MeasurementChannel::Announce(sd_bus_message* message) {
     double celsius = 0.0;
     // Sending seals the message, so that it can be read like a received one.
     int r = sd_bus_send(mBus, message, nullptr);
@@ -106,9 +139,13 @@ StatusCode MeasurementChannel::OnFilled() {
     if (r >= 0) {
         mOnMeasured(mBus, celsius);
     }
-    sd_bus_message_unref(message);
-    const StatusCode lent = Lend();
-    return r < 0 ? mw::tern::MakeStatusCodeFromReturnCode(r) : lent;
+    return r;
+}
+
+StatusCode MeasurementChannel::EndAsFailed() {
+    TERN_LOG_CRITICAL(LOGGER, "No message is left to carry measurements");
+    sd_event_exit(sd_bus_get_event(mBus), -ENOMEM);
+    return StatusCode::OutOfMemory;
 }
 
 }  // namespace thermostat

@@ -18,13 +18,15 @@ double Room::Step() {
         // A boost set meanwhile wins.
         mBoostSteps.compare_exchange_strong(boost, boost - 1);
     }
-    if (boosting || mTemperature < mTarget - HYSTERESIS) {
+    const double before = mTemperature;
+    if (boosting || before < mTarget - HYSTERESIS) {
         mHeating = true;
-    } else if (mTemperature > mTarget + HYSTERESIS) {
+    } else if (before > mTarget + HYSTERESIS) {
         mHeating = false;
     }
-    mTemperature += (OUTSIDE - mTemperature) * LOSS_PER_STEP + (mHeating ? HEATER_PER_STEP : 0.0);
-    return mTemperature;
+    const double after = before + (OUTSIDE - before) * LOSS_PER_STEP + (mHeating ? HEATER_PER_STEP : 0.0);
+    mTemperature = after;
+    return after;
 }
 
 }  // namespace thermostat

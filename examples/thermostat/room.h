@@ -10,9 +10,11 @@ namespace thermostat {
 /// Thread-safe: the control loop steps it, the D-Bus thread sets target and boost.
 class Room {
 public:
-    /// One sampling period passes. Returns the measured temperature in degrees Celsius.
+    /// One sampling period passes. One thread only. Returns the measured temperature in degrees Celsius.
     double Step();
 
+    /// What the sensor shows, in degrees Celsius; before the first step too.
+    double GetTemperature() const { return mTemperature; }
     void SetTarget(double celsius) { mTarget = celsius; }
     double GetTarget() const { return mTarget; }
     /// Heats for this many steps, whatever the target says.
@@ -23,7 +25,7 @@ private:
     std::atomic<double> mTarget{20.0};
     std::atomic<unsigned int> mBoostSteps{0};
     std::atomic<bool> mHeating{false};
-    double mTemperature = 17.0;  ///< touched by Step only
+    std::atomic<double> mTemperature{17.0};  ///< written by Step only
 };
 
 }  // namespace thermostat

@@ -21,8 +21,13 @@ struct Settings {
     bool debug = false;
 };
 
-/// Reads the file at `path`. Ok, or the parser's status, or InvalidArgument (logged) for an attribute that is
-/// not known or has a bad value; `settings` holds what was read before.
+/// Reads the file at `path`.
+///
+/// - Ok: `settings` holds what the file says.
+/// - InvalidArgument: an attribute is not known or has a bad value; logged with its line and what it may be.
+/// - otherwise the parser's status, logged.
+///
+/// After a failure `settings` holds what was read before.
 mw::tern::StatusCode LoadSettings(const std::string& path, Settings& settings);
 
 }  // namespace thermostat

@@ -3,8 +3,11 @@
 #include <systemd/sd-bus.h>
 
 #include <cmath>
+#include <memory>
 
 #include "names.h"
+
+using mw::tern::StatusCode;
 
 namespace thermostat {
 
@@ -12,14 +15,32 @@ namespace {
 
 constexpr unsigned int MAX_BOOST_SECONDS = 3600;
 
+constexpr const char* BUSY_ERROR = "com.example.Thermostat1.Error.Busy";
+
 ThermostatInterface& Self(void* userdata) {
     return *static_cast<ThermostatInterface*>(userdata);
+}
+
+/// Nobody is told of what cannot be sent: whoever called may be gone by now, and a lost bus ends the service.
+void ReplyExportLog(sd_bus_message* call, const std::string& path, StatusCode result) {
+    const std::string status = mw::tern::ConvertStatusCodeToString(result);
+    if (result == StatusCode::Ok) {
+        sd_bus_reply_method_return(call, "s", path.c_str());
+    } else {
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "the archive %s could not be written: %s",
+                                   path.c_str(), status.c_str());
+    }
+    sd_bus_emit_signal(sd_bus_message_get_bus(call), OBJECT_PATH.c_str(), INTERFACE_NAME.c_str(),
+                       "LogExported", "ss", path.c_str(), status.c_str());
 }
 
 }  // namespace
 
 ThermostatInterface::ThermostatInterface(const Room& room, Actions actions)
-    : DBusInterface(INTERFACE_NAME), mRoom(room), mActions(std::move(actions)) {}
+    : DBusInterface(INTERFACE_NAME),
+      mRoom(room),
+      mActions(std::move(actions)),
+      mTemperature(room.GetTemperature()) {}
 
 const sd_bus_vtable* ThermostatInterface::GetVtable() const {
     static const sd_bus_vtable table[] = {
@@ -47,11 +68,6 @@ void ThermostatInterface::SetTemperature(sd_bus* bus, double celsius) {
                                    heatingChanged ? "Heating" : nullptr, nullptr);
 }
 
-void ThermostatInterface::EmitLogExported(sd_bus* bus, const std::string& path, const std::string& status) {
-    sd_bus_emit_signal(bus, OBJECT_PATH.c_str(), INTERFACE_NAME.c_str(), "LogExported", "ss", path.c_str(),
-                       status.c_str());
-}
-
 int ThermostatInterface::OnBoost(sd_bus_message* message, void* userdata, sd_bus_error* error) {
     unsigned int seconds = 0;
     const int r = sd_bus_message_read(message, "u", &seconds);
@@ -75,7 +91,14 @@ int ThermostatInterface::OnExportLog(sd_bus_message* message, void* userdata, sd
     if (*password == '\0') {
         return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "the log is exported only with a password");
     }
-    return sd_bus_reply_method_return(message, "s", Self(userdata).mActions.exportLog(password).c_str());
+    // The reply comes later, so the call is kept: by this thread alone, and no longer than the bus.
+    const std::shared_ptr<sd_bus_message> call(sd_bus_message_ref(message), sd_bus_message_unref);
+    if (!Self(userdata).mActions.exportLog(password, [call](const std::string& path, StatusCode result) {
+            ReplyExportLog(call.get(), path, result);
+        })) {
+        return sd_bus_error_set(error, BUSY_ERROR, "an export is running already, try again when it is done");
+    }
+    return 1;
 }
 
 int ThermostatInterface::OnTrial(sd_bus_message* message, void* userdata, sd_bus_error* error) {

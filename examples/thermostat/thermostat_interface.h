@@ -1,5 +1,6 @@
 #pragma once
 
+#include <tern/foundation/status_code.h>
 #include <tern/service/dbus_interface.h>
 
 #include <functional>
@@ -12,10 +13,10 @@ namespace thermostat {
 /// com.example.Thermostat1: what the thermostat shows on the bus.
 ///
 ///     Boost(u seconds)                heats for a while, whatever the target says
-///     ExportLog(s password) -> s      packs the log folder, encrypted, into the archive that is named
-///     Trial(s what)                   only with debug=1: "hang-bus", "hang-control", "hang-pool",
-///     "fail-control"
-///                                     or "exit"; shows that the service recovers
+///     ExportLog(s password) -> s      packs the log folder, encrypted; replies with the archive's path when
+///                                     it is complete, or with the reason why it is not; one at a time,
+///                                     com.example.Thermostat1.Error.Busy otherwise
+///     Trial(s what)                   only with debug=1: breaks the service (class Trials)
 ///     Temperature d  read-only        last measurement, degrees Celsius
 ///     Target d       read and write   5 to 30 degrees Celsius; anything else is refused
 ///     Heating b      read-only
@@ -25,13 +26,16 @@ namespace thermostat {
 /// D-Bus thread only.
 class ThermostatInterface : public mw::tern::DBusInterface {
 public:
+    using ExportDone = std::function<void(const std::string& path, mw::tern::StatusCode result)>;
+
     /// What the interface asks of the extension; each runs on the D-Bus thread.
     struct Actions {
         std::function<void(unsigned int seconds)> boost;
         /// False when the target could not be stored, and then it has not changed.
         std::function<bool(double celsius)> setTarget;
-        /// Begins an export and names its archive.
-        std::function<std::string(const std::string& password)> exportLog;
+        /// Begins an export, which runs `done` when the archive is complete or has failed.
+        /// False while another one runs.
+        std::function<bool(const std::string& password, ExportDone done)> exportLog;
         /// False for a trial that is not known; empty where trials are not allowed.
         std::function<bool(const std::string& what)> trial;
     };
@@ -44,8 +48,6 @@ public:
 
     /// A new measurement: Temperature (and Heating, when it changed) are announced on the bus.
     void SetTemperature(sd_bus* bus, double celsius);
-    /// An export has ended.
-    static void EmitLogExported(sd_bus* bus, const std::string& path, const std::string& status);
 
 private:
     static int OnBoost(sd_bus_message* message, void* userdata, sd_bus_error* error);
@@ -62,7 +64,7 @@ private:
 
     const Room& mRoom;
     Actions mActions;
-    double mTemperature = 0.0;
+    double mTemperature;
     bool mHeating = false;
 };
 

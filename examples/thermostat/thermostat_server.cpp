@@ -12,13 +12,22 @@ using mw::tern::StatusCode;
 namespace thermostat {
 
 ThermostatServer::ThermostatServer(Room& room, MeasurementChannel& channel, LogExporter& exporter,
-                                   ThermostatInterface::Actions actions)
-    : mRoom(room), mChannel(channel), mExporter(exporter), mActions(std::move(actions)) {}
+                                   ThermostatInterface::Actions actions,
+                                   std::function<StatusCode()> openFolders)
+    : mRoom(room),
+      mChannel(channel),
+      mExporter(exporter),
+      mActions(std::move(actions)),
+      mOpenFolders(std::move(openFolders)) {}
 
 StatusCode ThermostatServer::Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) {
+    StatusCode status = mOpenFolders();
+    if (status != StatusCode::Ok) {
+        return status;
+    }
     auto interface = std::make_unique<ThermostatInterface>(mRoom, mActions);
     ThermostatInterface* const shown = interface.get();
-    StatusCode status = manager.AddDBusObject(OBJECT_PATH);
+    status = manager.AddDBusObject(OBJECT_PATH);
     if (status == StatusCode::Ok) {
         status = manager.AddInterfaceToDBusObject(OBJECT_PATH, shown);
     }
@@ -31,10 +40,7 @@ StatusCode ThermostatServer::Start(mw::tern::DBusServerManager& manager, mw::ter
                                [shown](sd_bus* bus, double celsius) { shown->SetTemperature(bus, celsius); });
     }
     if (status == StatusCode::Ok) {
-        status = mExporter.Open(loop, [this, bus = manager.GetBus()](StatusCode result) {
-            ThermostatInterface::EmitLogExported(bus, mExporter.GetArchivePath(),
-                                                 mw::tern::ConvertStatusCodeToString(result));
-        });
+        status = mExporter.Open(loop);
     }
     return status;
 }
@@ -42,7 +48,9 @@ StatusCode ThermostatServer::Start(mw::tern::DBusServerManager& manager, mw::ter
 void ThermostatServer::Stop() {
     // The library's own notification carries no STATUS=, so systemd shows only that the service is stopping.
     sd_notify(0, "STATUS=Stopping the workers");
+    // No worker may wait in a pipe that nobody reads any more, and messages are released on this thread.
     mChannel.Close();
+    mExporter.Close();
 }
 
 }  // namespace thermostat

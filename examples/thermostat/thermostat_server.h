@@ -2,6 +2,8 @@
 
 #include <tern/service/ipc_server.h>
 
+#include <functional>
+
 #include "log_exporter.h"
 #include "measurement_channel.h"
 #include "room.h"
@@ -13,9 +15,10 @@ namespace thermostat {
 /// end.
 class ThermostatServer : public mwl::DBusService::IpcServer {
 public:
-    /// Room, channel and exporter outlive the server.
+    /// Room, channel and exporter outlive the server. `openFolders` runs first of all when the name is owned:
+    /// until then the folders may belong to another instance that runs.
     ThermostatServer(Room& room, MeasurementChannel& channel, LogExporter& exporter,
-                     ThermostatInterface::Actions actions);
+                     ThermostatInterface::Actions actions, std::function<mw::tern::StatusCode()> openFolders);
 
     mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override;
     void Stop() override;
@@ -25,6 +28,7 @@ private:
     MeasurementChannel& mChannel;
     LogExporter& mExporter;
     ThermostatInterface::Actions mActions;
+    std::function<mw::tern::StatusCode()> mOpenFolders;
 };
 
 }  // namespace thermostat

@@ -1,5 +1,6 @@
 // thermostatctl: looks at the thermostat and sets it, from a shell. Built only on the library.
 
+#include <termios.h>
 #include <tern/dbus_client/command.h>
 #include <tern/dbus_client/dbus_client_manager.h>
 #include <tern/dbus_client/interface_properties_get_all.h>
@@ -7,11 +8,15 @@
 #include <tern/dbus_message/values_list.h>
 #include <tern/service/dbus_server_manager.h>
 #include <tern/service/service_main_loop.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <set>
 #include <string>
 
@@ -33,16 +38,62 @@ constexpr const char* USAGE =
     "  show              all properties of the thermostat\n"
     "  set DEGREES       set the target temperature, 5 to 30 degrees Celsius\n"
     "  boost SECONDS     heat for a while, whatever the target says\n"
-    "  export PASSWORD   have the measurements packed into an encrypted archive, whose path is printed\n"
+    "  export            have the measurements packed into an encrypted archive, whose path is printed; the\n"
+    "                    password is read from standard input, its first line\n"
     "  watch             print changes and measurements until interrupted\n"
     "  --help            this text\n"
     "\n"
     "Exit status: 0 done, 1 the bus or the thermostat refused, 2 wrong use.\n"
     "TERN_LOG_LEVEL=debug shows what the library does.\n";
 
-int Fail(const char* what, StatusCode status) {
-    fprintf(stderr, "thermostatctl: %s: %s\n", what, ConvertStatusCodeToString(status).c_str());
+int Fail(const char* what, const std::string& why) {
+    fprintf(stderr, "thermostatctl: %s: %s\n", what, why.c_str());
     return EXIT_FAILURE;
+}
+
+constexpr const char* NOT_RUNNING =
+    "the thermostat is not running, and the bus does not know how to start it";
+constexpr const char* REFUSED_BY_POLICY =
+    "the bus's policy refuses it: root and members of the group tern-thermostat may";
+constexpr const char* NO_ANSWER = "the thermostat does not answer";
+
+/// What a person can act on, where there is only a status: most failures have one of a few causes.
+std::string Reason(StatusCode status) {
+    mw::tern::DBusClientManager manager;
+    std::set<std::string> names;
+    if (manager.Connect() != StatusCode::Ok ||
+        manager.LookupServices(thermostat::BUS_NAME, names) != StatusCode::Ok) {
+        return "there is no system bus: is dbus running, is DBUS_SYSTEM_BUS_ADDRESS right?";
+    }
+    if (names.find(thermostat::BUS_NAME) == names.end()) {
+        return NOT_RUNNING;
+    }
+    if (status == StatusCode::AccessDenied || status == StatusCode::NotPermitted) {
+        return REFUSED_BY_POLICY;
+    }
+    return status == StatusCode::Timeout ? NO_ANSWER : ConvertStatusCodeToString(status);
+}
+
+/// The same where the answer is an error: the bus's own are told by their cause, the service's as it puts
+/// them.
+std::string Reason(const sd_bus_error& error) {
+    static constexpr const char* CAUSES[][2] = {
+        {SD_BUS_ERROR_SERVICE_UNKNOWN, NOT_RUNNING},
+        {SD_BUS_ERROR_NAME_HAS_NO_OWNER, NOT_RUNNING},
+        {SD_BUS_ERROR_ACCESS_DENIED, REFUSED_BY_POLICY},
+        {SD_BUS_ERROR_NO_REPLY, NO_ANSWER},
+        {SD_BUS_ERROR_TIMEOUT, NO_ANSWER},
+    };
+    for (const auto& [name, text] : CAUSES) {
+        if (strcmp(error.name, name) == 0) {
+            return text;
+        }
+    }
+    return error.message != nullptr ? error.message : error.name;
+}
+
+int Fail(const char* what, StatusCode status) {
+    return Fail(what, Reason(status));
 }
 
 int WrongUse(const std::string& what) {
@@ -64,11 +115,7 @@ public:
         if (status == StatusCode::Ok) {
             return EXIT_SUCCESS;
         }
-        if (mError.message != nullptr) {
-            fprintf(stderr, "thermostatctl: %s: %s\n", what, mError.message);
-            return EXIT_FAILURE;
-        }
-        return Fail(what, status);
+        return sd_bus_error_is_set(&mError) != 0 ? Fail(what, Reason(mError)) : Fail(what, status);
     }
 
 protected:
@@ -104,11 +151,23 @@ class ExportLog : public ThermostatCall {
 public:
     explicit ExportLog(std::string password) : mPassword(std::move(password)) {}
     int CallMethod(sd_bus* bus) override {
+        sd_bus_message* call = nullptr;
         sd_bus_message* reply = nullptr;
         const char* path = nullptr;
-        int r = sd_bus_call_method(bus, thermostat::BUS_NAME.c_str(), thermostat::OBJECT_PATH.c_str(),
-                                   thermostat::INTERFACE_NAME.c_str(), "ExportLog", &mError, &reply, "s",
-                                   mPassword.c_str());
+        int r = sd_bus_message_new_method_call(bus, &call, thermostat::BUS_NAME.c_str(),
+                                               thermostat::OBJECT_PATH.c_str(),
+                                               thermostat::INTERFACE_NAME.c_str(), "ExportLog");
+        if (r >= 0) {
+            r = sd_bus_message_append(call, "s", mPassword.c_str());
+        }
+        if (r >= 0) {
+            // The memory that held the password is cleared when it is given back.
+            r = sd_bus_message_sensitive(call);
+        }
+        if (r >= 0) {
+            // The reply comes when the archive is complete.
+            r = sd_bus_call(bus, call, PATIENCE_US, &mError, &reply);
+        }
         if (r >= 0) {
             r = sd_bus_message_read(reply, "s", &path);
         }
@@ -116,12 +175,67 @@ public:
             puts(path);
         }
         sd_bus_message_unref(reply);
+        sd_bus_message_unref(call);
         return r;
     }
 
 private:
+    static constexpr std::uint64_t PATIENCE_US = 120'000'000;
+
     std::string mPassword;
 };
+
+/// Keeps what is typed from being shown, also when the person gives up with Ctrl-C.
+class HiddenTyping {
+public:
+    HiddenTyping() : mTerminal(tcgetattr(STDIN_FILENO, &gShown) == 0) {
+        if (mTerminal) {
+            termios hidden = gShown;
+            hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            fputs("Password: ", stderr);
+            signal(SIGINT, ShowAndEnd);
+            signal(SIGTERM, ShowAndEnd);
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
+        }
+    }
+    HiddenTyping(const HiddenTyping&) = delete;
+    HiddenTyping& operator=(const HiddenTyping&) = delete;
+    ~HiddenTyping() {
+        if (mTerminal) {
+            Show();
+            signal(SIGINT, SIG_DFL);
+            signal(SIGTERM, SIG_DFL);
+        }
+    }
+
+private:
+    static void Show() {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &gShown);
+        static_cast<void>(write(STDERR_FILENO, "\n", 1) < 0);
+    }
+    static void ShowAndEnd(int number) {
+        Show();
+        signal(number, SIG_DFL);
+        raise(number);
+    }
+
+    static inline termios gShown{};  ///< for the signal handler
+    bool mTerminal;
+};
+
+/// The first line of standard input; false without one.
+bool ReadPassword(std::string& password) {
+    const HiddenTyping hidden;
+    return static_cast<bool>(std::getline(std::cin, password)) && !password.empty();
+}
+
+int Export() {
+    std::string password;
+    if (!ReadPassword(password)) {
+        return Fail("cannot export the log", std::string("no password on standard input"));
+    }
+    return ExportLog(password).Run("cannot export the log");
+}
 
 /// Prints what a thermostat's list can hold; keys begin with the separator.
 void Print(const ValuesList& values) {
@@ -251,8 +365,8 @@ int main(int argc, char* argv[]) {
         fputs(USAGE, stdout);
         return EXIT_SUCCESS;
     }
-    const bool takesOne = command == "set" || command == "boost" || command == "export";
-    if (!takesOne && command != "list" && command != "show" && command != "watch") {
+    const bool takesOne = command == "set" || command == "boost";
+    if (!takesOne && command != "list" && command != "show" && command != "export" && command != "watch") {
         return WrongUse("unknown command '" + command + "'");
     }
     if (arguments != (takesOne ? 1 : 0)) {
@@ -268,7 +382,7 @@ int main(int argc, char* argv[]) {
         return Set(argv[2]);
     }
     if (command == "export") {
-        return ExportLog(argv[2]).Run("cannot export the log");
+        return Export();
     }
     return command == "boost" ? BoostFor(argv[2]) : Watch();
 }

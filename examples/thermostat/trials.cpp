@@ -1,0 +1,37 @@
+#include "trials.h"
+
+#include <unistd.h>
+
+namespace thermostat {
+
+namespace {
+
+constexpr int EXIT_TRIAL = 3;
+
+/// Whoever calls it never comes back, not even for a signal.
+[[noreturn]] void HangForEver() {
+    for (;;) {
+        pause();
+    }
+}
+
+}  // namespace
+
+bool Trials::Begin(const std::string& what) {
+    if (what == "hang-bus") {
+        HangForEver();
+    } else if (what == "hang-control") {
+        mLoop.Hang();
+    } else if (what == "hang-pool") {
+        mPool.Queue(HangForEver);
+    } else if (what == "fail-control") {
+        mLoop.Fail();
+    } else if (what == "exit") {
+        _exit(EXIT_TRIAL);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace thermostat
