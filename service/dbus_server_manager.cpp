@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 #include "foundation/error_text.h"
+#include "foundation/handle.h"
 
 namespace mw::tern {
 
@@ -14,22 +16,34 @@ using mwl::ErrorText;
 
 namespace {
 
-/// Sees every message, which costs each of them a fifth of what a match rule does. The signal is sd-bus's
-/// own: it refuses one that a peer sends by this interface. The loop comes as user data: the connection has
-/// left it when it is lost.
-int OnMessage(sd_bus_message* message, void* event, sd_bus_error*) {
-    if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") <= 0) {
+/// Runs before each wait of the loop. A connection that is lost, or closed by anybody, has left its loop by
+/// then; so none of the filters and matches that see the signal of it can keep the service alive. A
+/// filter, from which one of the application's could hide the signal, costs a call some 200 instructions
+/// less, which its processor time does not show.
+int EndWhenDetached(sd_event_source* source, void* bus) {
+    if (sd_bus_get_event(static_cast<sd_bus*>(bus)) != nullptr) {
         return 0;
     }
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
-    return sd_event_exit(static_cast<sd_event*>(event), -ECONNRESET);
+    return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
+}
+
+int NeverCalled(sd_event_source*, uint64_t, void*) {
+    return 0;
 }
 
 }  // namespace
 
-DBusServerManager::DBusServerManager(const std::string& name) : mName(name) {}
+struct DBusServerManager::State {
+    /// Has the loop look at the connection: a timer that never expires.
+    mwl::Handle<sd_event_source, sd_event_source_disable_unref> lossWatch;
+};
+
+DBusServerManager::DBusServerManager(const std::string& name)
+    : mName(name), mState(std::make_unique<State>()) {}
 
 DBusServerManager::~DBusServerManager() {
+    mState->lossWatch.reset();
     sd_bus_unref(mBus);
 }
 
@@ -54,12 +68,19 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     if (loop.GetEvent() == nullptr) {
         return MakeStatusCodeFromReturnCode(-EINVAL);
     }
-    int r = sd_bus_attach_event(mBus, loop.GetEvent(), SD_EVENT_PRIORITY_NORMAL);
+    sd_event_source* source = nullptr;
+    int r = sd_event_add_time(loop.GetEvent(), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, mBus);
+    decltype(State::lossWatch) lossWatch(source);
     if (r >= 0) {
-        r = sd_bus_add_filter(mBus, nullptr, OnMessage, loop.GetEvent());
+        r = sd_event_source_set_prepare(source, EndWhenDetached);
+    }
+    if (r >= 0) {
+        r = sd_bus_attach_event(mBus, loop.GetEvent(), SD_EVENT_PRIORITY_NORMAL);
     }
     if (r < 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to attach event loop (%d, %s)", r, ErrorText(-r));
+    } else {
+        mState->lossWatch = std::move(lossWatch);
     }
     return MakeStatusCodeFromReturnCode(r);
 }

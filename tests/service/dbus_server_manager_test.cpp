@@ -28,9 +28,12 @@ using testing::IsEmpty;
 
 TERN_INTERPOSE(int, sd_bus_attach_event, (sd_bus * bus, sd_event* event, int priority),
                (bus, event, priority))
-TERN_INTERPOSE(int, sd_bus_add_filter,
-               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message_handler_t handler, void* userdata),
-               (bus, slot, handler, userdata))
+TERN_INTERPOSE(int, sd_event_add_time,
+               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
+                sd_event_time_handler_t handler, void* userdata),
+               (event, source, clock, time, accuracy, handler, userdata))
+TERN_INTERPOSE(int, sd_event_source_set_prepare, (sd_event_source * source, sd_event_handler_t handler),
+               (source, handler))
 TERN_INTERPOSE(sd_bus*, sd_bus_unref, (sd_bus * bus), (bus))
 
 namespace {
@@ -50,7 +53,22 @@ Bus OpenPeer() {
 class TestLoop : public EventLoop {
 public:
     TestLoop() { sd_event_new(&mEvent); }
-    int Run() { return sd_event_loop(mEvent); }
+    /// Until something ends the loop; a test that waits in vain sees STUCK.
+    int Run() {
+        sd_event_source* limit = nullptr;
+        EXPECT_GE(sd_event_add_time_relative(
+                      mEvent, &limit, CLOCK_MONOTONIC,
+                      std::chrono::microseconds(tern::test::GENEROUS_LIMIT).count(), 0,
+                      [](sd_event_source* source, uint64_t, void*) {
+                          return sd_event_exit(sd_event_source_get_event(source), STUCK);
+                      },
+                      nullptr),
+                  0);
+        const int r = sd_event_loop(mEvent);
+        sd_event_source_unref(limit);
+        return r;
+    }
+    static constexpr int STUCK = 77;
 };
 
 /// An interface with one property, whose value sd-bus reads and writes in place, and one method.
@@ -287,13 +305,21 @@ TEST_F(DBusServerManagerTest, AttachReportsSdBusErrors) {
         EXPECT_EQ(manager.AttachLoop(loop), StatusCode::OutOfMemory);
     }
     {
-        const FaultScope scope(fault_sd_bus_add_filter);
-        fault_sd_bus_add_filter.Fail(-ETIMEDOUT);
-        EXPECT_EQ(manager.AttachLoop(loop), StatusCode::Timeout);
+        const FaultScope scope(fault_sd_event_add_time);
+        fault_sd_event_add_time.Fail(-EMFILE);
+        EXPECT_EQ(manager.AttachLoop(loop), StatusCode::ResourceUnavailable);
+    }
+    {
+        const FaultScope scope(fault_sd_event_source_set_prepare);
+        fault_sd_event_source_set_prepare.Fail(-ENOMEM);
+        EXPECT_EQ(manager.AttachLoop(loop), StatusCode::OutOfMemory);
     }
     EXPECT_THAT(mLog.Entries(),
                 ElementsAre(Error("Service", "Failed to attach event loop (-12, Cannot allocate memory)"),
-                            Error("Service", "Failed to attach event loop (-110, Connection timed out)")));
+                            Error("Service", "Failed to attach event loop (-24, Too many open files)"),
+                            Error("Service", "Failed to attach event loop (-12, Cannot allocate memory)")));
+    EXPECT_EQ(sd_bus_get_event(manager.GetBus()), nullptr);
+    EXPECT_EQ(manager.AttachLoop(loop), StatusCode::Ok) << "may be tried again";
 }
 
 TEST_F(DBusServerManagerTest, LostBusEndsTheLoopWithANegativeCode) {
@@ -303,6 +329,84 @@ TEST_F(DBusServerManagerTest, LostBusEndsTheLoopWithANegativeCode) {
     ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
     mBus.Kill();
     EXPECT_EQ(loop.Run(), -ECONNRESET);
+}
+
+int Swallow(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+        ++*static_cast<int*>(userdata);
+    }
+    return 1;
+}
+
+// A filter of the application that takes the signal for itself once left the service alive and deaf.
+TEST_F(DBusServerManagerTest, LostBusEndsTheLoopWhateverAFilterHides) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    int seen = 0;
+    ASSERT_GE(sd_bus_add_filter(manager.GetBus(), nullptr, Swallow, &seen), 0);
+    mBus.Kill();
+    EXPECT_EQ(loop.Run(), -ECONNRESET);
+    EXPECT_EQ(seen, 1) << "the application is still told";
+}
+
+TEST_F(DBusServerManagerTest, LostBusEndsTheLoopWhateverAMatchHides) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    int seen = 0;
+    ASSERT_EQ(
+        manager.AddMatch(nullptr, "type='signal',interface='org.freedesktop.DBus.Local'", Swallow, &seen),
+        StatusCode::Ok);
+    mBus.Kill();
+    EXPECT_EQ(loop.Run(), -ECONNRESET);
+    EXPECT_EQ(seen, 1);
+}
+
+TEST_F(DBusServerManagerTest, WhoeverWaitsForAReplyIsToldBeforeTheLoopEnds) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    // Nobody answers this one: its name is the caller's own, and the loop does not run.
+    const char* self = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(manager.GetBus(), &self), 0);
+    std::string error;
+    ASSERT_GE(sd_bus_call_method_async(
+                  manager.GetBus(), nullptr, self, "/", "com.example.Nothing", "Nothing",
+                  [](sd_bus_message* reply, void* text, sd_bus_error*) {
+                      *static_cast<std::string*>(text) = sd_bus_message_get_error(reply)->name;
+                      return 0;
+                  },
+                  &error, nullptr),
+              0);
+    mBus.Kill();
+    EXPECT_EQ(loop.Run(), -ECONNRESET);
+    EXPECT_EQ(error, SD_BUS_ERROR_NO_REPLY);
+}
+
+// sd-bus tells nobody when the connection is closed from this side.
+TEST_F(DBusServerManagerTest, ConnectionClosedByTheApplicationEndsTheLoop) {
+    TestLoop loop;
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    sd_bus_close(manager.GetBus());
+    EXPECT_EQ(loop.Run(), -ECONNRESET);
+}
+
+TEST_F(DBusServerManagerTest, LoopOutlivesTheManagerThatUsedIt) {
+    TestLoop loop;
+    {
+        DBusServerManager manager(NAME);
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        ASSERT_EQ(manager.AttachLoop(loop), StatusCode::Ok);
+    }
+    EXPECT_EQ(sd_event_run(loop.GetEvent(), 0), 0) << "nothing of the connection is left in it";
+    int code = 0;
+    EXPECT_EQ(sd_event_get_exit_code(loop.GetEvent(), &code), -ENODATA) << "nor is its end a loss";
 }
 
 TEST_F(DBusServerManagerTest, PathsAreUnique) {

@@ -8,6 +8,7 @@
 #include <tern/service/event_loop.h>
 
 #include <list>
+#include <memory>
 #include <string>
 
 namespace mw::tern {
@@ -35,8 +36,10 @@ public:
     /// whose name request failed is kept.
     StatusCode Connect();
 
-    /// Has the loop drive the connection (sd_bus_attach_event(3)) and end with a negative exit code when the
-    /// connection is lost, so that a deaf service is restarted instead of running on.
+    /// Has the loop drive the connection (sd_bus_attach_event(3)) and end with the exit code -ECONNRESET when
+    /// the connection is lost, so that a deaf service is restarted instead of running on: whatever filters
+    /// and matches the application installs, and also when the connection is closed or taken from the loop on
+    /// this side. Whoever waits for a reply is told first, and "Disconnected" is dispatched.
     /// Ok; InvalidArgument when the loop has not been made or nothing is connected; otherwise the status of
     /// sd-bus's error.
     StatusCode AttachLoop(EventLoop& loop);
@@ -72,6 +75,8 @@ private:
     std::string mName;
     std::list<DBusObjectSkeleton> mObjects;
     sd_bus* mBus = nullptr;
+    struct State;
+    std::unique_ptr<State> mState;
 };
 
 }  // namespace mw::tern
