@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <tern/foundation/log.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -48,52 +49,58 @@ StatusCode OutputStream::Open(UniqueFd pipe) {
         TERN_LOG_ERROR(LOGGER, "Not able to set open stream as non-blocking: %s", ErrorText(error));
         return mw::tern::MakeStatusCodeFromErrno(error);
     }
-    // Unbuffered: the chunk below is the buffer, and what the pipe holds is always what is left to read.
-    static_cast<void>(setvbuf(mStream.get(), nullptr, _IONBF, 0));
     mFd = fd;
     return StatusCode::Ok;
 }
 
-void OutputStream::Read() {
-    if (mFd >= 0) {
-        ReadUpTo(PASS_LIMIT);
+void OutputStream::Read(Clock::time_point until) {
+    const std::size_t end = mOutput.size() + PASS_LIMIT;
+    // What an earlier call had no time for comes first.
+    bool more = TraceLines(false, until);
+    while (more && mFd >= 0 && mOutput.size() < end) {
+        more = ReadChunk(end - mOutput.size());
+        more = TraceLines(!more, until) && more;
     }
 }
 
-void OutputStream::ReadRest() {
+void OutputStream::ReadRest(Clock::time_point until) {
     int available = 0;
     if (mFd >= 0) {
         // Not known how much: rather something that is written meanwhile than nothing.
         const bool isKnown = ioctl(mFd, FIONREAD, &available) == 0;
-        ReadUpTo(isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
-    }
-    TraceLines(true);
-}
-
-void OutputStream::ReadUpTo(std::size_t limit) {
-    bool empty = false;
-    while (limit > 0 && !empty) {
-        const std::size_t wanted = std::min(limit, CHUNK);
-        const std::size_t count = fread(mBuffer.get(), 1, wanted, mStream.get());
-        const int error = errno;
-        mOutput.append(mBuffer.get(), count);
-        limit -= count;
-        if (count < wanted) {
-            const bool failed = ferror(mStream.get()) != 0;
-            clearerr(mStream.get());
-            empty = !(failed && error == EINTR);
-            if (empty && !(failed && error == EAGAIN)) {
-                mFd = -1;  // its end: polled no more; the stream still owns it
-            }
+        const std::size_t end = mOutput.size() + (isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
+        while (mFd >= 0 && mOutput.size() < end && ReadChunk(end - mOutput.size())) {
         }
     }
-    TraceLines(empty);
+    if (!TraceLines(true, until)) {
+        TERN_LOG_TRACE(LOGGER, "Line %d and the following, %zu bytes, are not logged: the time is up", mLine,
+                       mOutput.size() - mTraced);
+    }
 }
 
-void OutputStream::TraceLines(bool all) {
+bool OutputStream::ReadChunk(std::size_t limit) {
+    ssize_t count = 0;
+    do {
+        count = read(mFd, mBuffer.get(), std::min(limit, CHUNK));
+    } while (count < 0 && errno == EINTR);
+    if (count > 0) {
+        mOutput.append(mBuffer.get(), static_cast<std::size_t>(count));
+        return true;
+    }
+    if (count < 0 && errno == EAGAIN) {
+        return false;
+    }
+    if (count < 0) {
+        TERN_LOG_ERROR(LOGGER, "Not able to read the output any further: %s", ErrorText(errno));
+    }
+    mFd = -1;  // polled no more; the stream still owns it
+    return false;
+}
+
+bool OutputStream::TraceLines(bool all, Clock::time_point until) {
     if (!ProcessLogger::Writes(TRACE_LEVEL)) {
         mTraced = mOutput.size();
-        return;
+        return true;
     }
     while (mTraced < mOutput.size()) {
         const char* const begin = mOutput.data() + mTraced;
@@ -101,12 +108,16 @@ void OutputStream::TraceLines(bool all) {
         const auto* const newline = static_cast<const char*>(memchr(begin, '\n', length));
         const std::size_t size = newline != nullptr ? static_cast<std::size_t>(newline - begin) + 1 : length;
         if (newline == nullptr && size < PIECE && !all) {
-            return;
+            return true;
+        }
+        if (Clock::now() >= until) {
+            return false;
         }
         TERN_LOG_TRACE(LOGGER, "Line %d: %s", mLine, std::string(begin, size).c_str());
         ++mLine;
         mTraced += size;
     }
+    return true;
 }
 
 }  // namespace mwl::ProcessExecution

@@ -2,6 +2,7 @@
 
 #include <tern/foundation/status_code.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <memory>
@@ -13,9 +14,12 @@
 namespace mwl::ProcessExecution {
 
 /// Reads a program's output from its pipe without blocking and appends it to a string. At debug level each
-/// line is logged, in pieces of at most 127 bytes, numbered from 0. One thread at a time.
+/// line is logged, in pieces of at most 127 bytes, numbered from 0; as logging may take far longer than
+/// reading, it is what the time given is for. One thread at a time.
 class OutputStream {
 public:
+    using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
+
     /// `output` is what is appended to; it must outlive the stream, and nobody else may change it meanwhile.
     explicit OutputStream(std::string& output);
 
@@ -26,20 +30,23 @@ public:
     /// The descriptor to be polled for reading, -1 at its end.
     int GetDescriptor() const { return mFd; }
     /// Reads what is there now, at most 1 MiB, so that a program that never stops writing cannot hold the
-    /// reader.
-    void Read();
-    /// Reads what is there now, and nothing that is written meanwhile: all that an ended program left.
-    void ReadRest();
+    /// reader. Reads no further than it has logged, and logs no line after `until`: the next call goes on.
+    void Read(Clock::time_point until);
+    /// Reads what is there now, and nothing that is written meanwhile: all that an ended program left. Lines
+    /// that are not logged by `until` are summed up in one.
+    void ReadRest(Clock::time_point until);
 
 private:
-    void ReadUpTo(std::size_t limit);
+    /// Appends up to `limit` bytes, at most a chunk; false when there is no more for now.
+    bool ReadChunk(std::size_t limit);
     /// Logs the complete pieces of what has not been logged yet, with `all` the last incomplete one too.
-    void TraceLines(bool all);
+    /// False when the time was up before.
+    bool TraceLines(bool all, Clock::time_point until);
 
     std::string& mOutput;
     std::size_t mTraced;  ///< where in mOutput the next line to be logged begins
     int mLine = 0;
-    Handle<FILE, fclose> mStream;
+    Handle<FILE, fclose> mStream;  ///< owns the descriptor; nothing is read through it
     int mFd = -1;
     const std::unique_ptr<char[]> mBuffer;
 };

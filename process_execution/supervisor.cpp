@@ -18,6 +18,7 @@ namespace {
 
 /// Longest wait of one pass, in milliseconds. An event ends it earlier.
 constexpr int PASS_MS = 100;
+constexpr std::chrono::milliseconds PASS{PASS_MS};
 
 }  // namespace
 
@@ -36,9 +37,9 @@ StatusCode Supervisor::Run(int& waitStatus) {
             over = true;
         }
         if (over) {
-            mOutput.ReadRest();
+            mOutput.ReadRest(std::max(Clock::now(), EndOfTime()) + PASS);
         } else {
-            mOutput.Read();
+            mOutput.Read(std::min(Clock::now() + PASS, EndOfTime()));
             if (feed) {
                 mInput.Feed();
             }
@@ -50,6 +51,10 @@ StatusCode Supervisor::Run(int& waitStatus) {
 
 std::int64_t Supervisor::ElapsedMs() const {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - mStart).count();
+}
+
+Supervisor::Clock::time_point Supervisor::EndOfTime() const {
+    return mStart + std::chrono::milliseconds(mTimeoutMs + 1);
 }
 
 bool Supervisor::WaitForEvent() {

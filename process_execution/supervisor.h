@@ -21,14 +21,16 @@ public:
     Supervisor(const std::string& name, unsigned int timeoutMs, ChildProcess& child, InputFeeder& input,
                OutputStream& output);
 
-    /// Blocks until the end, at most for the time limit. Every failure is logged; the last one's status is
-    /// returned. `waitStatus` is as of waitpid(2), SIGKILL's for a program whose time was up.
+    /// Blocks until the end, at most for the time limit and a pass. Every failure is logged; the last one's
+    /// status is returned. `waitStatus` is as of waitpid(2), SIGKILL's for a program whose time was up.
     StatusCode Run(int& waitStatus);
 
 private:
-    using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
+    using Clock = OutputStream::Clock;
 
     std::int64_t ElapsedMs() const;
+    /// The moment at which the time is up.
+    Clock::time_point EndOfTime() const;
     /// Waits for the next event; true when the input may take more.
     bool WaitForEvent();
     int NextWaitMs();

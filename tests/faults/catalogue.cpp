@@ -64,7 +64,6 @@ const Failure PARTIAL{Way::Partial, 0, "partial"};
 const Failure BAD_ALLOC{Way::BadAlloc, 0, "bad_alloc"};
 const Failure NO_THREAD{Way::SystemError, EAGAIN, "system_error"};
 const Failure STREAM_ERROR{Way::Nothing, EIO, "EIO"};
-const Failure STREAM_INTERRUPTED{Way::Nothing, EINTR, "EINTR"};
 const Failure STREAM_FULL{Way::Nothing, ENOSPC, "ENOSPC"};
 
 /// As the code passes them: signatures of functions with variable arguments, and of those whose own would
@@ -131,11 +130,9 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"fdopen">(&::fdopen, {TERN_ERRNO(ENOMEM), TERN_ERRNO(EINVAL)}),
         MakeFaultable<"fileno">(&::fileno, {TERN_ERRNO(EBADF)}),
         MakeFaultable<"fopen">(&::fopen, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(EMFILE)}),
-        MakeFaultable<"fread">(&::fread, {STREAM_ERROR, STREAM_INTERRUPTED}),
         MakeFaultable<"fwrite">(&::fwrite, {STREAM_FULL, STREAM_ERROR}),
         MakeFaultable<"__getdelim">(GetDelimited{}, {TERN_ERRNO(EIO), TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"getline">(&::getline, {TERN_ERRNO(EIO), TERN_ERRNO(ENOMEM)}),
-        MakeFaultable<"setvbuf">(&::setvbuf, {TERN_ERRNO(ENOMEM)}),
 
         // Files and folders.
         MakeFaultable<"chmod">(&::chmod, {TERN_ERRNO(EPERM), TERN_ERRNO(EROFS), TERN_ERRNO(EIO)}),

@@ -19,7 +19,7 @@ struct Statement {
 constexpr const char* LEFT_ALONE =
     "a program whose run ended early by a failure is neither killed nor waited for";
 constexpr const char* INPUT_LOST = "input that a program does not take is told at info level";
-constexpr const char* END_OF_OUTPUT = "an error of the output's stream counts as its end";
+constexpr const char* END_OF_OUTPUT = "what ends the reading of the output counts as its end";
 constexpr const char* SHORT_ENTRY = "an entry shorter than it claims is written with zeros behind it";
 constexpr const char* UNKNOWN_ENTRY = "an entry that libzip cannot describe is left out";
 
@@ -31,8 +31,9 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "command-with-input", "write", "EIO", INPUT_LOST},
     {"SILENT", "command-with-input", "write", "EPIPE", INPUT_LOST},
     {"SILENT", "command-with-input", "write", "ENOSPC", INPUT_LOST},
-    {"SILENT", "command-with-input", "fread", "*", END_OF_OUTPUT},
-    {"LEFTOVER", "command-with-input", "fread", "*", "a program killed at its time limit is not waited for"},
+    {"SILENT", "command-with-input", "read", "nothing", END_OF_OUTPUT},
+    {"SILENT", "command-with-input", "read", "EAGAIN", END_OF_OUTPUT},
+    {"LEFTOVER", "command-with-input", "read", "*", "a program killed at its time limit is not waited for"},
     {"LEFTOVER", "command-with-input", "fdopen", "*", LEFT_ALONE},
     {"LEFTOVER", "command-with-input", "fileno", "*", LEFT_ALONE},
     {"LEFTOVER", "command-with-input", "fcntl", "*", LEFT_ALONE},

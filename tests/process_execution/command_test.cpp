@@ -40,9 +40,7 @@ TERN_INTERPOSE(int, _exit, (int status), (status))
 TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 TERN_INTERPOSE(FILE*, fdopen, (int fd, const char* mode), (fd, mode))
 TERN_INTERPOSE(int, fileno, (FILE * stream), (stream))
-TERN_INTERPOSE(size_t, fread, (void* data, size_t size, size_t count, FILE* stream),
-               (data, size, count, stream))
-TERN_INTERPOSE(int, ferror, (FILE * stream), (stream))
+TERN_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
 TERN_INTERPOSE(int, poll, (pollfd * events, nfds_t count, int timeout), (events, count, timeout))
 TERN_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 TERN_INTERPOSE(int, kill, (pid_t pid, int number), (pid, number))
@@ -707,8 +705,8 @@ TEST_F(CommandTest, TheTimeLimitHoldsForAProgramThatNeverStopsWriting) {
 // writes on.
 TEST_F(CommandTest, APassReadsABoundedAmount) {
     FaultScope pollScope(fault_poll);
-    FaultScope readScope(fault_fread);
-    for (const char* const script : {"exec yes", "yes & exit 4"}) {
+    FaultScope readScope(fault_read);
+    for (const char* const script : {"exec yes", "yes & sleep 0.1; exit 4"}) {
         std::size_t amount = 0;
         std::size_t largest = 0;
         fault_poll.Replace(
@@ -717,26 +715,21 @@ TEST_F(CommandTest, APassReadsABoundedAmount) {
                 return fault_poll.Real(events, count, timeoutMs);
             },
             1000000);
-        fault_fread.Replace(
-            [&](void* data, std::size_t size, std::size_t count, FILE* stream) {
-                std::size_t taken = 0;
+        fault_read.Replace(
+            [&](int fd, void* data, std::size_t size) {
+                ssize_t taken = 0;
                 // Four times the bound: a reader without one has shown itself by then.
-                while (taken < count && amount < 4 * MIB) {
-                    clearerr(stream);
-                    const std::size_t more =
-                        fault_fread.Real(static_cast<char*>(data) + taken, size, count - taken, stream);
-                    taken += more;
-                    amount += more;
-                }
+                do {
+                    taken = fault_read.Real(fd, data, size);
+                } while (taken < 0 && errno == EAGAIN && amount < 4 * MIB);
+                amount += taken > 0 ? static_cast<std::size_t>(taken) : 0;
                 largest = std::max(largest, amount);
-                if (taken < count) {
-                    errno = EAGAIN;
-                }
                 return taken;
             },
             1000000);
         EXPECT_EQ(RunScript(script, "", 200).status, StatusCode::Ok);
         EXPECT_LE(largest, MIB) << script;
+        EXPECT_GT(largest, 0U);
         ReapChildren();
     }
 }
@@ -813,6 +806,65 @@ TEST_F(CommandTest, NoWaitGoesBeyondTheTimeLimit) {
     FixElapsed(0);
     EXPECT_EQ(Command::RunWithInput("/bin/sleep", "", "0.1", output, exitCode, 150), StatusCode::Ok);
     EXPECT_THAT(waits, Each(100));
+}
+
+// Logging a line takes longer than reading it, and the lines of one read are many.
+TEST_F(CommandTest, TheTimeLimitHoldsWhileShortLinesAreLogged) {
+    LogCapture log;
+    const Outcome outcome = RunScript("exec yes ''", "", 60);
+    EXPECT_EQ(outcome.status, StatusCode::Ok);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_LE(outcome.elapsed, std::chrono::milliseconds(60 + 100) + tern::test::TOLERANCE);
+    EXPECT_EQ(log.Count(Error(NAME, "Command [sh] aborted by timeout 60ms")), 1U);
+    EXPECT_FALSE(Lines(log).empty());
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+/// Lets a millisecond pass between any two looks at the clock.
+void PassAMillisecondAtEachLook() {
+    timespec now{};
+    static_cast<void>(fault_clock_gettime.Real(CLOCK_MONOTONIC, &now));
+    fault_clock_gettime.Replace(
+        [now](clockid_t clock, timespec* time) mutable {
+            if (clock != CLOCK_MONOTONIC) {
+                return fault_clock_gettime.Real(clock, time);
+            }
+            now.tv_nsec += 1000000;
+            if (now.tv_nsec >= 1000000000) {
+                now.tv_nsec -= 1000000000;
+                ++now.tv_sec;
+            }
+            *time = now;
+            return 0;
+        },
+        1000000);
+}
+
+TEST_F(CommandTest, TheTimeIsLookedAtBeforeEachLoggedLine) {
+    LogCapture log;
+    FaultScope pollScope(fault_poll);
+    FaultScope clockScope(fault_clock_gettime);
+    fault_poll.Replace(PollAfterTheEnd);
+    PassAMillisecondAtEachLook();
+    // All of it is read; of the lines those are logged for which there is time.
+    ExpectEnd(RunScript("yes '' | head -c 20000", "", 60), 0, std::string(20000, '\n'));
+    const std::size_t logged = Lines(log).size() - 1;
+    EXPECT_GE(logged, 100U);
+    EXPECT_LE(logged, 160U);
+    EXPECT_EQ(Lines(log).back(),
+              Trace(NAME, "Line " + std::to_string(logged) + " and the following, " +
+                              std::to_string(20000 - logged) + " bytes, are not logged: the time is up"));
+}
+
+// A line for which a pass has no time is logged in the next.
+TEST_F(CommandTest, LinesOfALongOutputAreAllLoggedWithinTheTimeLimit) {
+    LogCapture log;
+    FaultScope scope(fault_clock_gettime);
+    PassAMillisecondAtEachLook();
+    ExpectEnd(RunScript("yes '' | head -c 20000"), 0, std::string(20000, '\n'));
+    const std::vector<LogEntry> lines = Lines(log);
+    ASSERT_EQ(lines.size(), 20000U);
+    EXPECT_EQ(lines.back(), Trace(NAME, "Line 19999: \n"));
 }
 
 // The operations for one run
@@ -1106,17 +1158,29 @@ TEST_F(CommandTest, AFailingKill) {
 }
 
 TEST_F(CommandTest, AnInterruptedReadLosesNothing) {
-    FaultScope readScope(fault_fread);
-    FaultScope errorScope(fault_ferror);
-    fault_fread.Replace(
-        [](void* data, std::size_t size, std::size_t, FILE* stream) {
-            const std::size_t taken = fault_fread.Real(data, size, 2, stream);
-            errno = EINTR;
-            return taken;
-        },
-        3);
-    fault_ferror.Fail(1, 0, 3);
+    FaultScope scope(fault_read);
+    fault_read.Fail(-1, EINTR, 3);
     ExpectEnd(RunScript("echo some text"), 0, "some text\n");
+    EXPECT_GE(fault_read.Calls(), 4);
+}
+
+// Its program may then wait in a full pipe for ever: the time limit ends it.
+TEST_F(CommandTest, AnOutputThatCannotBeReadIsToldOf) {
+    LogCapture log;
+    FaultScope scope(fault_read);
+    fault_read.Replace(
+        [](int fd, void* data, std::size_t size) {
+            if (size < 1000) {  // not the output's
+                return fault_read.Real(fd, data, size);
+            }
+            errno = EIO;
+            return ssize_t{-1};
+        },
+        1000000);
+    const Outcome outcome = RunScript("echo some text; sleep 0.1");
+    EXPECT_EQ(outcome.status, StatusCode::Ok);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(log.Count(Error(NAME, "Not able to read the output any further: Input/output error")), 1U);
 }
 
 // The rest of the hazards
