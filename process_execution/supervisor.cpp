@@ -30,9 +30,10 @@ StatusCode Supervisor::Run(int& waitStatus) {
     bool over = false;
     while (!over) {
         const bool feed = WaitForEvent();
-        if (ElapsedMs() <= mTimeoutMs) {
-            over = CheckEnd();
-        } else {
+        const bool inTime = ElapsedMs() <= mTimeoutMs;
+        // Also when the time is up: the program may have ended while this process was stopped.
+        over = CheckEnd(inTime);
+        if (!over && !inTime) {
             KillOnTimeout();
             over = true;
         }
@@ -87,7 +88,7 @@ int Supervisor::NextWaitMs() {
     return static_cast<int>(std::clamp<std::int64_t>(leftMs, 0, waitMs));
 }
 
-bool Supervisor::CheckEnd() {
+bool Supervisor::CheckEnd(bool inTime) {
     const pid_t pid = mChild.GetPid();
     const pid_t ended = waitpid(pid, &mWaitStatus, WNOHANG);
     if (ended < 0) {
@@ -101,7 +102,9 @@ bool Supervisor::CheckEnd() {
         TERN_LOG_TRACE(LOGGER, "PID[%d] Process completed, exit status [%d]", pid, mWaitStatus);
         return true;
     }
-    TERN_LOG_TRACE(LOGGER, "PID[%d] Process running, status [%d]", pid, mWaitStatus);
+    if (inTime) {
+        TERN_LOG_TRACE(LOGGER, "PID[%d] Process running, status [%d]", pid, mWaitStatus);
+    }
     return false;
 }
 

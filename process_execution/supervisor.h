@@ -35,7 +35,7 @@ private:
     bool WaitForEvent();
     int NextWaitMs();
     /// Looks whether the program has ended; true when the run is over.
-    bool CheckEnd();
+    bool CheckEnd(bool inTime);
     void KillOnTimeout();
 
     const std::string& mName;

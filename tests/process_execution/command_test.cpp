@@ -867,6 +867,55 @@ TEST_F(CommandTest, LinesOfALongOutputAreAllLoggedWithinTheTimeLimit) {
     EXPECT_EQ(lines.back(), Trace(NAME, "Line 19999: \n"));
 }
 
+// The caller is stopped (SIGSTOP, the freezer) from before the program's end until after the time limit.
+TEST_F(CommandTest, AProgramThatEndedInTimeIsNotAbortedThoughItsCallerWasStopped) {
+    const tern::test::ChildResult result = tern::test::RunInChild([] {
+        const Outcome outcome = RunScript(
+            "(sleep 2.5; kill -CONT $PPID) >&- 2>&- & echo done; kill -STOP $PPID; exit 5", "", 2000);
+        return outcome.status == StatusCode::Ok && outcome.elapsed.count() > 2000 &&
+                       outcome.output == "done\n"
+                   ? outcome.exitCode
+                   : 100;
+    });
+    EXPECT_EQ(result.exitCode, 5);
+    EXPECT_THAT(result.log, Not(Contains(Error(NAME, "Command [sh] aborted by timeout 2000ms"))));
+    EXPECT_THAT(result.log, Contains(Trace(NAME, "Line 0: done\n")));
+}
+
+TEST_F(CommandTest, TheLastLookBeforeTheKillFindsAnEndedProgram) {
+    LogCapture log;
+    FaultScope pollScope(fault_poll);
+    FaultScope clockScope(fault_clock_gettime);
+    FaultScope killScope(fault_kill);
+    fault_poll.Replace(PollAfterTheEnd);
+    FixElapsed(1001);
+    fault_kill.Fail(0, 0, 1);
+    std::string output;
+    int exitCode = -1;
+    EXPECT_EQ(Command("/bin/echo", 1000).Run({"in time"}, output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(output, "in time\n");
+    EXPECT_EQ(fault_kill.Calls(), 0);
+    EXPECT_EQ(Lines(log), std::vector{Trace(NAME, "Line 0: in time\n")});
+    EXPECT_THAT(Messages(log), Contains(Trace(NAME, "PID[N] Process completed, exit status [0]")));
+}
+
+// What is no child of this process any more may have become somebody else's process.
+TEST_F(CommandTest, WhatCannotBeWaitedForIsNotKilled) {
+    LogCapture log;
+    FaultScope clockScope(fault_clock_gettime);
+    FaultScope waitScope(fault_waitpid);
+    FaultScope killScope(fault_kill);
+    FixElapsed(1001);
+    fault_waitpid.Fail(-1, ECHILD);
+    fault_kill.Fail(0, 0, 1);
+    const Outcome outcome = RunProgram(Command("/bin/true", 1000), {});
+    EXPECT_EQ(outcome.status, StatusCode::Failure);
+    EXPECT_EQ(fault_kill.Calls(), 0);
+    EXPECT_EQ(Messages(log).back(), Error(NAME, "Failed to execute command [true]"));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
 // The operations for one run
 
 TEST_F(CommandTest, StaticOperationsSplitTheirArguments) {
@@ -944,10 +993,11 @@ TEST_F(CommandTest, AFailedDuplicationIsReportedByTheParent) {
     }
 }
 
-// The child fails after the last look at it, and the time is up at the next.
+// The child fails after the last look at it, and the time is up.
 TEST_F(CommandTest, AProgramThatCannotBeExecutedIsReportedAlsoWhenItsTimeIsUp) {
     FaultScope pollScope(fault_poll);
     FaultScope clockScope(fault_clock_gettime);
+    FaultScope waitScope(fault_waitpid);
     FaultScope killScope(fault_kill);
     const LogEntry failed =
         Error(NAME, "PID[0] Failed to execute command with error [No such file or directory]");
@@ -955,6 +1005,7 @@ TEST_F(CommandTest, AProgramThatCannotBeExecutedIsReportedAlsoWhenItsTimeIsUp) {
         LogCapture log;
         fault_poll.Replace(PollAfterTheEnd);
         FixElapsed(1001);
+        fault_waitpid.Fail(0);
         if (!isKilled) {
             fault_kill.Fail(-1, EPERM);
         }

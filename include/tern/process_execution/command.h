@@ -31,6 +31,8 @@ namespace mwl::ProcessExecution {
 /// - At its time limit it is killed with SIGKILL, alone (processes that it started live on), and it is not
 ///   waited for: it stays a zombie until the caller's process reaps it (waitpid(2)) or ends. The same holds
 ///   for a program whose run ended early by a failure; that one is not killed either.
+/// - The time limit is one of CLOCK_MONOTONIC, also while the caller is stopped (SIGSTOP, the freezer). A
+///   program that has ended when its time is found to be up counts as ended by itself.
 /// - At debug level its output is logged line by line, and read no faster than it is logged. The time limit
 ///   holds all the same: of what has been read when the run is over, lines are logged for 100 ms beyond the
 ///   time limit at most, the rest is summed up in one. `output` is not cut.
@@ -52,7 +54,7 @@ namespace mwl::ProcessExecution {
 /// | fdopen(3) on the output failed | StreamError | 1 |
 /// | the output could not be made non-blocking | that of errno | 1 |
 /// | the output could not be read any further (logged; what came before is kept) | that of the end | as above |
-/// | waitpid(2) or kill(2) failed | that of errno | 1 |
+/// | waitpid(2) or kill(2) failed (nothing is killed after the former) | that of errno | 1 |
 /// | poll(2) failed, for example interrupted by a handler (the run goes on to its end) | that of errno | 1 |
 class TERN_API Command {
 public:
