@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <tern/foundation/log.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "foundation/error_text.h"
 #include "process_execution/logger.h"
@@ -65,6 +67,12 @@ int OpenPidFd(pid_t pid) {
 
 }  // namespace
 
+ChildProcess::~ChildProcess() {
+    if (mLeft != nullptr) {
+        LeftChildren::Remember(std::move(mLeft));
+    }
+}
+
 StatusCode ChildProcess::Start(const std::string& path, const std::vector<char*>& argv) {
     if (!mInput.Open()) {
         const int error = errno;
@@ -81,6 +89,9 @@ StatusCode ChildProcess::Start(const std::string& path, const std::vector<char*>
         return mw::tern::MakeStatusCodeFromErrno(errno);
     }
     const char* const program = path.c_str();
+    // Before the fork: there must be memory to remember the child by.
+    auto left = std::make_unique<LeftChild>();
+    left->parent = getpid();
     mPid = fork();
     if (mPid < 0) {
         const int error = errno;
@@ -90,8 +101,20 @@ StatusCode ChildProcess::Start(const std::string& path, const std::vector<char*>
     if (mPid == 0) {
         RunChild(program, argv.data(), mInput, mOutput, mFailure.writeEnd.Get());
     }
+    left->pid = mPid;
+    mLeft = std::move(left);
     mPidFd.Reset(OpenPidFd(mPid));
     return StatusCode::Ok;
+}
+
+pid_t ChildProcess::TryWait(int& waitStatus) {
+    const pid_t ended = waitpid(mPid, &waitStatus, WNOHANG);
+    const int error = errno;
+    if (ended == mPid || (ended < 0 && error == ECHILD)) {
+        mLeft.reset();  // its number may be another process's from now on
+    }
+    errno = error;
+    return ended;
 }
 
 void ChildProcess::CloseChildEnds() {

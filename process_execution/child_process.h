@@ -3,18 +3,26 @@
 #include <sys/types.h>
 #include <tern/foundation/status_code.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "foundation/unique_fd.h"
+#include "process_execution/left_children.h"
 #include "process_execution/pipe.h"
 
 namespace mwl::ProcessExecution {
 
-/// One program started with its standard streams on pipes. Destroying it closes the parent's ends and nothing
-/// else: the program is neither killed nor waited for. One thread at a time.
+/// One program started with its standard streams on pipes. Destroying it closes the parent's ends; the
+/// program is neither killed nor waited for, but remembered as left when its end has not been seen. One
+/// thread at a time.
 class ChildProcess {
 public:
+    ChildProcess() = default;
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+    ~ChildProcess();
+
     /// Makes the pipes, forks and executes `path` with `argv` (ended by a null pointer). Ok as soon as the
     /// fork succeeded; otherwise the failure is logged, the status is that of errno, everything is closed
     /// again. A child that then cannot execute ends with exit status 1: see LogStartFailure.
@@ -23,6 +31,8 @@ public:
     pid_t GetPid() const { return mPid; }
     /// A descriptor that polls readable when the program has ended (pidfd_open(2)), -1 where there is none.
     int GetPidFd() const { return mPidFd.Get(); }
+    /// Looks whether the program has ended, as waitpid(2) with WNOHANG does, with its results.
+    pid_t TryWait(int& waitStatus);
     /// The end that the program's standard input is fed by.
     UniqueFd TakeInput() { return std::move(mInput.writeEnd); }
     /// The end that its output is read from.
@@ -41,6 +51,7 @@ public:
 private:
     pid_t mPid = -1;
     UniqueFd mPidFd;
+    std::unique_ptr<LeftChild> mLeft;  ///< as long as the child is to be reaped; made before it is
     Pipe mInput;
     Pipe mOutput;
     Pipe mFailure;

@@ -5,6 +5,7 @@
 
 #include "process_execution/child_process.h"
 #include "process_execution/input_feeder.h"
+#include "process_execution/left_children.h"
 #include "process_execution/logger.h"
 #include "process_execution/output_stream.h"
 #include "process_execution/split_arguments.h"
@@ -88,6 +89,8 @@ StatusCode Command::Execute(const std::string& input, const std::vector<std::str
     if (!input.empty()) {
         TERN_LOG_INFO(LOGGER, "Command input: '%s'", input.c_str());
     }
+    // First, so that the process ids of former programs are free for this one.
+    LeftChildren::Reap();
     // Before the program runs: without memory for the stream there is no program either.
     OutputStream stream(output);
     ChildProcess child;

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <tern/foundation/log.h>
 
 #include <algorithm>
@@ -90,7 +89,7 @@ int Supervisor::NextWaitMs() {
 
 bool Supervisor::CheckEnd(bool inTime) {
     const pid_t pid = mChild.GetPid();
-    const pid_t ended = waitpid(pid, &mWaitStatus, WNOHANG);
+    const pid_t ended = mChild.TryWait(mWaitStatus);
     if (ended < 0) {
         mStatus = mw::tern::MakeStatusCodeFromErrno(errno);
         mChild.LogStartFailure();
@@ -120,6 +119,7 @@ void Supervisor::KillOnTimeout() {
         return;
     }
     // As if waited for, which is not done on purpose: a program stuck in the kernel would hold the caller.
+    // A later run reaps it.
     mWaitStatus = SIGKILL;
     TERN_LOG_ERROR(LOGGER, "Command [%s] aborted by timeout %dms", mName.c_str(),
                    static_cast<int>(mTimeoutMs));

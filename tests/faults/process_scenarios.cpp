@@ -38,7 +38,7 @@ void RunMissingProgram(Stage& stage) {
     });
 }
 
-/// One that is killed at its time limit, and waited for here: the library does not, as it says.
+/// One that is killed at its time limit. The library does not wait for it; each run reaps the one before.
 void RunTooLong(Stage& stage) {
     stage.Sweep([&] {
         Command command("/bin/sleep", 20);

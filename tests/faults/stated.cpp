@@ -17,7 +17,7 @@ struct Statement {
 };
 
 constexpr const char* LEFT_ALONE =
-    "a program whose run ended early by a failure is neither killed nor waited for";
+    "a program whose run ended early by a failure is neither killed nor waited for, a later run reaps it";
 constexpr const char* INPUT_LOST = "input that a program does not take is told at info level";
 constexpr const char* END_OF_OUTPUT = "what ends the reading of the output counts as its end";
 constexpr const char* SHORT_ENTRY = "an entry shorter than it claims is written with zeros behind it";
@@ -33,7 +33,8 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "command-with-input", "write", "ENOSPC", INPUT_LOST},
     {"SILENT", "command-with-input", "read", "nothing", END_OF_OUTPUT},
     {"SILENT", "command-with-input", "read", "EAGAIN", END_OF_OUTPUT},
-    {"LEFTOVER", "command-with-input", "read", "*", "a program killed at its time limit is not waited for"},
+    {"LEFTOVER", "command-with-input", "read", "*",
+     "a program killed at its time limit is not waited for, a later run reaps it"},
     {"LEFTOVER", "command-with-input", "fdopen", "*", LEFT_ALONE},
     {"LEFTOVER", "command-with-input", "fileno", "*", LEFT_ALONE},
     {"LEFTOVER", "command-with-input", "fcntl", "*", LEFT_ALONE},

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <tern-basic-log/root_logger.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -41,6 +43,7 @@ TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, dat
 TERN_INTERPOSE(FILE*, fdopen, (int fd, const char* mode), (fd, mode))
 TERN_INTERPOSE(int, fileno, (FILE * stream), (stream))
 TERN_INTERPOSE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
+TERN_INTERPOSE(int, open64, (const char* path, int flags, unsigned int mode), (path, flags, mode))
 TERN_INTERPOSE(int, poll, (pollfd * events, nfds_t count, int timeout), (events, count, timeout))
 TERN_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 TERN_INTERPOSE(int, kill, (pid_t pid, int number), (pid, number))
@@ -914,6 +917,162 @@ TEST_F(CommandTest, WhatCannotBeWaitedForIsNotKilled) {
     EXPECT_EQ(fault_kill.Calls(), 0);
     EXPECT_EQ(Messages(log).back(), Error(NAME, "Failed to execute command [true]"));
     EXPECT_EQ(ReapChildren(), 1);
+}
+
+// Children left at the time limit
+
+void WaitForZombie(pid_t pid) {
+    siginfo_t end{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOWAIT), 0);
+}
+
+/// Leaves a child that is killed at its time limit, and waits until it is a zombie.
+pid_t LeaveAZombie() {
+    FaultScope scope(fault_kill);
+    pid_t killed = -1;
+    fault_kill.Replace([&](pid_t pid, int number) {
+        killed = pid;
+        return fault_kill.Real(pid, number);
+    });
+    EXPECT_EQ(RunScript("exec sleep 1000", "", 20).exitCode, 1);
+    WaitForZombie(killed);
+    return killed;
+}
+
+TEST_F(CommandTest, ALaterRunReapsWhatWasLeft) {
+    for (int i = 0; i < 3; ++i) {
+        LeaveAZombie();
+        ExpectEnd(RunScript("echo x"), 0, "x\n");
+        EXPECT_EQ(ReapChildren(), 0);
+    }
+    // One that is left by a failure lives on and is reaped when it has ended.
+    FaultScope scope(fault_fdopen);
+    fault_fdopen.Fail(nullptr, ENOMEM);
+    EXPECT_EQ(RunScript("exit 3").status, StatusCode::StreamError);
+    siginfo_t end{};
+    EXPECT_EQ(waitid(P_ALL, 0, &end, WEXITED | WNOWAIT), 0);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_EQ(ReapChildren(), 0);
+}
+
+TEST_F(CommandTest, WhatStillRunsIsReapedByAStillLaterRun) {
+    FaultScope scope(fault_kill);
+    pid_t running = -1;
+    fault_kill.Replace([&](pid_t pid, int /*number*/) {
+        running = pid;
+        return 0;
+    });
+    EXPECT_EQ(RunScript("exec sleep 1000", "", 20).exitCode, 1);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_EQ(fault_kill.Real(running, SIGKILL), 0);  // it was neither reaped nor waited for
+    WaitForZombie(running);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_EQ(ReapChildren(), 0);
+}
+
+TEST_F(CommandTest, TheApplicationsOwnChildrenAreLeftAlone) {
+    const pid_t own = fork();
+    if (own == 0) {
+        _exit(42);
+    }
+    LeaveAZombie();
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    int status = 0;
+    EXPECT_EQ(waitpid(own, &status, 0), own);
+    EXPECT_EQ(WEXITSTATUS(status), 42);
+}
+
+/// Whose end is asked for during a run, besides that of its own program.
+std::vector<pid_t> AskedFor(const std::function<void()>& run) {
+    FaultScope scope(fault_waitpid);
+    std::vector<pid_t> asked;
+    fault_waitpid.Replace(
+        [&](pid_t pid, int* status, int options) {
+            asked.push_back(pid);
+            return fault_waitpid.Real(pid, status, options);
+        },
+        1000000);
+    run();
+    return asked;
+}
+
+// Its number may be another child's by now, which is the application's own.
+TEST_F(CommandTest, WhatTheApplicationReapedItselfIsNotAskedFor) {
+    const pid_t zombie = LeaveAZombie();
+    EXPECT_EQ(waitpid(zombie, nullptr, 0), zombie);
+    EXPECT_THAT(AskedFor([] { ExpectEnd(RunScript("echo x"), 0, "x\n"); }), Not(Contains(zombie)));
+}
+
+/// Lets another process have the number of each process whose file is read.
+int OpenAnotherProcess(const char* path, int flags, unsigned int mode) {
+    return fault_open64.Real(strncmp(path, "/proc/", 6) == 0 ? "/proc/1/stat" : path, flags, mode);
+}
+
+TEST_F(CommandTest, AnotherProcessOfTheSameNumberIsNotAskedFor) {
+    FaultScope scope(fault_open64);
+    const pid_t zombie = LeaveAZombie();
+    fault_open64.Replace(OpenAnotherProcess);
+    EXPECT_THAT(AskedFor([] { ExpectEnd(RunScript("echo x"), 0, "x\n"); }), Not(Contains(zombie)));
+    EXPECT_EQ(ReapChildren(), 1);
+}
+
+TEST_F(CommandTest, WithoutDescriptorsItIsReapedByItsNumberOrLater) {
+    FaultScope scope(fault_open64);
+    // Unknown from the beginning.
+    fault_open64.Fail(-1, EMFILE);
+    LeaveAZombie();
+    EXPECT_EQ(fault_open64.Calls(), 1);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_EQ(ReapChildren(), 0);
+    // Not to be had when it could be reaped.
+    const pid_t zombie = LeaveAZombie();
+    fault_open64.Fail(-1, EMFILE);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    WaitForZombie(zombie);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_EQ(ReapChildren(), 0);
+}
+
+TEST_F(CommandTest, AForkedChildDoesNotAskForItsParentsChildren) {
+    const pid_t zombie = LeaveAZombie();
+    const tern::test::ChildResult result = tern::test::RunInChild([zombie] {
+        const std::vector<pid_t> asked = AskedFor([] { RunScript("echo x"); });
+        return std::ranges::count(asked, zombie) == 0 && !asked.empty() ? 0 : 1;
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    ExpectEnd(RunScript("echo x"), 0, "x\n");
+    EXPECT_EQ(ReapChildren(), 0);
+}
+
+// A zombie that its parent leaves behind becomes the next subreaper's.
+TEST_F(CommandTest, WhatIsLeftIsReapedAtTheEndOfTheProcess) {
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    const tern::test::ChildResult result = tern::test::RunInChild([]() -> int {
+        LeaveAZombie();
+        exit(3);
+    });
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(ReapChildren(), 0);
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST_F(CommandTest, ThreadsThatLeaveChildrenAtOnceLoseNone) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 5; ++round) {
+                EXPECT_EQ(RunScript("exec sleep 1000", "", 1).exitCode, 1);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(tern::test::WaitUntil([] {
+        ExpectEnd(RunScript("echo x"), 0, "x\n");
+        siginfo_t end{};
+        return waitid(P_ALL, 0, &end, WEXITED | WNOHANG | WNOWAIT) < 0 && errno == ECHILD;
+    }));
 }
 
 // The operations for one run

@@ -29,8 +29,11 @@ namespace mwl::ProcessExecution {
 /// - Its end ends the run, also when a process that it started still holds the output: of that process's
 ///   output what has been written by then is collected.
 /// - At its time limit it is killed with SIGKILL, alone (processes that it started live on), and it is not
-///   waited for: it stays a zombie until the caller's process reaps it (waitpid(2)) or ends. The same holds
-///   for a program whose run ended early by a failure; that one is not killed either.
+///   waited for, as a program stuck in the kernel would hold the caller. A program whose run ended early by a
+///   failure is not killed and not waited for either. Both are remembered: each later run, of any object, and
+///   the end of the process reap those of them that have ended (waitpid(2) with their number, without
+///   waiting), and no other child. Until then an ended one is a zombie; the application may reap it itself.
+///   A forked child does not look for its parent's programs.
 /// - The time limit is one of CLOCK_MONOTONIC, also while the caller is stopped (SIGSTOP, the freezer). A
 ///   program that has ended when its time is found to be up counts as ended by itself.
 /// - At debug level its output is logged line by line, and read no faster than it is logged. The time limit
