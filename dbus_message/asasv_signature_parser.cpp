@@ -1,6 +1,5 @@
 #include <tern/dbus_message/asasv_signature_parser.h>
 
-#include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 
 #include "dbus_message/structures_walk.h"
@@ -14,19 +13,22 @@ using mwl::ErrorText;
 
 /// Structures that begin with a string. Its name is logged at info level, as is meant.
 struct StringForm {
+    static constexpr const char* OPERATION = "ReadStringAndArrayASV";
     static constexpr char NAME_TYPE = SD_BUS_TYPE_STRING;
     static constexpr const char* STRUCTURE = "(sa{sv})";
     static constexpr const char* FIELDS = "sa{sv}";
 
-    static void LogEnterFailure(int r) {
-        TERN_LOG_ERROR(ServiceCommon::mLogger,
+    static void LogEnterFailure(ParseLog& log, int r) {
+        TERN_PARSE_LOG(log, ERROR, ServiceCommon::mLogger,
                        "Failure sd_bus_message_enter_container((sa{sv})), ret=(%d, %s)", r, ErrorText(-r));
     }
-    static void LogNameFailure(int r) {
-        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failure sd_bus_message_read_basic(string), ret=(%d, %s)", r,
-                       ErrorText(-r));
+    static void LogNameFailure(ParseLog& log, int r) {
+        TERN_PARSE_LOG(log, ERROR, ServiceCommon::mLogger,
+                       "Failure sd_bus_message_read_basic(string), ret=(%d, %s)", r, ErrorText(-r));
     }
-    static void LogName(const char* name) { TERN_LOG_INFO(ServiceCommon::mLogger, "stringValue=%s", name); }
+    static void LogName(ParseLog& log, const char* name) {
+        TERN_PARSE_LOG(log, INFO, ServiceCommon::mLogger, "stringValue=%s", log.Text(name).Get());
+    }
 };
 
 using StringWalk = StructuresWalk<StringForm, ASASVsignatureParser>;

@@ -8,9 +8,9 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <type_traits>
-#include <utility>
 
 #include "dbus_message/message_position.h"
 #include "dbus_message/values_list_writer.h"
@@ -30,7 +30,7 @@ const mwl::StaticText LOGGER("Parser");
 class PathStep {
 public:
     // Not inlined: the readers of the basic types are eleven.
-    [[gnu::noinline]] PathStep(std::string& path, const char* name) : mPath(path), mLength(path.size()) {
+    [[gnu::noinline]] PathStep(std::string& path, std::string_view name) : mPath(path), mLength(path.size()) {
         mPath.push_back(SEPARATOR);
         mPath.append(name);
     }
@@ -43,78 +43,88 @@ private:
     const std::size_t mLength;
 };
 
-/// What a basic type is called, read into, stored as, and how it is logged.
+/// What a basic type is read into, stored as, and how it is logged.
 template <char Type>
 struct BasicType;
 
-#define TERN_BASIC_TYPE(letter, operation, word, Wire, Stored, TERN_LOG_LEVEL, conversion)                 \
-    template <>                                                                                            \
-    struct BasicType<letter> {                                                                             \
-        using WireType = Wire;                                                                             \
-        using StoredType = Stored;                                                                         \
-        static constexpr const char* OPERATION = operation;                                                \
-        static void LogFailure(int result) {                                                               \
-            TERN_LOG_ERROR(LOGGER, "[%s] Failed to read SD_BUS_TYPE_" word " (%d, %s)", OPERATION, result, \
-                           ErrorText(-result));                                                            \
-        }                                                                                                  \
-        template <typename Shown>                                                                          \
-        static void LogValue(const char* keyName, Shown value) {                                           \
-            TERN_LOG_LEVEL(LOGGER, "[%s] keyName=%s, value=" conversion, OPERATION, keyName, value);       \
-        }                                                                                                  \
+// The operation, for the message that is the same for all; then the two of its own, whole, so that a logged
+// line is found here. `shown` is the value as the second one takes it. The log calls are not inlined: they
+// hold texts, and readers call each other.
+#define TERN_BASIC_TYPE(letter, operation, Wire, Stored, failureFormat, LEVEL, valueFormat, shown)  \
+    template <>                                                                                     \
+    struct BasicType<letter> {                                                                      \
+        using WireType = Wire;                                                                      \
+        using StoredType = Stored;                                                                  \
+        static constexpr const char* OPERATION = operation;                                         \
+        [[gnu::noinline]] static void LogFailure(ParseLog& log, int result) {                       \
+            TERN_PARSE_LOG(log, ERROR, LOGGER, failureFormat, result, ErrorText(-result));          \
+        }                                                                                           \
+        template <typename Shown>                                                                   \
+        static void LogValue(ParseLog& log, const char* keyName, Shown value) {                     \
+            if (log.Admits(ParseLog::LEVEL)) {                                                      \
+                WriteValue(log, keyName, value);                                                    \
+            }                                                                                       \
+        }                                                                                           \
+        template <typename Shown>                                                                   \
+        [[gnu::noinline]] static void WriteValue(ParseLog& log, const char* keyName, Shown value) { \
+            TERN_LOG_##LEVEL(LOGGER, valueFormat, log.Text(keyName).Get(), shown);                  \
+        }                                                                                           \
     };
 
 // A byte is shown in octal and an INT16 at info level: both are meant.
-TERN_BASIC_TYPE('s', "ReadString", "STRING", const char*, ValueString, TERN_LOG_TRACE, "%s")
-TERN_BASIC_TYPE('b', "ReadBoolean", "BOOLEAN", int, ValueBool, TERN_LOG_TRACE, "%d")
-TERN_BASIC_TYPE('n', "ReadINT16", "INT16", std::int16_t, ValueInt16, TERN_LOG_INFO, "%hd")
-TERN_BASIC_TYPE('q', "ReadUINT16", "UINT16", std::uint16_t, ValueUint16, TERN_LOG_TRACE, "%u")
-TERN_BASIC_TYPE('i', "ReadINT32", "INT32", std::int32_t, ValueInt32, TERN_LOG_TRACE, "%d")
-TERN_BASIC_TYPE('u', "ReadUINT32", "UINT32", std::uint32_t, ValueUint32, TERN_LOG_TRACE, "%u")
-TERN_BASIC_TYPE('x', "ReadINT64", "INT64", std::int64_t, ValueInt64, TERN_LOG_TRACE, "%lld")
-TERN_BASIC_TYPE('t', "ReadUINT64", "UINT64", std::uint64_t, ValueUint64, TERN_LOG_TRACE, "%llu")
-TERN_BASIC_TYPE('d', "ReadDouble", "DOUBLE", double, ValueDouble, TERN_LOG_TRACE, "%f")
-TERN_BASIC_TYPE('y', "ReadByte", "BYTE", std::uint8_t, ValueUint8, TERN_LOG_TRACE, "%o")
-TERN_BASIC_TYPE('h', "ReadFileDescriptor", "UNIX_FD", int, ValueFD, TERN_LOG_TRACE, "%d")
+TERN_BASIC_TYPE('s', "ReadString", const char*, ValueString,
+                "[ReadString] Failed to read SD_BUS_TYPE_STRING (%d, %s)", TRACE,
+                "[ReadString] keyName=%s, value=%s", log.Text(value).Get())
+TERN_BASIC_TYPE('b', "ReadBoolean", int, ValueBool,
+                "[ReadBoolean] Failed to read SD_BUS_TYPE_BOOLEAN (%d, %s)", TRACE,
+                "[ReadBoolean] keyName=%s, value=%d", value)
+TERN_BASIC_TYPE('n', "ReadINT16", std::int16_t, ValueInt16,
+                "[ReadINT16] Failed to read SD_BUS_TYPE_INT16 (%d, %s)", INFO,
+                "[ReadINT16] keyName=%s, value=%hd", value)
+TERN_BASIC_TYPE('q', "ReadUINT16", std::uint16_t, ValueUint16,
+                "[ReadUINT16] Failed to read SD_BUS_TYPE_UINT16 (%d, %s)", TRACE,
+                "[ReadUINT16] keyName=%s, value=%u", value)
+TERN_BASIC_TYPE('i', "ReadINT32", std::int32_t, ValueInt32,
+                "[ReadINT32] Failed to read SD_BUS_TYPE_INT32 (%d, %s)", TRACE,
+                "[ReadINT32] keyName=%s, value=%d", value)
+TERN_BASIC_TYPE('u', "ReadUINT32", std::uint32_t, ValueUint32,
+                "[ReadUINT32] Failed to read SD_BUS_TYPE_UINT32 (%d, %s)", TRACE,
+                "[ReadUINT32] keyName=%s, value=%u", value)
+TERN_BASIC_TYPE('x', "ReadINT64", std::int64_t, ValueInt64,
+                "[ReadINT64] Failed to read SD_BUS_TYPE_INT64 (%d, %s)", TRACE,
+                "[ReadINT64] keyName=%s, value=%lld", value)
+TERN_BASIC_TYPE('t', "ReadUINT64", std::uint64_t, ValueUint64,
+                "[ReadUINT64] Failed to read SD_BUS_TYPE_UINT64 (%d, %s)", TRACE,
+                "[ReadUINT64] keyName=%s, value=%llu", value)
+TERN_BASIC_TYPE('d', "ReadDouble", double, ValueDouble,
+                "[ReadDouble] Failed to read SD_BUS_TYPE_DOUBLE (%d, %s)", TRACE,
+                "[ReadDouble] keyName=%s, value=%f", log.Shown(value))
+TERN_BASIC_TYPE('y', "ReadByte", std::uint8_t, ValueUint8,
+                "[ReadByte] Failed to read SD_BUS_TYPE_BYTE (%d, %s)", TRACE,
+                "[ReadByte] keyName=%s, value=%o", value)
+TERN_BASIC_TYPE('h', "ReadFileDescriptor", int, ValueFD,
+                "[ReadFileDescriptor] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", TRACE,
+                "[ReadFileDescriptor] keyName=%s, value=%d", value)
 
 #undef TERN_BASIC_TYPE
-
-/// Whether the signature is one basic type that a list can keep.
-bool IsBasic(const char* signature) {
-    switch (signature[0]) {
-        case 's':
-        case 'b':
-        case 'i':
-        case 'u':
-        case 'n':
-        case 'q':
-        case 'x':
-        case 't':
-        case 'd':
-        case 'y':
-        case 'h':
-            return signature[1] == '\0';
-        default:
-            return false;
-    }
-}
 
 }  // namespace
 
 template <typename ConcreteValue, typename... Arguments>
-bool MessageWalk::Store(const char* operation, Arguments&&... arguments) {
-    if (!PayForKey(operation)) {
-        return false;
-    }
-    ValuesListWriter::Add<ConcreteValue>(mValues, mPath, std::forward<Arguments>(arguments)...);
-    return true;
+bool MessageWalk::Store(const char* operation, const Arguments&... arguments) {
+    return ValuesListWriter::AddWithin<ConcreteValue>(mBudget, operation, mValues, mPath, arguments...);
 }
 
-bool MessageWalk::PayForKey(const char* operation) {
-    // A key that is there already is paid for too: looking it up costs as much as its length.
-    if (!mBudget.Take(mPath.size())) {
-        TERN_LOG_ERROR(LOGGER, "[%s] Keys of one message exceed %zu bytes", operation, KeyBudget::LIMIT);
+bool MessageWalk::GrowPath(const char* operation, std::size_t length) {
+    const std::size_t room = std::max(length, 2 * mPath.capacity());
+    const std::size_t cost = room > FREE_ROOM ? MemoryBudget::Allocation(room + 1) : 0;
+    // While the path moves it has both rooms.
+    if (!mBudget.Take(cost, operation)) {
         return false;
     }
+    mPath.reserve(room);
+    mBudget.GiveBack(mPathCost);
+    mPathCost = cost;
     return true;
 }
 
@@ -124,24 +134,25 @@ int MessageWalk::ReadBasicAs(const char* keyName) {
     typename Basic::WireType wire{};
     const int r = sd_bus_message_read_basic(mMessage, Type, &wire);
     if (r < 0) {
-        Basic::LogFailure(r);
+        Basic::LogFailure(mBudget.Log(), r);
     }
     if (r <= 0) {
         return r;
     }
     using Stored = typename Basic::StoredType;
-    const PathStep step(mPath, keyName);
-    if constexpr (std::is_same_v<Stored, ValueString>) {
-        Basic::LogValue(keyName, wire);
-        return Store<Stored>(Basic::OPERATION, wire) ? r : -ENOBUFS;
-    } else {
-        const auto value = static_cast<decltype(Stored::value)>(wire);
-        Basic::LogValue(keyName, value);
-        return Store<Stored>(Basic::OPERATION, value) ? r : -ENOBUFS;
+    using Held =
+        std::conditional_t<std::is_same_v<Stored, ValueString>, const char*, decltype(Stored::value)>;
+    const auto value = static_cast<Held>(wire);
+    Basic::LogValue(mBudget.Log(), keyName, value);
+    const std::string_view name(keyName);
+    if (!MakeRoom(Basic::OPERATION, name)) {
+        return -ENOBUFS;
     }
+    const PathStep step(mPath, name);
+    return Store<Stored>(Basic::OPERATION, value) ? r : -ENOBUFS;
 }
 
-int MessageWalk::ReadBasic(char type, const char* keyName) {
+std::optional<int> MessageWalk::ReadBasic(char type, const char* keyName) {
     switch (type) {
         case 's':
             return ReadBasicAs<'s'>(keyName);
@@ -165,19 +176,18 @@ int MessageWalk::ReadBasic(char type, const char* keyName) {
             return ReadBasicAs<'y'>(keyName);
         case 'h':
             return ReadBasicAs<'h'>(keyName);
-        // GCOVR_EXCL_START: callers ask for the types above only
         default:
-            return -EINVAL;
-            // GCOVR_EXCL_STOP
+            return std::nullopt;
     }
 }
 
 int MessageWalk::ReadISI(const char* keyName) {
     static constexpr const char* OPERATION = "ReadISI";
+    ParseLog& log = mBudget.Log();
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_STRUCT, "isi");
     if (entered < 0) {
         // The text of another type, as it is everywhere known.
-        TERN_LOG_ERROR(LOGGER, "[%s] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", OPERATION, entered,
+        TERN_PARSE_LOG(log, ERROR, LOGGER, "[ReadISI] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", entered,
                        ErrorText(-entered));
     }
     if (entered <= 0) {
@@ -187,14 +197,16 @@ int MessageWalk::ReadISI(const char* keyName) {
         if (sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_INT32, &value) <= 0) {
             return false;
         }
-        TERN_LOG_TRACE(LOGGER, "[%s] keyName=%s, Int, value=%d", OPERATION, keyName, value);
+        TERN_PARSE_LOG(log, TRACE, LOGGER, "[ReadISI] keyName=%s, Int, value=%d", log.Text(keyName).Get(),
+                       value);
         return true;
     };
     const auto readText = [&](const char*& value) {
         if (sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &value) <= 0) {
             return false;
         }
-        TERN_LOG_TRACE(LOGGER, "[%s] keyName=%s, String, value=%s", OPERATION, keyName, value);
+        TERN_PARSE_LOG(log, TRACE, LOGGER, "[ReadISI] keyName=%s, String, value=%s", log.Text(keyName).Get(),
+                       log.Text(value).Get());
         return true;
     };
     std::int32_t first = 0;
@@ -202,8 +214,14 @@ int MessageWalk::ReadISI(const char* keyName) {
     std::int32_t second = 0;
     int result = entered;
     if (readInteger(first) && readText(text) && readInteger(second)) {
-        const PathStep step(mPath, keyName);
-        result = Store<ValueISI>(OPERATION, first, text, second) ? entered : -ENOBUFS;
+        const std::string_view name(keyName);
+        result = -ENOBUFS;
+        if (MakeRoom(OPERATION, name)) {
+            const PathStep step(mPath, name);
+            if (Store<ValueISI>(OPERATION, first, text, second)) {
+                result = entered;
+            }
+        }
     }
     LeaveContainer(mMessage);
     return result;
@@ -211,44 +229,59 @@ int MessageWalk::ReadISI(const char* keyName) {
 
 int MessageWalk::ReadArrayOfStrings(const char* keyName) {
     static constexpr const char* OPERATION = "ReadArrayOfStrings";
+    ParseLog& log = mBudget.Log();
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_ARRAY, "s");
     if (entered <= 0) {
         return entered;
     }
-    const PathStep step(mPath, keyName);
-    const std::size_t nameEnd = mPath.size();
-    int result = entered;
-    const char* text = nullptr;
-    for (std::size_t index = 0; sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &text) == 1;
-         ++index) {
-        std::array<char, std::numeric_limits<std::size_t>::digits10 + 1> digits;
-        char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), index).ptr;
-        mPath.resize(nameEnd);
-        mPath.append(digits.data(), end);
-        TERN_LOG_TRACE(LOGGER, "[%s] key=%s, value=%s", OPERATION, mPath.c_str(), text);
-        if (!Store<ValueString>(OPERATION, text)) {
-            result = -ENOBUFS;
-            break;
+    constexpr std::size_t MOST_DIGITS = std::numeric_limits<std::size_t>::digits10 + 1;
+    const std::string_view name(keyName);
+    int result = -ENOBUFS;
+    if (MakeRoom(OPERATION, name, MOST_DIGITS)) {
+        const PathStep step(mPath, name);
+        const std::size_t nameEnd = mPath.size();
+        result = entered;
+        const char* text = nullptr;
+        for (std::size_t index = 0; sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &text) == 1;
+             ++index) {
+            std::array<char, MOST_DIGITS> digits;
+            char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), index).ptr;
+            mPath.resize(nameEnd);
+            mPath.append(digits.data(), end);
+            TERN_PARSE_LOG(log, TRACE, LOGGER, "[ReadArrayOfStrings] key=%s, value=%s",
+                           log.Text(mPath.c_str()).Get(), log.Text(text).Get());
+            if (!Store<ValueString>(OPERATION, text)) {
+                result = -ENOBUFS;
+                break;
+            }
         }
     }
     LeaveContainer(mMessage);
     return result;
 }
 
+// Not inlined: it holds two texts, and variants are inside each other.
+[[gnu::noinline]] void MessageWalk::LogContentFailure(const char* keyName, int r) {
+    ParseLog& log = mBudget.Log();
+    TERN_PARSE_LOG(log, ERROR, LOGGER,
+                   "[ReadVariant] Failure ReadVariantContent prefix='%s' keyname='%s', ret=(%d, %s)",
+                   log.Text(mPath.c_str()).Get(), log.Text(keyName).Get(), r, ErrorText(-r));
+}
+
 int MessageWalk::ReadVariant(const char* keyName) {
-    static constexpr const char* OPERATION = "ReadVariant";
     const char* contents = nullptr;
     int r = sd_bus_message_peek_type(mMessage, nullptr, &contents);
     if (r < 0) {
-        TERN_LOG_ERROR(LOGGER, "[%s] Failure sd_bus_message_peek_type, ret=(%d, %s)", OPERATION, r,
-                       ErrorText(-r));
+        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
+                       "[ReadVariant] Failure sd_bus_message_peek_type, ret=(%d, %s)", r, ErrorText(-r));
     }
     if (r <= 0) {
         return r;
     }
     r = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_VARIANT, contents);
     if (r < 0) {
-        TERN_LOG_ERROR(LOGGER, "[%s] Failure sd_bus_message_enter_container, ret=(%d, %s)", OPERATION, r,
+        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
+                       "[ReadVariant] Failure sd_bus_message_enter_container, ret=(%d, %s)", r,
                        ErrorText(-r));
     }
     if (r <= 0) {
@@ -256,34 +289,38 @@ int MessageWalk::ReadVariant(const char* keyName) {
     }
     r = ReadVariantContent(keyName, contents);
     if (r < 0) {
-        TERN_LOG_ERROR(LOGGER, "[%s] Failure ReadVariantContent prefix='%s' keyname='%s', ret=(%d, %s)",
-                       OPERATION, mPath.c_str(), keyName, r, ErrorText(-r));
+        LogContentFailure(keyName, r);
     }
     LeaveContainer(mMessage);
     return r;
 }
 
 int MessageWalk::ReadVariantContent(const char* keyName, const char* contents) {
-    static constexpr const char* OPERATION = "ReadVariantContent";
-    const char* const signature = contents == nullptr ? "" : contents;
+    const std::string_view signature(contents == nullptr ? "" : contents);
     int r = 0;
-    if (IsBasic(signature)) {
-        r = ReadBasic(*signature, keyName);
+    if (const std::optional<int> basic =
+            signature.size() == 1 ? ReadBasic(signature.front(), keyName) : std::nullopt) {
+        r = *basic;
     } else if (signature == "(isi)"sv) {
         r = ReadISI(keyName);
     } else if (signature == "as"sv) {
         r = ReadArrayOfStrings(keyName);
     } else if (signature == "a{sv}"sv) {
-        const PathStep step(mPath, keyName);
-        r = ReadArrayOfDictionaries();
+        const std::string_view name(keyName);
+        r = -ENOBUFS;
+        if (MakeRoom("ReadArrayOfDictionaries", name)) {
+            const PathStep step(mPath, name);
+            r = ReadArrayOfDictionaries();
+        }
     } else {
-        TERN_LOG_INFO(LOGGER, "[%s] Unsupported type, update this method", OPERATION);
+        TERN_PARSE_LOG(mBudget.Log(), INFO, LOGGER,
+                       "[ReadVariantContent] Unsupported type, update this method");
         // Stepped over, so that the entries behind it can be read.
         r = std::min(SkipContent(mMessage, contents), 0);
     }
     if (r < 0) {
-        TERN_LOG_ERROR(LOGGER, "[%s] Failed to read ReadVariantContent (%d, %s)", OPERATION, r,
-                       ErrorText(-r));
+        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
+                       "[ReadVariantContent] Failed to read ReadVariantContent (%d, %s)", r, ErrorText(-r));
     }
     return r;
 }
@@ -291,8 +328,9 @@ int MessageWalk::ReadVariantContent(const char* keyName, const char* contents) {
 int MessageWalk::ReadArrayOfDictionaries() {
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_ARRAY, "{sv}");
     if (entered < 0) {
-        TERN_LOG_ERROR(LOGGER, "[%s] Failure sd_bus_message_enter_container({sv}), ret=(%d, %s)",
-                       "ReadArrayOfDictionaries", entered, ErrorText(-entered));
+        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
+                       "[ReadArrayOfDictionaries] Failure sd_bus_message_enter_container({sv}), ret=(%d, %s)",
+                       entered, ErrorText(-entered));
     }
     if (entered <= 0) {
         return entered;
@@ -311,8 +349,9 @@ int MessageWalk::ParseArrayOfDictionaries() {
         const char* name = "";
         r = sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &name);
         if (r < 0) {
-            TERN_LOG_ERROR(LOGGER, "[%s] Failure sd_bus_message_read_basic, ret=(%d, %s)",
-                           "ParseArrayOfDictionaries", r, ErrorText(-r));
+            TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
+                           "[ParseArrayOfDictionaries] Failure sd_bus_message_read_basic, ret=(%d, %s)", r,
+                           ErrorText(-r));
         } else {
             r = ReadVariant(name);
         }

@@ -26,7 +26,7 @@ public:
     MessageWalk* operator->() { return &mWalk; }
 
 private:
-    KeyBudget mBudget;
+    ParseBudget mBudget;
     MessageWalk mWalk;
 };
 
@@ -50,9 +50,9 @@ ValuesList& Parser::GetValuesList() {
     return mValuesList;
 }
 
-#define TERN_PARSER_BASIC_READER(Operation, type)                                       \
-    int Parser::Operation(const std::string& prefix, const char* keyName) {             \
-        return Walk(mMessage, mValuesList, prefix)->ReadBasic(type, Required(keyName)); \
+#define TERN_PARSER_BASIC_READER(Operation, type)                                        \
+    int Parser::Operation(const std::string& prefix, const char* keyName) {              \
+        return *Walk(mMessage, mValuesList, prefix)->ReadBasic(type, Required(keyName)); \
     }
 
 TERN_PARSER_BASIC_READER(ReadString, 's')

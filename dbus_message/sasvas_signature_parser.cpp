@@ -1,9 +1,13 @@
 #include <tern/dbus_message/sasvas_signature_parser.h>
 
 #include <systemd/sd-bus.h>
-#include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 
+#include <cerrno>
+#include <cstring>
+
+#include "dbus_message/message_walk.h"
+#include "dbus_message/parse_budget.h"
 #include "foundation/error_text.h"
 
 namespace mw::tern::DBusMessage {
@@ -13,18 +17,23 @@ SASVASsignatureParser::SASVASsignatureParser(sd_bus_message* message) : mMessage
 SASVASsignatureParser::~SASVASsignatureParser() = default;
 
 int SASVASsignatureParser::ParseMessage() {
+    ParseBudget budget;  // of name and dictionary together
+    ParseLog& log = budget.Log();
     const char* name = nullptr;
     const int r = sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &name);
     if (r < 0) {
-        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failure sd_bus_message_read_basic(string), ret=(%d, %s)", r,
-                       mwl::ErrorText(-r));
+        TERN_PARSE_LOG(log, ERROR, ServiceCommon::mLogger,
+                       "Failure sd_bus_message_read_basic(string), ret=(%d, %s)", r, mwl::ErrorText(-r));
     }
     if (r <= 0) {
         return r;
     }
+    if (!budget.Take(MemoryBudget::Text(strlen(name)), "ParseMessage")) {
+        return -ENOBUFS;
+    }
     mName = name;
-    TERN_LOG_TRACE(ServiceCommon::mLogger, "properties=%s", mName.c_str());
-    return mParser.ParseMessage();
+    TERN_PARSE_LOG(log, TRACE, ServiceCommon::mLogger, "properties=%s", log.Text(name).Get());
+    return MessageWalk(mMessage, mParser.GetValuesList(), budget, std::string()).ReadArrayOfDictionaries();
 }
 
 const std::string& SASVASsignatureParser::GetName() const {

@@ -6,11 +6,12 @@
 #include <tern/foundation/service_common.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 
-#include "dbus_message/key_budget.h"
 #include "dbus_message/message_position.h"
 #include "dbus_message/message_walk.h"
+#include "dbus_message/parse_budget.h"
 #include "foundation/error_text.h"
 
 namespace mw::tern::DBusMessage {
@@ -25,7 +26,7 @@ public:
     int ReadArray() {
         const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_ARRAY, Form::STRUCTURE);
         if (entered < 0) {
-            Form::LogEnterFailure(entered);
+            Form::LogEnterFailure(mBudget.Log(), entered);
         }
         if (entered <= 0) {
             return entered;
@@ -50,19 +51,23 @@ public:
         const char* name = nullptr;
         int r = sd_bus_message_read_basic(mMessage, Form::NAME_TYPE, &name);
         if (r < 0) {
-            Form::LogNameFailure(r);
+            Form::LogNameFailure(mBudget.Log(), r);
         }
         if (r <= 0) {
             return r;
         }
+        // As it is handed out.
+        if (!mBudget.Take(MemoryBudget::Text(strlen(name)), Form::OPERATION)) {
+            return -ENOBUFS;
+        }
         ValuesList values;
         r = MessageWalk(mMessage, values, mBudget, std::string()).ReadArrayOfDictionaries();
         if (r < 0) {
-            TERN_LOG_ERROR(ServiceCommon::mLogger, "Failure ASVsignatureParser, ret=(%d, %s)", r,
-                           mwl::ErrorText(-r));
+            TERN_PARSE_LOG(mBudget.Log(), ERROR, ServiceCommon::mLogger,
+                           "Failure ASVsignatureParser, ret=(%d, %s)", r, mwl::ErrorText(-r));
             return r;
         }
-        Form::LogName(name);
+        Form::LogName(mBudget.Log(), name);
         mReceiver.OnEntry(name, values);
         return r;
     }
@@ -70,7 +75,7 @@ public:
 private:
     sd_bus_message* const mMessage;
     Receiver& mReceiver;
-    KeyBudget mBudget;  ///< of all structures together
+    ParseBudget mBudget;  ///< of all structures together
 };
 
 }  // namespace mw::tern::DBusMessage

@@ -15,7 +15,8 @@ namespace mw::tern::DBusMessage {
 /// One thread at a time, on a message that nobody else reads meanwhile; the message is borrowed.
 ///
 /// Outcomes, of every reader: 0 or more for success, else sd-bus's negative errno; the structures before the
-/// failure have been handed out. The keys of one call total at most 64 MiB, as at Parser: -ENOBUFS.
+/// failure have been handed out. The limits of one call are those of Parser, for all structures together; at
+/// -ENOBUFS the reading ends.
 class TERN_API AOASVsignatureParser {
 public:
     /// Of this message.

@@ -28,9 +28,16 @@ namespace mw::tern::DBusMessage {
 /// inside each other -EBADMSG. At the end of an array 0, and nothing is stored or logged. At the end of the
 /// body, of a structure or of a variant -ENXIO; there ReadVariant alone returns 0 and logs nothing. Failures
 /// are logged with the logger name "Parser", but for those of entering an array "as" or an entry "{sv}". What
-/// was stored before a failure stays. The keys of one call total at most 64 MiB; a message that needs more
-/// is refused with -ENOBUFS. std::logic_error for a null name, before anything is read; std::bad_alloc when
-/// memory is short.
+/// was stored before a failure stays. std::logic_error for a null name, before anything is read;
+/// std::bad_alloc when memory is short.
+///
+/// Limits of one call, what it reads inside other containers included, far above honest use:
+/// - What it stores, keys and values as they are allocated, totals at most 64 MiB: beyond, -ENOBUFS and an
+///   error message. A list that many calls fill grows with each of them.
+/// - It writes at most 512 lines or 64 KiB of log, the last 128 lines and 16 KiB of which are kept for
+///   errors. Further lines are counted, and summed up in one line when the call ends.
+/// - A text from the message is logged up to 1024 bytes, then cut, with "..." in place of the rest. What is
+///   stored is never cut.
 class TERN_API Parser {
 public:
     /// What stands before each name in a key: "_".

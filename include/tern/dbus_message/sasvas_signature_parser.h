@@ -24,7 +24,7 @@ public:
 
     /// Reads name and dictionary. Returns 0 when both were read, and also when an array in which the message
     /// stands ends before either: then there is no name, or no value. Else sd-bus's negative errno; what was
-    /// read before the failure stays.
+    /// read before the failure stays. The limits are those of Parser, for name and dictionary together.
     int ParseMessage();
 
     /// The name; empty before it was read.

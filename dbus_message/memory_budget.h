@@ -1,0 +1,46 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+
+namespace mw::tern::DBusMessage {
+
+/// How much memory one parse may still take: keys, values, their objects, the map's nodes, and the path that
+/// the walk keeps. A message makes far more of it than it is long itself: one long name above many short
+/// entries is in every key below it, and an empty string of eight bytes becomes a node, an object and a key.
+///
+/// What is counted is what the allocator hands out for a request, not the request alone; for many small
+/// things that is much the larger part.
+class MemoryBudget {
+public:
+    static constexpr std::size_t LIMIT = std::size_t{64} * 1024 * 1024;
+
+    /// What an allocation of so many bytes takes: the C library puts a size before each, rounds up to its
+    /// alignment, and has a smallest piece.
+    static constexpr std::size_t Allocation(std::size_t bytes) noexcept {
+        constexpr std::size_t ALIGNMENT = alignof(std::max_align_t);
+        constexpr std::size_t SMALLEST = 4 * sizeof(void*);
+        return std::max(SMALLEST, (bytes + sizeof(void*) + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT);
+    }
+    /// What a string of so many bytes takes besides its object: nothing when it fits in there.
+    static std::size_t Text(std::size_t length) noexcept {
+        return length <= std::string().capacity() ? 0 : Allocation(length + 1);
+    }
+
+    /// False, and nothing taken, when so much is not left.
+    bool Take(std::size_t bytes) noexcept {
+        if (bytes > mLeft) {
+            return false;
+        }
+        mLeft -= bytes;
+        return true;
+    }
+    /// Of what was taken before.
+    void GiveBack(std::size_t bytes) noexcept { mLeft += bytes; }
+
+private:
+    std::size_t mLeft = LIMIT;
+};
+
+}  // namespace mw::tern::DBusMessage
