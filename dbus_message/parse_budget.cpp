@@ -1,12 +1,12 @@
 #include "dbus_message/parse_budget.h"
 
-#include <string>
+#include "platform/static_text.h"
 
 namespace mw::tern::DBusMessage {
 
 namespace {
 
-const std::string LOGGER = "Parser";
+const mwl::StaticText LOGGER("Parser");
 
 }  // namespace
 

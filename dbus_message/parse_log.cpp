@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <string>
 
+#include "platform/static_text.h"
+
 namespace mw::tern::DBusMessage {
 
 namespace {
 
-const std::string LOGGER = "Parser";
+const mwl::StaticText LOGGER("Parser");
 
 }  // namespace
 

@@ -43,7 +43,6 @@ DBusServerManager::DBusServerManager(const std::string& name)
     : mName(name), mState(std::make_unique<State>()) {}
 
 DBusServerManager::~DBusServerManager() {
-    mState->lossWatch.reset();
     sd_bus_unref(mBus);
 }
 

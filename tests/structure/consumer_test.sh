@@ -79,14 +79,14 @@ env -u DBUS_SYSTEM_BUS_ADDRESS LD_LIBRARY_PATH="$libdir" "$work/by-pkg-config/us
     { echo "test support by pkg-config failed"; exit 1; }
 echo "pkg-config: built and ran"
 
-# The sources inside another project: one cache of the compiler's work serves, as the library is built once more.
+# The sources inside another project. In the build folder, as the library is built once more: the next time it is there.
 [ $# -eq 0 ] || exit 0
-cmake -S "$source/tests/consumer/vendored" -B "$work/vendored" -DTERN_SOURCE="$source" -DCMAKE_CXX_COMPILER="$cxx" \
+cmake -S "$source/tests/consumer/vendored" -B "$build/vendored" -DTERN_SOURCE="$source" -DCMAKE_CXX_COMPILER="$cxx" \
     -DCMAKE_BUILD_TYPE=Debug >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
-cmake --build "$work/vendored" -j 2 >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
-"$work/vendored/uses-service" 2>"$work/log" || { echo "the vendored library does not run"; cat "$work/log"; exit 1; }
-if grep -E '^TERN_(BUILD_[A-Z_]+|WARNINGS_AS_ERRORS|DEBIAN_PACKAGES|COVERAGE):BOOL=ON' "$work/vendored/CMakeCache.txt" ||
-    find "$work/vendored" -name '*_test' -o -name 'tern-thermostat' | grep .; then
+cmake --build "$build/vendored" -j 2 >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
+"$build/vendored/uses-service" 2>"$work/log" || { echo "the vendored library does not run"; cat "$work/log"; exit 1; }
+if grep -E '^TERN_(BUILD_[A-Z_]+|WARNINGS_AS_ERRORS|DEBIAN_PACKAGES|COVERAGE):BOOL=ON' "$build/vendored/CMakeCache.txt" ||
+    find "$build/vendored" -name '*_test' -o -name 'tern-thermostat' | grep .; then
     echo "a project that vendors the sources gets what it did not ask for"
     exit 1
 fi
