@@ -5,6 +5,7 @@
 
 #include <climits>
 
+#include "dbus_client/call_time_limit.h"
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
 
@@ -32,7 +33,10 @@ StatusCode Command::Execute() {
     if (r < 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to connect to system bus (%d, %s)", r, ErrorText(-r));
     } else {
-        r = CallMethod(bus);
+        {
+            const CallTimeLimit limit(bus);
+            r = CallMethod(bus);
+        }
         if (r >= 0) {
             return StatusCode::Ok;
         }

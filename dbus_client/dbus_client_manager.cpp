@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "dbus_client/bus_error.h"
+#include "dbus_client/call_time_limit.h"
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
 
@@ -55,6 +56,7 @@ StatusCode DBusClientManager::Connect() {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): by value in the published signature
 StatusCode DBusClientManager::LookupServices(std::string filter, std::set<std::string>& names) {
+    const CallTimeLimit limit(mBus, 2);  // a call for each list
     char** acquired = nullptr;
     char** activatable = nullptr;
     const int r = sd_bus_list_names(mBus, &acquired, &activatable);
@@ -73,6 +75,7 @@ StatusCode DBusClientManager::LookupServices(std::string filter, std::set<std::s
 StatusCode DBusClientManager::GetRequestSocketAddress(const std::string& service, std::string& address) {
     std::string path = "/" + service;
     std::replace(path.begin(), path.end(), '.', '/');
+    const CallTimeLimit limit(mBus);
     BusError error;
     char* value = nullptr;
     const int r = sd_bus_get_property_string(mBus, service.c_str(), path.c_str(), service.c_str(),

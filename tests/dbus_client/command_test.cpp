@@ -20,6 +20,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "dbus_client/peer_service.h"
+#include "dbus_client/watched_loop.h"
 #include "foundation/handle.h"
 #include "foundation/unique_fd.h"
 #include "support/interpose.h"
@@ -36,11 +38,14 @@ using tern::test::CountDescriptors;
 using tern::test::Error;
 using tern::test::FaultScope;
 using tern::test::LogCapture;
+using tern::test::PeerService;
 using tern::test::PrivateBus;
+using tern::test::WatchedLoop;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 TERN_INTERPOSE(int, sd_bus_open_system, (sd_bus * *bus), (bus))
+TERN_INTERPOSE(int, sd_event_default, (sd_event * *event), (event))
 TERN_INTERPOSE(sd_bus*, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
 
 #if __SIZEOF_POINTER__ == 8
@@ -65,6 +70,7 @@ public:
         buses.push_back(bus);
         EXPECT_GT(sd_bus_is_open(bus), 0);
         descriptorsDuringCall = CountDescriptors();
+        EXPECT_GE(sd_bus_get_method_call_timeout(bus, &timeOutUs), 0);
         if (throws) {
             throw std::runtime_error("no memory");
         }
@@ -75,6 +81,7 @@ public:
     bool throws = false;
     std::vector<sd_bus*> buses;
     std::size_t descriptorsDuringCall = 0;
+    std::uint64_t timeOutUs = 0;  ///< of the last call
 };
 
 /// Makes a real call.
@@ -83,6 +90,16 @@ public:
     int CallMethod(sd_bus* bus) override {
         return sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer", "Ping",
                                   nullptr, nullptr, nullptr);
+    }
+};
+
+/// Calls a service that takes its time for ever.
+class MuteCommand : public Command {
+public:
+    static constexpr const char* NAME = "org.example.Mute";
+
+    int CallMethod(sd_bus* bus) override {
+        return sd_bus_call_method(bus, NAME, "/", NAME, "Ask", nullptr, nullptr, nullptr);
     }
 };
 
@@ -268,4 +285,81 @@ TEST_F(CommandTest, ExceptionOfTheCallPassesAndTheConnectionIsClosed) {
     command.throws = true;
     EXPECT_THROW(static_cast<void>(command.Execute()), std::runtime_error);
     EXPECT_EQ(CountDescriptors(), before);
+}
+
+// A peer that does not answer held the thread for 25 s; the watchdog bites earlier than that.
+TEST_F(CommandTest, OnALoopWithAWatchdogItWaitsAQuarterOfThePeriod) {
+    const WatchedLoop loop(40000000);
+    EXPECT_EQ(command.Execute(), StatusCode::Ok);
+    EXPECT_EQ(command.timeOutUs, 10000000U) << "of its own bus";
+    const Bus bus = OpenBus();
+    command.SetBus(bus.get());
+    for (const int result : {0, -EIO}) {
+        command.result = result;
+        command.timeOutUs = 0;
+        static_cast<void>(command.Execute());
+        EXPECT_EQ(command.timeOutUs, 10000000U);
+        std::uint64_t behind = 0;
+        EXPECT_GE(sd_bus_get_method_call_timeout(bus.get(), &behind), 0);
+        EXPECT_EQ(behind, 25000000U) << "as it was";
+    }
+    command.throws = true;
+    EXPECT_THROW(static_cast<void>(command.Execute()), std::runtime_error);
+    std::uint64_t behind = 0;
+    EXPECT_GE(sd_bus_get_method_call_timeout(bus.get(), &behind), 0);
+    EXPECT_EQ(behind, 25000000U);
+}
+
+TEST_F(CommandTest, PeerThatDoesNotAnswerIsGivenUpBeforeTheWatchdogBites) {
+    const PeerService peer(MuteCommand::NAME, [](sd_bus* bus) {
+        EXPECT_GE(sd_bus_add_object(
+                      bus, nullptr, "/", [](sd_bus_message*, void*, sd_bus_error*) { return 1; }, nullptr),
+                  0);
+    });
+    const WatchedLoop loop(400000);
+    const Bus bus = OpenBus();
+    MuteCommand mute;
+    mute.SetBus(bus.get());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(mute.Execute(), StatusCode::Timeout);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(100));
+    EXPECT_LT(took, std::chrono::milliseconds(100) + tern::test::TOLERANCE);
+}
+
+TEST_F(CommandTest, ShorterTimeOutOfASuppliedBusStays) {
+    const WatchedLoop loop(40000000);
+    const Bus bus = OpenBus();
+    EXPECT_GE(sd_bus_set_method_call_timeout(bus.get(), 7000000), 0);
+    command.SetBus(bus.get());
+    EXPECT_EQ(command.Execute(), StatusCode::Ok);
+    EXPECT_EQ(command.timeOutUs, 7000000U);
+}
+
+TEST_F(CommandTest, ThreadThatFeedsNoWatchdogIsNotLimited) {
+    const Bus bus = OpenBus();
+    EXPECT_GE(sd_bus_set_method_call_timeout(bus.get(), 70000000), 0);
+    command.SetBus(bus.get());
+    {
+        // The loop is another thread's.
+        const WatchedLoop loop(40000000);
+        std::thread([&] { EXPECT_EQ(command.Execute(), StatusCode::Ok); }).join();
+        EXPECT_EQ(command.timeOutUs, 70000000U);
+        loop.StopFeeding();
+        EXPECT_EQ(command.Execute(), StatusCode::Ok);
+        EXPECT_EQ(command.timeOutUs, 70000000U);
+    }
+    const std::size_t before = CountDescriptors();
+    command.timeOutUs = 0;
+    EXPECT_EQ(command.Execute(), StatusCode::Ok);
+    EXPECT_EQ(command.timeOutUs, 70000000U) << "no watchdog";
+    EXPECT_EQ(CountDescriptors(), before);
+}
+
+TEST_F(CommandTest, LoopThatCannotBeAskedForLeavesTheTimeOut) {
+    const WatchedLoop loop(40000000);
+    const FaultScope scope(fault_sd_event_default);
+    fault_sd_event_default.Fail(-EMFILE);
+    EXPECT_EQ(command.Execute(), StatusCode::Ok);
+    EXPECT_EQ(command.timeOutUs, 25000000U);
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "dbus_client/peer_service.h"
+#include "dbus_client/watched_loop.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
@@ -25,6 +26,7 @@ using tern::test::FaultScope;
 using tern::test::LogCapture;
 using tern::test::PeerService;
 using tern::test::PrivateBus;
+using tern::test::WatchedLoop;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -286,4 +288,31 @@ TEST_F(DBusClientManagerTest, NameThatMakesNoObjectPathLeavesTheAddress) {
                                       "Failed to get the request socket address (-22, Invalid argument)")));
     }
     EXPECT_EQ(address, "unchanged");
+}
+
+TEST_F(DBusClientManagerTest, OnALoopWithAWatchdogAnOperationWaitsAQuarterOfThePeriod) {
+    const WatchedLoop loop(40000000);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    const FaultScope listScope(fault_sd_bus_list_names);
+    sd_bus* used = nullptr;
+    std::uint64_t timeOutUs = 0;
+    fault_sd_bus_list_names.Replace([&](sd_bus* bus, char***, char***) {
+        used = bus;
+        EXPECT_GE(sd_bus_get_method_call_timeout(bus, &timeOutUs), 0);
+        return -ETIMEDOUT;
+    });
+    EXPECT_EQ(manager.LookupServices("", names), StatusCode::Timeout);
+    EXPECT_EQ(timeOutUs, 5000000U) << "it makes two calls";
+    const FaultScope propertyScope(fault_sd_bus_get_property_string);
+    fault_sd_bus_get_property_string.Replace(
+        [&](sd_bus* bus, const char*, const char*, const char*, const char*, sd_bus_error*, char**) {
+            EXPECT_GE(sd_bus_get_method_call_timeout(bus, &timeOutUs), 0);
+            return -ETIMEDOUT;
+        });
+    EXPECT_EQ(manager.GetRequestSocketAddress("com.example.Foo", address), StatusCode::Timeout);
+    EXPECT_EQ(timeOutUs, 10000000U);
+    std::uint64_t behind = 0;
+    ASSERT_NE(used, nullptr);
+    EXPECT_GE(sd_bus_get_method_call_timeout(used, &behind), 0);
+    EXPECT_EQ(behind, 25000000U) << "as it was";
 }

@@ -19,6 +19,13 @@ namespace mw::tern {
 /// environment variable SYSTEMD_BUS_TIMEOUT says); the first one on a new connection also while that is being
 /// made: 90 s, which nothing changes, for a bus that lets connect but does not answer, and the time-out once
 /// more for its greeting. `Connect` itself does not wait.
+///
+/// On a thread whose default event loop feeds a watchdog (a service's D-Bus thread under WatchdogSec=) an
+/// operation waits no longer than a quarter of the watchdog's period for its answers, whatever time-out is
+/// set: Timeout then, and the process is not killed for a peer that does not answer. Several operations in
+/// one callback add up. On that thread the connection is the service's own: while an operation waits, sd-bus
+/// takes in and keeps whatever anybody sends to the service, so that a third party can make the process grow
+/// by hundreds of mebibytes in 25 s. Rather use a manager on a worker's thread.
 class TERN_API DBusClientManager {
 public:
     DBusClientManager() = default;

@@ -31,9 +31,10 @@ public:
     int CallMethod(sd_bus* bus) override;
 
     /// The properties read so far, each under "_" and its name (see Parser). A property keeps the value that
-    /// was read first: executed again, the command adds only those that were not there. The list lives as
-    /// long as the command. Descriptors in it were closed together with the reply: only their numbers are
-    /// left.
+    /// was read first: executed again, the command adds only those that were not there, and a peer that sends
+    /// others each time makes the list grow by the limit of one call each time; make a new command then. The
+    /// list lives as long as the command. Descriptors in it were closed together with the reply: only their
+    /// numbers are left.
     const DBusMessage::ValuesList& GetValuesList() const;
 
 private:
