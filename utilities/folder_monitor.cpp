@@ -3,6 +3,7 @@
 #include <tern/utilities/folder_monitor.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -10,8 +11,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <latch>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
@@ -53,6 +56,17 @@ std::optional<Event> FindEvent(const char* bytes, std::size_t size, std::uint32_
     return std::nullopt;
 }
 
+/// A watching thread, as those see it that wait for its end.
+struct WatchThread {
+    std::thread::id id;  ///< guarded by the monitor's mutex
+    /// Open when the thread touches nothing of the application's any more, the callback included.
+    std::latch left{1};
+
+    bool IsThisOne() const { return id == std::this_thread::get_id() && !left.try_wait(); }
+};
+
+using WatchThreads = std::vector<std::shared_ptr<WatchThread>>;
+
 }  // namespace
 
 /// One run of the monitor, from Start to the end of its thread, with everything that the thread touches. The
@@ -60,46 +74,42 @@ std::optional<Event> FindEvent(const char* bytes, std::size_t size, std::uint32_
 /// that has been started meanwhile must not be ended by it.
 struct FolderMonitor::Watch {
     /// Takes the callback last, when nothing can throw any more: a failure leaves it with the caller.
-    Watch(std::string watchedPath, Callback&& eventCallback, UniqueFd inotify, int descriptor)
+    Watch(std::string watchedPath, std::uint32_t eventMask, WatchThreads watchThreads, UniqueFd watchInotify,
+          int descriptor, Callback&& eventCallback)
         : path(std::move(watchedPath)),
+          mask(eventMask),
+          threads(std::move(watchThreads)),
           callback(std::move(eventCallback)),
-          inotifyFd(inotify.Release()),
+          inotify(std::move(watchInotify)),
           watchDescriptor(descriptor) {}
-    ~Watch() { Cleanup(); }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 
-    void ThreadLoop(std::uint32_t mask);
+    void ThreadLoop();
     void Cleanup();
-    /// The descriptor, once: whoever takes it closes it.
-    UniqueFd TakeInotifyFd() { return UniqueFd(inotifyFd.exchange(-1)); }
 
     const std::string path;
+    const std::uint32_t mask;
+    /// Former threads, stopped from inside their callbacks, that may still be in them; behind them its own.
+    const WatchThreads threads;
     const Callback callback;
     std::atomic<bool> active{true};
     std::atomic<bool> stopRequested{false};
-    std::atomic<int> inotifyFd;
+
+private:
+    void HandleRecords(const char* bytes, std::size_t size);
+
+    // The watching thread's alone, as soon as it runs.
+    UniqueFd inotify;
     const int watchDescriptor;
 };
 
-void FolderMonitor::Watch::ThreadLoop(std::uint32_t mask) {
+void FolderMonitor::Watch::ThreadLoop() {
     std::array<char, BUFFER_SIZE> buffer{};
     while (!stopRequested) {
-        // The number stays ours while it is read: Stop closes it only after this thread has left.
-        const int fd = inotifyFd;
-        if (fd < 0) {
-            break;  // GCOVR_EXCL_LINE: by chance, when Stop falls between the two reads
-        }
-        const ssize_t count = read(fd, buffer.data(), buffer.size());
+        const ssize_t count = read(inotify.Get(), buffer.data(), buffer.size());
         if (count > 0) {
-            const std::optional<Event> event =
-                FindEvent(buffer.data(), static_cast<std::size_t>(count), mask);
-            if (event) {
-                TERN_LOG_TRACE(LOGGER, "[%s] Detected fs event (mask=0x%x) for '%s' in %s", "ThreadLoop",
-                               event->mask, event->name.c_str(), path.c_str());
-                callback(event->name, event->mask);
-                stopRequested = true;
-            }
+            HandleRecords(buffer.data(), static_cast<std::size_t>(count));
         } else if (count == 0) {
             break;
         } else if (errno == EAGAIN) {
@@ -116,12 +126,22 @@ void FolderMonitor::Watch::ThreadLoop(std::uint32_t mask) {
     TERN_LOG_TRACE(LOGGER, "[%s] FolderMonitor thread exiting for %s", "ThreadLoop", path.c_str());
 }
 
-void FolderMonitor::Watch::Cleanup() {
-    const UniqueFd fd = TakeInotifyFd();
-    if (fd) {
-        // Refused when the path has been deleted, as the kernel has removed the watch then.
-        static_cast<void>(inotify_rm_watch(fd.Get(), watchDescriptor));
+void FolderMonitor::Watch::HandleRecords(const char* bytes, std::size_t size) {
+    if (const std::optional<Event> event = FindEvent(bytes, size, mask)) {
+        TERN_LOG_TRACE(LOGGER, "[%s] Detected fs event (mask=0x%x) for '%s' in %s", "ThreadLoop", event->mask,
+                       event->name.c_str(), path.c_str());
+        callback(event->name, event->mask);
+        stopRequested = true;
     }
+}
+
+/// On the watching thread, the only one that uses the descriptor.
+void FolderMonitor::Watch::Cleanup() {
+    if (inotify) {
+        // Refused when the path has been deleted, as the kernel has removed the watch then.
+        static_cast<void>(inotify_rm_watch(inotify.Get(), watchDescriptor));
+    }
+    inotify.Reset();
     active = false;
 }
 
@@ -163,10 +183,24 @@ StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned 
     }
     TERN_LOG_INFO(LOGGER, "[%s] Started FolderMonitor on %s (wd=%d)", "Start", mPath.c_str(),
                   watchDescriptor);
-    watch = std::make_shared<Watch>(mPath, std::move(callback), std::move(fd), watchDescriptor);
+    WatchThreads threads;
+    if (mWatch != nullptr) {
+        threads = mWatch->threads;
+        std::erase_if(threads, [](const auto& earlier) { return earlier->left.try_wait(); });
+    }
+    threads.push_back(std::make_shared<WatchThread>());
+    const std::shared_ptr<WatchThread> thread = threads.back();
+    watch = std::make_shared<Watch>(mPath, effectiveMask, std::move(threads), std::move(fd), watchDescriptor,
+                                    std::move(callback));
     // Ends the process when a finished thread has not been joined. A callback that calls back before this
     // assignment waits for the lock.
-    mThread = std::thread([watch, effectiveMask] { watch->ThreadLoop(effectiveMask); });
+    mThread = std::thread([watch, thread]() mutable {
+        watch->ThreadLoop();
+        // Before it is told of: what the callback holds may be destroyed with it.
+        watch.reset();
+        thread->left.count_down();
+    });
+    thread->id = mThread.get_id();
     former = std::exchange(mWatch, watch);
     return StatusCode::Ok;
 }
@@ -174,25 +208,38 @@ StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned 
 void FolderMonitor::Stop() {
     std::unique_lock lock(mMutex);
     const std::shared_ptr<Watch> watch = mWatch;
-    if (watch == nullptr || !watch->active) {
+    if (watch == nullptr) {
         TERN_LOG_TRACE(LOGGER, "[%s] Folder monitor stop request when not running", "Stop");
         return;
     }
-    watch->stopRequested = true;
-    UniqueFd fd = watch->TakeInotifyFd();
-    std::thread thread = std::move(mThread);
+    const bool isActive = watch->active;
+    const bool isOnItsThread = watch->threads.back()->IsThisOne();
+    const bool isInsideCallback = std::any_of(watch->threads.begin(), watch->threads.end(),
+                                              [](const auto& thread) { return thread->IsThisOne(); });
+    std::thread thread;
+    if (isActive) {
+        watch->stopRequested = true;
+        thread = std::move(mThread);
+    }
     lock.unlock();
 
-    if (thread.get_id() == std::this_thread::get_id()) {
-        thread.detach();
+    if (!isActive) {
+        TERN_LOG_TRACE(LOGGER, "[%s] Folder monitor stop request when not running", "Stop");
+    } else if (isOnItsThread) {
+        watch->Cleanup();
+        if (thread.joinable()) {
+            thread.detach();
+        }
     } else if (thread.joinable()) {
         thread.join();
     }
-    // Only now: closed while the thread reads, the number could already be another file's.
-    fd.Reset();
-    watch->active = false;
-    // The watch's path: a callback's Stop is waited for by nobody, and the monitor may be gone by now.
-    TERN_LOG_INFO(LOGGER, "[%s] Stopped FolderMonitor on %s", "Stop", watch->path.c_str());
+    // Also of a watch that its own callback has stopped: the owner frees what the callback uses next.
+    for (std::size_t i = 0; !isInsideCallback && i < watch->threads.size(); ++i) {
+        watch->threads[i]->left.wait();
+    }
+    if (isActive) {
+        TERN_LOG_INFO(LOGGER, "[%s] Stopped FolderMonitor on %s", "Stop", watch->path.c_str());
+    }
 }
 
 }  // namespace mwl::Utilities

@@ -80,6 +80,38 @@ std::string Record(std::uint32_t mask, const std::string& name, std::uint32_t pa
     return bytes;
 }
 
+/// A callback that stops its own watch and goes on until it is awaited.
+class StoppingCallback {
+public:
+    void Run(FolderMonitor& monitor) {
+        monitor.Stop();
+        mStopped.count_down();
+        mLeave.wait();
+        mHasLeft = true;
+    }
+    void WaitUntilStopped() { mStopped.wait(); }
+
+    /// `wait` returns behind the callback.
+    void ExpectToBeAwaitedBy(const std::function<void()>& wait) {
+        mStopped.wait();
+        std::atomic<bool> returned{false};
+        std::thread waiting([&] {
+            wait();
+            EXPECT_TRUE(mHasLeft);
+            returned = true;
+        });
+        // One that does not wait has returned long before; for the others the time makes no difference.
+        EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, std::chrono::milliseconds(200)));
+        mLeave.count_down();
+        waiting.join();
+    }
+
+private:
+    std::latch mStopped{1};
+    std::latch mLeave{1};
+    std::atomic<bool> mHasLeft{false};
+};
+
 class FolderMonitorTest : public testing::Test {
 protected:
     /// A sanitizer's own thread comes with the first thread and must not be counted as ours.
@@ -591,25 +623,79 @@ TEST_F(FolderMonitorTest, MonitorMayBeDestroyedFromInsideItsCallback) {
     EXPECT_THAT(log.Entries(), ElementsAre(Started(), Detected("200", "a"), Stopped(), Exiting()));
 }
 
-TEST_F(FolderMonitorTest, MonitorMayBeDestroyedBesideTheStopOfItsCallback) {
+// What the callback uses may be freed when the owner's Stop has returned, or its destructor.
+TEST_F(FolderMonitorTest, StopWaitsForACallbackThatHasStoppedTheWatchItself) {
     CreateFile("a");
-    std::latch detaching(1);
-    std::latch destroyed(1);
-    const FaultScope scope(fault_pthread_detach);
-    fault_pthread_detach.Replace([&](pthread_t thread) {
-        detaching.count_down();
-        destroyed.wait();
-        return fault_pthread_detach.Real(thread);
-    });
-    std::optional<FolderMonitor> monitor(folder.Path());
-    ASSERT_EQ(monitor->Start([&](const std::string&, unsigned int) { monitor->Stop(); }, 0), StatusCode::Ok);
+    StoppingCallback callback;
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start([&](const std::string&, unsigned int) { callback.Run(monitor); }, 0),
+              StatusCode::Ok);
     DeleteFile("a");
-    detaching.wait();
-    // In the place of the destroyed one, so that a look at it afterwards shows.
-    monitor.emplace("the path of another monitor");
-    destroyed.count_down();
-    EXPECT_TRUE(log.WaitFor(Exiting()));
-    EXPECT_THAT(log.Entries(), ElementsAre(Started(), Detected("200", "a"), Stopped(), Stopped(), Exiting()));
+    callback.ExpectToBeAwaitedBy([&] { monitor.Stop(); });
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Started(), Detected("200", "a"), Stopped(), NotRunning(), Exiting()));
+}
+
+TEST_F(FolderMonitorTest, DestructorWaitsForACallbackThatHasStoppedTheWatchItself) {
+    CreateFile("a");
+    StoppingCallback callback;
+    std::optional<FolderMonitor> monitor(folder.Path());
+    ASSERT_EQ(monitor->Start([&](const std::string&, unsigned int) { callback.Run(*monitor); }, 0),
+              StatusCode::Ok);
+    DeleteFile("a");
+    callback.ExpectToBeAwaitedBy([&] { monitor.reset(); });
+}
+
+TEST_F(FolderMonitorTest, StopWaitsForTheCallbackOfAFormerWatchToo) {
+    CreateFile("a");
+    StoppingCallback callback;
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start([&](const std::string&, unsigned int) { callback.Run(monitor); }, 0),
+              StatusCode::Ok);
+    DeleteFile("a");
+    callback.WaitUntilStopped();
+    ASSERT_EQ(monitor.Start(IgnoreEvent, 0), StatusCode::Ok);
+    callback.ExpectToBeAwaitedBy([&] { monitor.Stop(); });
+    EXPECT_EQ(log.Count(Exiting()), 2U);
+}
+
+TEST_F(FolderMonitorTest, EveryStopWaitsForTheCallback) {
+    CreateFile("a");
+    StoppingCallback callback;
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start([&](const std::string&, unsigned int) { callback.Run(monitor); }, 0),
+              StatusCode::Ok);
+    DeleteFile("a");
+    callback.WaitUntilStopped();
+    std::thread other([&] { monitor.Stop(); });
+    callback.ExpectToBeAwaitedBy([&] { monitor.Stop(); });
+    other.join();
+}
+
+TEST_F(FolderMonitorTest, StopInsideACallbackDoesNotWaitForAFormerOne) {
+    CreateFile("a");
+    CreateFile("b");
+    std::latch second(1);
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start(
+                  [&](const std::string&, unsigned int) {
+                      monitor.Stop();
+                      EXPECT_EQ(monitor.Start(
+                                    [&](const std::string&, unsigned int) {
+                                        monitor.Stop();
+                                        second.count_down();
+                                    },
+                                    0),
+                                StatusCode::Ok);
+                      DeleteFile("b");
+                      second.wait();
+                  },
+                  0),
+              StatusCode::Ok);
+    DeleteFile("a");
+    second.wait();
+    monitor.Stop();
+    EXPECT_EQ(log.Count(Exiting()), 2U);
 }
 
 TEST_F(FolderMonitorTest, StopWaitsForARunningCallback) {

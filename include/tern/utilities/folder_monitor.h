@@ -30,12 +30,15 @@ namespace mwl::Utilities {
 /// `Stop` from inside the callback (which leads to idle), or let the monitor live as long as the process.
 ///
 /// Thread-safe, except that the destructor must not run beside another operation than a `Stop` called from
-/// inside the callback. When `Stop` runs on several threads at once, one of them waits for the watching
-/// thread; the others return at once.
+/// inside the callback.
 ///
 /// The callback runs on the watching thread. It may call any operation of its own monitor and may destroy it
 /// (after `Stop`, or by the destructor alone). It may call `Start` again after `Stop`. An exception that
 /// leaves it ends the process. It is kept until the next `Start` that succeeds or the end of the monitor.
+///
+/// When `Stop` or the destructor has returned, no callback runs and none is going to, whoever stopped the
+/// watch: what the callback uses may be freed. This does not hold for their calls from inside the callback.
+/// REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
 class TERN_API FolderMonitor {
 public:
     /// Keeps the path of the file or folder to watch; starts nothing. The path need not exist yet.
@@ -63,9 +66,9 @@ public:
     StatusCode Start(std::function<void(const std::string&, unsigned int)> callback, unsigned int mask);
 
     /// Ends the watch. Blocks until the watching thread has left, usually not more than 100 ms, or as long as
-    /// a running callback takes; no callback runs afterwards. On the watching thread itself, that is from
-    /// inside the callback, it returns at once, and the thread leaves when the callback returns. Harmless
-    /// when the monitor is not watching.
+    /// a running callback takes, also one that has called `Stop` itself. From inside the callback it returns
+    /// at once, with the watch removed; the thread leaves when the callback returns. Harmless when the
+    /// monitor is not watching.
     void Stop();
 
 private:
