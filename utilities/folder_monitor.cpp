@@ -98,10 +98,12 @@ struct FolderMonitor::Watch {
 
 private:
     void HandleRecords(const char* bytes, std::size_t size);
+    void WatchAgain();
 
     // The watching thread's alone, as soon as it runs.
     UniqueFd inotify;
-    const int watchDescriptor;
+    int watchDescriptor;   ///< -1 while there is nothing at the path
+    int refusal = ENOENT;  ///< why there is no watch, as told last
 };
 
 void FolderMonitor::Watch::ThreadLoop() {
@@ -114,6 +116,9 @@ void FolderMonitor::Watch::ThreadLoop() {
             break;
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(POLL_PERIOD);
+            if (watchDescriptor < 0) {
+                WatchAgain();
+            }
         } else {
             const int error = errno;
             if (!stopRequested) {
@@ -132,12 +137,32 @@ void FolderMonitor::Watch::HandleRecords(const char* bytes, std::size_t size) {
                        event->name.c_str(), path.c_str());
         callback(event->name, event->mask);
         stopRequested = true;
+    } else if (FindEvent(bytes, size, IN_IGNORED)) {
+        // The kernel watches what has the path, not the path: what comes to be there next is not watched.
+        watchDescriptor = -1;
+        TERN_LOG_WARNING(LOGGER, "[%s] %s is gone, it is watched again when it is back", "ThreadLoop",
+                         path.c_str());
+        WatchAgain();
+    }
+}
+
+void FolderMonitor::Watch::WatchAgain() {
+    watchDescriptor = inotify_add_watch(inotify.Get(), path.c_str(), mask);
+    const int error = errno;
+    if (watchDescriptor >= 0) {
+        TERN_LOG_INFO(LOGGER, "[%s] %s is back, watched again (wd=%d)", "ThreadLoop", path.c_str(),
+                      watchDescriptor);
+        refusal = ENOENT;
+    } else if (error != refusal) {
+        TERN_LOG_ERROR(LOGGER, "[%s] inotify_add_watch failed for %s: %s", "ThreadLoop", path.c_str(),
+                       ErrorText(error));
+        refusal = error;
     }
 }
 
 /// On the watching thread, the only one that uses the descriptor.
 void FolderMonitor::Watch::Cleanup() {
-    if (inotify) {
+    if (inotify && watchDescriptor >= 0) {
         // Refused when the path has been deleted, as the kernel has removed the watch then.
         static_cast<void>(inotify_rm_watch(inotify.Get(), watchDescriptor));
     }

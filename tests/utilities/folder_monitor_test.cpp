@@ -137,6 +137,14 @@ protected:
         return Trace("[ThreadLoop] Detected fs event (mask=0x" + mask + ") for '" + name + "' in " +
                      folder.Path());
     }
+    LogEntry Gone() const {
+        return tern::test::Warning(
+            LOGGER, "[ThreadLoop] " + folder.Path() + " is gone, it is watched again when it is back");
+    }
+    LogEntry Back(int watchDescriptor) const {
+        return Info("[ThreadLoop] " + folder.Path() +
+                    " is back, watched again (wd=" + std::to_string(watchDescriptor) + ")");
+    }
     LogEntry Exiting() const {
         return Trace("[ThreadLoop] FolderMonitor thread exiting for " + folder.Path());
     }
@@ -402,6 +410,74 @@ TEST_F(FolderMonitorTest, LooksAgainAfterTheRestOfAnInterruptedPause) {
     EXPECT_TRUE(WaitUntil([&] { return calls == 3; }));
     monitor.Stop();
     EXPECT_THAT(periods, ElementsAre(100000000, 1234, 100000000));
+}
+
+// What is watched goes away
+
+TEST_F(FolderMonitorTest, AFolderRemovedAndMadeAnewIsWatchedAgain) {
+    FolderMonitor monitor(folder.Path());
+    std::latch called(1);
+    ASSERT_EQ(monitor.Start(
+                  [&](const std::string& name, unsigned int mask) {
+                      EXPECT_EQ(name, "new");
+                      EXPECT_EQ(mask, static_cast<unsigned int>(IN_CREATE));
+                      monitor.Stop();
+                      called.count_down();
+                  },
+                  IN_CREATE),
+              StatusCode::Ok);
+    ASSERT_EQ(rmdir(folder.Path().c_str()), 0);
+    ASSERT_TRUE(log.WaitFor(Gone()));
+    ASSERT_EQ(mkdir(folder.Path().c_str(), 0700), 0);
+    ASSERT_TRUE(log.WaitFor(Back(2)));
+    CreateFile("new");
+    called.wait();
+    monitor.Stop();
+    EXPECT_THAT(log.Entries(), ElementsAre(Started(), Gone(), Back(2), Detected("100", "new"), Stopped(),
+                                           testing::AnyOf(NotRunning(), Exiting()),
+                                           testing::AnyOf(NotRunning(), Exiting())));
+}
+
+TEST_F(FolderMonitorTest, AFolderMadeAnewAtOnceIsWatchedAgainAsOftenAsItHappens) {
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start([](const std::string&, unsigned int) { ADD_FAILURE(); }, IN_CLOSE_WRITE),
+              StatusCode::Ok);
+    for (int round = 2; round < 5; ++round) {
+        ASSERT_EQ(rmdir(folder.Path().c_str()), 0);
+        ASSERT_EQ(mkdir(folder.Path().c_str(), 0700), 0);
+        ASSERT_TRUE(log.WaitFor(Back(round)));
+    }
+    monitor.Stop();
+}
+
+TEST_F(FolderMonitorTest, StopsWhileItsPathIsGone) {
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start(IgnoreEvent, IN_CREATE), StatusCode::Ok);
+    ASSERT_EQ(rmdir(folder.Path().c_str()), 0);
+    ASSERT_TRUE(log.WaitFor(Gone()));
+    EXPECT_EQ(monitor.Start(IgnoreEvent, IN_CREATE), StatusCode::Ok);
+    monitor.Stop();
+    EXPECT_THAT(log.Entries(), ElementsAre(Started(), Gone(),
+                                           Info("[Start] FolderMonitor already active on " + folder.Path()),
+                                           Exiting(), Stopped()));
+    // Stopped it is idle, and finds that there is nothing.
+    EXPECT_EQ(monitor.Start(IgnoreEvent, IN_CREATE), StatusCode::IoError);
+}
+
+TEST_F(FolderMonitorTest, AWatchThatIsRefusedAgainIsToldOncePerReason) {
+    FolderMonitor monitor(folder.Path());
+    ASSERT_EQ(monitor.Start(IgnoreEvent, IN_CREATE), StatusCode::Ok);
+    const FaultScope scope(fault_inotify_add_watch);
+    fault_inotify_add_watch.Fail(-1, ENOSPC, 3);
+    ASSERT_EQ(rmdir(folder.Path().c_str()), 0);
+    ASSERT_TRUE(log.WaitFor(Gone()));
+    ASSERT_EQ(mkdir(folder.Path().c_str(), 0700), 0);
+    ASSERT_TRUE(log.WaitFor(Back(2)));
+    monitor.Stop();
+    EXPECT_THAT(log.Entries(), ElementsAre(Started(), Gone(),
+                                           Error("[ThreadLoop] inotify_add_watch failed for " +
+                                                 folder.Path() + ": No space left on device"),
+                                           Back(2), Exiting(), Stopped()));
 }
 
 // The end of the watch by itself

@@ -39,6 +39,12 @@ namespace mwl::Utilities {
 /// When `Stop` or the destructor has returned, no callback runs and none is going to, whoever stopped the
 /// watch: what the callback uses may be freed. This does not hold for their calls from inside the callback.
 /// REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
+///
+/// What is watched is the file or folder that had the path at `Start`. When that has been removed, or its
+/// file system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps
+/// watching for something new at the path: it looks every 100 ms, and what happens in between is missed. A
+/// warning tells that the path is gone, an info line that it is watched again. A folder that was moved away,
+/// or that a process still holds open, is not gone: it remains the one that is watched.
 class TERN_API FolderMonitor {
 public:
     /// Keeps the path of the file or folder to watch; starts nothing. The path need not exist yet.
