@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <string_view>
 #include <utility>
 
 #include "foundation/error_text.h"
@@ -22,6 +23,24 @@ const StaticText FILE_SYSTEM_LOGGER("mwl::Utilities::FileSystem");
 namespace {
 
 constexpr std::size_t LINK_BUFFER = 4096;
+/// The link to the file of the running program, and how its text ends when that has no name any more.
+constexpr const char* EXECUTABLE = "/proc/self/exe";
+constexpr std::string_view DELETED = " (deleted)";
+
+/// Takes the kernel's mark off the path of a program whose file has been removed or replaced since its start
+/// (proc(5)). A file may really be called so.
+void CutDeletedMark(std::string& path) {
+    if (!path.ends_with(DELETED)) {
+        return;
+    }
+    struct stat named {};
+    struct stat running {};
+    const bool isItsName = stat(path.c_str(), &named) == 0 && stat(EXECUTABLE, &running) == 0 &&
+                           named.st_dev == running.st_dev && named.st_ino == running.st_ino;
+    if (!isItsName) {
+        path.resize(path.size() - DELETED.size());
+    }
+}
 
 /// Calls `take(name)` for every entry of the type in the folder; `operation` is its name in the messages.
 template <typename Take>
@@ -177,7 +196,10 @@ StatusCode FileSystem::ReadLink(const std::string& link, std::string& target) {
 }
 
 StatusCode FileSystem::GetCurrentExecutableName(std::string& name) {
-    const StatusCode status = ReadLink("/proc/self/exe", name);
+    const StatusCode status = ReadLink(EXECUTABLE, name);
+    if (status == StatusCode::Ok) {
+        CutDeletedMark(name);
+    }
     // Meant: also after a failure, when `name` is what the caller had in it.
     name.erase(0, name.rfind(FOLDER_SEPARATOR) + 1);
     return status;

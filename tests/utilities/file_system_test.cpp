@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <thread>
 #include <type_traits>
@@ -361,6 +362,39 @@ TEST(FileSystem, TheExecutablesNameIsTheBareNameOfThisProgram) {
         log.Entries(),
         ElementsAre(Info(LOGGER, "ReadLink: Successful '/proc/self/exe' to '" +
                                      std::filesystem::read_symlink("/proc/self/exe").string() + "'")));
+}
+
+// Run by the next test in a copy of this program, which may lose its file before.
+TEST(FileSystem, DISABLED_TellsTheExecutablesName) {
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string act = std::filesystem::exists("act") ? ContentOf("act") : "";
+    if (act == "remove") {
+        ASSERT_EQ(unlink(self.c_str()), 0);
+    } else if (act == "replace") {
+        ASSERT_EQ(rename("act", self.c_str()), 0);
+    }
+    std::string name;
+    EXPECT_EQ(FileSystem::GetCurrentExecutableName(name), StatusCode::Ok);
+    MakeFile("name", name);
+}
+
+TEST(FileSystem, TheExecutablesNameIsTheSameAfterAnUpdateInPlace) {
+    const struct {
+        const char* name;
+        const char* act;
+    } ROWS[] = {{"tool", ""},           {"tool", "remove"},           {"tool", "replace"},
+                {"tool (deleted)", ""}, {"tool (deleted)", "remove"}, {"tool (deleted)", "replace"}};
+    for (const auto& row : ROWS) {
+        SCOPED_TRACE(std::string(row.name) + " " + row.act);
+        const TempFolder folder;
+        std::filesystem::copy_file("/proc/self/exe", folder / row.name);
+        MakeFile(folder / "act", row.act);
+        const std::string command = "cd '" + folder.Path() + "' && './" + row.name +
+                                    "' --gtest_also_run_disabled_tests "
+                                    "--gtest_filter=FileSystem.DISABLED_TellsTheExecutablesName >output 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0) << ContentOf(folder / "output");
+        EXPECT_EQ(ContentOf(folder / "name"), row.name);
+    }
 }
 
 TEST(FileSystem, AnExecutableThatCannotBeReadStillCutsTheNameItWasGiven) {

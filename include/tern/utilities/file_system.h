@@ -116,8 +116,9 @@ public:
     /// Stores the text of the link in `target` (readlink(2), at most 4095 bytes). `Ok`, or the status of
     /// errno.
     static StatusCode ReadLink(const std::string& link, std::string& target);
-    /// Stores the bare file name of the running program in `name`. Results as ReadLink; when that fails,
-    /// `name` is still cut to what stands behind its last "/".
+    /// Stores the bare file name of the running program in `name`: the one that it was started by, also when
+    /// the file has been removed or replaced since (an update in place). Results as ReadLink; when that
+    /// fails, `name` is still cut to what stands behind its last "/".
     static StatusCode GetCurrentExecutableName(std::string& name);
     /// Gives `path` to the named user and group (chown(2), links followed). `Ok`; `Failure` when either is
     /// unknown; else the status of errno.
