@@ -3,12 +3,16 @@
 #include <tern/foundation/service_common.h>
 #include <tern/service/dbus_server_manager.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "service/vtable_fault.h"
 
 namespace mw::tern {
 
@@ -28,6 +32,17 @@ int EndWhenDetached(sd_event_source* source, void* bus) {
     return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
 }
 
+/// Names the entry that makes sd-bus refuse the interface's vtable, if it is one.
+void LogRefusedEntry(const DBusInterface& interface) {
+    const std::optional<VtableFault> fault = FindVtableFault(interface.GetVtable());
+    if (fault.has_value()) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger,
+                       "Refused entry %zu of the vtable of interface: %s, %s '%s' (%d, %s)", fault->index,
+                       interface.GetName().c_str(), fault->kind, fault->member, fault->error,
+                       ErrorText(-fault->error));
+    }
+}
+
 int NeverCalled(sd_event_source*, uint64_t, void*) {
     return 0;
 }
@@ -35,6 +50,10 @@ int NeverCalled(sd_event_source*, uint64_t, void*) {
 }  // namespace
 
 struct DBusServerManager::State {
+    /// The objects by path, and every interface that one of them owns: what the lists would be walked for.
+    /// The texts are the objects' own.
+    std::unordered_map<std::string_view, DBusObjectSkeleton*> objects;
+    std::unordered_set<const DBusInterface*> interfaces;
     /// Has the loop look at the connection: a timer that never expires.
     mwl::Handle<sd_event_source, sd_event_source_disable_unref> lossWatch;
 };
@@ -88,7 +107,13 @@ StatusCode DBusServerManager::AddDBusObject(const std::string& path) {
     if (FindObject(path) != nullptr) {
         return MakeStatusCodeFromReturnCode(-EINVAL);
     }
-    mObjects.emplace_back(path);
+    DBusObjectSkeleton& object = mObjects.emplace_back(path);
+    try {
+        mState->objects.emplace(object.GetPath(), &object);
+    } catch (...) {
+        mObjects.pop_back();
+        throw;
+    }
     return MakeStatusCodeFromReturnCode(0);
 }
 
@@ -97,7 +122,24 @@ StatusCode DBusServerManager::AddInterfaceToDBusObject(const std::string& path, 
     if (object == nullptr) {
         return MakeStatusCodeFromReturnCode(-EINVAL);
     }
-    object->AddInterface(interface);
+    if (interface == nullptr) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "Refused to add a null interface to DBus object: %s",
+                       path.c_str());
+        return MakeStatusCodeFromReturnCode(-EINVAL);
+    }
+    const auto [added, isNew] = mState->interfaces.insert(interface);
+    if (!isNew) {
+        TERN_LOG_ERROR(ServiceCommon::mLogger,
+                       "Refused to add interface: %s to DBus object: %s, it belongs to an object already",
+                       interface->GetName().c_str(), path.c_str());
+        return MakeStatusCodeFromReturnCode(-EINVAL);
+    }
+    try {
+        object->AddInterface(interface);
+    } catch (...) {
+        mState->interfaces.erase(added);
+        throw;
+    }
     return MakeStatusCodeFromReturnCode(0);
 }
 
@@ -122,6 +164,7 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
                            interface->GetName().c_str(), path.c_str());
             // Wording and newline are meant.
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to issue method call: %s\n", ErrorText(-r));
+            LogRefusedEntry(*interface);
             break;
         }
     }
@@ -129,11 +172,8 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
 }
 
 DBusObjectSkeleton* DBusServerManager::FindObject(const std::string& path) {
-    // From the end: as a rule it is the one that was added last.
-    const auto found =
-        std::find_if(mObjects.rbegin(), mObjects.rend(),
-                     [&](const DBusObjectSkeleton& object) { return object.GetPath() == path; });
-    return found == mObjects.rend() ? nullptr : &*found;
+    const auto found = mState->objects.find(path);
+    return found == mState->objects.end() ? nullptr : found->second;
 }
 
 }  // namespace mw::tern

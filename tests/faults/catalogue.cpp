@@ -218,6 +218,7 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"sd_bus_message_read_basic">(&::sd_bus_message_read_basic,
                                                    {TERN_NEGATIVE(EBADMSG), TERN_NEGATIVE(ENXIO)}),
         MakeFaultable<"sd_bus_message_skip">(&::sd_bus_message_skip, {TERN_NEGATIVE(EBADMSG)}),
+        MakeFaultable<"sd_bus_new">(&::sd_bus_new, {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_bus_open_system">(
             &::sd_bus_open_system, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(ENOENT), TERN_NEGATIVE(ENOMEM),
                                     TERN_NEGATIVE(EMFILE)}),
@@ -331,6 +332,7 @@ const std::map<std::string, const char*>& Exemptions() {
         {"sd_bus_error_free", GOES_AWAY},
         {"sd_bus_flush_close_unref", GOES_AWAY},
         {"sd_bus_message_unref", GOES_AWAY},
+        {"sd_bus_slot_unref", GOES_AWAY},
         {"sd_bus_unref", GOES_AWAY},
         {"sd_event_get_watchdog", VALID_ARGUMENT},
         {"sd_watchdog_enabled", "a watchdog that is not announced well is none: the time-out stays"},

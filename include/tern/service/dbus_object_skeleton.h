@@ -18,8 +18,10 @@ public:
     DBusObjectSkeleton(const DBusObjectSkeleton&) = delete;
     DBusObjectSkeleton& operator=(const DBusObjectSkeleton&) = delete;
 
-    /// Appends the interface and takes it over. Nothing checks for a second one of the same name: sd-bus
-    /// refuses that when the object is exported.
+    /// Appends the interface and takes it over. REQUIRES: it is not null, and no object owns it yet; nothing
+    /// is checked here, and an interface added twice is deleted twice.
+    /// DBusServerManager::AddInterfaceToDBusObject checks both. A second interface of the same name is
+    /// refused by sd-bus when the object is exported.
     void AddInterface(DBusInterface* interface);
 
     /// As given to the constructor.

@@ -45,11 +45,15 @@ public:
     StatusCode AttachLoop(EventLoop& loop);
 
     /// Adds an object without interfaces. Ok, or InvalidArgument when the path is there already. sd-bus looks
-    /// at the path only when the object is exported.
+    /// at the path only when the object is exported. Takes the same time however many objects there are, as
+    /// do the operations below that take a path.
     StatusCode AddDBusObject(const std::string& path);
 
-    /// Appends the interface to the object. Ok, and the object owns the interface; or InvalidArgument for a
-    /// path that was never added, and the interface still belongs to the caller.
+    /// Appends the interface to the object.
+    /// Ok: the object owns the interface and deletes it at its end.
+    /// InvalidArgument: the path was never added, not logged; or the interface is null or has been added
+    /// before, to this object or to another, an error line each. Nothing has changed, and who owned the
+    /// interface still does: the caller, or the object that got it first.
     StatusCode AddInterfaceToDBusObject(const std::string& path, DBusInterface* interface);
 
     /// Installs a match rule (sd_bus_add_match(3)). With `slot` null it lasts as long as the connection;
@@ -63,7 +67,10 @@ public:
     /// Ok, also for an object without interfaces; InvalidArgument for a path that was never added; otherwise
     /// the status of the first refusal: AlreadyExists for an interface exported twice, InvalidArgument for a
     /// path, a name or a vtable that sd-bus does not accept. Interfaces before the refused one stay
-    /// registered.
+    /// registered. Where an entry of the vtable is at fault, a third line after the two of the refusal names
+    /// it: its place (0 is the start entry), kind and member, and sd-bus's error. sd-bus asks of a method
+    /// with arguments that it has a handler, of a property that is not of a basic type that it has a getter,
+    /// and so on: sd_bus_add_object_vtable(3).
     StatusCode ExportObject(const std::string& path);
 
     /// The connection, null before `Connect`. Borrowed: never release it.

@@ -1,0 +1,78 @@
+#include "service/vtable_fault.h"
+
+#include <tern/service/dbus_interface.h>
+
+#include <vector>
+
+#include "foundation/handle.h"
+
+namespace mw::tern {
+
+namespace {
+
+using Bus = mwl::Handle<sd_bus, sd_bus_unref>;
+
+const char* KindOf(const sd_bus_vtable& entry) {
+    switch (entry.type) {
+        case _SD_BUS_VTABLE_START:
+            return "start";
+        case _SD_BUS_VTABLE_METHOD:
+            return "method";
+        case _SD_BUS_VTABLE_SIGNAL:
+            return "signal";
+        case _SD_BUS_VTABLE_PROPERTY:
+            return "property";
+        case _SD_BUS_VTABLE_WRITABLE_PROPERTY:
+            return "writable property";
+        default:
+            return "unknown type";
+    }
+}
+
+const char* MemberOf(const sd_bus_vtable& entry) {
+    const char* member = nullptr;
+    if (entry.type == _SD_BUS_VTABLE_METHOD) {
+        member = entry.x.method.member;
+    } else if (entry.type == _SD_BUS_VTABLE_SIGNAL) {
+        member = entry.x.signal.member;
+    } else if (entry.type == _SD_BUS_VTABLE_PROPERTY || entry.type == _SD_BUS_VTABLE_WRITABLE_PROPERTY) {
+        member = entry.x.property.member;
+    }
+    return member == nullptr ? "" : member;
+}
+
+/// Registers the table and takes it back.
+int Try(sd_bus* bus, const sd_bus_vtable* table) {
+    sd_bus_slot* slot = nullptr;
+    const int r = sd_bus_add_object_vtable(bus, &slot, "/", "vtable.fault", table, nullptr);
+    sd_bus_slot_unref(slot);
+    return r;
+}
+
+}  // namespace
+
+std::optional<VtableFault> FindVtableFault(const sd_bus_vtable* table) {
+    if (table == nullptr) {
+        return std::nullopt;
+    }
+    if (table->type == _SD_BUS_VTABLE_START && table->x.start.element_size != sizeof(sd_bus_vtable)) {
+        return std::nullopt;  // made with another sd-bus's header: how its entries look is not known here
+    }
+    sd_bus* opened = nullptr;
+    if (sd_bus_new(&opened) < 0) {
+        return std::nullopt;
+    }
+    const Bus bus(opened);
+    std::vector<sd_bus_vtable> beginning{DBusInterface::SdBusVtableEnd()};
+    for (std::size_t index = 0; table[index].type != _SD_BUS_VTABLE_END; ++index) {
+        beginning.back() = table[index];
+        beginning.push_back(DBusInterface::SdBusVtableEnd());
+        const int r = Try(bus.get(), beginning.data());
+        if (r < 0) {
+            return VtableFault{index, KindOf(table[index]), MemberOf(table[index]), r};
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace mw::tern
