@@ -96,6 +96,11 @@ std::string ThreadWatched::GetName() const {
     return mName;
 }
 
+bool ThreadWatched::IsBlockedAt(steady_clock::time_point now) const {
+    const milliseconds period = GetPeriod();
+    return ElapsedAt(now) > LimitOf(period);
+}
+
 milliseconds ThreadWatched::ElapsedAt(steady_clock::time_point now) const {
     const milliseconds lastWork(mLastWorkMs.load(std::memory_order_acquire));
     const auto sinceStart =

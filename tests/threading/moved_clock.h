@@ -37,6 +37,9 @@ public:
         mOffset = 0;
     }
     static void Advance(std::chrono::nanoseconds by) { mOffset += by.count(); }
+    /// From now on the clock runs so many times faster, and timed waits are as much shorter. For a child: the
+    /// clock jumps.
+    static void Hurry(int factor) { mFactor = factor; }
 
     /// Length of each timed wait so far, as the waiting code computed it, in milliseconds.
     static std::vector<std::int64_t> Waits() {
@@ -75,7 +78,7 @@ public:
             return error;
         }
         const std::int64_t real = Real();
-        const timespec realDeadline = ToTimespec(end - ToTest(real) + real);
+        const timespec realDeadline = ToTimespec((end - ToTest(real)) / mFactor + real);
         return Library().timedWait(condition, mutex, &realDeadline);
     }
 
@@ -104,11 +107,12 @@ private:
     }
     static std::int64_t ToTest(std::int64_t real) {
         const std::int64_t frozenAt = mFrozenAt;
-        return (frozenAt != 0 ? frozenAt : real) + mOffset;
+        return (frozenAt != 0 ? frozenAt : real) * mFactor + mOffset;
     }
 
     static inline std::atomic<std::int64_t> mFrozenAt{0};
     static inline std::atomic<std::int64_t> mOffset{0};
+    static inline std::atomic<int> mFactor{1};
     static inline std::atomic<int> mNextError{0};
     static inline std::mutex mMutex;
     static inline std::vector<std::int64_t> mWaits;

@@ -1,5 +1,7 @@
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <tern/threading/signals.h>
 #include <tern/threading/thread_watched.h>
 #include <tern/threading/threads_monitor.h>
@@ -12,6 +14,7 @@
 #include <climits>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -31,6 +34,7 @@ TERN_INTERPOSE(int, pthread_kill, (pthread_t thread, int number), (thread, numbe
 TERN_INTERPOSE(int, pthread_create,
                (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),
                (thread, attributes, body, argument))
+TERN_INTERPOSE(ssize_t, write, (int fd, const void* bytes, size_t size), (fd, bytes, size))
 
 namespace mwl::Threading {
 namespace {
@@ -54,7 +58,7 @@ using ::testing::SizeIs;
 const std::string LOGGER = "Threading::ThreadsWatcher";
 const LogEntry STARTED = Notice(LOGGER, "TaskWatch Started");
 const LogEntry STOPPED = Notice(LOGGER, "TaskWatch Stopped");
-constexpr int ROUNDS = 100000 / tern::test::SLOWNESS;
+constexpr int ROUNDS = 20000 / tern::test::SLOWNESS;
 
 /// A monitor that only counts.
 class CountingMonitor : public ThreadsMonitorInterface {
@@ -254,11 +258,17 @@ TEST_F(ThreadsWatcherTest, DirectTaskWatchRunsUntilTheNextStop) {
     mPump.StopWatch();
 }
 
-TEST_F(ThreadsWatcherTest, RefusedWatchThreadLeavesTheThreadUnwatched) {
+TEST_F(ThreadsWatcherTest, RefusedThreadOfTheWatchLeavesTheThreadUnwatched) {
+    const std::size_t threads = CountThreads();
     FaultScope scope(fault_pthread_create);
-    fault_pthread_create.Fail(EAGAIN);
-    EXPECT_THROW(mPump.StartWatch(hours(1)), std::system_error);
-    EXPECT_EQ(mPump.GetThreadId(), 0UL);
+    for (const int created : {0, 1}) {
+        fault_pthread_create.Fail(EAGAIN, 0, 1, created);
+        EXPECT_THROW(mPump.StartWatch(hours(1)), std::system_error);
+        EXPECT_EQ(fault_pthread_create.Calls(), created + 1);
+        EXPECT_EQ(mPump.GetThreadId(), 0UL);
+        EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= threads; }));
+    }
+    EXPECT_EQ(mLog.Count(STARTED), 0U);
     mWatcher.TaskWatch();  // not running: returns
     EXPECT_EQ(mLog.Count(STOPPED), 1U);
     // The next one is the first still, and starts the watch.
@@ -275,12 +285,55 @@ TEST_F(ThreadsWatcherTest, RefusedStartLeavesTheRunningWatchAlone) {
         FaultScope scope(fault_pthread_create);
         fault_pthread_create.Fail(EAGAIN);
         EXPECT_THROW(mWatcher.Start(), std::system_error);
+        fault_pthread_create.Fail(EAGAIN, 0, 1, 1);
+        EXPECT_THROW(mWatcher.Start(), std::system_error);
+        fault_pthread_create.Fail(EAGAIN);
+        EXPECT_THROW(mWatcher.TaskWatch(), std::system_error);
     }
+    EXPECT_EQ(mLog.Count(STARTED), 1U);
     mFan.StartWatch(milliseconds(50));
     MovedClock::ForgetWaits();
     EXPECT_TRUE(HasWaited(2));
     mFan.StopWatch();
     mPump.StopWatch();
+}
+
+// The former entry was never taken out, so that the monitor had one more to stop with every restart.
+TEST_F(ThreadsWatcherTest, RestartsLeaveOneEntryInTheMonitorsList) {
+    /// Counts how often it is told to stop.
+    class CountedStops : public ThreadsWatcher {
+    public:
+        using ThreadsWatcher::ThreadsWatcher;
+        void Stop() override {
+            ++stops;
+            ThreadsWatcher::Stop();
+        }
+        std::atomic<int> stops{0};
+    };
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    CountedStops watcher(monitor);
+    ThreadWatched watched(watcher, "pump");
+    constexpr unsigned int RESTARTS = 100;
+    for (unsigned int i = 1; i <= RESTARTS; ++i) {
+        watched.StartWatch(hours(1));
+        watched.StopWatch();
+        ASSERT_TRUE(WaitUntil([&] { return mLog.Count(STOPPED) == i; }));
+    }
+    watcher.stops = 0;
+    monitor.StopWorkerThreads();
+    EXPECT_EQ(watcher.stops, 1);
+}
+
+TEST_F(ThreadsWatcherTest, RegistrationThatTheMonitorRefusesIsTriedAgain) {
+    NiceMock<MockMonitor> monitor;
+    ThreadsWatcher watcher(monitor);
+    EXPECT_CALL(monitor, AddWorkerThread)
+        .WillOnce(::testing::Throw(std::bad_alloc()))
+        .WillOnce(::testing::Return());
+    EXPECT_THROW(watcher.TaskWatch(), std::bad_alloc);
+    watcher.TaskWatch();
+    watcher.TaskWatch();
 }
 
 // Takes SIGKILL from the watcher; ordinary signals still happen.
@@ -368,6 +421,36 @@ TEST_F(ThreadsWatcherTest, ThreadThatReportsIsLeftAlone) {
     EXPECT_THAT(recorder.Killed(), IsEmpty());
 }
 
+// All have been silent for the time that the whole process stood still. Whoever reports then is healthy.
+TEST_F(ThreadsWatcherTest, LookThatWasHeldUpIsLeftOut) {
+    KillRecorder recorder;
+    mPump.StartWatch(milliseconds(500));
+    ASSERT_TRUE(HasWaited(1));
+    MovedClock::Advance(milliseconds(21000));
+    ASSERT_TRUE(HasWaited(2));
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+    mPump.NotifyWork();
+    ASSERT_TRUE(HasWaited(3));
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+    // And who does not report is not.
+    MovedClock::Advance(milliseconds(21000));
+    EXPECT_TRUE(WaitUntil([&] { return !recorder.Killed().empty(); }));
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, EverybodyHasASecondToReportAfterAHoldUp) {
+    mPump.StartWatch(milliseconds(1));
+    ASSERT_TRUE(HasWaited(1));
+    mPump.NotifyWork();
+    MovedClock::ForgetWaits();
+    MovedClock::Advance(milliseconds(15000));
+    EXPECT_TRUE(WaitUntil([] {
+        const std::vector<std::int64_t> waits = MovedClock::Waits();
+        return std::find(waits.begin(), waits.end(), 1000) != waits.end();
+    }));
+    mPump.StopWatch();
+}
+
 TEST_F(ThreadsWatcherTest, MonitorStopsItWithTheOtherWorkers) {
     Signals signals;
     ThreadsMonitor monitor(signals);
@@ -420,6 +503,160 @@ TEST(ThreadsWatcherDeathTest, BlockedThreadEndsTheProcessWithSigkill) {
     std::string id = result.log[0].text.substr(start.size());
     id.pop_back();
     EXPECT_EQ(result.log[3], Error(LOGGER, "TaskWatch Thread [pump] is blocked, send kill on PID " + id));
+}
+
+/// An instant that a child tells its parent, on a clock that no test moves.
+class ToldInstant {
+public:
+    ToldInstant() {
+        void* const page =
+            mmap(nullptr, sizeof(std::int64_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (page == MAP_FAILED) {
+            throw std::system_error(errno, std::generic_category(), "mmap");
+        }
+        mInstant = static_cast<std::int64_t*>(page);
+    }
+    ~ToldInstant() { munmap(mInstant, sizeof *mInstant); }
+    ToldInstant(const ToldInstant&) = delete;
+    ToldInstant& operator=(const ToldInstant&) = delete;
+
+    void Tell() { *mInstant = Now(); }
+    bool IsTold() const { return *mInstant != 0; }
+    milliseconds Since() const { return milliseconds(Now() - *mInstant); }
+
+private:
+    static std::int64_t Now() {
+        timespec now{};
+        clock_gettime(CLOCK_BOOTTIME, &now);
+        return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    }
+    std::int64_t* mInstant;
+};
+
+/// In a child: everything that is logged after so many messages hangs for ever, the logger with it.
+void LetTheLogGetStuckAfter(int messages) {
+    fault_write.Replace(
+        [](int, const void*, size_t) -> ssize_t {
+            while (true) {
+                pause();
+            }
+        },
+        INT_MAX, messages);
+}
+
+/// Lets time go by, less than a second a look, until the thread has been silent for too long; tells when.
+void LetTooMuchTimeGoBy(const ThreadWatched& watched, ToldInstant& due) {
+    constexpr milliseconds STEP{900};
+    while (!due.IsTold()) {
+        const std::size_t looks = MovedClock::Waits().size();
+        if (watched.GetElapsedTimeSinceLastWork() + STEP > milliseconds(20000)) {
+            due.Tell();
+        }
+        MovedClock::Advance(STEP);
+        WaitUntil([looks] { return MovedClock::Waits().size() > looks; }, hours(1));
+    }
+}
+
+// It logs before it kills: once the watch thread hung in its own message, and the blocked thread lived on.
+TEST(ThreadsWatcherDeathTest, KillComesWithinASecondWhereverTheLogGetsStuck) {
+    for (const int messages : {1, 2, 3}) {  // Start watch; TaskWatch Started; is blocked
+        ToldInstant due;
+        const auto result = RunInChild(
+            [&] {
+                NiceMock<MockMonitor> monitor;
+                ThreadsWatcher watcher(monitor);
+                ThreadWatched watched(watcher, "pump");
+                LetTheLogGetStuckAfter(messages);
+                watched.StartWatch(milliseconds(50));
+                LetTooMuchTimeGoBy(watched, due);
+                pause();
+                return 0;
+            },
+            std::chrono::seconds(15));
+        ASSERT_TRUE(due.IsTold());
+        EXPECT_LE(due.Since(), milliseconds(1000) + tern::test::TOLERANCE) << messages << " messages";
+        EXPECT_EQ(result.signal, SIGKILL);
+        EXPECT_FALSE(result.timedOut) << messages << " messages";
+        EXPECT_THAT(result.log, SizeIs(messages));
+    }
+}
+
+// It held the mutex that the watch needs while it wrote its message.
+TEST(ThreadsWatcherDeathTest, ThreadThatHangsInTheMessageOfItsEndKeepsNobodyFromTheKill) {
+    ToldInstant due;
+    const auto result = RunInChild(
+        [&] {
+            NiceMock<MockMonitor> monitor;
+            ThreadsWatcher watcher(monitor);
+            ThreadWatched watched(watcher, "pump");
+            watched.StartWatch(milliseconds(50));
+            WaitUntil([] { return !MovedClock::Waits().empty(); });
+            std::atomic<bool> isWatched{false};
+            std::thread leaving([&] {
+                ThreadWatched leaver(watcher, "fan");
+                leaver.StartWatch(milliseconds(50));
+                LetTheLogGetStuckAfter(0);
+                isWatched = true;
+                leaver.StopWatch();
+            });
+            WaitUntil([&] { return isWatched && fault_write.Calls() > 0; });
+            LetTooMuchTimeGoBy(watched, due);
+            pause();
+            return 0;
+        },
+        std::chrono::seconds(15));
+    ASSERT_TRUE(due.IsTold());
+    EXPECT_LE(due.Since(), milliseconds(1000) + tern::test::TOLERANCE);
+    EXPECT_EQ(result.signal, SIGKILL);
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_EQ(result.log.back().text.substr(0, 15), "Start watch fan");
+}
+
+// Once whoever had not reported in the first moment after SIGCONT was taken as blocked.
+TEST(ThreadsWatcherDeathTest, HealthyProcessSurvivesBeingStopped) {
+    constexpr int HURRY = 10;
+    const auto result = RunInChild([] {
+        NiceMock<MockMonitor> monitor;
+        ThreadsWatcher watcher(monitor);
+        MovedClock::Hurry(HURRY);
+        std::atomic<bool> isOver{false};
+        std::vector<std::thread> threads;
+        threads.reserve(16);
+        for (int i = 0; i < 16; ++i) {
+            threads.emplace_back([&] {
+                ThreadWatched watched(watcher, "healthy");
+                watched.StartWatch(milliseconds(200));
+                while (!isOver) {
+                    usleep(1000000 / HURRY);
+                    watched.NotifyWork();
+                }
+                watched.StopWatch();
+            });
+        }
+        const pid_t self = getpid();
+        const pid_t stopper = fork();
+        if (stopper == 0) {
+            usleep(300000);
+            kill(self, SIGSTOP);
+            usleep(21000000 / HURRY);
+            kill(self, SIGCONT);
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(stopper, &status, 0);
+        MovedClock::ForgetWaits();
+        WaitUntil([] { return MovedClock::Waits().size() >= 5; });
+        isOver = true;
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        return 7;
+    });
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.exitCode, 7);
+    for (const LogEntry& entry : result.log) {
+        EXPECT_GT(entry.level, 3) << entry.text;
+    }
 }
 
 TEST(ThreadsWatcherDeathTest, AtTheLimitNothingIsKilled) {
@@ -477,7 +714,7 @@ TEST(ThreadsWatcher, RestartAtOnceLeavesOneWatchRunning) {
         }
     }
     watched.StopWatch();
-    EXPECT_TRUE(WaitUntil([&] { return monitor.added == ROUNDS + 1; }));
+    EXPECT_EQ(monitor.added, 1);
 }
 
 // Registrations, ends and stops from everywhere, under ThreadSanitizer's eyes: no race, no lock held in

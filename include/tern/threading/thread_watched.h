@@ -56,6 +56,10 @@ public:
     std::string GetName() const;
 
 private:
+    friend class ThreadsWatcher;
+
+    /// Without a message, and as of that instant.
+    bool IsBlockedAt(std::chrono::steady_clock::time_point now) const;
     std::chrono::milliseconds ElapsedAt(std::chrono::steady_clock::time_point now) const;
 
     ThreadsWatcherInterface& mWatcher;

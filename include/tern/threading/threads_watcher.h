@@ -16,18 +16,25 @@
 
 namespace mwl::Threading {
 
-/// The process's one watcher: its watch thread looks at every watched thread once a watch period and kills
-/// the process with SIGKILL, for the service manager to restart it, when one of them is blocked. The error
-/// messages before the kill are its only record.
+/// The process's one watcher: it looks at every watched thread once a watch period and kills the process with
+/// SIGKILL, for the service manager to restart it, when one of them is blocked. The error messages before the
+/// kill are its only record. The kill does not depend on them: when they are not written within three
+/// quarters of a second, as with a logger that blocks, the process is killed without.
 ///
-/// The first registration starts the watch thread, the last one to leave ends it, `Stop()` too; a later first
+/// A process that was stopped or frozen (SIGSTOP, cgroup freezer) is not killed for that: a look that comes
+/// more than a second late is left out, and the next one follows after one more watch period, a second at
+/// least, in which whoever is healthy reports.
+///
+/// The first registration starts the watch, the last one to leave ends it, `Stop()` too; a later first
 /// registration starts it again. After a `Stop()` with threads still registered nobody is watched until all
-/// have left and one comes again, or `Start()` is called.
+/// have left and one comes again, or `Start()` is called. A watch has two threads: the watch thread, which
+/// writes the messages and kills, and one that sleeps and looks, and that never waits for a log.
 ///
 /// Thread-safe. Owned by the application; it outlives the watched threads, their last `StopWatch` included,
-/// and, as every `ThreadManager`, the D-Bus thread: every start of the watch thread adds it to the monitor's
-/// list, where it stays. The destructor stops the watch and waits until every watch loop has left. A class
-/// that derives from it calls `Stop()` and has seen "TaskWatch Stopped" before its own destructor ends.
+/// and, as every `ThreadManager`, the D-Bus thread: the first watch adds it to the monitor's list, where it
+/// stays, once, however often the watch starts again; the application leaves `NotifyStopped` alone. The
+/// destructor stops the watch and waits until its threads have left. A class that derives from it calls
+/// `Stop()` and has seen "TaskWatch Stopped" before its own destructor ends.
 /// A mutex that cannot be locked leaves as std::system_error.
 class TERN_API ThreadsWatcher : public ThreadManager, public ThreadsWatcherInterface {
 public:
@@ -35,40 +42,43 @@ public:
     explicit ThreadsWatcher(ThreadsMonitorInterface& monitor);
     ~ThreadsWatcher() override;
 
-    /// Ends the watch and wakes the watch thread; does not wait for it. May be called at any time, by any
+    /// Ends the watch and wakes its threads; does not wait for them. May be called at any time, by any
     /// thread, repeatedly.
     void Stop() override;
-    /// Adds the thread; null is ignored. The first one sets the watch period to its own and starts the watch
-    /// thread; each later one can only shorten it, at once, and it stays short until all have left. When the
-    /// watch thread cannot be created, std::system_error leaves and the thread is not added.
+    /// Adds the thread, once its message is written; null is ignored. The first one sets the watch period to
+    /// its own and starts the watch; each later one can only shorten it, at once, and it stays short until
+    /// all have left. When the threads of the watch cannot be created, std::system_error leaves and the
+    /// thread is not added.
     void Register(ThreadWatched* thread) override;
     /// Removes the thread; one that is not there does no harm. When nobody is left, the watch is stopped.
     void Unregister(ThreadWatched* thread) override;
-    /// The watch loop: what the watch thread runs. Called directly it watches on the calling thread until the
-    /// next `Stop()`, and returns at once while the watch is stopped.
+    /// The watch loop: what the watch thread runs. Called directly it watches on the calling thread, with a
+    /// second one that looks, until the next `Stop()`, and returns at once while the watch is stopped. Throws
+    /// std::system_error when that second thread cannot be created.
     void TaskWatch() override;
-    /// Starts a watch thread, whether or not one is running; all of them end with the next `Stop()`. Throws
-    /// std::system_error when the thread cannot be created; nothing has changed then.
+    /// Starts a watch, whether or not one is running; all of them end with the next `Stop()`. Throws
+    /// std::system_error when a thread cannot be created; nothing has changed then.
     virtual void Start();
 
 private:
-    class Loops;
-    class RunningLoop;
-    using RunNumber = std::uint64_t;
+    class Loop;
+    struct Loops;
 
-    RunNumber GetOwnRun();
-    bool IsStopRequested(RunNumber run);
-    bool WaitForPeriod(RunNumber run);
+    Loop* FindLoopOfThisThread();
+    void NotifyFirstStart();
+    bool IsRegistered(ThreadWatched* thread);
+    bool IsAnyBlockedAt(std::chrono::steady_clock::time_point now);
     void KillFirstBlocked();
     void SetPeriod(std::chrono::milliseconds period);
     void ShortenPeriod(std::chrono::milliseconds period);
+    std::chrono::milliseconds GetPause();
 
-    // Order of locking: mSetMutex, then mMutex. mSetMutex guards mThreads; mMutex, that of the watch thread's
-    // sleep, guards mThread, both run numbers and mPeriod.
+    // Order of locking: mSetMutex, then mMutex. mSetMutex guards mThreads; mMutex, that of the sleep, guards
+    // all else.
     std::set<ThreadWatched*> mThreads;
-    std::thread mThread;         ///< detached as soon as it is created
-    RunNumber mLatestRun = 0;    ///< number of starts so far
-    RunNumber mStoppedRuns = 0;  ///< the runs up to this number are to stop: each has its own flag, so to say
+    std::thread mThread;                              ///< detached as soon as it is created
+    bool mIsInMonitor = false;                        ///< in the list of the monitor
+    [[maybe_unused]] const std::uint64_t mSpare = 0;  ///< keeps the place of what stood here
     std::chrono::milliseconds mPeriod{0};
     std::mutex mSetMutex;
     Signals mSignals;
