@@ -29,6 +29,11 @@ done
 for page in docs/*.md; do
     grep -qF "]($page)" README.md || fail "README.md does not link $page"
 done
+# Every option of the build is explained.
+for option in $(grep -hoE '^(option|set)\(TERN_[A-Z_]+ .*' CMakeLists.txt cmake/*.cmake | grep -E '^option|CACHE' |
+    grep -oE 'TERN_[A-Z_]+' | sort -u | grep -vE '^TERN_(EXPORTS|PACKAGE_DIR)$'); do
+    grep -qF "| \`$option\` |" docs/installing.md || fail "docs/installing.md does not explain $option"
+done
 # What the README calls CI's command is that.
 grep -qF "(\`$(tail -n 1 .ci/run)\`, which is what CI" README.md || fail "README.md: CI ends with another command: $(tail -n 1 .ci/run)"
 # The version stands in CMakeLists.txt; the change log begins with it.
