@@ -6,25 +6,30 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <syslog.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
+
+#include "escape.h"
+#include "local_time.h"
+#include "log_socket.h"
+#include "patience.h"
+#include "standard_error.h"
 
 namespace mwl::Log {
 
 namespace {
 
 constexpr const char* JOURNAL_SOCKET = "/run/systemd/journal/socket";
+constexpr const char* SYSLOG_SOCKET = "/dev/log";
 
-/// Local time's distance from UTC in seconds, taken once: localtime_r(3) takes a lock that a forked child
-/// could find held for ever.
-long gUtcOffset = 0;
+/// Messages that the sink did not take, as far as nobody was told.
+constinit std::atomic<unsigned long> gDropped{0};
 
 /// JOURNAL_STREAM is "device:inode" of the stream that the journal reads; sd_journal_stream_fd(3) tells the
 /// rest.
@@ -37,96 +42,53 @@ bool IsJournalStream() noexcept {
            fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-void WriteAll(const char* data, std::size_t size) noexcept {
-    while (size > 0) {
-        const ssize_t written = write(STDERR_FILENO, data, size);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-}
-
 /// Puts `prefix` right in front of the text and `suffix` right behind it, then writes all of it at once.
-void WriteFramed(const char* prefix, std::size_t prefixLength, const char* suffix, std::size_t suffixLength,
-                 char* text, std::size_t length) noexcept {
+bool WriteFramed(const char* prefix, std::size_t prefixLength, const char* suffix, std::size_t suffixLength,
+                 char* text, std::size_t length, Patience& patience) noexcept {
     memcpy(text - prefixLength, prefix, prefixLength);
     memcpy(text + length, suffix, suffixLength);
-    WriteAll(text - prefixLength, prefixLength + length + suffixLength);
+    return WriteToStandardError(text - prefixLength, prefixLength + length + suffixLength, patience);
 }
 
-void WriteToStream(int level, char* text, std::size_t length) noexcept {
+bool WriteToStream(int level, char* text, std::size_t length, Patience& patience) noexcept {
     const char prefix[] = {'<', static_cast<char>('0' + level), '>'};
-    WriteFramed(prefix, sizeof prefix, "\n", 1, text, length);
+    return WriteFramed(prefix, sizeof prefix, "\n", 1, text, length, patience);
 }
 
-void WriteToTerminal(int level, char* text, std::size_t length) noexcept {
+bool WriteToTerminal(int level, char* text, std::size_t length, Patience& patience) noexcept {
     static constexpr const char* NAMES[] = {"emergency", "alert",  "critical", "error",
                                             "warning",   "notice", "info",     "debug"};
     static constexpr const char* COLOURS[] = {"31;1", "31;1", "31;1", "31", "33", "1", "0", "2"};
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    // In 64 bits up to the remainder: a long of 32 bits does not hold the seconds after January 2038.
-    const std::int64_t local = std::int64_t{now.tv_sec} + gUtcOffset;
-    const long second = static_cast<long>((local % 86400 + 86400) % 86400);
-    char prefix[FRAME_ROOM];
+    const LocalTime time = NowInLocalTime();
+    char prefix[FRAME_ROOM - 1];  // less the newline that ends a line which was cut
     const int prefixLength =
-        snprintf(prefix, sizeof prefix, "%02ld:%02ld:%02ld.%03ld \x1b[%sm%-8s ", second / 3600,
-                 second / 60 % 60, second % 60, now.tv_nsec / 1000000, COLOURS[level], NAMES[level]);
-    WriteFramed(prefix, static_cast<std::size_t>(prefixLength), "\x1b[0m\n", 5, text, length);
-}
-
-/// Sends the datagram, again when a signal came in between.
-bool Send(int socket, const msghdr& message) noexcept {
-    ssize_t sent = 0;
-    do {
-        sent = sendmsg(socket, &message, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent >= 0;
+        snprintf(prefix, sizeof prefix, "%02d:%02d:%02d.%03d \x1b[%sm%-8s ", time.hour, time.minute,
+                 time.second, time.millisecond, COLOURS[level], NAMES[level]);
+    return WriteFramed(prefix, static_cast<std::size_t>(prefixLength), "\x1b[0m\n", 5, text, length,
+                       patience);
 }
 
 /// A message too large for a datagram goes as a sealed memory file, as the journal's native protocol has it.
-bool SendAsMemoryFile(int socket, const sockaddr_un& address, const iovec* parts,
-                      std::size_t count) noexcept {
+Sent SendAsMemoryFile(const iovec* parts, std::size_t count, Patience& patience) noexcept {
     const int file = memfd_create("journal-message", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     if (file < 0) {
-        return false;
+        return Sent::Refused;
     }
     std::size_t size = 0;
     for (std::size_t i = 0; i < count; ++i) {
         size += parts[i].iov_len;
     }
     // Memory may end in the middle: the journal would refuse the part, and the message would be lost.
-    bool sent = writev(file, parts, static_cast<int>(count)) == static_cast<ssize_t>(size) &&
-                fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) == 0;
-    if (sent) {
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof file)] = {};
-        msghdr message{};
-        message.msg_name = const_cast<sockaddr_un*>(&address);
-        message.msg_namelen = sizeof address;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof file);
-        memcpy(CMSG_DATA(header), &file, sizeof file);
-        sent = Send(socket, message);
-    }
+    const bool whole =
+        writev(file, parts, static_cast<int>(count)) == static_cast<ssize_t>(size) &&
+        fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) == 0;
+    const Sent sent = whole ? SendToLogSocket(JOURNAL_SOCKET, nullptr, 0, file, patience) : Sent::Refused;
     close(file);
     return sent;
 }
 
 /// Sends the entry by the journal's native protocol; the message carries its length, as it may hold newlines.
-bool SendToJournal(int level, const char* text, std::size_t length) noexcept {
-    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socket < 0) {
-        return false;
-    }
+Sent SendToJournal(int level, const char* text, std::size_t length, Patience& patience) noexcept {
     char fields[512];
     const int fieldsLength =
         snprintf(fields, sizeof fields, "PRIORITY=%d\nSYSLOG_IDENTIFIER=%.200s\nTID=%ld\nMESSAGE\n", level,
@@ -142,20 +104,83 @@ bool SendToJournal(int level, const char* text, std::size_t length) noexcept {
                      {littleEndian, sizeof littleEndian},
                      {const_cast<char*>(text), length},
                      {&newline, 1}};
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, JOURNAL_SOCKET, strlen(JOURNAL_SOCKET) + 1);
-    msghdr message{};
-    message.msg_name = &address;
-    message.msg_namelen = sizeof address;
-    message.msg_iov = parts;
-    message.msg_iovlen = sizeof parts / sizeof parts[0];
-    bool sent = Send(socket, message);
-    if (!sent && (errno == EMSGSIZE || errno == ENOBUFS)) {
-        sent = SendAsMemoryFile(socket, address, parts, sizeof parts / sizeof parts[0]);
+    constexpr std::size_t COUNT = sizeof parts / sizeof parts[0];
+    const Sent sent = SendToLogSocket(JOURNAL_SOCKET, parts, COUNT, -1, patience);
+    return sent == Sent::TooLarge ? SendAsMemoryFile(parts, COUNT, patience) : sent;
+}
+
+/// Sends the line as syslog(3) does, whose lock a forked child could find held for ever.
+Sent SendToSyslog(int level, const char* text, std::size_t length, Patience& patience) noexcept {
+    static constexpr const char* MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    const LocalTime time = NowInLocalTime();
+    char header[256];
+    const int headerLength = snprintf(
+        header, sizeof header, "<%d>%s %2d %02d:%02d:%02d %.200s: ", LOG_USER | level, MONTHS[time.month],
+        time.day, time.hour, time.minute, time.second, program_invocation_short_name);
+    iovec parts[] = {{header, static_cast<std::size_t>(headerLength)}, {const_cast<char*>(text), length}};
+    constexpr std::size_t COUNT = sizeof parts / sizeof parts[0];
+    const Sent sent = SendToLogSocket(SYSLOG_SOCKET, parts, COUNT, -1, patience);
+    return sent == Sent::Stream ? SendToLogStream(SYSLOG_SOCKET, parts, COUNT, patience) : sent;
+}
+
+/// Writes the text, which is escaped, as a line.
+bool WriteLine(Sink sink, int level, char* text, std::size_t length, Patience& patience) noexcept {
+    if (sink == Sink::Syslog) {
+        const Sent sent = SendToSyslog(level, text, length, patience);
+        if (sent == Sent::Yes || sent == Sent::NotInTime) {
+            return sent == Sent::Yes;
+        }
     }
-    close(socket);
-    return sent;
+    return sink == Sink::Terminal ? WriteToTerminal(level, text, length, patience)
+                                  : WriteToStream(level, text, length, patience);
+}
+
+/// Escapes the text into room of its own first. Not inlined: that room would be every message's.
+[[gnu::noinline]] bool WriteEscaped(Sink sink, int level, const char* text, std::size_t length,
+                                    std::size_t escapedLength, Patience& patience) noexcept {
+    char stack[FRAME_ROOM + STACK_MESSAGE + FRAME_ROOM];
+    char* const heap = escapedLength <= STACK_MESSAGE
+                           ? nullptr
+                           : static_cast<char*>(malloc(FRAME_ROOM + escapedLength + FRAME_ROOM));
+    char* const escaped = (heap != nullptr ? heap : stack) + FRAME_ROOM;
+    // Without memory a long message is cut rather than lost.
+    const std::size_t room = heap != nullptr ? escapedLength : STACK_MESSAGE;
+    const std::size_t written = Escape(text, length, escaped, room);
+    const bool taken = WriteLine(sink, level, escaped, written, patience);
+    free(heap);
+    return taken;
+}
+
+/// Returns whether somebody has the message now.
+bool Deliver(Sink sink, int level, char* text, std::size_t length, Patience& patience) noexcept {
+    if (sink == Sink::Journal) {
+        const Sent sent = SendToJournal(level, text, length, patience);
+        if (sent == Sent::Yes || sent == Sent::NotInTime) {
+            return sent == Sent::Yes;
+        }
+        // Standard error leads to the journal as well, by a longer way.
+    }
+    const std::size_t escapedLength = EscapedLength(text, length);
+    return escapedLength == length ? WriteLine(sink, level, text, length, patience)
+                                   : WriteEscaped(sink, level, text, length, escapedLength, patience);
+}
+
+/// Tells how many messages are missing before the next one. Returns false when the sink does not take that
+/// either.
+bool TellDropped(Sink sink, Patience& patience) noexcept {
+    const unsigned long dropped = gDropped.exchange(0);
+    if (dropped == 0) {
+        return true;  // another thread has told it
+    }
+    char line[FRAME_ROOM + 128 + FRAME_ROOM];
+    const int length =
+        snprintf(line + FRAME_ROOM, 128, "Messages dropped, as the log did not take them: %lu", dropped);
+    if (Deliver(sink, LOG_WARNING, line + FRAME_ROOM, static_cast<std::size_t>(length), patience)) {
+        return true;
+    }
+    gDropped.fetch_add(dropped);
+    return false;
 }
 
 }  // namespace
@@ -163,37 +188,26 @@ bool SendToJournal(int level, const char* text, std::size_t length) noexcept {
 Sink ChooseSink() noexcept {
     const char* target = getenv("TERN_LOG_TARGET");  // NOLINT(concurrency-mt-unsafe): once, at first use
     if (target != nullptr && strcmp(target, "syslog") == 0) {
+        static_cast<void>(NowInLocalTime());  // before there are children
         return Sink::Syslog;
     }
     if (IsJournalStream()) {
         return Sink::Journal;
     }
     if (isatty(STDERR_FILENO) == 1) {
-        const time_t now = time(nullptr);
-        tm local{};
-        gUtcOffset = localtime_r(&now, &local) != nullptr ? local.tm_gmtoff : 0;
+        static_cast<void>(NowInLocalTime());
         return Sink::Terminal;
     }
     return Sink::Stream;
 }
 
 void WriteMessage(Sink sink, int level, char* text, std::size_t length) noexcept {
-    switch (sink) {
-        case Sink::Stream:
-            WriteToStream(level, text, length);
-            return;
-        case Sink::Terminal:
-            WriteToTerminal(level, text, length);
-            return;
-        case Sink::Journal:
-            // Standard error leads to the journal as well, by a longer way.
-            if (!SendToJournal(level, text, length)) {
-                WriteToStream(level, text, length);
-            }
-            return;
-        case Sink::Syslog:
-            syslog(level, "%s", text);
-            return;
+    Patience patience;
+    const bool told = gDropped.load(std::memory_order_relaxed) == 0 || TellDropped(sink, patience);
+    if (told && Deliver(sink, level, text, length, patience)) {
+        Patience::Taken();
+    } else {
+        gDropped.fetch_add(1);
     }
 }
 

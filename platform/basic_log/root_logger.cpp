@@ -15,7 +15,6 @@ namespace mwl::Log {
 namespace {
 
 constexpr unsigned char DEFAULT_LEVEL = static_cast<unsigned char>(TernLogLevel::Info);
-constexpr std::size_t STACK_MESSAGE = 4096;
 
 // Plain data with static storage: still there when a message comes after the instance's destructor.
 unsigned char gLevel = DEFAULT_LEVEL;

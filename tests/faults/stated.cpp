@@ -25,6 +25,7 @@ constexpr const char* UNKNOWN_ENTRY = "an entry that libzip cannot describe is l
 
 constexpr const char* NEXT_STRUCTURE =
     "the walk over the structures ends when the next one cannot be entered";
+constexpr const char* CUT_MESSAGE = "without memory a long message is cut";
 constexpr const char* NO_TIMER = "a thread that never got its timer is detached, not stopped";
 
 constexpr Statement STATEMENTS[] = {
@@ -59,7 +60,9 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "message-strings", "sd_bus_message_enter_container", "*", NEXT_STRUCTURE},
     {"SILENT", "service-call", "sd_bus_message_read_basic", "*",
      "an array of strings ends at the first that cannot be read"},
-    {"SILENT", "logger", "*", "*", "what cannot be logged cannot be told either"},
+    {"SILENT", "logger", "malloc", "ENOMEM", CUT_MESSAGE},
+    {"SILENT", "logger-pipe", "malloc", "ENOMEM", CUT_MESSAGE},
+    {"SILENT", "logger-socket", "malloc", "ENOMEM", CUT_MESSAGE},
     {"DIED", "folder-monitor", "read", "*", "a monitor that ended by itself is not to be destroyed"},
     {"LEFTOVER", "short-period-timer", "timer_create", "*", NO_TIMER},
     {"LEFTOVER", "short-period-timer", "timer_settime", "*", NO_TIMER},

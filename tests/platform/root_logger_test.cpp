@@ -1,112 +1,38 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <tern-basic-log/root_logger.h>
 #include <tern/foundation/log.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "logger_child.h"
 #include "malloc_stand_in.h"
 #include "support/allocations.h"
-#include "support/dump_coverage.h"
 #include "support/interpose.h"
 
-// The real logger: this program does not link the capture. What is decided at first use is tested in
-// children, whose standard error is a socket that keeps the boundaries of writes.
+// The real logger: this program does not link the capture.
 
 using mwl::Log::RootLogger;
 using tern::test::CountAllocations;
 using tern::test::CountMallocs;
 using tern::test::HasMallocStandIn;
 using tern::test::MallocShortage;
+using tern::test::WritesOf;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
-TERN_INTERPOSE(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
-TERN_INTERPOSE_TIME(ssize_t, sendmsg, __sendmsg64, (int fd, const msghdr* message, int flags),
-                    (fd, message, flags))
-TERN_INTERPOSE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
-TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
-TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
-TERN_INTERPOSE(ssize_t, writev, (int fd, const iovec* parts, int count), (fd, parts, count))
-// syslog(3) takes variable arguments; these are the ones that the logger gives it.
-TERN_INTERPOSE(int, syslog, (int priority, const char* format, const char* text), (priority, format, text))
+TERN_INTERPOSE(ssize_t, send, (int fd, const void* data, size_t size, int flags), (fd, data, size, flags))
 
 namespace {
 
 const std::string LOGGER = "Test::Logger";
-
-/// Forks a child whose standard error is `errorFd`; it fails when an expectation in `body` does.
-pid_t StartChild(int errorFd, const std::function<void()>& body) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(errorFd, STDERR_FILENO);
-        close(errorFd);
-        unsetenv("JOURNAL_STREAM");
-        body();
-        tern::test::DumpCoverage();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    return pid;
-}
-
-void ExpectSuccess(pid_t pid) {
-    int status = -1;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
-}
-
-/// Everything that was written to standard error, one element a write.
-std::vector<std::string> WritesOf(const std::function<void()>& body) {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-    const pid_t pid = StartChild(ends[1], body);
-    close(ends[1]);
-    std::vector<std::string> writes;
-    std::vector<char> buffer(1 << 20);
-    ssize_t count = 0;
-    while ((count = recv(ends[0], buffer.data(), buffer.size(), 0)) > 0) {
-        writes.emplace_back(buffer.data(), static_cast<std::size_t>(count));
-    }
-    close(ends[0]);
-    ExpectSuccess(pid);
-    return writes;
-}
-
-/// Everything that a child wrote to standard error, a terminal.
-std::string TerminalOf(const std::function<void()>& body) {
-    int terminal = -1;
-    int shell = -1;
-    EXPECT_EQ(openpty(&terminal, &shell, nullptr, nullptr, nullptr), 0);
-    const pid_t pid = StartChild(shell, body);
-    close(shell);
-    std::string text;
-    char buffer[4096];
-    ssize_t count = 0;
-    while ((count = read(terminal, buffer, sizeof buffer)) > 0) {
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-    close(terminal);
-    ExpectSuccess(pid);
-    return text;
-}
 
 std::string Prefix() {
     return "[" + std::to_string(static_cast<unsigned long>(pthread_self())) + "][Test::Logger]";
@@ -125,14 +51,6 @@ std::vector<std::string> AllMessages() {
     return {"<2>" + Prefix() + " critical\n", "<3>" + Prefix() + " error\n",
             "<4>" + Prefix() + " warning\n",  "<5>" + Prefix() + " notice\n",
             "<6>" + Prefix() + " info 1\n",   "<7>" + Prefix() + "[trace] LogAtEveryLevel: debug\n"};
-}
-
-/// In a child: its standard error passes for the journal's stream.
-void PretendJournal() {
-    struct stat status {};
-    ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
-    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(),
-           1);
 }
 
 /// The messages that a level text lets through.
@@ -203,16 +121,20 @@ TEST(RootLogger, BelowTheThresholdNothingIsEvaluatedOrAllocated) {
                 IsEmpty());
 }
 
-TEST(RootLogger, TrailingBlanksAndLineBreaksSurvive) {
-    EXPECT_THAT(
-        WritesOf([] {
-            TERN_LOG_ERROR(LOGGER, "two blanks  ");
-            TERN_LOG_ERROR(LOGGER, "a line\n    and another    ");
-            TERN_LOG_ERROR(LOGGER, "its own newline\n");
-            RootLogger::GetInstance().Print(TernLogLevel::Error, "bare");
-        }),
-        ElementsAre("<3>" + Prefix() + " two blanks  \n", "<3>" + Prefix() + " a line\n    and another    \n",
-                    "<3>" + Prefix() + " its own newline\n\n", "<3>bare\n"));
+// A peer's text with a newline in it forged lines with a level of its own.
+TEST(RootLogger, AMessageIsOneLineWhateverItHolds) {
+    EXPECT_THAT(WritesOf([] {
+                    TERN_LOG_ERROR(LOGGER, "two blanks  ");
+                    TERN_LOG_ERROR(LOGGER, "a line\n    and another    ");
+                    TERN_LOG_ERROR(LOGGER, "its own newline\n");
+                    TERN_LOG_ERROR(LOGGER, "from a peer: %s", "x\n<2>[1][Service] forged\x1b[2J");
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "bare%c", '\0');
+                }),
+                ElementsAre("<3>" + Prefix() + " two blanks  \n",
+                            "<3>" + Prefix() + " a line\\n    and another    \n",
+                            "<3>" + Prefix() + " its own newline\\n\n",
+                            "<3>" + Prefix() + " from a peer: x\\n<2>[1][Service] forged\\x1B[2J\n",
+                            "<3>bare\\x00\n"));
 }
 
 TEST(RootLogger, MessagesUnderFourKibibytesTakeNoMemoryLongerOnesOnceAndArriveWhole) {
@@ -254,30 +176,55 @@ TEST(RootLogger, WithoutMemoryALongMessageIsCut) {
                 ElementsAre("<3>" + text.substr(0, 4095) + "\n", "<3>" + text + "\n"));
 }
 
+TEST(RootLogger, EscapesTakeMemoryOnlyWhereTheyMakeALineLong) {
+    const std::pair<std::size_t, long> rows[] = {{1, 0}, {1024, 0}, {1025, 1}, {4095, 1}};
+    for (const auto& row : rows) {
+        const std::string text(row.first, '\x01');
+        std::string escaped;
+        for (std::size_t i = 0; i < row.first; ++i) {
+            escaped += "\\x01";
+        }
+        const std::vector<std::string> writes = WritesOf([&] {
+            RootLogger::GetInstance();
+            const long before = CountMallocs();
+            RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
+            const long mallocs = CountMallocs() - before;
+            if (HasMallocStandIn()) {
+                EXPECT_EQ(mallocs, row.second);
+            }
+        });
+        EXPECT_THAT(writes, ElementsAre("<3>" + escaped + "\n")) << row.first;
+    }
+}
+
+TEST(RootLogger, WithoutMemoryAnEscapedMessageIsCutBetweenEscapes) {
+    if (!HasMallocStandIn()) {
+        GTEST_SKIP() << "the sanitizer's malloc cannot be made to fail";
+    }
+    const std::string text = "ab" + std::string(2000, '\x01');
+    std::string cut = "ab";
+    for (int i = 0; i < 1023; ++i) {
+        cut += "\\x01";
+    }
+    EXPECT_THAT(WritesOf([&] {
+                    RootLogger::GetInstance();
+                    const MallocShortage shortage;
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
+                }),
+                ElementsAre("<3>" + cut + "\n"));
+}
+
 TEST(RootLogger, ErrnoIsPreserved) {
     EXPECT_THAT(WritesOf([] {
-                    fault_write.Fail(-1, ENOSPC);
+                    fault_send.Fail(-1, EIO);
                     errno = EXDEV;
                     TERN_LOG_ERROR(LOGGER, "lost");
                     EXPECT_EQ(errno, EXDEV);
                     TERN_LOG_ERROR(LOGGER, "kept: %d", errno);
                     EXPECT_EQ(errno, EXDEV);
                 }),
-                ElementsAre("<3>" + Prefix() + " kept: 18\n"));
-}
-
-TEST(RootLogger, InterruptedAndShortWritesAreContinued) {
-    EXPECT_THAT(WritesOf([] {
-                    fault_write.Fail(-1, EINTR, 3);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "interrupted");
-                    fault_write.Replace(
-                        [](int fd, const void* data, size_t size) {
-                            return fault_write.Real(fd, data, std::min<size_t>(size, 5));
-                        },
-                        2);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "in pieces");
-                }),
-                ElementsAre("<3>interrupted\n", "<3>in", " piec", "es\n"));
+                ElementsAre("<4>Messages dropped, as the log did not take them: 1\n",
+                            "<3>" + Prefix() + " kept: 18\n"));
 }
 
 TEST(RootLogger, ThreadsNeverMixTheirMessages) {
@@ -336,190 +283,6 @@ TEST(RootLogger, WorksAfterItsOwnDestruction) {
         ElementsAre("<6>after the logger's end\n"));
 }
 
-TEST(RootLogger, TerminalGetsTimeAndColouredLevel) {
-    const std::string text = TerminalOf([] {
-        setenv("TERN_LOG_LEVEL", "7", 1);
-        LogAtEveryLevel();
-    });
-    const std::string time = R"([0-2]\d:[0-5]\d:[0-6]\d\.\d{3} )";
-    const std::string tail = R"( \[\d+\]\[Test::Logger\])";
-    const std::regex expected(time + "\x1b\\[31;1mcritical" + tail + " critical\x1b\\[0m\r\n" +  //
-                              time + "\x1b\\[31merror   " + tail + " error\x1b\\[0m\r\n" +       //
-                              time + "\x1b\\[33mwarning " + tail + " warning\x1b\\[0m\r\n" +     //
-                              time + "\x1b\\[1mnotice  " + tail + " notice\x1b\\[0m\r\n" +       //
-                              time + "\x1b\\[0minfo    " + tail + " info 1\x1b\\[0m\r\n" +       //
-                              time + "\x1b\\[2mdebug   " + tail +
-                              "\\[trace\\] LogAtEveryLevel: debug\x1b\\[0m\r\n");
-    EXPECT_TRUE(std::regex_match(text, expected)) << text;
-}
-
-// With 32-bit long the time of day went wrong after January 2038.
-TEST(RootLogger, TerminalGetsTheLocalTimeOfDay) {
-    const struct {
-        const char* zone;  // in POSIX the sign says how far UTC is away
-        std::int64_t seconds;
-        long nanoseconds;
-        const char* time;
-    } rows[] = {
-        {"UTC0", 0, 0, "00:00:00.000"},
-        {"UTC0", 86399, 999999999, "23:59:59.999"},
-        {"UTC0", 86400, 1000000, "00:00:00.001"},
-        {"EAST-01:30", 0, 0, "01:30:00.000"},
-        {"EAST-01:30", 82800, 0, "00:30:00.000"},
-        {"WEST+01:30", 0, 0, "22:30:00.000"},
-        {"UTC0", 2147483647, 0, "03:14:07.000"},
-        {"UTC0", 2147483648, 0, "03:14:08.000"},
-        {"EAST-01:30", 2147483647, 0, "04:44:07.000"},
-        {"EAST-01:30", 5000000000, 50000000, "10:23:20.050"},
-        {"WEST+01:30", 5000000000, 50000000, "07:23:20.050"},
-    };
-    for (const auto& row : rows) {
-        const std::string text = TerminalOf([&row] {
-            setenv("TZ", row.zone, 1);
-            tzset();
-            RootLogger::GetInstance();
-            fault_clock_gettime.Replace([&row](clockid_t clock, timespec* now) {
-                EXPECT_EQ(clock, CLOCK_REALTIME);
-                *now = {};
-                now->tv_sec = static_cast<time_t>(row.seconds);
-                now->tv_nsec = row.nanoseconds;
-                return 0;
-            });
-            RootLogger::GetInstance().Print(TernLogLevel::Error, "now");
-        });
-        EXPECT_EQ(text, std::string(row.time) + " \x1b[31merror    now\x1b[0m\r\n")
-            << row.zone << ' ' << row.seconds;
-    }
-}
-
-TEST(RootLogger, JournalGetsStructuredEntries) {
-    const std::vector<std::string> writes = WritesOf([] {
-        PretendJournal();
-        std::string entry;
-        std::string address;
-        fault_sendmsg.Replace([&](int, const msghdr* message, int) {
-            address = static_cast<const sockaddr_un*>(message->msg_name)->sun_path;
-            for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
-                entry.append(static_cast<const char*>(message->msg_iov[i].iov_base),
-                             message->msg_iov[i].iov_len);
-            }
-            return static_cast<ssize_t>(entry.size());
-        });
-        RootLogger::GetInstance().Print(TernLogLevel::Warning, "%s", "two\nlines");
-        EXPECT_EQ(address, "/run/systemd/journal/socket");
-        EXPECT_EQ(entry, std::string("PRIORITY=4\nSYSLOG_IDENTIFIER=") + program_invocation_short_name +
-                             "\nTID=" + std::to_string(gettid()) + "\nMESSAGE\n" +
-                             std::string("\x09\0\0\0\0\0\0\0", 8) + "two\nlines\n");
-        // The journal's socket does not answer: standard error leads there too.
-        fault_sendmsg.Fail(-1, ECONNREFUSED);
-        RootLogger::GetInstance().Print(TernLogLevel::Warning, "by the longer way");
-    });
-    EXPECT_THAT(writes, ElementsAre("<4>by the longer way\n"));
-}
-
-TEST(RootLogger, JournalGetsLargeEntriesAsASealedMemoryFile) {
-    EXPECT_THAT(
-        WritesOf([] {
-            PretendJournal();
-            const std::string text(300000, 'q');
-            std::string content;
-            int seals = 0;
-            int calls = 0;
-            fault_sendmsg.Replace(
-                [&](int, const msghdr* message, int) {
-                    if (calls++ == 0) {
-                        errno = EMSGSIZE;
-                        return static_cast<ssize_t>(-1);
-                    }
-                    int file = -1;
-                    memcpy(&file, CMSG_DATA(CMSG_FIRSTHDR(message)), sizeof file);
-                    seals = fcntl(file, F_GET_SEALS);
-                    content.resize(text.size() + 200);
-                    content.resize(static_cast<std::size_t>(pread(file, content.data(), content.size(), 0)));
-                    return static_cast<ssize_t>(1);
-                },
-                2);
-            RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
-            EXPECT_EQ(calls, 2);
-            EXPECT_EQ(seals, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL);
-            EXPECT_TRUE(content.starts_with("PRIORITY=3\n"));
-            EXPECT_TRUE(content.ends_with(text + "\n"));
-        }),
-        IsEmpty());
-}
-
-TEST(RootLogger, InterruptedSendToTheJournalIsRepeated) {
-    EXPECT_THAT(WritesOf([] {
-                    PretendJournal();
-                    int calls = 0;
-                    fault_sendmsg.Replace(
-                        [&](int, const msghdr*, int) {
-                            errno = EINTR;
-                            return static_cast<ssize_t>(calls++ == 0 ? -1 : 1);
-                        },
-                        2);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "once");
-                    EXPECT_EQ(calls, 2);
-                }),
-                IsEmpty());
-}
-
-TEST(RootLogger, InterruptedSendOfALargeEntryToTheJournalIsRepeated) {
-    EXPECT_THAT(WritesOf([] {
-                    PretendJournal();
-                    std::vector<int> errors = {EMSGSIZE, EINTR, EINTR};
-                    int calls = 0;
-                    fault_sendmsg.Replace(
-                        [&](int, const msghdr* message, int) {
-                            // The datagram first, then the memory file.
-                            EXPECT_EQ(message->msg_control == nullptr, calls == 0);
-                            if (static_cast<std::size_t>(calls) == errors.size()) {
-                                return static_cast<ssize_t>(1);
-                            }
-                            errno = errors[static_cast<std::size_t>(calls++)];
-                            return static_cast<ssize_t>(-1);
-                        },
-                        4);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "once");
-                    EXPECT_EQ(fault_sendmsg.Calls(), 4);
-                }),
-                IsEmpty());
-}
-
-TEST(RootLogger, WithoutADescriptorForTheJournalStandardErrorIsTaken) {
-    EXPECT_THAT(WritesOf([] {
-                    PretendJournal();
-                    fault_socket.Fail(-1, EMFILE);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "no socket");
-                }),
-                ElementsAre("<3>no socket\n"));
-}
-
-TEST(RootLogger, WithoutAMemoryFileForTheJournalStandardErrorIsTaken) {
-    const std::function<void()> provocations[] = {
-        [] { fault_memfd_create.Fail(-1, EMFILE); },
-        [] { fault_writev.Fail(-1, ENOSPC); },
-        // A part of an entry is none.
-        [] {
-            fault_writev.Replace(
-                [](int fd, const iovec* parts, int) { return fault_writev.Real(fd, parts, 1); });
-        },
-    };
-    for (const auto& provoke : provocations) {
-        for (const int refusal : {EMSGSIZE, ENOBUFS}) {
-            EXPECT_THAT(WritesOf([&] {
-                            PretendJournal();
-                            fault_sendmsg.Fail(-1, refusal);
-                            provoke();
-                            RootLogger::GetInstance().Print(TernLogLevel::Error, "too large");
-                            EXPECT_EQ(fault_sendmsg.Calls(), 1);
-                        }),
-                        ElementsAre("<3>too large\n"))
-                << refusal;
-        }
-    }
-}
-
 TEST(RootLogger, MessageThatCannotBeFormattedIsNotWritten) {
     EXPECT_THAT(WritesOf([] {
                     errno = ENOENT;
@@ -529,59 +292,4 @@ TEST(RootLogger, MessageThatCannotBeFormattedIsNotWritten) {
                     RootLogger::GetInstance().Print(TernLogLevel::Error, "the next one");
                 }),
                 ElementsAre("<3>the next one\n"));
-}
-
-TEST(RootLogger, AnotherTargetThanSyslogChangesNothing) {
-    EXPECT_THAT(WritesOf([] {
-                    setenv("TERN_LOG_TARGET", "elsewhere", 1);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "plain");
-                }),
-                ElementsAre("<3>plain\n"));
-}
-
-TEST(RootLogger, JournalStreamOfAnotherDescriptorIsNotOurs) {
-    for (const char* const stream : {"1:2", "nonsense", "", "9:"}) {
-        EXPECT_THAT(WritesOf([&] {
-                        setenv("JOURNAL_STREAM", stream, 1);
-                        RootLogger::GetInstance().Print(TernLogLevel::Error, "plain");
-                    }),
-                    ElementsAre("<3>plain\n"))
-            << stream;
-    }
-}
-
-TEST(RootLogger, JournalStreamOfAnotherFileOnTheSameDeviceIsNotOurs) {
-    EXPECT_THAT(WritesOf([] {
-                    struct stat status {};
-                    ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
-                    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":0").c_str(), 1);
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "plain");
-                }),
-                ElementsAre("<3>plain\n"));
-}
-
-TEST(RootLogger, WithoutStandardErrorMessagesAreLostAndErrnoIsKept) {
-    EXPECT_THAT(WritesOf([] {
-                    setenv("JOURNAL_STREAM", "1:2", 1);
-                    close(STDERR_FILENO);
-                    errno = ENOENT;
-                    RootLogger::GetInstance().Print(TernLogLevel::Error, "nowhere");
-                    EXPECT_EQ(errno, ENOENT);
-                }),
-                IsEmpty());
-}
-
-TEST(RootLogger, SyslogGetsLevelAndMessageWhenAskedFor) {
-    EXPECT_THAT(WritesOf([] {
-                    setenv("TERN_LOG_TARGET", "syslog", 1);
-                    std::vector<std::pair<int, std::string>> seen;
-                    fault_syslog.Replace([&](int priority, const char* format, const char* text) {
-                        EXPECT_STREQ(format, "%s");
-                        seen.emplace_back(priority, text);
-                        return 0;
-                    });
-                    RootLogger::GetInstance().Print(TernLogLevel::Notice, "%s", "100% sure");
-                    EXPECT_THAT(seen, ElementsAre(std::pair<int, std::string>(5, "100% sure")));
-                }),
-                IsEmpty());
 }

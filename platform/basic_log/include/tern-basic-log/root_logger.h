@@ -13,13 +13,29 @@ namespace mwl::Log {
 /// error, warning, notice, info, debug) in any case, read once at first use; unset or empty means 6 (info). A
 /// message is written when the threshold is not below its level.
 ///
-/// Each message is one write(2) to standard error followed by a newline: behind `<N>` (its level) when
-/// standard error is a file or pipe, behind time and coloured level on a terminal, through the journal's
-/// native protocol when standard error is the journal (JOURNAL_STREAM), and to syslog(3) with
-/// TERN_LOG_TARGET=syslog. The choice is made once, at first use.
+/// Each message is one write to standard error followed by a newline: behind `<N>` (its level) when standard
+/// error is a file or pipe, behind time and coloured level on a terminal, through the journal's native
+/// protocol when standard error is the journal (JOURNAL_STREAM), and to the system log's socket, /dev/log, as
+/// syslog(3) does, with TERN_LOG_TARGET=syslog. The choice is made once, at first use. Where the journal's or
+/// the system log's socket refuses, standard error is taken.
 ///
-/// Thread-safe, in a forked child too, and usable until the very end of the process, after static
-/// destructors.
+/// In all forms but the journal's, control bytes and what is no UTF-8 are escaped as \n, \t or \xHH (two
+/// capital digits), so that no text that came from elsewhere begins a line of its own or commands a terminal.
+/// A backslash stays as it is.
+///
+/// A sink that takes nothing (a journal that does not read, a full pipe, a terminal held by Ctrl-S) is waited
+/// for, a second for one message; then that message is dropped, and so are further ones, at once, until the
+/// sink takes some again. A warning, "Messages dropped, as the log did not take them: N", then comes before
+/// the next message. Messages that cannot be written for another reason (a full disk) are counted likewise. A
+/// reader of standard error that has gone does not end the process: where SIGPIPE has its default action and
+/// standard error is a pipe, the first message gives it a handler that does nothing.
+///
+/// Loading this library takes those of the descriptors 0, 1 and 2 that are closed, so that messages never go
+/// into a file or pipe that the process opens later: reading from 0 and writing to 1 and 2 fails with EBADF
+/// as before. What is put there afterwards with dup2(2) is used.
+///
+/// Thread-safe without locks, in a forked child too, and usable until the very end of the process, after
+/// static destructors.
 class __attribute__((visibility("default"))) RootLogger {
 public:
     /// The one instance, built on first use.
@@ -36,8 +52,8 @@ public:
 
     /// Formats as printf(3) and writes the message, whatever the threshold is. Messages of less than 4 KiB
     /// take no memory and no lock; longer ones arrive whole, or cut to that where memory is short. `errno` is
-    /// preserved. A message that cannot be written is lost: there is nobody left to tell. Marked cold so that
-    /// a caller's other paths are laid out first.
+    /// preserved. Blocks for a second at most, see above. Marked cold so that a caller's other paths are laid
+    /// out first.
     void Print(TernLogLevel level, const char* format, ...) const __attribute__((cold, format(printf, 3, 4)));
 
 private:
