@@ -4,6 +4,8 @@
 #include <tern/service/dbus_server_manager.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string_view>
@@ -12,13 +14,44 @@
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "service/hang_up.h"
 #include "service/vtable_fault.h"
 
 namespace mw::tern {
 
 using mwl::ErrorText;
+using mwl::DBusService::HangUp;
 
 namespace {
+
+/// How long a bus that has not answered yet may still do so once the process has been asked to stop. One that
+/// works at all does it in this time, and the process then starts and stops in order.
+constexpr std::chrono::seconds AFTER_STOP_SIGNAL{1};
+
+/// How long the end of the loop waits for the bus to take what is queued for it. One that reads at all takes
+/// megabytes in this time, and the rest of a unit's TimeoutStopSec=5 is for the workers.
+constexpr std::chrono::seconds FLUSH_LIMIT{2};
+
+/// Goes before sd-bus's own part in the end of the loop, which flushes without a limit and closes.
+constexpr int BEFORE_SD_BUS = SD_EVENT_PRIORITY_NORMAL - 1;
+
+int FlushWithinTheLimit(sd_event_source*, void* userdata) {
+    auto* const bus = static_cast<sd_bus*>(userdata);
+    std::uint64_t queued = 0;
+    if (sd_bus_is_open(bus) <= 0 ||
+        (sd_bus_is_ready(bus) > 0 && sd_bus_get_n_queued_write(bus, &queued) >= 0 && queued == 0)) {
+        return 0;
+    }
+    const HangUp limit(bus, HangUp::From::Now, FLUSH_LIMIT);
+    int r = limit.IsArmed() ? sd_bus_flush(bus) : -EAGAIN;
+    if (r < 0) {
+        r = limit.HasHungUp() ? -ETIMEDOUT : r;
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to send what is queued for the bus (%d, %s)", r,
+                       ErrorText(-r));
+        sd_bus_close(bus);
+    }
+    return 0;
+}
 
 /// Runs before each wait of the loop. A connection that is lost, or closed by anybody, has left its loop by
 /// then; so none of the filters and matches that see the signal of it can keep the service alive. A
@@ -56,13 +89,17 @@ struct DBusServerManager::State {
     std::unordered_set<const DBusInterface*> interfaces;
     /// Has the loop look at the connection: a timer that never expires.
     mwl::Handle<sd_event_source, sd_event_source_disable_unref> lossWatch;
+    /// Bounds the flush when the loop ends.
+    mwl::Handle<sd_event_source, sd_event_source_disable_unref> flush;
 };
 
 DBusServerManager::DBusServerManager(const std::string& name)
     : mName(name), mState(std::make_unique<State>()) {}
 
 DBusServerManager::~DBusServerManager() {
+    // The bus before the loop, of which the sources hold a reference; they cannot fire in between.
     sd_bus_unref(mBus);
+    mState.reset();
 }
 
 StatusCode DBusServerManager::Connect() {
@@ -73,7 +110,9 @@ StatusCode DBusServerManager::Connect() {
     if (r < 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to connect to system bus (%d, %s)", r, ErrorText(-r));
     } else if (!mName.empty()) {
+        const HangUp limit(mBus, HangUp::From::StopSignal, AFTER_STOP_SIGNAL);
         r = sd_bus_request_name(mBus, mName.c_str(), 0);
+        r = r < 0 && limit.HasHungUp() ? -EINTR : r;
         if (r < 0) {
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to acquire name '%s', (%d, %s)", mName.c_str(), r,
                            ErrorText(-r));
@@ -92,6 +131,14 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     if (r >= 0) {
         r = sd_event_source_set_prepare(source, EndWhenDetached);
     }
+    source = nullptr;
+    if (r >= 0) {
+        r = sd_event_add_exit(loop.GetEvent(), &source, FlushWithinTheLimit, mBus);
+    }
+    decltype(State::flush) flush(source);
+    if (r >= 0) {
+        r = sd_event_source_set_priority(source, BEFORE_SD_BUS);
+    }
     if (r >= 0) {
         r = sd_bus_attach_event(mBus, loop.GetEvent(), SD_EVENT_PRIORITY_NORMAL);
     }
@@ -99,6 +146,7 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to attach event loop (%d, %s)", r, ErrorText(-r));
     } else {
         mState->lossWatch = std::move(lossWatch);
+        mState->flush = std::move(flush);
     }
     return MakeStatusCodeFromReturnCode(r);
 }

@@ -40,10 +40,12 @@ public:
     StatusCode Initialize() const override;
 
     /// Creates the D-Bus thread and waits, without limit, until its service is initialised and the IPC
-    /// server's `Start` has returned. Ok: the service answers from now on. ResourceUnavailable: no memory for
-    /// the thread, and no thread exists. Otherwise the status of the start-up step that failed; the thread is
-    /// ending by itself and still wants `JoinThread`. A system that refuses the thread raises
-    /// std::system_error.
+    /// server's `Start` has returned. SIGTERM and SIGINT end the wait for a bus that lets connect but does
+    /// not answer, a second later (Interrupted). Once connected they wait for the IPC server's `Start`: a
+    /// synchronous call there, adding a match included, waits 25 s for a bus that hangs.
+    /// Ok: the service answers from now on. ResourceUnavailable: no memory for the thread, and no thread
+    /// exists. Otherwise the status of the start-up step that failed; the thread is ending by itself and
+    /// still wants `JoinThread`. A system that refuses the thread raises std::system_error.
     StatusCode Start() override;
 
     /// Waits for the end of the D-Bus thread, without limit. Returns at once when there is none.

@@ -31,15 +31,21 @@ public:
 
     /// Connects to the system bus (sd_bus_default_system(3)) and requests the name, without queueing for it
     /// or taking it from its owner (sd_bus_request_name(3)), which waits for the bus: 90 s for one that lets
-    /// connect but does not answer. Ok; AlreadyExists when already connected,
-    /// nothing changed, or when the name has an owner; otherwise the status of sd-bus's error. A connection
-    /// whose name request failed is kept.
+    /// connect but does not answer. SIGTERM and SIGINT, blocked and sent to the process, end that wait a
+    /// second later and stay pending; the connection is unusable then. For this a thread runs beside the
+    /// request; where the system refuses it, or descriptors, the wait is as long as without. Ok;
+    /// AlreadyExists when already connected, nothing changed, or when the name has an owner; Interrupted when
+    /// a signal ended the wait; otherwise the status of sd-bus's error. A connection whose name request
+    /// failed is kept.
     StatusCode Connect();
 
     /// Has the loop drive the connection (sd_bus_attach_event(3)) and end with the exit code -ECONNRESET when
     /// the connection is lost, so that a deaf service is restarted instead of running on: whatever filters
     /// and matches the application installs, and also when the connection is closed or taken from the loop on
     /// this side. Whoever waits for a reply is told first, and "Disconnected" is dispatched.
+    /// When the loop ends, the bus gets two seconds to take what is queued for it; then the connection is
+    /// closed, and what was not taken is lost (logged). Own exit sources that send are added with a priority
+    /// before SD_EVENT_PRIORITY_NORMAL - 1.
     /// Ok; InvalidArgument when the loop has not been made or nothing is connected; otherwise the status of
     /// sd-bus's error.
     StatusCode AttachLoop(EventLoop& loop);

@@ -23,6 +23,9 @@ public:
     /// The D-Bus thread's loop has ended, or its start-up failed, also before `Start` was called. A loop that
     /// has run has closed the bus connection: nothing can be sent any more. After a failed start-up, or when
     /// the loop could not run, it may still be open. Do not join the D-Bus thread from here.
+    ///
+    /// Nobody reads the message pipes that the loop watched any more: close them here (MessagePipe::Close),
+    /// or a worker at a full one waits for ever.
     virtual void Stop() = 0;
 
     /// The service is connected, owns its name and is attached to the loop, which does not run yet: add

@@ -27,6 +27,8 @@ public:
 
     /// Runs the loop until SIGTERM, SIGINT or sd_event_exit(3); then, however it ended, tells systemd
     /// "STOPPING=1\nShutting down..." (sd_notify(3)).
+    /// In between a connection that DBusServerManager::AttachLoop attached is flushed, for two seconds at
+    /// most, and closed.
     /// Ok when it ended by a signal or an exit code of 0 and above; the status of a negative exit code, of a
     /// signal handler that could not be added (the loop does not run then), or of a loop failure.
     StatusCode Run();
