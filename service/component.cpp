@@ -6,14 +6,63 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/static_text.h"
+#include "service/loop_guard.h"
+#include "service/thrown.h"
 
 namespace mwl::DBusService {
+
+using mw::tern::Contain;
+using mw::tern::Thrown;
 
 namespace {
 
 const StaticText LOGGER("DBusService::Component");
+
+// What is thrown in a step is logged and counts as its failure.
+
+StatusCode InitializeService(Service& service) {
+    return Contain(
+        StatusCode::Failure, [&] { return service.Initialize(); },
+        [](const Thrown& thrown) {
+            TERN_LOG_CRITICAL(LOGGER, "Service::Initialize threw %s: %s", thrown.Type(), thrown.Text());
+        });
+}
+
+StatusCode StartServer(IpcServer& ipcServer, Service& service) {
+    return Contain(
+        StatusCode::Failure,
+        [&] { return ipcServer.Start(service.GetServerManager(), service.GetEventLoop()); },
+        [](const Thrown& thrown) {
+            TERN_LOG_CRITICAL(LOGGER, "IpcServer::Start threw %s: %s", thrown.Type(), thrown.Text());
+        });
+}
+
+StatusCode StopServer(IpcServer& ipcServer) {
+    return Contain(
+        StatusCode::Failure,
+        [&] {
+            ipcServer.Stop();
+            return StatusCode::Ok;
+        },
+        [](const Thrown& thrown) {
+            TERN_LOG_CRITICAL(LOGGER, "IpcServer::Stop threw %s: %s", thrown.Type(), thrown.Text());
+        });
+}
+
+StatusCode StopWorkers(Threading::ThreadsMonitorInterface& monitor) {
+    return Contain(
+        StatusCode::Failure,
+        [&] {
+            monitor.StopWorkerThreads();
+            return StatusCode::Ok;
+        },
+        [](const Thrown& thrown) {
+            TERN_LOG_CRITICAL(LOGGER, "StopWorkerThreads threw %s: %s", thrown.Type(), thrown.Text());
+        });
+}
 
 }  // namespace
 
@@ -68,26 +117,30 @@ void Component::JoinThread() {
 void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& startup,
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer) {
     TERN_LOG_INFO(LOGGER, "Start D-Bus thread");
+    const mw::tern::UncaughtLog uncaughtLog;
     monitor.SetDBusThreadId(static_cast<unsigned long>(pthread_self()));
     Service service(name);
-    StatusCode status = service.Initialize();
+    StatusCode status = InitializeService(service);
     if (status == StatusCode::Ok) {
-        status = ipcServer.Start(service.GetServerManager(), service.GetEventLoop());
+        status = StartServer(ipcServer, service);
     }
     startup.set_value(status);
-    const bool isStarted = status == StatusCode::Ok;
-    if (isStarted) {
-        status = service.Run();
-    }
+    const StatusCode runStatus = status == StatusCode::Ok ? service.Run() : StatusCode::Ok;
     // The loop takes no SIGTERM any more. Where nobody blocked it, the monitor's would end the process before
     // the others have been stopped. Cannot fail with valid arguments.
     static_cast<void>(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread());
-    if (isStarted && status != StatusCode::Ok) {
-        // The process has to end as failed, or nobody would restart it.
-        monitor.NotifyDBusThreadToStopOnFailure();
-    }
-    ipcServer.Stop();
-    monitor.StopWorkerThreads();
+    // The first failure is the thread's status. A running service's is told before anything else stops: the
+    // process has to end as failed, or nobody would restart it.
+    bool isFailureTold = false;
+    const auto settle = [&](StatusCode outcome) {
+        status = status == StatusCode::Ok ? outcome : status;
+        if (outcome != StatusCode::Ok && !std::exchange(isFailureTold, true)) {
+            monitor.NotifyDBusThreadToStopOnFailure();
+        }
+    };
+    settle(runStatus);
+    settle(StopServer(ipcServer));
+    settle(StopWorkers(monitor));
     TERN_LOG_INFO(LOGGER, "Exit D-Bus thread, status=%u", status);
 }
 

@@ -15,6 +15,7 @@
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
 #include "service/hang_up.h"
+#include "service/loop_guard.h"
 #include "service/vtable_fault.h"
 
 namespace mw::tern {
@@ -97,6 +98,9 @@ DBusServerManager::DBusServerManager(const std::string& name)
     : mName(name), mState(std::make_unique<State>()) {}
 
 DBusServerManager::~DBusServerManager() {
+    if (mState->lossWatch != nullptr) {
+        SetLoopBus(nullptr);
+    }
     // The bus before the loop, of which the sources hold a reference; they cannot fire in between.
     sd_bus_unref(mBus);
     mState.reset();
@@ -147,6 +151,7 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     } else {
         mState->lossWatch = std::move(lossWatch);
         mState->flush = std::move(flush);
+        SetLoopBus(mBus);
     }
     return MakeStatusCodeFromReturnCode(r);
 }

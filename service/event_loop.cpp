@@ -1,14 +1,31 @@
 #include <systemd/sd-event.h>
+#include <tern/foundation/log.h>
+#include <tern/foundation/service_common.h>
 #include <tern/service/event_loop.h>
+
+#include <cerrno>
+
+#include "service/thrown.h"
 
 namespace mw::tern {
 
 namespace {
 
-/// Not noexcept: what a callback throws leaves through the loop, as for an empty callback it has to.
+/// What a callback throws ends here, as sd-event is C. Not so what an empty one raises: that has to leave.
 int Dispatch(sd_event_source* source, int fd, uint32_t revents, void* userdata) {
     const std::shared_ptr<EventIoContext> context = static_cast<EventIoContext*>(userdata)->self.lock();
-    return context->callback(source, fd, revents) == StatusCode::Ok ? 0 : -1;
+    if (!context->callback) {
+        TERN_LOG_CRITICAL(ServiceCommon::mLogger, "The callback of descriptor %d is empty", fd);
+        throw std::bad_function_call();
+    }
+    const StatusCode status = Contain(
+        StatusCode::Failure, [&] { return context->callback(source, fd, revents); },
+        [&](const Thrown& thrown) {
+            TERN_LOG_CRITICAL(ServiceCommon::mLogger, "The callback of descriptor %d threw %s: %s", fd,
+                              thrown.Type(), thrown.Text());
+            sd_event_exit(sd_event_source_get_event(source), -ENOTRECOVERABLE);
+        });
+    return status == StatusCode::Ok ? 0 : -1;
 }
 
 }  // namespace

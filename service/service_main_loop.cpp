@@ -8,6 +8,7 @@
 #include <csignal>
 
 #include "foundation/error_text.h"
+#include "service/loop_guard.h"
 
 namespace mw::tern {
 
@@ -67,7 +68,7 @@ StatusCode ServiceMainLoop::Run() {
     }
     TERN_LOG_INFO(ServiceCommon::mLogger, "Entering D-Bus event loop");
     if (r >= 0) {
-        r = sd_event_loop(mEvent);
+        r = RunLoop(mEvent);
     }
     TERN_LOG_INFO(ServiceCommon::mLogger, "sd_event_loop exited with %d", r);
     static_cast<void>(

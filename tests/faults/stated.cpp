@@ -28,6 +28,9 @@ constexpr const char* NEXT_STRUCTURE =
 constexpr const char* CUT_MESSAGE = "without memory a long message is cut";
 constexpr const char* NO_TIMER = "a thread that never got its timer is detached, not stopped";
 
+constexpr const char* PASSED_C =
+    "what sd-bus and sd-event hold when an exception passes through them is lost";
+
 constexpr Statement STATEMENTS[] = {
     {"SILENT", "command-with-input", "write", "EIO", INPUT_LOST},
     {"SILENT", "command-with-input", "write", "EPIPE", INPUT_LOST},
@@ -63,6 +66,8 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "logger", "malloc", "ENOMEM", CUT_MESSAGE},
     {"SILENT", "logger-pipe", "malloc", "ENOMEM", CUT_MESSAGE},
     {"SILENT", "logger-socket", "malloc", "ENOMEM", CUT_MESSAGE},
+    {"LEFTOVER", "service-call", "_Znwm", "bad_alloc", PASSED_C},
+    {"LEFTOVER", "service-call", "_Znwj", "bad_alloc", PASSED_C},
     {"DIED", "folder-monitor", "read", "*", "a monitor that ended by itself is not to be destroyed"},
     {"LEFTOVER", "short-period-timer", "timer_create", "*", NO_TIMER},
     {"LEFTOVER", "short-period-timer", "timer_settime", "*", NO_TIMER},

@@ -54,6 +54,12 @@ public:
     /// The body of the D-Bus thread: makes the service, delivers the start-up status, runs the loop, stops
     /// the IPC server and, through the monitor, every worker. A loop that ended in failure is reported to the
     /// monitor first, so that the process ends as failed.
+    ///
+    /// No exception on this thread is mute: see IpcServer, EventLoop::AddIo and DBusInterface for those of
+    /// your code, whose logs are at critical level. What a worker throws in its `Stop` is logged, those after
+    /// it in the list are left to the owner's own `Stop`, and the process ends as failed. While the thread
+    /// runs, the process's terminate handler (std::set_terminate) logs an exception that ends the process on
+    /// this thread and then calls the handler that was set before.
     static void ThreadMain(const std::string& name, std::promise<StatusCode>& startup,
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer);
 

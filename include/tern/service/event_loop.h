@@ -39,7 +39,8 @@ struct TERN_API EventIoContext {
 /// is made and run.
 ///
 /// Loop thread only: every operation, the destructor included, belongs to the thread that owns the loop.
-/// Callbacks run on it, one at a time. Nothing is logged. Descriptors are never closed here; they belong to
+/// Callbacks run on it, one at a time. Nothing is logged but what a callback throws, with the logger name
+/// "Service". Descriptors are never closed here; they belong to
 /// the caller, who removes a watch before closing its descriptor.
 class TERN_API EventLoop {
 public:
@@ -53,9 +54,13 @@ public:
     ///
     /// The callback gets the source, the descriptor and the events seen. Returning anything but Ok switches
     /// the watch off (sd-event's rule for failing handlers); it stays registered until RemoveIo. It may
-    /// remove its own watch. An empty callback raises std::bad_function_call when the descriptor becomes
-    /// ready; like any exception of a callback it leaves through the loop. On 32-bit ARM it ends the process
-    /// there, as libsystemd has no tables to unwind by.
+    /// remove its own watch.
+    ///
+    /// What the callback throws goes no further: it is logged (critical) with its type and text, the watch is
+    /// switched off, and the loop ends in order with the exit code -ENOTRECOVERABLE, so that the process ends
+    /// as failed. An empty callback is logged (critical) when the descriptor becomes ready and raises
+    /// std::bad_function_call, which leaves through sd-event; ServiceMainLoop::Run takes it up as it does
+    /// what a handler throws, see DBusInterface.
     ///
     /// Ok: watched. Otherwise nothing has changed and the callback is destroyed: the status of sd-event's
     /// error, InvalidArgument for a bad descriptor or a loop not yet made, AlreadyExists for a descriptor

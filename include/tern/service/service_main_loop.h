@@ -30,7 +30,8 @@ public:
     /// In between a connection that DBusServerManager::AttachLoop attached is flushed, for two seconds at
     /// most, and closed.
     /// Ok when it ended by a signal or an exit code of 0 and above; the status of a negative exit code, of a
-    /// signal handler that could not be added (the loop does not run then), or of a loop failure.
+    /// signal handler that could not be added (the loop does not run then), or of a loop failure; Failure
+    /// when a callback threw, which is logged (critical) and has closed the connection: see DBusInterface.
     StatusCode Run();
 };
 

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+
+#include "foundation/handle.h"
+
+namespace mw::tern {
+
+/// What has been thrown, for a line of the log. Made where there is a current exception: in a catch block or
+/// a terminate handler; the texts live as long as that exception and this object.
+class Thrown {
+public:
+    Thrown();
+
+    /// As it is written in C++, for example "std::runtime_error".
+    const char* Type() const { return mType; }
+    /// What std::exception::what says, or the text itself where one was thrown; "no text" for everything
+    /// else.
+    const char* Text() const { return mText; }
+
+private:
+    mwl::Handle<char, free> mReadable;
+    const char* mType = "a foreign exception";
+    const char* mText = "no text";
+};
+
+/// The result of `body`. What it throws ends here: `report` is called with it, and the result is `failure`.
+/// The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through, as it must.
+template <typename Result, typename Body, typename Report>
+Result Contain(Result failure, Body body, Report report) {
+    try {
+        return body();
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        report(Thrown());
+        return failure;
+    }
+}
+
+}  // namespace mw::tern
