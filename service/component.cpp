@@ -4,6 +4,7 @@
 #include <tern/service/service.h>
 #include <tern/service/service_main_loop.h>
 
+#include <atomic>
 #include <memory>
 #include <new>
 #include <utility>
@@ -20,6 +21,20 @@ using mw::tern::Thrown;
 namespace {
 
 const StaticText LOGGER("DBusService::Component");
+
+/// Whether this process has a D-Bus thread.
+std::atomic<bool> gIsRunning{false};
+
+struct EndRun {
+    void operator()(std::atomic<bool>* isRunning) const { *isRunning = false; }
+};
+/// Held by the D-Bus thread while it exists.
+using Run = std::unique_ptr<std::atomic<bool>, EndRun>;
+
+/// Null while there is another D-Bus thread.
+Run BeginRun() {
+    return Run(gIsRunning.exchange(true) ? nullptr : &gIsRunning);
+}
 
 // What is thrown in a step is logged and counts as its failure.
 
@@ -85,13 +100,21 @@ StatusCode Component::Initialize() const {
 
 StatusCode Component::Start() {
     TERN_LOG_INFO(LOGGER, "Start D-Bus service");
+    if (mThread != nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Do not start a component twice");
+        return StatusCode::Busy;
+    }
+    Run run = BeginRun();
+    if (run == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Another component's D-Bus thread is running in this process");
+        return StatusCode::Busy;
+    }
     // Owned by both sides: this one may be gone before the thread has returned from set_value.
     const auto startup = std::make_shared<std::promise<StatusCode>>();
     std::future<StatusCode> result = startup->get_future();
     mThread = new (std::nothrow)
-        std::thread([startup, &name = mName, &monitor = mMonitor, &ipcServer = mIpcServer] {
-            ThreadMain(name, *startup, monitor, ipcServer);
-        });
+        std::thread([run = std::move(run), startup, &name = mName, &monitor = mMonitor,
+                     &ipcServer = mIpcServer] { ThreadMain(name, *startup, monitor, ipcServer); });
     if (mThread == nullptr) {
         TERN_LOG_ERROR(LOGGER, "Failed to create D-Bus thread");
         return StatusCode::ResourceUnavailable;

@@ -289,6 +289,68 @@ TEST_F(ComponentTest, ThreadThatTheSystemRefusesRaisesTheStandardError) {
     EXPECT_TRUE(mLog.Contains(Info(LOGGER, "Join D-Bus thread mThread=[(nil)]")));
 }
 
+// A name that does not outlive its component was asked for on the bus as garbage. What is not constructible
+// here does not compile where it is written.
+template <typename Name>
+constexpr bool TAKES_NAME =
+    std::is_constructible_v<Component, Name, mwl::Threading::ThreadsMonitorInterface&, IpcServer&>;
+
+TEST_F(ComponentTest, NameThatIsGoneAtOnceDoesNotCompile) {
+    static_assert(TAKES_NAME<std::string&> && TAKES_NAME<const std::string&>);
+    static_assert(!TAKES_NAME<const char(&)[22]> && !TAKES_NAME<const char*> && !TAKES_NAME<std::string> &&
+                  !TAKES_NAME<const std::string>);
+}
+
+TEST_F(ComponentTest, SecondStartIsRefused) {
+    const LogEntry refused = Error(LOGGER, "Do not start a component twice");
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    EXPECT_EQ(mComponent.Start(), StatusCode::Busy);
+    EXPECT_TRUE(HasOwner(NAME)) << "the first goes on";
+    EXPECT_EQ(mLog.Count(refused), 1U);
+    mMonitor.Terminate();
+    mComponent.JoinThread();
+    EXPECT_EQ(mComponent.Start(), StatusCode::Busy);
+    EXPECT_EQ(mLog.Count(refused), 2U);
+    EXPECT_THAT(mJournal.Take(),
+                ElementsAre("SetDBusThreadId", "IpcServer::Start", "IpcServer::Stop", "StopWorkerThreads"));
+}
+
+TEST_F(ComponentTest, SecondComponentOfAProcessIsRefusedWhileTheFirstRuns) {
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    const std::string otherName = "com.example.Other";
+    Journal otherJournal;
+    JournalingMonitor otherMonitor(otherJournal);
+    JournalingServer otherServer(otherJournal);
+    Component other(otherName, otherMonitor, otherServer);
+    EXPECT_EQ(other.Start(), StatusCode::Busy);
+    EXPECT_TRUE(mLog.Contains(Error(LOGGER, "Another component's D-Bus thread is running in this process")));
+    EXPECT_THAT(otherJournal.Take(), IsEmpty());
+    other.JoinThread();
+    EXPECT_TRUE(HasOwner(NAME));
+    mMonitor.Terminate();
+    mComponent.JoinThread();
+    EXPECT_EQ(other.Start(), StatusCode::Ok) << "one after the other";
+    EXPECT_TRUE(HasOwner(otherName));
+    otherMonitor.Terminate();
+    other.JoinThread();
+}
+
+TEST_F(ComponentTest, StartThatFailedLeavesTheProcessToAnother) {
+    JournalingServer refusing(mJournal, StatusCode::NotSupported);
+    Component failing(NAME, mMonitor, refusing);
+    EXPECT_EQ(failing.Start(), StatusCode::NotSupported);
+    failing.JoinThread();
+    {
+        const FaultScope scope(fault_pthread_create);
+        fault_pthread_create.Fail(EAGAIN);
+        Component threadless(NAME, mMonitor, refusing);
+        EXPECT_THROW(threadless.Start(), std::system_error);
+    }
+    EXPECT_EQ(mComponent.Start(), StatusCode::Ok);
+    mMonitor.Terminate();
+    mComponent.JoinThread();
+}
+
 TEST_F(ComponentTest, JoinWithoutStartReturns) {
     mLog.Clear();
     mComponent.JoinThread();

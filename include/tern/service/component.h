@@ -21,15 +21,22 @@ namespace mwl::DBusService {
 ///
 /// The name, the monitor and the IPC server are borrowed: they outlive the component.
 ///
-/// | state   | Initialize | Start     | JoinThread                      | destructor       |
-/// |---------|------------|-----------|---------------------------------|------------------|
-/// | created | yes        | starts    | logs, returns at once           | yes              |
-/// | started | no effect  | once only | waits for the end of the thread | ends the process |
-/// | joined  | no effect  | once only | raises std::system_error        | yes              |
+/// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
+/// One component for a monitor: a monitor knows one D-Bus thread, and a request to stop it is made once in
+/// its life, so a later component needs a monitor of its own. That is not looked at.
+///
+/// | state   | Initialize | Start          | JoinThread                      | destructor       |
+/// |---------|------------|----------------|---------------------------------|------------------|
+/// | created | yes        | starts, once   | logs, returns at once           | yes              |
+/// | started | no effect  | refused (Busy) | waits for the end of the thread | ends the process |
+/// | joined  | no effect  | refused (Busy) | raises std::system_error        | yes              |
 class TERN_API Component : public ComponentInterface {
 public:
-    /// `name` is the well-known bus name to request, empty for none.
+    /// `name` is the well-known bus name to request, empty for none. It is borrowed: keep it in a variable.
     Component(const std::string& name, Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer);
+    /// A name that is gone at once, a literal's included, does not compile.
+    Component(std::string&&, Threading::ThreadsMonitorInterface&, IpcServer&) = delete;
+    Component(const std::string&&, Threading::ThreadsMonitorInterface&, IpcServer&) = delete;
     ~Component() override;
     Component(const Component&) = delete;
     Component& operator=(const Component&) = delete;
@@ -43,9 +50,11 @@ public:
     /// server's `Start` has returned. SIGTERM and SIGINT end the wait for a bus that lets connect but does
     /// not answer, a second later (Interrupted). Once connected they wait for the IPC server's `Start`: a
     /// synchronous call there, adding a match included, waits 25 s for a bus that hangs.
-    /// Ok: the service answers from now on. ResourceUnavailable: no memory for the thread, and no thread
-    /// exists. Otherwise the status of the start-up step that failed; the thread is ending by itself and
-    /// still wants `JoinThread`. A system that refuses the thread raises std::system_error.
+    /// Ok: the service answers from now on. Busy, logged: this component was started before, or another one's
+    /// D-Bus thread is running in this process (join that one first); nothing has changed, and the IPC server
+    /// is not called. ResourceUnavailable: no memory for the thread, and no thread exists. Otherwise the
+    /// status of the start-up step that failed; the thread is ending by itself and still wants `JoinThread`.
+    /// A system that refuses the thread raises std::system_error.
     StatusCode Start() override;
 
     /// Waits for the end of the D-Bus thread, without limit. Returns at once when there is none.
