@@ -1,14 +1,14 @@
+#include <pthread.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_manager.h>
 #include <tern/threading/threads_monitor.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>
 
 #include "platform/static_text.h"
+#include "threading/thread_life.h"
 
 namespace mwl::Threading {
 
@@ -37,7 +37,7 @@ void ThreadsMonitor::RemoveWorkerThread(ThreadManager& thread) {
 void ThreadsMonitor::SetDBusThreadId(unsigned long threadId) {
     const std::lock_guard lock(mMutex);
     mDBusThreadId = threadId;
-    mDBusTaskId = threadId == pthread_self() ? gettid() : 0;
+    mDBusThreadNumber = threadId == pthread_self() ? ThreadLife::GetOwnNumber() : 0;
 }
 
 void ThreadsMonitor::StopWorkerThreads() {
@@ -54,7 +54,7 @@ void ThreadsMonitor::NotifyDBusThreadToStop(bool onFailure) {
     TERN_LOG_INFO(LOGGER, "Notify D-Bus thread to stop [%lu]", mDBusThreadId);
     // Before the signal, and whatever becomes of it: the D-Bus thread may end at once.
     mHasFailure = onFailure;
-    const int error = HasDBusThreadEnded() ? ESRCH : mSignals.SendSignal(mDBusThreadId, SIGTERM);
+    const int error = SendSignalToDBusThread();
     if (error != 0) {
         TERN_LOG_ERROR(LOGGER, "Failed to notify thread [%lu], error=%d", mDBusThreadId, error);
         return;
@@ -67,10 +67,10 @@ void ThreadsMonitor::NotifyDBusThreadToStopOnFailure() {
     NotifyDBusThreadToStop(true);
 }
 
-// A worker that fails late, when main has joined the D-Bus thread, must not signal what is no thread any more
-// (pthread_kill(3)); of its id that cannot be told, of the kernel's number it can.
-bool ThreadsMonitor::HasDBusThreadEnded() const {
-    return mDBusTaskId != 0 && syscall(SYS_tgkill, getpid(), mDBusTaskId, 0) != 0 && errno == ESRCH;
+// A worker that fails late, when the D-Bus thread has ended, must not signal whoever has its id by then.
+int ThreadsMonitor::SendSignalToDBusThread() {
+    const auto send = [this] { return mSignals.SendSignal(mDBusThreadId, SIGTERM); };
+    return mDBusThreadNumber == 0 ? send() : ThreadLife::CallWhileAlive(mDBusThreadNumber, send, ESRCH);
 }
 
 bool ThreadsMonitor::HasFailure() {

@@ -27,6 +27,9 @@ public:
     void AddWorkerThread(ThreadManager& thread) override;
     /// A worker that is not registered is an error, logged; nothing changes.
     void RemoveWorkerThread(ThreadManager& thread) override;
+    /// Of the calling thread as a rule: the monitor then notices by itself when it ends, and signals nobody
+    /// who is given its id later. Another thread's id is taken as it is: REQUIRES that it does not end while
+    /// workers may still notify.
     void SetDBusThreadId(unsigned long threadId) override;
     /// Calls `Stop()` on every worker, in the order of registration; does not wait for their threads.
     void StopWorkerThreads() override;
@@ -40,15 +43,16 @@ public:
     bool HasFailure() override;
 
 private:
-    bool HasDBusThreadEnded() const;
+    int SendSignalToDBusThread();
 
     SignalsInterface& mSignals;
     ThreadsList mWorkers;
     unsigned long mDBusThreadId = 0;
     bool mHasFailure = false;
     bool mDBusThreadNotified = false;
-    int mDBusTaskId = 0;  ///< gettid(2) of a D-Bus thread that gave its own id, else 0
-    std::mutex mMutex;    ///< guards all of the above
+    unsigned int mDBusThreadNumber =
+        0;              ///< tells a D-Bus thread that gave its own id from later ones, else 0
+    std::mutex mMutex;  ///< guards all of the above
 };
 
 }  // namespace mwl::Threading
