@@ -2,11 +2,12 @@
 #include <tern/timer/timer.h>
 
 #include <mutex>
-#include <string>
+#include <optional>
 #include <utility>
 
 #include "platform/static_text.h"
 #include "timer/posix_timer.h"
+#include "timer/timer_calls.h"
 #include "timer/timer_registry.h"
 
 namespace mwl::Timer {
@@ -17,115 +18,182 @@ const StaticText LOGGER("Timer::Timer");
 
 }  // namespace
 
+/// All that the timer is. The operations that are running are co-owners, as the callback may destroy the
+/// timer meanwhile.
+///
+/// | POSIX timer      | Create, then Execute in Start | Stop    | timer destroyed | an expiry announced |
+/// |------------------|-------------------------------|---------|-----------------|---------------------|
+/// | none             | made under a new token; fails | fails   | none any more   | finds no token      |
+/// | exists           | kept; armed                   | deleted | deleted         | calls back          |
+/// | none any more    | status Stopping; the same     | fails   |                 | finds no token      |
 struct Timer::State {
-    State(unsigned int period, bool repeat, std::function<void()> function)
-        : callback(std::move(function)), periodMs(period), periodic(repeat) {}
+    State(unsigned int period, bool repeat, std::function<void()> callback)
+        : calls(std::make_shared<TimerCalls>(std::move(callback))), periodic(repeat), periodMs(period) {}
 
-    const std::function<void()> callback;
-    unsigned int periodMs;  ///< guarded by mutex
+    StatusCode Start(std::optional<unsigned int> newPeriodMs);
+    StatusCode Create();
+    StatusCode Execute();
+    StatusCode Stop();
+    bool IsActive();
+    StatusCode Disarm();
+    void Abandon();
+
+    const std::shared_ptr<TimerCalls> calls;
+
+private:
+    StatusCode CreateLocked();
+    StatusCode ExecuteLocked();
+
     const bool periodic;
-    PosixTimer timer;  ///< guarded by mutex
-    std::mutex mutex;  ///< taken before the registry's
+    std::mutex mutex;  ///< guards the rest; taken before the registry's
+    unsigned int periodMs;
+    PosixTimer timer;
+    TimerRegistry::Token token = 0;  ///< of the timer that exists, else 0
+    bool isDestroyed = false;
 };
 
 Timer::Timer(unsigned int periodMs, bool periodic, std::function<void()> callback)
     : mState(std::make_shared<State>(periodMs, periodic, std::move(callback))) {}
 
 Timer::~Timer() {
-    const std::lock_guard lock(mState->mutex);
-    TimerRegistry::GetInstance().Remove(this);
-    static_cast<void>(mState->timer.Delete());  // there may be none
+    mState->Abandon();
 }
 
+// Each operation holds the state and touches nothing else of the timer, which the callback may destroy.
+
 StatusCode Timer::Start() {
-    const StatusCode status = Create();
-    // From here on the callback may run, and destroy this timer: nothing may follow.
-    return status == StatusCode::Ok ? Execute() : status;
+    return std::shared_ptr(mState)->Start(std::nullopt);
 }
 
 StatusCode Timer::Stop() {
-    const std::shared_ptr<State> state = mState;
-    const std::lock_guard lock(state->mutex);
-    if (!state->timer.Exists()) {
-        TERN_LOG_ERROR(LOGGER, "%s: Timer ID is not initiated", "Stop");
-        return StatusCode::Failure;
-    }
-    if (const int error = state->timer.Delete(); error != 0) {
-        TERN_LOG_ERROR(LOGGER, "%s: Failed to delete the timer: %d", "Stop", error);
-        return StatusCode::Failure;
-    }
-    TimerRegistry::GetInstance().Remove(this);
-    return StatusCode::Ok;
+    return std::shared_ptr(mState)->Stop();
 }
 
 StatusCode Timer::Start(unsigned int periodMs) {
-    {
-        const std::lock_guard lock(mState->mutex);
-        mState->periodMs = periodMs;
-    }
-    return Start();
+    return std::shared_ptr(mState)->Start(periodMs);
 }
 
 bool Timer::GetTimerActiveStatus() {
-    const std::shared_ptr<State> state = mState;
-    const std::lock_guard lock(state->mutex);
-    if (!state->timer.Exists()) {
-        return false;
-    }
-    timespec remaining{};
-    if (const int error = state->timer.GetRemaining(remaining); error != 0) {
-        TERN_LOG_ERROR(LOGGER, "%s: Failed to get the timer: %d", "GetTimerActiveStatus", error);
-        return false;
-    }
-    return remaining.tv_nsec > 0 || remaining.tv_sec >= 1;
+    return std::shared_ptr(mState)->IsActive();
 }
 
 StatusCode Timer::DisarmActiveTimer() {
-    const std::shared_ptr<State> state = mState;
-    const std::lock_guard lock(state->mutex);
-    if (const int error = state->timer.Disarm(); error != 0) {
-        TERN_LOG_ERROR(LOGGER, "%s: Failed to disarm the timer %p, error %d", "DisarmActiveTimer",
-                       state->timer.GetId(), error);
-        return StatusCode::Failure;
-    }
-    return StatusCode::Ok;
+    return std::shared_ptr(mState)->Disarm();
 }
 
 StatusCode Timer::Create() {
-    const std::shared_ptr<State> state = mState;
-    const std::lock_guard lock(state->mutex);
-    if (state->timer.Exists()) {
+    return std::shared_ptr(mState)->Create();
+}
+
+StatusCode Timer::Execute() {
+    return std::shared_ptr(mState)->Execute();
+}
+
+void Timer::Handler() {
+    std::shared_ptr(mState->calls)->Call();
+}
+
+StatusCode Timer::State::Start(std::optional<unsigned int> newPeriodMs) {
+    const std::lock_guard lock(mutex);
+    periodMs = newPeriodMs.value_or(periodMs);
+    const StatusCode status = CreateLocked();
+    return status == StatusCode::Ok ? ExecuteLocked() : status;
+}
+
+StatusCode Timer::State::Create() {
+    const std::lock_guard lock(mutex);
+    return CreateLocked();
+}
+
+StatusCode Timer::State::CreateLocked() {
+    if (isDestroyed) {
+        return StatusCode::Stopping;
+    }
+    if (timer.Exists()) {
         return StatusCode::Ok;
     }
     TimerRegistry& registry = TimerRegistry::GetInstance();
-    sigevent notification{};
-    notification.sigev_notify = SIGEV_THREAD;
-    notification.sigev_value.sival_ptr = this;
-    notification.sigev_notify_function =
-        registry.Add(this, std::shared_ptr<const std::function<void()>>(state, &state->callback));
-    if (const int error = state->timer.Create(notification); error != 0) {
-        registry.Remove(this);
+    int error = registry.Add(calls, token);
+    if (error == 0) {
+        sigevent notification{};
+        notification.sigev_notify = SIGEV_THREAD;
+        notification.sigev_value = TimerRegistry::ToValue(token);
+        notification.sigev_notify_function = &TimerRegistry::Notify;
+        error = timer.Create(notification);
+        if (error != 0) {
+            registry.Remove(std::exchange(token, 0));
+        }
+    }
+    if (error != 0) {
         TERN_LOG_ERROR(LOGGER, "%s: Failed to create a timer: %d", "Create", error);
         return StatusCode::Failure;
     }
     return StatusCode::Ok;
 }
 
-StatusCode Timer::Execute() {
-    const std::shared_ptr<State> state = mState;
-    const std::lock_guard lock(state->mutex);
-    if (const int error = state->timer.Arm(state->periodMs, state->periodic); error != 0) {
+StatusCode Timer::State::Execute() {
+    const std::lock_guard lock(mutex);
+    return ExecuteLocked();
+}
+
+StatusCode Timer::State::ExecuteLocked() {
+    if (isDestroyed) {
+        return StatusCode::Stopping;
+    }
+    // Told before, as the expiry may come before the call returns.
+    TimerRegistry& registry = TimerRegistry::GetInstance();
+    const auto former = registry.Expect(token, TimerRegistry::ExpiryIn(periodMs, periodic));
+    if (const int error = timer.Arm(periodMs, periodic); error != 0) {
+        static_cast<void>(registry.Expect(token, former));
         TERN_LOG_ERROR(LOGGER, "%s: Failed to Execute a timer: %d", "Execute", error);
         return StatusCode::Failure;
     }
     return StatusCode::Ok;
 }
 
-void Timer::Handler() {
-    const std::shared_ptr<State> state = mState;
-    if (state->callback) {
-        state->callback();
+StatusCode Timer::State::Stop() {
+    const std::lock_guard lock(mutex);
+    if (!timer.Exists()) {
+        TERN_LOG_ERROR(LOGGER, "%s: Timer ID is not initiated", "Stop");
+        return StatusCode::Failure;
     }
+    if (const int error = timer.Delete(); error != 0) {
+        TERN_LOG_ERROR(LOGGER, "%s: Failed to delete the timer: %d", "Stop", error);
+        return StatusCode::Failure;
+    }
+    TimerRegistry::GetInstance().Remove(std::exchange(token, 0));
+    return StatusCode::Ok;
+}
+
+bool Timer::State::IsActive() {
+    const std::lock_guard lock(mutex);
+    if (!timer.Exists()) {
+        return false;
+    }
+    timespec remaining{};
+    if (const int error = timer.GetRemaining(remaining); error != 0) {
+        TERN_LOG_ERROR(LOGGER, "%s: Failed to get the timer: %d", "GetTimerActiveStatus", error);
+        return false;
+    }
+    return remaining.tv_nsec > 0 || remaining.tv_sec >= 1;
+}
+
+StatusCode Timer::State::Disarm() {
+    const std::lock_guard lock(mutex);
+    if (const int error = timer.Disarm(); error != 0) {
+        TERN_LOG_ERROR(LOGGER, "%s: Failed to disarm the timer %p, error %d", "DisarmActiveTimer",
+                       timer.GetId(), error);
+        return StatusCode::Failure;
+    }
+    static_cast<void>(TimerRegistry::GetInstance().Expect(token, std::nullopt));
+    return StatusCode::Ok;
+}
+
+void Timer::State::Abandon() {
+    const std::lock_guard lock(mutex);
+    isDestroyed = true;
+    TimerRegistry::GetInstance().Remove(token);
+    static_cast<void>(timer.Delete());  // there may be none
 }
 
 }  // namespace mwl::Timer

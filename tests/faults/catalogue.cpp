@@ -190,9 +190,11 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"waitpid">(&::waitpid, {TERN_ERRNO(ECHILD), NOTHING}),
 
         // Threads.
+        MakeFaultable<"pthread_cond_clockwait">(&::pthread_cond_clockwait, {TERN_NUMBER(ETIMEDOUT), NOTHING}),
         MakeFaultable<"pthread_cond_timedwait">(&::pthread_cond_timedwait, {TERN_NUMBER(ETIMEDOUT), NOTHING}),
         MakeFaultable<"pthread_cond_wait">(&::pthread_cond_wait, {NOTHING}),
         MakeFaultable<"pthread_condattr_init">(&::pthread_condattr_init, {TERN_NUMBER(ENOMEM)}),
+        MakeFaultable<"pthread_create">(&::pthread_create, {TERN_NUMBER(EAGAIN)}),
         MakeFaultable<"pthread_setname_np">(&::pthread_setname_np, {TERN_NUMBER(ERANGE)}),
 
         // Timers.
@@ -342,6 +344,7 @@ const std::map<std::string, const char*>& Exemptions() {
         {"pthread_cond_signal", VALID_ARGUMENT},
         {"pthread_condattr_destroy", VALID_ARGUMENT},
         {"pthread_condattr_setclock", VALID_ARGUMENT},
+        {"pthread_detach", VALID_ARGUMENT},
         {"pthread_mutex_destroy", VALID_ARGUMENT},
         {"pthread_mutex_lock", VALID_ARGUMENT},
         {"pthread_mutex_trylock", "its one answer for a valid mutex, that it is locked, is no failure"},

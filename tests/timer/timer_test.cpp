@@ -1,9 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <tern/timer/timer.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -14,13 +18,17 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
+#include "support/before_lock.h"
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
+#include "support/process_resources.h"
 #include "support/wait_until.h"
 
 TERN_INTERPOSE(int, timer_create, (clockid_t clock, sigevent* notification, timer_t* id),
@@ -30,6 +38,9 @@ TERN_INTERPOSE_TIME(int, timer_settime, __timer_settime64,
                     (id, flags, time, former))
 TERN_INTERPOSE_TIME(int, timer_gettime, __timer_gettime64, (timer_t id, itimerspec* time), (id, time))
 TERN_INTERPOSE(int, timer_delete, (timer_t id), (id))
+TERN_INTERPOSE(int, pthread_create,
+               (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument),
+               (thread, attributes, body, argument))
 
 namespace {
 
@@ -37,15 +48,21 @@ using mwl::StatusCode;
 using mwl::Timer::Timer;
 using mwl::Timer::TimerInterface;
 using std::chrono::milliseconds;
+using tern::test::BeforeLock;
 using tern::test::ChildResult;
+using tern::test::CountThreads;
 using tern::test::Error;
 using tern::test::FaultScope;
+using tern::test::GENEROUS_LIMIT;
 using tern::test::LogCapture;
+using tern::test::LogEntry;
 using tern::test::RunInChild;
 using tern::test::SLOWNESS;
 using tern::test::WaitUntil;
+using tern::test::Warning;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 constexpr int ALWAYS = std::numeric_limits<int>::max();
 constexpr unsigned int NEVER_MS = 3600 * 1000;
@@ -63,6 +80,16 @@ static_assert(!std::is_copy_constructible_v<Timer>);
 #else
 #define SKIP_WHERE_EXPIRY_CRASHES() static_cast<void>(0)
 #endif
+
+const LogEntry NO_THREAD = Error(LOGGER, "Handler: No thread for an expiry, tried again every 1000 ms: 11");
+const LogEntry TOO_MANY_CALLS =
+    Error(LOGGER, "Handler: 32 calls are running, expiries are dropped until one returns");
+
+bool IsServedLate(const LogEntry& entry) {
+    return entry.level == 4 && entry.logger == LOGGER &&
+           testing::Matches(MatchesRegex(
+               "Handler: The system announced no expiry, it is served [0-9]+ ms late"))(entry.text);
+}
 
 /// Stands in for the system's timers: records what is asked of it and expires on demand.
 class FakeTimers : public testing::Test {
@@ -124,13 +151,102 @@ private:
     FaultScope<int(timer_t)> mDelete{fault_timer_delete};
 };
 
+class FakeTimersInAChild : public FakeTimers {};
+
 /// With the system's own timers.
 class TimerExpiry : public testing::Test {
 protected:
     void SetUp() override { SKIP_WHERE_EXPIRY_CRASHES(); }
 };
 
-// Children first: the system's helper thread for expiries stays once it was needed.
+// Children first: the system's helper thread for expiries stays once it was needed, and the guard's.
+
+// Without the thread that looks after lost expiries there is no timer either.
+TEST_F(FakeTimersInAChild, RefusedGuardFailsTheCreation) {
+    const ChildResult child = RunInChild([] {
+        FaultScope scope(fault_pthread_create);
+        fault_pthread_create.Fail(EAGAIN);
+        Timer timer(10, true, nullptr);
+        if (timer.Start() != StatusCode::Failure || fault_timer_create.Calls() != 0) {
+            return 1;
+        }
+        return timer.Start() == StatusCode::Ok ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, ElementsAre(Error(LOGGER, "Create: Failed to create a timer: 11")));
+}
+
+/// In a child: from now on no thread can be made, or again any number. Not for root, who has no limit.
+void LimitThreads(bool isLimited) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NPROC, &limit);
+    limit.rlim_cur = isLimited ? 1 : limit.rlim_max;
+    if (setrlimit(RLIMIT_NPROC, &limit) != 0) {
+        throw std::system_error(errno, std::generic_category(), "setrlimit");
+    }
+}
+
+// It was lost without a word.
+TEST_F(TimerExpiry, OneShotThatFindsNoThreadIsServedWhenThereIsOne) {
+    constexpr uid_t NOBODY = 65534;
+    const ChildResult child = RunInChild([] {
+        if (getuid() == 0 && setresuid(NOBODY, NOBODY, NOBODY) != 0) {
+            return 1;
+        }
+        std::atomic<int> calls{0};
+        Timer timer(100, false, [&] { ++calls; });
+        FaultScope scope(fault_pthread_create);
+        timer.Create();
+        LimitThreads(true);
+        fault_pthread_create.Replace({}, 0);
+        timer.Execute();
+        if (!WaitUntil([&] { return fault_pthread_create.Calls() >= 2; })) {
+            return 2;
+        }
+        if (timer.GetTimerActiveStatus() || calls != 0) {
+            return 3;
+        }
+        LimitThreads(false);
+        if (!WaitUntil([&] { return calls > 0; })) {
+            return 4;
+        }
+        const timespec aWhile{1, 500000000};
+        nanosleep(&aWhile, nullptr);  // were it served again, it would be a second later
+        return calls == 1 ? 0 : 5;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    ASSERT_EQ(child.log.size(), 2U);
+    EXPECT_EQ(child.log[0], NO_THREAD);
+    EXPECT_TRUE(IsServedLate(child.log[1])) << child.log[1].text;
+}
+
+TEST_F(TimerExpiry, BlockedCallbackTakesABoundedNumberOfThreads) {
+    const ChildResult child = RunInChild([] {
+        std::promise<void> leave;
+        const std::shared_future<void> mayLeave(leave.get_future());
+        const auto calls = std::make_shared<std::atomic<int>>(0);
+        Timer timer(1, true, [calls, mayLeave] {
+            ++*calls;
+            mayLeave.wait();
+        });
+        timer.Start();
+        if (!WaitUntil([&] { return *calls >= 32; })) {
+            return 1;
+        }
+        std::size_t most = 0;
+        for (int i = 0; i < 300; ++i) {
+            const timespec period{0, 1000000};
+            nanosleep(&period, nullptr);
+            most = std::max(most, CountThreads());
+        }
+        const bool isBounded = *calls == 32 && most < 64;
+        leave.set_value();
+        return isBounded ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    ASSERT_FALSE(child.log.empty());
+    EXPECT_EQ(child.log[0], TOO_MANY_CALLS);
+}
 
 TEST_F(TimerExpiry, WhatACallbackThrowsEndsTheProcess) {
     const ChildResult child = RunInChild([] {
@@ -164,7 +280,7 @@ TEST_F(FakeTimers, MakesAMonotonicTimerThatNotifiesByThread) {
     EXPECT_EQ(timer.Create(), StatusCode::Ok);
     EXPECT_EQ(mClock, CLOCK_MONOTONIC);
     EXPECT_EQ(mNotification.sigev_notify, SIGEV_THREAD);
-    EXPECT_EQ(mNotification.sigev_value.sival_ptr, &timer);
+    EXPECT_NE(mNotification.sigev_value.sival_ptr, nullptr);
     EXPECT_EQ(fault_timer_settime.Calls(), 0) << "Create does not arm";
     EXPECT_THAT(mLog.Entries(), IsEmpty());
 }
@@ -395,13 +511,30 @@ TEST_F(FakeTimers, NotificationAfterDestructionDoesNothing) {
     Expire(late);
     EXPECT_EQ(former, 0);
 
-    timer.emplace(10, true, [&] { ++present; });
+    timer.emplace(10, true, [&] { ++present; });  // at the same address again
     timer->Start();
-    ASSERT_EQ(mNotification.sigev_value.sival_ptr, late.sigev_value.sival_ptr) << "the same address again";
     Expire(late);
     EXPECT_EQ(former + present, 0);
     Expire(mNotification);
     EXPECT_EQ(present, 1);
+}
+
+// A late announcement once reached the 64th timer after its own, when that was at the same address: one armed
+// for an hour fired at once.
+TEST_F(FakeTimers, NotificationReachesNoLaterTimerEver) {
+    std::atomic<int> former{0};
+    std::atomic<int> present{0};
+    std::optional<Timer> timer;
+    timer.emplace(10, false, [&] { ++former; });
+    timer->Start();
+    const sigevent late = mNotification;
+    for (int i = 0; i < 300; ++i) {
+        timer.emplace(NEVER_MS, false, [&] { ++present; });
+        timer->Start();
+        late.sigev_notify_function(late.sigev_value);
+    }
+    EXPECT_EQ(former, 0);
+    EXPECT_EQ(present, 0);
 }
 
 TEST_F(FakeTimers, CallbackMayStopStartAndDisarmItsTimer) {
@@ -447,6 +580,191 @@ TEST_F(FakeTimers, CallbackMayDestroyItsTimerWhileStartReturns) {
     EXPECT_EQ(timer.get()->Start(), StatusCode::Ok);
     destroyed.get_future().get();
     expiry.join();
+}
+
+// Start touched the timer once more after it had made the system's: freed memory was read, and a timer of the
+// system's stayed that nobody would delete.
+TEST_F(FakeTimers, CallbackMayDestroyItsTimerAnywhereInAnOperation) {
+    const std::pair<const char*, std::function<StatusCode(Timer&)>> operations[] = {
+        {"Start", [](Timer& timer) { return timer.Start(); }},
+        {"Start with a period", [](Timer& timer) { return timer.Start(5); }},
+        {"Create", [](Timer& timer) { return timer.Create(); }},
+        {"Execute", [](Timer& timer) { return timer.Execute(); }},
+        {"GetTimerActiveStatus",
+         [](Timer& timer) { return timer.GetTimerActiveStatus() ? StatusCode::Ok : StatusCode::Stopping; }},
+        {"DisarmActiveTimer", [](Timer& timer) { return timer.DisarmActiveTimer(); }},
+        {"Stop", [](Timer& timer) { return timer.Stop(); }},
+    };
+    int timers = 0;
+    fault_timer_create.Replace(
+        [&](clockid_t, sigevent* notification, timer_t* id) {
+            mNotification = *notification;
+            *id = mId;
+            ++timers;
+            return 0;
+        },
+        ALWAYS);
+    fault_timer_delete.Replace(
+        [&](timer_t) {
+            --timers;
+            return 0;
+        },
+        ALWAYS);
+    int met = 0;
+    for (const bool isStarted : {false, true}) {
+        for (const auto& [name, operation] : operations) {
+            bool wasMet = true;
+            for (int lock = 1; wasMet; ++lock) {
+                SCOPED_TRACE(std::string(name) + ", lock " + std::to_string(lock) +
+                             (isStarted ? ", started" : ""));
+                auto timer = std::make_unique<Timer>(10, true, [] {});
+                if (isStarted) {
+                    timer->Start();
+                }
+                std::promise<void> destroyed;
+                std::thread callback;
+                {
+                    Timer& used = *timer;
+                    const BeforeLock before(lock, [&] {
+                        callback = std::thread([&] {
+                            timer.reset();
+                            destroyed.set_value();
+                        });
+                        // Not when the lock that it needs is held here.
+                        destroyed.get_future().wait_for(milliseconds(20));
+                    });
+                    const StatusCode status = operation(used);
+                    wasMet = before.WasMet();
+                    if (lock == 1) {
+                        EXPECT_NE(status, StatusCode::Ok) << "it came too late";
+                    }
+                }
+                if (callback.joinable()) {
+                    callback.join();
+                }
+                timer.reset();
+                met += wasMet;
+                ASSERT_EQ(timers, 0) << "none is left behind";
+            }
+        }
+    }
+    EXPECT_GE(met, 14) << "each operation locks at least once";
+}
+
+// Each callback that hung kept a thread: 794 of them after two seconds of a period of one millisecond.
+TEST_F(FakeTimers, ExpiriesAreDroppedWhileTooManyCallsRun) {
+    constexpr int MOST = 32;
+    std::promise<void> leave;
+    const std::shared_future<void> mayLeave(leave.get_future());
+    std::atomic<int> calls{0};
+    Timer timer(10, true, [&calls, mayLeave] {
+        ++calls;
+        mayLeave.wait();
+    });
+    timer.Start();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < MOST; ++i) {
+        threads.emplace_back(mNotification.sigev_notify_function, mNotification.sigev_value);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return calls == MOST; }));
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+    for (int i = 0; i < 3; ++i) {
+        Expire(mNotification);
+    }
+    timer.Stop();
+    timer.Start();
+    Expire(mNotification);
+    EXPECT_EQ(calls, MOST);
+    EXPECT_THAT(mLog.Entries(), ElementsAre(TOO_MANY_CALLS));
+    leave.set_value();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(mLog.Entries().back(),
+              Warning(LOGGER, "Handler: All calls have returned, 4 expiries were dropped"));
+    mLog.Clear();
+    Expire(mNotification);
+    EXPECT_EQ(calls, MOST + 1) << "it calls back again";
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+// The system drops an expiry for which it gets no thread, and tells nobody.
+TEST_F(FakeTimers, ExpiryThatTheSystemDropsIsServedLate) {
+    std::promise<void> called;
+    std::atomic<int> calls{0};
+    Timer timer(1, false, [&] {
+        ++calls;
+        called.set_value();
+    });
+    ASSERT_EQ(timer.Create(), StatusCode::Ok);
+    FaultScope scope(fault_pthread_create);
+    fault_pthread_create.Fail(EAGAIN);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(timer.Execute(), StatusCode::Ok);
+    ASSERT_EQ(called.get_future().wait_for(GENEROUS_LIMIT), std::future_status::ready);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(3000))
+        << "two looks, a second apart, and a second after the thread was refused";
+    ASSERT_TRUE(WaitUntil([&] { return mLog.Entries().size() >= 2; }));
+    const std::vector<LogEntry> entries = mLog.Entries();
+    ASSERT_EQ(entries.size(), 2U);
+    EXPECT_EQ(entries[0], NO_THREAD);
+    EXPECT_TRUE(IsServedLate(entries[1])) << entries[1].text;
+
+    Expire(mNotification);
+    EXPECT_EQ(calls, 1) << "the system was only slow: this is the expiry that was served";
+    timer.Stop();
+}
+
+TEST_F(FakeTimers, PeriodicExpiriesThatTheSystemDropsAreServedNowAndThen) {
+    std::atomic<int> calls{0};
+    std::promise<void> calledTwice;
+    Timer timer(10, true, [&] {
+        if (++calls == 2) {
+            calledTwice.set_value();
+        }
+    });
+    ASSERT_EQ(timer.Start(), StatusCode::Ok);
+    EXPECT_EQ(calledTwice.get_future().wait_for(GENEROUS_LIMIT), std::future_status::ready);
+    Expire(mNotification);
+    EXPECT_EQ(calls, 3) << "each of the system's is one more";
+    timer.Stop();
+}
+
+// What is announced, disarmed, stopped or armed anew is not lost.
+TEST_F(FakeTimers, ExpiryThatIsNotLostIsNotServedTwice) {
+    std::atomic<int> calls{0};
+    const auto call = [&calls] { ++calls; };
+    Timer announced(1, false, call);
+    announced.Start();
+    const timespec due{0, 2000000};
+    nanosleep(&due, nullptr);
+    Expire(mNotification);
+    EXPECT_EQ(calls, 1);
+
+    Timer disarmed(1, true, call);
+    disarmed.Start();
+    disarmed.DisarmActiveTimer();
+    Timer stopped(1, true, call);
+    stopped.Start();
+    stopped.Stop();
+    Timer armedAnew(1, true, call);
+    armedAnew.Start();
+    armedAnew.Start(NEVER_MS);
+    Timer zero(0, true, call);
+    zero.Start();
+    std::promise<void> served;
+    Timer lost(1, false, [&] { served.set_value(); });
+    lost.Start();
+    Timer refused(1, true, call);
+    refused.Create();
+    fault_timer_settime.Fail(-1, EINVAL);
+    EXPECT_EQ(refused.Execute(), StatusCode::Failure);
+    mLog.Clear();
+
+    EXPECT_EQ(served.get_future().wait_for(GENEROUS_LIMIT), std::future_status::ready);
+    EXPECT_EQ(calls, 1) << "the guard looked at all of them";
+    EXPECT_TRUE(WaitUntil([&] { return !mLog.Entries().empty(); }));
+    EXPECT_EQ(mLog.Entries().size(), 1U) << "of the one that was lost";
 }
 
 // ThreadSanitizer's view of all operations at once.

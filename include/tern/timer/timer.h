@@ -23,8 +23,19 @@ namespace mwl::Timer {
 /// Threads: every operation may be called from any thread, the callback's included; none of them blocks.
 /// The callback runs on a thread made for each expiry, concurrently with the owner and, when it takes longer
 /// than the period, with itself: it synchronises what it touches. It may stop, start or destroy its own
-/// timer. What it throws ends the process. Each expiry costs a thread: for periods of a few milliseconds
-/// take `ShortPeriodTimer`.
+/// timer, also while another thread is in an operation; from then on Start, Create and Execute return
+/// Stopping, not logged, and do nothing. What it throws ends the process. Each expiry costs a thread: for
+/// periods of a few milliseconds take `ShortPeriodTimer`.
+///
+/// At most 32 calls of one timer's callback run at a time. An expiry that comes while they do is dropped; the
+/// first one is logged as an error, and how many were, as a warning, when the last call has returned.
+///
+/// When the system has no thread for an expiry (RLIMIT_NPROC, pids.max), it drops it and tells nobody. An
+/// expiry that was not announced two seconds after it was due is served then, on a thread of the library's,
+/// with a warning; without a thread for it, which is an error in the log, it is tried again every second. So
+/// a timer that fires once does so late and not never, and a periodic one whose expiries are all dropped
+/// fires about once in two seconds. For this a process that creates a timer keeps one thread, which waits,
+/// besides the one that the C library keeps.
 ///
 /// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, as the C
 /// library makes them so. Threads and child programs that a callback starts inherit that: unblock first what
@@ -61,7 +72,7 @@ public:
     StatusCode DisarmActiveTimer();
 
     /// First half of Start: makes the timer. Ok also when there is one already; Failure when the system
-    /// refuses (timer_create(2)).
+    /// refuses it (timer_create(2)), or the process's first one its thread (pthread_create(3)).
     StatusCode Create();
     /// Second half of Start: arms the timer. Failure when there is none or it cannot be set
     /// (timer_settime(2)).
