@@ -65,10 +65,6 @@ struct WatchThread {
     bool IsThisOne() const { return id == std::this_thread::get_id() && !left.try_wait(); }
 };
 
-void TraceNotRunning() {
-    TERN_LOG_TRACE(LOGGER, "[Stop] Folder monitor stop request when not running");
-}
-
 using WatchThreads = std::vector<std::shared_ptr<WatchThread>>;
 
 }  // namespace
@@ -126,25 +122,25 @@ void FolderMonitor::Watch::ThreadLoop() {
         } else {
             const int error = errno;
             if (!stopRequested) {
-                TERN_LOG_ERROR(LOGGER, "[ThreadLoop] inotify read error: %s", ErrorText(error));
+                TERN_LOG_ERROR(LOGGER, "[%s] inotify read error: %s", "ThreadLoop", ErrorText(error));
             }
             break;
         }
     }
     Cleanup();
-    TERN_LOG_TRACE(LOGGER, "[ThreadLoop] FolderMonitor thread exiting for %s", path.c_str());
+    TERN_LOG_TRACE(LOGGER, "[%s] FolderMonitor thread exiting for %s", "ThreadLoop", path.c_str());
 }
 
 void FolderMonitor::Watch::HandleRecords(const char* bytes, std::size_t size) {
     if (const std::optional<Event> event = FindEvent(bytes, size, mask)) {
-        TERN_LOG_TRACE(LOGGER, "[ThreadLoop] Detected fs event (mask=0x%x) for '%s' in %s", event->mask,
+        TERN_LOG_TRACE(LOGGER, "[%s] Detected fs event (mask=0x%x) for '%s' in %s", "ThreadLoop", event->mask,
                        event->name.c_str(), path.c_str());
         callback(event->name, event->mask);
         stopRequested = true;
     } else if (FindEvent(bytes, size, IN_IGNORED)) {
         // The kernel watches what has the path, not the path: what comes to be there next is not watched.
         watchDescriptor = -1;
-        TERN_LOG_WARNING(LOGGER, "[ThreadLoop] %s is gone, it is watched again when it is back",
+        TERN_LOG_WARNING(LOGGER, "[%s] %s is gone, it is watched again when it is back", "ThreadLoop",
                          path.c_str());
         WatchAgain();
     }
@@ -154,11 +150,11 @@ void FolderMonitor::Watch::WatchAgain() {
     watchDescriptor = inotify_add_watch(inotify.Get(), path.c_str(), mask);
     const int error = errno;
     if (watchDescriptor >= 0) {
-        TERN_LOG_INFO(LOGGER, "[ThreadLoop] %s is back, watched again (wd=%d)", path.c_str(),
+        TERN_LOG_INFO(LOGGER, "[%s] %s is back, watched again (wd=%d)", "ThreadLoop", path.c_str(),
                       watchDescriptor);
         refusal = ENOENT;
     } else if (error != refusal) {
-        TERN_LOG_ERROR(LOGGER, "[ThreadLoop] inotify_add_watch failed for %s: %s", path.c_str(),
+        TERN_LOG_ERROR(LOGGER, "[%s] inotify_add_watch failed for %s: %s", "ThreadLoop", path.c_str(),
                        ErrorText(error));
         refusal = error;
     }
@@ -189,28 +185,29 @@ StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned 
     std::shared_ptr<Watch> watch;
     const std::lock_guard lock(mMutex);
     if (mWatch != nullptr && mWatch->active) {
-        TERN_LOG_INFO(LOGGER, "[Start] FolderMonitor already active on %s", mPath.c_str());
+        TERN_LOG_INFO(LOGGER, "[%s] FolderMonitor already active on %s", "Start", mPath.c_str());
         return StatusCode::Ok;
     }
     if (!callback) {
-        TERN_LOG_ERROR(LOGGER, "[Start] FolderMonitor start failed: empty callback");
+        TERN_LOG_ERROR(LOGGER, "[%s] FolderMonitor start failed: empty callback", "Start");
         return StatusCode::InvalidArgument;
     }
     const std::uint32_t effectiveMask = mask == 0 ? DEFAULT_MASK : mask;
     UniqueFd fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (!fd) {
         const int error = errno;
-        TERN_LOG_ERROR(LOGGER, "[Start] inotify_init1 failed: %s", ErrorText(error));
+        TERN_LOG_ERROR(LOGGER, "[%s] inotify_init1 failed: %s", "Start", ErrorText(error));
         return StatusCode::IoError;
     }
     const int watchDescriptor = inotify_add_watch(fd.Get(), mPath.c_str(), effectiveMask);
     if (watchDescriptor < 0) {
         const int error = errno;
-        TERN_LOG_ERROR(LOGGER, "[Start] inotify_add_watch failed for %s: %s", mPath.c_str(),
+        TERN_LOG_ERROR(LOGGER, "[%s] inotify_add_watch failed for %s: %s", "Start", mPath.c_str(),
                        ErrorText(error));
         return StatusCode::IoError;
     }
-    TERN_LOG_INFO(LOGGER, "[Start] Started FolderMonitor on %s (wd=%d)", mPath.c_str(), watchDescriptor);
+    TERN_LOG_INFO(LOGGER, "[%s] Started FolderMonitor on %s (wd=%d)", "Start", mPath.c_str(),
+                  watchDescriptor);
     WatchThreads threads;
     if (mWatch != nullptr) {
         threads = mWatch->threads;
@@ -237,7 +234,7 @@ void FolderMonitor::Stop() {
     std::unique_lock lock(mMutex);
     const std::shared_ptr<Watch> watch = mWatch;
     if (watch == nullptr) {
-        TraceNotRunning();
+        TERN_LOG_TRACE(LOGGER, "[%s] Folder monitor stop request when not running", "Stop");
         return;
     }
     const bool isActive = watch->active;
@@ -252,7 +249,7 @@ void FolderMonitor::Stop() {
     lock.unlock();
 
     if (!isActive) {
-        TraceNotRunning();
+        TERN_LOG_TRACE(LOGGER, "[%s] Folder monitor stop request when not running", "Stop");
     } else if (isOnItsThread) {
         watch->Cleanup();
         if (thread.joinable()) {
@@ -266,7 +263,7 @@ void FolderMonitor::Stop() {
         watch->threads[i]->left.wait();
     }
     if (isActive) {
-        TERN_LOG_INFO(LOGGER, "[Stop] Stopped FolderMonitor on %s", watch->path.c_str());
+        TERN_LOG_INFO(LOGGER, "[%s] Stopped FolderMonitor on %s", "Stop", watch->path.c_str());
     }
 }
 
