@@ -202,7 +202,7 @@ TEST(LogSocket, ChildrenForkedBesideThreadsThatLogDoLogToo) {
                     static_cast<void>(daemon.Read());
                 }
             });
-            for (int i = 0; i < 40; ++i) {
+            for (int i = 0; i < 16; ++i) {
                 const pid_t pid = fork();
                 if (pid == 0) {
                     Print("of a child");
