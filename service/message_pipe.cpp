@@ -1,7 +1,6 @@
 #include <tern/service/message_pipe.h>
 
 #include <fcntl.h>
-#include <signal.h>
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 #include <unistd.h>
@@ -13,25 +12,13 @@
 #include <new>
 
 #include "foundation/error_text.h"
+#include "platform/survive_sigpipe.h"
 
 using mwl::ErrorText;
 
 namespace mw::tern {
 
 namespace {
-
-/// Keeps a write without a reader from ending the process. A handler and not SIG_IGN, because programs run by
-/// this process would inherit the latter. Under systemd the signal is ignored already, and nothing is
-/// changed.
-void SurviveSigpipe() {
-    struct sigaction action {};
-    if (sigaction(SIGPIPE, nullptr, &action) == 0 && (action.sa_flags & SA_SIGINFO) == 0 &&
-        action.sa_handler == SIG_DFL) {
-        action.sa_handler = [](int) {};
-        action.sa_flags = SA_RESTART;
-        static_cast<void>(sigaction(SIGPIPE, &action, nullptr));  // cannot fail with these arguments
-    }
-}
 
 /// The error of a read or write of `size` bytes, 0 when all were moved. A short transfer sets no errno.
 int TransferError(ssize_t transferred, unsigned int size) {
@@ -96,7 +83,7 @@ StatusCode MessagePipe::Initialize() {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Initialize fails : %s", ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
-    SurviveSigpipe();
+    mwl::SurviveSigpipe();
     mReadFd = ends[0];
     mWriteFd = ends[1];
     mIsClosed = false;
