@@ -1,6 +1,6 @@
 #!/bin/bash
 # The soak notices: with this fault in the extension it fails, and says so in these words.
-#   fault_test.sh PROJECT_FOLDER BUILD_FOLDER FAULT SECONDS PATTERN
+#   fault_test.sh PROJECT_FOLDER BUILD_FOLDER FAULT SECONDS PATTERN [PATTERN_OF_A_FURTHER_LINE...]
 set -u
 output=$(mktemp -d)
 trap 'rm -rf "$output"' EXIT
@@ -11,4 +11,7 @@ if [ $status -ne 1 ] || ! grep -qE "^PROBLEM: .*$5" <<<"$report"; then
     echo "$report"
     exit 1
 fi
+for pattern in "${@:6}"; do
+    grep -qE "$pattern" <<<"$report" || { echo "FAILED: nothing like '$pattern' was reported:"; echo "$report"; exit 1; }
+done
 grep -m3 -E '^PROBLEM: ' <<<"$report"

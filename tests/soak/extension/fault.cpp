@@ -40,7 +40,7 @@ Fault::Fault(const std::string& name) {
         {"", Kind::Nothing},      {"memory", Kind::Memory},     {"descriptor", Kind::Descriptor},
         {"thread", Kind::Thread}, {"reply", Kind::Reply},       {"answer", Kind::Answer},
         {"signal", Kind::Signal}, {"watchdog", Kind::Watchdog}, {"crash", Kind::Crash},
-        {"status", Kind::Status}};
+        {"status", Kind::Status}, {"hang", Kind::Hang}};
     const auto found = kinds.find(name);
     if (found == kinds.end()) {
         throw std::invalid_argument("there is no fault '" + name + "'");
@@ -82,6 +82,7 @@ Fault::Answer Fault::OnCall() {
         case Kind::Nothing:
         case Kind::Signal:
         case Kind::Status:
+        case Kind::Hang:
             break;
     }
     return Answer::Right;
@@ -92,6 +93,9 @@ bool Fault::IsLeftOut(std::uint64_t number) const {
 }
 
 int Fault::ExitStatus(int status) const {
+    if (mKind == Kind::Hang) {
+        SleepForEver();
+    }
     return mKind == Kind::Status ? EXIT_SUCCESS : status;
 }
 

@@ -19,6 +19,7 @@ namespace soak {
 /// | watchdog | the 100th call holds the loop up for 6 seconds |
 /// | crash | the 100th call ends the process |
 /// | status | the process ends with success, whatever happened |
+/// | hang | the process does not end |
 class Fault {
 public:
     enum class Answer { Right, Wrong, None };
@@ -30,11 +31,23 @@ public:
     Answer OnCall();
     /// Whether this signal is to be left out.
     bool IsLeftOut(std::uint64_t number) const;
-    /// The status with which the process ends.
+    /// The status with which the process ends; may not return.
     int ExitStatus(int status) const;
 
 private:
-    enum class Kind { Nothing, Memory, Descriptor, Thread, Reply, Answer, Signal, Watchdog, Crash, Status };
+    enum class Kind {
+        Nothing,
+        Memory,
+        Descriptor,
+        Thread,
+        Reply,
+        Answer,
+        Signal,
+        Watchdog,
+        Crash,
+        Status,
+        Hang
+    };
 
     Kind mKind;
     std::atomic<std::uint64_t> mCalls{0};

@@ -24,6 +24,7 @@ void JobDesk::Submit(sd_bus_message* call, const std::string& kind) {
 }
 
 void JobDesk::Close() {
+    mResults.Close();
     for (const auto& [number, call] : mCalls) {
         sd_bus_message_unref(call);
     }

@@ -23,7 +23,7 @@ public:
     mwl::StatusCode Open(mw::tern::EventLoop& loop);
     /// The reply is "u", the job's status.
     void Submit(sd_bus_message* call, const std::string& kind);
-    /// Calls that are not answered by now never will be.
+    /// Calls that are not answered by now never will be, and a job that is done finds nobody to tell.
     void Close();
 
 private:

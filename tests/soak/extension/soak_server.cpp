@@ -53,6 +53,7 @@ StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::Eve
 }
 
 void SoakServer::Stop() {
+    mTicks.Close();
     mDesk.Close();
 }
 

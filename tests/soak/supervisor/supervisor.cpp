@@ -10,6 +10,7 @@
 
 #include "bus_owners.h"
 #include "names.h"
+#include "stacks.h"
 #include "support/wait_until.h"
 
 namespace soak {
@@ -214,7 +215,9 @@ void Supervisor::ExpectEnd(const std::string& what, int expectedStatus) {
     std::optional<int> status = mExtension.WaitForEnd(STOP_LIMIT);
     mEndMs = static_cast<long>(duration_cast<milliseconds>(Clock::now() - begin).count());
     if (!status) {
-        Complain("the extension did not end after " + what);
+        const std::string stacks = "stacks-" + std::to_string(mLife) + ".txt";
+        WriteStacks(mExtension.GetPid(), mOptions.output + "/" + stacks);
+        Complain("the extension did not end after " + what + ", see " + stacks);
         mExtension.Signal(SIGKILL);
         static_cast<void>(mExtension.WaitForEnd(STOP_LIMIT));
     } else if (!WIFEXITED(*status) || WEXITSTATUS(*status) != expectedStatus) {

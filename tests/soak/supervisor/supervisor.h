@@ -20,8 +20,8 @@ namespace soak {
 
 /// Runs the soak: message bus, extension and clients. Ends a life of the extension by killing the bus, which
 /// it has to answer by ending as failed, or by an order to stop, and begins the next one as systemd would.
-/// Writes what it sees to its output folder: samples.csv, lives.csv, complaints.txt, and the logs. Main
-/// thread only; create it before other threads.
+/// Writes what it sees to its output folder: samples.csv, lives.csv, complaints.txt, the logs, and the stacks
+/// of an extension that did not end. Main thread only; create it before other threads.
 class Supervisor {
 public:
     struct Options {
