@@ -101,36 +101,33 @@ StatusCode MessagePipe::Initialize() {
 StatusCode MessagePipe::WriteMessage(const void* data, unsigned int size) {
     // Nothing is logged under the lock: a log that is slow would hold up Close.
     std::unique_lock lock(mWriteMutex);
-    int error = EPIPE;
-    bool isClosed = mIsClosed;
-    if (!isClosed) {
-        if (mWriteFd == -1) {
-            lock.unlock();
-            TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Pipe is not initialized yet");
-            return StatusCode::NotInitialized;
-        }
-        const ssize_t written = write(mWriteFd, data, size);
-        error = TransferError(written, size);
-        isClosed = mIsClosed;
-        if (isClosed) {
-            mOvertaken = static_cast<unsigned int>(std::max(written, static_cast<ssize_t>(0)));
-            lock.unlock();
-            // Close is under way and has the last word. Whoever waited in write(2) was let go by it, so
-            // success means nothing yet.
-            const std::lock_guard closing(mReadMutex);
-            error = error != 0 || mIsRevoked ? EPIPE : 0;
-        }
-    }
-    if (lock.owns_lock()) {
+    if (mIsClosed) {
         lock.unlock();
+        return FailClosed(EPIPE);
     }
-    if (error == 0) {
-        return StatusCode::Ok;
+    if (mWriteFd == -1) {
+        lock.unlock();
+        TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Pipe is not initialized yet");
+        return StatusCode::NotInitialized;
     }
-    if (!isClosed || !mIsClosedLogged.exchange(true)) {
+    const ssize_t written = write(mWriteFd, data, size);
+    const int error = TransferError(written, size);
+    if (mIsClosed) {
+        mOvertaken = static_cast<unsigned int>(std::max(written, static_cast<ssize_t>(0)));
+        lock.unlock();
+        // Close is under way and has the last word. Whoever waited in write(2) was let go by it, so success
+        // means nothing yet.
+        std::unique_lock closing(mReadMutex);
+        const bool isWritten = error == 0 && !mIsRevoked;
+        closing.unlock();
+        return isWritten ? StatusCode::Ok : FailClosed(EPIPE);
+    }
+    lock.unlock();
+    if (error != 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] WriteMessage fails : %s", ErrorText(error));
+        return MakeStatusCodeFromErrno(error);
     }
-    return MakeStatusCodeFromErrno(error);
+    return StatusCode::Ok;
 }
 
 StatusCode MessagePipe::ReadMessage(void* data, unsigned int size, unsigned int timeoutMs) {
@@ -154,16 +151,26 @@ StatusCode MessagePipe::ReadMessage(void* data, unsigned int size, unsigned int 
             return StatusCode::Timeout;
         }
     }
-    int error = 0;
-    {
-        const std::lock_guard lock(mReadMutex);
-        error = TransferError(read(mReadFd, data, size), size);
+    std::unique_lock lock(mReadMutex);
+    const ssize_t taken = read(mReadFd, data, size);
+    const int error = TransferError(taken, size);
+    lock.unlock();
+    if (taken == 0 && mIsClosed) {
+        return FailClosed(error);
     }
     if (error != 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] ReadMessage fails : %s", ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
     return StatusCode::Ok;
+}
+
+// No error: it is how an orderly stop ends for a worker that had something to say.
+StatusCode MessagePipe::FailClosed(int error) {
+    if (!mIsClosedLogged.exchange(true)) {
+        TERN_LOG_INFO(ServiceCommon::mLogger, "[MessagePipe] Pipe is closed");
+    }
+    return MakeStatusCodeFromErrno(error);
 }
 
 // A writer in write(2) comes out when there is room, no reader, or a signal. There is no reader to lose:

@@ -73,12 +73,12 @@ public:
     /// writer that still waits for its turn, is lost. `Close` ends every wait, however far the writer has
     /// come.
     ///
-    /// Ok: written. Otherwise the reader never gets the message, and what it refers to is still the caller's.
-    /// Logged: NotInitialized before Initialize; IoError when the pipe is closed (logged once a pipe), when
-    /// no reader is left, or when only a part was written (a signal at a full pipe and a message above
-    /// PIPE_BUF: the stream is out of step then); Interrupted when a signal without automatic restart, such
-    /// as the stop signal, ended the wait and nothing was written; else the status of errno.
-    /// Raises std::system_error when the lock fails.
+    /// Ok: written. Otherwise the reader never gets the message, and what it refers to is still the caller's:
+    /// IoError when the pipe is closed (logged once a pipe, at info level). And with an error message:
+    /// NotInitialized before Initialize; IoError when no reader is left, or when only a part was written (a
+    /// signal at a full pipe and a message above PIPE_BUF: the stream is out of step then); Interrupted when
+    /// a signal without automatic restart, such as the stop signal, ended the wait and nothing was written;
+    /// else the status of errno. Raises std::system_error when the lock fails.
     StatusCode WriteMessage(const void* data, unsigned int size);
 
     /// Reads one message of `size` bytes. With `timeoutMs` 0 it does not wait; otherwise it waits at most so
@@ -89,8 +89,9 @@ public:
     /// Timeout when nothing came within the limit;
     /// Interrupted when a signal handler ran during the wait, as the stop signal's does (logged at info
     /// level); Failure when the wait itself failed (logged); ResourceUnavailable when nothing is there and
-    /// `timeoutMs` is 0 (logged); IoError when less than a message was there: its bytes are consumed, or when
-    /// the pipe is closed and all has been read (logged); else the status of errno of read(2) (logged).
+    /// `timeoutMs` is 0 (logged); IoError when less than a message was there: its bytes are consumed
+    /// (logged); IoError when the pipe is closed and all has been read (logged once a pipe, at info level);
+    /// else the status of errno of read(2) (logged).
     StatusCode ReadMessage(void* data, unsigned int size, unsigned int timeoutMs);
 
     /// Closes the pipe for writers: one that waits, in write(2) or for its turn, and every later one returns
@@ -107,6 +108,8 @@ public:
     void Close();
 
 private:
+    StatusCode FailClosed(int error);
+
     // Plain numbers: what Initialize made stays with the object however it ended.
     int mReadFd = -1;
     std::atomic<int> mWriteFd{-1};  // changed by Close under both locks
