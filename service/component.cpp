@@ -1,4 +1,5 @@
 #include <pthread.h>
+#include <systemd/sd-bus.h>
 #include <tern/foundation/log.h>
 #include <tern/service/component.h>
 #include <tern/service/service.h>
@@ -7,8 +8,10 @@
 #include <atomic>
 #include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 
+#include "foundation/handle.h"
 #include "platform/static_text.h"
 #include "service/loop_guard.h"
 #include "service/thrown.h"
@@ -35,6 +38,30 @@ using Run = std::unique_ptr<std::atomic<bool>, EndRun>;
 Run BeginRun() {
     return Run(gIsRunning.exchange(true) ? nullptr : &gIsRunning);
 }
+
+/// Tells whether a connection has gone with its last reference: a slot that the connection owns and that is
+/// looked at from outside. It costs the connection nothing, as nothing is dispatched any more.
+class BusWitness {
+public:
+    explicit BusWitness(sd_bus* bus) {
+        // One that an exception passed through has lost references of its own.
+        if (bus == nullptr || sd_bus_get_current_message(bus) != nullptr) {
+            return;
+        }
+        sd_bus_slot* slot = nullptr;
+        const int r = sd_bus_add_filter(
+            bus, &slot, [](sd_bus_message*, void*, sd_bus_error*) { return 0; }, nullptr);
+        mSlot.reset(slot);
+        if (r >= 0 && sd_bus_slot_set_floating(slot, 1) < 0) {
+            mSlot.reset();
+        }
+    }
+
+    bool SeesBus() const { return mSlot != nullptr && sd_bus_slot_get_bus(mSlot.get()) != nullptr; }
+
+private:
+    mwl::Handle<sd_bus_slot, sd_bus_slot_unref> mSlot;
+};
 
 // What is thrown in a step is logged and counts as its failure.
 
@@ -142,13 +169,13 @@ void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& st
     TERN_LOG_INFO(LOGGER, "Start D-Bus thread");
     const mw::tern::UncaughtLog uncaughtLog;
     monitor.SetDBusThreadId(static_cast<unsigned long>(pthread_self()));
-    Service service(name);
-    StatusCode status = InitializeService(service);
+    std::optional<Service> service(std::in_place, name);
+    StatusCode status = InitializeService(*service);
     if (status == StatusCode::Ok) {
-        status = StartServer(ipcServer, service);
+        status = StartServer(ipcServer, *service);
     }
     startup.set_value(status);
-    const StatusCode runStatus = status == StatusCode::Ok ? service.Run() : StatusCode::Ok;
+    const StatusCode runStatus = status == StatusCode::Ok ? service->Run() : StatusCode::Ok;
     // The loop takes no SIGTERM any more. Where nobody blocked it, the monitor's would end the process before
     // the others have been stopped. Cannot fail with valid arguments.
     static_cast<void>(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread());
@@ -165,6 +192,12 @@ void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& st
     settle(StopServer(ipcServer));
     settle(StopWorkers(monitor));
     TERN_LOG_INFO(LOGGER, "Exit D-Bus thread, status=%u", status);
+    const BusWitness witness(service->GetServerManager().GetBus());
+    service.reset();
+    if (witness.SeesBus()) {
+        TERN_LOG_ERROR(LOGGER,
+                       "A message, slot or client of the bus is still held at the end of the D-Bus thread");
+    }
 }
 
 }  // namespace mwl::DBusService

@@ -204,6 +204,7 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"timer_settime">(&::timer_settime, {TERN_ERRNO(EINVAL)}),
 
         // sd-bus.
+        MakeFaultable<"sd_bus_add_filter">(&::sd_bus_add_filter, {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_bus_add_match">(&::sd_bus_add_match,
                                           {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(ETIMEDOUT)}),
         MakeFaultable<"sd_bus_add_object_vtable">(&::sd_bus_add_object_vtable,
@@ -367,6 +368,8 @@ const std::map<std::string, const char*>& Exemptions() {
         {"sd_bus_error_free", GOES_AWAY},
         {"sd_bus_flush_close_unref", GOES_AWAY},
         {"sd_bus_message_unref", GOES_AWAY},
+        {"sd_bus_slot_get_bus", VALID_ARGUMENT},
+        {"sd_bus_slot_set_floating", VALID_ARGUMENT},
         {"sd_bus_slot_unref", GOES_AWAY},
         {"sd_bus_unref", GOES_AWAY},
         {"sd_event_get_watchdog", VALID_ARGUMENT},

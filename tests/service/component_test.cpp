@@ -43,6 +43,10 @@ TERN_INTERPOSE(int, sd_event_add_signal,
                (event, source, signal, handler, userdata))
 TERN_INTERPOSE(int, sd_bus_attach_event, (sd_bus * bus, sd_event* event, int priority),
                (bus, event, priority))
+TERN_INTERPOSE(int, sd_bus_add_filter,
+               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message_handler_t handler, void* userdata),
+               (bus, slot, handler, userdata))
+TERN_INTERPOSE(int, sd_bus_slot_set_floating, (sd_bus_slot * slot, int isFloating), (slot, isFloating))
 TERN_INTERPOSE(int, pthread_create,
                (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument),
                (thread, attributes, start, argument))
@@ -500,6 +504,54 @@ TEST_F(ComponentTest, ConnectionIsClosedAtTheStopOnlyWhenTheLoopHasRun) {
     EXPECT_EQ(component.Start(), StatusCode::NotSupported);
     component.JoinThread();
     EXPECT_GT(isOpen, 0);
+}
+
+// The last message frees the connection, wherever it is released, and that writes into its thread's memory.
+// In a child, which never releases what it kept.
+TEST_F(ComponentTest, WhatIsKeptOfTheBusBeyondTheThreadIsTold) {
+    const LogEntry told =
+        Error(LOGGER, "A message, slot or client of the bus is still held at the end of the D-Bus thread");
+    for (const bool isReleased : {false, true}) {
+        const tern::test::ChildResult child = tern::test::RunInChild([&] {
+            sd_bus_message* kept = nullptr;
+            mServer.onStart = [&](mw::tern::DBusServerManager& manager, auto&) {
+                sd_bus_message_new_signal(manager.GetBus(), &kept, "/", "com.example.Kept", "Kept");
+            };
+            mServer.onStop = [&] {
+                if (isReleased) {
+                    sd_bus_message_unref(kept);
+                }
+            };
+            if (mComponent.Start() != StatusCode::Ok || kept == nullptr) {
+                return 1;
+            }
+            mMonitor.Terminate();
+            mComponent.JoinThread();
+            return 0;
+        });
+        EXPECT_EQ(child.exitCode, 0) << child.error;
+        EXPECT_EQ(std::count(child.log.begin(), child.log.end(), told), isReleased ? 0 : 1);
+    }
+}
+
+TEST_F(ComponentTest, WhetherTheBusIsKeptIsNotToldWhenItCannotBeSeen) {
+    for (const bool hasSlot : {false, true}) {
+        const FaultScope addScope(fault_sd_bus_add_filter);
+        const FaultScope floatScope(fault_sd_bus_slot_set_floating);
+        if (hasSlot) {
+            fault_sd_bus_slot_set_floating.Fail(-ESTALE);
+        } else {
+            fault_sd_bus_add_filter.Fail(-ENOMEM);
+        }
+        Component component(NAME, mMonitor, mServer);
+        ASSERT_EQ(component.Start(), StatusCode::Ok);
+        mMonitor.Terminate();
+        component.JoinThread();
+        EXPECT_EQ(hasSlot ? fault_sd_bus_slot_set_floating.Calls() : fault_sd_bus_add_filter.Calls(), 1);
+        EXPECT_FALSE(HasOwner(NAME)) << "and the connection goes";
+    }
+    EXPECT_THAT(mLog.Entries("Service"),
+                testing::Not(testing::Contains(testing::Field(&LogEntry::level, 3))));
 }
 
 TEST_F(ComponentTest, TerminationDuringStartUpStillStartsAndStopsInOrder) {

@@ -188,6 +188,7 @@ protected:
         EXPECT_EQ(child.error, "");
         EXPECT_THAT(CriticalOnes(child), ElementsAre(message));
         EXPECT_THAT(child.log, Contains(Info("DBusService::Component", "Exit D-Bus thread, status=1")));
+        EXPECT_THAT(child.log, Not(Contains(Field(&LogEntry::level, 3)))) << "what sd-bus lost is not ours";
     }
 
     static std::vector<std::string> CriticalOnes(const ChildResult& child) {

@@ -21,6 +21,11 @@ namespace mwl::DBusService {
 ///
 /// The name, the monitor and the IPC server are borrowed: they outlive the component.
 ///
+/// REQUIRES: what belongs to the bus (sd_bus_message, sd_bus_slot, a DBusClientManager used on the D-Bus
+/// thread) is released on that thread, at the latest in the IPC server's `Stop`. Whoever releases the last of
+/// them later frees the connection on another thread, which writes into the memory of the dead one. What is
+/// still held when the thread ends is told by an error line.
+///
 /// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
 /// One component for a monitor: a monitor knows one D-Bus thread, and a request to stop it is made once in
 /// its life, so a later component needs a monitor of its own. That is not looked at.

@@ -20,6 +20,11 @@ namespace mw::tern {
 /// loop. Order of use: `Connect`, `AttachLoop`, then for each object `AddDBusObject`,
 /// `AddInterfaceToDBusObject` for each of its interfaces, `ExportObject`; matches at any time after
 /// `Connect`. Bus errors are logged with the logger name "Service".
+///
+/// REQUIRES: whoever keeps an sd_bus_message or a slot of this connection for later releases it on this
+/// thread and before the thread ends, at the latest in IpcServer::Stop. sd-bus counts references without a
+/// lock, each message holds the connection, and the connection writes to the memory of its thread when it
+/// goes.
 class TERN_API DBusServerManager {
 public:
     /// `name` is the well-known name to request, empty for none.

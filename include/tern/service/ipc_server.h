@@ -29,7 +29,8 @@ public:
     /// the loop could not run, it may still be open. Do not join the D-Bus thread from here.
     ///
     /// Nobody reads the message pipes that the loop watched any more: close them here (MessagePipe::Close),
-    /// or a worker at a full one waits for ever.
+    /// or a worker at a full one waits for ever. Release every message, slot and client of the bus that is
+    /// still kept: see Component.
     virtual void Stop() = 0;
 
     /// The service is connected, owns its name and is attached to the loop, which does not run yet: add
