@@ -13,8 +13,12 @@ const mwl::StaticText LOGGER("tern.CompositeRuntime");
 
 }  // namespace
 
-CompositeRuntime::CompositeRuntime(std::initializer_list<ComponentRuntimeInterface*> members)
-    : mMembers(members) {}
+CompositeRuntime::CompositeRuntime(std::initializer_list<ComponentRuntimeInterface*> members) {
+    mMembers.reserve(members.size());
+    for (ComponentRuntimeInterface* const member : members) {
+        Add(member);
+    }
+}
 
 CompositeRuntime::~CompositeRuntime() {
     // Nobody is left to be told; each pass undoes as much as it can.
@@ -48,6 +52,10 @@ StatusCode CompositeRuntime::Stop() {
 }
 
 void CompositeRuntime::Add(ComponentRuntimeInterface* member) {
+    if (member == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Refused to add a null object to the group");
+        return;
+    }
     mMembers.push_back(member);
 }
 

@@ -16,6 +16,7 @@ using mw::tern::ComponentRuntimeInterface;
 using mw::tern::CompositeRuntime;
 using mw::tern::StatusCode;
 using tern::test::Critical;
+using tern::test::Error;
 using tern::test::LogCapture;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -255,4 +256,17 @@ TEST_F(CompositeRuntimeTest, GroupsNest) {
                                    "c.Destroy", "b.Destroy", "a.Destroy"));
     EXPECT_THAT(log.Entries(), ElementsAre(Critical(LOGGER, "Object 2 in Initialize group failed  "),
                                            Critical(LOGGER, "Object 2 in Initialize group failed  ")));
+}
+
+// It once crashed the first operation, far from where it was added.
+TEST_F(CompositeRuntimeTest, NullMemberIsRefused) {
+    const LogCapture log;
+    CompositeRuntime group{&a, nullptr, &b};
+    group.Add(nullptr);
+    EXPECT_EQ(group.Count(), 2U);
+    const auto refused = Error(LOGGER, "Refused to add a null object to the group");
+    EXPECT_THAT(log.Entries(), ElementsAre(refused, refused));
+    EXPECT_EQ(group.Initialize(), StatusCode::Ok);
+    EXPECT_EQ(group.Destroy(), StatusCode::Ok);
+    EXPECT_THAT(calls, ElementsAre("a.Initialize", "b.Initialize", "b.Destroy", "a.Destroy"));
 }

@@ -20,7 +20,7 @@ namespace mw::tern {
 /// destructor calls them, so one that throws there ends the process.
 class TERN_API CompositeRuntime : public ComponentRuntimeInterface {
 public:
-    /// The members in this order. REQUIRES: none is null.
+    /// The members in this order. A null one is left out, with an error line, and has no number.
     CompositeRuntime(std::initializer_list<ComponentRuntimeInterface*> members);
     /// Stops, then destroys; a failing member ends the one pass and the other is made all the same.
     ~CompositeRuntime() override;
@@ -40,7 +40,8 @@ public:
     /// As Destroy, for stopping.
     StatusCode Stop() override;
 
-    /// Appends a member, which the next Initialize and the next Start take in. REQUIRES: it is not null.
+    /// Appends a member, which the next Initialize and the next Start take in. A null one is refused with an
+    /// error line, and nothing has changed.
     void Add(ComponentRuntimeInterface* member);
     /// Members of the group.
     std::size_t Count() const;
