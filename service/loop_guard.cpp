@@ -102,10 +102,6 @@ void SetLoopBus(sd_bus* bus) {
     tBus = bus;
 }
 
-sd_bus* GetLoopBus() {
-    return tBus;
-}
-
 UncaughtLog::UncaughtLog() {
     tIsGuarded = true;
     const std::lock_guard lock(gMutex);

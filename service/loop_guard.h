@@ -15,8 +15,6 @@ int RunLoop(sd_event* event);
 
 /// Whose message a callback of the calling thread's loop handles; null for none. Borrowed.
 void SetLoopBus(sd_bus* bus);
-/// As set, null at first.
-sd_bus* GetLoopBus();
 
 /// While it lives, an exception that ends the process on this thread is logged before it does: one that
 /// leaves a noexcept function, and any that would have to pass a C library without tables to unwind by, as on

@@ -24,7 +24,8 @@ public:
     /// steps are skipped.
     StatusCode Initialize();
 
-    /// Runs the loop until SIGTERM, SIGINT or the loss of the bus; the result of ServiceMainLoop::Run.
+    /// Runs the loop until SIGTERM, SIGINT, the loss of the bus or an exception of a callback; the result of
+    /// ServiceMainLoop::Run.
     StatusCode Run();
 
     /// The loop, for watching descriptors; it lives as long as the service.
