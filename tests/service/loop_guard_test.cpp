@@ -171,7 +171,7 @@ protected:
                           const char* first = nullptr, const char* second = nullptr) {
         mServer.onStart = [](DBusServerManager& manager, EventLoop&) { Export(manager); };
         return Serve([=](sd_bus* peer) {
-            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_error error{};
             sd_bus_call_method(peer, NAME.c_str(), PATH, interface, member, &error, nullptr, types, first,
                                second);
             if (!sd_bus_error_has_name(&error, SD_BUS_ERROR_NO_REPLY)) {
