@@ -2,10 +2,6 @@
 #include <tern/queued_processings/thread_manager.h>
 #include <tern/threading/lock.h>
 
-#include <chrono>
-#include <string>
-#include <thread>
-
 #include "platform/static_text.h"
 
 namespace mwl::QueuedProcessings {
@@ -14,42 +10,35 @@ namespace {
 
 const StaticText LOGGER("QueuedProcessings::ThreadManager");
 
-/// Between two looks of the destructor: about what a signal takes.
-constexpr std::chrono::microseconds PAUSE(50);
-
 }  // namespace
 
 ThreadManager::ThreadManager(Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor)
     : Threading::ThreadManager(monitor), mExecutor(executor) {}
 
 // The thread may be the last owner, and may end as soon as it sees the change that its wake-up is about.
-// Counted by two numbers, as holding an owner for each call makes a burst of wake-ups cost half as much
-// again.
 ThreadManager::~ThreadManager() {
-    unsigned int due = 0;
-    {
-        const Threading::Lock lock(mMutex);
-        due = mSignalsDue;
-    }
-    while (mSignalled.load(std::memory_order_acquire) != due) {
-        std::this_thread::sleep_for(PAUSE);  // whoever is to signal may have a lower priority
-    }
+    const Threading::Lock wakeUp(mWakeUpMutex);
 }
 
 StatusCode ThreadManager::Wait() {
-    Threading::Lock lock(mMutex);
     StatusCode status = StatusCode::Ok;
-    if (mWaitNeeded) {
-        // Meant: no loop. A wake-up for no reason costs one run with nothing to do.
-        status = mCondition.Wait(lock);
+    bool goesOn = true;
+    {
+        Threading::Lock lock(mMutex);
+        if (mWaitNeeded) {
+            // Meant: no loop. A wake-up for no reason costs one run with nothing to do.
+            status = mCondition.Wait(lock);
+        }
+        mWaitNeeded = true;
+        goesOn = mRunning;
     }
-    mWaitNeeded = true;
+    // With the mutex free, or a log that is stuck would hold up whoever wakes or stops the thread.
     if (status != StatusCode::Ok) {
         TERN_LOG_ERROR(LOGGER, "%s: Condition variable failure (%s), leave the loop and stop the thread",
                        "Wait", mw::tern::ConvertStatusCodeToString(status).c_str());
         return status;
     }
-    if (!mRunning) {
+    if (!goesOn) {
         TERN_LOG_NOTICE(LOGGER, "%s: D-Bus thread is stopping, this thread has to stop too. Leave the loop",
                         "Wait");
         return StatusCode::Stopping;
@@ -58,28 +47,25 @@ StatusCode ThreadManager::Wait() {
 }
 
 void ThreadManager::Notify() {
-    {
-        const Threading::Lock lock(mMutex);
-        mWaitNeeded = false;
-        ++mSignalsDue;
-    }
-    Signal();
+    WakeUp(true);
 }
 
 void ThreadManager::Stop() {
     mExecutor.Stop();
-    {
-        const Threading::Lock lock(mMutex);
-        mRunning = false;
-        mWaitNeeded = false;
-        ++mSignalsDue;
-    }
-    Signal();
+    WakeUp(false);
 }
 
-void ThreadManager::Signal() {
+// Wake-ups come one after another, under a mutex with priority inheritance: the condition variable has a lock
+// of its own inside that knows no priorities, and a thread of high priority would wait there for one of low
+// priority that has been preempted, as long as the processor has others to run.
+void ThreadManager::WakeUp(bool goOn) {
+    const Threading::Lock wakeUp(mWakeUpMutex);
+    {
+        const Threading::Lock lock(mMutex);
+        mRunning = mRunning && goOn;
+        mWaitNeeded = false;
+    }
     mCondition.NotifyOne();
-    mSignalled.fetch_add(1, std::memory_order_release);
 }
 
 }  // namespace mwl::QueuedProcessings

@@ -24,6 +24,20 @@ constexpr std::array<StatusCode, EDEADLK + 1> STATUS_BY_ERROR = [] {
 
 }  // namespace
 
+Mutex::Mutex(Protocol protocol) noexcept {
+    pthread_mutexattr_t attributes;
+    if (protocol == Protocol::None || pthread_mutexattr_init(&attributes) != 0) {
+        return;
+    }
+    pthread_mutex_t handle;
+    if (pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) == 0 &&
+        pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT) == 0 &&
+        pthread_mutex_init(&handle, &attributes) == 0) {
+        mHandle = handle;
+    }
+    static_cast<void>(pthread_mutexattr_destroy(&attributes));
+}
+
 Mutex::~Mutex() {
     const int error = pthread_mutex_destroy(&mHandle);
     if (error != 0) {

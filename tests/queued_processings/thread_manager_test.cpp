@@ -1,27 +1,38 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
 #include <tern/queued_processings/thread_manager.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <fstream>
+#include <functional>
 #include <future>
-#include <limits>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "queued_processings/fakes.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
+#include "threading/thread_state.h"
 
 TERN_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
                (condition, mutex))
-TERN_INTERPOSE_TIME(int, nanosleep, __nanosleep64, (const timespec* duration, timespec* left),
-                    (duration, left))
 TERN_INTERPOSE(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
+TERN_INTERPOSE(int, vsnprintf, (char* text, size_t size, const char* format, va_list arguments),
+               (text, size, format, arguments))
 
 namespace {
 
@@ -31,6 +42,7 @@ using tern::test::Error;
 using tern::test::FakeExecutor;
 using tern::test::FakeMonitor;
 using tern::test::FaultScope;
+using tern::test::IsAsleep;
 using tern::test::LogCapture;
 using tern::test::Notice;
 using tern::test::WaitUntil;
@@ -161,35 +173,24 @@ void ExpectToOutlive(void (ThreadManager::*call)(), StatusCode answer, FakeMonit
     auto owner = std::make_unique<ThreadManager>(monitor, executor);
     ThreadManager* const manager = owner.get();
     std::promise<void> changed;
-    std::atomic<bool> waits{false};
+    std::atomic<pid_t> destroyer{0};
     std::atomic<bool> destroyed{false};
     FaultScope scope(fault_pthread_cond_signal);
     fault_pthread_cond_signal.Replace([&](pthread_cond_t* condition) {
         changed.set_value();  // the flag is set, the mutex released
-        EXPECT_TRUE(tern::test::WaitUntil([&] { return waits || destroyed; }));
+        EXPECT_TRUE(WaitUntil([&] { return destroyed || (destroyer != 0 && IsAsleep(destroyer)); }));
         EXPECT_FALSE(destroyed);
         return fault_pthread_cond_signal.Real(condition);
     });
-    FaultScope sleepScope(fault_nanosleep);
-    std::atomic<pthread_t> threadId{};
-    fault_nanosleep.Replace(
-        [&](const timespec* duration, timespec* left) {
-            if (pthread_self() == threadId) {
-                waits = true;
-            }
-            return fault_nanosleep.Real(duration, left);
-        },
-        std::numeric_limits<int>::max());
     std::thread thread([&, owner = std::move(owner)]() mutable {
-        threadId = pthread_self();
         changed.get_future().get();
         EXPECT_EQ(owner->Wait(), answer);
+        destroyer = gettid();
         owner.reset();
         destroyed = true;
     });
     (manager->*call)();
     thread.join();
-    EXPECT_TRUE(waits);
 }
 
 TEST_F(QueuedThreadManager, OutlivesItsOwnStop) {
@@ -199,5 +200,146 @@ TEST_F(QueuedThreadManager, OutlivesItsOwnStop) {
 TEST_F(QueuedThreadManager, OutlivesItsOwnNotify) {
     ExpectToOutlive(&ThreadManager::Notify, StatusCode::Ok, mMonitor, mExecutor);
 }
+
+// The messages of the end are written with the mutex free: a log that is stuck holds up nobody who wakes.
+TEST_F(QueuedThreadManager, ThreadThatHangsInItsMessageHoldsUpNobody) {
+    std::promise<void> isLogging;
+    std::promise<void> goOn;
+    FaultScope scope(fault_vsnprintf);
+    mManager.Stop();
+    fault_vsnprintf.Replace([&](char* text, size_t size, const char* format, va_list arguments) {
+        isLogging.set_value();
+        goOn.get_future().wait();
+        return fault_vsnprintf.Real(text, size, format, arguments);
+    });
+    std::future<StatusCode> wait = std::async(std::launch::async, [this] { return mManager.Wait(); });
+    isLogging.get_future().wait();
+    std::future<void> call = std::async(std::launch::async, [this] { mManager.Notify(); });
+    EXPECT_EQ(call.wait_for(tern::test::GENEROUS_LIMIT), std::future_status::ready);
+    goOn.set_value();
+    EXPECT_EQ(wait.get(), StatusCode::Stopping);
+}
+
+/// The kernel's priority of a thread, as of stat in proc(5): below 0 for real-time ones, -1 minus theirs.
+int PriorityOf(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(file)), {});
+    std::istringstream fields(stat.substr(stat.rfind(") ") + 2));
+    std::string field;
+    for (int i = 3; i <= 18; ++i) {  // what follows the name is field 3
+        fields >> field;
+    }
+    return std::stoi(field);
+}
+
+/// Gives the calling thread a real-time priority; false when the system refuses it.
+bool TakeRealTimePriority(int priority) {
+    sched_param parameters{};
+    parameters.sched_priority = priority;
+    return pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) == 0;
+}
+
+class QueuedThreadManagerPriority : public QueuedThreadManager {
+protected:
+    void SetUp() override {
+        bool isAllowed = false;
+        std::thread([&] { isAllowed = TakeRealTimePriority(PRIORITY); }).join();
+        if (!isAllowed) {
+            GTEST_SKIP() << "the system refuses SCHED_FIFO";
+        }
+    }
+
+    /// Expects that a notification of real-time priority lends it to the thread that holds it up.
+    void ExpectToLendPriorityTo(pid_t holder) {
+        std::thread notifier([this] {
+            EXPECT_TRUE(TakeRealTimePriority(PRIORITY));
+            mManager.Notify();
+        });
+        EXPECT_TRUE(WaitUntil([=] { return PriorityOf(holder) == -1 - PRIORITY; }, std::chrono::seconds(5)));
+        mGoOn.set_value();
+        notifier.join();
+    }
+
+    static constexpr int PRIORITY = 50;
+    std::promise<pid_t> mHolder;
+    std::promise<void> mGoOn;
+};
+
+TEST_F(QueuedThreadManagerPriority, IsLentToAThreadThatIsWaking) {
+    FaultScope scope(fault_pthread_cond_signal);
+    fault_pthread_cond_signal.Replace([this](pthread_cond_t* condition) {
+        mHolder.set_value(gettid());
+        mGoOn.get_future().wait();
+        return fault_pthread_cond_signal.Real(condition);
+    });
+    std::thread low([this] { mManager.Notify(); });
+    ExpectToLendPriorityTo(mHolder.get_future().get());
+    low.join();
+}
+
+TEST_F(QueuedThreadManagerPriority, IsLentToTheWorkerOnItsWayToSleep) {
+    fault_pthread_cond_wait.Replace([this](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+        mHolder.set_value(gettid());
+        mGoOn.get_future().wait();
+        return fault_pthread_cond_wait.Real(condition, mutex);
+    });
+    std::thread worker([this] { EXPECT_EQ(mManager.Wait(), StatusCode::Ok); });
+    ExpectToLendPriorityTo(mHolder.get_future().get());
+    worker.join();
+}
+
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // whose own locks know no priorities
+// A thread of low priority that was preempted within the condition variable's signal once held up all others,
+// for as long as the processor had something else to run: up to 1.4 s.
+TEST_F(QueuedThreadManagerPriority, NeverWaitsForAPreemptedThread) {
+    constexpr std::chrono::milliseconds FAR_TOO_LONG{100};
+    cpu_set_t all;
+    ASSERT_EQ(sched_getaffinity(0, sizeof all, &all), 0);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (int cpu = 0; CPU_COUNT(&one) == 0; ++cpu) {
+        if (CPU_ISSET(cpu, &all)) {
+            CPU_SET(cpu, &one);
+        }
+    }
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    const auto run = [&](int nice, const std::function<void()>& step) {
+        threads.emplace_back([&isOver, &one, nice, step] {
+            sched_setaffinity(0, sizeof one, &one);
+            setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nice);
+            while (!isOver) {
+                step();
+            }
+        });
+    };
+    run(19, [this] { mManager.Wait(); });
+    run(19, [this] { mManager.Notify(); });
+    run(19, [this] { mManager.Notify(); });
+    for (int i = 0; i < 3; ++i) {
+        run(0, [] {});
+    }
+    std::chrono::steady_clock::duration longest{0};
+    std::thread notifier([&] {
+        sched_setaffinity(0, sizeof one, &one);
+        EXPECT_TRUE(TakeRealTimePriority(PRIORITY));
+        for (int i = 0; i < 5000; ++i) {
+            usleep(200 + static_cast<useconds_t>(i * 7 % 200));
+            const auto start = std::chrono::steady_clock::now();
+            mManager.Notify();
+            longest = std::max(longest, std::chrono::steady_clock::now() - start);
+        }
+    });
+    notifier.join();
+    isOver = true;
+    mManager.Notify();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_LT(longest, FAR_TOO_LONG);
+    RecordProperty("longest_us",
+                   static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(longest).count()));
+}
+#endif
 
 }  // namespace

@@ -11,6 +11,9 @@
 #include "support/log_capture.h"
 
 TERN_INTERPOSE(int, pthread_mutex_destroy, (pthread_mutex_t * mutex), (mutex))
+TERN_INTERPOSE(int, pthread_mutexattr_init, (pthread_mutexattr_t * attributes), (attributes))
+TERN_INTERPOSE(int, pthread_mutexattr_setprotocol, (pthread_mutexattr_t * attributes, int protocol),
+               (attributes, protocol))
 
 namespace mwl::Threading {
 namespace {
@@ -30,6 +33,34 @@ TEST(Mutex, IsNeitherCopiedNorPolymorphic) {
     EXPECT_FALSE(std::is_copy_assignable_v<Mutex>);
     EXPECT_FALSE(std::is_polymorphic_v<Mutex>);
     EXPECT_EQ(sizeof(Mutex), sizeof(pthread_mutex_t));
+}
+
+TEST(Mutex, IsRecursiveWithPriorityInheritanceToo) {
+    LogCapture log;
+    for (const Mutex::Protocol protocol : {Mutex::Protocol::None, Mutex::Protocol::PriorityInheritance}) {
+        Mutex mutex(protocol);
+        const Lock outer(mutex);
+        const Lock inner(mutex);
+    }
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST(Mutex, WithoutPriorityInheritanceInTheSystemItIsAMutexWithout) {
+    LogCapture log;
+    FaultScope init(fault_pthread_mutexattr_init);
+    FaultScope setProtocol(fault_pthread_mutexattr_setprotocol);
+    const auto use = [] {
+        Mutex mutex(Mutex::Protocol::PriorityInheritance);
+        const Lock outer(mutex);
+        const Lock inner(mutex);
+    };
+    fault_pthread_mutexattr_init.Fail(ENOMEM);
+    use();
+    EXPECT_EQ(fault_pthread_mutexattr_init.Calls(), 1);
+    fault_pthread_mutexattr_setprotocol.Fail(ENOTSUP);
+    use();
+    EXPECT_EQ(fault_pthread_mutexattr_setprotocol.Calls(), 1);
+    EXPECT_THAT(log.Entries(), IsEmpty());
 }
 
 TEST(Mutex, GetStatusCodeMapsMutexErrors) {

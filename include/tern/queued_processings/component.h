@@ -66,7 +66,9 @@ public:
     /// Join raises std::system_error.
     void Join() override;
     /// Asks for one more run. Never blocks for the length of one, never lost: called before `Start`, the
-    /// first run comes as soon as the thread is initialised.
+    /// first run comes as soon as the thread is initialised. A thread of real-time priority waits for no
+    /// thread of lower priority here, but for the log when its level is debug. Measured with the worker and
+    /// two threads that wake it at lowest priority, and three busy ones, on one processor: 0.1 ms at most.
     void WakeUp() override;
 
     /// The loop of the thread: registers it with the monitor, then runs the executor until the manager's

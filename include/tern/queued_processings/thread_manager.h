@@ -7,15 +7,14 @@
 #include <tern/threading/mutex.h>
 #include <tern/threading/thread_manager.h>
 
-#include <atomic>
-
 namespace mwl::QueuedProcessings {
 
 /// The supervised side of a component's thread: puts it to sleep, wakes it, tells it to stop.
 ///
 /// `Wait` belongs to the worker's thread; `Notify` and `Stop` may be called from any thread, the threads
 /// monitor's included, before the worker waits too: neither is ever lost. Wake-ups that come before the next
-/// `Wait` are folded into one.
+/// `Wait` are folded into one. Threads of real-time priority may notify: whoever holds what they need is
+/// scheduled at their priority for that long.
 ///
 /// Made and shared by the component and its thread, so that neither outlives it. REQUIRES: monitor and
 /// executor outlive it.
@@ -41,15 +40,18 @@ public:
     void SetThreadId(unsigned long threadId) { mThreadId = threadId; }
 
 private:
-    void Signal();
+    using Protocol = Threading::Mutex::Protocol;
+
+    void WakeUp(bool goOn);
 
     ExecutorInterface& mExecutor;
     bool mRunning = true;  ///< guarded by mMutex
-    Threading::Mutex mMutex;
+    Threading::Mutex mMutex{Protocol::PriorityInheritance};
     Threading::ConditionVariable mCondition;
-    bool mWaitNeeded = true;       ///< no wake-up is pending; guarded by mMutex
-    unsigned int mSignalsDue = 0;  ///< ever; guarded by mMutex
-    std::atomic<unsigned int> mSignalled{0};
+    bool mWaitNeeded = true;  ///< no wake-up is pending; guarded by mMutex
+    /// Held by a wake-up from before the change that it is about until the thread is signalled; locked before
+    /// mMutex.
+    Threading::Mutex mWakeUpMutex{Protocol::PriorityInheritance};
 };
 
 }  // namespace mwl::QueuedProcessings

@@ -35,9 +35,12 @@ public:
     ConditionVariable(const ConditionVariable&) = delete;
     ConditionVariable& operator=(const ConditionVariable&) = delete;
 
-    /// Wakes one waiter, if there is one. The mutex need not be held.
+    /// Wakes one waiter, if there is one. The mutex need not be held. A thread of real-time priority may wait
+    /// here for one of low priority that is notifying too, or, where several wait, that was woken before and
+    /// has not got the processor yet (pthread_cond_signal(3)): let notifications come one after another,
+    /// under a mutex with priority inheritance, and one thread wait.
     virtual void NotifyOne();
-    /// Wakes all who wait now. The mutex need not be held.
+    /// Wakes all who wait now. The mutex need not be held. As above for real-time priorities.
     virtual void NotifyAll();
 
     /// Waits without limit. Ok when notified, or woken for no reason: test the condition again. The mutex is

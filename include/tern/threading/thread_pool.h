@@ -46,7 +46,10 @@ public:
     /// std::system_error when the system refuses a thread, the watcher's own included: the workers that had
     /// started are joined, and the pool is not running. It may be started again.
     void Start();
-    /// Appends a copy of the job and wakes one worker, for each job.
+    /// Appends a copy of the job and wakes one worker, for each job. Not for threads of real-time priority:
+    /// pthread_cond_signal(3) waits until workers woken before have got the processor, whatever their
+    /// priority. With three workers of lowest priority beside three busy threads on one processor that took
+    /// up to a second; priority inheritance does not help there.
     void QueueJob(const std::function<void()>& job);
     /// Whether jobs are queued that no worker has taken.
     bool HasPendingJobs() const;
