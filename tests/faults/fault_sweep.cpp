@@ -1,6 +1,9 @@
-// Lets every call that our libraries make fail once, in every scenario, and looks at what comes of it.
+// Lets every call that our libraries make fail once, in every scenario, and looks at what comes of it; or
+// lets every scenario run with little to spare of threads, queued signals, descriptors or a file system's
+// pages.
 //
 //   fault_sweep [--shard K/N] [--scenario NAME [--case FUNCTION:OCCURRENCE:ERROR]] [--list]
+//   fault_sweep --limits [--shard K/N] [--scenario NAME [--case LIMIT:SPARE]]
 //   fault_sweep --self-test         whether it notices what is wrong on purpose
 //   fault_sweep --catalogue         whether the catalogue knows everything that our libraries import
 
@@ -13,6 +16,7 @@
 
 #include "catalogue.h"
 #include "intercept.h"
+#include "limits.h"
 #include "scenarios.h"
 #include "self_test.h"
 #include "support/private_bus.h"
@@ -28,6 +32,7 @@ struct Options {
     std::string scenario;  ///< empty for all
     std::string theCase;   ///< empty for all
     bool list = false;
+    bool limits = false;
     bool catalogue = false;
     bool selfTest = false;
 };
@@ -37,6 +42,8 @@ bool Parse(int argc, char** argv, Options& options) {
         const std::string option = argv[i];
         if (option == "--list") {
             options.list = true;
+        } else if (option == "--limits") {
+            options.limits = true;
         } else if (option == "--catalogue") {
             options.catalogue = true;
         } else if (option == "--self-test") {
@@ -115,13 +122,61 @@ bool RunAll(const Options& options) {
     return good && (options.list || total != Tally{});
 }
 
+/// With nothing to spare, then with one more each time until all is well, which takes less than MOST wherever
+/// anything was short. What is well with nothing to spare is tried with one as well, as half of what is
+/// needed may be had then.
+bool RunWithLimit(Sweep& sweep, const Scenario& scenario, const Limit& limit, const Options& options,
+                  Tally& tally) {
+    constexpr unsigned MOST = 12;
+    bool good = true;
+    for (unsigned spare = 0; spare <= MOST; ++spare) {
+        const Case theCase{&scenario, {}, nullptr, &limit, spare};
+        if (!options.theCase.empty() && options.theCase != theCase.Name()) {
+            continue;
+        }
+        const Outcome outcome = sweep.Run(theCase);
+        ++tally[static_cast<std::size_t>(outcome)];
+        good = good && IsAllowed(outcome);
+        if (!IsAllowed(outcome) || outcome == Outcome::Skipped ||
+            (outcome == Outcome::Absorbed && spare > 0)) {
+            break;
+        }
+    }
+    return good;
+}
+
+/// True when nothing came out that may not be, and at least one case was run.
+bool RunLimits(const Options& options) {
+    const PrivateBus bus;
+    Sweep sweep;
+    bool good = true;
+    Tally total{};
+    for (const Limit& limit : Limits()) {
+        Tally tally{};
+        for (const Scenario& scenario : Scenarios()) {
+            const std::string name = std::string(scenario.name) + " " + limit.name;
+            if ((options.scenario.empty() || options.scenario == scenario.name) &&
+                ShardOf(name, options.shards) == options.shard) {
+                good = RunWithLimit(sweep, scenario, limit, options, tally) && good;
+            }
+        }
+        Print(limit.name, tally);
+        for (std::size_t i = 0; i < tally.size(); ++i) {
+            total[i] += tally[i];
+        }
+    }
+    Print("all", total);
+    total[static_cast<std::size_t>(Outcome::Skipped)] = 0;
+    return good && total != Tally{};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Options options;
     if (!Parse(argc, argv, options)) {
         fprintf(stderr,
-                "usage: %s [--shard K/N] [--scenario NAME [--case CASE]] [--list] | --self-test | "
+                "usage: %s [--limits] [--shard K/N] [--scenario NAME [--case CASE]] [--list] | --self-test | "
                 "--catalogue\n",
                 argv[0]);
         return 2;
@@ -137,5 +192,5 @@ int main(int argc, char** argv) {
     if (options.selfTest) {
         return SweepNoticesEverything() ? 0 : 1;
     }
-    return RunAll(options) ? 0 : 1;
+    return (options.limits ? RunLimits(options) : RunAll(options)) ? 0 : 1;
 }

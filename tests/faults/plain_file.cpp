@@ -5,9 +5,12 @@
 
 #include <stdexcept>
 
+#include "limits.h"
+
 namespace tern::test {
 
 void WritePlainFile(const std::string& path, const std::string& content) {
+    const Shortage::Aside aside;
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const bool written = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
     close(fd);
@@ -17,6 +20,7 @@ void WritePlainFile(const std::string& path, const std::string& content) {
 }
 
 std::string ReadPlainFile(const std::string& path) {
+    const Shortage::Aside aside;
     std::string content;
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {

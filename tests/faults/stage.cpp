@@ -1,13 +1,21 @@
 #include "stage.h"
 
+#include "limits.h"
+
 namespace tern::test {
 
 namespace {
 
 class Switched {
 public:
-    Switched() { Intercept::Switch(true); }
-    ~Switched() { Intercept::Switch(false); }
+    Switched() {
+        Shortage::Switch(true);
+        Intercept::Switch(true);
+    }
+    ~Switched() {
+        Intercept::Switch(false);
+        Shortage::Switch(false);
+    }
     Switched(const Switched&) = delete;
     Switched& operator=(const Switched&) = delete;
 };

@@ -22,7 +22,8 @@ public:
     /// Something that the library was to do; the first one that was not done is kept.
     bool Expect(bool done, const std::string& what);
 
-    /// Runs `step` with the calls of our libraries counted, and one of them failing.
+    /// Runs `step` with the calls of our libraries counted, and one of them failing, or with
+    /// little to spare.
     void Sweep(const std::function<void()>& step);
 
     const std::string& Folder() const { return mFolder; }

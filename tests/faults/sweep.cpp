@@ -107,13 +107,16 @@ public:
         Intercept::WatchLogger(scenario.isLoggers);
     }
 
-    RunResult Run(const CallPoint* armed = nullptr, const Failure* failure = nullptr) {
+    /// With what that case is about, if one is given.
+    RunResult Run(const Case* theCase = nullptr) {
         const std::string number = std::to_string(getpid()) + "r" + std::to_string(mRuns++);
         const std::string folder = mFolder + "/" + std::to_string(getpid());  // the same: it is in messages
         std::filesystem::create_directory(folder);
         Stage stage(folder, number);
         RunResult result;
-        Intercept::Begin(armed, failure);
+        const bool isCall = theCase != nullptr && theCase->limit == nullptr;
+        Intercept::Begin(isCall ? &theCase->point : nullptr, isCall ? theCase->failure : nullptr);
+        Shortage::Arm(theCase != nullptr ? theCase->limit : nullptr, theCase != nullptr ? theCase->spare : 0);
         try {
             mScenario.run(stage);
         } catch (const std::exception& exception) {
@@ -148,7 +151,7 @@ bool HasWarned(const RunResult& clean, const RunResult& result) {
 }
 
 Outcome Judge(const Case& theCase, const RunResult& clean, const RunResult& result) {
-    if (!Intercept::WasMet()) {
+    if (theCase.limit == nullptr && !Intercept::WasMet()) {
         return Outcome::NotMet;
     }
     if (!result.raised.empty()) {
@@ -166,11 +169,14 @@ Outcome Judge(const Case& theCase, const RunResult& clean, const RunResult& resu
 }  // namespace
 
 bool Case::IsStated(Outcome outcome) const {
-    return ReasonFor(NameOf(outcome), scenario->name, Catalogue()[point.function].name, failure->name) !=
-           nullptr;
+    const std::string met = limit != nullptr ? limit->name : Catalogue()[point.function].name;
+    return ReasonFor(NameOf(outcome), scenario->name, met, limit != nullptr ? "" : failure->name) != nullptr;
 }
 
 std::string Case::Name() const {
+    if (limit != nullptr) {
+        return std::string(limit->name) + ":" + std::to_string(spare);
+    }
     return std::string(Catalogue()[point.function].name) + ":" + std::to_string(point.occurrence) +
            (point.inFork ? "f:" : ":") + failure->name;
 }
@@ -229,8 +235,9 @@ Outcome Sweep::Run(const Case& theCase) {
         mReport->outcome = Outcome::Stated;
     }
     if (!IsAllowed(mReport->outcome)) {
-        printf("%s: --scenario %s --case %s\n%s\n", NameOf(mReport->outcome), theCase.scenario->name,
-               theCase.Name().c_str(), mReport->text);
+        printf("%s: %s--scenario %s --case %s\n%s\n", NameOf(mReport->outcome),
+               theCase.limit != nullptr ? "--limits " : "", theCase.scenario->name, theCase.Name().c_str(),
+               mReport->text);
     }
     return mReport->outcome;
 }
@@ -249,7 +256,12 @@ void Sweep::RecordMain(const Scenario& scenario) {
 void Sweep::CaseMain(const Case& theCase) {
     PrepareChild(mLimitSeconds);
     std::set_terminate(OnTerminate);
-    Runner runner(*theCase.scenario, mFolder.Path());
+    std::string folder = mFolder.Path();
+    if (theCase.limit != nullptr && !theCase.limit->prepare(folder)) {
+        mReport->Set(Outcome::Skipped, "");
+        _exit(0);
+    }
+    Runner runner(*theCase.scenario, folder);
     const RunResult clean = runner.Run();
     if (!clean.IsClean()) {
         mReport->Set(Outcome::Broken, clean.Describe());
@@ -261,7 +273,7 @@ void Sweep::CaseMain(const Case& theCase) {
         Holdings before = Holdings::Take(0);
         before.blocks = CountBlocks();  // those that hold `before` included
         {
-            const RunResult result = runner.Run(&theCase.point, theCase.failure);
+            const RunResult result = runner.Run(&theCase);
             if (round == 0) {
                 outcome = Judge(theCase, clean, result);
                 mReport->Set(outcome, result.Describe());  // where it takes no memory of this process's
@@ -310,8 +322,9 @@ void Sweep::Attend(int pid, const std::string& name) {
 }
 
 const char* NameOf(Outcome outcome) {
-    static constexpr const char* NAMES[] = {"not met", "absorbed", "reported", "raised", "ended", "stated",
-                                            "SILENT",  "LEFTOVER", "LASTING",  "HUNG",   "DIED",  "BROKEN"};
+    static constexpr const char* NAMES[] = {"not met", "skipped", "absorbed", "reported", "raised",
+                                            "ended",   "stated",  "SILENT",   "LEFTOVER", "LASTING",
+                                            "HUNG",    "DIED",    "BROKEN"};
     return NAMES[static_cast<std::size_t>(outcome)];
 }
 

@@ -7,6 +7,7 @@
 
 #include "failure.h"
 #include "intercept.h"
+#include "limits.h"
 #include "stage.h"
 #include "support/temp_folder.h"
 #include "support/wait_until.h"
@@ -17,6 +18,7 @@ namespace tern::test {
 enum class Outcome {
     // What may be.
     NotMet,    ///< the call did not come this time: threads took another order
+    Skipped,   ///< the system does not permit the limit
     Absorbed,  ///< everything was done all the same
     Reported,  ///< a failing status, or a message of warning or worse
     Raised,    ///< std::bad_alloc or std::system_error reached the caller
@@ -32,20 +34,23 @@ enum class Outcome {
     Count
 };
 
-/// One scenario, one call of it, one error.
+/// One scenario, and what it meets with: one call of it and one error, or one limit.
 struct Case {
     const Scenario* scenario;
-    CallPoint point;
-    const Failure* failure;
+    CallPoint point{};
+    const Failure* failure = nullptr;
+    const Limit* limit = nullptr;  ///< instead of the call and its error
+    unsigned spare = 0;            ///< of what the limit is about
 
-    /// "function:occurrence:error", with "f" behind the occurrence for a call of a forked child.
+    /// "function:occurrence:error", with "f" behind the occurrence for a call of a forked child, or
+    /// "limit:spare".
     std::string Name() const;
     /// Whether this is stated to come out so.
     bool IsStated(Outcome outcome) const;
 };
 
-/// Runs scenarios with one failing call each, every run in a process of its own. Create it before the first
-/// thread; the import tables are to be prepared already (Intercept::Install).
+/// Runs scenarios with one failing call each, or one limit, every run in a process of its own. Create it
+/// before the first thread; the import tables are to be prepared already (Intercept::Install).
 class Sweep {
 public:
     /// `limitSeconds`: by when a run, or what follows of it, is hung. The default is generous for a scenario

@@ -34,8 +34,8 @@ namespace mwl::Timer {
 /// expiry that was not announced two seconds after it was due is served then, on a thread of the library's,
 /// with a warning; without a thread for it, which is an error in the log, it is tried again every second. So
 /// a timer that fires once does so late and not never, and a periodic one whose expiries are all dropped
-/// fires about once in two seconds. For this a process that creates a timer keeps one thread, which waits,
-/// besides the one that the C library keeps.
+/// fires about once in two seconds; the GNU C library loses a small block of memory with each that it drops.
+/// For this a process that creates a timer keeps one more thread, which waits.
 ///
 /// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, as the C
 /// library makes them so. Threads and child programs that a callback starts inherit that: unblock first what
