@@ -1,21 +1,20 @@
 #include "log_capture.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <tern-basic-log/root_logger.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <ostream>
-#include <set>
 
+#include "log_recorder.h"
 #include "wait_until.h"
 
 namespace tern::test {
@@ -54,11 +53,9 @@ LogEntry Parse(int level, const char* format, const std::string& whole, va_list 
     const unsigned long thread = va_arg(again, unsigned long);
     const std::string logger = va_arg(again, const char*);
     va_end(again);
-    std::string prefix = "[" + std::to_string(thread) + "][" + logger + "]";
-    if (level == 7) {
-        prefix += "[trace]";
-    }
-    prefix += " ";
+    std::string prefix = "[";
+    prefix.append(std::to_string(thread)).append("][").append(logger).append("]");
+    prefix.append(level == 7 ? "[trace] " : " ");
     const bool wellFormed = thread == static_cast<unsigned long>(pthread_self()) &&
                             whole.starts_with(prefix) &&
                             (level == 7 || !whole.substr(prefix.size()).starts_with("[trace]"));
@@ -86,36 +83,7 @@ void Forward(int fd, const LogEntry& entry) {
     }
 }
 
-/// With TERN_LOG_COVERAGE=FILE each format that was emitted is written there once per process, forked
-/// children included: level, logger name, format with newlines escaped. A new program run begins the file
-/// anew.
-const char* const gCoveragePath = [] {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
-    const char* const path = getenv("TERN_LOG_COVERAGE");
-    if (path != nullptr) {
-        unlink(path);
-    }
-    return path;
-}();
-
-void RecordCoverage(int level, const std::string& logger, const char* format) {
-    static std::set<std::string> seen;
-    if (gCoveragePath == nullptr) {
-        return;
-    }
-    std::string line = std::to_string(level) + "\t" + logger + "\t";
-    for (const char* c = format; *c != '\0'; ++c) {
-        line += *c == '\n' ? std::string("\\n") : std::string(1, *c);
-    }
-    line += "\n";
-    if (seen.insert(line).second) {
-        const int fd = open(gCoveragePath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd >= 0) {
-            static_cast<void>(!write(fd, line.data(), line.size()));
-            close(fd);
-        }
-    }
-}
+constinit std::atomic<LogRecorder> gRecorder{nullptr};
 
 __attribute__((format(printf, 3, 0))) void Take(const mwl::Log::RootLogger& logger, int level,
                                                 const char* format, va_list arguments) {
@@ -135,7 +103,9 @@ __attribute__((format(printf, 3, 0))) void Take(const mwl::Log::RootLogger& logg
         return;
     }
     LogEntry entry = Parse(level, format, whole, arguments);
-    RecordCoverage(level, entry.logger, format);
+    if (const LogRecorder recorder = gRecorder) {
+        recorder(level, entry.logger, format);
+    }
     if (sink.forwardFd >= 0) {
         Forward(sink.forwardFd, entry);
     }
@@ -218,6 +188,10 @@ void LogCapture::Clear() {
     Sink& sink = GetSink();
     const std::lock_guard lock(sink.mutex);
     sink.entries.clear();
+}
+
+void SetLogRecorder(LogRecorder recorder) {
+    gRecorder = recorder;
 }
 
 void ForwardLogTo(int fd) {
