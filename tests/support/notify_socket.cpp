@@ -7,18 +7,30 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <system_error>
+
+#include "socket_path.h"
 
 namespace tern::test {
 
-NotifySocket::NotifySocket() : mFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+}  // namespace
+
+NotifySocket::NotifySocket() {
+    const std::string path = mFolder / "notify";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = mFolder / "notify";
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    CheckSocketPath(path, sizeof address.sun_path - 1);
+    path.copy(address.sun_path, path.size());
+    mFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (mFd < 0 || bind(mFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        throw std::system_error(errno, std::generic_category(), "notification socket");
+        const int error = errno;
+        close(mFd);
+        throw std::system_error(error, std::generic_category(), "notification socket " + path);
     }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
@@ -30,13 +42,16 @@ NotifySocket::~NotifySocket() {
     close(mFd);
 }
 
-std::optional<std::string> NotifySocket::Receive(std::chrono::milliseconds limit) {
-    pollfd record{mFd, POLLIN, 0};
-    if (poll(&record, 1, static_cast<int>(limit.count())) != 1) {
-        return std::nullopt;
-    }
+std::optional<std::string> NotifySocket::Receive(milliseconds limit) {
+    const auto deadline = steady_clock::now() + limit;
     char buffer[4096];
-    const ssize_t count = recv(mFd, buffer, sizeof buffer, 0);
+    ssize_t count = recv(mFd, buffer, sizeof buffer, 0);
+    for (auto rest = limit; count < 0 && rest.count() > 0;) {
+        pollfd record{mFd, POLLIN, 0};
+        static_cast<void>(poll(&record, 1, static_cast<int>(rest.count())));
+        count = recv(mFd, buffer, sizeof buffer, 0);
+        rest = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    }
     return count < 0 ? std::nullopt : std::optional(std::string(buffer, static_cast<std::size_t>(count)));
 }
 

@@ -4,7 +4,8 @@
 
 namespace tern::test {
 
-/// A folder of its own under the system's place for temporary files, removed with all its content at the end.
+/// A folder of its own under the system's place for temporary files (TMPDIR, else /tmp), removed with all its
+/// content at the end. Throws std::system_error when it cannot be made.
 class TempFolder {
 public:
     TempFolder();
@@ -12,7 +13,7 @@ public:
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
-    /// Without a slash at its end.
+    /// Absolute, without a slash at its end.
     const std::string& Path() const { return mPath; }
     /// The path of an entry in the folder.
     std::string operator/(const std::string& name) const { return mPath + "/" + name; }

@@ -1,0 +1,98 @@
+#include "support/notify_socket.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "support/process_resources.h"
+#include "temporary_place.h"
+
+namespace tern::test {
+namespace {
+
+/// Runs `body` in a child that is not waited for.
+template <typename Body>
+pid_t Fork(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+TEST(NotifySocket, ReceivesWhatTheProcessAndItsChildrenSay) {
+    NotifySocket systemd;
+    EXPECT_EQ(systemd.ReceiveNow(), std::nullopt);
+    sd_notify(0, "READY=1");
+    EXPECT_EQ(systemd.Receive(), "READY=1");
+    const pid_t child = Fork([] { sd_notify(0, "STATUS=child"); });
+    EXPECT_EQ(systemd.Receive(), "STATUS=child");
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(systemd.Receive(std::chrono::milliseconds(1)), std::nullopt);
+}
+
+TEST(NotifySocket, WorksInFoldersOfAnyName) {
+    const TempFolder outer;
+    for (const char* const name : ODD_NAMES) {
+        const TemporaryPlace temporary(MakePlace(outer, name));
+        NotifySocket systemd;
+        EXPECT_GT(sd_notify(0, "READY=1"), 0) << name;
+        EXPECT_EQ(systemd.ReceiveNow(), "READY=1") << name;
+    }
+}
+
+// Cut short, its path lay outside of its folder, and where a first one was bound a second could not be.
+TEST(NotifySocket, RefusesAFolderThatIsTooLongAndMakesNothingElsewhere) {
+    const TempFolder outer;
+    const std::size_t descriptors = CountDescriptors();
+    const std::size_t own = std::string("/tern-test-XXXXXX/notify").size();
+    {
+        const TemporaryPlace temporary(MakePlace(outer, NameOfSize(outer, 107 - own)));
+        NotifySocket systemd;
+        sd_notify(0, "READY=1");
+        EXPECT_EQ(systemd.ReceiveNow(), "READY=1");
+    }
+    for (const std::size_t size : {108 - own, std::size_t{106}, std::size_t{107}, std::size_t{200}}) {
+        const std::string place = MakePlace(outer, NameOfSize(outer, size));
+        const TemporaryPlace temporary(place);
+        try {
+            const NotifySocket systemd;
+            ADD_FAILURE() << size;
+        } catch (const std::runtime_error& error) {
+            EXPECT_THAT(error.what(), testing::HasSubstr(place));
+            EXPECT_THAT(error.what(), testing::HasSubstr("set TMPDIR to a folder with a shorter path"));
+        }
+        EXPECT_TRUE(std::filesystem::is_empty(place));
+        EXPECT_EQ(getenv("NOTIFY_SOCKET"), nullptr);
+    }
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(outer.Path())) {
+        EXPECT_TRUE(entry.is_directory()) << entry.path();
+    }
+    EXPECT_EQ(CountDescriptors(), descriptors);
+}
+
+TEST(NotifySocket, ASignalDoesNotCutTheWait) {
+    NotifySocket systemd;
+    signal(SIGUSR1, [](int) {});
+    const pid_t parent = getpid();
+    const pid_t child = Fork([parent] {
+        for (int i = 0; i < 20; ++i) {
+            kill(parent, SIGUSR1);
+            usleep(5000);
+        }
+        sd_notify(0, "READY=1");
+    });
+    EXPECT_EQ(systemd.Receive(), "READY=1");
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    signal(SIGUSR1, SIG_DFL);
+}
+
+}  // namespace
+}  // namespace tern::test
