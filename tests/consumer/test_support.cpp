@@ -1,4 +1,5 @@
 // Uses the whole installed test support without any test framework.
+#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
 #include <tern-test/child.h>
@@ -58,6 +59,13 @@ int main() {
         tern::test::NotifySocket systemd;
         sd_notify(0, "READY=1");
         Check(systemd.Receive() == "READY=1", "notification");
+        const pid_t dying = fork();
+        if (dying == 0) {
+            _exit(3);
+        }
+        Check(!systemd.ReceiveFrom(dying).has_value(), "no notification from a child that dies");
+        Check(tern::test::DescribeChild(dying).ends_with(" has ended with exit status 3"), "how it ended");
+        waitpid(dying, nullptr, 0);
     }
     {
         const tern::test::LogCapture log;

@@ -90,6 +90,16 @@ LD_LIBRARY_PATH=$(dirname "$(find "$work/prefix" -name libtern-dbus-service.so.0
 must "its tests pass" ctest --test-dir "$project/build" --output-on-failure --no-tests=error
 "$project/build/$name-test" --gtest_list_tests | grep -c '^  ' >"$work/count"
 [ "$(cat "$work/count")" -ge 5 ] || fail "only $(cat "$work/count") tests"
+# A program that dies at its start is told of at once by each test, with its exit status.
+must "kept" mv "$project/build/$name" "$work/kept"
+printf '#!/bin/sh\nexit 7\n' >"$project/build/$name"
+chmod +x "$project/build/$name"
+start=$(date +%s)
+"$project/build/$name-test" >"$work/output" 2>&1 && fail "the tests passed without a program"
+[ $(($(date +%s) - start)) -le 15 ] || fail "a dead program was waited for: $(($(date +%s) - start)) s"
+[ "$(grep -c "/build/$name: process [0-9]* has ended with exit status 7" "$work/output")" -eq "$(cat "$work/count")" ] &&
+    ok "a dead program is told of" || { cat "$work/output"; fail "a dead program is not told of"; }
+must "put back" mv "$work/kept" "$project/build/$name"
 for name_of_cpp in switch a2345678901234567890123456789bc; do
     must "written: $name_of_cpp" new $name_of_cpp "$work/$name_of_cpp"
     must "configured: $name_of_cpp" cmake -S "$work/$name_of_cpp" -B "$work/$name_of_cpp/build" -DBUILD_TESTING=OFF \

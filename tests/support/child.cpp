@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 
@@ -103,6 +104,23 @@ ChildResult RunInChild(const std::function<int()>& body, std::chrono::millisecon
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     result.log = ParseForwardedLog(log);
     return result;
+}
+
+std::string DescribeChild(pid_t child) {
+    const std::string process = "process " + std::to_string(child);
+    siginfo_t end{};
+    if (child <= 0 || waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        return "there is no " + process + " to wait for";
+    }
+    if (end.si_pid == 0) {
+        return process + " is running";
+    }
+    if (end.si_code == CLD_EXITED) {
+        return process + " has ended with exit status " + std::to_string(end.si_status);
+    }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known signals are constants
+    return process + " was ended by signal " + std::to_string(end.si_status) + " (" +
+           strsignal(end.si_status) + ")";
 }
 
 }  // namespace tern::test

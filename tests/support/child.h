@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -24,5 +26,10 @@ struct ChildResult {
 /// child's messages (threshold 7) are collected. When `body` returns, the child leaves with that exit status
 /// without running static destructors. Call it while the test program has no other thread.
 ChildResult RunInChild(const std::function<int()>& body, std::chrono::milliseconds limit = GENEROUS_LIMIT);
+
+/// How a child of this process is, in words for a failure message: "process 7 has ended with exit status 1",
+/// "process 7 was ended by signal 11 (Segmentation fault)", "process 7 is running", "there is no process 7 to
+/// wait for". It is not reaped.
+std::string DescribeChild(pid_t child);
 
 }  // namespace tern::test

@@ -4,8 +4,10 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -17,6 +19,15 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+
+/// Between two looks at a child.
+constexpr milliseconds CHILD_PERIOD{10};
+
+bool HasEnded(pid_t child) {
+    siginfo_t end{};
+    return child <= 0 || waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           end.si_pid != 0;
+}
 
 }  // namespace
 
@@ -53,6 +64,20 @@ std::optional<std::string> NotifySocket::Receive(milliseconds limit) {
         rest = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
     }
     return count < 0 ? std::nullopt : std::optional(std::string(buffer, static_cast<std::size_t>(count)));
+}
+
+std::optional<std::string> NotifySocket::ReceiveFrom(pid_t child, milliseconds limit) {
+    const auto deadline = steady_clock::now() + limit;
+    bool last = false;
+    while (true) {
+        const auto rest = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+        std::optional<std::string> text = Receive(last ? milliseconds(0) : std::min(rest, CHILD_PERIOD));
+        if (text || last) {
+            return text;
+        }
+        // What it sent before its end may have come since.
+        last = HasEnded(child) || steady_clock::now() >= deadline;
+    }
 }
 
 }  // namespace tern::test

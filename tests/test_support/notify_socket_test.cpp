@@ -94,5 +94,42 @@ TEST(NotifySocket, ASignalDoesNotCutTheWait) {
     signal(SIGUSR1, SIG_DFL);
 }
 
+TEST(NotifySocket, WaitsForARunningChildAndNoLongerThanItRuns) {
+    NotifySocket systemd;
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    const pid_t child = Fork([&] {
+        char byte = 0;
+        sd_notify(0, "STATUS=starting");
+        static_cast<void>(!read(go[0], &byte, 1));
+        sd_notify(0, "READY=1");
+    });
+    EXPECT_EQ(systemd.ReceiveFrom(child), "STATUS=starting");
+    EXPECT_EQ(systemd.ReceiveFrom(child, std::chrono::milliseconds(50)), std::nullopt);
+    EXPECT_EQ(write(go[1], "x", 1), 1);
+    // Also what it has said just before its end.
+    EXPECT_EQ(systemd.ReceiveFrom(child), "READY=1");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(systemd.ReceiveFrom(child), std::nullopt);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    // Not reaped.
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(systemd.ReceiveFrom(child), std::nullopt);
+    EXPECT_EQ(systemd.ReceiveFrom(-1), std::nullopt);
+    sd_notify(0, "READY=2");
+    EXPECT_EQ(systemd.ReceiveFrom(-1), "READY=2");
+    close(go[0]);
+    close(go[1]);
+}
+
+TEST(NotifySocket, TellsWithinASecondThatTheChildHasDied) {
+    NotifySocket systemd;
+    const pid_t child = Fork([] { _exit(7); });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(systemd.ReceiveFrom(child), std::nullopt);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500) + TOLERANCE);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
 }  // namespace
 }  // namespace tern::test
