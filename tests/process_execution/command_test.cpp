@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <tern-basic-log/root_logger.h>
@@ -1464,6 +1465,25 @@ TEST_F(CommandTest, TwoThreadsRunProgramsAtOnce) {
     std::thread second(work, std::string(MIB, 'y'));
     first.join();
     second.join();
+}
+
+// Neither the SIGPIPE that is taken back nor the kill at the time limit is a queued signal.
+TEST_F(CommandTest, RunsInAProcessThatMayQueueNoSignals) {
+    const tern::test::ChildResult result = tern::test::RunInChild([] {
+        const rlimit none{0, 0};
+        if (setrlimit(RLIMIT_SIGPENDING, &none) != 0) {
+            return 1;
+        }
+        const Outcome early = RunScript("exec <&-; echo closed; sleep 0.2; exit 3", Text(5 * MIB));
+        const Outcome late = RunScript("exec sleep 1000", "", 50);
+        return early.exitCode == 3 && early.output == "closed\n" && late.status == StatusCode::Ok &&
+                       late.exitCode == 1
+                   ? 0
+                   : 2;
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.log, Contains(testing::Field(&LogEntry::text, HasSubstr("(errno=Broken pipe)"))));
+    EXPECT_THAT(result.log, Contains(Error(NAME, "Command [sh] aborted by timeout 50ms")));
 }
 
 // A log call in the child would wait for ever for a lock that another thread held at the fork.
