@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "foundation/handle.h"
+#include "foundation/unique_fd.h"
 
 namespace mwl::Utilities {
 
@@ -14,10 +15,22 @@ namespace mwl::Utilities {
 /// One thread at a time.
 class Directory {
 public:
+    /// No folder: the object is false.
+    Directory() = default;
     /// Opens the folder; on failure the object is false and `errno` tells why.
     explicit Directory(const std::string& path) : mStream(opendir(path.c_str())) {}
+    /// Walks a folder that is open for reading; on failure the object is false, `errno` tells why and
+    /// `folder` stays as it is.
+    explicit Directory(UniqueFd& folder) : mStream(fdopendir(folder.Get())) {
+        if (mStream != nullptr) {
+            static_cast<void>(folder.Release());  // the stream's now
+        }
+    }
 
     explicit operator bool() const noexcept { return mStream != nullptr; }
+
+    /// The open folder itself, for what is done to its entries.
+    int Descriptor() const { return dirfd(mStream.get()); }
 
     /// The next entry, "." and ".." included, valid until the next call; null at the end, and then `errno` is
     /// 0 unless reading failed.

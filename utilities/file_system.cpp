@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
@@ -10,9 +11,11 @@
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "foundation/unique_fd.h"
 #include "platform/static_text.h"
 #include "utilities/directory.h"
 #include "utilities/file_system_logger.h"
+#include "utilities/file_system_write.h"
 
 namespace mwl::Utilities {
 
@@ -23,6 +26,7 @@ const StaticText FILE_SYSTEM_LOGGER("mwl::Utilities::FileSystem");
 namespace {
 
 constexpr std::size_t LINK_BUFFER = 4096;
+constexpr mode_t CONTENT_MODE = 0666;
 /// The link to the file of the running program, and how its text ends when that has no name any more.
 constexpr const char* EXECUTABLE = "/proc/self/exe";
 constexpr std::string_view DELETED = " (deleted)";
@@ -111,8 +115,8 @@ StatusCode FileSystem::IsFolderEmpty(const std::string& folder, bool& empty) con
     Directory directory(folder);
     if (!directory) {
         const int error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to open dir %s, errno = %s", "IsFolderEmpty",
-                       folder.c_str(), ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "IsFolderEmpty: Failed to open dir %s, errno = %s", folder.c_str(),
+                       ErrorText(error));
         return StatusCode::NotFound;
     }
     empty = directory.Next() == nullptr;
@@ -148,7 +152,7 @@ StatusCode FileSystem::DeleteSymbolicLink(const std::string& link) {
 StatusCode FileSystem::CheckFileExist(const std::string& path) {
     struct stat information {};
     if (stat(path.c_str(), &information) != 0) {
-        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: file '%s' does not exist", "CheckFileExist", path.c_str());
+        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CheckFileExist: file '%s' does not exist", path.c_str());
         return StatusCode::NotFound;
     }
     return StatusCode::Ok;
@@ -209,14 +213,27 @@ StatusCode FileSystem::WriteContent(const std::string& path, const std::string& 
     const Handle<std::FILE, std::fclose> file(std::fopen(path.c_str(), "we"));
     if (file == nullptr) {
         const int error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Unable to write file content to '%s' (errno=%s) ",
-                       "WriteContent", path.c_str(), ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "WriteContent: Unable to write file content to '%s' (errno=%s) ",
+                       path.c_str(), ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
-    // Meant: what becomes of the writing is not looked at.
+    // Meant: what becomes of the writing is not looked at; WriteWholeContent does.
     static_cast<void>(std::fwrite(content.data(), 1, content.size(), file.get()));
-    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Successfully wrote content to file %s", "WriteContent",
-                  path.c_str());
+    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "WriteContent: Successfully wrote content to file %s", path.c_str());
+    return StatusCode::Ok;
+}
+
+StatusCode FileSystem::WriteWholeContent(const std::string& path, const std::string& content) {
+    UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, CONTENT_MODE));
+    int error = file ? WriteAll(file.Get(), content.data(), content.size()) : errno;
+    if (error == 0) {
+        error = StoreAndClose(file);
+    }
+    if (error != 0) {
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "WriteWholeContent: Failed to write file '%s' (errno=%s)",
+                       path.c_str(), ErrorText(error));
+        return MakeStatusCodeFromErrno(error);
+    }
     return StatusCode::Ok;
 }
 

@@ -1,13 +1,20 @@
+#include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
+#include <string>
 
 #include "foundation/error_text.h"
+#include "foundation/unique_fd.h"
 #include "platform/static_text.h"
+#include "utilities/file_system_at.h"
 #include "utilities/file_system_logger.h"
+#include "utilities/file_system_place.h"
 #include "utilities/meadow_owner.h"
 #include "utilities/user_database.h"
 
@@ -24,68 +31,143 @@ constexpr mode_t FOLDER_MODE_WHILE_MADE = 0700;
 constexpr mode_t FOLDER_MODE = 0775;
 constexpr mode_t FILE_MODE = 0644;
 
-const char* const CREATE_FOLDER = "CreateFolder";
-const char* const CHANGE_OWNERSHIP = "ChangeOwnership";
-
 bool FindOwner(const std::string& user, const std::string& group, uid_t& uid, gid_t& gid, int& error) {
     return FindUser(user, uid, error) && FindGroup(group, gid, error);
 }
 
-/// Gives the folder its mode and owner; on failure false and the error number, 0 for an unknown owner.
-bool EquipFolder(const std::string& path, int& error) {
-    if (chmod(path.c_str(), FOLDER_MODE) != 0) {
-        error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to change permission on folder: %s (errno=%s)",
-                       CREATE_FOLDER, path.c_str(), ErrorText(error));
-        return false;
+/// The folder that a link leads to, when the link itself is root's or this user's: what somebody else planted
+/// is not followed (ELOOP). The text of that very link is taken, whatever its name stands for by now.
+UniqueFd FollowTrustedLink(int at, int link, const struct stat& information) {
+    char target[PATH_MAX];
+    if (information.st_uid != 0 && information.st_uid != geteuid()) {
+        errno = ELOOP;
+        return UniqueFd();
     }
-    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: %s now exists", CREATE_FOLDER, path.c_str());
+    const ssize_t length = readlinkat(link, "", target, sizeof target - 1);
+    if (length < 0) {
+        return UniqueFd();
+    }
+    target[length] = '\0';
+    return UniqueFd(openat(at, target, O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
 
-    const uid_t uid = getuid();
-    std::string user;
-    if (!FindUserName(uid, user, error)) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to get user for uid: %u (errno=%s)", CREATE_FOLDER,
-                       uid, ErrorText(error));
+/// Opens what is there now, as FolderRequest says; false with `errno`.
+bool OpenFolder(const FolderRequest& request, bool isNew, UniqueFd& folder) {
+    folder.Reset(openat(request.at, request.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat information {};
+    if (!folder || fstat(folder.Get(), &information) != 0) {
         return false;
     }
-    gid_t gid = 0;
-    if (!FindGroup(user, gid, error)) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to get group for user: %s (errno=%s)", CREATE_FOLDER,
-                       user.c_str(), ErrorText(error));
-        return false;
+    if (S_ISLNK(information.st_mode)) {
+        if (!request.followsTrustedLink || isNew) {
+            errno = ELOOP;
+            return false;
+        }
+        folder = FollowTrustedLink(request.at, folder.Get(), information);
+        return static_cast<bool>(folder);
     }
-    if (chown(path.c_str(), uid, gid) != 0) {
-        error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to change owner of folder: %s (errno=%s)",
-                       CREATE_FOLDER, path.c_str(), ErrorText(error));
+    if ((isNew || request.mustBeFolder) && !S_ISDIR(information.st_mode)) {
+        errno = ENOTDIR;
         return false;
     }
     return true;
 }
 
+/// chmod(2) of what is open with O_PATH, for which fchmod(2) is refused; false with `errno`.
+bool ChangeMode(int handle, mode_t mode) {
+    // This name leads to the open entry itself.
+    if (chmod(("/proc/self/fd/" + std::to_string(handle)).c_str(), mode) == 0) {
+        return true;
+    }
+    if (errno != ENOENT) {
+        return false;
+    }
+    // No /proc here.
+    const UniqueFd folder(openat(handle, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && fchmod(folder.Get(), mode) == 0;
+}
+
+/// Opens the folder and gives it its mode and owner; on failure false and the error number, 0 for an unknown
+/// owner.
+bool EquipFolder(const FolderRequest& request, bool isNew, UniqueFd& folder, int& error) {
+    const char* const path = request.path.c_str();
+    if (!OpenFolder(request, isNew, folder) || !ChangeMode(folder.Get(), FOLDER_MODE)) {
+        error = errno;
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
+                       "CreateFolder: Failed to change permission on folder: %s (errno=%s)", path,
+                       ErrorText(error));
+        return false;
+    }
+    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CreateFolder: %s now exists", path);
+
+    const uid_t uid = getuid();
+    std::string user;
+    if (!FindUserName(uid, user, error)) {
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to get user for uid: %u (errno=%s)", uid,
+                       ErrorText(error));
+        return false;
+    }
+    gid_t gid = 0;
+    if (!FindGroup(user, gid, error)) {
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to get group for user: %s (errno=%s)",
+                       user.c_str(), ErrorText(error));
+        return false;
+    }
+    if (fchownat(folder.Get(), "", uid, gid, AT_EMPTY_PATH) != 0) {
+        error = errno;
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to change owner of folder: %s (errno=%s)",
+                       path, ErrorText(error));
+        return false;
+    }
+    return true;
+}
+
+StatusCode FailedToSetRights(const std::string& path, int error) {
+    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
+                   "SetDefaultAccessRights: Failed to change permission of file: %s (errno=%s)", path.c_str(),
+                   ErrorText(error));
+    return StatusCode::Failure;
+}
+
 }  // namespace
 
-StatusCode FileSystem::CreateFolder(const std::string& path) {
-    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: %s", CREATE_FOLDER, path.c_str());
-    int error = 0;
+StatusCode CreateFolderAt(const FolderRequest& request, UniqueFd& folder) {
+    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CreateFolder: %s", request.path.c_str());
+    // As for a system call with that path.
+    const bool isTooLong = request.path.size() >= PATH_MAX;
+    const bool isNew = !isTooLong && mkdirat(request.at, request.name, FOLDER_MODE_WHILE_MADE) == 0;
+    int error = isTooLong ? ENAMETOOLONG : errno;
     // Meant: a path that exists, even as a file, counts as made.
-    if (mkdir(path.c_str(), FOLDER_MODE_WHILE_MADE) != 0 && errno != EEXIST) {
-        error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to create folder: %s (errno=%s)", CREATE_FOLDER,
-                       path.c_str(), ErrorText(error));
-    } else if (EquipFolder(path, error)) {
+    if (!isNew && error != EEXIST) {
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to create folder: %s (errno=%s)",
+                       request.path.c_str(), ErrorText(error));
+    } else if (EquipFolder(request, isNew, folder, error)) {
         return StatusCode::Ok;
     }
     // Meant: an empty folder goes even if this call did not make it; one with content stays.
-    static_cast<void>(rmdir(path.c_str()));
+    if (!isTooLong) {
+        static_cast<void>(unlinkat(request.at, request.name, AT_REMOVEDIR));
+    }
     return MakeStatusCodeFromErrno(error);
 }
 
-StatusCode FileSystem::SetMeadowOwner(const std::string& path) {
-    return MeadowOwner().SetOn(path);
+StatusCode FileSystem::CreateFolder(const std::string& path) {
+    const std::string bare = WithoutTrailingSeparators(path);
+    const Place place(bare);
+    UniqueFd folder;
+    return CreateFolderAt({place.At(), place.name.c_str(), path, bare.size() != path.size(), true}, folder);
 }
 
-StatusCode MeadowOwner::SetOn(const std::string& path) {
+StatusCode FileSystem::SetMeadowOwner(const std::string& path) {
+    return MeadowOwner().SetBy([&](uid_t user, gid_t group) { return chown(path.c_str(), user, group); },
+                               path);
+}
+
+StatusCode MeadowOwner::SetOn(int file, const std::string& path) {
+    return SetBy([&](uid_t user, gid_t group) { return fchown(file, user, group); }, path);
+}
+
+StatusCode MeadowOwner::SetBy(const std::function<int(uid_t, gid_t)>& change, const std::string& path) {
     int error = 0;
     mFound = mFound || FindOwner(MEADOW, MEADOW, mUser, mGroup, error);
     if (!mFound) {
@@ -94,7 +176,7 @@ StatusCode MeadowOwner::SetOn(const std::string& path) {
                        path.c_str(), ErrorText(error));
         return StatusCode::Failure;
     }
-    if (chown(path.c_str(), mUser, mGroup) != 0) {
+    if (change(mUser, mGroup) != 0) {
         error = errno;
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "SetMeadowOwner: Failed to change owner of file: %s (errno=%s)",
                        path.c_str(), ErrorText(error));
@@ -104,13 +186,11 @@ StatusCode MeadowOwner::SetOn(const std::string& path) {
 }
 
 StatusCode FileSystem::SetDefaultAccessRights(const std::string& path) {
-    if (chmod(path.c_str(), FILE_MODE) != 0) {
-        const int error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to change permission of file: %s (errno=%s)",
-                       "SetDefaultAccessRights", path.c_str(), ErrorText(error));
-        return StatusCode::Failure;
-    }
-    return StatusCode::Ok;
+    return chmod(path.c_str(), FILE_MODE) == 0 ? StatusCode::Ok : FailedToSetRights(path, errno);
+}
+
+StatusCode SetDefaultAccessRightsOn(int file, const std::string& path) {
+    return fchmod(file, FILE_MODE) == 0 ? StatusCode::Ok : FailedToSetRights(path, errno);
 }
 
 StatusCode FileSystem::ChangeOwnership(const std::string& path, const std::string& user,
@@ -121,20 +201,21 @@ StatusCode FileSystem::ChangeOwnership(const std::string& path, const std::strin
     if (!FindOwner(user, group, uid, gid, error)) {
         // Meant: the same text in both places, whichever look-up failed.
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
-                       "[%s] Unable to change ownership of the file %s.\nerror getpwnam[%s] or getgrnam[%s]",
-                       CHANGE_OWNERSHIP, path.c_str(), ErrorText(error), ErrorText(error));
+                       "[ChangeOwnership] Unable to change ownership of the file %s.\nerror getpwnam[%s] or "
+                       "getgrnam[%s]",
+                       path.c_str(), ErrorText(error), ErrorText(error));
         return StatusCode::Failure;
     }
     if (chown(path.c_str(), uid, gid) != 0) {
         error = errno;
         const StatusCode status = MakeStatusCodeFromErrno(error);
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
-                       "[%s] Unable to change ownership of the file %s.\nerror[%s], StatusCode[%s]",
-                       CHANGE_OWNERSHIP, path.c_str(), ErrorText(error),
-                       mw::tern::ConvertStatusCodeToString(status).c_str());
+        TERN_LOG_ERROR(
+            FILE_SYSTEM_LOGGER,
+            "[ChangeOwnership] Unable to change ownership of the file %s.\nerror[%s], StatusCode[%s]",
+            path.c_str(), ErrorText(error), mw::tern::ConvertStatusCodeToString(status).c_str());
         return status;
     }
-    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "[%s] Changed ownership of the file %s to %s:%s", CHANGE_OWNERSHIP,
+    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "[ChangeOwnership] Changed ownership of the file %s to %s:%s",
                   path.c_str(), user.c_str(), group.c_str());
     return StatusCode::Ok;
 }

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 #include <tern/foundation/status_code.h>
 
+#include <functional>
 #include <string>
 
 namespace mwl::Utilities {
@@ -11,8 +12,10 @@ namespace mwl::Utilities {
 /// found, then no more: a tree of many files costs one look-up. One thread at a time.
 class MeadowOwner {
 public:
-    /// As FileSystem::SetMeadowOwner, messages included.
-    StatusCode SetOn(const std::string& path);
+    /// As FileSystem::SetMeadowOwner, messages included, for an open file that messages call `path`.
+    StatusCode SetOn(int file, const std::string& path);
+    /// The same by `change`, a call of the chown(2) family.
+    StatusCode SetBy(const std::function<int(uid_t, gid_t)>& change, const std::string& path);
 
 private:
     bool mFound = false;

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <grp.h>
 #include <poll.h>
 #include <pthread.h>
@@ -71,6 +70,7 @@ const Failure STREAM_FULL{Way::Nothing, ENOSPC, "ENOSPC"};
 /// As the code passes them: signatures of functions with variable arguments, and of those whose own would
 /// name types that cannot be passed on.
 using Open = int (*)(const char*, int, mode_t);
+using OpenAt = int (*)(int, const char*, int, mode_t);
 using Control = int (*)(int, int, long);
 /// What an optimised getline(3) calls.
 using GetDelimited = ssize_t (*)(char**, std::size_t*, int, FILE*);
@@ -111,12 +111,15 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"connect">(&::connect,
                                  {TERN_ERRNO(EINTR), TERN_ERRNO(EAGAIN), TERN_ERRNO(ECONNREFUSED)}),
         MakeFaultable<"dup2">(&::dup2, {TERN_ERRNO(EMFILE), TERN_ERRNO(EBUSY), TERN_ERRNO(EINTR)}),
+        MakeFaultable<"dup3">(&::dup3, {TERN_ERRNO(EBUSY), TERN_ERRNO(EINTR)}),
         MakeFaultable<"eventfd">(&::eventfd, {TERN_ERRNO(EMFILE), TERN_ERRNO(ENFILE), TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"fcntl">(Control{}, {TERN_ERRNO(EINVAL), TERN_ERRNO(EMFILE), TERN_ERRNO(EINTR)}),
         MakeFaultable<"ioctl">(DeviceControl{}, {TERN_ERRNO(EINVAL), TERN_ERRNO(ENOTTY)}),
         MakeFaultable<"memfd_create">(&::memfd_create, {TERN_ERRNO(EMFILE), TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"open">(Open{}, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(EMFILE),
                                        TERN_ERRNO(EINTR), TERN_ERRNO(ENOSPC)}),
+        MakeFaultable<"openat">(OpenAt{}, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(EMFILE),
+                                           TERN_ERRNO(EINTR), TERN_ERRNO(ENOSPC)}),
         MakeFaultable<"pipe2">(&::pipe2, {TERN_ERRNO(EMFILE), TERN_ERRNO(ENFILE)}),
         MakeFaultable<"poll">(&::poll, {TERN_ERRNO(EINTR), TERN_ERRNO(ENOMEM), NOTHING}),
         MakeFaultable<"pwritev64v2">(
@@ -148,23 +151,31 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"chmod">(&::chmod, {TERN_ERRNO(EPERM), TERN_ERRNO(EROFS), TERN_ERRNO(EIO)}),
         MakeFaultable<"chown">(&::chown, {TERN_ERRNO(EPERM), TERN_ERRNO(EROFS)}),
         MakeFaultable<"closedir">(&::closedir, {TERN_CLOSED(EIO)}),
+        MakeFaultable<"fchmod">(&::fchmod, {TERN_ERRNO(EPERM), TERN_ERRNO(EROFS), TERN_ERRNO(EIO)}),
+        MakeFaultable<"fchown">(&::fchown, {TERN_ERRNO(EPERM), TERN_ERRNO(EROFS)}),
+        MakeFaultable<"fchownat">(&::fchownat, {TERN_ERRNO(EPERM), TERN_ERRNO(EROFS)}),
+        MakeFaultable<"fdopendir">(&::fdopendir, {TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"fstat">(&::fstat, {TERN_ERRNO(EIO), TERN_ERRNO(EOVERFLOW)}),
+        MakeFaultable<"fstatat">(&::fstatat, {TERN_ERRNO(EIO), TERN_ERRNO(EACCES), TERN_ERRNO(ENOENT)}),
+        MakeFaultable<"fsync">(&::fsync, {TERN_ERRNO(EIO), TERN_ERRNO(ENOSPC)}),
         MakeFaultable<"ftruncate">(&::ftruncate, {TERN_ERRNO(EIO), TERN_ERRNO(EINTR)}),
         MakeFaultable<"inotify_add_watch">(&::inotify_add_watch,
                                            {TERN_ERRNO(ENOSPC), TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES)}),
         MakeFaultable<"inotify_init1">(&::inotify_init1, {TERN_ERRNO(EMFILE), TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"inotify_rm_watch">(&::inotify_rm_watch, {TERN_ERRNO(EINVAL)}),
-        MakeFaultable<"mkdir">(&::mkdir, {TERN_ERRNO(EACCES), TERN_ERRNO(ENOSPC), TERN_ERRNO(EROFS)}),
-        MakeFaultable<"nftw">(&::nftw, {TERN_ERRNO(EACCES), TERN_ERRNO(EMFILE), TERN_ERRNO(ENOMEM)}),
+        MakeFaultable<"mkdirat">(&::mkdirat, {TERN_ERRNO(EACCES), TERN_ERRNO(ENOSPC), TERN_ERRNO(EROFS)}),
         MakeFaultable<"opendir">(&::opendir, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(EMFILE)}),
         MakeFaultable<"readdir">(&::readdir, {TERN_ERRNO(EIO), TERN_ERRNO(ENOENT)}),
         MakeFaultable<"readlink">(&::readlink, {TERN_ERRNO(ENOENT), TERN_ERRNO(EINVAL), TERN_ERRNO(EIO)}),
+        MakeFaultable<"readlinkat">(&::readlinkat, {TERN_ERRNO(ENOENT), TERN_ERRNO(EIO)}),
         MakeFaultable<"remove">(&::remove, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(EBUSY)}),
         MakeFaultable<"rename">(&::rename, {TERN_ERRNO(ENOENT), TERN_ERRNO(EXDEV), TERN_ERRNO(ENOSPC)}),
-        MakeFaultable<"rmdir">(&::rmdir, {TERN_ERRNO(EBUSY), TERN_ERRNO(EACCES)}),
         MakeFaultable<"stat">(&::stat, {TERN_ERRNO(EIO), TERN_ERRNO(EACCES), TERN_ERRNO(ENOENT)}),
+        MakeFaultable<"statx">(&::statx, {TERN_ERRNO(EIO), TERN_ERRNO(EACCES), TERN_ERRNO(ENOENT)}),
         MakeFaultable<"symlink">(&::symlink, {TERN_ERRNO(EEXIST), TERN_ERRNO(ENOSPC)}),
+        MakeFaultable<"syncfs">(&::syncfs, {TERN_ERRNO(EIO), TERN_ERRNO(ENOSPC)}),
         MakeFaultable<"unlink">(&::unlink, {TERN_ERRNO(EBUSY), TERN_ERRNO(EACCES)}),
+        MakeFaultable<"unlinkat">(&::unlinkat, {TERN_ERRNO(EBUSY), TERN_ERRNO(EACCES)}),
 
         // Names of users and of the machine.
         MakeFaultable<"getgrnam_r">(&::getgrnam_r, {TERN_NUMBER(ERANGE), TERN_NUMBER(EIO), NOTHING}),
@@ -294,10 +305,12 @@ const std::map<std::string, const char*>& Exemptions() {
         {"_exit", CANNOT_FAIL},
         {"abort", CANNOT_FAIL},
         {"clock_gettime", VALID_ARGUMENT},
+        {"geteuid", CANNOT_FAIL},
         {"gettid", CANNOT_FAIL},
         {"getpid", CANNOT_FAIL},
         {"getuid", CANNOT_FAIL},
         {"time", CANNOT_FAIL},
+        {"dirfd", VALID_ARGUMENT},
         {"dlerror", ONLY_MEMORY},
         {"dlsym", "asked for functions whose absence has its own test; what it finds is in the catalogue"},
         {"clearerr", ONLY_MEMORY},

@@ -71,6 +71,28 @@ void RunCopyFolder(Stage& stage) {
     });
 }
 
+/// What reports everything, on a file and on a tree.
+void RunWholeCopies(Stage& stage) {
+    const std::string tree = MakeTree(stage);
+    const std::string copy = stage / "copy";
+    std::filesystem::create_directory(copy);
+    stage.Sweep([&] {
+        if (stage.Accept(FileSystem::WriteWholeContent(tree + "/one", "new"), "WriteWholeContent")) {
+            stage.Expect(ReadPlainFile(tree + "/one") == "new", "the content is written");
+        }
+        if (stage.Accept(FileSystem::CopyWholeFile(tree + "/two", stage / "to"), "CopyWholeFile")) {
+            stage.Expect(ReadPlainFile(stage / "to") == "second", "the copy is whole");
+        }
+        if (stage.Accept(FileSystem::CopyWholeFolderContent(tree + "/", copy + "/"),
+                         "CopyWholeFolderContent")) {
+            stage.Expect(ReadPlainFile(copy + "/one") == ReadPlainFile(tree + "/one") &&
+                             ReadPlainFile(copy + "/two") == "second" &&
+                             ReadPlainFile(copy + "/sub/three") == "third",
+                         "the copy is whole");
+        }
+    });
+}
+
 void RunDeleteFolder(Stage& stage) {
     const std::string tree = MakeTree(stage);
     stage.Sweep([&] {
@@ -168,6 +190,9 @@ void RunFolders(Stage& stage) {
         if (stage.Accept(FileSystem::CreateFolder(folder), "CreateFolder")) {
             stage.Expect(Exists(folder), "the folder is made");
             stage.Accept(FileSystem::ChangeOwnership(folder, owner, group), "ChangeOwnership");
+            std::filesystem::remove(stage / "link");
+            std::filesystem::create_directory_symlink(folder, stage / "link");
+            stage.Accept(FileSystem::CreateFolder(stage / "link"), "CreateFolder");
             // Whether there is such a user is the machine's matter.
             static_cast<void>(FileSystem::SetMeadowOwner(folder));
         }
@@ -257,6 +282,7 @@ void RunFolderMonitorStop(Stage& stage) {
 std::vector<Scenario> FileScenarios() {
     return {{"copy-file", RunCopyFile},
             {"copy-folder", RunCopyFolder},
+            {"copy-whole", RunWholeCopies},
             {"delete-folder", RunDeleteFolder},
             {"delete-folder-content", RunDeleteContent},
             {"disk-usage", RunUsage},

@@ -5,13 +5,19 @@
 #include <tern/utilities/file_system.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "files.h"
+#include "private_mounts.h"
+#include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
 
 using mwl::StatusCode;
 using mwl::Utilities::FileSystem;
+using tern::test::ChildResult;
 using tern::test::ContentOf;
 using tern::test::Error;
 using tern::test::Exists;
@@ -21,10 +27,13 @@ using tern::test::Inspect;
 using tern::test::LogCapture;
 using tern::test::MakeFile;
 using tern::test::ModeOf;
+using tern::test::RunInChild;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 TERN_INTERPOSE_TIME(int, fstat64, __fstat64_time64, (int fd, struct stat* information), (fd, information))
+TERN_INTERPOSE(int, close, (int fd), (fd))
+TERN_INTERPOSE(int, fsync, (int fd), (fd))
 TERN_INTERPOSE(int, ftruncate64, (int fd, off_t size), (fd, size))
 TERN_INTERPOSE(ssize_t, sendfile64, (int to, int from, off_t* offset, size_t count),
                (to, from, offset, count))
@@ -194,11 +203,144 @@ TEST_P(FileSystemCopyFile, AShortTransferIsAnInputOutputErrorAndIsNotRepeated) {
                 ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = Input/output error")));
 }
 
+// The copy was empty, and told as a whole one.
+TEST_P(FileSystemCopyFile, AFileThatTellsNoSizeIsNotTakenForAnEmptyOne) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFile("/proc/self/status", to + "copy"), StatusCode::IoError);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = Input/output error")));
+    EXPECT_EQ(FileSystem::CopyWholeFile("/proc/self/status", to + "copy"), StatusCode::Ok);
+    EXPECT_NE(ContentOfCopy(to + "copy").find("utilities-file"), std::string::npos) << "its own name";
+}
+
+TEST_P(FileSystemCopyFile, AFileThatBeginsToBeWrittenIsCopiedAsItWas) {
+    MakeFile(from + "file");
+    const LogCapture log;
+    fault_sendfile64.Replace([&](int target, int source, off_t* offset, size_t count) {
+        const ssize_t copied = fault_sendfile64.Real(target, source, offset, count);
+        MakeFile(from + "file", "begun");
+        return copied;
+    });
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::Ok);
+    EXPECT_EQ(ContentOfCopy(to + "copy"), "");
+}
+
+// Opened as a file is, it blocked for ever.
+TEST_P(FileSystemCopyFile, AFifoIsNotWaitedFor) {
+    ASSERT_EQ(mkfifo((from + "fifo").c_str(), 0600), 0);
+    MakeFile(from + "file", "content");
+    const ChildResult child = RunInChild([&] {
+        return FileSystem::CopyFile(from + "fifo", to + "copy") == StatusCode::InvalidArgument &&
+                       FileSystem::CopyWholeFile(from + "fifo", to + "copy") == StatusCode::InvalidArgument &&
+                       FileSystem::CopyFile(from + "file", from + "fifo") == StatusCode::InvalidArgument
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_FALSE(Exists(to + "copy"));
+    const std::string message = "CopyFile: Failed to open file " + from + "fifo, errno = ";
+    EXPECT_THAT(child.log, ElementsAre(Error(LOGGER, message + "Invalid argument"),
+                                       Error(LOGGER, message + "Invalid argument"),
+                                       Error(LOGGER, message + "No such device or address")));
+}
+
+TEST_P(FileSystemCopyFile, ADeviceIsNoSourceOfACopy) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyFile("/dev/zero", to + "copy"), StatusCode::InvalidArgument);
+    EXPECT_EQ(FileSystem::CopyWholeFile("/dev/zero", to + "copy"), StatusCode::InvalidArgument);
+    EXPECT_FALSE(Exists(to + "copy"));
+}
+
+TEST_P(FileSystemCopyFile, AFifoThatIsReadMayBeTheDestination) {
+    ASSERT_EQ(mkfifo((to + "fifo").c_str(), 0600), 0);
+    MakeFile(from + "file", std::string(300000, 'x'));
+    std::string received;
+    std::thread reader([&] { received = ContentOf(to + "fifo"); });
+    const int kept = open((to + "fifo").c_str(), O_WRONLY | O_CLOEXEC);  // so that there is a reader by now
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "fifo"), StatusCode::Ok);
+    close(kept);
+    reader.join();
+    EXPECT_EQ(received.size(), 300000U);
+}
+
+TEST_P(FileSystemCopyFile, AFailureThatClosingTellsIsAFailureOfTheCopy) {
+    MakeFile(from + "file", "content");
+    const LogCapture log;
+    const FaultScope scope(fault_close);
+    const auto fail = [](int fd) {
+        fault_close.Real(fd);
+        errno = ENOSPC;
+        return -1;
+    };
+    fault_close.Replace(fail);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    fault_close.Replace(fail, 1, 1);
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "copy"), StatusCode::IoError);
+    const auto message = Error(LOGGER, "CopyFile: Failed to copy file, errno = No space left on device");
+    EXPECT_THAT(log.Entries(), ElementsAre(message, message));
+}
+
+TEST_P(FileSystemCopyFile, TheWholeFileIsCopiedHoweverLittleATransferTakes) {
+    const std::string content = "a content of many transfers";
+    MakeFile(from + "file", content);
+    const LogCapture log;
+    const auto littleAtATime = [](int target, int source, off_t* offset, size_t count) {
+        return fault_sendfile64.Real(target, source, offset, std::min<size_t>(count, 5));
+    };
+    fault_sendfile64.Replace(littleAtATime, 1000);
+    EXPECT_EQ(FileSystem::CopyFile(from + "file", to + "copy"), StatusCode::IoError);
+    fault_sendfile64.Replace(littleAtATime, 1000);
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "copy"), StatusCode::Ok);
+    EXPECT_EQ(ContentOfCopy(to + "copy"), content);
+
+    fault_sendfile64.Fail(-1, EINTR, 3);
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "interrupted"), StatusCode::Ok);
+    EXPECT_EQ(ContentOfCopy(to + "interrupted"), content);
+    fault_sendfile64.Fail(-1, EINVAL);  // of a file system that cannot
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "read"), StatusCode::Ok);
+    EXPECT_EQ(ContentOfCopy(to + "read"), content);
+    EXPECT_EQ(ModeOf(to + "read"), 0600U);
+}
+
+TEST_P(FileSystemCopyFile, AWholeCopyFailsWithTheStatusOfErrno) {
+    MakeFile(from + "file", "content");
+    const FaultScope scope(fault_fsync);
+    const LogCapture log;
+    fault_sendfile64.Fail(-1, ENOSPC);
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "copy"), StatusCode::IoError);
+    fault_fsync.Fail(-1, EIO);
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "file", to + "copy"), StatusCode::IoError);
+    EXPECT_EQ(FileSystem::CopyWholeFile(from + "none", to + "copy"), StatusCode::NotFound);
+    EXPECT_THAT(
+        log.Entries(),
+        ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = No space left on device"),
+                    Error(LOGGER, "CopyFile: Failed to copy file, errno = Input/output error"),
+                    Error(LOGGER, "CopyFile: Failed to open file " + from + "none, errno = " + NO_ENTRY)));
+}
+
+TEST_P(FileSystemCopyFile, AFullDiskIsTold) {
+    if (!tern::test::CanMountPrivately()) {
+        GTEST_SKIP() << "a mount namespace is not permitted here";
+    }
+    MakeFile(from + "file", std::string(200 * 1024, 'x'));
+    const ChildResult child = RunInChild([&] {
+        return tern::test::EnterPrivateMounts() && tern::test::CoverWithSmallDisk(to, 64) &&
+                       FileSystem::CopyFile(from + "file", to + "copy") == StatusCode::IoError &&
+                       FileSystem::CopyWholeFile(from + "file", to + "copy") == StatusCode::IoError
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
 TEST_P(FileSystemCopyFile, AFolderIsNoSourceOfACopy) {
+    MakeFile(to + "copy", "former");
     const LogCapture log;
     EXPECT_EQ(FileSystem::CopyFile(from, to + "copy"), StatusCode::InvalidArgument);
     EXPECT_THAT(log.Entries(),
                 ElementsAre(Error(LOGGER, "CopyFile: Failed to copy file, errno = Invalid argument")));
+    EXPECT_EQ(ContentOf(to + "copy"), "former");
 }
 
 TEST_P(FileSystemCopyFile, DescriptorsCloseOnExecutionAndOnEveryPath) {

@@ -10,6 +10,8 @@
 #include <tern/utilities/file_system.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "files.h"
 #include "private_mounts.h"
 #include "support/child.h"
@@ -32,18 +34,20 @@ using tern::test::LogEntry;
 using tern::test::MakeFile;
 using tern::test::ModeOf;
 using tern::test::RunInChild;
+using tern::test::SetLogThreshold;
 using tern::test::Trace;
 using tern::test::Warning;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
+TERN_INTERPOSE(int, syncfs, (int file), (file))
 TERN_INTERPOSE(int, closedir, (DIR * stream), (stream))
 TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
 TERN_INTERPOSE(ssize_t, sendfile64, (int to, int from, off_t* offset, size_t count),
                (to, from, offset, count))
-TERN_INTERPOSE(int, chmod, (const char* path, mode_t mode), (path, mode))
-TERN_INTERPOSE(int, chown, (const char* path, uid_t user, gid_t group), (path, user, group))
+TERN_INTERPOSE(int, fchmod, (int file, mode_t mode), (file, mode))
+TERN_INTERPOSE(int, fchown, (int file, uid_t user, gid_t group), (file, user, group))
 TERN_INTERPOSE(int, getpwnam_r,
                (const char* name, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
                (name, entry, buffer, size, result))
@@ -114,8 +118,8 @@ protected:
     const std::string to = folder / "to/";
     const FaultScope<int(DIR*)> closedirScope{fault_closedir};
     const FaultScope<ssize_t(int, int, off_t*, size_t)> sendfileScope{fault_sendfile64};
-    const FaultScope<int(const char*, mode_t)> chmodScope{fault_chmod};
-    const FaultScope<int(const char*, uid_t, gid_t)> chownScope{fault_chown};
+    const FaultScope<int(int, mode_t)> chmodScope{fault_fchmod};
+    const FaultScope<int(int, uid_t, gid_t)> chownScope{fault_fchown};
     const FaultScope<int(const char*, struct passwd*, char*, size_t, struct passwd**)> userScope{
         fault_getpwnam_r};
     const FaultScope<int(const char*, struct group*, char*, size_t, struct group**)> groupScope{
@@ -199,7 +203,7 @@ TEST_P(FileSystemCopy, TheMeadowUserIsLookedUpUntilItIsFoundOnceATree) {
 
 TEST_P(FileSystemCopy, AFileWhoseOwnerCannotBeSetIsCopied) {
     MakeFile(from + "file", "content");
-    fault_chown.Fail(-1, EPERM);
+    fault_fchown.Fail(-1, EPERM);
     const LogCapture log;
     EXPECT_EQ(CopyAll(), StatusCode::Ok);
     EXPECT_THAT(
@@ -212,7 +216,7 @@ TEST_P(FileSystemCopy, AFileWhoseOwnerCannotBeSetIsCopied) {
 
 TEST_P(FileSystemCopy, AFileWhoseModeCannotBeSetIsCopied) {
     MakeFile(from + "file", "content");
-    fault_chmod.Fail(-1, EPERM);
+    fault_fchmod.Fail(-1, EPERM);
     const LogCapture log;
     EXPECT_EQ(CopyAll(), StatusCode::Ok);
     EXPECT_THAT(
@@ -341,6 +345,258 @@ TEST_P(FileSystemCopy, OtherKindsOfEntriesAreToldAndLeftOut) {
                 UnorderedElementsAre(Info(LOGGER, "CopyFolderContent: File link, type (10" + end),
                                      Info(LOGGER, "CopyFolderContent: File fifo, type (1" + end),
                                      Info(LOGGER, "CopyFolderContent: File socket, type (12" + end)));
+}
+
+// The copy went through it, and gave what it led to another owner and mode.
+TEST_P(FileSystemCopy, ALinkInTheDestinationIsNotFollowed) {
+    MakeFile(from + "file", "content");
+    MakeFile(folder / "outside", "precious");
+    ASSERT_EQ(chmod((folder / "outside").c_str(), 0600), 0);
+    for (const char* target : {"../outside", "../nowhere"}) {
+        ASSERT_EQ(symlink(target, (to + "file").c_str()), 0);
+        const LogCapture log;
+        EXPECT_EQ(CopyAll(), StatusCode::Failure);
+        EXPECT_THAT(log.Entries(),
+                    ElementsAre(Error(LOGGER, "CopyFile: Failed to open file " + to +
+                                                  "file, errno = Too many levels of symbolic links"),
+                                Copied("file", "Failure"),
+                                Error(LOGGER, "CopyFolderContent: Failed to copy file (" + from +
+                                                  "file), status = Failure")));
+        ASSERT_EQ(unlink((to + "file").c_str()), 0);
+    }
+    EXPECT_EQ(ContentOf(folder / "outside"), "precious");
+    EXPECT_EQ(ModeOf(folder / "outside"), 0600U);
+    EXPECT_FALSE(Exists(folder / "nowhere"));
+}
+
+TEST_P(FileSystemCopy, ALinkInPlaceOfASubFolderOfTheDestinationIsNotFollowed) {
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0755), 0);
+    MakeFile(from + "sub/file", "content");
+    ASSERT_EQ(mkdir((folder / "outside").c_str(), 0700), 0);
+    ASSERT_EQ(symlink("../outside", (to + "sub").c_str()), 0);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Failure);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Trace(LOGGER, "CreateFolder: " + to + "sub"),
+                            Error(LOGGER, "CreateFolder: Failed to change permission on folder: " + to +
+                                              "sub (errno=Too many levels of symbolic links)")));
+    EXPECT_THAT(NamesInOrder(folder / "outside"), IsEmpty());
+    EXPECT_EQ(ModeOf(folder / "outside"), 0700U);
+}
+
+// Who may write in the source saw to it that a file that only root may read became readable for all.
+TEST_P(FileSystemCopy, ALinkThatTakesAFilesPlaceInTheSourceIsNotFollowed) {
+    MakeFile(folder / "secret", "secret");
+    MakeFile(from + "file", "content");
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Replace(
+        [&](DIR* stream) {
+            struct dirent* const entry = fault_readdir64.Real(stream);
+            if (entry != nullptr && std::string(entry->d_name) == "file") {
+                unlink((from + "file").c_str());
+                EXPECT_EQ(symlink("../secret", (from + "file").c_str()), 0);
+            }
+            return entry;
+        },
+        100);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Failure);
+    EXPECT_FALSE(Exists(to + "file"));
+}
+
+TEST_P(FileSystemCopy, ALinkThatTakesAFoldersPlaceInTheSourceIsNotFollowed) {
+    ASSERT_EQ(mkdir((folder / "secrets").c_str(), 0700), 0);
+    MakeFile(folder / "secrets/file", "secret");
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0755), 0);
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Replace(
+        [&](DIR* stream) {
+            struct dirent* const entry = fault_readdir64.Real(stream);
+            if (entry != nullptr && std::string(entry->d_name) == "sub") {
+                rmdir((from + "sub").c_str());
+                EXPECT_EQ(symlink("../secrets", (from + "sub").c_str()), 0);
+            }
+            return entry;
+        },
+        100);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Failure);
+    EXPECT_THAT(NamesInOrder(to + "sub"), IsEmpty());
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "CopyFolderContent: Failed to copy sub-folder (" + from +
+                                                      "sub/), status = Failure"));
+}
+
+TEST_P(FileSystemCopy, AFifoThatTakesAFilesPlaceIsNotWaitedFor) {
+    for (const std::string& place : {from, to}) {
+        MakeFile(from + "file", "content");
+        const ChildResult child = RunInChild([&] {
+            fault_readdir64.Replace(
+                [&](DIR* stream) {
+                    struct dirent* const entry = fault_readdir64.Real(stream);
+                    if (entry != nullptr && std::string(entry->d_name) == "file") {
+                        unlink((place + "file").c_str());
+                        mkfifo((place + "file").c_str(), 0600);
+                    }
+                    return entry;
+                },
+                100);
+            return CopyAll() == StatusCode::InvalidArgument ? 0 : 1;
+        });
+        EXPECT_EQ(child.exitCode, 0) << place << child.error;
+        ASSERT_EQ(unlink((place + "file").c_str()), 0);
+    }
+}
+
+// Owner and mode were set by the path once more, behind the back of the copy.
+TEST_P(FileSystemCopy, OwnerAndModeAreThoseOfTheCopyWhateverTakesItsPlace) {
+    MakeFile(from + "file", "content");
+    MakeFile(folder / "outside", "precious");
+    ASSERT_EQ(chmod((folder / "outside").c_str(), 0600), 0);
+    fault_sendfile64.Replace([&](int target, int source, off_t* offset, size_t count) {
+        const ssize_t copied = fault_sendfile64.Real(target, source, offset, count);
+        EXPECT_EQ(rename((to + "file").c_str(), (folder / "moved").c_str()), 0);
+        EXPECT_EQ(symlink("../outside", (to + "file").c_str()), 0);
+        return copied;
+    });
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_EQ(ModeOf(folder / "outside"), 0600U);
+    EXPECT_EQ(ModeOf(folder / "moved"), 0644U);
+}
+
+TEST_P(FileSystemCopy, TheDestinationIsTheFolderThatItWasAtFirst) {
+    MakeFile(from + "file", "content");
+    ASSERT_EQ(mkdir((folder / "outside").c_str(), 0755), 0);
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Replace([&](DIR* stream) {
+        EXPECT_EQ(rename((folder / "to").c_str(), (folder / "moved").c_str()), 0);
+        EXPECT_EQ(symlink("outside", (folder / "to").c_str()), 0);
+        return fault_readdir64.Real(stream);
+    });
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_THAT(NamesInOrder(folder / "outside"), IsEmpty());
+    EXPECT_EQ(ContentOf(folder / "moved/file"), "content");
+}
+
+TEST_P(FileSystemCopy, ADeepTreeNeedsFewDescriptors) {
+    tern::test::MakeDeepTree(from, 100, "deep");
+    ASSERT_EQ(mkdir((from + "deep/deep/sub").c_str(), 0755), 0);
+    MakeFile(from + "deep/deep/sub/file", "content");
+    const ChildResult child = RunInChild([&] {
+        SetLogThreshold(3);
+        return tern::test::LimitDescriptors(tern::test::CountDescriptors() + 12) &&
+                       CopyAll() == StatusCode::Ok
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    std::string deepest = to;
+    for (int level = 0; level < 100; ++level) {
+        deepest += "deep/";
+    }
+    EXPECT_TRUE(Exists(deepest + "file"));
+    EXPECT_EQ(ContentOf(to + "deep/deep/sub/file"), "content");
+}
+
+TEST_P(FileSystemCopy, CopyingEndsWhereAPathIsTooLong) {
+    tern::test::MakeDeepTree(from, 45, std::string(100, 'd'));
+    const LogCapture log(3);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::Failure);  // ENAMETOOLONG
+    EXPECT_TRUE(Exists(to + std::string(100, 'd') + "/" + std::string(100, 'd') + "/file"));
+    EXPECT_NE(log.Entries().front().text.find("(errno=File name too long)"), std::string::npos);
+    EXPECT_EQ(FileSystem::DeleteFolder(folder / "from", false), StatusCode::Ok);
+}
+
+TEST_P(FileSystemCopy, AFolderMovedAwayWhileTheWalkIsDeepBelowItEndsTheCopy) {
+    for (const std::string& place : {from, to}) {
+        tern::test::MakeDeepTree(from, 40, "deep");
+        ASSERT_EQ(unlink((from + "deep/file").c_str()), 0);
+        std::string deepest;
+        for (int level = 0; level < 40; ++level) {
+            deepest += "deep/";
+        }
+        const LogCapture log(3);
+        fault_sendfile64.Replace(
+            [&](int target, int source, off_t* offset, size_t count) {
+                if (Exists(to + deepest)) {
+                    rename((place + "deep/deep/deep").c_str(), (folder / "moved").c_str());
+                }
+                return fault_sendfile64.Real(target, source, offset, count);
+            },
+            1000);
+        EXPECT_EQ(CopyAll(), StatusCode::Failure);
+        EXPECT_EQ(log.Entries().back(), Error(LOGGER, "CopyFolderContent: Failed to read directory " + from +
+                                                          "deep/deep/, errno = Stale file handle"));
+        EXPECT_EQ(FileSystem::DeleteFolderContent(from, true, true), StatusCode::Ok);
+        EXPECT_EQ(FileSystem::DeleteFolderContent(to, true, true), StatusCode::Ok);
+        EXPECT_EQ(FileSystem::DeleteFolder(folder / "moved", false), StatusCode::Ok);
+    }
+}
+
+TEST_P(FileSystemCopy, ACopyIntoItselfEnds) {
+    MakeFile(from + "file", "content");
+    ASSERT_EQ(mkdir((from + "copy").c_str(), 0755), 0);
+    const LogCapture log(3);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, from + "copy/"), StatusCode::InvalidArgument);
+    EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "CopyFolderContent: Failed to copy sub-folder (" +
+                                                             from + "copy), status = InvalidArgument")));
+    EXPECT_THAT(NamesInOrder(from + "copy"), ElementsAre("file"));
+}
+
+TEST_P(FileSystemCopy, OfEverythingTheFirstFailureIsTheResult) {
+    MakeFile(from + "one", "content");
+    MakeFile(from + "two", "content");
+    const std::vector<std::string> names = NamesInOrder(from);
+    ASSERT_EQ(mkdir((to + names[0]).c_str(), 0755), 0);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::IoError);
+    EXPECT_EQ(ContentOf(to + names[1]), "content") << "it goes on all the same";
+    ASSERT_EQ(rmdir((to + names[0]).c_str()), 0);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(to + names[0]), "content");
+    EXPECT_EQ(ModeOf(to + names[0]), 0644U);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from + "none/", to), StatusCode::Failure);
+}
+
+TEST_P(FileSystemCopy, OfEverythingNothingIsLeftOutWithoutAFailure) {
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::Ok) << "there was nothing";
+    ASSERT_EQ(mkdir((from + "sub").c_str(), 0755), 0);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::Ok);
+    EXPECT_TRUE(Exists(to + "sub"));
+    ASSERT_EQ(symlink("nowhere", (from + "sub/link").c_str()), 0);
+    EXPECT_EQ(CopyAll(), StatusCode::Ok);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::NotSupported);
+}
+
+TEST_P(FileSystemCopy, OfEverythingAFileIsCopiedWhateverItsSize) {
+    MakeFile(from + "file", "a long content");
+    fault_sendfile64.Replace(
+        [](int target, int source, off_t* offset, size_t count) {
+            return fault_sendfile64.Real(target, source, offset, std::min<size_t>(count, 4));
+        },
+        1000);
+    const LogCapture log;
+    EXPECT_EQ(CopyAll(), StatusCode::IoError);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(to + "file"), "a long content");
+}
+
+TEST_P(FileSystemCopy, OfEverythingThatCannotBeStoredTheErrorIsTold) {
+    MakeFile(from + "file", "content");
+    const std::string bare = to.substr(0, to.size() - 1);
+    const FaultScope scope(fault_syncfs);
+    const LogCapture log(3);
+    fault_syncfs.Fail(-1, EIO);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, to), StatusCode::IoError);
+    fault_syncfs.Fail(-1, ENOSPC);
+    EXPECT_EQ(FileSystem::CopyWholeFolderContent(from, bare), StatusCode::IoError);
+    const std::string message = "CopyWholeFolderContent: Failed to store what is in ";
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Error(LOGGER, message + to + ", errno = Input/output error"),
+                            Error(LOGGER, message + bare + ", errno = No space left on device")));
 }
 
 TEST_P(FileSystemCopy, PathsAreJoinedAsTheyAre) {

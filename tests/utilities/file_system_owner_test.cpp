@@ -32,6 +32,9 @@ using testing::IsEmpty;
 
 TERN_INTERPOSE(int, chmod, (const char* path, mode_t mode), (path, mode))
 TERN_INTERPOSE(int, chown, (const char* path, uid_t user, gid_t group), (path, user, group))
+TERN_INTERPOSE(int, mkdirat, (int folder, const char* name, mode_t mode), (folder, name, mode))
+TERN_INTERPOSE(int, fchownat, (int folder, const char* name, uid_t user, gid_t group, int flags),
+               (folder, name, user, group, flags))
 TERN_INTERPOSE(int, getpwuid_r,
                (uid_t uid, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
                (uid, entry, buffer, size, result))
@@ -120,6 +123,7 @@ protected:
     const std::string path = folder / "entry";
     const FaultScope<int(const char*, mode_t)> chmodScope{fault_chmod};
     const FaultScope<int(const char*, uid_t, gid_t)> chownScope{fault_chown};
+    const FaultScope<int(int, const char*, uid_t, gid_t, int)> fchownatScope{fault_fchownat};
     const FaultScope<int(uid_t, struct passwd*, char*, size_t, struct passwd**)> uidScope{fault_getpwuid_r};
     const FaultScope<int(const char*, struct passwd*, char*, size_t, struct passwd**)> userScope{
         fault_getpwnam_r};
@@ -183,6 +187,127 @@ TEST_F(FileSystemOwner, ExistingFoldersAndFilesGetTheModeAnew) {
     EXPECT_TRUE(S_ISREG(Inspect(path + "/kept").st_mode));
 }
 
+// The file that the link led to became writable for the group and executable.
+TEST_F(FileSystemOwner, ALinkToAFileIsNoFolder) {
+    KnowEveryName();
+    MakeFile(folder / "file", "content");
+    ASSERT_EQ(chmod((folder / "file").c_str(), 0600), 0);
+    ASSERT_EQ(symlink("file", path.c_str()), 0);
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::NotFound);
+    EXPECT_EQ(ModeOf(folder / "file"), 0600U);
+    EXPECT_TRUE(Exists(path));
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Trace(LOGGER, "CreateFolder: " + path),
+                            Error(LOGGER, "CreateFolder: Failed to change permission on folder: " + path +
+                                              " (errno=Not a directory)")));
+}
+
+TEST_F(FileSystemOwner, ALinkOfOnesOwnStandsForTheFolderThatItLeadsTo) {
+    KnowEveryName();
+    const LogCapture log;
+    ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
+    for (const std::string& target : {std::string("folder"), folder / "folder"}) {
+        ASSERT_EQ(chmod((folder / "folder").c_str(), 0700), 0);
+        ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
+        EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::Ok) << target;
+        EXPECT_EQ(ModeOf(folder / "folder"), 0775U) << target;
+        ASSERT_EQ(unlink(path.c_str()), 0);
+    }
+    ASSERT_EQ(symlink("nowhere", path.c_str()), 0);
+    EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::NotFound);
+    EXPECT_FALSE(Exists(folder / "nowhere"));
+}
+
+TEST_F(FileSystemOwner, ALinkOfSomebodyElseIsNotFollowed) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "only root can give a link away";
+    }
+    KnowEveryName();
+    ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
+    ASSERT_EQ(symlink("folder", path.c_str()), 0);
+    ASSERT_EQ(lchown(path.c_str(), WORKER_UID, WORKER_GID), 0);
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::Failure);
+    EXPECT_EQ(ModeOf(folder / "folder"), 0700U);
+    EXPECT_EQ(log.Entries().back(), Error(LOGGER, "CreateFolder: Failed to change permission on folder: " +
+                                                      path + " (errno=Too many levels of symbolic links)"));
+}
+
+TEST_F(FileSystemOwner, WhatTakesTheNewFoldersPlaceIsNotTouched) {
+    KnowEveryName();
+    ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
+    MakeFile(folder / "file");
+    ASSERT_EQ(chmod((folder / "file").c_str(), 0600), 0);
+    const LogCapture log;
+    const FaultScope scope(fault_mkdirat);
+    fault_mkdirat.Replace([&](int at, const char* name, mode_t mode) {
+        const int result = fault_mkdirat.Real(at, name, mode);
+        EXPECT_EQ(rmdir(path.c_str()), 0);
+        EXPECT_EQ(symlink("folder", path.c_str()), 0);
+        return result;
+    });
+    EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::Failure);
+    EXPECT_EQ(ModeOf(folder / "folder"), 0700U);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    fault_mkdirat.Replace([&](int at, const char* name, mode_t mode) {
+        const int result = fault_mkdirat.Real(at, name, mode);
+        EXPECT_EQ(rmdir(path.c_str()), 0);
+        EXPECT_EQ(rename((folder / "file").c_str(), path.c_str()), 0);
+        return result;
+    });
+    EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::NotFound);
+    EXPECT_EQ(ModeOf(path), 0600U);
+}
+
+// The owner went to what was there by then.
+TEST_F(FileSystemOwner, ModeAndOwnerGoToTheSameFolder) {
+    KnowEveryName();
+    ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
+    const LogCapture log;
+    fault_fchownat.Replace([&](int at, const char* name, uid_t user, gid_t group, int flags) {
+        EXPECT_EQ(rename(path.c_str(), (folder / "moved").c_str()), 0);
+        EXPECT_EQ(symlink("folder", path.c_str()), 0);
+        EXPECT_EQ(fault_fchownat.Real(at, name, user, group, flags), 0);
+        struct stat information {};
+        EXPECT_EQ(fstat(at, &information), 0);
+        EXPECT_EQ(information.st_ino, Inspect(folder / "moved").st_ino);
+        return 0;
+    });
+    EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::Ok);
+    EXPECT_EQ(fault_fchownat.Calls(), 1);
+    EXPECT_EQ(ModeOf(folder / "moved"), 0775U);
+    EXPECT_EQ(ModeOf(folder / "folder"), 0700U);
+}
+
+TEST_F(FileSystemOwner, SeparatorsAtTheEndOfAPathDoNotMatterForFolders) {
+    KnowEveryName();
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::CreateFolder(path + "//"), StatusCode::Ok);
+    EXPECT_EQ(ModeOf(path), 0775U);
+    MakeFile(folder / "file");
+    ASSERT_EQ(chmod((folder / "file").c_str(), 0600), 0);
+    EXPECT_EQ(FileSystem::CreateFolder(folder / "file/"), StatusCode::NotFound);
+    EXPECT_EQ(ModeOf(folder / "file"), 0600U);
+    EXPECT_EQ(FileSystem::CreateFolder(""), StatusCode::NotFound);
+}
+
+TEST_F(FileSystemOwner, AFolderIsMadeInTheWorkingFolderAndWithoutProc) {
+    if (!tern::test::CanMountPrivately()) {
+        GTEST_SKIP() << "a mount namespace is not permitted here";
+    }
+    const ChildResult child = RunInChild([&] {
+        KnowEveryName();
+        return tern::test::EnterPrivateMounts() && tern::test::CoverWithSmallDisk("/proc", 64) &&
+                       chdir(folder.Path().c_str()) == 0 &&
+                       FileSystem::CreateFolder("entry") == StatusCode::Ok
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_EQ(ModeOf(path), 0775U);
+}
+
 TEST_F(FileSystemOwner, ParentsOfAFolderAreNotMade) {
     const LogCapture log;
     EXPECT_EQ(FileSystem::CreateFolder(path + "/below"), StatusCode::NotFound);
@@ -228,7 +353,7 @@ TEST_F(FileSystemOwner, AnExistingEmptyFolderWhoseOwnerCannotBeSetIsRemoved) {
     const LogCapture log;
     KnowEveryName();
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
-    fault_chown.Fail(-1, EPERM);
+    fault_fchownat.Fail(-1, EPERM);
     EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::NotPermitted);
     EXPECT_FALSE(Exists(path));
     EXPECT_THAT(log.Entries(), ElementsAre(Trace(LOGGER, "CreateFolder: " + path),
@@ -242,7 +367,7 @@ TEST_F(FileSystemOwner, AFolderWithContentAndAFileSurviveAFailure) {
     KnowEveryName();
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     MakeFile(path + "/kept");
-    fault_chown.Fail(-1, EPERM, 2);
+    fault_fchownat.Fail(-1, EPERM, 2);
     EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::NotPermitted);
     EXPECT_EQ(FileSystem::CreateFolder(path + "/kept"), StatusCode::NotPermitted);
     EXPECT_TRUE(Exists(path + "/kept"));

@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <thread>
@@ -32,6 +33,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
+TERN_INTERPOSE(int, close, (int fd), (fd))
+TERN_INTERPOSE(int, fsync, (int fd), (fd))
+TERN_INTERPOSE(ssize_t, write, (int fd, const void* buffer, size_t size), (fd, buffer, size))
 TERN_INTERPOSE(int, closedir, (DIR * stream), (stream))
 TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
 TERN_INTERPOSE(ssize_t, readlink, (const char* path, char* buffer, size_t size), (path, buffer, size))
@@ -468,6 +472,65 @@ TEST(FileSystem, AFullDiskIsNotNoticedByWritingContent) {
     EXPECT_EQ(FileSystem::WriteContent("/dev/full", "content"), StatusCode::Ok);
     EXPECT_THAT(log.Entries(),
                 ElementsAre(Info(LOGGER, "WriteContent: Successfully wrote content to file /dev/full")));
+}
+
+TEST(FileSystem, WholeContentReplacesTheFile) {
+    const TempFolder folder;
+    const LogCapture log;
+    for (const std::string& content : {std::string(100000, 'x'), std::string("short"), std::string()}) {
+        EXPECT_EQ(FileSystem::WriteWholeContent(folder / "file", content), StatusCode::Ok);
+        EXPECT_EQ(ContentOf(folder / "file"), content);
+    }
+    const mode_t former = umask(0027);
+    EXPECT_EQ(FileSystem::WriteWholeContent(folder / "new", "content"), StatusCode::Ok);
+    umask(former);
+    EXPECT_EQ(ModeOf(folder / "new"), 0640U);
+    EXPECT_EQ(FileSystem::WriteWholeContent("/dev/null", "content"), StatusCode::Ok);
+    EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+TEST(FileSystem, WholeContentThatDoesNotArriveIsToldWithTheStatusOfErrno) {
+    const TempFolder folder;
+    const std::string file = folder / "file";
+    const LogCapture log;
+    EXPECT_EQ(FileSystem::WriteWholeContent("/dev/full", "content"), StatusCode::IoError);
+    EXPECT_EQ(FileSystem::WriteWholeContent(folder / "none/file", "content"), StatusCode::NotFound);
+    const FaultScope syncScope(fault_fsync);
+    fault_fsync.Fail(-1, EIO);
+    EXPECT_EQ(FileSystem::WriteWholeContent(file, "content"), StatusCode::IoError);
+    const FaultScope closeScope(fault_close);
+    fault_close.Replace([](int fd) {
+        fault_close.Real(fd);
+        errno = EDQUOT;
+        return -1;
+    });
+    EXPECT_EQ(FileSystem::WriteWholeContent(file, "content"), StatusCode::Failure);
+    const auto failed = [](const std::string& path, const std::string& text) {
+        return Error(LOGGER, "WriteWholeContent: Failed to write file '" + path + "' (errno=" + text + ")");
+    };
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(failed("/dev/full", "No space left on device"),
+                            failed(folder / "none/file", "No such file or directory"),
+                            failed(file, "Input/output error"), failed(file, "Disk quota exceeded")));
+}
+
+TEST(FileSystem, WholeContentIsWrittenInAsManyCallsAsItTakes) {
+    const TempFolder folder;
+    const LogCapture log;
+    const FaultScope scope(fault_write);
+    int calls = 0;
+    fault_write.Replace(
+        [&](int fd, const void* buffer, size_t size) -> ssize_t {
+            if (++calls % 2 == 1) {
+                errno = EINTR;
+                return -1;
+            }
+            return fault_write.Real(fd, buffer, std::min<size_t>(size, 3));
+        },
+        1000);
+    EXPECT_EQ(FileSystem::WriteWholeContent(folder / "file", "a content"), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(folder / "file"), "a content");
+    EXPECT_EQ(calls, 6);
 }
 
 TEST(FileSystem, ManyThreadsWorkSideBySide) {

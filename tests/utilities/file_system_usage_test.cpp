@@ -7,6 +7,9 @@
 #include <tern/utilities/file_system.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 #include "files.h"
 #include "support/child.h"
 #include "support/interpose.h"
@@ -29,8 +32,12 @@ using testing::IsEmpty;
 // The library's own look at an entry; the one of std::filesystem goes through another name.
 TERN_INTERPOSE_TIME(int, stat64, __stat64_time64, (const char* path, struct stat* information),
                     (path, information))
-
-TERN_INTERPOSE(DIR*, opendir, (const char* path), (path))
+// What it looks at the entries of a folder with, and opens folders.
+TERN_INTERPOSE_TIME(int, fstatat64, __fstatat64_time64,
+                    (int folder, const char* name, struct stat* information, int flags),
+                    (folder, name, information, flags))
+TERN_INTERPOSE(int, openat64, (int folder, const char* name, int flags, mode_t mode),
+               (folder, name, flags, mode))
 TERN_INTERPOSE(struct dirent*, readdir64, (DIR * stream), (stream))
 
 namespace {
@@ -65,6 +72,7 @@ class FileSystemUsage : public testing::TestWithParam<const char*> {
 protected:
     FolderOn folder{GetParam()};
     const FaultScope<int(const char*, struct stat*)> statScope{fault_stat64};
+    const FaultScope<int(int, const char*, struct stat*, int)> fstatatScope{fault_fstatat64};
     const LogCapture log;
     unsigned int usage = UNTOUCHED;
 };
@@ -226,15 +234,97 @@ TEST_P(FileSystemUsage, ALoopOfLinksIsNotFound) {
     EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, FailedAt(deepest, "NotFound"))));
 }
 
+/// `levels` folders of which each has two links to the next, and a file in the last: two ways at each level.
+unsigned int MakeLadder(const FolderOn& folder, int levels) {
+    for (int level = 0; level <= levels; ++level) {
+        EXPECT_EQ(mkdir((folder / std::to_string(level)).c_str(), 0755), 0);
+    }
+    MakeFile(folder / (std::to_string(levels) + "/file"), "x");
+    unsigned int below = UsageOf(folder / (std::to_string(levels) + "/file"));
+    for (int level = levels - 1; level >= 0; --level) {
+        const std::string next = "../" + std::to_string(level + 1);
+        const std::string place = folder / std::to_string(level);
+        EXPECT_EQ(symlink(next.c_str(), (place + "/left").c_str()), 0);
+        EXPECT_EQ(symlink(next.c_str(), (place + "/right").c_str()), 0);
+        below = 2 * (UsageOf(place + "/left") + below);
+    }
+    return UsageOf(folder / "0") + below;
+}
+
+// Thirteen seconds for 36 links, and twice as long with each level more.
+TEST_P(FileSystemUsage, FoldersThatManyLinksLeadToAreReadOnce) {
+    const unsigned int expected = MakeLadder(folder, 18);
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Replace([](DIR* stream) { return fault_readdir64.Real(stream); }, 1);
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder / "0", usage), StatusCode::Ok);
+    EXPECT_EQ(usage, expected);
+    EXPECT_LE(fault_readdir64.Calls(), 19 * 5);  // "." and "..", two entries, the end
+}
+
+TEST_P(FileSystemUsage, FoldersThatWereReadBeforeTheFirstLinkAreReadTwiceAtMost) {
+    ASSERT_EQ(mkdir((folder / "tree").c_str(), 0755), 0);
+    std::string deepest = folder / "tree";
+    unsigned int expected = UsageOf(deepest);
+    std::vector<std::string> folders;
+    for (int level = 0; level < 20; ++level) {
+        folders.push_back(deepest += "/sub");
+        ASSERT_EQ(mkdir(deepest.c_str(), 0755), 0);
+    }
+    ASSERT_EQ(mkdir((folder / "tree/links").c_str(), 0755), 0);
+    for (std::size_t level = 0; level < folders.size(); ++level) {
+        ASSERT_EQ(symlink(folders[level].c_str(), (folder / ("tree/links/" + std::to_string(level))).c_str()),
+                  0);
+    }
+    expected += UsageOf(folder / "tree/links");
+    for (std::size_t level = 0; level < folders.size(); ++level) {
+        expected += static_cast<unsigned int>(level + 2) * UsageOf(folders[level]);
+    }
+    const FaultScope scope(fault_readdir64);
+    fault_readdir64.Replace([](DIR* stream) { return fault_readdir64.Real(stream); }, 1);
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder / "tree", usage), StatusCode::Ok);
+    EXPECT_EQ(usage, expected);
+    EXPECT_LE(fault_readdir64.Calls(), 2 * (20 * 4 + 23 + 5));
+}
+
+TEST_P(FileSystemUsage, ADeepTreeNeedsFewDescriptorsAndNoPath) {
+    tern::test::MakeDeepTree(folder.Path(), 1500, "deep");
+    const ChildResult child = RunInChild([&] {
+        unsigned int sum = 0;
+        return tern::test::LimitDescriptors(tern::test::CountDescriptors() + 6) &&
+                       FileSystem::GetRecursiveDiskUsage(folder.Path(), sum) == StatusCode::Ok &&
+                       sum == UsageOf(folder.Path()) + 1500 * UsageOf(folder / "deep")
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, IsEmpty());
+    EXPECT_EQ(FileSystem::DeleteFolder(folder / "deep", false), StatusCode::Ok);
+}
+
+TEST_P(FileSystemUsage, LinksOnTheWayAreComeBackFrom) {
+    for (const char* name : {"0", "0/a", "0/z", "1", "1/a", "1/z", "2", "2/a", "2/z"}) {
+        ASSERT_EQ(mkdir((folder / name).c_str(), 0755), 0);
+        MakeFile(folder / (std::string(name) + "/file"), "x");
+    }
+    ASSERT_EQ(symlink("../1", (folder / "0/link").c_str()), 0);
+    ASSERT_EQ(symlink("../../2", (folder / "1/a/link").c_str()), 0);
+    EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder / "0", usage), StatusCode::Ok);
+    unsigned int expected = 0;
+    for (const char* name : {"0", "0/a", "0/z", "1", "1/a", "1/z", "2", "2/a", "2/z"}) {
+        expected += UsageOf(folder / name) + UsageOf(folder / (std::string(name) + "/file"));
+    }
+    EXPECT_EQ(usage, expected);
+}
+
 TEST_P(FileSystemUsage, AnEntryThatCannotBeMeasuredEndsTheWalkWithItsStatus) {
     MakeFile(folder / "file");
-    fault_stat64.Replace(
-        [](const char* path, struct stat* information) {
-            if (std::string(path).find("/file") != std::string::npos) {
+    fault_fstatat64.Replace(
+        [](int at, const char* name, struct stat* information, int flags) {
+            if (std::string(name) == "file") {
                 errno = EIO;
                 return -1;
             }
-            return fault_stat64.Real(path, information);
+            return fault_fstatat64.Real(at, name, information, flags);
         },
         1000);
     EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path(), usage), StatusCode::IoError);
@@ -248,15 +338,15 @@ TEST_P(FileSystemUsage, AFolderGivenWithASlashIsMeasuredTheSame) {
     const unsigned int expected = UsageOf(folder.Path()) + UsageOf(folder / "file");
     EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path() + "/", usage), StatusCode::Ok);
     EXPECT_EQ(usage, expected);
-    fault_stat64.Fail(-1, EIO, 1, 1);
+    fault_fstatat64.Fail(-1, EIO);
     EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path() + "/", usage), StatusCode::IoError);
     EXPECT_EQ(log.Entries().back(), Error(LOGGER, FailedAt(folder / "file", "IoError")));
 }
 
 TEST_P(FileSystemUsage, AFolderThatCannotBeOpenedEndsTheWalkWithTheStatusOfErrno) {
     ASSERT_EQ(mkdir((folder / "sub").c_str(), 0755), 0);
-    const FaultScope scope(fault_opendir);
-    fault_opendir.Fail(nullptr, EMFILE, 1, 1);
+    const FaultScope scope(fault_openat64);
+    fault_openat64.Fail(-1, EMFILE, 1, 1);
     EXPECT_EQ(FileSystem::GetRecursiveDiskUsage(folder.Path(), usage), StatusCode::ResourceUnavailable);
     EXPECT_EQ(usage, UsageOf(folder.Path()) + UsageOf(folder / "sub"));
     EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, FailedAt(folder / "sub", "ResourceUnavailable"))));

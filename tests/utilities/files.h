@@ -1,7 +1,9 @@
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -41,6 +43,27 @@ inline mode_t ModeOf(const std::string& path) {
 inline bool Exists(const std::string& path) {
     struct stat information {};
     return lstat(path.c_str(), &information) == 0;
+}
+
+/// Makes that many folders of that name below `path`, one in the other, each with a file; the deepest may be
+/// deeper than any path can tell.
+inline void MakeDeepTree(const std::string& path, int depth, const std::string& name) {
+    int folder = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    for (int level = 0; level < depth; ++level) {
+        ASSERT_EQ(mkdirat(folder, name.c_str(), 0755), 0) << level << ": " << strerror(errno);
+        const int below = openat(folder, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_GE(below, 0);
+        close(folder);
+        folder = below;
+        close(openat(folder, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    }
+    close(folder);
+}
+
+/// In a child: no more than that many descriptors from here on.
+inline bool LimitDescriptors(rlim_t limit) {
+    const rlimit resource{limit, limit};
+    return setrlimit(RLIMIT_NOFILE, &resource) == 0;
 }
 
 /// A temporary folder on the file system of `place`.

@@ -23,4 +23,13 @@ bool CoverFile(const std::string& path, const std::string& store, const std::str
     return mount(store.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
 }
 
+bool CoverWithSmallDisk(const std::string& folder, int kibibytes) {
+    const std::string options = "size=" + std::to_string(kibibytes) + "k";
+    return mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) == 0;
+}
+
+bool ShowIn(const std::string& place, const std::string& folder) {
+    return mount(folder.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
 }  // namespace tern::test

@@ -15,4 +15,10 @@ bool EnterPrivateMounts();
 /// which the content is kept.
 bool CoverFile(const std::string& path, const std::string& store, const std::string& content);
 
+/// Puts an empty file system of that size, in memory, over a folder. REQUIRES: EnterPrivateMounts.
+bool CoverWithSmallDisk(const std::string& folder, int kibibytes);
+
+/// Lets the content of `folder` be seen in `place` as well. REQUIRES: EnterPrivateMounts.
+bool ShowIn(const std::string& place, const std::string& folder);
+
 }  // namespace tern::test

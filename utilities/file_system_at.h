@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/types.h>
+#include <tern/foundation/status_code.h>
+
+#include <string>
+
+#include "foundation/unique_fd.h"
+
+namespace mwl::Utilities {
+
+/// What operations of FileSystem do, on descriptors, for those that work in a tree. `path` is what messages
+/// call the entry; messages and results are those of the operation of that name.
+
+struct FolderRequest {
+    int at;
+    const char* name;
+    const std::string& path;
+    bool mustBeFolder;        ///< a file that is there already is not taken
+    bool followsTrustedLink;  ///< a link of root or of this user may stand for the folder that it leads to
+};
+/// CreateFolder; `folder` is what there is then, opened with O_PATH.
+StatusCode CreateFolderAt(const FolderRequest& request, UniqueFd& folder);
+
+/// SetDefaultAccessRights.
+StatusCode SetDefaultAccessRightsOn(int file, const std::string& path);
+
+/// Content of a file, from one end to the other.
+struct CopyEnd {
+    int at;
+    const char* name;
+    const std::string& path;
+    /// A link in its place is followed, and a device may stand there. Otherwise only a regular file is taken.
+    bool isTrusted;
+};
+enum class CopyAmount {
+    OneTransfer,  ///< what a single sendfile(2) transfers, which must be all
+    Whole,        ///< until the end of the source
+};
+/// CopyFile. `copy` is the destination, still open; what closing it could tell has been told.
+StatusCode CopyFileAt(const CopyEnd& from, const CopyEnd& to, CopyAmount amount, UniqueFd& copy);
+
+}  // namespace mwl::Utilities
