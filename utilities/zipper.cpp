@@ -1,19 +1,24 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
 #include <tern/utilities/zipper.h>
 #include <unistd.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
 #include "platform/static_text.h"
 #include "utilities/directory.h"
+#include "utilities/file_system_write.h"
 #include "utilities/libzip.h"
 #include "utilities/zip_authentication.h"
 #include "utilities/zip_entry_methods.h"
@@ -168,12 +173,13 @@ ZipEntry OpenEntry(zip_t* archive, zip_uint64_t index, const ZipEntryMethods& me
 enum class ReadResult { Whole, ChecksumDiffers, Failed };
 
 /// Reads the entry into `buffer` of `size` bytes, and on to its end, where libzip compares size and checksum.
-/// An entry shorter than it claims leaves the rest of the buffer as it is.
-ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size) {
+/// An entry shorter than it claims leaves the rest of the buffer as it is, which `isShort` tells.
+ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool& isShort) {
     const zip_int64_t count = zip_fread(entry, buffer, size);
     if (count < 0) {
         return ReadResult::Failed;
     }
+    isShort = static_cast<zip_uint64_t>(count) < size;
     char surplus[SURPLUS_SIZE];
     zip_int64_t more = zip_fread(entry, surplus, sizeof surplus);
     const bool isAsLongAsClaimed = more <= 0 && static_cast<zip_uint64_t>(count) == size;
@@ -190,8 +196,8 @@ ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size) {
 /// Reads the entry as ReadToEnd and has the last word about its authentication code. The error that the
 /// handle keeps says the same as the result.
 bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const ZipEntryMethods& methods,
-               const std::string& password, zip_file_t* entry, char* buffer) {
-    const ReadResult result = ReadToEnd(entry, buffer, stat.size);
+               const std::string& password, zip_file_t* entry, char* buffer, bool& isShort) {
+    const ReadResult result = ReadToEnd(entry, buffer, stat.size, isShort);
     const bool isWhole = result == ReadResult::Whole;
     // At the end of an entry that is not compressed libzip has compared the code.
     const bool isDecided = !methods.IsAes() || (isWhole && methods.compression == ZIP_CM_STORE);
@@ -207,30 +213,161 @@ bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const
     return isAuthentic;
 }
 
-StatusCode WriteFile(const std::string& path, const char* name, const char* buffer, std::size_t size) {
-    const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, EXTRACTED_FILE_MODE));
-    if (!file) {
-        const int error = errno;
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open destination file %s, errno = %s", path.c_str(),
+StatusCode FailedToOpen(const std::string& path, int error) {
+    TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open destination file %s, errno = %s", path.c_str(),
+                   ErrorText(error));
+    return mw::tern::MakeStatusCodeFromErrno(error);
+}
+
+void FailedToWrite(const char* name, int error) {
+    TERN_LOG_ERROR(LOGGER, "Unzip: Failed to write file %s, errno = %s", name, ErrorText(error));
+}
+
+/// Where and how entries become files.
+class Target {
+public:
+    explicit Target(const std::string& folder) : mPath(folder) {}
+    virtual ~Target() = default;
+    Target(const Target&) = delete;
+    Target& operator=(const Target&) = delete;
+
+    std::string PathOf(const char* name) const { return mPath + FileSystem::FOLDER_SEPARATOR + name; }
+
+    /// Of an entry that libzip cannot describe.
+    virtual StatusCode Undescribed(zip_t* archive, zip_uint64_t index) = 0;
+    /// Whether an entry shorter than it claims is written, with zeros in place of the rest.
+    virtual bool TakesShortEntries() const = 0;
+    virtual StatusCode Write(const char* name, const char* buffer, std::size_t size) = 0;
+    /// When everything is written.
+    virtual StatusCode Finish() = 0;
+
+protected:
+    const std::string& GetPath() const { return mPath; }
+
+private:
+    const std::string& mPath;
+};
+
+/// As described for Unzip, what may be lost included.
+class PlainTarget final : public Target {
+public:
+    using Target::Target;
+
+    StatusCode Undescribed(zip_t* /*archive*/, zip_uint64_t /*index*/) override { return StatusCode::Ok; }
+    bool TakesShortEntries() const override { return true; }
+    StatusCode Finish() override { return StatusCode::Ok; }
+
+    StatusCode Write(const char* name, const char* buffer, std::size_t size) override {
+        const std::string path = PathOf(name);
+        const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, EXTRACTED_FILE_MODE));
+        if (!file) {
+            return FailedToOpen(path, errno);
+        }
+        const ssize_t written = write(file.Get(), buffer, size);
+        if (written <= 0) {
+            // Meant: an entry without content ends here too, and the status is the one for a missing key. A
+            // short write counts as a success.
+            FailedToWrite(name, written < 0 ? errno : EIO);
+            return StatusCode::KeyNotFound;
+        }
+        return StatusCode::Ok;
+    }
+};
+
+/// As described for UnzipWhole: nothing is lost without a word, and nothing is written outside the folder.
+class WholeTarget final : public Target {
+public:
+    explicit WholeTarget(const std::string& folder)
+        : Target(folder), mFolder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), mError(errno) {}
+
+    StatusCode Undescribed(zip_t* archive, zip_uint64_t index) override {
+        const StatusCode status = GetArchiveStatus(archive);
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip file %s, error = %s", std::to_string(index).c_str(),
+                       zip_strerror(archive));
+        return status;
+    }
+
+    bool TakesShortEntries() const override { return false; }
+
+    StatusCode Write(const char* name, const char* buffer, std::size_t size) override {
+        UniqueFd file = Open(name);
+        int error = errno;
+        if (!file) {
+            return FailedToOpen(PathOf(name), error);
+        }
+        error = WriteAll(file.Get(), buffer, size);
+        if (close(file.Release()) != 0 && error == 0) {
+            error = errno;
+        }
+        if (error != 0) {
+            FailedToWrite(name, error);
+            return mw::tern::MakeStatusCodeFromErrno(error);
+        }
+        return StatusCode::Ok;
+    }
+
+    /// Sees all files onto their medium at once, as one by one takes many times as long.
+    StatusCode Finish() override {
+        if (mFolder && syncfs(mFolder.Get()) == 0) {
+            return StatusCode::Ok;
+        }
+        const int error = mFolder ? errno : mError;
+        TERN_LOG_ERROR(LOGGER, "UnzipWhole: Failed to store what is in %s, errno = %s", GetPath().c_str(),
                        ErrorText(error));
         return mw::tern::MakeStatusCodeFromErrno(error);
     }
-    const ssize_t written = write(file.Get(), buffer, size);
-    if (written <= 0) {
-        // Meant: an entry without content ends here too, and the status is the one for a missing key.
-        const int error = written < 0 ? errno : EIO;
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to write file %s, errno = %s", name, ErrorText(error));
-        return StatusCode::KeyNotFound;
-    }
-    return StatusCode::Ok;
-}
 
-/// Extracts one entry; one that libzip cannot describe is stepped over silently.
-StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, const std::string& folder,
-                        const std::string& password) {
+private:
+    /// The entry's file, empty; none with `errno`. Folders on the way and the file itself are no links, and
+    /// the file is a regular one.
+    UniqueFd Open(const char* name) const {
+        if (!mFolder) {
+            errno = mError;
+            return UniqueFd();
+        }
+        std::string_view rest = name;
+        if (rest.empty() || rest.back() == '/') {
+            errno = EISDIR;
+            return UniqueFd();
+        }
+        UniqueFd below;
+        int folder = mFolder.Get();
+        for (std::size_t end = rest.find('/'); end != std::string_view::npos; end = rest.find('/')) {
+            if (end > 0) {
+                const std::string part(rest.substr(0, end));
+                below = UniqueFd(openat(folder, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+                if (!below) {
+                    return below;
+                }
+                folder = below.Get();
+            }
+            rest.remove_prefix(end + 1);
+        }
+        UniqueFd file(openat(folder, std::string(rest).c_str(),
+                             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, EXTRACTED_FILE_MODE));
+        struct stat information {};
+        if (!file || fstat(file.Get(), &information) != 0) {
+            return UniqueFd();
+        }
+        if (!S_ISREG(information.st_mode)) {
+            errno = EINVAL;
+            return UniqueFd();
+        }
+        if (information.st_size != 0 && ftruncate(file.Get(), 0) != 0) {
+            return UniqueFd();
+        }
+        return file;
+    }
+
+    const UniqueFd mFolder;
+    const int mError;
+};
+
+/// Extracts one entry.
+StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, Target& target, const std::string& password) {
     zip_stat_t stat{};
     if (zip_stat_index(archive, index, 0, &stat) != 0) {
-        return StatusCode::Ok;
+        return target.Undescribed(archive, index);
     }
     const char* const name = stat.name;
     const ZipEntryMethods methods = GetZipEntryMethods(stat);
@@ -249,7 +386,10 @@ StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, const std::string& f
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
         return StatusCode::OutOfMemory;
     }
-    const bool isRead = ReadEntry(archive, stat, index, methods, password, entry.get(), buffer.get());
+    bool isShort = false;
+    const bool isRead =
+        ReadEntry(archive, stat, index, methods, password, entry.get(), buffer.get(), isShort) &&
+        (!isShort || target.TakesShortEntries());
     if (!isRead) {
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
     }
@@ -261,12 +401,11 @@ StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, const std::string& f
     if (!isRead) {
         return StatusCode::InvalidArgument;
     }
-    return WriteFile(folder + FileSystem::FOLDER_SEPARATOR + name, name, buffer.get(),
-                     static_cast<std::size_t>(stat.size));
+    return target.Write(name, buffer.get(), static_cast<std::size_t>(stat.size));
 }
 
 /// Extracts the entries in their order, up to the first that fails.
-StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, const std::string& folder,
+StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, Target& target,
                           const std::string& password) {
     const zip_int64_t count = zip_get_num_entries(archive, 0);
     if (count < 0) {
@@ -274,7 +413,7 @@ StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, const std:
         return StatusCode::NotFound;
     }
     for (zip_int64_t index = 0; index < count; ++index) {
-        const StatusCode status = ExtractEntry(archive, static_cast<zip_uint64_t>(index), folder, password);
+        const StatusCode status = ExtractEntry(archive, static_cast<zip_uint64_t>(index), target, password);
         if (status != StatusCode::Ok) {
             TERN_LOG_ERROR(LOGGER, "Unzip: Failed with status %s",
                            mw::tern::ConvertStatusCodeToString(status).c_str());
@@ -282,6 +421,38 @@ StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, const std:
         }
     }
     return StatusCode::Ok;
+}
+
+/// Unzip into a target that is made when there is a folder for it.
+template <typename TargetKind>
+StatusCode UnzipTo(const std::string& zipFile, const std::string& folder, const std::string& password) {
+    if (zipFile.empty() || folder.empty()) {
+        TERN_LOG_ERROR(
+            LOGGER,
+            "Unzip: Path to zip file (%s) or to folder to extract (%s) is empty, so can't proccess unzip",
+            zipFile.c_str(), folder.c_str());
+        return StatusCode::Failure;
+    }
+    const StatusCode created = FileSystem::CreateFolder(folder);
+    if (created != StatusCode::Ok) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to create content folder %s", folder.c_str());
+        return created;
+    }
+    Opened opened = OpenArchive(zipFile, 0);
+    if (opened.archive == nullptr) {
+        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(),
+                       opened.error.c_str());
+        return opened.status;
+    }
+    TargetKind target(folder);
+    const StatusCode status = ExtractEntries(opened.archive.get(), zipFile, target, password);
+    const int result = CloseArchive(std::move(opened.archive));
+    if (result == -1) {
+        ZipErrorText text(result);
+        TERN_LOG_INFO(LOGGER, "Unzip: Unzip creation finish with: %s", text.Get());
+        return Zipper::GetStatusZipError(result);
+    }
+    return status == StatusCode::Ok ? target.Finish() : status;
 }
 
 }  // namespace
@@ -318,32 +489,12 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
 }
 
 StatusCode Zipper::Unzip(const std::string& zipFile, const std::string& folder, const std::string& password) {
-    if (zipFile.empty() || folder.empty()) {
-        TERN_LOG_ERROR(
-            LOGGER,
-            "Unzip: Path to zip file (%s) or to folder to extract (%s) is empty, so can't proccess unzip",
-            zipFile.c_str(), folder.c_str());
-        return StatusCode::Failure;
-    }
-    const StatusCode created = FileSystem::CreateFolder(folder);
-    if (created != StatusCode::Ok) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to create content folder %s", folder.c_str());
-        return created;
-    }
-    Opened opened = OpenArchive(zipFile, 0);
-    if (opened.archive == nullptr) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(),
-                       opened.error.c_str());
-        return opened.status;
-    }
-    const StatusCode status = ExtractEntries(opened.archive.get(), zipFile, folder, password);
-    const int result = CloseArchive(std::move(opened.archive));
-    if (result == -1) {
-        ZipErrorText text(result);
-        TERN_LOG_INFO(LOGGER, "Unzip: Unzip creation finish with: %s", text.Get());
-        return GetStatusZipError(result);
-    }
-    return status;
+    return UnzipTo<PlainTarget>(zipFile, folder, password);
+}
+
+StatusCode Zipper::UnzipWhole(const std::string& zipFile, const std::string& folder,
+                              const std::string& password) {
+    return UnzipTo<WholeTarget>(zipFile, folder, password);
 }
 
 StatusCode Zipper::GetStatusZipError(int zipErrorCode) {

@@ -57,13 +57,27 @@ void Unzip(Stage& stage, const std::string& password) {
     });
 }
 
+void UnzipWhole(Stage& stage) {
+    MakeFolder(stage / "in");
+    if (Zipper::Zip(stage / "in", stage / "a.zip", PASSWORD) != mwl::StatusCode::Ok) {
+        stage.Expect(false, "the archive is made");
+        return;
+    }
+    stage.Sweep([&] {
+        if (stage.Accept(Zipper::UnzipWhole(stage / "a.zip", stage / "out", PASSWORD), "UnzipWhole")) {
+            stage.Expect(IsWhole(stage / "out"), "everything is extracted");
+        }
+    });
+}
+
 }  // namespace
 
 std::vector<Scenario> ArchiveScenarios() {
     return {{"zip", [](Stage& stage) { Zip(stage, ""); }},
             {"zip-encrypted", [](Stage& stage) { Zip(stage, PASSWORD); }},
             {"unzip", [](Stage& stage) { Unzip(stage, ""); }},
-            {"unzip-encrypted", [](Stage& stage) { Unzip(stage, PASSWORD); }}};
+            {"unzip-encrypted", [](Stage& stage) { Unzip(stage, PASSWORD); }},
+            {"unzip-whole", UnzipWhole}};
 }
 
 }  // namespace tern::test

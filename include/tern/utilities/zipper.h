@@ -13,6 +13,9 @@ namespace mwl::Utilities {
 ///     if (Zipper::Zip("/data/app/settings", "/data/backup.zip", password) == StatusCode::Ok) { ... }
 ///     if (Zipper::Unzip("/data/backup.zip", "/data/restored", password) == StatusCode::Ok) { ... }
 ///
+/// `Unzip` does what it is described to do and may lose data without a word: a file of which a full disk took
+/// a part counts as written. `UnzipWhole` answers `Ok` only when everything arrived.
+///
 /// Every failure is logged where it happens under the logger name "mwl::Utilities::Zipper". A failure leaves
 /// no descriptor, no memory and no temporary file behind, and no program started meanwhile inherits a file
 /// that is being extracted. Apart from std::bad_alloc nothing throws.
@@ -42,13 +45,21 @@ public:
     ///   cannot be written (zip_close(3)), for example because a file cannot be read, and then an archive
     ///   that was there before is untouched.
     ///
+    /// libzip opens the files by their paths when the archive is written: as root, zip no folder in which
+    /// somebody less privileged can exchange a file for a link meanwhile.
+    ///
     /// Without any entry libzip writes no archive and removes the one that was there before. Files without
     /// content are packed, but see `Unzip`. Blocks until all is written.
     static StatusCode Zip(const std::string& folder, const std::string& zipFile, const std::string& password);
 
-    /// Extracts every entry of `zipFile` into `folder`, which is made when it is missing (its parent is not)
-    /// and whose mode and owner are set anew in any case (`FileSystem::CreateFolder`). An empty `password`
-    /// opens entries without decryption; with a password, entries in clear are extracted as well.
+    /// Extracts every entry of `zipFile`. May answer Ok for less than that: a file that was written in part
+    /// (a full disk) or failed when it was closed, an entry shorter than it claims (zeros take the place of
+    /// the rest), an entry that libzip cannot describe (left out), the end of a longer file that was there
+    /// (stays). Where that matters, or somebody less privileged writes in `folder`, use `UnzipWhole`.
+    ///
+    /// The files come into `folder`, which is made when it is missing (its parent is not) and whose mode and
+    /// owner are set anew in any case (`FileSystem::CreateFolder`). An empty `password` opens entries without
+    /// decryption; with a password, entries in clear are extracted as well.
     ///
     /// Stops at the first entry that fails; files written before stay.
     ///
@@ -82,6 +93,21 @@ public:
     /// thousand times its size.
     static StatusCode Unzip(const std::string& zipFile, const std::string& folder,
                             const std::string& password);
+
+    /// As Unzip, but answers Ok only when every entry is extracted whole and its file is on its medium
+    /// (syncfs(2) of `folder`), and writes nowhere but in `folder`:
+    ///
+    /// - an existing file is emptied first;
+    /// - an entry without content gives an empty file;
+    /// - an entry shorter than it claims is InvalidArgument, as one that cannot be read is;
+    /// - an entry that libzip cannot describe gives `GetStatusZipError`;
+    /// - what cannot be written whole, closed or stored gives the status of errno (IoError on a full disk);
+    /// - links in `folder` are not followed: one in the place of a file is Failure (ELOOP), in the place of a
+    ///   folder NotFound; another kind of entry in the place of a file is InvalidArgument or not waited for.
+    ///
+    /// Messages are those of Unzip.
+    static StatusCode UnzipWhole(const std::string& zipFile, const std::string& folder,
+                                 const std::string& password);
 
     /// Status of a ZIP_ER code of libzip (zip_errors(3)); codes below 2 and above 27 are Failure.
     static StatusCode GetStatusZipError(int zipErrorCode);
