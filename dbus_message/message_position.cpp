@@ -64,17 +64,22 @@ int SkipOne(sd_bus_message* message) {
     if (isArray && contents[1] == '\0' && SizeOfNumber(contents[0]) != 0) {
         return SkipNumbers(message, contents[0]);
     }
-    // Where there is nothing to be gained sd-bus goes on alone.
-    if (contents == nullptr || !CanHoldNumbers(contents)) {
+    // Where there is nothing to be gained sd-bus goes on alone; into a variant it would look once more.
+    const bool isWorthEntering = contents != nullptr && CanHoldNumbers(contents);
+    if (!isWorthEntering && type != SD_BUS_TYPE_VARIANT) {
         return sd_bus_message_skip(message, nullptr);
     }
     r = sd_bus_message_enter_container(message, type, contents);
     if (r <= 0) {
         return r;
     }
-    do {
-        r = SkipOne(message);
-    } while (r > 0);
+    if (isWorthEntering) {
+        do {
+            r = SkipOne(message);
+        } while (r > 0);
+    } else {
+        r = sd_bus_message_skip(message, contents);
+    }
     return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
