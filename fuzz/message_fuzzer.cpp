@@ -8,6 +8,7 @@
 #include <tern/dbus_message/sasvas_signature_parser.h>
 #include <tern/dbus_message/vasv_signature_parser.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -17,17 +18,30 @@
 
 // Flattens messages of arbitrary signature and body. An input is one byte that picks the reader, the
 // signature and a null byte, the body. The message goes over a socket, so that the readers see what sd-bus
-// makes of what arrived, malformed bodies included.
+// makes of what arrived, malformed bodies included. What one call stores and logs is held against the limits
+// that Parser's header states; longer inputs (-max_len) come nearer to them.
+
+namespace {
+
+/// What was logged since it was looked at last.
+std::size_t gLines = 0;
+std::size_t gBytes = 0;
+std::size_t gLongest = 0;
+
+}  // namespace
 
 namespace mwl::Log {
 
-// Formats each message for the sanitizers' sake and writes none.
+// Formats each message for the sanitizers' sake, counts it, and writes none.
 void RootLogger::Print(TernLogLevel, const char* format, ...) const {
     char text[4096];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    const int length = vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
+    ++gLines;
+    gBytes += static_cast<std::size_t>(length);
+    gLongest = std::max(gLongest, static_cast<std::size_t>(length));
 }
 
 }  // namespace mwl::Log
@@ -36,9 +50,28 @@ namespace {
 
 using namespace mw::tern::DBusMessage;
 
+/// Holds one call to what it may log. Each line has at most two texts of the message.
+class BoundedLog {
+public:
+    BoundedLog() { gLines = gBytes = gLongest = 0; }
+    ~BoundedLog() {
+        constexpr std::size_t LONGEST = 2 * 1024 + 400;
+        // The sum, and what the caller of the reader adds; the line that reaches the limit is still written,
+        // and what is around the texts is counted as if it had one length.
+        constexpr std::size_t LINES = 512 + 2;
+        constexpr std::size_t BYTES = std::size_t{64} * 1024 + LINES * 64 + LONGEST;
+        if (gLines > LINES || gBytes > BYTES || gLongest > LONGEST) {
+            abort();
+        }
+    }
+    BoundedLog(const BoundedLog&) = delete;
+    BoundedLog& operator=(const BoundedLog&) = delete;
+};
+
 /// Reads each key back, as the application would.
 void ReadBack(const ValuesList& list) {
     std::size_t found = 0;
+    std::size_t held = 0;
     for (const std::string& key : list.Keys()) {
         int number = 0;
         std::string text;
@@ -46,9 +79,13 @@ void ReadBack(const ValuesList& list) {
         found += list.GetInt32(key, number) == mw::tern::StatusCode::Ok;
         found += list.GetString(key, text) == mw::tern::StatusCode::Ok;
         found += list.GetISI(key, structure) == mw::tern::StatusCode::Ok;
+        held += key.size() + text.size() + structure.text.size();
     }
     if (found > list.Size()) {
         abort();  // a key has more than one type
+    }
+    if (held > std::size_t{64} * 1024 * 1024) {
+        abort();
     }
 }
 
@@ -56,13 +93,30 @@ template <typename Base>
 class Receiver : public Base {
 public:
     using Base::Base;
-    void OnEntry(const std::string&, const ValuesList& values) override { ReadBack(values); }
+    void OnEntry(const std::string&, const ValuesList& values) override {
+        const std::size_t lines = gLines;
+        const std::size_t bytes = gBytes;
+        const std::size_t longest = gLongest;
+        ReadBack(values);
+        gLines = lines;
+        gBytes = bytes;
+        gLongest = longest;
+    }
 };
+
+template <typename StructuresParser>
+void HandOut(sd_bus_message* message) {
+    const BoundedLog log;
+    static_cast<void>(Receiver<StructuresParser>(message).ParseMessage());
+}
 
 template <typename SignatureParser>
 void Parse(sd_bus_message* message) {
     SignatureParser parser(message);
-    static_cast<void>(parser.ParseMessage());
+    {
+        const BoundedLog log;
+        static_cast<void>(parser.ParseMessage());
+    }
     ReadBack(parser.GetValuesList());
 }
 
@@ -75,6 +129,7 @@ void WalkByHand(sd_bus_message* message) {
         if (sd_bus_message_peek_type(message, &type, &contents) <= 0) {
             break;
         }
+        const BoundedLog log;
         int result = 0;
         const char single[] = {type, '\0'};
         switch (type) {
@@ -127,10 +182,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             Parse<SASVASsignatureParser>(message.get());
             break;
         case 3:
-            static_cast<void>(Receiver<AOASVsignatureParser>(message.get()).ParseMessage());
+            HandOut<AOASVsignatureParser>(message.get());
             break;
         case 4:
-            static_cast<void>(Receiver<ASASVsignatureParser>(message.get()).ParseMessage());
+            HandOut<ASASVsignatureParser>(message.get());
             break;
         default:
             WalkByHand(message.get());
