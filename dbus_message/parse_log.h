@@ -21,8 +21,8 @@ public:
     static constexpr int INFO = 6;
     static constexpr int TRACE = 7;
 
-    /// Lines of one parse, and bytes: those of the texts, and LINE_BYTES a line for what is around them. The
-    /// line that reaches the limit is still written.
+    /// Lines of one parse, and bytes: those of the texts, and LINE_BYTES a line for what is around them,
+    /// which is between 60 and 140. The line that reaches the limit is still written.
     static constexpr unsigned LINES = 512;
     static constexpr std::size_t BYTES = std::size_t{64} * 1024;
     static constexpr std::size_t LINE_BYTES = 96;

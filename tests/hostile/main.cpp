@@ -64,7 +64,7 @@ struct Figures {
 struct Limits {
     std::size_t growth = 0;
     std::size_t lines = 520;
-    std::size_t bytes = 160 * 1024;
+    std::size_t bytes = 100 * 1024;
     milliseconds longest = WATCHDOG * tern::test::SLOWNESS;
 };
 

@@ -34,7 +34,7 @@ namespace mw::tern::DBusMessage {
 /// Limits of one call, what it reads inside other containers included, far above honest use:
 /// - What it stores, keys and values as they are allocated, totals at most 64 MiB: beyond, -ENOBUFS and an
 ///   error message. A list that many calls fill grows with each of them.
-/// - It writes at most 512 lines or 64 KiB of log, the last 128 lines and 16 KiB of which are kept for
+/// - It writes at most 512 lines or about 64 KiB of log, the last 128 lines and 16 KiB of which are kept for
 ///   errors. Further lines are counted, and summed up in one line when the call ends.
 /// - A text from the message is logged up to 1024 bytes, then cut, with "..." in place of the rest. What is
 ///   stored is never cut.
