@@ -21,30 +21,20 @@ namespace {
 constexpr const char* FILE_NAME = "/target";
 constexpr const char* NEW_FILE_NAME = "/target.new";
 
-/// Logs the failure of `call` on `path` and turns errno into a status.
-StatusCode Failed(const char* call, const std::string& path) {
+/// A renamed file has its new name after a power cut only when the folder is on the disk.
+StatusCode WriteToDisk(const std::string& folder) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0 && fsync(fd) == 0) {
+        close(fd);
+        return StatusCode::Ok;
+    }
     const int error = errno;
-    TERN_LOG_ERROR(LOGGER, "The target is not stored: %s of %s failed (%d, %s)", call, path.c_str(), error,
+    if (fd >= 0) {
+        close(fd);
+    }
+    TERN_LOG_ERROR(LOGGER, "%s cannot be written to the disk (%d, %s)", folder.c_str(), error,
                    strerrordesc_np(error));
     return mw::tern::MakeStatusCodeFromErrno(error);
-}
-
-/// Opens `path`, lets `use` work on the descriptor, writes everything to the disk, closes. Any step that
-/// fails ends it: what a full disk could not take shows at the latest here, not after a power cut.
-template <typename Use>
-StatusCode OnDisk(const std::string& path, int flags, Use use) {
-    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0640);
-    if (fd < 0) {
-        return Failed("open", path);
-    }
-    StatusCode status = use(fd);
-    if (status == StatusCode::Ok && fsync(fd) != 0) {
-        status = Failed("fsync", path);
-    }
-    if (close(fd) != 0 && status == StatusCode::Ok) {
-        status = Failed("close", path);
-    }
-    return status;
 }
 
 }  // namespace
@@ -78,23 +68,12 @@ std::optional<double> TargetStore::Load() const {
 }
 
 StatusCode TargetStore::Save(double celsius) const {
-    const std::string path = mFolder + FILE_NAME;
     const std::string newPath = mFolder + NEW_FILE_NAME;
-    StatusCode status = OnDisk(newPath, O_WRONLY | O_CREAT | O_TRUNC, [&](int fd) {
-        const std::string text = std::to_string(celsius) + "\n";
-        const ssize_t written = write(fd, text.data(), text.size());
-        if (written >= 0 && written < static_cast<ssize_t>(text.size())) {
-            errno = ENOSPC;  // a full disk took a part
-        }
-        return written == static_cast<ssize_t>(text.size()) ? StatusCode::Ok : Failed("write", newPath);
-    });
+    StatusCode status = FileSystem::WriteWholeContent(newPath, std::to_string(celsius) + "\n");
     if (status == StatusCode::Ok) {
-        status = FileSystem::Rename(newPath, path);
+        status = FileSystem::Rename(newPath, mFolder + FILE_NAME);
     }
-    if (status == StatusCode::Ok) {
-        status = OnDisk(mFolder, O_RDONLY | O_DIRECTORY, [](int) { return StatusCode::Ok; });
-    }
-    return status;
+    return status == StatusCode::Ok ? WriteToDisk(mFolder) : status;
 }
 
 }  // namespace thermostat
