@@ -11,14 +11,28 @@ namespace {
 constexpr char DIGITS[] = "0123456789ABCDEF";
 constexpr std::size_t HEX_ESCAPE = 4;
 
-/// Whether all eight bytes are printable ASCII. A byte's top bit of each term tells: below 0x20, DEL, above
-/// 0x7F; what a borrow adds is a wrong alarm next to a right one.
-bool IsPlain(const char* eight) noexcept {
-    constexpr std::uint64_t ONES = 0x0101010101010101;
+constexpr std::size_t WORD = sizeof(std::uint64_t);
+constexpr std::uint64_t ONES = 0x0101010101010101;
+
+/// Of eight bytes the top bits of those that are no printable ASCII: each term finds some of them, those
+/// below 0x20, DEL, those above 0x7F. What a borrow adds is a wrong alarm next to a right one.
+std::uint64_t Suspects(const char* eight) noexcept {
     std::uint64_t bytes = 0;
     memcpy(&bytes, eight, sizeof bytes);
     const std::uint64_t deletes = bytes ^ ONES * 0x7f;
-    return (((bytes - ONES * 0x20) | (deletes - ONES) | bytes) & ONES * 0x80) == 0;
+    return ((bytes - ONES * 0x20) | (deletes - ONES) | bytes) & ONES * 0x80;
+}
+
+/// Whether all of the text is printable ASCII, which most messages are: without a branch for each word.
+bool IsPlain(const char* text, std::size_t length) noexcept {
+    if (length < WORD) {
+        return false;
+    }
+    std::uint64_t suspects = Suspects(text + length - WORD);
+    for (std::size_t i = 0; i + WORD <= length; i += WORD) {
+        suspects |= Suspects(text + i);
+    }
+    return suspects == 0;
 }
 
 /// Length of the printable character that the text begins with; 0 when its first byte is to be escaped.
@@ -75,12 +89,15 @@ void WriteEscape(unsigned char byte, char* escape) noexcept {
 }  // namespace
 
 std::size_t EscapedLength(const char* text, std::size_t length) noexcept {
+    if (IsPlain(text, length)) {
+        return length;
+    }
     const auto* const bytes = reinterpret_cast<const unsigned char*>(text);
     std::size_t escaped = 0;
     for (std::size_t i = 0; i < length;) {
-        std::size_t step = sizeof(std::uint64_t);
-        std::size_t printed = step;
-        if (length - i < step || !IsPlain(text + i)) {
+        std::size_t step = WORD;
+        std::size_t printed = WORD;
+        if (length - i < WORD || Suspects(text + i) != 0) {
             const std::size_t printable = PrintableLength(bytes + i, length - i);
             step = printable != 0 ? printable : 1;
             printed = printable != 0 ? printable : EscapeLength(bytes[i]);
