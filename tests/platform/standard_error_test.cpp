@@ -133,19 +133,17 @@ void ExpectOneWaitAndACount(int reader) {
                             "<3>as ever"));
 }
 
-/// In a child: the same with a Linux that does not know RWF_NOWAIT for pipes.
-void BeAnOlderLinux() {
 #if __SIZEOF_POINTER__ == 8
+/// In a child: a Linux that does not know RWF_NOWAIT for pipes.
+void BeAnOlderLinux() {
     fault_pwritev2.Fail(-1, EOPNOTSUPP, 1000000);
-#endif
 }
 
 /// In a child: descriptors cannot be opened again.
 void BeWithoutProc() {
-#if __SIZEOF_POINTER__ == 8
     fault_open.Fail(-1, ENOENT, 1000000);
-#endif
 }
+#endif
 
 std::string Content(int file) {
     std::string text(100000, '\0');
