@@ -10,6 +10,7 @@
 #include <exception>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 #include "service/thrown.h"
 
@@ -19,6 +20,7 @@ namespace {
 
 constinit thread_local sd_bus* tBus = nullptr;
 constinit thread_local bool tIsGuarded = false;
+constinit thread_local bool tIsEnding = false;
 
 /// The terminate handler is the process's: set with the first thread, given back with the last.
 std::mutex gMutex;
@@ -77,6 +79,10 @@ void LogThrown(const Thrown& thrown) {
 }
 
 [[noreturn]] void OnTerminate() {
+    // The application's handler may call the one that it found, which was ours in an earlier service's life.
+    if (std::exchange(tIsEnding, true)) {
+        std::abort();
+    }
     if (tIsGuarded && std::current_exception() != nullptr) {
         LogThrown(Thrown());
         TERN_LOG_CRITICAL(ServiceCommon::mLogger, "Nothing can catch it: the process ends at once");

@@ -426,6 +426,38 @@ TEST_F(LoopGuardTest, TerminateHandlerOfTheApplicationStillRuns) {
     EXPECT_EQ(CriticalOnes(child).size(), 2U);
 }
 
+std::terminate_handler gFound = nullptr;
+
+TEST_F(LoopGuardTest, TerminateHandlersThatCallEachOtherEndTheProcess) {
+    mServer.onStart = [](DBusServerManager& manager, EventLoop&) {
+        Export(manager);
+        if (gFound == nullptr) {
+            gFound = std::set_terminate([] { gFound(); });
+        }
+    };
+    const ChildResult child = tern::test::RunInChild([&] {
+        mwl::Threading::Signals signals;
+        for (const bool isLast : {false, true}) {
+            mwl::Threading::ThreadsMonitor monitor(signals);
+            mwl::DBusService::Component component(NAME, monitor, mServer);
+            component.Initialize();
+            component.Start();
+            sd_bus* opened = nullptr;
+            sd_bus_open_system(&opened);
+            const Bus peer(opened);
+            if (isLast) {
+                sd_bus_call_method(peer.get(), NAME.c_str(), PATH, INTERFACE, "Noexcept", nullptr, nullptr,
+                                   nullptr);
+            }
+            kill(getpid(), SIGTERM);
+            component.JoinThread();
+        }
+        return 1;
+    });
+    EXPECT_EQ(child.signal, SIGABRT);
+    EXPECT_EQ(CriticalOnes(child).size(), 2U);
+}
+
 TEST_F(LoopGuardTest, TerminateHandlerIsGivenBackWithTheThread) {
     const ChildResult child = tern::test::RunInChild([&] {
         const std::terminate_handler before = std::get_terminate();
