@@ -52,18 +52,24 @@ void Subject::Detach(const ObserverInterface& observer) {
     }
 }
 
-// Where a walk stands is told by the number of the registration that it looked at last: whatever an observer
+// Where a walk stands is told by the number of the registration that it called last: whatever an observer
 // does to the list while it is called, the walk goes on with the next higher number.
 void Subject::Notify(NotificationInterface& notification) {
     Walk walk{NextNumber(), 0, {}, mInnermostWalk};
     const ScopedPointer innermost(mInnermostWalk, &walk);
-    for (std::size_t next = 0; (next = FindNext(walk, next)) < mRegistrations.size(); ++next) {
-        const Registration registration = mRegistrations[next];
-        walk.reached = registration.number;
+    std::size_t position = 0;
+    while (position < mRegistrations.size()) {
+        const Registration& registration = mRegistrations[position];
         if (registration.pair.first == notification.GetIdentifier() && registration.pair.second != nullptr &&
             !walk.HasCalled(registration)) {
+            walk.reached = registration.number;
             registration.pair.second->OnNotify(&notification);
+            if (position >= mRegistrations.size() || mRegistrations[position].number != walk.reached) {
+                position = FindAfter(walk.reached);
+                continue;
+            }
         }
+        ++position;
     }
 }
 
@@ -78,14 +84,11 @@ bool Subject::Walk::HasCalled(const Registration& registration) const {
            std::find(passed.begin(), passed.end(), registration.pair) != passed.end();
 }
 
-/// The position of the next registration of the walk; `guess` is right unless the list has changed.
-std::size_t Subject::FindNext(const Walk& walk, std::size_t guess) const {
-    if (guess > 0 && guess <= mRegistrations.size() && mRegistrations[guess - 1].number == walk.reached) {
-        return guess;
-    }
+/// The position of the first registration with a higher number.
+std::size_t Subject::FindAfter(std::uint64_t number) const {
     const auto next = std::upper_bound(
-        mRegistrations.begin(), mRegistrations.end(), walk.reached,
-        [](std::uint64_t number, const Registration& entry) { return number < entry.number; });
+        mRegistrations.begin(), mRegistrations.end(), number,
+        [](std::uint64_t passed, const Registration& entry) { return passed < entry.number; });
     return static_cast<std::size_t>(next - mRegistrations.begin());
 }
 

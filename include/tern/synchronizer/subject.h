@@ -53,12 +53,12 @@ private:
         bool HasCalled(const Registration& registration) const;
 
         std::uint64_t begun;       ///< registrations of higher numbers are newer than the walk
-        std::uint64_t reached;     ///< number of the registration looked at last
+        std::uint64_t reached;     ///< number of the registration called last
         std::vector<Pair> passed;  ///< those detached since the walk was past them
         Walk* outer;               ///< the walk that this one interrupted
     };
 
-    std::size_t FindNext(const Walk& walk, std::size_t guess) const;
+    std::size_t FindAfter(std::uint64_t number) const;
     std::vector<Registration>::iterator Remove(std::vector<Registration>::iterator entry);
 
     std::vector<Registration> mRegistrations;
