@@ -25,7 +25,7 @@ StatusCode CreateFolderAt(const FolderRequest& request, UniqueFd& folder);
 /// SetDefaultAccessRights.
 StatusCode SetDefaultAccessRightsOn(int file, const std::string& path);
 
-/// Content of a file, from one end to the other.
+/// One end of a copy: a file by its name in a folder.
 struct CopyEnd {
     int at;
     const char* name;

@@ -104,11 +104,14 @@ StatusCode OpenDestination(const CopyEnd& end, const struct stat& source, Unique
 int FindHiddenContent(int file) {
     char byte = 0;
     const ssize_t count = read(file, &byte, 1);
-    if (count <= 0) {
-        return count < 0 ? errno : 0;
+    if (count == 0) {
+        return 0;
     }
     struct stat now {};
-    return fstat(file, &now) != 0 ? errno : now.st_size == 0 ? EIO : 0;
+    if (count < 0 || fstat(file, &now) != 0) {
+        return errno;
+    }
+    return now.st_size == 0 ? EIO : 0;
 }
 
 /// 0 or the error number.
