@@ -30,7 +30,7 @@ private:
     static constexpr const char* MARK = "...";
     static constexpr std::size_t MARK_LENGTH = 3;
 
-    std::size_t Cut(const char* text) {
+    [[gnu::noinline, gnu::cold]] std::size_t Cut(const char* text) {
         std::size_t end = LIMIT;
         // Back to where a character begins, which is three bytes at most: the text is UTF-8.
         for (int i = 0; i < 3 && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U; ++i) {
