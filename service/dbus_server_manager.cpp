@@ -66,17 +66,6 @@ int EndWhenDetached(sd_event_source* source, void* bus) {
     return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
 }
 
-/// Names the entry that makes sd-bus refuse the interface's vtable, if it is one.
-void LogRefusedEntry(const DBusInterface& interface) {
-    const std::optional<VtableFault> fault = FindVtableFault(interface.GetVtable());
-    if (fault.has_value()) {
-        TERN_LOG_ERROR(ServiceCommon::mLogger,
-                       "Refused entry %zu of the vtable of interface: %s, %s '%s' (%d, %s)", fault->index,
-                       interface.GetName().c_str(), fault->kind, fault->member, fault->error,
-                       ErrorText(-fault->error));
-    }
-}
-
 int NeverCalled(sd_event_source*, uint64_t, void*) {
     return 0;
 }
@@ -88,6 +77,8 @@ struct DBusServerManager::State {
     /// The texts are the objects' own.
     std::unordered_map<std::string_view, DBusObjectSkeleton*> objects;
     std::unordered_set<const DBusInterface*> interfaces;
+    /// Those that sd-bus has accepted.
+    std::unordered_set<const sd_bus_vtable*> soundTables;
     /// Has the loop look at the connection: a timer that never expires.
     mwl::Handle<sd_event_source, sd_event_source_disable_unref> lossWatch;
     /// Bounds the flush when the loop ends.
@@ -209,17 +200,29 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
     }
     int r = 0;
     for (DBusInterface* const interface : object->GetInterfaces()) {
-        r = sd_bus_add_object_vtable(mBus, nullptr, path.c_str(), interface->GetName().c_str(),
-                                     interface->GetVtable(), interface->GetUserData());
+        const sd_bus_vtable* const table = interface->GetVtable();
+        // As a rule many objects share one table.
+        const std::optional<VtableFault> fault =
+            mState->soundTables.count(table) > 0 ? std::nullopt : FindVtableFault(table);
+        r = fault.has_value()
+                ? fault->error
+                : sd_bus_add_object_vtable(mBus, nullptr, path.c_str(), interface->GetName().c_str(), table,
+                                           interface->GetUserData());
         if (r < 0) {
             TERN_LOG_ERROR(ServiceCommon::mLogger,
                            "sd_bus_add_object_vtable FAILED for interface: %s in DBus object: %s",
                            interface->GetName().c_str(), path.c_str());
             // Wording and newline are meant.
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to issue method call: %s\n", ErrorText(-r));
-            LogRefusedEntry(*interface);
+            if (fault.has_value() && fault->kind != nullptr) {
+                TERN_LOG_ERROR(ServiceCommon::mLogger,
+                               "Refused entry %zu of the vtable of interface: %s, %s '%s' (%d, %s)",
+                               fault->index, interface->GetName().c_str(), fault->kind, fault->member,
+                               fault->error, ErrorText(-fault->error));
+            }
             break;
         }
+        mState->soundTables.insert(table);
     }
     return MakeStatusCodeFromReturnCode(r);
 }

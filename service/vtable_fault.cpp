@@ -41,7 +41,13 @@ const char* MemberOf(const sd_bus_vtable& entry) {
     return member == nullptr ? "" : member;
 }
 
-/// Registers the table and takes it back.
+/// A connection that was never opened; null without memory.
+Bus MakeBus() {
+    sd_bus* made = nullptr;
+    return Bus(sd_bus_new(&made) < 0 ? nullptr : made);
+}
+
+/// Registers the table and takes it back. After a refusal the bus is good for nothing but being released.
 int Try(sd_bus* bus, const sd_bus_vtable* table) {
     sd_bus_slot* slot = nullptr;
     const int r = sd_bus_add_object_vtable(bus, &slot, "/", "vtable.fault", table, nullptr);
@@ -52,27 +58,32 @@ int Try(sd_bus* bus, const sd_bus_vtable* table) {
 }  // namespace
 
 std::optional<VtableFault> FindVtableFault(const sd_bus_vtable* table) {
-    if (table == nullptr) {
+    const Bus whole = MakeBus();
+    if (whole == nullptr) {
         return std::nullopt;
     }
-    if (table->type == _SD_BUS_VTABLE_START && table->x.start.element_size != sizeof(sd_bus_vtable)) {
-        return std::nullopt;  // made with another sd-bus's header: how its entries look is not known here
-    }
-    sd_bus* opened = nullptr;
-    if (sd_bus_new(&opened) < 0) {
+    VtableFault fault;
+    fault.error = Try(whole.get(), table);
+    if (fault.error >= 0) {
         return std::nullopt;
     }
-    const Bus bus(opened);
+    // Made with another sd-bus's header, how its entries look is not known here.
+    const bool isReadable = table != nullptr && (table->type != _SD_BUS_VTABLE_START ||
+                                                 table->x.start.element_size == sizeof(sd_bus_vtable));
+    const Bus bus = MakeBus();
+    if (!isReadable || bus == nullptr) {
+        return fault;
+    }
     std::vector<sd_bus_vtable> beginning{DBusInterface::SdBusVtableEnd()};
     for (std::size_t index = 0; table[index].type != _SD_BUS_VTABLE_END; ++index) {
         beginning.back() = table[index];
         beginning.push_back(DBusInterface::SdBusVtableEnd());
         const int r = Try(bus.get(), beginning.data());
         if (r < 0) {
-            return VtableFault{index, KindOf(table[index]), MemberOf(table[index]), r};
+            return VtableFault{r, index, KindOf(table[index]), MemberOf(table[index])};
         }
     }
-    return std::nullopt;
+    return fault;
 }
 
 }  // namespace mw::tern

@@ -7,17 +7,22 @@
 
 namespace mw::tern {
 
-/// The first entry of a vtable that sd-bus does not accept.
+/// Why sd-bus does not accept a vtable.
 struct VtableFault {
-    std::size_t index = 0;  ///< 0 is the start entry
-    const char* kind = "";  ///< "method", "property" and so on
-    const char* member = "";
-    int error = 0;  ///< sd-bus's, negative
+    int error = 0;          ///< sd-bus's, negative
+    std::size_t index = 0;  ///< of the first entry that is not accepted; 0 is the start entry
+    const char* kind =
+        nullptr;  ///< of that entry, "method", "property" and so on; null when none can be named
+    const char* member = nullptr;  ///< of that entry
 };
 
-/// Finds out which entry of a vtable makes sd-bus refuse it, by registering ever longer beginnings of it with
-/// a connection that goes nowhere: so it is sd-bus that tells, a second member of the same name included.
-/// Nothing when every entry is accepted there, or when there is no table. The texts are the table's own.
+/// Asks sd-bus whether it accepts a vtable, on a connection of its own that goes nowhere: sd-bus 252 forgets
+/// to take the members back that it has registered before it refuses one, and a peer that calls them has it
+/// use freed memory. So a table is registered with the service's connection only when it is sound.
+///
+/// Which entry is at fault is found by registering ever longer beginnings of the table: so it is sd-bus that
+/// tells, a second member of the same name included. Nothing when the table is accepted, or when there is no
+/// memory to find out. The texts are the table's own.
 std::optional<VtableFault> FindVtableFault(const sd_bus_vtable* table);
 
 }  // namespace mw::tern

@@ -631,6 +631,45 @@ TEST_F(DBusServerManagerTest, RefusedVtableNamesTheEntryAtFault) {
     }
 }
 
+// sd-bus 252 keeps the members before the one that it refuses, with pointers to what it has freed: a peer
+// that called one of them had it use that memory.
+TEST_F(DBusServerManagerTest, NoMemberOfARefusedVtableCanBeCalled) {
+    static bool isCalled = false;
+    const sd_bus_message_handler_t handler = [](sd_bus_message* message, void*, sd_bus_error*) {
+        isCalled = true;
+        return sd_bus_reply_method_return(message, "");
+    };
+    DBusServerManager manager(NAME);
+    ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+    ASSERT_EQ(manager.AddDBusObject(PATH), StatusCode::Ok);
+    manager.AddInterfaceToDBusObject(PATH, new Counter("com.example.Counter"));
+    manager.AddInterfaceToDBusObject(
+        PATH,
+        new Table("com.example.Half",
+                  {DBusInterface::SdBusVtableStart(0),
+                   DBusInterface::SdBusMethod("Good", "", "", handler, SD_BUS_VTABLE_UNPRIVILEGED),
+                   DBusInterface::SdBusMethod("Bad", "(", "", handler, 0), DBusInterface::SdBusVtableEnd()}));
+    ASSERT_EQ(manager.ExportObject(PATH), StatusCode::InvalidArgument);
+    const Bus peer = OpenPeer();
+    std::string error;
+    ASSERT_GE(sd_bus_call_method_async(
+                  peer.get(), nullptr, NAME, PATH, "com.example.Half", "Good",
+                  [](sd_bus_message* reply, void* text, sd_bus_error*) {
+                      const sd_bus_error* const got = sd_bus_message_get_error(reply);
+                      *static_cast<std::string*>(text) = got == nullptr ? "none" : got->name;
+                      return 0;
+                  },
+                  &error, nullptr),
+              0);
+    ASSERT_TRUE(tern::test::WaitUntil([&] {
+        sd_bus_process(manager.GetBus(), nullptr);
+        sd_bus_process(peer.get(), nullptr);
+        return !error.empty();
+    }));
+    EXPECT_EQ(error, SD_BUS_ERROR_UNKNOWN_METHOD);
+    EXPECT_FALSE(isCalled);
+}
+
 TEST_F(DBusServerManagerTest, RefusalThatNoEntryCausesNamesNone) {
     DBusServerManager manager("");
     ASSERT_EQ(manager.Connect(), StatusCode::Ok);

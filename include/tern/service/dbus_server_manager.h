@@ -78,11 +78,11 @@ public:
     /// (sd_bus_add_object_vtable(3)).
     /// Ok, also for an object without interfaces; InvalidArgument for a path that was never added; otherwise
     /// the status of the first refusal: AlreadyExists for an interface exported twice, InvalidArgument for a
-    /// path, a name or a vtable that sd-bus does not accept. Interfaces before the refused one stay
-    /// registered. Where an entry of the vtable is at fault, a third line after the two of the refusal names
-    /// it: its place (0 is the start entry), kind and member, and sd-bus's error. sd-bus asks of a method
-    /// with arguments that it has a handler, of a property that is not of a basic type that it has a getter,
-    /// and so on: sd_bus_add_object_vtable(3).
+    /// path, a name or a vtable that sd-bus does not accept (none of its members is registered then).
+    /// Interfaces before the refused one stay registered. Where an entry of the vtable is at fault, a third
+    /// line after the two of the refusal names it: its place (0 is the start entry), kind and member, and
+    /// sd-bus's error. sd-bus asks of a method with arguments that it has a handler, of a property that is
+    /// not of a basic type that it has a getter, and so on: sd_bus_add_object_vtable(3).
     StatusCode ExportObject(const std::string& path);
 
     /// The connection, null before `Connect`. Borrowed: never release it.
