@@ -815,12 +815,12 @@ TEST_F(CommandTest, NoWaitGoesBeyondTheTimeLimit) {
 // Logging a line takes longer than reading it, and the lines of one read are many.
 TEST_F(CommandTest, TheTimeLimitHoldsWhileShortLinesAreLogged) {
     LogCapture log;
-    const Outcome outcome = RunScript("exec yes ''", "", 60);
+    const Outcome outcome = RunScript("exec yes ''", "", 400);
     EXPECT_EQ(outcome.status, StatusCode::Ok);
     EXPECT_EQ(outcome.exitCode, 1);
-    EXPECT_LE(outcome.elapsed, std::chrono::milliseconds(60 + 100) + tern::test::TOLERANCE);
-    EXPECT_EQ(log.Count(Error(NAME, "Command [sh] aborted by timeout 60ms")), 1U);
-    EXPECT_FALSE(Lines(log).empty());
+    EXPECT_GE(outcome.elapsed.count(), 400);
+    EXPECT_LE(outcome.elapsed, std::chrono::milliseconds(400 + 100) + tern::test::TOLERANCE);
+    EXPECT_EQ(log.Count(Error(NAME, "Command [sh] aborted by timeout 400ms")), 1U);
     EXPECT_EQ(ReapChildren(), 1);
 }
 
