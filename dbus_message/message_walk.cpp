@@ -47,64 +47,55 @@ private:
 template <char Type>
 struct BasicType;
 
-// The operation, for the message that is the same for all; then the two of its own, whole, so that a logged
-// line is found here. `shown` is the value as the second one takes it. The log calls are not inlined: they
-// hold texts, and readers call each other.
-#define TERN_BASIC_TYPE(letter, operation, Wire, Stored, failureFormat, LEVEL, valueFormat, shown)  \
-    template <>                                                                                     \
-    struct BasicType<letter> {                                                                      \
-        using WireType = Wire;                                                                      \
-        using StoredType = Stored;                                                                  \
-        static constexpr const char* OPERATION = operation;                                         \
-        [[gnu::noinline]] static void LogFailure(ParseLog& log, int result) {                       \
-            TERN_PARSE_LOG(log, ERROR, LOGGER, failureFormat, result, ErrorText(-result));          \
-        }                                                                                           \
-        template <typename Shown>                                                                   \
-        static void LogValue(ParseLog& log, const char* keyName, Shown value) {                     \
-            if (log.Admits(ParseLog::LEVEL)) {                                                      \
-                WriteValue(log, keyName, value);                                                    \
-            }                                                                                       \
-        }                                                                                           \
-        template <typename Shown>                                                                   \
-        [[gnu::noinline]] static void WriteValue(ParseLog& log, const char* keyName, Shown value) { \
-            TERN_LOG_##LEVEL(LOGGER, valueFormat, log.Text(keyName).Get(), shown);                  \
-        }                                                                                           \
+// The operation, and the two messages, whole but for its name, so that a logged line is found here. `shown`
+// is the value as the second one takes it. The log calls are not inlined: they hold texts, and readers call
+// each other.
+#define TERN_BASIC_TYPE(letter, operation, Wire, Stored, failureFormat, LEVEL, valueFormat, shown)    \
+    template <>                                                                                       \
+    struct BasicType<letter> {                                                                        \
+        using WireType = Wire;                                                                        \
+        using StoredType = Stored;                                                                    \
+        static constexpr const char* OPERATION = operation;                                           \
+        [[gnu::noinline]] static void LogFailure(ParseLog& log, int result) {                         \
+            TERN_PARSE_LOG(log, ERROR, LOGGER, failureFormat, OPERATION, result, ErrorText(-result)); \
+        }                                                                                             \
+        template <typename Shown>                                                                     \
+        static void LogValue(ParseLog& log, const char* keyName, Shown value) {                       \
+            if (log.Admits(ParseLog::LEVEL)) {                                                        \
+                WriteValue(log, keyName, value);                                                      \
+            }                                                                                         \
+        }                                                                                             \
+        template <typename Shown>                                                                     \
+        [[gnu::noinline]] static void WriteValue(ParseLog& log, const char* keyName, Shown value) {   \
+            TERN_LOG_##LEVEL(LOGGER, valueFormat, OPERATION, log.Text(keyName).Get(), shown);         \
+        }                                                                                             \
     };
 
 // A byte is shown in octal and an INT16 at info level: both are meant.
 TERN_BASIC_TYPE('s', "ReadString", const char*, ValueString,
-                "[ReadString] Failed to read SD_BUS_TYPE_STRING (%d, %s)", TRACE,
-                "[ReadString] keyName=%s, value=%s", log.Text(value).Get())
-TERN_BASIC_TYPE('b', "ReadBoolean", int, ValueBool,
-                "[ReadBoolean] Failed to read SD_BUS_TYPE_BOOLEAN (%d, %s)", TRACE,
-                "[ReadBoolean] keyName=%s, value=%d", value)
-TERN_BASIC_TYPE('n', "ReadINT16", std::int16_t, ValueInt16,
-                "[ReadINT16] Failed to read SD_BUS_TYPE_INT16 (%d, %s)", INFO,
-                "[ReadINT16] keyName=%s, value=%hd", value)
+                "[%s] Failed to read SD_BUS_TYPE_STRING (%d, %s)", TRACE, "[%s] keyName=%s, value=%s",
+                log.Text(value).Get())
+TERN_BASIC_TYPE('b', "ReadBoolean", int, ValueBool, "[%s] Failed to read SD_BUS_TYPE_BOOLEAN (%d, %s)", TRACE,
+                "[%s] keyName=%s, value=%d", value)
+TERN_BASIC_TYPE('n', "ReadINT16", std::int16_t, ValueInt16, "[%s] Failed to read SD_BUS_TYPE_INT16 (%d, %s)",
+                INFO, "[%s] keyName=%s, value=%hd", value)
 TERN_BASIC_TYPE('q', "ReadUINT16", std::uint16_t, ValueUint16,
-                "[ReadUINT16] Failed to read SD_BUS_TYPE_UINT16 (%d, %s)", TRACE,
-                "[ReadUINT16] keyName=%s, value=%u", value)
-TERN_BASIC_TYPE('i', "ReadINT32", std::int32_t, ValueInt32,
-                "[ReadINT32] Failed to read SD_BUS_TYPE_INT32 (%d, %s)", TRACE,
-                "[ReadINT32] keyName=%s, value=%d", value)
+                "[%s] Failed to read SD_BUS_TYPE_UINT16 (%d, %s)", TRACE, "[%s] keyName=%s, value=%u", value)
+TERN_BASIC_TYPE('i', "ReadINT32", std::int32_t, ValueInt32, "[%s] Failed to read SD_BUS_TYPE_INT32 (%d, %s)",
+                TRACE, "[%s] keyName=%s, value=%d", value)
 TERN_BASIC_TYPE('u', "ReadUINT32", std::uint32_t, ValueUint32,
-                "[ReadUINT32] Failed to read SD_BUS_TYPE_UINT32 (%d, %s)", TRACE,
-                "[ReadUINT32] keyName=%s, value=%u", value)
-TERN_BASIC_TYPE('x', "ReadINT64", std::int64_t, ValueInt64,
-                "[ReadINT64] Failed to read SD_BUS_TYPE_INT64 (%d, %s)", TRACE,
-                "[ReadINT64] keyName=%s, value=%lld", value)
+                "[%s] Failed to read SD_BUS_TYPE_UINT32 (%d, %s)", TRACE, "[%s] keyName=%s, value=%u", value)
+TERN_BASIC_TYPE('x', "ReadINT64", std::int64_t, ValueInt64, "[%s] Failed to read SD_BUS_TYPE_INT64 (%d, %s)",
+                TRACE, "[%s] keyName=%s, value=%lld", value)
 TERN_BASIC_TYPE('t', "ReadUINT64", std::uint64_t, ValueUint64,
-                "[ReadUINT64] Failed to read SD_BUS_TYPE_UINT64 (%d, %s)", TRACE,
-                "[ReadUINT64] keyName=%s, value=%llu", value)
-TERN_BASIC_TYPE('d', "ReadDouble", double, ValueDouble,
-                "[ReadDouble] Failed to read SD_BUS_TYPE_DOUBLE (%d, %s)", TRACE,
-                "[ReadDouble] keyName=%s, value=%f", log.Shown(value))
-TERN_BASIC_TYPE('y', "ReadByte", std::uint8_t, ValueUint8,
-                "[ReadByte] Failed to read SD_BUS_TYPE_BYTE (%d, %s)", TRACE,
-                "[ReadByte] keyName=%s, value=%o", value)
-TERN_BASIC_TYPE('h', "ReadFileDescriptor", int, ValueFD,
-                "[ReadFileDescriptor] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", TRACE,
-                "[ReadFileDescriptor] keyName=%s, value=%d", value)
+                "[%s] Failed to read SD_BUS_TYPE_UINT64 (%d, %s)", TRACE, "[%s] keyName=%s, value=%llu",
+                value)
+TERN_BASIC_TYPE('d', "ReadDouble", double, ValueDouble, "[%s] Failed to read SD_BUS_TYPE_DOUBLE (%d, %s)",
+                TRACE, "[%s] keyName=%s, value=%f", log.Shown(value))
+TERN_BASIC_TYPE('y', "ReadByte", std::uint8_t, ValueUint8, "[%s] Failed to read SD_BUS_TYPE_BYTE (%d, %s)",
+                TRACE, "[%s] keyName=%s, value=%o", value)
+TERN_BASIC_TYPE('h', "ReadFileDescriptor", int, ValueFD, "[%s] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)",
+                TRACE, "[%s] keyName=%s, value=%d", value)
 
 #undef TERN_BASIC_TYPE
 
@@ -187,8 +178,8 @@ int MessageWalk::ReadISI(const char* keyName) {
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_STRUCT, "isi");
     if (entered < 0) {
         // The text of another type, as it is everywhere known.
-        TERN_PARSE_LOG(log, ERROR, LOGGER, "[ReadISI] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", entered,
-                       ErrorText(-entered));
+        TERN_PARSE_LOG(log, ERROR, LOGGER, "[%s] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", "ReadISI",
+                       entered, ErrorText(-entered));
     }
     if (entered <= 0) {
         return entered;
@@ -197,16 +188,16 @@ int MessageWalk::ReadISI(const char* keyName) {
         if (sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_INT32, &value) <= 0) {
             return false;
         }
-        TERN_PARSE_LOG(log, TRACE, LOGGER, "[ReadISI] keyName=%s, Int, value=%d", log.Text(keyName).Get(),
-                       value);
+        TERN_PARSE_LOG(log, TRACE, LOGGER, "[%s] keyName=%s, Int, value=%d", "ReadISI",
+                       log.Text(keyName).Get(), value);
         return true;
     };
     const auto readText = [&](const char*& value) {
         if (sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &value) <= 0) {
             return false;
         }
-        TERN_PARSE_LOG(log, TRACE, LOGGER, "[ReadISI] keyName=%s, String, value=%s", log.Text(keyName).Get(),
-                       log.Text(value).Get());
+        TERN_PARSE_LOG(log, TRACE, LOGGER, "[%s] keyName=%s, String, value=%s", "ReadISI",
+                       log.Text(keyName).Get(), log.Text(value).Get());
         return true;
     };
     std::int32_t first = 0;
@@ -248,7 +239,7 @@ int MessageWalk::ReadArrayOfStrings(const char* keyName) {
             char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), index).ptr;
             mPath.resize(nameEnd);
             mPath.append(digits.data(), end);
-            TERN_PARSE_LOG(log, TRACE, LOGGER, "[ReadArrayOfStrings] key=%s, value=%s",
+            TERN_PARSE_LOG(log, TRACE, LOGGER, "[%s] key=%s, value=%s", "ReadArrayOfStrings",
                            log.Text(mPath.c_str()).Get(), log.Text(text).Get());
             if (!Store<ValueString>(OPERATION, text)) {
                 result = -ENOBUFS;
@@ -264,7 +255,7 @@ int MessageWalk::ReadArrayOfStrings(const char* keyName) {
 [[gnu::noinline]] void MessageWalk::LogContentFailure(const char* keyName, int r) {
     ParseLog& log = mBudget.Log();
     TERN_PARSE_LOG(log, ERROR, LOGGER,
-                   "[ReadVariant] Failure ReadVariantContent prefix='%s' keyname='%s', ret=(%d, %s)",
+                   "[%s] Failure ReadVariantContent prefix='%s' keyname='%s', ret=(%d, %s)", "ReadVariant",
                    log.Text(mPath.c_str()).Get(), log.Text(keyName).Get(), r, ErrorText(-r));
 }
 
@@ -272,8 +263,8 @@ int MessageWalk::ReadVariant(const char* keyName) {
     const char* contents = nullptr;
     int r = sd_bus_message_peek_type(mMessage, nullptr, &contents);
     if (r < 0) {
-        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
-                       "[ReadVariant] Failure sd_bus_message_peek_type, ret=(%d, %s)", r, ErrorText(-r));
+        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER, "[%s] Failure sd_bus_message_peek_type, ret=(%d, %s)",
+                       "ReadVariant", r, ErrorText(-r));
     }
     if (r <= 0) {
         return r;
@@ -281,7 +272,7 @@ int MessageWalk::ReadVariant(const char* keyName) {
     r = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_VARIANT, contents);
     if (r < 0) {
         TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
-                       "[ReadVariant] Failure sd_bus_message_enter_container, ret=(%d, %s)", r,
+                       "[%s] Failure sd_bus_message_enter_container, ret=(%d, %s)", "ReadVariant", r,
                        ErrorText(-r));
     }
     if (r <= 0) {
@@ -313,14 +304,14 @@ int MessageWalk::ReadVariantContent(const char* keyName, const char* contents) {
             r = ReadArrayOfDictionaries();
         }
     } else {
-        TERN_PARSE_LOG(mBudget.Log(), INFO, LOGGER,
-                       "[ReadVariantContent] Unsupported type, update this method");
+        TERN_PARSE_LOG(mBudget.Log(), INFO, LOGGER, "[%s] Unsupported type, update this method",
+                       "ReadVariantContent");
         // Stepped over, so that the entries behind it can be read.
         r = std::min(SkipContent(mMessage, contents), 0);
     }
     if (r < 0) {
-        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
-                       "[ReadVariantContent] Failed to read ReadVariantContent (%d, %s)", r, ErrorText(-r));
+        TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER, "[%s] Failed to read ReadVariantContent (%d, %s)",
+                       "ReadVariantContent", r, ErrorText(-r));
     }
     return r;
 }
@@ -329,8 +320,8 @@ int MessageWalk::ReadArrayOfDictionaries() {
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_ARRAY, "{sv}");
     if (entered < 0) {
         TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
-                       "[ReadArrayOfDictionaries] Failure sd_bus_message_enter_container({sv}), ret=(%d, %s)",
-                       entered, ErrorText(-entered));
+                       "[%s] Failure sd_bus_message_enter_container({sv}), ret=(%d, %s)",
+                       "ReadArrayOfDictionaries", entered, ErrorText(-entered));
     }
     if (entered <= 0) {
         return entered;
@@ -350,8 +341,8 @@ int MessageWalk::ParseArrayOfDictionaries() {
         r = sd_bus_message_read_basic(mMessage, SD_BUS_TYPE_STRING, &name);
         if (r < 0) {
             TERN_PARSE_LOG(mBudget.Log(), ERROR, LOGGER,
-                           "[ParseArrayOfDictionaries] Failure sd_bus_message_read_basic, ret=(%d, %s)", r,
-                           ErrorText(-r));
+                           "[%s] Failure sd_bus_message_read_basic, ret=(%d, %s)", "ParseArrayOfDictionaries",
+                           r, ErrorText(-r));
         } else {
             r = ReadVariant(name);
         }

@@ -48,6 +48,7 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 
 }  // namespace
 
+// clang-format off: tables
 /// All that the timer is. Its thread is a co-owner, as it may outlive the timer.
 ///
 /// There is one thread at most, and a new one only when the former has ended. The phase tells what becomes of
@@ -64,19 +65,20 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 /// | Finishing | ends when it looks next                                                            |
 /// | Gone      | none, or one that takes signals for nothing until the process ends: it is detached |
 ///
-/// | event, next phase     | Idle        | Running  | Leaving   | Stopping  | Silent    | Finishing | Gone |
+/// | event, next phase     | Idle        | Running  | Leaving   | Stopping  | Silent    | Finishing | Gone    |
 /// |-----------------------|-------------|----------|-----------|-----------|-----------|-----------|---------|
-/// | owner starts thread   | Running (a) | stays    | waits     | refused   | refused   | refused   | refused
-/// | | callback starts it    |             | stays    | Running   | refused   |           |           | | |
-/// owner stops it, waits | stays       | Stopping | Stopping  | stays     | Finishing | stays     | stays   |
-/// | callback stops it     |             | Leaving  | stays     | stays     |           |           | | |
-/// timer is destroyed    | Gone        | Silent   | Finishing | Finishing |           |           |         |
-/// | thread looks          |             | stays    | it ends   | it ends   | Gone      | it ends   | stays |
-/// | thread has ended      |             |          | Idle      | Idle      |           | Gone      | |
+/// | owner starts thread   | Running (a) | stays    | waits     | refused   | refused   | refused   | refused |
+/// | callback starts it    |             | stays    | Running   | refused   |           |           |         |
+/// | owner stops it, waits | stays       | Stopping | Stopping  | stays     | Finishing | stays     | stays   |
+/// | callback stops it     |             | Leaving  | stays     | stays     |           |           |         |
+/// | timer is destroyed    | Gone        | Silent   | Finishing | Finishing |           |           |         |
+/// | thread looks          |             | stays    | it ends   | it ends   | Gone      | it ends   | stays   |
+/// | thread has ended      |             |          | Idle      | Idle      |           | Gone      |         |
 ///
 /// (a) Leaving when it could not block the signal: then it ends by itself. The thread looks before each wait
 /// for a signal, in Silent that is once after its callback has returned. `refused` is status Stopping, which
 /// the last three phases have for every step of Start.
+// clang-format on
 struct __attribute__((visibility("hidden"))) ShortPeriodTimer::State : std::enable_shared_from_this<State> {
     State(unsigned int period, bool repeat, std::function<void()> function)
         : signo(SIGRTMIN), periodMs(period), periodic(repeat), callback(std::move(function)) {}

@@ -115,8 +115,8 @@ StatusCode FileSystem::IsFolderEmpty(const std::string& folder, bool& empty) con
     Directory directory(folder);
     if (!directory) {
         const int error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "IsFolderEmpty: Failed to open dir %s, errno = %s", folder.c_str(),
-                       ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to open dir %s, errno = %s", "IsFolderEmpty",
+                       folder.c_str(), ErrorText(error));
         return StatusCode::NotFound;
     }
     empty = directory.Next() == nullptr;
@@ -152,7 +152,7 @@ StatusCode FileSystem::DeleteSymbolicLink(const std::string& link) {
 StatusCode FileSystem::CheckFileExist(const std::string& path) {
     struct stat information {};
     if (stat(path.c_str(), &information) != 0) {
-        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CheckFileExist: file '%s' does not exist", path.c_str());
+        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: file '%s' does not exist", "CheckFileExist", path.c_str());
         return StatusCode::NotFound;
     }
     return StatusCode::Ok;
@@ -213,13 +213,14 @@ StatusCode FileSystem::WriteContent(const std::string& path, const std::string& 
     const Handle<std::FILE, std::fclose> file(std::fopen(path.c_str(), "we"));
     if (file == nullptr) {
         const int error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "WriteContent: Unable to write file content to '%s' (errno=%s) ",
-                       path.c_str(), ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Unable to write file content to '%s' (errno=%s) ",
+                       "WriteContent", path.c_str(), ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
     // Meant: what becomes of the writing is not looked at; WriteWholeContent does.
     static_cast<void>(std::fwrite(content.data(), 1, content.size(), file.get()));
-    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "WriteContent: Successfully wrote content to file %s", path.c_str());
+    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Successfully wrote content to file %s", "WriteContent",
+                  path.c_str());
     return StatusCode::Ok;
 }
 

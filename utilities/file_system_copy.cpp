@@ -141,13 +141,13 @@ bool FolderCopy::CopyEntry(const FolderWalk::Entry& entry, bool includeFolders, 
         mToPath += entry.name;
         goesOn = CopySubFolder(entry.name, above);
     } else if (entry.type == DT_REG) {
-        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CopyFolderContent: includeFiles=false, %s is not copied to %s",
-                       mFromPath.c_str(), mToPath.c_str());
+        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: includeFiles=false, %s is not copied to %s",
+                       "CopyFolderContent", mFromPath.c_str(), mToPath.c_str());
     } else if (entry.type == DT_DIR) {
-        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CopyFolderContent: includeFolders=false, %s is not copied to %s",
-                       mFromPath.c_str(), mToPath.c_str());
+        TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: includeFolders=false, %s is not copied to %s",
+                       "CopyFolderContent", mFromPath.c_str(), mToPath.c_str());
     } else {
-        TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "CopyFolderContent: File %s, type (%u) is not supported",
+        TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: File %s, type (%u) is not supported", "CopyFolderContent",
                       entry.name, static_cast<unsigned int>(entry.type));
         RecordFailure(StatusCode::NotSupported);
     }
@@ -162,20 +162,20 @@ bool FolderCopy::CopyEntry(const FolderWalk::Entry& entry, bool includeFolders, 
 StatusCode FolderCopy::CopyRegularFile(const char* name) {
     UniqueFd copy;
     const StatusCode status = CopyFileAt(From(name), To(name), mAmount, copy);
-    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "CopyFolderContent: Copy %s to %s, status = %s", mFromPath.c_str(),
-                  mToPath.c_str(), ConvertStatusCodeToString(status).c_str());
+    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Copy %s to %s, status = %s", "CopyFolderContent",
+                  mFromPath.c_str(), mToPath.c_str(), ConvertStatusCodeToString(status).c_str());
     if (status != StatusCode::Ok) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CopyFolderContent: Failed to copy file (%s), status = %s",
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to copy file (%s), status = %s", "CopyFolderContent",
                        mFromPath.c_str(), ConvertStatusCodeToString(status).c_str());
         return status;
     }
     // Meant: a file that was copied is a success, whoever owns it.
     if (mOwner.SetOn(copy.Get(), mToPath) != StatusCode::Ok) {
-        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "CopyFolderContent: Failed to set meadow owner for %s",
+        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to set meadow owner for %s", "CopyFolderContent",
                          mToPath.c_str());
     } else if (SetDefaultAccessRightsOn(copy.Get(), mToPath) != StatusCode::Ok) {
-        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "CopyFolderContent: Failed to set default meadow rights for %s",
-                         mToPath.c_str());
+        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to set default meadow rights for %s",
+                         "CopyFolderContent", mToPath.c_str());
     }
     return StatusCode::Ok;
 }
@@ -227,14 +227,14 @@ bool FolderCopy::LeaveSubFolder() {
     TellUnclosed(closeError);
     mLevels.pop_back();
     if (level.result == StatusCode::NotFound) {
-        TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "CopyFolderContent: Copy empty %s to %s, status = %s",
+        TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Copy empty %s to %s, status = %s", "CopyFolderContent",
                       mFromPath.c_str(), mToPath.c_str(), ConvertStatusCodeToString(StatusCode::Ok).c_str());
         Record(StatusCode::Ok);
     } else if (level.result != StatusCode::Ok) {
         Record(FailedToCopySubFolder(level.result));
     } else {
-        TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "CopyFolderContent: Copy %s to %s, status = %s", mFromPath.c_str(),
-                      mToPath.c_str(), ConvertStatusCodeToString(StatusCode::Ok).c_str());
+        TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Copy %s to %s, status = %s", "CopyFolderContent",
+                      mFromPath.c_str(), mToPath.c_str(), ConvertStatusCodeToString(StatusCode::Ok).c_str());
         Record(StatusCode::Ok);
     }
     mFromPath.resize(level.fromLength);
@@ -248,19 +248,20 @@ bool FolderCopy::LeaveSubFolder() {
 }
 
 StatusCode FolderCopy::FailedToOpenSource() {
-    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CopyFolderContent: Failed to open directory: %s", mFromPath.c_str());
+    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to open directory: %s", "CopyFolderContent",
+                   mFromPath.c_str());
     return StatusCode::Failure;
 }
 
 StatusCode FolderCopy::FailedToCopySubFolder(StatusCode status) {
-    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CopyFolderContent: Failed to copy sub-folder (%s), status = %s",
+    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to copy sub-folder (%s), status = %s", "CopyFolderContent",
                    mFromPath.c_str(), ConvertStatusCodeToString(status).c_str());
     return status;
 }
 
 void FolderCopy::TellUnclosed(int error) {
     if (error != 0) {
-        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "CopyFolderContent: Failed to close directory, errno: %s",
+        TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to close directory, errno: %s", "CopyFolderContent",
                          ErrorText(error));
     }
 }

@@ -172,7 +172,8 @@ StatusCode RemoveFolder(int at, const char* name, const std::string& path, const
         return StatusCode::Ok;
     }
     if (!quiet) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "DeleteFolder: Failed to remove folder %s", givenPath.c_str());
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to remove folder %s", "DeleteFolder",
+                       givenPath.c_str());
     }
     return MakeStatusCodeFromErrno(error);
 }

@@ -93,53 +93,51 @@ bool EquipFolder(const FolderRequest& request, bool isNew, UniqueFd& folder, int
     const char* const path = request.path.c_str();
     if (!OpenFolder(request, isNew, folder) || !ChangeMode(folder.Get(), FOLDER_MODE)) {
         error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
-                       "CreateFolder: Failed to change permission on folder: %s (errno=%s)", path,
-                       ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to change permission on folder: %s (errno=%s)",
+                       "CreateFolder", path, ErrorText(error));
         return false;
     }
-    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CreateFolder: %s now exists", path);
+    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: %s now exists", "CreateFolder", path);
 
     const uid_t uid = getuid();
     std::string user;
     if (!FindUserName(uid, user, error)) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to get user for uid: %u (errno=%s)", uid,
-                       ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to get user for uid: %u (errno=%s)", "CreateFolder",
+                       uid, ErrorText(error));
         return false;
     }
     gid_t gid = 0;
     if (!FindGroup(user, gid, error)) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to get group for user: %s (errno=%s)",
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to get group for user: %s (errno=%s)", "CreateFolder",
                        user.c_str(), ErrorText(error));
         return false;
     }
     if (fchownat(folder.Get(), "", uid, gid, AT_EMPTY_PATH) != 0) {
         error = errno;
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to change owner of folder: %s (errno=%s)",
-                       path, ErrorText(error));
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to change owner of folder: %s (errno=%s)",
+                       "CreateFolder", path, ErrorText(error));
         return false;
     }
     return true;
 }
 
 StatusCode FailedToSetRights(const std::string& path, int error) {
-    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
-                   "SetDefaultAccessRights: Failed to change permission of file: %s (errno=%s)", path.c_str(),
-                   ErrorText(error));
+    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to change permission of file: %s (errno=%s)",
+                   "SetDefaultAccessRights", path.c_str(), ErrorText(error));
     return StatusCode::Failure;
 }
 
 }  // namespace
 
 StatusCode CreateFolderAt(const FolderRequest& request, UniqueFd& folder) {
-    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "CreateFolder: %s", request.path.c_str());
+    TERN_LOG_TRACE(FILE_SYSTEM_LOGGER, "%s: %s", "CreateFolder", request.path.c_str());
     // As for a system call with that path.
     const bool isTooLong = request.path.size() >= PATH_MAX;
     const bool isNew = !isTooLong && mkdirat(request.at, request.name, FOLDER_MODE_WHILE_MADE) == 0;
     int error = isTooLong ? ENAMETOOLONG : errno;
     // Meant: a path that exists, even as a file, counts as made.
     if (!isNew && error != EEXIST) {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "CreateFolder: Failed to create folder: %s (errno=%s)",
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to create folder: %s (errno=%s)", "CreateFolder",
                        request.path.c_str(), ErrorText(error));
     } else if (EquipFolder(request, isNew, folder, error)) {
         return StatusCode::Ok;
@@ -201,21 +199,20 @@ StatusCode FileSystem::ChangeOwnership(const std::string& path, const std::strin
     if (!FindOwner(user, group, uid, gid, error)) {
         // Meant: the same text in both places, whichever look-up failed.
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
-                       "[ChangeOwnership] Unable to change ownership of the file %s.\nerror getpwnam[%s] or "
-                       "getgrnam[%s]",
-                       path.c_str(), ErrorText(error), ErrorText(error));
+                       "[%s] Unable to change ownership of the file %s.\nerror getpwnam[%s] or getgrnam[%s]",
+                       "ChangeOwnership", path.c_str(), ErrorText(error), ErrorText(error));
         return StatusCode::Failure;
     }
     if (chown(path.c_str(), uid, gid) != 0) {
         error = errno;
         const StatusCode status = MakeStatusCodeFromErrno(error);
-        TERN_LOG_ERROR(
-            FILE_SYSTEM_LOGGER,
-            "[ChangeOwnership] Unable to change ownership of the file %s.\nerror[%s], StatusCode[%s]",
-            path.c_str(), ErrorText(error), mw::tern::ConvertStatusCodeToString(status).c_str());
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
+                       "[%s] Unable to change ownership of the file %s.\nerror[%s], StatusCode[%s]",
+                       "ChangeOwnership", path.c_str(), ErrorText(error),
+                       mw::tern::ConvertStatusCodeToString(status).c_str());
         return status;
     }
-    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "[ChangeOwnership] Changed ownership of the file %s to %s:%s",
+    TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "[%s] Changed ownership of the file %s to %s:%s", "ChangeOwnership",
                   path.c_str(), user.c_str(), group.c_str());
     return StatusCode::Ok;
 }

@@ -48,8 +48,8 @@ StatusCode FailedToMeasure(const char* path, int error) {
         return StatusCode::NotFound;
     }
     const StatusCode status = MakeStatusCodeFromErrno(error);
-    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "[GetDiskUsage] Couldn't get size of path '%s', status = %s", path,
-                   ConvertStatusCodeToString(status).c_str());
+    TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "[%s] Couldn't get size of path '%s', status = %s", "GetDiskUsage",
+                   path, ConvertStatusCodeToString(status).c_str());
     return status;
 }
 
@@ -144,9 +144,8 @@ private:
     }
 
     StatusCode FailedAtEntry(StatusCode status) const {
-        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
-                       "[GetRecursiveDiskUsage] Failed to get disk usage for entry '%s', status = %s",
-                       mPath.c_str(), ConvertStatusCodeToString(status).c_str());
+        TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "[%s] Failed to get disk usage for entry '%s', status = %s",
+                       "GetRecursiveDiskUsage", mPath.c_str(), ConvertStatusCodeToString(status).c_str());
         return status;
     }
 

@@ -56,7 +56,7 @@ namespace mwl::ProcessExecution {
 /// | pipe2(2) or fork(2) failed | that of errno | 1 |
 /// | fdopen(3) on the output failed | StreamError | 1 |
 /// | the output could not be made non-blocking | that of errno | 1 |
-/// | the output could not be read any further (logged; what came before is kept) | that of the end | as above |
+/// | read(2) of the output failed (logged; what came before is kept) | that of the end | as above |
 /// | waitpid(2) or kill(2) failed (nothing is killed after the former) | that of errno | 1 |
 /// | poll(2) failed, for example interrupted by a handler (the run goes on to its end) | that of errno | 1 |
 class TERN_API Command {

@@ -8,7 +8,6 @@
 #include <tern/threading/threads_watcher_interface.h>
 
 #include <chrono>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -76,9 +75,8 @@ private:
     // Order of locking: mSetMutex, then mMutex. mSetMutex guards mThreads; mMutex, that of the sleep, guards
     // all else.
     std::set<ThreadWatched*> mThreads;
-    std::thread mThread;                              ///< detached as soon as it is created
-    bool mIsInMonitor = false;                        ///< in the list of the monitor
-    [[maybe_unused]] const std::uint64_t mSpare = 0;  ///< keeps the place of what stood here
+    std::thread mThread;        ///< detached as soon as it is created
+    bool mIsInMonitor = false;  ///< in the list of the monitor
     std::chrono::milliseconds mPeriod{0};
     std::mutex mSetMutex;
     Signals mSignals;
