@@ -15,8 +15,8 @@ public:
     virtual ~ExecutorInterface();
 
     /// Runs once, before anything else, while Component::Start waits for it and then returns its status.
-    /// Anything but Ok ends the thread. What it throws ends the process: catch what StartWatch throws when the
-    /// watcher gets no thread, and return a status.
+    /// Anything but Ok ends the thread. What it throws ends the process: catch what StartWatch throws when
+    /// the watcher gets no thread, and return a status.
     virtual StatusCode Initialize() = 0;
     /// One run of the processing: everything that is there to do, as wake-ups are folded. A std::exception
     /// that leaves it ends the whole service on failure, so that it is started again; what is thrown besides
