@@ -67,7 +67,17 @@ TEST_F(TargetStoreTest, AFullDiskIsReportedAndKeepsTheFormerTarget) {
 
 TEST_F(TargetStoreTest, ADiskThatTakesAPartOnlyIsReportedAndKeepsTheFormerTarget) {
     const FaultScope scope(fault_write);
-    fault_write.Replace([](int fd, const void* data, std::size_t) { return fault_write.Real(fd, data, 3); });
+    bool full = false;
+    fault_write.Replace(
+        [&full](int fd, const void* data, std::size_t) {
+            if (full) {
+                errno = ENOSPC;
+                return ssize_t{-1};
+            }
+            full = true;
+            return fault_write.Real(fd, data, 3);
+        },
+        2);
     ExpectRefusedAndKept(StatusCode::IoError);
 }
 

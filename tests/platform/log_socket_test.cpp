@@ -188,6 +188,8 @@ TEST(LogSocket, ChildrenForkedBesideThreadsThatLogDoLogToo) {
             } else {
                 BecomeJournalled();
             }
+            // A child forked in the middle of the logger's very first use would wait for its end for ever.
+            Print("the first");
             std::atomic<bool> stop{false};
             std::vector<std::thread> threads;
             for (int i = 0; i < 4; ++i) {
