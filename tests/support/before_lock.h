@@ -16,6 +16,7 @@ namespace tern::test {
 /// Include it in the test program's one source.
 class BeforeLock {
 public:
+    /// `count` is 1 or more.
     BeforeLock(int count, std::function<void()> action) : mCount(count), mAction(std::move(action)) {
         sCurrent = this;
     }

@@ -19,9 +19,9 @@ namespace mwl::Log {
 /// syslog(3) does, with TERN_LOG_TARGET=syslog. The choice is made once, at first use. Where the journal's or
 /// the system log's socket refuses, standard error is taken.
 ///
-/// In all forms but the journal's, control bytes and what is no UTF-8 are escaped as \n, \t or \xHH (two
-/// capital digits), so that no text that came from elsewhere begins a line of its own or commands a terminal.
-/// A backslash stays as it is.
+/// In all forms but the journal's, control bytes and what is no UTF-8 are escaped as `\n`, `\t` or `\xHH`
+/// (two capital digits), so that no text that came from elsewhere begins a line of its own or commands a
+/// terminal. A backslash stays as it is.
 ///
 /// A sink that takes nothing (a journal that does not read, a full pipe, a terminal held by Ctrl-S) is waited
 /// for, a second for one message; then that message is dropped, and so are further ones, at once, until the
