@@ -48,7 +48,7 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 
 }  // namespace
 
-// clang-format off: tables
+// clang-format off
 /// All that the timer is. Its thread is a co-owner, as it may outlive the timer.
 ///
 /// There is one thread at most, and a new one only when the former has ended. The phase tells what becomes of
