@@ -226,10 +226,12 @@ void ThreadsWatcher::Register(ThreadWatched* thread) {
     }
     TERN_LOG_NOTICE(LOGGER, "Start watch %s (period %llu ms, threadId %lu)", thread->GetName().c_str(),
                     static_cast<unsigned long long>(thread->GetPeriod().count()), thread->GetThreadId());
+    bool isFirst = false;
     {
         const std::lock_guard lock(mSetMutex);
         const bool inserted = mThreads.insert(thread).second;
-        if (inserted && mThreads.size() == 1) {
+        isFirst = inserted && mThreads.size() == 1;
+        if (isFirst) {
             SetPeriod(thread->GetPeriod());
             try {
                 Start();
@@ -237,10 +239,16 @@ void ThreadsWatcher::Register(ThreadWatched* thread) {
                 mThreads.clear();
                 throw;
             }
-            return;
         }
     }
-    ShortenPeriod(thread->GetPeriod());
+    if (!isFirst) {
+        ShortenPeriod(thread->GetPeriod());
+        return;
+    }
+    // With no lock held: the monitor stops us with its own held, and whoever leaves the set then.
+    for (unsigned int former = TakeFormerEntries(); former > 0; --former) {
+        NotifyStopped();
+    }
 }
 
 // The message is written with the mutex free: a log that is stuck must not keep the others, the lookout above
@@ -264,7 +272,7 @@ void ThreadsWatcher::TaskWatch() {
     }
     loop->Begin();
     TERN_LOG_NOTICE(LOGGER, "TaskWatch Started");
-    NotifyFirstStart();
+    AddEntry();
     while (loop->WaitForAlarm()) {
         KillFirstBlocked();
         loop->EndAlarm();
@@ -300,23 +308,19 @@ ThreadsWatcher::Loop* ThreadsWatcher::FindLoopOfThisThread() {
     return found == all.end() ? nullptr : *found;
 }
 
-/// The watcher stays in the monitor's list from its first start on, and its Stop is harmless at any time: one
-/// entry serves all the starts to come.
-void ThreadsWatcher::NotifyFirstStart() {
-    {
-        const Lock lock(mMutex);
-        if (std::exchange(mIsInMonitor, true)) {
-            return;
-        }
-    }
-    // With no lock held: the monitor stops us with its own held.
-    try {
-        NotifyStarted();
-    } catch (...) {
-        const Lock lock(mMutex);
-        mIsInMonitor = false;
-        throw;
-    }
+void ThreadsWatcher::AddEntry() {
+    NotifyStarted();
+    const Lock lock(mMutex);
+    ++mEntries;
+}
+
+/// All entries in the monitor's list but one, which the caller takes back: that one stops the watches to come
+/// until they have added theirs.
+unsigned int ThreadsWatcher::TakeFormerEntries() {
+    const Lock lock(mMutex);
+    const unsigned int former = mEntries > 1 ? mEntries - 1 : 0;
+    mEntries -= former;
+    return former;
 }
 
 bool ThreadsWatcher::IsRegistered(ThreadWatched* thread) {

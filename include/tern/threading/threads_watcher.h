@@ -30,11 +30,12 @@ namespace mwl::Threading {
 /// writes the messages and kills, and one that sleeps and looks, and that never waits for a log.
 ///
 /// Thread-safe. Owned by the application; it outlives the watched threads, their last `StopWatch` included,
-/// and, as every `ThreadManager`, the D-Bus thread: the first watch adds it to the monitor's list, where it
-/// stays, once, however often the watch starts again; the application leaves `NotifyStopped` alone. The
-/// destructor stops the watch and waits until its threads have left. A class that derives from it calls
-/// `Stop()` and has seen "TaskWatch Stopped" before its own destructor ends.
-/// A mutex that cannot be locked leaves as std::system_error.
+/// and, as every `ThreadManager`, the D-Bus thread: every watch adds it to the monitor's list, where it
+/// stays; a registration that starts another watch takes all but one of the former entries back, so that they
+/// do not grow with the restarts. The application leaves `NotifyStopped` alone. The destructor stops the
+/// watch and waits until its threads have left. A class that derives from it calls `Stop()` and has seen
+/// "TaskWatch Stopped" before its own destructor ends. A mutex that cannot be locked leaves as
+/// std::system_error.
 class TERN_API ThreadsWatcher : public ThreadManager, public ThreadsWatcherInterface {
 public:
     /// Watches nothing yet, and has no thread yet.
@@ -47,7 +48,8 @@ public:
     /// Adds the thread, once its message is written; null is ignored. The first one sets the watch period to
     /// its own and starts the watch; each later one can only shorten it, at once, and it stays short until
     /// all have left. When the threads of the watch cannot be created, std::system_error leaves and the
-    /// thread is not added.
+    /// thread is not added. A third and later start of the watch takes the monitor's mutex: hold no lock that
+    /// the `Stop` of a worker takes.
     void Register(ThreadWatched* thread) override;
     /// Removes the thread; one that is not there does no harm. When nobody is left, the watch is stopped.
     void Unregister(ThreadWatched* thread) override;
@@ -64,7 +66,8 @@ private:
     struct Loops;
 
     Loop* FindLoopOfThisThread();
-    void NotifyFirstStart();
+    void AddEntry();
+    unsigned int TakeFormerEntries();
     bool IsRegistered(ThreadWatched* thread);
     bool IsAnyBlockedAt(std::chrono::steady_clock::time_point now);
     void KillFirstBlocked();
@@ -76,7 +79,7 @@ private:
     // all else.
     std::set<ThreadWatched*> mThreads;
     std::thread mThread;        ///< detached as soon as it is created
-    bool mIsInMonitor = false;  ///< in the list of the monitor
+    unsigned int mEntries = 0;  ///< in the list of the monitor
     std::chrono::milliseconds mPeriod{0};
     std::mutex mSetMutex;
     Signals mSignals;
