@@ -118,9 +118,9 @@ std::string DescribeChild(pid_t child) {
     if (end.si_code == CLD_EXITED) {
         return process + " has ended with exit status " + std::to_string(end.si_status);
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the texts of known signals are constants
+    const char* const text = sigdescr_np(end.si_status);
     return process + " was ended by signal " + std::to_string(end.si_status) + " (" +
-           strsignal(end.si_status) + ")";
+           (text != nullptr ? text : "unknown") + ")";
 }
 
 }  // namespace tern::test

@@ -73,7 +73,7 @@ std::string ReadLine(int fd) {
     fcntl(3, F_SETFD, 0);
     execlp("dbus-daemon", "dbus-daemon", option.c_str(), "--nofork", "--nopidfile", "--nosyslog",
            "--print-address=3", static_cast<char*>(nullptr));
-    dprintf(STDERR_FILENO, "%s; is the package dbus-daemon installed?", strerror(errno));
+    dprintf(STDERR_FILENO, "%s; is the package dbus-daemon installed?", strerrordesc_np(errno));
     _exit(127);
 }
 
