@@ -88,7 +88,8 @@ TEST(MemoryBudget, CountsAnAllocationAsTheAllocatorDoes) {
     if (IS_OTHER_ALLOCATOR) {
         GTEST_SKIP() << "the sanitizer has an allocator of its own";
     }
-    for (const std::size_t size : {1, 8, 15, 16, 23, 24, 25, 40, 41, 56, 57, 72, 88, 100, 1000, 5000}) {
+    for (const std::size_t size :
+         {1U, 8U, 15U, 16U, 23U, 24U, 25U, 40U, 41U, 56U, 57U, 72U, 88U, 100U, 1000U, 5000U}) {
         const std::unique_ptr<void, decltype(&free)> memory(malloc(size), free);
         EXPECT_EQ(MemoryBudget::Allocation(size), TakenFor(memory.get())) << size;
     }
