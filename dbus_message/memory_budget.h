@@ -19,7 +19,11 @@ public:
     /// What an allocation of so many bytes takes: the C library puts a size before each, rounds up to its
     /// alignment, and has a smallest piece.
     static constexpr std::size_t Allocation(std::size_t bytes) noexcept {
+#ifdef __i386__
+        constexpr std::size_t ALIGNMENT = 16;  // the C library's, stricter than any type's
+#else
         constexpr std::size_t ALIGNMENT = alignof(std::max_align_t);
+#endif
         constexpr std::size_t SMALLEST = 4 * sizeof(void*);
         return std::max(SMALLEST, (bytes + sizeof(void*) + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT);
     }
@@ -37,7 +41,9 @@ public:
         return true;
     }
     /// Of what was taken before.
-    void GiveBack(std::size_t bytes) noexcept { mLeft += bytes; }
+    void GiveBack(std::size_t bytes) noexcept {
+        mLeft += bytes;
+    }
 
 private:
     std::size_t mLeft = LIMIT;

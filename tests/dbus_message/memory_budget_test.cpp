@@ -125,6 +125,9 @@ void BeginEntry(WireWriter& writer, const std::string& name, const char* signatu
 // Each message is small beside what it would become. What is held, counted as it is allocated, comes to the
 // limit and not beyond it; it is not refused far below it either.
 TEST(MemoryBudget, WhatAMessageBecomesIsBounded) {
+    if (sizeof(void*) == 4) {
+        GTEST_SKIP() << "objects are half as large, so that these messages do not reach the limit";
+    }
     const Row rows[] = {
         {"an array of empty strings", "ReadArrayOfStrings", 1,
          [](WireWriter& writer, std::size_t) {
