@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
-#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -202,10 +201,10 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
     for (DBusInterface* const interface : object->GetInterfaces()) {
         const sd_bus_vtable* const table = interface->GetVtable();
         // As a rule many objects share one table.
-        const std::optional<VtableFault> fault =
-            mState->soundTables.count(table) > 0 ? std::nullopt : FindVtableFault(table);
-        r = fault.has_value()
-                ? fault->error
+        const VtableFault fault =
+            mState->soundTables.count(table) > 0 ? VtableFault() : FindVtableFault(table);
+        r = fault.error < 0
+                ? fault.error
                 : sd_bus_add_object_vtable(mBus, nullptr, path.c_str(), interface->GetName().c_str(), table,
                                            interface->GetUserData());
         if (r < 0) {
@@ -214,11 +213,11 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
                            interface->GetName().c_str(), path.c_str());
             // Wording and newline are meant.
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to issue method call: %s\n", ErrorText(-r));
-            if (fault.has_value() && fault->kind != nullptr) {
+            if (fault.kind != nullptr) {
                 TERN_LOG_ERROR(ServiceCommon::mLogger,
                                "Refused entry %zu of the vtable of interface: %s, %s '%s' (%d, %s)",
-                               fault->index, interface->GetName().c_str(), fault->kind, fault->member,
-                               fault->error, ErrorText(-fault->error));
+                               fault.index, interface->GetName().c_str(), fault.kind, fault.member,
+                               fault.error, ErrorText(-fault.error));
             }
             break;
         }

@@ -2,6 +2,7 @@
 
 #include <tern/service/dbus_interface.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "foundation/handle.h"
@@ -57,15 +58,15 @@ int Try(sd_bus* bus, const sd_bus_vtable* table) {
 
 }  // namespace
 
-std::optional<VtableFault> FindVtableFault(const sd_bus_vtable* table) {
+VtableFault FindVtableFault(const sd_bus_vtable* table) {
     const Bus whole = MakeBus();
-    if (whole == nullptr) {
-        return std::nullopt;
-    }
     VtableFault fault;
-    fault.error = Try(whole.get(), table);
-    if (fault.error >= 0) {
-        return std::nullopt;
+    if (whole == nullptr) {
+        return fault;
+    }
+    fault.error = std::min(Try(whole.get(), table), 0);
+    if (fault.error == 0) {
+        return fault;
     }
     // Made with another sd-bus's header, how its entries look is not known here.
     const bool isReadable = table != nullptr && (table->type != _SD_BUS_VTABLE_START ||

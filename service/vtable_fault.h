@@ -3,13 +3,12 @@
 #include <systemd/sd-bus.h>
 
 #include <cstddef>
-#include <optional>
 
 namespace mw::tern {
 
 /// Why sd-bus does not accept a vtable.
 struct VtableFault {
-    int error = 0;          ///< sd-bus's, negative
+    int error = 0;          ///< sd-bus's, negative; 0 when the table is accepted
     std::size_t index = 0;  ///< of the first entry that is not accepted; 0 is the start entry
     const char* kind =
         nullptr;  ///< of that entry, "method", "property" and so on; null when none can be named
@@ -21,8 +20,8 @@ struct VtableFault {
 /// use freed memory. So a table is registered with the service's connection only when it is sound.
 ///
 /// Which entry is at fault is found by registering ever longer beginnings of the table: so it is sd-bus that
-/// tells, a second member of the same name included. Nothing when the table is accepted, or when there is no
+/// tells, a second member of the same name included. No error when the table is accepted, or when there is no
 /// memory to find out. The texts are the table's own.
-std::optional<VtableFault> FindVtableFault(const sd_bus_vtable* table);
+VtableFault FindVtableFault(const sd_bus_vtable* table);
 
 }  // namespace mw::tern
