@@ -66,40 +66,35 @@ std::size_t InterfaceBase::TakeChanges(Names& names) noexcept {
     return count;
 }
 
-void InterfaceBase::MarkChanged(unsigned announced) noexcept {
+void InterfaceBase::MarkChanged(std::uint64_t properties) noexcept {
     if (IsAlone()) {
         return;
     }
     const bool isFirst = mState->changes == 0;
-    mState->changes |= std::uint64_t{1} << announced;
+    mState->changes |= properties;
     if (isFirst) {
         mState->attachment->OnChanged(*this);
     }
 }
 
-sd_bus_message* InterfaceBase::BeginSignal(const char* member) noexcept {
+StatusCode InterfaceBase::SendSignal(const char* member, Writer writer, const void* values) {
     if (IsAlone()) {
-        return nullptr;
+        return StatusCode::NotInitialized;
     }
-    sd_bus_message* signal = nullptr;
-    const int r = sd_bus_message_new_signal(mState->attachment->GetBus(), &signal, mState->path.c_str(),
-                                            GetName().c_str(), member);
+    sd_bus_message* made = nullptr;
+    int r = sd_bus_message_new_signal(mState->attachment->GetBus(), &made, mState->path.c_str(),
+                                      GetName().c_str(), member);
+    const Handle<sd_bus_message, sd_bus_message_unref> signal(made);
+    if (r >= 0) {
+        r = writer(made, values);
+    }
+    if (r >= 0) {
+        r = sd_bus_send(nullptr, made, nullptr);
+    }
     if (r < 0) {
         LogUnsent(member, r);
-        return nullptr;
     }
-    return signal;
-}
-
-int InterfaceBase::Finish(sd_bus_message* signal, int result) noexcept {
-    const Handle<sd_bus_message, sd_bus_message_unref> owner(signal);
-    if (result >= 0) {
-        result = sd_bus_send(nullptr, signal, nullptr);
-    }
-    if (result < 0) {
-        LogUnsent(sd_bus_message_get_member(signal), result);
-    }
-    return result;
+    return mw::tern::MakeStatusCodeFromReturnCode(r);
 }
 
 bool InterfaceBase::IsAlone() noexcept {
@@ -117,8 +112,8 @@ bool InterfaceBase::IsAlone() noexcept {
 
 void InterfaceBase::LogUnsent(const char* member, int error) noexcept {
     unsigned long omitted = 0;
-    if (mState->limit.Allows(omitted)) {
-        TERN_LOG_ERROR(LOGGER, "Failed to send the signal %s.%s of %s (%d, %s); %lu failures not logged",
+    if (mState->failures.Allows(omitted)) {
+        TERN_LOG_ERROR(LOGGER, "Failed to send the signal %s.%s of %s (%d, %s) (%lu like it not logged)",
                        GetName().c_str(), member, mState->path.c_str(), error, ErrorText(-error), omitted);
     }
 }

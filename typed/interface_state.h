@@ -15,7 +15,8 @@ struct InterfaceBase::State {
     /// A bit for each property that announces its changes and has changed, by its number among them.
     std::uint64_t changes = 0;
     bool hasLoggedThatItIsAlone = false;
-    LogLimit limit;
+    LogLimit failures;  ///< of the service
+    LogLimit refusals;  ///< for a reason that the caller is told
 };
 
 }  // namespace mwl::Typed

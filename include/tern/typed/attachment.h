@@ -27,8 +27,8 @@ public:
     /// later the bus calls InterfaceBase::TakeChanges; until then it hears nothing of further changes.
     virtual void OnChanged(InterfaceBase& interface) noexcept = 0;
 
-    /// Where calls wait that are answered later; null when none are taken any more. A new reference: the
-    /// tokens of such calls outlive the bus.
+    /// Where calls wait that are answered later (TakeOver); null when none are taken any more. A new
+    /// reference: the tokens of such calls outlive the bus.
     virtual std::shared_ptr<ReplyState> GetReplies() noexcept = 0;
 
     /// Whether the sender of `call` may call a member that is `Checked`: its user is root or the service's,

@@ -2,14 +2,18 @@
 
 #include <systemd/sd-bus.h>
 #include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
 #include <tern/service/dbus_interface.h>
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 namespace mwl::Typed {
+
+using mw::tern::StatusCode;
 
 class Attachment;
 
@@ -49,19 +53,23 @@ protected:
     /// `name` is the interface's.
     explicit InterfaceBase(const char* name);
 
-    /// Notes that a property has changed. `announced` is its number among those of the vtable that announce
-    /// their changes, from 0. Does nothing when the interface is not attached, which is logged once.
-    void MarkChanged(unsigned announced) noexcept;
+    /// Notes that properties have changed: a bit for each, by its number among those of the vtable that
+    /// announce their changes. Does nothing when the interface is not attached, which is logged once.
+    void MarkChanged(std::uint64_t properties) noexcept;
 
-    /// A signal of this interface, to be filled and given to Finish. Null when it cannot be made: not
-    /// attached, which is logged once, or sd-bus fails, which is logged.
-    sd_bus_message* BeginSignal(const char* member) noexcept;
-    /// Sends the signal when `result`, of filling it, is not negative; releases it in any case. A failure is
-    /// logged. Returns 0 or above when it was sent, otherwise a negative error number.
-    int Finish(sd_bus_message* signal, int result) noexcept;
+    /// Appends the values at `values` to a message; negative when it could not.
+    using Writer = int (*)(sd_bus_message* message, const void* values);
+    /// Sends a signal of this interface, filled by `writer`; nothing is sent when that fails.
+    ///
+    /// Ok: it is in the connection's queue.
+    /// NotInitialized: the interface is not attached; logged once.
+    /// InvalidArgument: a value cannot be sent, such as text that is not UTF-8; logged.
+    /// Otherwise the status of sd-bus's error; logged.
+    /// What `writer` throws passes through.
+    StatusCode SendSignal(const char* member, Writer writer, const void* values);
 
 private:
-    friend struct Handling;
+    friend class Handling;
     struct State;
     bool IsAlone() noexcept;
     void LogUnsent(const char* member, int error) noexcept;
