@@ -1,0 +1,220 @@
+#pragma once
+
+// Arrays and dictionaries. Include <tern/typed/codec.h>, which has all of the codecs.
+
+#include <tern/typed/types.h>
+
+#include <array>
+#include <iterator>
+#include <map>
+#include <span>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace mwl::Typed {
+
+namespace Detail {
+
+/// Borrows an array of fixed-size elements from the message. Outcomes: more than 0, `data` and `size` in
+/// bytes are set; 0, the end of the array around it; -EOPNOTSUPP, the sender's byte order is the other one,
+/// and nothing has been read; as Read else.
+TERN_API int ReadBulk(sd_bus_message* message, char code, std::size_t elementSize, const void*& data,
+                      std::size_t& size, Fault& fault);
+/// Appends `count` elements at once.
+TERN_API int WriteBulk(sd_bus_message* message, char code, std::size_t elementSize, const void* data,
+                       std::size_t count);
+/// Opens an array that is to have `count` elements; -E2BIG when that is too many.
+TERN_API int OpenArray(sd_bus_message* message, const char* contents, std::size_t count);
+/// Refuses to borrow what is in the other byte order.
+[[gnu::cold]] TERN_API int CannotBorrow(Fault& fault);
+
+template <class E, class Range>
+int WriteArray(sd_bus_message* message, const Range& range) {
+    if constexpr (Bulk<E>) {
+        return WriteBulk(message, FixedCode<E>(), sizeof(E), std::data(range), std::size(range));
+    } else {
+        int result = OpenArray(message, Codec<E>::SIGNATURE.text, std::size(range));
+        for (auto element = range.begin(); result >= 0 && element != range.end(); ++element) {
+            result = Codec<E>::Write(message, *element);
+        }
+        return result < 0 ? result : sd_bus_message_close_container(message);
+    }
+}
+
+/// Calls `store(element)` for each.
+template <class E, class Store>
+int ReadElements(sd_bus_message* message, Fault& fault, Store&& store) {
+    int result = sd_bus_message_enter_container(message, 'a', Codec<E>::SIGNATURE.text);
+    if (result <= 0) {
+        return result;
+    }
+    for (std::size_t index = 0;; ++index) {
+        E element{};
+        result = Codec<E>::Read(message, element, fault);
+        if (result <= 0) {
+            return result < 0 ? fault.At(index, result) : sd_bus_message_exit_container(message);
+        }
+        if (index >= MAX_ELEMENTS) {
+            return fault.TooMany();
+        }
+        store(std::move(element));
+    }
+}
+
+}  // namespace Detail
+
+/// Arrays; those of fixed-size numbers in one copy, unless the sender's byte order is the other one.
+template <class E, class Allocator>
+struct Codec<std::vector<E, Allocator>> {
+    static constexpr auto SIGNATURE = Text("a") + Codec<E>::SIGNATURE;
+    static int Write(sd_bus_message* message, const std::vector<E, Allocator>& value) {
+        return Detail::WriteArray<E>(message, value);
+    }
+    static int Read(sd_bus_message* message, std::vector<E, Allocator>& value, Fault& fault) {
+        value.clear();
+        if constexpr (Detail::Bulk<E>) {
+            const void* data = nullptr;
+            std::size_t size = 0;
+            const int result =
+                Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, fault);
+            if (result != -EOPNOTSUPP) {
+                const auto* const elements = static_cast<const E*>(data);
+                value.assign(elements, elements + size / sizeof(E));
+                return result;
+            }
+        }
+        return Detail::ReadElements<E>(message, fault,
+                                       [&](E&& element) { value.push_back(std::move(element)); });
+    }
+};
+template <class E, class Allocator>
+inline constexpr bool BORROWS<std::vector<E, Allocator>> = BORROWS<E>;
+
+/// An array of exactly N elements; from a message with another number "2 elements where 3 are wanted".
+template <class E, std::size_t N>
+struct Codec<std::array<E, N>> {
+    static constexpr auto SIGNATURE = Text("a") + Codec<E>::SIGNATURE;
+    static int Write(sd_bus_message* message, const std::array<E, N>& value) {
+        return Detail::WriteArray<E>(message, value);
+    }
+    static int Read(sd_bus_message* message, std::array<E, N>& value, Fault& fault) {
+        std::size_t count = 0;
+        int result = -EOPNOTSUPP;
+        if constexpr (Detail::Bulk<E>) {
+            const void* data = nullptr;
+            std::size_t size = 0;
+            result = Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, fault);
+            count = size / sizeof(E);
+            if (result > 0 && count == N && N > 0) {
+                std::memcpy(value.data(), data, size);
+            }
+        }
+        if (result == -EOPNOTSUPP) {
+            result = Detail::ReadElements<E>(message, fault, [&](E&& element) {
+                if (count < N) {
+                    value[count] = std::move(element);
+                }
+                ++count;
+            });
+        }
+        return result > 0 && count != N ? fault.WrongCount(count, N) : result;
+    }
+};
+template <class E, std::size_t N>
+inline constexpr bool BORROWS<std::array<E, N>> = BORROWS<E>;
+
+/// An array of fixed-size numbers without any copy: what is read points into the message. From a sender of
+/// the other byte order it cannot be read: -EOPNOTSUPP.
+template <Detail::Bulk E>
+struct Codec<std::span<const E>> {
+    static constexpr auto SIGNATURE = Text("a") + Codec<E>::SIGNATURE;
+    static int Write(sd_bus_message* message, std::span<const E> value) {
+        return Detail::WriteArray<E>(message, value);
+    }
+    static int Read(sd_bus_message* message, std::span<const E>& value, Fault& fault) {
+        const void* data = nullptr;
+        std::size_t size = 0;
+        const int result = Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, fault);
+        value = {static_cast<const E*>(data), size / sizeof(E)};
+        return result == -EOPNOTSUPP ? Detail::CannotBorrow(fault) : result;
+    }
+};
+template <class E>
+inline constexpr bool BORROWS<std::span<const E>> = true;
+
+namespace Detail {
+
+/// Dictionaries. Of a key that comes twice the last one is kept.
+template <class Map>
+struct MapCodec {
+    using Key = typename Map::key_type;
+    using Value = typename Map::mapped_type;
+    static_assert(Codec<Key>::SIGNATURE.View() == "?" ||
+                      (Codec<Key>::SIGNATURE.SIZE == 1 && IsBasicCode(Codec<Key>::SIGNATURE.text[0])),
+                  "the key of a D-Bus dictionary is a basic type");
+    static constexpr auto CONTENTS = Codec<Key>::SIGNATURE + Codec<Value>::SIGNATURE;
+    static constexpr auto ENTRY = Text("{") + CONTENTS + Text("}");
+    static constexpr auto SIGNATURE = Text("a") + ENTRY;
+
+    static int Write(sd_bus_message* message, const Map& value) {
+        int result = OpenArray(message, ENTRY.text, value.size());
+        for (auto entry = value.begin(); result >= 0 && entry != value.end(); ++entry) {
+            result = sd_bus_message_open_container(message, 'e', CONTENTS.text);
+            if (result >= 0) {
+                result = Codec<Key>::Write(message, entry->first);
+            }
+            if (result >= 0) {
+                result = Codec<Value>::Write(message, entry->second);
+            }
+            if (result >= 0) {
+                result = sd_bus_message_close_container(message);
+            }
+        }
+        return result < 0 ? result : sd_bus_message_close_container(message);
+    }
+
+    static int Read(sd_bus_message* message, Map& value, Fault& fault) {
+        value.clear();
+        int result = sd_bus_message_enter_container(message, 'a', ENTRY.text);
+        if (result <= 0) {
+            return result;
+        }
+        for (std::size_t index = 0;; ++index) {
+            result = sd_bus_message_enter_container(message, 'e', CONTENTS.text);
+            if (result <= 0) {
+                return result < 0 ? result : sd_bus_message_exit_container(message);
+            }
+            if (index >= MAX_ELEMENTS) {
+                return fault.TooMany();
+            }
+            Key key{};
+            Value element{};
+            result = Codec<Key>::Read(message, key, fault);
+            if (result >= 0) {
+                result = Codec<Value>::Read(message, element, fault);
+            }
+            if (result >= 0) {
+                result = sd_bus_message_exit_container(message);
+            }
+            if (result < 0) {
+                return fault.At(index, result);
+            }
+            value.insert_or_assign(std::move(key), std::move(element));
+        }
+    }
+};
+
+}  // namespace Detail
+
+template <class K, class V, class... More>
+struct Codec<std::map<K, V, More...>> : Detail::MapCodec<std::map<K, V, More...>> {};
+template <class K, class V, class... More>
+inline constexpr bool BORROWS<std::map<K, V, More...>> = BORROWS<K> || BORROWS<V>;
+
+template <class K, class V, class... More>
+struct Codec<std::unordered_map<K, V, More...>> : Detail::MapCodec<std::unordered_map<K, V, More...>> {};
+template <class K, class V, class... More>
+inline constexpr bool BORROWS<std::unordered_map<K, V, More...>> = BORROWS<K> || BORROWS<V>;
+
+}  // namespace mwl::Typed

@@ -1,0 +1,186 @@
+#pragma once
+
+// Aggregates as dictionaries. Include <tern/typed/codec.h>, which has all of the codecs.
+
+#include <tern/typed/structures.h>
+#include <tern/typed/variants.h>
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace mwl::Typed {
+
+/// A member of an aggregate and its key in the dictionary.
+template <class Class, class Member>
+struct Field {
+    constexpr Field(const char* key, Member Class::*pointer) : name(key), member(pointer) {}
+
+    const char* name;
+    Member Class::*member;
+};
+
+/// What DBusFields() returns; made by Fields or StrictFields.
+template <bool STRICT, class... F>
+struct FieldList {
+    static constexpr bool IS_STRICT = STRICT;
+    static constexpr std::size_t COUNT = sizeof...(F);
+    static_assert(COUNT >= 1 && COUNT <= 64, "DBusFields() describes 1 to 64 fields");
+
+    constexpr explicit FieldList(F... described) : fields(described...) {}
+
+    std::tuple<F...> fields;
+};
+
+/// Describes an aggregate that goes over the bus as a{sv}, one entry per field, as sd-bus services pass
+/// options:
+///
+///     struct Options {
+///         std::uint32_t seconds = 0;
+///         std::optional<std::string> reason;
+///         static constexpr auto DBusFields() {
+///             return Fields(Field("Seconds", &Options::seconds), Field("Reason", &Options::reason));
+///         }
+///     };
+///
+/// Sent: every field, in this order, without the std::optional ones that are empty. Read, in any order:
+/// - A key that is missing: the std::optional field is empty; any other one is told, "the key 'Seconds' is
+/// missing".
+/// - A value of another type: told, with the key, "'s' where 'u' is wanted".
+/// - A key that is not described: skipped, as it may be a later version's; with StrictFields it is told, "the
+/// key
+///   'Minutes' is unknown".
+/// - A key twice: the last one counts.
+/// A field that is a variant itself (Any, std::variant) is the entry's variant, not one within it.
+template <class... F>
+constexpr FieldList<false, F...> Fields(F... fields) {
+    return FieldList<false, F...>(fields...);
+}
+
+/// As Fields, but refuses keys that are not described.
+template <class... F>
+constexpr FieldList<true, F...> StrictFields(F... fields) {
+    return FieldList<true, F...>(fields...);
+}
+
+namespace Detail {
+
+/// One field of a type, as the library sees it.
+struct FieldRow {
+    const char* name;
+    const char* signature;  ///< null: the field writes and reads the entry's variant by itself
+    int (*write)(sd_bus_message* message, const void* aggregate);
+    int (*read)(sd_bus_message* message, void* aggregate, Fault& fault);
+    bool (*isSet)(const void* aggregate);  ///< null: the field is required
+    void (*clear)(void* aggregate);        ///< null: the field is required
+};
+
+TERN_API int WriteFields(sd_bus_message* message, const void* aggregate, const FieldRow* rows,
+                         std::size_t count);
+TERN_API int ReadFields(sd_bus_message* message, void* aggregate, const FieldRow* rows, std::size_t count,
+                        bool isStrict, Fault& fault);
+
+template <class T>
+struct Required {
+    using Type = T;
+};
+template <class T>
+struct Required<std::optional<T>> {
+    using Type = T;
+};
+
+template <class T, std::size_t INDEX>
+struct FieldAccess {
+    static constexpr auto FIELD = std::get<INDEX>(T::DBusFields().fields);
+    using Member = std::remove_cvref_t<decltype(std::declval<T&>().*FIELD.member)>;
+    using Value = typename Required<Member>::Type;
+    static constexpr bool IS_REQUIRED = !IS_OPTIONAL<Member>;
+
+    static int Write(sd_bus_message* message, const void* aggregate) {
+        const Member& member = static_cast<const T*>(aggregate)->*FIELD.member;
+        if constexpr (IS_REQUIRED) {
+            return Codec<Value>::Write(message, member);
+        } else {
+            return Codec<Value>::Write(message, *member);
+        }
+    }
+    static int Read(sd_bus_message* message, void* aggregate, Fault& fault) {
+        Member& member = static_cast<T*>(aggregate)->*FIELD.member;
+        if constexpr (IS_REQUIRED) {
+            return Codec<Value>::Read(message, member, fault);
+        } else {
+            return Codec<Value>::Read(message, member.emplace(), fault);
+        }
+    }
+    static bool IsSet(const void* aggregate) {
+        return (static_cast<const T*>(aggregate)->*FIELD.member).has_value();
+    }
+    static void Clear(void* aggregate) { (static_cast<T*>(aggregate)->*FIELD.member).reset(); }
+
+    static constexpr FieldRow Row() {
+        FieldRow row{FIELD.name, nullptr, &Write, &Read, nullptr, nullptr};
+        if constexpr (Codec<Value>::SIGNATURE.View() != "v") {
+            row.signature = Codec<Value>::SIGNATURE.text;
+        }
+        if constexpr (!IS_REQUIRED) {
+            row.isSet = &IsSet;
+            row.clear = &Clear;
+        }
+        return row;
+    }
+};
+
+template <class T, std::size_t... INDEX>
+constexpr std::array<FieldRow, sizeof...(INDEX)> MakeRows(std::index_sequence<INDEX...>) {
+    return {FieldAccess<T, INDEX>::Row()...};
+}
+
+template <std::size_t N>
+constexpr bool HaveOwnKeys(const std::array<FieldRow, N>& rows) {
+    for (std::size_t i = 0; i < N; ++i) {
+        for (std::size_t k = 0; k < i; ++k) {
+            if (std::string_view(rows[i].name) == rows[k].name) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace Detail
+
+/// Aggregates with DBusFields(), see Fields.
+template <Detail::DescribedFields T>
+struct Codec<T> {
+    static constexpr Text<5> SIGNATURE = "a{sv}";
+    static int Write(sd_bus_message* message, const T& value) {
+        return Detail::WriteFields(message, &value, ROWS.data(), ROWS.size());
+    }
+    static int Read(sd_bus_message* message, T& value, Fault& fault) {
+        return Detail::ReadFields(message, &value, ROWS.data(), ROWS.size(), List::IS_STRICT, fault);
+    }
+
+private:
+    using List = decltype(T::DBusFields());
+    static constexpr auto ROWS = Detail::MakeRows<T>(std::make_index_sequence<List::COUNT>());
+    static_assert(Detail::HaveOwnKeys(ROWS), "two fields of DBusFields() have the same key");
+};
+
+namespace Detail {
+
+template <class T, std::size_t... INDEX>
+constexpr bool BorrowsInFields(std::index_sequence<INDEX...>) {
+    return (BORROWS<typename FieldAccess<T, INDEX>::Value> || ...);
+}
+
+}  // namespace Detail
+
+template <Detail::DescribedFields T>
+inline constexpr bool BORROWS<T> =
+    Detail::BorrowsInFields<T>(std::make_index_sequence<decltype(T::DBusFields())::COUNT>());
+
+}  // namespace mwl::Typed

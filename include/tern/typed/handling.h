@@ -1,0 +1,106 @@
+#pragma once
+
+/// Between the vtable entries of `Implements` and the library: one call while it is handled. Applications do
+/// not need it.
+
+#include <systemd/sd-bus.h>
+#include <tern/foundation/api.h>
+#include <tern/foundation/status_code.h>
+#include <tern/typed/error.h>
+#include <tern/typed/fault.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace mwl::Typed {
+
+class InterfaceBase;
+struct ReplyState;
+
+/// One call of a method, or one access to a property, from sd-bus's callback to its answer. What depends on
+/// types is in a body, a function that `Implements` makes for each member; the rest is here, once for all.
+///
+/// A body returns 0 when all is well and there is nothing to answer but that, otherwise what one of the
+/// operations below returned. It may throw: nothing goes further than the Run function that called it.
+/// A std::bad_alloc is answered "org.freedesktop.DBus.Error.NoMemory", an Error as it is, anything else
+/// "org.freedesktop.DBus.Error.Failed", "the service failed internally".
+///
+/// Every failure is logged with the caller, the path, the interface and the member: what was refused for a
+/// reason that the caller is told as information, with the error's name alone, as the text may hold what the
+/// caller sent; what failed inside the service as an error. Peers can provoke both at will, so an interface
+/// logs ten of each kind in ten seconds at most, and then how many it left out.
+///
+/// D-Bus thread only.
+class TERN_API Handling {
+public:
+    /// Does the work.
+    using Body = int (*)(Handling& call);
+    /// Appends the value at `value` to a message; negative when it could not.
+    using Writer = int (*)(sd_bus_message* message, const void* value);
+
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+
+    /// A method's call. `names` are those of its arguments. Returns what sd-bus expects of a handler.
+    static int RunMethod(sd_bus_message* call, void* userdata, sd_bus_error* error, Body body,
+                         const char* names) noexcept;
+    /// As RunMethod, once the caller is known to have the capability; `handler` is the entry's own, for the
+    /// time when that has been found out.
+    static int RunCheckedMethod(sd_bus_message* call, void* userdata, sd_bus_error* error, Body body,
+                                const char* names, int capability, sd_bus_message_handler_t handler) noexcept;
+    /// Reading of a property: the body appends the value to `GetMessage()`.
+    static int RunGetter(const char* path, const char* member, sd_bus_message* reply, void* userdata,
+                         sd_bus_error* error, Body body) noexcept;
+    /// Writing of a property: the body reads the value from `GetMessage()`.
+    static int RunSetter(const char* path, const char* member, sd_bus_message* value, void* userdata,
+                         sd_bus_error* error, Body body) noexcept;
+
+    /// The call; where a property is read the reply that is being made.
+    sd_bus_message* GetMessage() const noexcept { return mMessage; }
+    InterfaceBase& GetInterface() const noexcept { return mInterface; }
+
+    /// Answers with a value, or, where a property is read, appends it to the reply.
+    int Answer(Writer writer, const void* value);
+    /// Answers with an error.
+    int Refuse(const Error& error) noexcept;
+    /// Ok is no refusal: returns 0 then.
+    int Refuse(StatusCode status);
+    /// Reading the argument `index`, or the value of the property, failed with `result`.
+    int RefuseArgument(unsigned index, int result, const Fault& fault);
+    /// Takes the call over to be answered later. The number for its Reply, or 0: refused. From then on what
+    /// the body throws is logged and changes nothing.
+    std::uint64_t Defer(std::shared_ptr<ReplyState>& state) noexcept;
+    /// What a body returns when it could not take the call over.
+    static constexpr int REFUSED = -1;
+    /// What a body returns when the call is answered, or will be.
+    static constexpr int DONE = 1;
+
+private:
+    enum class Of { Method, Getter, Setter };
+    struct Names {
+        const char* sender;
+        const char* path;
+        const char* interface;
+        const char* member;
+    };
+
+    Handling(Of of, sd_bus_message* message, void* userdata, sd_bus_error* error, const char* names) noexcept;
+    int Run(Body body) noexcept;
+    int RefuseException() noexcept;
+    int Set(const char* name, const char* text) noexcept;
+    Names GetNames() const noexcept;
+    int FailInside(const char* what, int error) noexcept;
+    void LogRefusal(int result) noexcept;
+
+    const Of mOf;
+    sd_bus_message* const mMessage;
+    InterfaceBase& mInterface;
+    sd_bus_error* const mError;
+    /// Of the arguments of a method.
+    const char* const mNames;
+    const char* mPath = nullptr;
+    const char* mMember = nullptr;
+    bool mIsDeferred = false;
+};
+
+}  // namespace mwl::Typed
