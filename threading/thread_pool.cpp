@@ -60,6 +60,19 @@ void ThreadPool::QueueJob(const std::function<void()>& job) {
     mCondition.NotifyOne();
 }
 
+void ThreadPool::QueueUnique(UniqueFunction<void()> job) {
+    // The queue holds what can be copied; nobody copies it.
+    std::function<void()> entry;
+    if (job) {
+        entry = [shared = std::make_shared<UniqueFunction<void()>>(std::move(job))] { (*shared)(); };
+    }
+    {
+        const Lock lock(mMutex);
+        mJobs.push_back(std::move(entry));
+    }
+    mCondition.NotifyOne();
+}
+
 bool ThreadPool::HasPendingJobs() const {
     const Lock lock(mMutex);
     return !mJobs.empty();

@@ -214,6 +214,69 @@ TEST_F(ThreadPoolTest, EmptyJobIsDroppedWhenTaken) {
     ran.get_future().wait();
 }
 
+TEST_F(ThreadPoolTest, JobThatCannotBeCopiedRunsOnceInItsTurnAndDiesOnTheWorker) {
+    struct Probe {
+        std::thread::id& died;
+        ~Probe() { died = std::this_thread::get_id(); }
+    };
+    std::thread::id died;
+    std::thread::id ran;
+    std::vector<int> order;
+    std::promise<void> last;
+    ThreadPool pool(1, mWatcher, mSignals);
+    pool.QueueJob([&] { order.push_back(1); });
+    pool.QueueUnique([&, probe = std::unique_ptr<Probe>(new Probe{died})] {
+        order.push_back(2);
+        ran = std::this_thread::get_id();
+        EXPECT_EQ(died, std::thread::id());
+    });
+    pool.QueueUnique(nullptr);  // dropped when taken, as an empty one of QueueJob
+    pool.QueueJob([&] {
+        order.push_back(3);
+        EXPECT_EQ(died, std::this_thread::get_id());
+        last.set_value();
+    });
+    EXPECT_TRUE(pool.HasPendingJobs());
+    pool.Start();
+    last.get_future().wait();
+    EXPECT_THAT(order, ElementsAre(1, 2, 3));
+    EXPECT_EQ(ran, died);
+    EXPECT_NE(ran, std::this_thread::get_id());
+}
+
+TEST_F(ThreadPoolTest, JobThatCannotBeCopiedAndIsNeverRunDiesWithThePool) {
+    auto held = std::make_shared<int>(1);
+    const std::weak_ptr<int> seen = held;
+    bool ran = false;
+    {
+        ThreadPool pool(1, mWatcher, mSignals);
+        pool.QueueUnique(
+            [&ran, held = std::make_unique<std::shared_ptr<int>>(std::move(held))] { ran = true; });
+        EXPECT_FALSE(seen.expired());
+    }
+    EXPECT_TRUE(seen.expired());
+    EXPECT_FALSE(ran);
+}
+
+TEST_F(ThreadPoolTest, JobThatCannotBeCopiedIsDestroyedWhenThereIsNoMemoryForIt) {
+    auto held = std::make_shared<int>(1);
+    const std::weak_ptr<int> seen = held;
+    ThreadPool pool(1, mWatcher, mSignals);
+    mwl::UniqueFunction<void()> job = [held = std::move(held)] {};
+    bool threw = false;
+    {
+        const tern::test::MemoryShortage shortage;
+        try {
+            pool.QueueUnique(std::move(job));
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+    }
+    EXPECT_TRUE(threw);
+    EXPECT_TRUE(seen.expired());
+    EXPECT_FALSE(pool.HasPendingJobs());
+}
+
 TEST_F(ThreadPoolTest, StopRunsNothingThatIsQueuedAndStartTakesItUp) {
     std::promise<void> running;
     std::promise<void> goOn;

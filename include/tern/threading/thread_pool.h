@@ -6,6 +6,7 @@
 #include <tern/threading/signals_interface.h>
 #include <tern/threading/thread_pool_thread.h>
 #include <tern/threading/threads_watcher_interface.h>
+#include <tern/threading/unique_function.h>
 
 #include <deque>
 #include <functional>
@@ -21,9 +22,9 @@ namespace mwl::Threading::ThreadPool {
 ///     pool.QueueJob([] { ... });
 ///     pool.Stop(false);
 ///
-/// `QueueJob` and `HasPendingJobs` may be called by any thread, jobs included; all else by the one thread
-/// that owns the pool, and never by a job. Watcher and signals outlive the pool; the destructor stops it
-/// politely.
+/// `QueueJob`, `QueueUnique` and `HasPendingJobs` may be called by any thread, jobs included; all else by the
+/// one thread that owns the pool, and never by a job. Watcher and signals outlive the pool; the destructor
+/// stops it politely.
 ///
 /// Jobs run with no lock held. A job that runs for more than 120 s is taken as blocked and the watcher kills
 /// the process. An exception that leaves a job ends the process (std::terminate). An empty job is dropped
@@ -32,7 +33,7 @@ namespace mwl::Threading::ThreadPool {
 /// | | not running | running |
 /// |---|---|---|
 /// | Start | creates the workers | nothing |
-/// | QueueJob | kept until Start | run |
+/// | QueueJob, QueueUnique | kept until Start | run |
 /// | Stop | nothing, not even to the watcher | ends the workers; what is queued stays queued |
 class TERN_API ThreadPool {
 public:
@@ -51,6 +52,10 @@ public:
     /// priority. With three workers of lowest priority beside three busy threads on one processor that took
     /// up to a second; priority inheritance does not help there.
     void QueueJob(const std::function<void()>& job);
+    /// The same for a job that holds what cannot be copied; it is moved all the way, run once and destroyed
+    /// on the worker's thread. Takes its turn among those of `QueueJob`. One that is never run is destroyed
+    /// with the pool. Throws std::bad_alloc; the job is destroyed then.
+    void QueueUnique(UniqueFunction<void()> job);
     /// Whether jobs are queued that no worker has taken.
     bool HasPendingJobs() const;
     /// Ends the workers and waits for them, as long as their current jobs last; jobs still queued are not
