@@ -15,6 +15,10 @@ constexpr std::string_view STATUS_PREFIX = "mwl.StatusCode.";
 constexpr std::string_view NUMBER_PREFIX = "Number";  // of a status outside the list
 constexpr std::string_view SYSTEM_PREFIX = "System.Error.";
 
+/// A reply that sd-bus itself makes, in place of one that did not come, has this number and the message bus
+/// for its sender.
+constexpr std::uint64_t COOKIE_OF_SD_BUS = 0xFFFFFFFF;
+
 constexpr std::array STATUSES{StatusCode::Ok,           StatusCode::Failure,
                               StatusCode::AccessDenied, StatusCode::StreamError,
                               StatusCode::Busy,         StatusCode::Stopping,
@@ -192,7 +196,11 @@ Error Error::FromReply(sd_bus_message* reply) {
         return Failed("the reply is no error");
     }
     Error made(error->name, error->message != nullptr ? error->message : "");
-    made.mIsLocal = sd_bus_message_get_sender(reply) == nullptr;
+    std::uint64_t cookie = 0;
+    if (sd_bus_message_get_cookie(reply, &cookie) >= 0 && cookie == COOKIE_OF_SD_BUS) {
+        const bool isOpen = sd_bus_is_open(sd_bus_message_get_bus(reply)) > 0;
+        made.mNoReply = isOpen ? StatusCode::Timeout : StatusCode::IoError;
+    }
     return made;
 }
 
@@ -202,7 +210,9 @@ Error Error::FromBus(const sd_bus_error& error, int returned) {
                 ErrorText(returned < 0 ? -returned : EIO)};
     }
     Error made(error.name, error.message != nullptr ? error.message : "");
-    made.mIsLocal = returned == -ETIMEDOUT;
+    if (returned == -ETIMEDOUT) {
+        made.mNoReply = StatusCode::Timeout;
+    }
     return made;
 }
 
@@ -212,7 +222,7 @@ StatusCode Error::GetStatus() const {
         return StatusOf(name.substr(STATUS_PREFIX.size()));
     }
     if (name == SD_BUS_ERROR_NO_REPLY) {
-        return mIsLocal ? StatusCode::Timeout : StatusCode::NotFound;
+        return mNoReply;
     }
     for (const NamedStatus& known : NAMED) {
         if (known.name == name) {

@@ -183,6 +183,10 @@ std::uint64_t Handling::Defer(std::shared_ptr<ReplyState>& state) noexcept {
     return id;
 }
 
+void Handling::MarkChanged(std::uint64_t properties) noexcept {
+    mInterface.MarkChanged(properties);
+}
+
 int Handling::RefuseException() noexcept {
     try {
         throw;

@@ -152,9 +152,10 @@ void WriteMember(Xml& xml, const MemberText& member) {
 StatusCode WriteIntrospectionOf(std::FILE* file, const char* interface, const char* documentation,
                                 std::span<const MemberText> members) {
     Xml xml(file);
-    xml.Write("<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
-              "\"https://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
-              "<node>\n <interface");
+    xml.Write(
+        "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
+        "\"https://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
+        "<node>\n <interface");
     xml.WriteAttribute("name", interface);
     xml.Write(">\n");
     if (*documentation != '\0') {

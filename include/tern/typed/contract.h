@@ -7,8 +7,8 @@
 ///     struct Thermostat1 {
 ///         static constexpr const char* NAME = "com.example.Thermostat1";
 ///         //                            C++ type             name     arguments in, then out  flags  text
-///         static constexpr Method<void(std::uint32_t)> Boost{"Boost", {"seconds"}, OPEN, "Heats for a while."};
-///         static constexpr Property<double> Temperature{"Temperature"};  // EMITS is the default
+///         static constexpr Method<void(std::uint32_t)> Boost{"Boost", {"seconds"}, OPEN, "Heats for a
+///         while."}; static constexpr Property<double> Temperature{"Temperature"};  // EMITS is the default
 ///         static constexpr WritableProperty<double> Target{"Target", EMITS | OPEN};
 ///         static constexpr Signal<double> Measured{"Measured", {"celsius"}};
 ///         static constexpr Members<Boost, Temperature, Target, Measured> ALL{};  // order of the vtable
@@ -255,8 +255,8 @@ constexpr bool AreNames(const std::array<const char*, N>& names) {
             return false;
         }
         for (; *name != '\0'; ++name) {
-            if (!IsNameElement(std::string_view(name, 1)) && !(*name >= '0' && *name <= '9') && *name != '-' &&
-                *name != '.') {
+            if (!IsNameElement(std::string_view(name, 1)) && !(*name >= '0' && *name <= '9') &&
+                *name != '-' && *name != '.') {
                 return false;
             }
         }
@@ -289,9 +289,10 @@ struct CheckedMember {
     using Member = MemberType<M>;
     static_assert(IS_MEMBER<Member>,
                   "a member of a contract is a Method, a Property, a WritableProperty or a Signal");
-    static_assert(IsMemberName(M.name),
-                  "the name of a member is of letters, digits and underscores, does not begin with a digit and has "
-                  "1 to 255 characters");
+    static_assert(
+        IsMemberName(M.name),
+        "the name of a member is of letters, digits and underscores, does not begin with a digit and has "
+        "1 to 255 characters");
     static_assert(!M.flags.isTwofold, "a member Needs one capability, not two");
     static_assert(M.flags.capability >= -1 && M.flags.capability < 64,
                   "Needs takes a number of capabilities(7), such as CAP_SYS_TIME");
@@ -300,8 +301,7 @@ struct CheckedMember {
     static_assert(Member::KIND == Kind::Method || !M.flags.Has(NO_REPLY), "NO_REPLY is for methods");
     static_assert(Member::KIND == Kind::Method || !M.flags.isChecked,
                   "Checked is for methods: sd-bus itself answers who writes a property");
-    static_assert(Member::KIND == Kind::Property ||
-                      !M.flags.Has(EMITS | INVALIDATES | CONSTANT | EXPLICIT),
+    static_assert(Member::KIND == Kind::Property || !M.flags.Has(EMITS | INVALIDATES | CONSTANT | EXPLICIT),
                   "EMITS, INVALIDATES, CONSTANT and EXPLICIT are for properties");
 
     static constexpr bool IsSound() {
@@ -319,7 +319,8 @@ struct CheckedMember {
                           "the name of an argument is of letters, digits, '_', '-' and '.'");
         }
         if constexpr (Member::KIND == Kind::Method) {
-            static_assert(!M.flags.Has(NO_REPLY) || Member::OUT.SIZE == 0, "a method with NO_REPLY has no result");
+            static_assert(!M.flags.Has(NO_REPLY) || Member::OUT.SIZE == 0,
+                          "a method with NO_REPLY has no result");
         }
         if constexpr (Member::KIND == Kind::Signal) {
             static_assert(!M.flags.Has(HIDDEN), "a signal is not HIDDEN");
@@ -353,12 +354,14 @@ inline constexpr bool IS_MEMBERS<Members<M...>> = true;
 /// Instantiated by whoever uses a contract; refuses what is none.
 template <class Contract>
 struct CheckedContract {
-    static_assert(requires { Contract::NAME; }, "a contract has a NAME: static constexpr const char* NAME = ...");
-    static_assert(requires { Contract::ALL; },
-                  "a contract lists its members: static constexpr Members<...> ALL{}");
-    static_assert(IsInterfaceName(Contract::NAME),
-                  "the NAME of a contract has two or more parts with dots between them, each of letters, digits "
-                  "and underscores, and at most 255 characters");
+    static_assert(
+        requires { Contract::NAME; }, "a contract has a NAME: static constexpr const char* NAME = ...");
+    static_assert(
+        requires { Contract::ALL; }, "a contract lists its members: static constexpr Members<...> ALL{}");
+    static_assert(
+        IsInterfaceName(Contract::NAME),
+        "the NAME of a contract has two or more parts with dots between them, each of letters, digits "
+        "and underscores, and at most 255 characters");
     static_assert(IS_MEMBERS<std::remove_cvref_t<decltype(Contract::ALL)>>,
                   "ALL of a contract is of the type Members<...>");
     static constexpr bool IS_SOUND = true;
@@ -379,8 +382,7 @@ constexpr std::uint64_t ChangeBit(Members<All...>) {
         bit <<= !isIt && isAnnounced ? 1U : 0U;
         return isIt;
     };
-    static_cast<void>(
-        (isPast(std::is_same_v<Tag<M>, Tag<All>>, All.flags.Has(EMITS | INVALIDATES)) || ...));
+    static_cast<void>((isPast(std::is_same_v<Tag<M>, Tag<All>>, All.flags.Has(EMITS | INVALIDATES)) || ...));
     return bit;
 }
 
@@ -436,8 +438,8 @@ template <const auto& M>
 constexpr MemberText TextOf() {
     using Member = MemberType<M>;
     if constexpr (Member::KIND == Kind::Method) {
-        return {Kind::Method,     false,   M.name,         Member::IN.text, Member::OUT.text,
-                NAMES<M>.data(),  M.flags, M.documentation};
+        return {Kind::Method,     false,           M.name,  Member::IN.text,
+                Member::OUT.text, NAMES<M>.data(), M.flags, M.documentation};
     } else if constexpr (Member::KIND == Kind::Property) {
         return {Kind::Property, Member::WRITABLE, M.name, Member::IN.text, "", "", M.flags, M.documentation};
     } else {

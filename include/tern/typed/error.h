@@ -89,10 +89,10 @@ public:
     /// ServiceUnknown, NameHasNoOwner, UnknownObject, FileNotFound, MatchRuleNotFound: NotFound
     /// FileExists, AddressInUse, ObjectPathInUse: AlreadyExists
     /// IOError, Disconnected, NoServer, NoNetwork: IoError
-    /// NoReply: Timeout when this process's own sd-bus gave up waiting, NotFound when somebody else, the
-    /// message bus above all, told that the peer has gone. The name is the same; FromReply knows the origin.
-    /// "System.Error.E…", which sd-bus makes from an error number: the status of that number.
-    /// Any other, "org.freedesktop.DBus.Error.Failed" included: Failure
+    /// NoReply: of an Error from FromReply Timeout when this process's own sd-bus gave up waiting, IoError
+    /// when it lost the connection meanwhile, otherwise NotFound, as the message bus tells so that the peer
+    /// has gone. The name is the same for all. "System.Error.E…", which sd-bus makes from an error number:
+    /// the status of that number. Any other, "org.freedesktop.DBus.Error.Failed" included: Failure
     StatusCode GetStatus() const;
 
     /// Name and text are the same.
@@ -103,8 +103,8 @@ public:
 private:
     std::string mName;
     std::string mText;
-    /// Made by this process's own sd-bus.
-    bool mIsLocal = false;
+    /// What NoReply means here, which the name does not tell.
+    StatusCode mNoReply = StatusCode::NotFound;
 };
 
 /// A value or an error: what a handler may return, and what a client's call ends with. Not to be ignored.

@@ -70,6 +70,8 @@ public:
     /// Takes the call over to be answered later. The number for its Reply, or 0: refused. From then on what
     /// the body throws is logged and changes nothing.
     std::uint64_t Defer(std::shared_ptr<ReplyState>& state) noexcept;
+    /// Notes that properties of the interface have changed, see InterfaceBase.
+    void MarkChanged(std::uint64_t properties) noexcept;
     /// What a body returns when it could not take the call over.
     static constexpr int REFUSED = -1;
     /// What a body returns when the call is answered, or will be.
