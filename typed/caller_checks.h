@@ -12,6 +12,9 @@ namespace mwl::Typed {
 class InterfaceBase;
 struct ReplyState;
 
+/// Whether the sender is root or this process's user: what sd-bus asks of the callers of closed members.
+bool IsPrivileged(const Identity& sender) noexcept;
+
 /// Decides who may call a `Checked` member, without waiting for the message bus: a call whose sender is not
 /// known yet is parked among the calls that are answered later, and handled once the sender is known.
 ///

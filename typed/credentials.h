@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <optional>
 #include <string>
@@ -33,14 +34,14 @@ public:
     /// Called with the identity, null when it cannot be found out.
     using WhenKnown = UniqueFunction<void(const Identity*)>;
 
-    /// The connection outlives this.
-    explicit Credentials(sd_bus* bus);
+    /// The connection outlives this. `whenKept` is called after each that is kept anew.
+    Credentials(sd_bus* bus, std::function<void()> whenKept);
     /// What waits is dropped uncalled.
     ~Credentials();
     Credentials(const Credentials&) = delete;
     Credentials& operator=(const Credentials&) = delete;
 
-    /// Those of this connection; null when it has none on this thread.
+    /// Those of this connection; null when it has none on this thread. With null those of any.
     static Credentials* Of(sd_bus* bus) noexcept;
 
     /// Null when not known. Valid until the next operation that is not const, but for Find.
@@ -73,6 +74,7 @@ private:
     static int OnAnswer(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
     sd_bus* const mBus;
+    const std::function<void()> mWhenKept;
     /// The one that was looked for last is the first.
     std::list<Entry> mKept;
     std::unordered_map<std::string_view, std::list<Entry>::iterator> mBySender;

@@ -27,6 +27,7 @@ public:
     /// Does not listen yet. Both functions may be called until the destructor. Connection and loop outlive
     /// this.
     Departures(sd_bus* bus, sd_event* loop, Listener listener, Names names);
+    ~Departures();
     Departures(const Departures&) = delete;
     Departures& operator=(const Departures&) = delete;
 

@@ -62,6 +62,16 @@ void PendingCalls::MarkLeft(std::string_view sender) noexcept {
     }
 }
 
+std::set<std::string> PendingCalls::GetSenders() const {
+    std::set<std::string> senders;
+    for (const auto& [id, call] : mCalls) {
+        if (const char* const sender = sd_bus_message_get_sender(call.message.get())) {
+            senders.insert(sender);
+        }
+    }
+    return senders;
+}
+
 PendingCalls::Calls PendingCalls::Close() noexcept {
     mIsClosed = true;
     Calls open;

@@ -6,6 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 
@@ -43,7 +45,8 @@ public:
     /// No further calls; the open ones are the caller's to answer.
     Calls Close() noexcept;
 
-    const Calls& GetAll() const noexcept { return mCalls; }
+    /// The unique names of those who wait. Throws std::bad_alloc.
+    std::set<std::string> GetSenders() const;
     bool IsEmpty() const noexcept { return mCalls.empty(); }
     std::size_t GetSize() const noexcept { return mCalls.size(); }
     void SetLimit(std::size_t limit) noexcept { mLimit = limit; }

@@ -36,7 +36,7 @@ struct ReplyState;
 /// outlives the bus does nothing.
 ///
 /// Any thread, one at a time.
-class TERN_API [[nodiscard]] Exported {
+class TERN_API Exported {
 public:
     /// None; GetStatus is NotInitialized.
     Exported() noexcept;
@@ -151,7 +151,7 @@ public:
     /// A handler may end its own object and export its successor at the same path: sd-bus frees the place
     /// when the handler has returned, so the successor is there from the end of the turn. Where sd-bus
     /// refuses it then, it is logged, and the object is not there.
-    Exported Export(std::string path, std::vector<std::unique_ptr<InterfaceBase>> interfaces);
+    [[nodiscard]] Exported Export(std::string path, std::vector<std::unique_ptr<InterfaceBase>> interfaces);
     /// The same for one interface, or for several given one by one.
     template <std::derived_from<InterfaceBase>... Interface>
     requires(sizeof...(Interface) > 0) Exported
