@@ -23,7 +23,7 @@ set(CPACK_COMPONENT_DEV_GROUP dev)
 set(CPACK_COMPONENT_TEST-SUPPORT_GROUP dev)
 
 # component:package
-set(TERN_PACKAGES runtime:libtern-dbus-service0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
+set(TERN_PACKAGES runtime:libtern-dbus-service0 typed:libtern-dbus-typed0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
 if(TERN_BUILD_EXAMPLES)
   list(APPEND TERN_PACKAGES thermostat:tern-thermostat)
 endif()
@@ -90,7 +90,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # Shared libraries' packages of the system are found by dpkg-shlibdeps, our own ones are named here.
 set(same_version "(= ${TERN_PACKAGE_VERSION})")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/platform/foundation
-  ${PROJECT_BINARY_DIR}/platform/basic_log)
+  ${PROJECT_BINARY_DIR}/platform/basic_log ${PROJECT_BINARY_DIR}/typed)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each description
@@ -111,9 +111,16 @@ client, supervised threads, timers and common tools.
 
 This package holds the three shared libraries.")
 
+set(CPACK_DEBIAN_TYPED_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_TYPED_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TYPED_PACKAGE_DEPENDS "libtern-dbus-service0 ${same_version}")
+set(CPACK_DEBIAN_TYPED_DESCRIPTION "typed interfaces on the system D-Bus (library)
+Interfaces of services on the system D-Bus, described once in C++20 and
+checked by the compiler, on top of libtern-dbus-service.")
+
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "libtern-dbus-service0 ${same_version}, libsystemd-dev, pkg-config | pkgconf")
+  "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}, libsystemd-dev, pkg-config | pkgconf")
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libtern-dbus-service-doc)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "frame for services on the system D-Bus (development files)
 Headers, CMake and pkg-config files for building an extension on

@@ -25,11 +25,11 @@ StatusCode ThreadManager::Wait() {
     bool goesOn = true;
     {
         Threading::Lock lock(mMutex);
-        if (mWaitNeeded) {
+        if ((mWait.load(std::memory_order_relaxed) & WAIT_NEEDED) != 0) {
             // Meant: no loop. A wake-up for no reason costs one run with nothing to do.
             status = mCondition.Wait(lock);
         }
-        mWaitNeeded = true;
+        mWait.fetch_or(WAIT_NEEDED, std::memory_order_acq_rel);
         goesOn = mRunning;
     }
     // With the mutex free, or a log that is stuck would hold up whoever wakes or stops the thread.
@@ -46,8 +46,12 @@ StatusCode ThreadManager::Wait() {
     return StatusCode::Ok;
 }
 
+// A burst asks once: what the others would do has been done. Nothing is touched behind that look, as the run
+// may destroy the manager.
 void ThreadManager::Notify() {
-    WakeUp(true);
+    if (mWait.fetch_add(0, std::memory_order_acq_rel) != 0) {
+        WakeUp(true);
+    }
 }
 
 void ThreadManager::Stop() {
@@ -63,9 +67,12 @@ void ThreadManager::WakeUp(bool goOn) {
     {
         const Threading::Lock lock(mMutex);
         mRunning = mRunning && goOn;
-        mWaitNeeded = false;
+        mWait.exchange(WAKING, std::memory_order_acq_rel);
     }
     mCondition.NotifyOne();
+    // Not before: a thread of high priority would leave its wake-up to one of low priority that has been
+    // preempted, and raise nobody's.
+    mWait.fetch_and(static_cast<unsigned char>(~WAKING), std::memory_order_acq_rel);
 }
 
 }  // namespace mwl::QueuedProcessings

@@ -68,4 +68,4 @@ class TernDBusService(ConanFile):
         # The project's own CMake package is the one that is documented.
         self.cpp_info.set_property("cmake_find_mode", "none")
         self.cpp_info.builddirs = [os.path.join("lib", "cmake", "TernDBusService")]
-        self.cpp_info.libs = ["tern-dbus-service", "tern-foundation", "tern-basic-log"]
+        self.cpp_info.libs = ["tern-dbus-typed", "tern-dbus-service", "tern-foundation", "tern-basic-log"]

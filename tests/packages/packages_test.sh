@@ -31,9 +31,9 @@ check() {
 
 shopt -s nullglob
 debs=("$packages"/*.deb)
-names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 tern-thermostat)
+names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 libtern-dbus-typed0 tern-thermostat)
 found=$(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Package; done | sort | tr '\n' ' ')
-[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "four packages" || fail "packages: $found"
+[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "five packages" || fail "packages: $found"
 version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")-1
 for deb in "${debs[@]}"; do
     is=$(dpkg-deb -f "$deb" Version)
@@ -44,7 +44,7 @@ done
 check "lintian finds neither error nor warning" lintian --allow-root --fail-on error,warning "${debs[@]}"
 
 # What was stripped is in packages of its own, found by the build id, and explains the very library that is shipped.
-for package in libtern-dbus-service0 tern-thermostat; do
+for package in libtern-dbus-service0 libtern-dbus-typed0 tern-thermostat; do
     symbols=("$packages/$package-dbgsym_"*)
     [ ${#symbols[@]} -eq 1 ] && dpkg-deb -x "${symbols[0]}" "$work/symbols" || fail "$package has no debug symbols package"
 done
@@ -83,7 +83,7 @@ only() {
     [ -z "$extra" ] && ok "$package: nothing else" || fail "$package holds also: $extra"
 }
 documents="usr/share/doc/PACKAGE/(copyright|changelog(\.Debian)?\.gz)|usr/share/lintian/overrides/PACKAGE"
-so_files="" so_links="" pc_files=""
+so_files="" so_links=" $lib/libtern-dbus-typed.so" pc_files=" $lib/pkgconfig/libtern-dbus-typed.pc"
 for library in tern-dbus-service tern-foundation tern-basic-log; do
     so_files+=" $lib/lib$library.so.0 $lib/lib$library.so.${version%-*}"
     so_links+=" $lib/lib$library.so"
@@ -93,6 +93,7 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
 # shellcheck disable=SC2086
 {
     content libtern-dbus-service0 $so_files
+    content libtern-dbus-typed0 $lib/libtern-dbus-typed.so.0 $lib/libtern-dbus-typed.so.${version%-*}
     content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
         $lib/libtern-test-support.a $lib/pkgconfig/libtern-test-support.pc usr/bin/tern-new-extension \
         usr/share/libtern-dbus-service/extension/CMakeLists.txt.in usr/share/man/man1/tern-new-extension.1.gz usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
@@ -105,11 +106,14 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
         usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \
         usr/lib/sysusers.d/tern-thermostat.conf etc/tern-thermostat.ini
 }
-only libtern-dbus-service0 "$lib/libtern-[a-z-]+\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-dbus-service0}"
+only libtern-dbus-typed0 "$lib/libtern-dbus-typed\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-dbus-typed0}"
+only libtern-dbus-service0 "$lib/libtern-(dbus-service|foundation|basic-log)\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-dbus-service0}"
 [ -z "$(find "$root/usr" "$root/etc" \( ! -user root -o ! -group root -o -perm /o+w ! -type l \) -print -quit)" ] &&
     ok "everything is root's" || fail "owners or modes"
 
-for library in tern-dbus-service tern-foundation tern-basic-log; do
+for library in tern-dbus-service tern-dbus-typed tern-foundation tern-basic-log; do
+    package=libtern-dbus-service0
+    [ $library != tern-dbus-typed ] || package=libtern-dbus-typed0
     file=$root/$lib/lib$library.so.0
     readelf -d "$file" >"$work/dynamic"
     grep -q "SONAME.*\[lib$library\.so\.0\]" "$work/dynamic" && ok "$library: soname" || fail "$library: soname"
@@ -118,7 +122,7 @@ for library in tern-dbus-service tern-foundation tern-basic-log; do
     readelf -S "$work/symbols/$(debug_file "$file")" 2>/dev/null | grep -q '\.debug_info' && ok "$library: debug symbols" ||
         fail "$library has no debug symbols"
     grep -qaF "${source%/}/" "$file" && fail "$library: a path of the build machine"
-    grep -q "^lib$library 0 libtern-dbus-service0 " "$root/var/lib/dpkg/info/libtern-dbus-service0.shlibs" ||
+    grep -q "^lib$library 0 $package " "$root/var/lib/dpkg/info/$package.shlibs" ||
         fail "$library: shlibs"
 done
 for program in usr/libexec/tern-thermostat usr/bin/thermostatctl; do
@@ -174,6 +178,7 @@ check "a foreign project is configured" cmake -S "$source/tests/consumer" -B "$w
 grep -q "TernDBusService_DIR:PATH=$root/" "$work/consumer/CMakeCache.txt" || fail "another copy of the library was found"
 check "a foreign project is built" cmake --build "$work/consumer"
 check "a foreign project runs" env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere "$work/consumer/uses-foundation"
+check "the typed layer works" "$work/consumer/uses-typed"
 check "the test support works" "$work/consumer/uses-test-support"
 flags=$(PKG_CONFIG_PATH=$root/$lib/pkgconfig pkg-config --define-variable=prefix="$root/usr" --cflags --libs \
     libtern-dbus-service)
@@ -185,7 +190,7 @@ unset LD_LIBRARY_PATH
 mkdir -p "$root/var/lib/tern-thermostat"
 in_root -r tern-thermostat && [ -e "$root/etc/tern-thermostat.ini" ] && [ ! -e "$root/usr/bin/thermostatctl" ] &&
     ok "removed, settings kept" || fail "removal"
-in_root -P tern-thermostat libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 && ok "purged" ||
+in_root -P tern-thermostat libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-typed0 libtern-dbus-service0 && ok "purged" ||
     { fail "purge"; cat "$work/dpkg.err"; }
 left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print | grep -iE 'tern' )
 [ -z "$left" ] && [ ! -e "$root/var/lib/tern-thermostat" ] && ok "nothing is left" || fail "left: $left"

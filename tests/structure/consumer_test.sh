@@ -11,7 +11,7 @@ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/no-bus-here
 
 cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
 libdir=$(dirname "$(find "$work/prefix" -name libtern-dbus-service.so.0)")
-for library in dbus-service foundation basic-log; do
+for library in dbus-service dbus-typed foundation basic-log; do
     soname=$(readelf -d "$libdir/libtern-$library.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
     [ "$soname" = "libtern-$library.so.0" ] || { echo "soname of $library is $soname"; exit 1; }
 done
@@ -58,6 +58,7 @@ cmake -S "$source/tests/consumer" -B "$work/by-cmake" -DCMAKE_PREFIX_PATH="$work
     -DCMAKE_CXX_FLAGS="$*" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/by-cmake" >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; exit 1; }
 run_all "$work/by-cmake"
+"$work/by-cmake/uses-typed" || { echo "uses-typed failed"; exit 1; }
 env -u DBUS_SYSTEM_BUS_ADDRESS "$work/by-cmake/uses-test-support" || { echo "test support failed"; exit 1; }
 echo "find_package: built and ran"
 
@@ -70,6 +71,10 @@ for pair in foundation:libtern-foundation log:libtern-basic-log service:libtern-
         -Wl,-rpath-link,"$libdir"
 done
 run_all "$work/by-pkg-config" "$libdir"
+# shellcheck disable=SC2046
+"$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$@" "$source/tests/consumer/typed.cpp" \
+    -o "$work/by-pkg-config/uses-typed" $(pkg-config --cflags --libs libtern-dbus-typed) -Wl,-rpath-link,"$libdir"
+LD_LIBRARY_PATH=$libdir "$work/by-pkg-config/uses-typed" || { echo "uses-typed by pkg-config failed"; exit 1; }
 # shellcheck disable=SC2046
 "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror "$@" "$source/tests/consumer/test_support.cpp" \
     -o "$work/by-pkg-config/uses-test-support" \

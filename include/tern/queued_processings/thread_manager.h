@@ -7,6 +7,8 @@
 #include <tern/threading/mutex.h>
 #include <tern/threading/thread_manager.h>
 
+#include <atomic>
+
 namespace mwl::QueuedProcessings {
 
 /// The supervised side of a component's thread: puts it to sleep, wakes it, tells it to stop.
@@ -42,13 +44,20 @@ public:
 private:
     using Protocol = Threading::Mutex::Protocol;
 
+    /// Bits of mWait. A wake-up that finds none of them set has nothing to do: another one is pending, and
+    /// its signal is on its way.
+    static constexpr unsigned char WAIT_NEEDED = 1;  ///< no wake-up is pending
+    static constexpr unsigned char WAKING = 2;       ///< one is pending that has not signalled yet
+
     void WakeUp(bool goOn);
 
     ExecutorInterface& mExecutor;
     bool mRunning = true;  ///< guarded by mMutex
     Threading::Mutex mMutex{Protocol::PriorityInheritance};
     Threading::ConditionVariable mCondition;
-    bool mWaitNeeded = true;  ///< no wake-up is pending; guarded by mMutex
+    /// Set and cleared under mMutex, but for the end of WAKING. Each change and each look is a
+    /// read-modify-write, so that the run sees what was done before every wake-up that it answers.
+    std::atomic<unsigned char> mWait{WAIT_NEEDED};
     /// Held by a wake-up from before the change that it is about until the thread is signalled; locked before
     /// mMutex.
     Threading::Mutex mWakeUpMutex{Protocol::PriorityInheritance};
