@@ -2,7 +2,7 @@
 
 #include <tern/synchronizer/observer.h>
 
-#include "measurement_channel.h"
+#include "thermostat_server.h"
 
 namespace thermostat {
 
@@ -10,11 +10,13 @@ namespace thermostat {
 class BusReporter : public mwl::tern::Synchronizer::Observer {
 public:
     /// Both outlive the reporter.
-    BusReporter(mwl::tern::Synchronizer::SubjectInterface& subject, MeasurementChannel& channel);
+    BusReporter(mwl::tern::Synchronizer::SubjectInterface& subject, ThermostatServer& server);
+    /// What cannot be handed over is lost: the first loss is logged, and their number when it works again.
     void OnNotify(mwl::tern::Synchronizer::NotificationInterface* notification) override;
 
 private:
-    MeasurementChannel& mChannel;
+    ThermostatServer& mServer;
+    unsigned long mLost = 0;  ///< measurements since the handing over failed
 };
 
 }  // namespace thermostat

@@ -2,8 +2,9 @@
 
 #include <tern/foundation/component_runtime_interface.h>
 #include <tern/threading/thread_pool.h>
+#include <tern/threading/unique_function.h>
 
-#include <functional>
+#include <utility>
 
 namespace thermostat {
 
@@ -28,7 +29,7 @@ public:
     mw::tern::StatusCode Destroy() override { return mw::tern::StatusCode::Ok; }
 
     /// Any thread.
-    void Queue(const std::function<void()>& job) { mPool.QueueJob(job); }
+    void Queue(mwl::UniqueFunction<void()> job) { mPool.QueueUnique(std::move(job)); }
 
 private:
     mwl::Threading::ThreadPool::ThreadPool mPool;

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <systemd/sd-bus.h>
-#include <tern/service/event_loop.h>
-#include <tern/service/message_pipe.h>
+#include <tern/foundation/status_code.h>
+#include <tern/threading/unique_function.h>
+#include <tern/typed/bus.h>
 
-#include <functional>
 #include <string>
 
 #include "job_pool.h"
@@ -12,33 +11,26 @@
 namespace thermostat {
 
 /// Packs the log folder into an encrypted archive on the pool, and tells the D-Bus thread when it is done.
-/// One export at a time: all of them write the same archive.
 ///
 /// D-Bus thread only.
 class LogExporter {
 public:
-    using Done = std::function<void(mw::tern::StatusCode)>;
+    using Done = mwl::UniqueFunction<void(mw::tern::StatusCode)>;
 
-    /// The pool outlives the exporter.
-    LogExporter(JobPool& pool, std::string logFolder, const std::string& stateFolder);
+    /// Pool and bus outlive the exporter, which outlives the pool's last job.
+    LogExporter(JobPool& pool, mwl::Typed::Bus& bus, std::string logFolder, const std::string& stateFolder);
 
-    mw::tern::StatusCode Open(mw::tern::EventLoop& loop);
     /// Returns at once. `done` runs on the D-Bus thread with the result, when the archive is complete or has
-    /// failed; a failure leaves the former archive as it was. False while another export runs, and then
-    /// `done` is not kept.
-    bool Export(const std::string& password, Done done);
-    /// After the loop has ended: drops `done` of an export that still runs, and refuses its result.
-    void Close();
+    /// failed; a failure leaves the former archive as it was. When the bus has closed by then, `done` is
+    /// destroyed without having run. REQUIRES: no other export runs, as all of them write the same archive.
+    void Export(const std::string& password, Done done);
     const std::string& GetArchivePath() const { return mArchive; }
 
 private:
-    mw::tern::StatusCode OnDone();
-
     JobPool& mPool;
+    mwl::Typed::Bus& mBus;
     std::string mLogFolder;
     std::string mArchive;
-    mw::tern::MessagePipe mResults;
-    Done mDone;  ///< of the export that runs
 };
 
 }  // namespace thermostat

@@ -11,13 +11,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "bus_reporter.h"
 #include "control_loop.h"
 #include "control_worker.h"
 #include "job_pool.h"
 #include "log_exporter.h"
-#include "measurement_channel.h"
 #include "measurement_log.h"
 #include "names.h"
 #include "room.h"
@@ -62,8 +62,6 @@ int Run(const thermostat::Settings& settings) {
     thermostat::Room room;
     const thermostat::TargetStore store(settings.stateFolder);
     mwl::tern::Synchronizer::Subject measurements;
-    thermostat::MeasurementChannel channel;
-    thermostat::BusReporter reporter(measurements, channel);
     thermostat::MeasurementLog log(measurements, settings.logFolder);
 
     // The workers: started in this order, stopped in the reverse one.
@@ -73,8 +71,9 @@ int Run(const thermostat::Settings& settings) {
     thermostat::Sampling sampling(settings.samplingMs, [&control] { control.WakeUp(); });
     mw::tern::CompositeRuntime workers{&pool, &control, &sampling};
 
-    // What the bus may ask for; all of it runs on the D-Bus thread.
-    thermostat::LogExporter exporter(pool, settings.logFolder, settings.stateFolder);
+    // What the bus shows and may ask for; all of it runs on the D-Bus thread.
+    mwl::Typed::Bus bus;
+    thermostat::LogExporter exporter(pool, bus, settings.logFolder, settings.stateFolder);
     thermostat::ThermostatInterface::Actions actions;
     actions.boost = [&](unsigned int seconds) { room.Boost(seconds * 1000 / settings.samplingMs); };
     actions.setTarget = [&](double celsius) {
@@ -84,10 +83,10 @@ int Run(const thermostat::Settings& settings) {
         }
         return stored;
     };
-    actions.exportLog = [&](const std::string& password,
-                            const thermostat::ThermostatInterface::ExportDone& done) {
-        return exporter.Export(password,
-                               [&, done](StatusCode result) { done(exporter.GetArchivePath(), result); });
+    actions.exportLog = [&](const std::string& password, thermostat::ThermostatInterface::ExportDone done) {
+        exporter.Export(password, [&exporter, done = std::move(done)](StatusCode result) mutable {
+            done(exporter.GetArchivePath(), result);
+        });
     };
     thermostat::Trials trials(loop, pool);
     if (settings.debug) {
@@ -101,7 +100,8 @@ int Run(const thermostat::Settings& settings) {
         room.SetTarget(store.Load().value_or(settings.target));
         return status;
     };
-    thermostat::ThermostatServer server(room, channel, exporter, std::move(actions), openFolders);
+    thermostat::ThermostatServer server(room, bus, std::move(actions), openFolders);
+    thermostat::BusReporter reporter(measurements, server);
     mwl::DBusService::Component service(thermostat::BUS_NAME, monitor, server);
     if (service.Initialize() != StatusCode::Ok) {
         return EXIT_FAILURE;

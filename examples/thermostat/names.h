@@ -7,7 +7,6 @@ namespace thermostat {
 /// The extension's names on the bus, shared by the service and its client.
 inline const std::string BUS_NAME = "com.example.Thermostat";
 inline const std::string OBJECT_PATH = "/com/example/Thermostat";
-inline const std::string INTERFACE_NAME = "com.example.Thermostat1";
 
 /// The extension's logger name.
 inline const std::string LOGGER = "Thermostat";

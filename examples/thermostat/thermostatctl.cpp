@@ -21,6 +21,7 @@
 #include <string>
 
 #include "names.h"
+#include "thermostat_contract.h"
 
 using mw::tern::ConvertStatusCodeToString;
 using mw::tern::StatusCode;
@@ -127,7 +128,7 @@ public:
     explicit SetTarget(double celsius) : mCelsius(celsius) {}
     int CallMethod(sd_bus* bus) override {
         return sd_bus_set_property(bus, thermostat::BUS_NAME.c_str(), thermostat::OBJECT_PATH.c_str(),
-                                   thermostat::INTERFACE_NAME.c_str(), "Target", &mError, "d", mCelsius);
+                                   thermostat::Thermostat1::NAME, "Target", &mError, "d", mCelsius);
     }
 
 private:
@@ -139,8 +140,7 @@ public:
     explicit Boost(unsigned int seconds) : mSeconds(seconds) {}
     int CallMethod(sd_bus* bus) override {
         return sd_bus_call_method(bus, thermostat::BUS_NAME.c_str(), thermostat::OBJECT_PATH.c_str(),
-                                  thermostat::INTERFACE_NAME.c_str(), "Boost", &mError, nullptr, "u",
-                                  mSeconds);
+                                  thermostat::Thermostat1::NAME, "Boost", &mError, nullptr, "u", mSeconds);
     }
 
 private:
@@ -155,8 +155,8 @@ public:
         sd_bus_message* reply = nullptr;
         const char* path = nullptr;
         int r = sd_bus_message_new_method_call(bus, &call, thermostat::BUS_NAME.c_str(),
-                                               thermostat::OBJECT_PATH.c_str(),
-                                               thermostat::INTERFACE_NAME.c_str(), "ExportLog");
+                                               thermostat::OBJECT_PATH.c_str(), thermostat::Thermostat1::NAME,
+                                               "ExportLog");
         if (r >= 0) {
             r = sd_bus_message_append(call, "s", mPassword.c_str());
         }
@@ -313,7 +313,7 @@ int Watch() {
         "type='signal',sender='" + thermostat::BUS_NAME + "',path='" + thermostat::OBJECT_PATH;
     if (status == StatusCode::Ok) {
         status = bus.AddMatch(nullptr,
-                              match + "',interface='" + thermostat::INTERFACE_NAME + "',member='Measured'",
+                              match + "',interface='" + thermostat::Thermostat1::NAME + "',member='Measured'",
                               OnMeasured, nullptr);
     }
     if (status == StatusCode::Ok) {
