@@ -253,7 +253,7 @@ inline constexpr bool BORROWS<Borrow<T>> = false;
 template <class... T>
 constexpr auto MakeSignature() {
     constexpr auto sum = (Text<0>() + ... + Codec<std::remove_cvref_t<T>>::SIGNATURE);
-    constexpr auto isOneType = [](std::string_view text) {
+    [[maybe_unused]] constexpr auto isOneType = [](std::string_view text) {
         // '?' is of a type without a codec, which has been told already.
         return text.find('?') != std::string_view::npos || Detail::EndOfType(text, 0) == text.size();
     };
