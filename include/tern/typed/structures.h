@@ -17,7 +17,15 @@ namespace Detail {
 template <class... T>
 struct StructureCodec {
     static_assert(sizeof...(T) > 0, "D-Bus has no empty structure");
-    static constexpr auto CONTENTS = (Text<0>() + ... + Codec<T>::SIGNATURE);
+    // Without fields as of a type without a codec, so that no further message follows.
+    static constexpr auto EMPTY = [] {
+        if constexpr (sizeof...(T) == 0) {
+            return Text("?");
+        } else {
+            return Text<0>();
+        }
+    }();
+    static constexpr auto CONTENTS = (EMPTY + ... + Codec<T>::SIGNATURE);
     static constexpr auto SIGNATURE = Text("(") + CONTENTS + Text(")");
 
     static int Write(sd_bus_message* message, const T&... value) {

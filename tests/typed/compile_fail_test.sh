@@ -1,0 +1,43 @@
+#!/bin/bash
+# What is wrong does not compile, and says why. Each FOLDER/*.cpp begins with a line
+#   // fails with: TEXT         the first error has TEXT
+#   // fails once with: TEXT    as above, and there is no other error
+# and compiles once MENDED is defined, so that nothing else is wrong with it.
+#   compile_fail_test.sh FOLDER COMPILER [FLAGS...]
+set -u
+folder=$1
+shift
+compiler=("$@" -std=c++20 -fsyntax-only -Wall -Wextra -Werror)
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+
+failures=0
+fail() {
+    echo "$*"
+    head -40 "$log"
+    failures=$((failures + 1))
+}
+
+checked=0
+for program in "$folder"/*.cpp; do
+    name=$(basename "$program")
+    IFS= read -r first <"$program"
+    if [[ $first =~ ^"// fails "(once )?"with: "(.+)$ ]]; then
+        once=${BASH_REMATCH[1]} text=${BASH_REMATCH[2]}
+    else
+        : >"$log"
+        fail "$name does not say in its first line how it fails"
+        continue
+    fi
+    checked=$((checked + 1))
+    if "${compiler[@]}" "$program" >"$log" 2>&1; then
+        fail "$name compiles"
+    elif ! grep -m1 'error: ' "$log" | grep -qF -- "$text"; then
+        fail "$name: the first error does not have '$text'"
+    elif [ -n "$once" ] && [ "$(grep -c 'error: ' "$log")" -ne 1 ]; then
+        fail "$name: there is more than one error"
+    fi
+    "${compiler[@]}" -DMENDED "$program" >"$log" 2>&1 || fail "$name does not compile without its mistake"
+done
+echo "$checked programs checked, $failures failures"
+[ "$failures" -eq 0 ] && [ "$checked" -gt 0 ]

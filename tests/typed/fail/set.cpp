@@ -1,0 +1,27 @@
+// fails once with: D-Bus cannot carry this type: there is no Codec<T> for it
+#include <tern/typed/codec.h>
+
+#include <map>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <vector>
+
+using namespace mwl::Typed;
+
+#ifdef MENDED
+using Value = std::vector<int>;
+#else
+using Value = std::set<int>;
+#endif
+
+static_assert(SIGNATURE<Value>.SIZE > 0);
+
+int Send(sd_bus_message* message, const Value& value) {
+    return Write(message, value);
+}
+
+int Receive(sd_bus_message* message, Value& value, Fault& fault) {
+    return Read(message, value, fault);
+}
