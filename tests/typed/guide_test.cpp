@@ -309,7 +309,7 @@ TEST_F(TypedGuide, TheContractPrintsItsXml) {
     fclose(file);
     const std::string xml(text, size);
     free(text);
-    EXPECT_NE(xml.find("<arg name=\"seconds\" type=\"u\" direction=\"in\"/>"), std::string::npos) << xml;
+    EXPECT_NE(xml.find("<arg type=\"u\" name=\"seconds\" direction=\"in\"/>"), std::string::npos) << xml;
     EXPECT_NE(xml.find("Heats for a while."), std::string::npos);
 }
 
