@@ -6,6 +6,5 @@ namespace my_thermostat {
 
 inline const std::string BUS_NAME = "com.example.MyThermostat";
 inline const std::string OBJECT_PATH = "/com/example/MyThermostat";
-inline const std::string INTERFACE_NAME = "com.example.MyThermostat1";
 
 }  // namespace my_thermostat

@@ -1,38 +1,33 @@
 #pragma once
 
-#include <tern/service/dbus_interface.h>
+#include <tern/typed/implements.h>
 
 #include "room.h"
+#include "thermostat_contract.h"
 
 namespace my_thermostat {
 
-/// What the thermostat shows on the bus:
-///
-///     Boost(u seconds)           heats for a while, at most an hour
-///     Target d, read and write   5 to 30 degrees Celsius; anything else is refused
-///     Temperature d, read-only   degrees Celsius
-///     Measured(d celsius)        signal
-///
-/// D-Bus thread only.
-class ThermostatInterface : public mw::tern::DBusInterface {
+/// The thermostat's object. D-Bus thread only.
+class ThermostatInterface final : public Typed::Implements<ThermostatInterface, Thermostat1> {
 public:
     /// The room outlives the interface.
-    explicit ThermostatInterface(Room& room);
+    explicit ThermostatInterface(Room& room) : mRoom(room) {}
 
-    const sd_bus_vtable* GetVtable() const override;
-    void* GetUserData() override { return this; }
+    static constexpr auto Describe() {
+        using Self = ThermostatInterface;
+        return Typed::Bindings<Typed::Bind<Thermostat1::Boost, &Self::Boost>,
+                               Typed::Bind<Thermostat1::Target, &Self::GetTarget, &Self::SetTarget>,
+                               Typed::Bind<Thermostat1::Temperature, &Self::GetTemperature>>();
+    }
 
-    /// Sends the signal Measured.
-    static void EmitMeasured(sd_bus* bus, double celsius);
+    /// Announces a measurement.
+    void Measure(double celsius);
 
 private:
-    static int OnBoost(sd_bus_message* message, void* userdata, sd_bus_error* error);
-    static int OnGetTarget(sd_bus* bus, const char* path, const char* interface, const char* property,
-                           sd_bus_message* reply, void* userdata, sd_bus_error* error);
-    static int OnSetTarget(sd_bus* bus, const char* path, const char* interface, const char* property,
-                           sd_bus_message* value, void* userdata, sd_bus_error* error);
-    static int OnGetTemperature(sd_bus* bus, const char* path, const char* interface, const char* property,
-                                sd_bus_message* reply, void* userdata, sd_bus_error* error);
+    Typed::Outcome<void> Boost(std::uint32_t seconds);
+    double GetTarget() const { return mRoom.GetTarget(); }
+    Typed::Outcome<void> SetTarget(double celsius);
+    double GetTemperature() const { return mRoom.GetTemperature(); }
 
     Room& mRoom;
 };

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <tern/service/ipc_server.h>
-#include <tern/service/message_pipe.h>
+#include <tern/typed/bus.h>
 
 #include "room.h"
+#include "thermostat_interface.h"
 
 namespace my_thermostat {
 
@@ -14,14 +15,16 @@ public:
     explicit ThermostatServer(Room& room) : mRoom(room) {}
 
     mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override;
-    void Stop() override { mMeasurements.Close(); }
+    void Stop() override { mBus.Close(); }
 
-    /// Has the D-Bus thread send a measurement. Any thread, once `Start` has succeeded.
+    /// Has the D-Bus thread announce a measurement. Any thread, once `Start` has succeeded.
     void Report(double celsius);
 
 private:
     Room& mRoom;
-    mw::tern::MessagePipe mMeasurements;
+    mwl::Typed::Bus mBus;
+    mwl::Typed::Exported mObject;               ///< keeps the object on the bus
+    ThermostatInterface* mInterface = nullptr;  ///< the object's
 };
 
 }  // namespace my_thermostat
