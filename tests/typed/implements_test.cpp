@@ -613,7 +613,7 @@ TEST_F(ImplementsTest, CheckedMethodGoesOnWhenTheCallerIsKnown) {
     ASSERT_TRUE(mWire.Serve([this] { return mBus.parked != nullptr; }));
     EXPECT_EQ(reply, nullptr);
     mBus.verdict = 1;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     Wire::Check(sd_bus_message_rewind(mBus.parked.get(), 1));
     EXPECT_GT(mBus.parkedFor(mBus.parked.get(), mBus.parkedWith, &error), 0);
     ASSERT_TRUE(mWire.Serve([&] { return reply != nullptr; }));
