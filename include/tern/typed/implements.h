@@ -24,9 +24,7 @@ namespace mwl::Typed {
 /// Says which function answers for the member `M`: one for a method, a getter for a property, a getter and a
 /// setter for a writable property. See `Implements`.
 template <const auto& M, auto... F>
-struct Bind {
-    using Member = Tag<M>;
-};
+struct Bind {};
 
 /// All of a class's bindings, in any order.
 template <class... B>
@@ -38,7 +36,7 @@ struct Unbound {
     static_assert(
         sizeof(Self) == 0,
         "a member of the contract is not bound: Describe() has no Bind for it (Unbound<class, member>)");
-    static constexpr bool IS_SOUND = false;
+    static constexpr bool IS_SOUND = false;  ///< so that one message is enough
 };
 
 namespace Detail {
@@ -422,17 +420,22 @@ constexpr sd_bus_vtable MakeEntry() {
     }
 }
 
+template <const auto& M, class B>
+inline constexpr bool IS_BINDING_OF = false;
+template <const auto& M, auto... F>
+inline constexpr bool IS_BINDING_OF<M, Bind<M, F...>> = true;
+
 /// Refuses a binding that is of no use.
 template <class Self, class Contract, class B, class... All>
 struct CheckedBinding {
     static_assert(sizeof(B) == 0, "Bindings are of Bind<member, functions...>");
+    static constexpr bool IS_SOUND = true;
 };
 template <class Self, class Contract, const auto& M, auto... F, class... All>
 struct CheckedBinding<Self, Contract, Bind<M, F...>, All...> {
     static_assert(IS_MEMBER_OF<Contract, M>, "what is bound is not a member of this contract");
     static_assert(MemberType<M>::KIND != Kind::Signal, "a signal is not bound: Emit sends it");
-    static_assert((0 + ... + int{std::is_same_v<Tag<M>, typename All::Member>}) == 1,
-                  "a member of the contract is bound twice");
+    static_assert((0 + ... + int{IS_BINDING_OF<M, All>}) == 1, "a member of the contract is bound twice");
     static constexpr bool IS_SOUND = true;
 };
 
@@ -501,6 +504,7 @@ struct Vtable {
 template <class Self, class Contract>
 class Implements : public InterfaceBase {
 public:
+    /// On no bus yet.
     Implements() : InterfaceBase(Contract::NAME) {}
 
     /// Constant; nothing runs to make it.
@@ -549,9 +553,6 @@ public:
             },
             &values);
     }
-
-private:
-    friend Self;
 };
 
 }  // namespace mwl::Typed
