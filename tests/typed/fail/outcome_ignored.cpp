@@ -1,4 +1,4 @@
-// fails with: Outcome
+// fails with: nodiscard
 #include <tern/typed/error.h>
 
 #include <string>
