@@ -102,6 +102,7 @@ TEST_F(ReplyTest, AnswersFromAnotherThread) {
 TEST_F(ReplyTest, AnswersOnTheDBusThread) {
     room->onLater = [](Reply<Number> reply, Number number) { reply.Return(number + 1); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), "2");
+    mPeer->Ping();  // the handler has ended, not only answered
     room->onLater = [](Reply<Number> reply, Number) { reply.Fail(StatusCode::Busy); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), "mwl.StatusCode.Busy: Busy");
 }
@@ -180,6 +181,7 @@ TEST_F(ReplyTest, AHandlerThatThrowsAnswersOnce) {
     room->onLater = [](Reply<Number>, Number) { throw std::runtime_error("no disk"); };
     Send(1);
     EXPECT_THAT(Answers(1), ElementsAre(DROPPED));
+    mPeer->Ping();  // the handler has ended, not only answered
     EXPECT_EQ(mLog.Entries("Typed").size(), 1U);
     // One that has answered before it throws has answered.
     room->onLater = [](Reply<Number> reply, Number number) {
@@ -238,6 +240,7 @@ TEST_F(ReplyTest, AValueThatCannotBeSentIsAFailureInside) {
     room->onText = [&](Reply<std::string> reply) { reply.Return("\xff\xfe"); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Text"),
               "org.freedesktop.DBus.Error.Failed: the service failed internally");
+    mPeer->Ping();  // the handler has ended, not only answered
     EXPECT_EQ(mServed->Count().unsentReplies, 1U);
     ASSERT_EQ(mLog.Entries("Typed").size(), 1U);
     EXPECT_THAT(mLog.Entries("Typed")[0].text,
