@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "served_bus.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
@@ -613,7 +614,7 @@ TEST_F(ImplementsTest, CheckedMethodGoesOnWhenTheCallerIsKnown) {
     ASSERT_TRUE(mWire.Serve([this] { return mBus.parked != nullptr; }));
     EXPECT_EQ(reply, nullptr);
     mBus.verdict = 1;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     Wire::Check(sd_bus_message_rewind(mBus.parked.get(), 1));
     EXPECT_GT(mBus.parkedFor(mBus.parked.get(), mBus.parkedWith, &error), 0);
     ASSERT_TRUE(mWire.Serve([&] { return reply != nullptr; }));
@@ -1061,4 +1062,32 @@ TEST(ImplementsFailure, LogNamesTheCaller) {
                 ElementsAre(tern::test::Error("Typed", "com.example.Trap1.Void" + asked),
                             tern::test::Error("Typed", "com.example.Trap1.Read" + asked),
                             tern::test::Error("Typed", "com.example.Trap1.Written" + asked)));
+}
+
+TEST(ImplementsFailure, LateHandlerThatThrowsIsAnsweredByItsReplyAlone) {
+    const struct {
+        Thrown thrown;
+        const char* logged;
+    } table[] = {
+        {Thrown::BadAlloc, "std::bad_alloc: std::bad_alloc"},
+        {Thrown::RuntimeError, "std::runtime_error: secret of the service"},
+        {Thrown::Error, "mwl::Typed::Error: no text"},
+        {Thrown::Number, "int: no text"},
+    };
+    const tern::test::PrivateBus daemon;
+    tern::test::Served served;
+    tern::test::Room* const room = served.On([&] { return &served.Export(PATH); });
+    tern::test::Peer peer;
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.logged);
+        const LogCapture log;
+        served.On([&] { room->onLater = [&](Reply<std::uint32_t>, std::uint32_t) { ThrowIt(row.thrown); }; });
+        EXPECT_EQ(peer.Call(PATH, tern::test::ROOM, "Later", "u", 1U),
+                  "org.freedesktop.DBus.Error.Failed: the service dropped the call");
+        peer.Ping();  // the handler has ended
+        EXPECT_THAT(log.Entries("Typed"),
+                    ElementsAre(tern::test::Error(
+                        "Typed", "com.example.Room1.Later of /com/example/Room, asked by " + peer.Name() +
+                                     ", threw " + row.logged + " (0 like it not logged)")));
+    }
 }

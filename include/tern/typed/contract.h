@@ -58,9 +58,9 @@ struct Flags {
     constexpr bool Has(Flags other) const { return (bits & other.bits) != 0; }
 
     friend constexpr Flags operator|(Flags a, Flags b) {
-        const bool isTwofold = a.capability >= 0 && b.capability >= 0 && a.capability != b.capability;
+        const bool areTwo = a.capability >= 0 && b.capability >= 0 && a.capability != b.capability;
         return {a.bits | b.bits, a.capability >= 0 ? a.capability : b.capability, a.isChecked || b.isChecked,
-                a.isTwofold || b.isTwofold || isTwofold};
+                a.isTwofold || b.isTwofold || areTwo};
     }
 };
 
