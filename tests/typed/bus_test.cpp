@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -23,6 +24,10 @@ TERN_INTERPOSE(int, sd_event_add_defer,
 TERN_INTERPOSE(int, sd_event_add_exit,
                (sd_event * event, sd_event_source** source, sd_event_handler_t handler, void* userdata),
                (event, source, handler, userdata))
+TERN_INTERPOSE(int, sd_event_add_time,
+               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
+                sd_event_time_handler_t handler, void* userdata),
+               (event, source, clock, time, accuracy, handler, userdata))
 TERN_INTERPOSE(int, eventfd, (unsigned int count, int flags), (count, flags))
 TERN_INTERPOSE(int, sd_bus_add_object_vtable,
                (sd_bus * bus, sd_bus_slot** slot, const char* path, const char* interface,
@@ -249,6 +254,31 @@ TEST_F(BusTest, WhatThePeriodHoldsBackIsAnnouncedWhenTheLoopEnds) {
     mServed->End();
     EXPECT_THAT(mPeer->WaitForSignals(1),
                 ElementsAre("changed /com/example/rooms/one com.example.Room1 Level=3"));
+}
+
+TEST_F(BusTest, WithoutATimerChangesAreAnnouncedTooEarly) {
+    const FaultScope scope(fault_sd_event_add_time);
+    fault_sd_event_add_time.Fail(-ENOMEM);
+    mServed->On([&] {
+        mServed->typed->SetChangePeriod(std::chrono::hours(1));
+        room->SetLevel(2);
+    });
+    EXPECT_EQ(mPeer->WaitForSignals(1).back(), "changed /com/example/rooms/one com.example.Room1 Level=2");
+    mServed->On([&] { room->SetLevel(3); });
+    EXPECT_EQ(mPeer->WaitForSignals(1).back(), "changed /com/example/rooms/one com.example.Room1 Level=3");
+    EXPECT_TRUE(mLog.Contains(tern::test::Error(
+        "Typed", "Failed to wait for the end of the period of changes (-12, Cannot allocate memory)")));
+}
+
+TEST_F(BusTest, ATurnWithoutMemoryIsTheServicesEnd) {
+    const FaultScope scope(fault_sd_bus_emit_interfaces_added_strv);
+    fault_sd_bus_emit_interfaces_added_strv.Replace([](auto...) -> int { throw std::bad_alloc(); });
+    mServed->On([&] { mServed->Export(OTHER); });
+    EXPECT_TRUE(WaitUntil([&] { return !mServed->typed->Post([] {}); }));
+    mServed->End();
+    EXPECT_EQ(mServed->result, -ENOTRECOVERABLE);
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Critical("Typed", "A turn of the typed bus threw std::bad_alloc: std::bad_alloc")));
 }
 
 TEST_F(BusTest, AnAdoptedInterfaceAnnouncesItsChanges) {
