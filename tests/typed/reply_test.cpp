@@ -534,6 +534,7 @@ TEST_F(ReplyTest, TheConnectionIsLostWithCallsOpen) {
         EXPECT_FALSE(kept.reply.IsWanted());
         kept.reply.Return(1);
     }
+    EXPECT_THAT(mLog.Entries("Typed"), IsEmpty());
 }
 
 }  // namespace
