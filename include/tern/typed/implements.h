@@ -9,6 +9,7 @@
 #include <tern/typed/handler.h>
 #include <tern/typed/handling.h>
 #include <tern/typed/interface_base.h>
+#include <tern/typed/write_result.h>
 
 #include <array>
 #include <cstddef>
@@ -41,31 +42,10 @@ struct Unbound {
 
 namespace Detail {
 
-/// Appends the value at `value`, an R, to a message.
+/// Appends the result at `value`, an R, to a message.
 template <class R>
-int WriteValue(sd_bus_message* message, const void* value) {
-    return Codec<R>::Write(message, *static_cast<const R*>(value));
-}
-/// As above, one behind the other.
-template <class... V>
-int WriteValues(sd_bus_message* message, const std::tuple<V...>& values) {
-    int r = 0;
-    std::apply(
-        [&](const auto&... value) {
-            static_cast<void>(((r = Codec<std::remove_cvref_t<V>>::Write(message, value), r >= 0) && ...));
-        },
-        values);
-    return r;
-}
-template <class R>
-constexpr Handling::Writer WriterOf(const R*) {
-    return &WriteValue<R>;
-}
-template <class... T>
-constexpr Handling::Writer WriterOf(const Results<T...>*) {
-    return [](sd_bus_message* message, const void* value) {
-        return WriteValues<T...>(message, *static_cast<const Results<T...>*>(value));
-    };
+int WriteResultAt(sd_bus_message* message, const void* value) {
+    return WriteResult(message, *static_cast<const R*>(value));
 }
 
 /// Reads the arguments of a call; shared by all methods that take the same ones. Negative: refused.
@@ -97,10 +77,10 @@ template <class R>
             return 0;
         } else {
             const auto& value = *result;
-            return call.Answer(WriterOf(&value), &value);
+            return call.Answer(&WriteResultAt<std::remove_cvref_t<decltype(value)>>, &value);
         }
     } else {
-        return call.Answer(WriterOf(&result), &result);
+        return call.Answer(&WriteResultAt<R>, &result);
     }
 }
 
@@ -549,7 +529,8 @@ public:
         return SendSignal(
             M.name,
             [](sd_bus_message* message, const void* all) {
-                return Detail::WriteValues(message, *static_cast<const Values*>(all));
+                return std::apply([message](const V&... each) { return Detail::WriteEach(message, each...); },
+                                  *static_cast<const Values*>(all));
             },
             &values);
     }
