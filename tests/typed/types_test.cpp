@@ -66,7 +66,7 @@ TEST_F(Types, SignaturesAreCheckedAsSdBusDoes) {
         "a{asv}",    "a{(s)v}",  "()",  "(u)",      "(u",    "u)",    "(())",     "((u))",      "a(us)",
         "a{sa{sv}}", "a{s(uu)}", "(a)", "(a{sv}u)", "r",     "e",     "a{s{sv}}", "us}",        "a}",
         "(u))",      "1",        " ",   "m",        "*",     "a{hv}", "a{ss}as",  "aaaa{i(ii)}"};
-    for (const std::size_t depth : {31, 32, 33}) {
+    for (const std::size_t depth : {31U, 32U, 33U}) {
         texts.push_back(std::string(depth, 'a') + "u");
         texts.push_back(std::string(depth, '(') + "u" + std::string(depth, ')'));
         std::string entries;
@@ -76,7 +76,7 @@ TEST_F(Types, SignaturesAreCheckedAsSdBusDoes) {
         texts.push_back(entries + "u" + std::string(depth, '}'));
         texts.push_back(std::string(depth, 'a') + std::string(32, '(') + "u" + std::string(32, ')'));
     }
-    for (const std::size_t size : {254, 255, 256}) {
+    for (const std::size_t size : {254U, 255U, 256U}) {
         texts.emplace_back(size, 'u');
     }
     for (const std::string& text : texts) {
