@@ -998,8 +998,7 @@ TEST(ImplementsFailure, ReplyThatIsNotSentIsLoggedAndAnError) {
     TrapOnWire on;
     const LogCapture log;
     tern::test::FaultScope scope(fault_sd_bus_send);
-    // The first is the call, which sd-bus sends by itself; the second the reply.
-    fault_sd_bus_send.Fail(-ENOMEM);
+    fault_sd_bus_send.Fail(-ENOMEM, 0, 1, 1);  // the first is the call, which the client sends
     const Answer answer = on.Use("Value");
     EXPECT_EQ(answer.name, NO_MEMORY);
     EXPECT_THAT(log.Entries("Typed"),
