@@ -75,11 +75,11 @@ private:
 ///     void ThermostatServer::Stop() { mBus.Close(); }
 ///
 /// Order in a turn: signals and answers go at once. Changes of properties wait until the handler, or the
-/// share of jobs, is done; then new objects are announced with their values (InterfacesAdded), and one
-/// PropertiesChanged for each interface tells all that has changed. So a change is announced after the reply
-/// to the call that made it, and after signals of the same handler; who needs another order calls Flush. The
-/// removal of an object is announced at once. An object that comes and goes within a turn is never announced;
-/// changes of one that is being announced are in its announcement.
+/// share of jobs, is done; then new objects are announced with their values (InterfacesAdded; sd-bus leaves
+/// those out that only invalidate), and one PropertiesChanged for each interface tells all that has changed.
+/// So a change is announced after the reply to the call that made it, and after signals of the same handler;
+/// who needs another order calls Flush. The removal of an object is announced at once. An object that comes
+/// and goes within a turn is never announced; changes of one that is being announced are in its announcement.
 ///
 /// When the loop ends: changes are announced; open calls are answered "org.freedesktop.DBus.Error.NoReply",
 /// "the service is stopping"; jobs that wait are dropped, and from now on Post is refused; then sd-bus sends

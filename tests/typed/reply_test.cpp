@@ -1,0 +1,395 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+#include <tern/typed/reply.h>
+
+#include <atomic>
+#include <cerrno>
+#include <latch>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "typed/served_bus.h"
+
+TERN_INTERPOSE(int, sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message** reply),
+               (call, reply))
+
+namespace mwl::Typed {
+namespace {
+
+using tern::test::FaultScope;
+using tern::test::Peer;
+using tern::test::Room;
+using tern::test::ROOM;
+using tern::test::Served;
+using tern::test::WaitUntil;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr const char* PATH = "/com/example/room";
+constexpr const char* STOPPING = "org.freedesktop.DBus.Error.NoReply: the service is stopping";
+constexpr const char* DROPPED = "org.freedesktop.DBus.Error.Failed: the service dropped the call";
+
+/// A service whose `Later` keeps its replies for the test.
+class ReplyTest : public testing::Test {
+protected:
+    using Number = std::uint32_t;
+    struct Kept {
+        Reply<Number> reply;
+        Number number;
+    };
+
+    ReplyTest() {
+        mServed.emplace([this](Served& served) {
+            room = &served.Export(PATH);
+            room->onLater = [this](Reply<Number> reply, Number number) {
+                const std::lock_guard lock(mMutex);
+                mKept.push_back({std::move(reply), number});
+            };
+        });
+        mPeer.emplace();
+    }
+
+    void Send(Number number) { mPeer->Send(mAnswers, PATH, ROOM, "Later", "u", number); }
+    /// Sends that many calls and waits until their replies are here.
+    void SendAndTake(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            Send(static_cast<Number>(i));
+        }
+        EXPECT_TRUE(WaitUntil([&] {
+            const std::lock_guard lock(mMutex);
+            return mKept.size() >= count;
+        }));
+    }
+    std::vector<std::string> Answers(std::size_t count) {
+        EXPECT_TRUE(mPeer->WaitForAnswers(mAnswers, count));
+        return mAnswers;
+    }
+
+    tern::test::PrivateBus mDaemon;
+    tern::test::LogCapture mLog{5};
+    std::optional<Served> mServed;
+    std::optional<Peer> mPeer;
+    std::mutex mMutex;
+    std::vector<Kept> mKept;
+    std::vector<std::string> mAnswers;
+    Room* room = nullptr;
+};
+
+TEST_F(ReplyTest, AnswersFromAnotherThread) {
+    SendAndTake(1);
+    EXPECT_EQ(mServed->Count().openCalls, 1U);
+    EXPECT_TRUE(mKept[0].reply.IsWanted());
+    mKept[0].reply.Return(42);
+    EXPECT_FALSE(mKept[0].reply.IsWanted());
+    EXPECT_THAT(Answers(1), ElementsAre("42"));
+    const Bus::Counters counters = mServed->Count();
+    EXPECT_EQ(counters.openCalls, 0U);
+    EXPECT_EQ(counters.deferred, 1U);
+    EXPECT_EQ(counters.droppedCalls, 0U);
+}
+
+TEST_F(ReplyTest, AnswersOnTheDBusThread) {
+    room->onLater = [](Reply<Number> reply, Number number) { reply.Return(number + 1); };
+    EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), "2");
+    room->onLater = [](Reply<Number> reply, Number) { reply.Fail(StatusCode::Busy); };
+    EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), "mwl.StatusCode.Busy: Busy");
+}
+
+TEST_F(ReplyTest, AnErrorIsSentAsItIs) {
+    SendAndTake(1);
+    mKept[0].reply.Fail(Error("com.example.Error.TooHot", "it is \xc3\xa4rgerlich"));
+    EXPECT_THAT(Answers(1), ElementsAre("com.example.Error.TooHot: it is \xc3\xa4rgerlich"));
+}
+
+TEST_F(ReplyTest, HundredCallsAreAnsweredByEightThreadsInAnyOrder) {
+    constexpr std::size_t CALLS = 100;
+    mServed->On([&] { mServed->typed->SetOpenCalls(CALLS); });
+    SendAndTake(CALLS);
+    std::latch together(8);
+    std::vector<std::thread> workers;
+    for (std::size_t worker = 0; worker < 8; ++worker) {
+        workers.emplace_back([&, worker] {
+            together.arrive_and_wait();
+            // Each its own, the last ones first.
+            for (std::size_t i = CALLS; i-- > 0;) {
+                if (i % 8 == worker) {
+                    mKept[i].reply.Return(1000 + mKept[i].number);
+                }
+            }
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    const std::vector<std::string> answers = Answers(CALLS);
+    std::set<std::string> wanted;
+    for (std::size_t i = 0; i < CALLS; ++i) {
+        wanted.insert(std::to_string(1000 + i));
+    }
+    EXPECT_EQ(std::set<std::string>(answers.begin(), answers.end()), wanted);
+    EXPECT_EQ(answers.size(), CALLS);
+    EXPECT_EQ(mServed->Count().openCalls, 0U);
+}
+
+TEST_F(ReplyTest, TheFirstAnswerCounts) {
+    SendAndTake(1);
+    mKept[0].reply.Return(1);
+    mKept[0].reply.Return(2);
+    mKept[0].reply.Fail(Error::Failed("late"));
+    mKept.clear();
+    EXPECT_THAT(Answers(1), ElementsAre("1"));
+    mPeer->Ping();
+    EXPECT_EQ(mAnswers.size(), 1U);
+    EXPECT_EQ(mServed->Count().droppedCalls, 0U);
+}
+
+TEST_F(ReplyTest, OneThatIsDroppedAnswersForItself) {
+    SendAndTake(2);
+    mKept.pop_back();
+    EXPECT_THAT(Answers(1), ElementsAre(DROPPED));
+    mServed->On([&] { mKept.clear(); });  // on the D-Bus thread as well
+    EXPECT_THAT(Answers(2), ElementsAre(DROPPED, DROPPED));
+    EXPECT_EQ(mServed->Count().droppedCalls, 2U);
+}
+
+TEST_F(ReplyTest, OneThatIsReplacedAnswersForItself) {
+    SendAndTake(2);
+    mKept[0].reply = std::move(mKept[1].reply);
+    EXPECT_THAT(Answers(1), ElementsAre(DROPPED));
+    Reply<Number>& same = mKept[0].reply;
+    mKept[0].reply = std::move(same);
+    EXPECT_TRUE(mKept[0].reply.IsWanted());
+    EXPECT_FALSE(mKept[1].reply.IsWanted());
+    mKept[1].reply.Return(1);  // moved from: nothing
+    mKept[0].reply.Return(2);
+    EXPECT_THAT(Answers(2), ElementsAre(DROPPED, "2"));
+}
+
+TEST_F(ReplyTest, AHandlerThatThrowsAnswersOnce) {
+    room->onLater = [](Reply<Number>, Number) { throw std::runtime_error("no disk"); };
+    Send(1);
+    EXPECT_THAT(Answers(1), ElementsAre(DROPPED));
+    EXPECT_EQ(mLog.Entries("Typed").size(), 1U);
+    // One that has answered before it throws has answered.
+    room->onLater = [](Reply<Number> reply, Number number) {
+        reply.Return(number);
+        throw std::runtime_error("no disk");
+    };
+    Send(2);
+    EXPECT_THAT(Answers(2), ElementsAre(DROPPED, "2"));
+    mPeer->Ping();
+    EXPECT_EQ(mAnswers.size(), 2U);
+}
+
+TEST_F(ReplyTest, OneMoreThanTheLimitIsRefusedAtOnce) {
+    constexpr const char* REFUSED =
+        "org.freedesktop.DBus.Error.LimitsExceeded: too many calls are waiting for their answer";
+    SendAndTake(Bus::OPEN_CALLS);
+    EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), REFUSED);
+    EXPECT_EQ(mServed->Count().refusedCalls, 1U);
+    EXPECT_EQ(mServed->Count().openCalls, Bus::OPEN_CALLS);
+    // One answered, one more taken.
+    mKept[0].reply.Return(1);
+    EXPECT_THAT(Answers(1), ElementsAre("1"));
+    Send(1000);
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::lock_guard lock(mMutex);
+        return mKept.size() == Bus::OPEN_CALLS + 1;
+    }));
+    mServed->On([&] { mServed->typed->SetOpenCalls(0); });
+    mKept.clear();
+    EXPECT_EQ(Answers(Bus::OPEN_CALLS + 1).size(), Bus::OPEN_CALLS + 1);
+    EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), REFUSED);
+}
+
+TEST_F(ReplyTest, NoLimitOfJobsRefusesAnAnswer) {
+    SendAndTake(2);
+    mServed->typed->SetWaitingJobs(0);
+    EXPECT_FALSE(mServed->typed->Post([] {}));
+    mKept[0].reply.Return(5);
+    mKept.pop_back();
+    EXPECT_THAT(Answers(2), ElementsAre("5", DROPPED));
+    mServed->typed->SetWaitingJobs(Dispatcher::LIMIT);
+}
+
+TEST_F(ReplyTest, AnAnswerFollowsWhatItsThreadPostedBefore) {
+    mPeer->Listen();
+    SendAndTake(1);
+    EXPECT_TRUE(mServed->typed->Post([&] { room->Measure(1); }));
+    std::thread worker([&] { mKept[0].reply.Return(5); });
+    worker.join();
+    EXPECT_THAT(Answers(1), ElementsAre("5"));
+    // Both come over the same connection: the signal was before the answer.
+    EXPECT_THAT(mPeer->Seen(), ElementsAre("Measured /com/example/room 1"));
+}
+
+TEST_F(ReplyTest, AValueThatCannotBeSentIsAFailureInside) {
+    room->onText = [&](Reply<std::string> reply) { reply.Return("\xff\xfe"); };
+    EXPECT_EQ(mPeer->Call(PATH, ROOM, "Text"),
+              "org.freedesktop.DBus.Error.Failed: the service failed internally");
+    EXPECT_EQ(mServed->Count().unsentReplies, 1U);
+    ASSERT_EQ(mLog.Entries("Typed").size(), 1U);
+    EXPECT_THAT(mLog.Entries("Typed")[0].text,
+                StartsWith("Failed to answer com.example.Room1.Text of /com/example/room, asked by :"));
+    // The connection has survived, and so has the service.
+    room->onText = [&](Reply<std::string> reply) { reply.Return("gr\xc3\xbcn"); };
+    EXPECT_EQ(mPeer->Call(PATH, ROOM, "Text"), "gr\xc3\xbcn");
+}
+
+TEST_F(ReplyTest, AReplyThatCannotBeMadeIsAFailure) {
+    SendAndTake(1);
+    const FaultScope scope(fault_sd_bus_message_new_method_return);
+    // Of the service's Return; sd-bus's own answers do not go this way.
+    fault_sd_bus_message_new_method_return.Fail(-ENOMEM);
+    mKept[0].reply.Return(5);
+    EXPECT_THAT(Answers(1), ElementsAre("org.freedesktop.DBus.Error.NoMemory: out of memory"));
+    EXPECT_EQ(mServed->Count().unsentReplies, 1U);
+}
+
+TEST_F(ReplyTest, ACallThatWantsNoAnswerGetsNone) {
+    sd_bus_message* call = nullptr;
+    Peer::Check(
+        sd_bus_message_new_method_call(mPeer->Get(), &call, tern::test::SERVICE, PATH, ROOM, "Later"));
+    const Peer::Message owner(call);
+    Peer::Check(sd_bus_message_append(call, "u", 1U));
+    Peer::Check(sd_bus_message_set_expect_reply(call, 0));
+    Peer::Check(sd_bus_send(mPeer->Get(), call, nullptr));
+    mPeer->Ping();
+    ASSERT_EQ(mKept.size(), 1U);
+    EXPECT_FALSE(mKept[0].reply.IsWanted());
+    EXPECT_EQ(mServed->Count().openCalls, 1U) << "work for it is under way";
+    mKept[0].reply.Return(1);
+    mPeer->Ping();
+    EXPECT_EQ(mServed->Count().openCalls, 0U);
+    EXPECT_EQ(mServed->Count().unsentReplies, 0U);
+}
+
+TEST_F(ReplyTest, WhoHasLeftTheBusWaitsForNothing) {
+    std::vector<std::string> ignored;
+    Peer other;
+    other.Send(ignored, PATH, ROOM, "Later", "u", 7U);
+    SendAndTake(1);
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::lock_guard lock(mMutex);
+        return mKept.size() == 2;
+    }));
+    Reply<Number>& others = mKept[0].number == 7 ? mKept[0].reply : mKept[1].reply;
+    Reply<Number>& mine = mKept[0].number == 7 ? mKept[1].reply : mKept[0].reply;
+    EXPECT_TRUE(others.IsWanted());
+    other.Leave();
+    EXPECT_TRUE(WaitUntil([&] { return !others.IsWanted(); }));
+    EXPECT_TRUE(mine.IsWanted());
+    others.Return(1);
+    mine.Return(2);
+    EXPECT_THAT(Answers(1), ElementsAre("2"));
+    EXPECT_EQ(mServed->Count().unsentReplies, 0U);
+    // The next one is seen as well: the watch is there, or comes again.
+    Peer third;
+    mKept.clear();
+    third.Send(ignored, PATH, ROOM, "Later", "u", 8U);
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::lock_guard lock(mMutex);
+        return mKept.size() == 1;
+    }));
+    third.Leave();
+    EXPECT_TRUE(WaitUntil([&] { return !mKept[0].reply.IsWanted(); }));
+}
+
+// The bus tells of departures from a moment on that the service does not know; the caller may leave before.
+TEST_F(ReplyTest, WhoLeavesWithTheCallStillOnItsWayIsNoticed) {
+    for (int i = 0; i < 20; ++i) {
+        std::vector<std::string> ignored;
+        Peer hasty;
+        hasty.Send(ignored, PATH, ROOM, "Later", "u", 1U);
+        hasty.Leave();
+    }
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::lock_guard lock(mMutex);
+        return mKept.size() == 20;
+    }));
+    EXPECT_TRUE(WaitUntil([&] {
+        return std::none_of(mKept.begin(), mKept.end(),
+                            [](const Kept& kept) { return kept.reply.IsWanted(); });
+    }));
+}
+
+TEST_F(ReplyTest, OpenCallsAreAnsweredWhenTheLoopEnds) {
+    SendAndTake(10);
+    std::thread worker([&] {
+        // Answers while the loop ends: each call is answered by one of the two.
+        for (std::size_t i = 0; i < 5; ++i) {
+            mKept[i].reply.Return(static_cast<Number>(i));
+        }
+    });
+    mServed->End();
+    worker.join();
+    const std::vector<std::string> answers = Answers(10);
+    EXPECT_EQ(answers.size(), 10U);
+    EXPECT_GE(std::count(answers.begin(), answers.end(), STOPPING), 5);
+    for (const std::string& answer : answers) {
+        EXPECT_TRUE(answer == STOPPING || answer.size() == 1) << answer;
+    }
+    // Too late, and without harm: to answer, to fail, to drop; also when the bus has gone.
+    mKept[6].reply.Return(1);
+    mKept[7].reply.Fail(Error::Failed("late"));
+    EXPECT_FALSE(mKept[8].reply.IsWanted());
+    mServed->typed.reset();
+    mKept[9].reply.Return(1);
+    mKept.clear();
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(ReplyTest, ChangesAreAnnouncedBeforeOpenCallsAreAnsweredAtTheEnd) {
+    mPeer->Listen();
+    SendAndTake(1);
+    std::vector<std::string> order;
+    mServed->onStop = [&] {
+        order.emplace_back("stop");
+        // The connection is closed: nothing can be sent any more.
+        EXPECT_EQ(mServed->typed->GetBus(), nullptr);
+        EXPECT_LE(sd_bus_is_open(mServed->manager->GetBus()), 0);
+        EXPECT_FALSE(mServed->typed->Post([] {}));
+    };
+    EXPECT_TRUE(mServed->typed->Post([&] {
+        room->SetLevel(9);
+        mServed->loop->End();
+        // What is posted now is dropped.
+        EXPECT_TRUE(mServed->typed->Post([&] { order.emplace_back("job"); }));
+    }));
+    // The change comes first over the connection: it is there when the answer is.
+    EXPECT_TRUE(WaitUntil([&] {
+        if (mAnswers.empty()) {
+            mPeer->Process();
+        }
+        return !mAnswers.empty();
+    }));
+    EXPECT_THAT(mPeer->Taken(), ElementsAre("changed /com/example/room com.example.Room1 Level=9"));
+    EXPECT_THAT(mAnswers, ElementsAre(STOPPING));
+    mServed->End();
+    EXPECT_THAT(order, testing::AnyOf(ElementsAre("stop"), ElementsAre("job", "stop")));
+}
+
+TEST_F(ReplyTest, TheConnectionIsLostWithCallsOpen) {
+    SendAndTake(3);
+    mDaemon.Kill();
+    mServed->End();  // the loop ends by itself
+    EXPECT_LT(mServed->result, 0);
+    for (Kept& kept : mKept) {
+        EXPECT_FALSE(kept.reply.IsWanted());
+        kept.reply.Return(1);
+    }
+}
+
+}  // namespace
+}  // namespace mwl::Typed
