@@ -192,10 +192,21 @@ class Row:
             self.values = []
         else:
             self.values = [(value, value) for value in (make() for _ in range(count))]
-            # The ends of the range, whatever chance says.
-            ends = RANGES[signature] if signature in RANGES and name != "Color" else []
-            ends = {"s": TEXTS, "b": [True, False]}.get(signature, ends) if name != "Mode" else ["off", "eco", "full"]
-            self.values += [(value, value) for value in ends]
+            self.values += [(value, value) for value in self.ends()]
+
+    def ends(self):
+        """The ends of the range and what each peer can express, whatever chance says."""
+        rows = {
+            "Color": [0, 2],
+            "Mode": ["off", "eco", "full"],
+            "Bytes": [[], list("é\n".encode())],
+            "Strings": [[], [""], ["a", "b"]],
+            "Anything": [Variant("s", ""), Variant("s", "x"), Variant("v", Variant("ay", [0, 255]))],
+            "DictAny": [{}, {"": Variant("as", [])}],
+            "Choice": [Variant("u", 0), Variant("s", "x"), Variant("as", [])],
+        }
+        signatures = {"s": TEXTS, "b": [True, False], "d": [0.0, 5e-300, -1.7976931348623157e308]}
+        return rows.get(self.name) or signatures.get(self.signature) or RANGES.get(self.signature, ())
 
 
 ROWS = [
