@@ -222,37 +222,15 @@ private:
         const void* data = nullptr;
         std::size_t length = 0;
         std::string bytes;
-        int result = Detail::ReadBulk(mMessage, code, size, data, length, mFault);
-        if (result == -EOPNOTSUPP) {
-            result = ReadNumbersOneByOne(code, size, bytes);
-        } else if (length > 0) {
-            bytes.assign(static_cast<const char*>(data), length);
-        }
+        const int result = Detail::ReadBulk(mMessage, code, size, data, length, &bytes, mFault);
         if (result < 0) {
             return result;
         }
+        if (bytes.empty() && length > 0) {
+            bytes.assign(static_cast<const char*>(data), length);
+        }
         any = Any(std::move(signature), std::move(bytes));
         return result;
-    }
-
-    /// From a sender of the other byte order.
-    int ReadNumbersOneByOne(char code, std::size_t size, std::string& bytes) {
-        const char contents[] = {code, '\0'};
-        int result = sd_bus_message_enter_container(mMessage, 'a', contents);
-        if (result <= 0) {
-            return result;
-        }
-        for (;;) {
-            char element[sizeof(Basic)];
-            result = sd_bus_message_read_basic(mMessage, code, element);
-            if (result <= 0) {
-                return result < 0 ? result : sd_bus_message_exit_container(mMessage);
-            }
-            if (bytes.size() / size >= MAX_ELEMENTS) {
-                return mFault.TooMany();
-            }
-            bytes.append(element, size);
-        }
     }
 
     sd_bus_message* mMessage;
@@ -278,10 +256,12 @@ private:
     int Write(const Any& any) {
         const char code = any.mSignature[0];
         if (const auto* const text = std::get_if<std::string>(&any.mValue)) {
-            const std::size_t size = SizeOfElement(any.mSignature);
-            return size == 0
-                       ? AppendText(mMessage, code, *text)
-                       : sd_bus_message_append_array(mMessage, any.mSignature[1], text->data(), text->size());
+            if (SizeOfElement(any.mSignature) != 0) {
+                return sd_bus_message_append_array(mMessage, any.mSignature[1], text->data(), text->size());
+            }
+            // Paths and signatures are left to sd-bus, which takes some that IsSignature does not.
+            return code == 's' ? AppendText(mMessage, code, *text)
+                               : sd_bus_message_append_basic(mMessage, code, text->c_str());
         }
         if (const auto* const children = std::get_if<std::vector<Any>>(&any.mValue)) {
             return code == 'v' ? WriteVariant(children->front()) : WriteContainer(any.mSignature, *children);
@@ -399,6 +379,15 @@ private:
     std::string mText;
 };
 
+Any::Any() noexcept = default;
+Any::Any(const Any& other) = default;
+Any::Any(Any&& other) noexcept = default;
+Any& Any::operator=(const Any& other) = default;
+Any& Any::operator=(Any&& other) noexcept = default;
+Any::~Any() = default;
+
+Any::Any(std::string signature, Value value) : mSignature(std::move(signature)), mValue(std::move(value)) {}
+
 int WriteAny(sd_bus_message* message, const Any& any) {
     return any.IsEmpty() ? -EINVAL : Any::Writer(message).WriteVariant(any);
 }
@@ -421,6 +410,18 @@ int ReadAny(sd_bus_message* message, Any& any, Fault& fault) {
         any = std::move(read);
     }
     return result;
+}
+
+Any Any::FromNumber(const char* signature, std::uint64_t number) {
+    return Any(signature, number);
+}
+
+Any Any::FromNumber(const char* signature, std::int64_t number) {
+    return Any(signature, number);
+}
+
+Any Any::FromNumber(const char* signature, double number) {
+    return Any(signature, number);
 }
 
 Any Any::FromText(std::string_view text) {

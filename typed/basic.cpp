@@ -1,4 +1,5 @@
 #include <tern/typed/basic.h>
+#include <tern/typed/types.h>
 
 #include <cstring>
 #include <new>
@@ -64,7 +65,8 @@ bool IsText(std::string_view text) noexcept {
 }
 
 int AppendText(sd_bus_message* message, char code, std::string_view text) {
-    if (!IsText(text)) {
+    const bool isGood = code == 'o' ? IsObjectPath(text) : code == 'g' ? IsSignature(text) : IsText(text);
+    if (!isGood) {
         return -EINVAL;
     }
     if (code == 's') {

@@ -14,9 +14,14 @@
 
 namespace tern::test {
 
-/// Writes D-Bus's little-endian wire format.
+/// The byte order of a message, as it says itself.
+enum class ByteOrder : char { Little = 'l', Big = 'B' };
+
+/// Writes D-Bus's wire format.
 class WireWriter {
 public:
+    explicit WireWriter(ByteOrder order = ByteOrder::Little) : mOrder(order) {}
+
     void Align(std::size_t to) { mBytes.resize((mBytes.size() + to - 1) / to * to, '\0'); }
     void Byte(unsigned value) { mBytes += static_cast<char>(value); }
     void Uint32(std::size_t value) {
@@ -24,6 +29,14 @@ public:
         const std::size_t at = mBytes.size();
         mBytes.resize(at + 4);
         PatchUint32(at, value);
+    }
+    /// A number of any size, its bytes being those of the integer `value`.
+    template <typename T>
+    void Number(T value) {
+        Align(sizeof value);
+        const std::size_t at = mBytes.size();
+        mBytes.resize(at + sizeof value);
+        Patch(at, static_cast<std::uint64_t>(value), sizeof value);
     }
     void String(std::string_view text) {
         Uint32(text.size());
@@ -51,12 +64,15 @@ public:
     const std::string& Bytes() const { return mBytes; }
 
 private:
-    void PatchUint32(std::size_t at, std::size_t value) {
-        for (std::size_t i = 0; i < 4; ++i) {
-            mBytes[at + i] = static_cast<char>(value >> (8 * i) & 0xff);
+    void PatchUint32(std::size_t at, std::size_t value) { Patch(at, value, 4); }
+    void Patch(std::size_t at, std::uint64_t value, std::size_t size) {
+        for (std::size_t i = 0; i < size; ++i) {
+            const std::size_t shift = mOrder == ByteOrder::Little ? i : size - 1 - i;
+            mBytes[at + i] = static_cast<char>(value >> (8 * shift) & 0xff);
         }
     }
 
+    ByteOrder mOrder;
     std::string mBytes;
 };
 
@@ -86,9 +102,10 @@ public:
     }
 
     /// The message as it arrived; null when sd-bus dropped it as malformed.
-    BusMessage Deliver(std::string_view signature, std::string_view body) {
-        WireWriter header;
-        header.Byte('l');
+    BusMessage Deliver(std::string_view signature, std::string_view body,
+                       ByteOrder order = ByteOrder::Little) {
+        WireWriter header(order);
+        header.Byte(static_cast<unsigned char>(order));
         header.Byte(4);  // a signal
         header.Byte(0);
         header.Byte(1);

@@ -43,7 +43,12 @@ public:
     static constexpr unsigned MAX_NESTING = 32;
 
     /// Empty: no value, no signature. An empty one cannot be sent.
-    Any() = default;
+    TERN_API Any() noexcept;
+    TERN_API Any(const Any& other);                 ///< std::bad_alloc when memory is short
+    TERN_API Any(Any&& other) noexcept;             ///< leaves the other one empty
+    TERN_API Any& operator=(const Any& other);      ///< as the copy
+    TERN_API Any& operator=(Any&& other) noexcept;  ///< as the move
+    TERN_API ~Any();
 
     /// Of a typed value. Empty when D-Bus cannot carry it, see Write, and beyond the limits of ReadAny. Basic
     /// types are taken over directly; for every other one a message is built and read. std::bad_alloc when
@@ -53,11 +58,11 @@ public:
         static_assert(SIGNATURE<T>.View().find('h') == std::string_view::npos,
                       "Any keeps no file descriptors");
         if constexpr (std::is_same_v<T, bool> || std::is_unsigned_v<T>) {
-            return Any(SIGNATURE<T>.text, std::uint64_t{value});
+            return FromNumber(SIGNATURE<T>.text, std::uint64_t{value});
         } else if constexpr (Detail::Bulk<T> && std::is_integral_v<T>) {
-            return Any(SIGNATURE<T>.text, std::int64_t{value});
+            return FromNumber(SIGNATURE<T>.text, std::int64_t{value});
         } else if constexpr (std::is_same_v<T, double>) {
-            return Any(SIGNATURE<T>.text, value);
+            return FromNumber(SIGNATURE<T>.text, value);
         } else if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view>) {
             return FromText(value);
         } else {
@@ -78,15 +83,15 @@ public:
             return std::nullopt;
         }
         if constexpr (std::is_same_v<T, bool>) {
-            return std::get<std::uint64_t>(mValue) != 0;
+            return *std::get_if<std::uint64_t>(&mValue) != 0;
         } else if constexpr (std::is_unsigned_v<T>) {
-            return static_cast<T>(std::get<std::uint64_t>(mValue));
+            return static_cast<T>(*std::get_if<std::uint64_t>(&mValue));
         } else if constexpr (Detail::Bulk<T> && std::is_integral_v<T>) {
-            return static_cast<T>(std::get<std::int64_t>(mValue));
+            return static_cast<T>(*std::get_if<std::int64_t>(&mValue));
         } else if constexpr (std::is_same_v<T, double>) {
-            return std::get<double>(mValue);
+            return *std::get_if<double>(&mValue);
         } else if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view>) {
-            return T(std::get<std::string>(mValue));
+            return T(*std::get_if<std::string>(&mValue));
         } else {
             std::optional<T> result(std::in_place);
             if (!ToMessage(&*result, [](sd_bus_message* message, void* typed) {
@@ -128,7 +133,10 @@ private:
     using Value =
         std::variant<std::monostate, std::uint64_t, std::int64_t, double, std::string, std::vector<Any>>;
 
-    Any(std::string signature, Value value) : mSignature(std::move(signature)), mValue(std::move(value)) {}
+    Any(std::string signature, Value value);
+    TERN_API static Any FromNumber(const char* signature, std::uint64_t number);
+    TERN_API static Any FromNumber(const char* signature, std::int64_t number);
+    TERN_API static Any FromNumber(const char* signature, double number);
     TERN_API static Any FromText(std::string_view text);
     TERN_API static Any FromMessage(const char* signature, const void* value,
                                     int (*write)(sd_bus_message* message, const void* value));

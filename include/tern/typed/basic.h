@@ -116,7 +116,8 @@ inline constexpr bool BORROWS = false;
 /// Outcomes:
 /// - 0 or more: appended.
 /// - -EINVAL: the value is not one of its type: text that is not UTF-8 or has a null character in it, an enum
-///   outside its description, an empty Any, an ObjectPath that was moved from, a null `const char*`.
+///   outside its description, an empty Any, an ObjectPath that was moved from, a null `const char*`, no
+///   descriptor.
 /// - -E2BIG: a container of more than MAX_ELEMENTS.
 /// - another negative errno: sd-bus's own, for example -EBADF for a descriptor that is not open.
 ///

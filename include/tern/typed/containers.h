@@ -8,6 +8,7 @@
 #include <iterator>
 #include <map>
 #include <span>
+#include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -16,19 +17,16 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// Borrows an array of fixed-size elements from the message. Outcomes: more than 0, `data` and `size` in
-/// bytes are set; 0, the end of the array around it; -EOPNOTSUPP, the sender's byte order is the other one,
-/// and nothing has been read; as Read else.
+/// An array of fixed-size elements, as it lies in the message. From a sender of the other byte order its
+/// elements are put into `swapped` instead; without one (null) the array is refused. Outcomes: more than 0,
+/// `data` and `size` in bytes are set; -EOPNOTSUPP with `fault.text`, refused; as Read else.
 TERN_API int ReadBulk(sd_bus_message* message, char code, std::size_t elementSize, const void*& data,
-                      std::size_t& size, Fault& fault);
+                      std::size_t& size, std::string* swapped, Fault& fault);
 /// Appends `count` elements at once.
 TERN_API int WriteBulk(sd_bus_message* message, char code, std::size_t elementSize, const void* data,
                        std::size_t count);
 /// Opens an array that is to have `count` elements; -E2BIG when that is too many.
 TERN_API int OpenArray(sd_bus_message* message, const char* contents, std::size_t count);
-/// Refuses to borrow what is in the other byte order.
-[[gnu::cold]] TERN_API int CannotBorrow(Fault& fault);
-
 template <class E, class Range>
 int WriteArray(sd_bus_message* message, const Range& range) {
     if constexpr (Bulk<E>) {
@@ -72,20 +70,20 @@ struct Codec<std::vector<E, Allocator>> {
         return Detail::WriteArray<E>(message, value);
     }
     static int Read(sd_bus_message* message, std::vector<E, Allocator>& value, Fault& fault) {
-        value.clear();
         if constexpr (Detail::Bulk<E>) {
+            alignas(std::uint64_t) std::string swapped;
             const void* data = nullptr;
             std::size_t size = 0;
             const int result =
-                Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, fault);
-            if (result != -EOPNOTSUPP) {
-                const auto* const elements = static_cast<const E*>(data);
-                value.assign(elements, elements + size / sizeof(E));
-                return result;
-            }
+                Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, &swapped, fault);
+            const auto* const elements = static_cast<const E*>(data);
+            value.assign(elements, elements + size / sizeof(E));
+            return result;
+        } else {
+            value.clear();
+            return Detail::ReadElements<E>(message, fault,
+                                           [&](E&& element) { value.push_back(std::move(element)); });
         }
-        return Detail::ReadElements<E>(message, fault,
-                                       [&](E&& element) { value.push_back(std::move(element)); });
     }
 };
 template <class E, class Allocator>
@@ -100,17 +98,18 @@ struct Codec<std::array<E, N>> {
     }
     static int Read(sd_bus_message* message, std::array<E, N>& value, Fault& fault) {
         std::size_t count = 0;
-        int result = -EOPNOTSUPP;
+        int result = 0;
         if constexpr (Detail::Bulk<E>) {
+            std::string swapped;
             const void* data = nullptr;
             std::size_t size = 0;
-            result = Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, fault);
+            result =
+                Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, &swapped, fault);
             count = size / sizeof(E);
             if (result > 0 && count == N && N > 0) {
                 std::memcpy(value.data(), data, size);
             }
-        }
-        if (result == -EOPNOTSUPP) {
+        } else {
             result = Detail::ReadElements<E>(message, fault, [&](E&& element) {
                 if (count < N) {
                     value[count] = std::move(element);
@@ -135,9 +134,10 @@ struct Codec<std::span<const E>> {
     static int Read(sd_bus_message* message, std::span<const E>& value, Fault& fault) {
         const void* data = nullptr;
         std::size_t size = 0;
-        const int result = Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, fault);
+        const int result =
+            Detail::ReadBulk(message, Detail::FixedCode<E>(), sizeof(E), data, size, nullptr, fault);
         value = {static_cast<const E*>(data), size / sizeof(E)};
-        return result == -EOPNOTSUPP ? Detail::CannotBorrow(fault) : result;
+        return result;
     }
 };
 template <class E>

@@ -70,6 +70,11 @@ constexpr std::size_t EndOfType(std::string_view text, std::size_t at, unsigned 
     return 0;
 }
 
+/// Exactly one complete type; also what types without a codec have, which has been told already.
+constexpr bool IsOneType(std::string_view text) {
+    return text.find('?') != std::string_view::npos || (!text.empty() && EndOfType(text, 0) == text.size());
+}
+
 }  // namespace Detail
 
 /// Whether `text` is a D-Bus signature: any number of complete types, also none; at most 255 characters, 32
@@ -190,7 +195,7 @@ private:
 };
 
 /// A file descriptor of somebody else, who keeps it open: the message that it was read from, so that it is
-/// valid while the handler runs, or the caller that sends it. -1 is none and cannot be sent (-EBADF).
+/// valid while the handler runs, or the caller that sends it. -1 is none and cannot be sent.
 struct BorrowedFd {
     int fd = -1;
 };
@@ -253,11 +258,7 @@ inline constexpr bool BORROWS<Borrow<T>> = false;
 template <class... T>
 constexpr auto MakeSignature() {
     constexpr auto sum = (Text<0>() + ... + Codec<std::remove_cvref_t<T>>::SIGNATURE);
-    [[maybe_unused]] constexpr auto isOneType = [](std::string_view text) {
-        // '?' is of a type without a codec, which has been told already.
-        return text.find('?') != std::string_view::npos || Detail::EndOfType(text, 0) == text.size();
-    };
-    static_assert((isOneType(Codec<std::remove_cvref_t<T>>::SIGNATURE.View()) && ...),
+    static_assert((Detail::IsOneType(Codec<std::remove_cvref_t<T>>::SIGNATURE.View()) && ...),
                   "the SIGNATURE of a Codec is not one complete D-Bus type of at most 32 levels");
     static_assert(sum.SIZE <= 255, "a D-Bus signature has at most 255 characters");
     return sum;

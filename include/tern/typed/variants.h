@@ -13,8 +13,8 @@ namespace mwl::Typed {
 namespace Detail {
 
 /// Tells the signature of the variant that stands here, without reading it. Outcomes: 1, `contents` is set
-/// and valid until the message is read; 0, at the end of the array around it; -ENXIO, no variant stands here;
-/// another negative errno, sd-bus's own.
+/// and valid until the message is read; 0, at the end of the array around it; -ENXIO, another type or nothing
+/// stands here; another negative errno, sd-bus's own.
 TERN_API int PeekVariant(sd_bus_message* message, const char*& contents);
 /// Enters a variant whose content is of the signature `wanted`. Outcomes: as PeekVariant; -EINVAL with
 /// `fault.text` when the content is another one.
