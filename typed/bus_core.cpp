@@ -104,10 +104,17 @@ void BusCore::Close() noexcept {
     if (mPhase != Phase::Open) {
         return;
     }
-    RunContained([this] { Flush(); }, mSession->loop);
+    // On a lost connection nobody hears.
+    const bool isConnected = sd_bus_is_open(mBus) > 0;
+    if (isConnected) {
+        RunContained([this] { Flush(); }, mSession->loop);
+    }
     mChanges.Close();
-    for (const auto& [id, call] : mReplies->calls.Close()) {
-        mReplies->SendError(call, SD_BUS_ERROR_NO_REPLY, "the service is stopping");
+    const PendingCalls::Calls open = mReplies->calls.Close();
+    if (isConnected) {
+        for (const auto& [id, call] : open) {
+            mReplies->SendError(call, SD_BUS_ERROR_NO_REPLY, "the service is stopping");
+        }
     }
     mReplies->dispatcher.Close();
     mPhase = Phase::Closed;

@@ -44,7 +44,7 @@ public:
     StatusCode Adopt(InterfaceBase& interface, std::string path);
     void Flush();
     Bus::Counters GetCounters() const;
-    void SetChangePeriod(std::uint64_t microseconds) noexcept { mChanges.SetPeriod(microseconds); }
+    void SetChangePeriod(std::uint64_t microseconds) { mChanges.SetPeriod(microseconds); }
     const std::shared_ptr<ReplyState>& GetState() const noexcept { return mReplies; }
     bool IsOpen() const noexcept { return mPhase == Phase::Open; }
 

@@ -39,7 +39,7 @@ int CallerChecks::Check(InterfaceBase& interface, sd_bus_message* call, int capa
     if (sender == nullptr) {
         // Nobody is between the two; the connection itself knows.
         const int r = sd_bus_query_sender_privilege(call, capability);
-        return r != 0 ? r : Refuse(interface, call, error);
+        return r > 0 ? r : r < 0 ? sd_bus_error_set_errno(error, r) : Refuse(interface, call, error);
     }
     // A message bus tells nobody's capabilities, so that for sd-bus too the user decides.
     const bool isContinued = call == mContinued;
@@ -86,7 +86,7 @@ void CallerChecks::Continue(std::uint64_t id, const Identity* sender) noexcept {
     if (call.message == nullptr) {
         return;
     }
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     int r = sd_bus_message_rewind(call.message.get(), 1);
     if (r >= 0) {
         mContinued = call.message.get();

@@ -47,6 +47,14 @@ void Changes::Forget(InterfaceBase& interface) noexcept {
     }
 }
 
+void Changes::SetPeriod(std::uint64_t period) {
+    mPeriod = period;
+    mHeldUntil.clear();
+    if (!mChanged.empty()) {
+        mWake();
+    }
+}
+
 void Changes::Announce(sd_bus* bus, sd_event* loop, Which which) {
     if (mIsAnnouncing) {
         return;

@@ -40,8 +40,8 @@ public:
     /// What is noted of the interface needs no announcement.
     void Forget(InterfaceBase& interface) noexcept;
 
-    /// Microseconds; 0 for none.
-    void SetPeriod(std::uint64_t period) noexcept { mPeriod = period; }
+    /// Microseconds; 0 for none. What the former period holds back is announced at the end of this turn.
+    void SetPeriod(std::uint64_t period);
     /// Announces; what is not due wakes the turn again when it is. Getters run meanwhile, which may do
     /// anything; a call by one of them does nothing.
     void Announce(sd_bus* bus, sd_event* loop, Which which);

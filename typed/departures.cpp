@@ -48,7 +48,12 @@ void Departures::Need() noexcept {
     sd_bus_slot* slot = nullptr;
     const int r = sd_bus_add_match_async(mBus, &slot, RULE, OnLeft, OnListening, this);
     if (r < 0) {
-        TERN_LOG_ERROR(LOGGER, "Failed to watch for callers that leave (%d, %s)", r, ErrorText(-r));
+        // Tried again with each call.
+        unsigned long omitted = 0;
+        if (mLimit.Allows(omitted)) {
+            TERN_LOG_ERROR(LOGGER, "Failed to watch for callers that leave (%d, %s) (%lu like it not logged)",
+                           r, ErrorText(-r), omitted);
+        }
         return;
     }
     mMatch.reset(slot);
@@ -74,9 +79,8 @@ void Departures::Release() noexcept {
     }
 }
 
-int Departures::OnLinger(sd_event_source* source, uint64_t, void* userdata) {
+int Departures::OnLinger(sd_event_source*, uint64_t, void* userdata) {
     auto& self = *static_cast<Departures*>(userdata);
-    static_cast<void>(source);
     self.mIsLingering = false;
     self.mMatch.reset();
     return 0;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "typed/handles.h"
+#include "typed/log_limit.h"
 
 namespace mwl::Typed {
 
@@ -53,6 +54,7 @@ private:
     EventSource mLinger;
     bool mIsLingering = false;
     std::list<Question> mQuestions;
+    LogLimit mLimit;
 };
 
 }  // namespace mwl::Typed

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -23,6 +24,10 @@ TERN_INTERPOSE(int, sd_event_add_defer,
 TERN_INTERPOSE(int, sd_event_add_exit,
                (sd_event * event, sd_event_source** source, sd_event_handler_t handler, void* userdata),
                (event, source, handler, userdata))
+TERN_INTERPOSE(int, sd_event_add_time,
+               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
+                sd_event_time_handler_t handler, void* userdata),
+               (event, source, clock, time, accuracy, handler, userdata))
 TERN_INTERPOSE(int, eventfd, (unsigned int count, int flags), (count, flags))
 TERN_INTERPOSE(int, sd_bus_add_object_vtable,
                (sd_bus * bus, sd_bus_slot** slot, const char* path, const char* interface,
@@ -111,10 +116,15 @@ TEST_F(BusTest, AChangeIsAnnouncedAfterTheSignalsAndTheReplyOfItsHandler) {
     };
     std::vector<std::string> answers;
     mPeer->Send(answers, PATH, ROOM, "Do");
-    ASSERT_TRUE(mPeer->WaitForAnswers(answers, 1));
-    // The signal goes at once and the reply when the handler returns: seen in the order of arrival.
-    EXPECT_THAT(mPeer->Seen(), ElementsAre("Measured /com/example/rooms/one 1",
-                                           "changed /com/example/rooms/one com.example.Room1 Level=9"));
+    // One message after the other, up to the answer.
+    ASSERT_TRUE(WaitUntil([&] {
+        if (answers.empty()) {
+            mPeer->Process();
+        }
+        return !answers.empty();
+    }));
+    EXPECT_THAT(mPeer->Taken(), ElementsAre("Measured /com/example/rooms/one 1"));
+    EXPECT_THAT(mPeer->Seen(), ElementsAre("changed /com/example/rooms/one com.example.Room1 Level=9"));
 }
 
 TEST_F(BusTest, FlushAnnouncesBeforeWhatFollows) {
@@ -249,6 +259,62 @@ TEST_F(BusTest, WhatThePeriodHoldsBackIsAnnouncedWhenTheLoopEnds) {
     mServed->End();
     EXPECT_THAT(mPeer->WaitForSignals(1),
                 ElementsAre("changed /com/example/rooms/one com.example.Room1 Level=3"));
+}
+
+TEST_F(BusTest, AnotherPeriodSetsFreeWhatTheFormerOneHoldsBack) {
+    mServed->On([&] {
+        mServed->typed->SetChangePeriod(std::chrono::hours(1));
+        room->SetLevel(2);
+    });
+    EXPECT_EQ(mPeer->WaitForSignals(1).size(), 1U);
+    mServed->On([&] { room->SetLevel(3); });
+    EXPECT_THAT(mPeer->Seen(), IsEmpty());
+    mServed->On([&] { mServed->typed->SetChangePeriod(std::chrono::milliseconds(0)); });
+    EXPECT_THAT(mPeer->Seen(), ElementsAre("changed /com/example/rooms/one com.example.Room1 Level=3"));
+}
+
+TEST_F(BusTest, AFloodOfJobsDoesNotSilenceTheBus) {
+    std::atomic<bool> goOn{true};
+    std::thread flood([&] {
+        while (goOn) {
+            static_cast<void>(mServed->typed->Post([] {}));  // refused now and then
+        }
+    });
+    std::chrono::steady_clock::duration longest{0};
+    for (int i = 0; i < 100; ++i) {
+        const auto asked = std::chrono::steady_clock::now();
+        mPeer->Ping();
+        longest = std::max(longest, std::chrono::steady_clock::now() - asked);
+    }
+    goOn = false;
+    flood.join();
+    EXPECT_LT(longest, tern::test::TOLERANCE);
+    RecordProperty("longest_us", static_cast<int>(longest / std::chrono::microseconds(1)));
+}
+
+TEST_F(BusTest, WithoutATimerChangesAreAnnouncedTooEarly) {
+    const FaultScope scope(fault_sd_event_add_time);
+    fault_sd_event_add_time.Fail(-ENOMEM);
+    mServed->On([&] {
+        mServed->typed->SetChangePeriod(std::chrono::hours(1));
+        room->SetLevel(2);
+    });
+    EXPECT_EQ(mPeer->WaitForSignals(1).back(), "changed /com/example/rooms/one com.example.Room1 Level=2");
+    mServed->On([&] { room->SetLevel(3); });
+    EXPECT_EQ(mPeer->WaitForSignals(1).back(), "changed /com/example/rooms/one com.example.Room1 Level=3");
+    EXPECT_TRUE(mLog.Contains(tern::test::Error(
+        "Typed", "Failed to wait for the end of the period of changes (-12, Cannot allocate memory)")));
+}
+
+TEST_F(BusTest, ATurnWithoutMemoryIsTheServicesEnd) {
+    const FaultScope scope(fault_sd_bus_emit_interfaces_added_strv);
+    fault_sd_bus_emit_interfaces_added_strv.Replace([](auto...) -> int { throw std::bad_alloc(); });
+    mServed->On([&] { mServed->Export(OTHER); });
+    EXPECT_TRUE(WaitUntil([&] { return !mServed->typed->Post([] {}); }));
+    mServed->End();
+    EXPECT_EQ(mServed->result, -ENOTRECOVERABLE);
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Critical("Typed", "A turn of the typed bus threw std::bad_alloc: std::bad_alloc")));
 }
 
 TEST_F(BusTest, AnAdoptedInterfaceAnnouncesItsChanges) {

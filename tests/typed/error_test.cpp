@@ -209,14 +209,14 @@ TEST(Error, TextIsMadeFitToBeSent) {
 }
 
 TEST(Error, OfSdBusIsTheErrorOrElseTheNumber) {
-    sd_bus_error error = SD_BUS_ERROR_MAKE_CONST("com.example.Error.TooHot", "72");
+    sd_bus_error error{"com.example.Error.TooHot", "72", 0};
     EXPECT_EQ(Error::FromBus(error, -EIO), Error("com.example.Error.TooHot", "72"));
-    error = SD_BUS_ERROR_MAKE_CONST("com.example.Error.TooHot", nullptr);
+    error = {"com.example.Error.TooHot", nullptr, 0};
     EXPECT_EQ(Error::FromBus(error, -EIO), Error("com.example.Error.TooHot", ""));
-    error = SD_BUS_ERROR_NULL;
+    error = {};
     EXPECT_EQ(Error::FromBus(error, -EEXIST), Error("mwl.StatusCode.AlreadyExists", "File exists"));
     EXPECT_EQ(Error::FromBus(error, 0).GetStatus(), StatusCode::Failure);
-    error = SD_BUS_ERROR_MAKE_CONST(SD_BUS_ERROR_NO_REPLY, "late");
+    error = {SD_BUS_ERROR_NO_REPLY, "late", 0};
     EXPECT_EQ(Error::FromBus(error, -ETIMEDOUT).GetStatus(), StatusCode::Timeout);
     EXPECT_EQ(Error::FromBus(error, -EHOSTUNREACH).GetStatus(), StatusCode::NotFound);
 }

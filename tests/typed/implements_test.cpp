@@ -6,11 +6,9 @@
 #include <tern/typed/reply.h>
 
 #include <cstring>
-#include <limits>
-#include <new>
-#include <stdexcept>
 #include <string>
 
+#include "served_bus.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
@@ -18,12 +16,8 @@
 
 TERN_INTERPOSE(int, sd_bus_send, (sd_bus * bus, sd_bus_message* message, uint64_t* cookie),
                (bus, message, cookie))
-TERN_INTERPOSE(int, sd_bus_message_new_signal,
-               (sd_bus * bus, sd_bus_message** message, const char* path, const char* interface,
-                const char* member),
-               (bus, message, path, interface, member))
-
 using namespace mwl::Typed;
+using tern::test::Answer;
 using tern::test::LogCapture;
 using tern::test::LogEntry;
 using tern::test::Message;
@@ -225,29 +219,6 @@ private:
     sd_bus* mBus;
 };
 
-/// What a reply holds: the values of a result, or name and text of an error.
-struct Answer {
-    explicit Answer(Message reply) : message(std::move(reply)) {
-        if (const sd_bus_error* const error = sd_bus_message_get_error(message.get())) {
-            name = error->name;
-            text = error->message != nullptr ? error->message : "";
-        }
-    }
-    template <class T>
-    T Get() {
-        EXPECT_EQ(name, "") << text;
-        T value{};
-        Fault fault;
-        EXPECT_GT(Codec<T>::Read(message.get(), value, fault), 0);
-        return value;
-    }
-    std::string Signature() { return sd_bus_message_get_signature(message.get(), 1); }
-
-    Message message;
-    std::string name;
-    std::string text;
-};
-
 class ImplementsTest : public testing::Test {
 protected:
     ImplementsTest() { Export(mRoom); }
@@ -292,7 +263,6 @@ protected:
 constexpr const char* ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied";
 constexpr const char* INVALID_ARGS = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr const char* FAILED = "org.freedesktop.DBus.Error.Failed";
-constexpr const char* NO_MEMORY = "org.freedesktop.DBus.Error.NoMemory";
 
 }  // namespace
 
@@ -525,8 +495,8 @@ TEST_F(ImplementsTest, CallThatWantsNoReplyGetsNone) {
     EXPECT_EQ(fault_sd_bus_send.Calls(), 0);
 }
 
-TEST_F(ImplementsTest, SensitiveCallsAndTheirRepliesAreMarkedSo) {
-    // Nothing of it can be seen from outside; the flag reaches sd-bus.
+TEST_F(ImplementsTest, SensitiveMethodIsMarkedSo) {
+    // What sd-bus makes of it is not seen from outside.
     EXPECT_NE(mRoom.GetVtable()[4].flags & SD_BUS_VTABLE_SENSITIVE, 0U);
     EXPECT_STREQ(mRoom.GetVtable()[4].x.method.member, "Split");
 }
@@ -613,7 +583,7 @@ TEST_F(ImplementsTest, CheckedMethodGoesOnWhenTheCallerIsKnown) {
     ASSERT_TRUE(mWire.Serve([this] { return mBus.parked != nullptr; }));
     EXPECT_EQ(reply, nullptr);
     mBus.verdict = 1;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     Wire::Check(sd_bus_message_rewind(mBus.parked.get(), 1));
     EXPECT_GT(mBus.parkedFor(mBus.parked.get(), mBus.parkedWith, &error), 0);
     ASSERT_TRUE(mWire.Serve([&] { return reply != nullptr; }));
@@ -718,347 +688,4 @@ TEST_F(ImplementsTest, ValueThatCannotBeSentIsAFailureOfTheService) {
                     "value cannot be sent (-22, Invalid argument) (0 like it not logged)")));
     mRoom.label = "fine";
     EXPECT_EQ(GetAs<std::string>("Label"), "fine");  // the connection lives
-}
-
-// Changes and signals ------------------------------------------------------------------------------------
-
-TEST_F(ImplementsTest, ChangesAreKeptUntilTheBusTakesThem) {
-    mRoom.Attach(mBus, PATH);
-    EXPECT_THAT(TakeChanges(), IsEmpty());
-    mRoom.Changed<Room1::Target>();
-    mRoom.Changed<Room1::Temperature, Room1::Label>();
-    mRoom.Changed<Room1::Temperature>();
-    EXPECT_EQ(mBus.wakes, 1);
-    EXPECT_THAT(TakeChanges(), ElementsAre("Temperature", "Label", "Target"));
-    EXPECT_THAT(TakeChanges(), IsEmpty());
-    mRoom.Changed<Room1::Power>();
-    EXPECT_EQ(mBus.wakes, 2);
-    EXPECT_THAT(TakeChanges(), ElementsAre("Power"));
-}
-
-TEST_F(ImplementsTest, ChangesWhileOnNoBusAreForgottenAndLoggedOnce) {
-    const LogCapture log;
-    mRoom.Changed<Room1::Target>();
-    mRoom.Changed<Room1::Target>();
-    EXPECT_EQ(mRoom.Emit<Room1::Over>(), StatusCode::NotInitialized);
-    EXPECT_EQ(log.Entries("Typed").size(), 1U);
-    mRoom.Attach(mBus, PATH);
-    EXPECT_EQ(mRoom.GetAttachment(), &mBus);
-    EXPECT_EQ(mRoom.GetPath(), PATH);
-    EXPECT_THAT(TakeChanges(), IsEmpty());
-    mRoom.Changed<Room1::Target>();
-    mRoom.Detach();
-    EXPECT_EQ(mRoom.GetAttachment(), nullptr);
-    EXPECT_EQ(mRoom.GetPath(), "");
-    EXPECT_THAT(TakeChanges(), IsEmpty());
-    EXPECT_EQ(mBus.wakes, 1);
-}
-
-TEST_F(ImplementsTest, SignalIsSentAtOnce) {
-    Message got;
-    Wire::Check(sd_bus_add_filter(
-        mWire.Client(), nullptr,
-        [](sd_bus_message* message, void* kept, sd_bus_error*) {
-            static_cast<Message*>(kept)->reset(sd_bus_message_ref(message));
-            return 0;
-        },
-        &got));
-    mRoom.Attach(mBus, PATH);
-    EXPECT_EQ(mRoom.Emit<Room1::Measured>(21.5, "hall"), StatusCode::Ok);
-    ASSERT_TRUE(mWire.Serve([&] { return got != nullptr; }));
-    EXPECT_GT(sd_bus_message_is_signal(got.get(), Room1::NAME, "Measured"), 0);
-    EXPECT_STREQ(sd_bus_message_get_path(got.get()), PATH);
-    Wire::Check(sd_bus_message_rewind(got.get(), 1));
-    Answer signal(std::move(got));
-    EXPECT_EQ(signal.Signature(), "ds");
-    EXPECT_EQ(signal.Get<double>(), 21.5);
-    EXPECT_EQ(signal.Get<std::string>(), "hall");
-}
-
-TEST_F(ImplementsTest, SignalWithAValueThatCannotBeSentIsNotSent) {
-    mRoom.Attach(mBus, PATH);
-    const LogCapture log;
-    tern::test::FaultScope scope(fault_sd_bus_send);
-    fault_sd_bus_send.Fail(-EIO, 0, 1000);
-    EXPECT_EQ(mRoom.Emit<Room1::Measured>(21.5, BAD_TEXT), StatusCode::InvalidArgument);
-    EXPECT_EQ(fault_sd_bus_send.Calls(), 0);
-    EXPECT_EQ(mRoom.Emit<Room1::Over>(), StatusCode::IoError);
-    EXPECT_EQ(fault_sd_bus_send.Calls(), 1);
-    tern::test::FaultScope noSignal(fault_sd_bus_message_new_signal);
-    fault_sd_bus_message_new_signal.Fail(-ENOMEM);
-    EXPECT_EQ(mRoom.Emit<Room1::Over>(), StatusCode::OutOfMemory);
-    EXPECT_THAT(
-        log.Entries("Typed"),
-        ElementsAre(
-            tern::test::Error("Typed",
-                              "Failed to send the signal com.example.Room1.Measured of "
-                              "/com/example/Room (-22, Invalid argument) (0 like it not logged)"),
-            tern::test::Error("Typed",
-                              "Failed to send the signal com.example.Room1.Over of "
-                              "/com/example/Room (-5, Input/output error) (0 like it not logged)"),
-            tern::test::Error("Typed",
-                              "Failed to send the signal com.example.Room1.Over of "
-                              "/com/example/Room (-12, Cannot allocate memory) (0 like it not logged)")));
-}
-
-// Failures inside ----------------------------------------------------------------------------------------
-
-namespace {
-
-enum class Thrown { Nothing, BadAlloc, RuntimeError, Error, Number, BadText };
-
-struct Trap1 {
-    static constexpr const char* NAME = "com.example.Trap1";
-    static constexpr Method<void()> Void{"Void", {}, OPEN};
-    static constexpr Method<std::string()> Value{"Value", {"result"}, OPEN};
-    static constexpr Method<void()> Status{"Status", {}, OPEN};
-    static constexpr Method<std::string()> Maybe{"Maybe", {"result"}, OPEN};
-    static constexpr Method<Results<std::string, std::string>()> Two{"Two", {"first", "second"}, OPEN};
-    static constexpr Method<void()> Known{"Known", {}, OPEN};
-    static constexpr Method<void(std::uint64_t)> Costly{"Costly", {"value"}, OPEN};
-    static constexpr Property<std::string> Read{"Read"};
-    static constexpr Property<std::string> MaybeRead{"MaybeRead"};
-    static constexpr WritableProperty<double> Written{"Written", EMITS | OPEN};
-    static constexpr WritableProperty<double> MaybeWritten{"MaybeWritten", EMITS | OPEN};
-    static constexpr Members<Void, Value, Status, Maybe, Two, Known, Costly, Read, MaybeRead, Written,
-                             MaybeWritten>
-        ALL{};
-};
-
-/// Read by a codec that may fail as well.
-struct Costly {
-    std::uint64_t value = 0;
-};
-Thrown gReading = Thrown::Nothing;
-
-std::string ThrowIt(Thrown thrown) {
-    switch (thrown) {
-        case Thrown::BadAlloc:
-            throw std::bad_alloc();
-        case Thrown::RuntimeError:
-            throw std::runtime_error("secret of the service");
-        case Thrown::Error:
-            throw Error("com.example.Error.Thrown", "as it is");
-        case Thrown::Number:
-            throw 42;
-        case Thrown::BadText:
-            return BAD_TEXT;
-        default:
-            return "fine";
-    }
-}
-
-}  // namespace
-
-template <>
-struct mwl::Typed::Codec<Costly> {
-    static constexpr auto SIGNATURE = Text("t");
-    static int Write(sd_bus_message* message, const Costly& value) {
-        return Codec<std::uint64_t>::Write(message, value.value);
-    }
-    static int Read(sd_bus_message* message, Costly& value, Fault& fault) {
-        ThrowIt(gReading);
-        return Codec<std::uint64_t>::Read(message, value.value, fault);
-    }
-};
-
-namespace {
-
-struct Trap final : Implements<Trap, Trap1> {
-    void Void() { ThrowIt(thrown); }
-    std::string Value() { return ThrowIt(thrown); }
-    StatusCode Status() {
-        ThrowIt(thrown);
-        return StatusCode::Ok;
-    }
-    Outcome<std::string> Maybe() { return ThrowIt(thrown); }
-    Results<std::string, std::string> Two() { return {"first", ThrowIt(thrown)}; }
-    void Known(const Caller&) { ThrowIt(thrown); }
-    void Cost(Costly) {}
-    std::string Read() const { return ThrowIt(thrown); }
-    Outcome<std::string> MaybeRead() { return ThrowIt(thrown); }
-    void SetWritten(double) { ThrowIt(thrown); }
-    Outcome<void> SetMaybeWritten(const Caller&, double) {
-        ThrowIt(thrown);
-        return {};
-    }
-    Thrown thrown = Thrown::Nothing;
-    double written = 0.0;
-    static constexpr auto Describe() {
-        return Bindings<Bind<Trap1::Void, &Trap::Void>, Bind<Trap1::Value, &Trap::Value>,
-                        Bind<Trap1::Status, &Trap::Status>, Bind<Trap1::Maybe, &Trap::Maybe>,
-                        Bind<Trap1::Two, &Trap::Two>, Bind<Trap1::Known, &Trap::Known>,
-                        Bind<Trap1::Costly, &Trap::Cost>, Bind<Trap1::Read, &Trap::Read>,
-                        Bind<Trap1::MaybeRead, &Trap::MaybeRead>,
-                        Bind<Trap1::Written, &Trap::written, &Trap::SetWritten>,
-                        Bind<Trap1::MaybeWritten, &Trap::written, &Trap::SetMaybeWritten>>();
-    }
-};
-
-/// Uses a Trap's members from the other end of a wire.
-struct TrapOnWire {
-    TrapOnWire() {
-        Wire::Check(sd_bus_add_object_vtable(wire.Server(), nullptr, PATH, Trap1::NAME, trap.GetVtable(),
-                                             trap.GetUserData()));
-    }
-    ~TrapOnWire() { gReading = Thrown::Nothing; }
-
-    /// Calls a method, reads a property or writes one.
-    Answer Use(const std::string& member) {
-        if (member.ends_with("Read")) {
-            return Answer(wire.Call(wire.NewCall(PATH, "org.freedesktop.DBus.Properties", "Get", "ss",
-                                                 Trap1::NAME, member.c_str())));
-        }
-        if (member.ends_with("Written")) {
-            return Answer(wire.Call(wire.NewCall(PATH, "org.freedesktop.DBus.Properties", "Set", "ssv",
-                                                 Trap1::NAME, member.c_str(), "d", 1.0)));
-        }
-        if (member == "Costly") {
-            return Answer(wire.Call(wire.NewCall(PATH, Trap1::NAME, member.c_str(), "t", std::uint64_t{1})));
-        }
-        return Answer(wire.Call(wire.NewCall(PATH, Trap1::NAME, member.c_str())));
-    }
-
-    Wire wire;
-    Trap trap;
-};
-
-std::string AskedByNobody(const std::string& member) {
-    return "com.example.Trap1." + member + " of /com/example/Room, asked by nobody";
-}
-
-}  // namespace
-
-TEST(ImplementsFailure, NothingThrownLeavesAHandlerOfAnyKind) {
-    struct {
-        Thrown thrown;
-        const char* name;
-        const char* text;
-        const char* logged;
-    } const table[] = {
-        {Thrown::BadAlloc, NO_MEMORY, "out of memory", "std::bad_alloc: std::bad_alloc"},
-        {Thrown::RuntimeError, FAILED, "the service failed internally",
-         "std::runtime_error: secret of the service"},
-        {Thrown::Error, "com.example.Error.Thrown", "as it is", nullptr},
-        {Thrown::Number, FAILED, "the service failed internally", "int: no text"},
-    };
-    for (const std::string member : {"Void", "Value", "Status", "Maybe", "Two", "Known", "Costly", "Read",
-                                     "MaybeRead", "Written", "MaybeWritten"}) {
-        for (const auto& row : table) {
-            SCOPED_TRACE(member + " " + row.name);
-            TrapOnWire on;
-            (member == "Costly" ? gReading : on.trap.thrown) = row.thrown;
-            const LogCapture log;
-            const Answer answer = on.Use(member);
-            EXPECT_EQ(answer.name, row.name);
-            EXPECT_EQ(answer.text, row.text);
-            EXPECT_THAT(
-                log.Entries("Typed"),
-                ElementsAre(row.logged == nullptr
-                                ? tern::test::Info("Typed", AskedByNobody(member) +
-                                                                ", refused: com.example.Error.Thrown "
-                                                                "(0 like it not logged)")
-                                : tern::test::Error("Typed", AskedByNobody(member) + ", threw " + row.logged +
-                                                                 " (0 like it not logged)")));
-            on.trap.thrown = gReading = Thrown::Nothing;
-            EXPECT_EQ(on.Use(member).name, "");  // the next one is served
-        }
-    }
-}
-
-TEST(ImplementsFailure, HalfWrittenReplyIsNeverSent) {
-    for (const std::string member : {"Value", "Maybe", "Two", "Read", "MaybeRead"}) {
-        SCOPED_TRACE(member);
-        TrapOnWire on;
-        on.trap.thrown = Thrown::BadText;
-        const LogCapture log;
-        const Answer answer = on.Use(member);
-        EXPECT_EQ(answer.name, FAILED);
-        EXPECT_EQ(answer.text, "the service failed internally");
-        EXPECT_THAT(
-            log.Entries("Typed"),
-            ElementsAre(tern::test::Error(
-                "Typed", AskedByNobody(member) + ": the " + (member.ends_with("Read") ? "value" : "result") +
-                             " cannot be sent (-22, Invalid argument) (0 like it not logged)")));
-        on.trap.thrown = Thrown::Nothing;
-        EXPECT_EQ(on.Use(member).name, "");
-    }
-}
-
-TEST(ImplementsFailure, GetterThatFailsFailsTheReadingOfAll) {
-    TrapOnWire on;
-    on.trap.thrown = Thrown::RuntimeError;
-    const Answer all(
-        on.wire.Call(on.wire.NewCall(PATH, "org.freedesktop.DBus.Properties", "GetAll", "s", Trap1::NAME)));
-    EXPECT_EQ(all.name, FAILED);
-    EXPECT_EQ(all.text, "the service failed internally");
-}
-
-TEST(ImplementsFailure, ReplyThatIsNotSentIsLoggedAndAnError) {
-    TrapOnWire on;
-    const LogCapture log;
-    tern::test::FaultScope scope(fault_sd_bus_send);
-    fault_sd_bus_send.Fail(-ENOMEM, 0, 1, 1);  // the first is the call, which the client sends
-    const Answer answer = on.Use("Value");
-    EXPECT_EQ(answer.name, NO_MEMORY);
-    EXPECT_THAT(log.Entries("Typed"),
-                ElementsAre(tern::test::Error("Typed", AskedByNobody("Value") +
-                                                           ": the reply was not sent (-12, Cannot allocate "
-                                                           "memory) (0 like it not logged)")));
-}
-
-TEST(ImplementsFailure, PeerThatProvokesFailuresDoesNotFillTheLog) {
-    TrapOnWire on;
-    const LogCapture log;
-    on.trap.thrown = Thrown::RuntimeError;
-    for (int i = 0; i < 25; ++i) {
-        on.Use("Void");
-    }
-    EXPECT_EQ(log.Entries("Typed").size(), 10U);
-    on.trap.thrown = Thrown::Error;  // counted apart
-    for (int i = 0; i < 25; ++i) {
-        on.Use("Void");
-    }
-    EXPECT_EQ(log.Entries("Typed").size(), 20U);
-}
-
-TEST(ImplementsFailure, LogNamesTheCaller) {
-    const tern::test::PrivateBus daemon;
-    using Bus = mwl::Handle<sd_bus, sd_bus_flush_close_unref>;
-    const auto connect = [] {
-        sd_bus* bus = nullptr;
-        Wire::Check(sd_bus_open_system(&bus));
-        return Bus(bus);
-    };
-    const Bus service = connect();
-    const Bus client = connect();
-    Trap trap;
-    trap.thrown = Thrown::RuntimeError;
-    Wire::Check(sd_bus_add_object_vtable(service.get(), nullptr, PATH, Trap1::NAME, trap.GetVtable(),
-                                         trap.GetUserData()));
-    const char* serviceName = nullptr;
-    const char* clientName = nullptr;
-    Wire::Check(sd_bus_get_unique_name(service.get(), &serviceName));
-    Wire::Check(sd_bus_get_unique_name(client.get(), &clientName));
-    const LogCapture log;
-    const std::string asked = std::string(" of /com/example/Room, asked by ") + clientName +
-                              ", threw std::runtime_error: secret of the service (0 like it not logged)";
-    Wire::Check(sd_bus_call_method_async(client.get(), nullptr, serviceName, PATH, Trap1::NAME, "Void",
-                                         nullptr, nullptr, ""));
-    Wire::Check(sd_bus_call_method_async(client.get(), nullptr, serviceName, PATH,
-                                         "org.freedesktop.DBus.Properties", "Get", nullptr, nullptr, "ss",
-                                         Trap1::NAME, "Read"));
-    Wire::Check(sd_bus_call_method_async(client.get(), nullptr, serviceName, PATH,
-                                         "org.freedesktop.DBus.Properties", "Set", nullptr, nullptr, "ssv",
-                                         Trap1::NAME, "Written", "d", 1.0));
-    Wire::Check(sd_bus_flush(client.get()));
-    ASSERT_TRUE(tern::test::WaitUntil([&] {
-        while (sd_bus_process(service.get(), nullptr) > 0) {
-        }
-        return log.Entries("Typed").size() == 3;
-    }));
-    EXPECT_THAT(log.Entries("Typed"),
-                ElementsAre(tern::test::Error("Typed", "com.example.Trap1.Void" + asked),
-                            tern::test::Error("Typed", "com.example.Trap1.Read" + asked),
-                            tern::test::Error("Typed", "com.example.Trap1.Written" + asked)));
 }

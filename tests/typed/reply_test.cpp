@@ -22,8 +22,60 @@
 TERN_INTERPOSE(int, sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message** reply),
                (call, reply))
 
+TERN_INTERPOSE(int, sd_bus_add_match_async,
+               (sd_bus * bus, sd_bus_slot** slot, const char* match, sd_bus_message_handler_t callback,
+                sd_bus_message_handler_t installed, void* userdata),
+               (bus, slot, match, callback, installed, userdata))
+TERN_INTERPOSE(int, sd_event_add_time_relative,
+               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t delay,
+                uint64_t accuracy, sd_event_time_handler_t handler, void* userdata),
+               (event, source, clock, delay, accuracy, handler, userdata))
+
+namespace {
+
+/// What its author's codec cannot write.
+struct Odd {};
+enum class Way { Refuse, Throw, Exhaust };
+Way gWay = Way::Refuse;
+
+}  // namespace
+
+template <>
+struct mwl::Typed::Codec<Odd> {
+    static constexpr Text<1> SIGNATURE = "u";
+    static int Write(sd_bus_message*, const Odd&) {
+        if (gWay == Way::Throw) {
+            throw std::runtime_error("odd");
+        }
+        return gWay == Way::Refuse ? -EINVAL : -ENOMEM;
+    }
+    static int Read(sd_bus_message*, Odd&, Fault&) { return 1; }
+};
+
 namespace mwl::Typed {
 namespace {
+
+struct Odd1 {
+    static constexpr const char* NAME = "com.example.Odd1";
+    static constexpr Method<Odd()> Get{"Get", {"odd"}, OPEN};
+    static constexpr Method<Results<std::uint32_t, std::string>()> Both{"Both", {"number", "text"}, OPEN};
+    static constexpr Method<void()> Nothing{"Nothing", {}, OPEN};
+    static constexpr Members<Get, Both, Nothing> ALL{};
+};
+class OddInterface : public Implements<OddInterface, Odd1> {
+public:
+    static constexpr auto Describe() {
+        return Bindings<Bind<Odd1::Get, &OddInterface::Get>, Bind<Odd1::Both, &OddInterface::Both>,
+                        Bind<Odd1::Nothing, &OddInterface::Nothing>>();
+    }
+
+private:
+    void Get(Reply<Odd> reply) { reply.Return(Odd()); }
+    void Both(Reply<Results<std::uint32_t, std::string>> reply) {
+        reply.Return(Results<std::uint32_t, std::string>(5U, "five"));
+    }
+    void Nothing(Reply<void> reply) { reply.Return(); }
+};
 
 using tern::test::FaultScope;
 using tern::test::Peer;
@@ -102,6 +154,7 @@ TEST_F(ReplyTest, AnswersFromAnotherThread) {
 TEST_F(ReplyTest, AnswersOnTheDBusThread) {
     room->onLater = [](Reply<Number> reply, Number number) { reply.Return(number + 1); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), "2");
+    mPeer->Ping();  // the handler has ended, not only answered
     room->onLater = [](Reply<Number> reply, Number) { reply.Fail(StatusCode::Busy); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Later", "u", 1U), "mwl.StatusCode.Busy: Busy");
 }
@@ -180,6 +233,7 @@ TEST_F(ReplyTest, AHandlerThatThrowsAnswersOnce) {
     room->onLater = [](Reply<Number>, Number) { throw std::runtime_error("no disk"); };
     Send(1);
     EXPECT_THAT(Answers(1), ElementsAre(DROPPED));
+    mPeer->Ping();  // the handler has ended, not only answered
     EXPECT_EQ(mLog.Entries("Typed").size(), 1U);
     // One that has answered before it throws has answered.
     room->onLater = [](Reply<Number> reply, Number number) {
@@ -238,6 +292,7 @@ TEST_F(ReplyTest, AValueThatCannotBeSentIsAFailureInside) {
     room->onText = [&](Reply<std::string> reply) { reply.Return("\xff\xfe"); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Text"),
               "org.freedesktop.DBus.Error.Failed: the service failed internally");
+    mPeer->Ping();  // the handler has ended, not only answered
     EXPECT_EQ(mServed->Count().unsentReplies, 1U);
     ASSERT_EQ(mLog.Entries("Typed").size(), 1U);
     EXPECT_THAT(mLog.Entries("Typed")[0].text,
@@ -245,6 +300,88 @@ TEST_F(ReplyTest, AValueThatCannotBeSentIsAFailureInside) {
     // The connection has survived, and so has the service.
     room->onText = [&](Reply<std::string> reply) { reply.Return("gr\xc3\xbcn"); };
     EXPECT_EQ(mPeer->Call(PATH, ROOM, "Text"), "gr\xc3\xbcn");
+}
+
+TEST_F(ReplyTest, AnAnswerIsNothingOrSeveralValues) {
+    mServed->On([&] {
+        mServed->exported.push_back(mServed->typed->Export("/odd", std::make_unique<OddInterface>()));
+    });
+    EXPECT_EQ(mPeer->Call("/odd", "com.example.Odd1", "Nothing"), "");
+    EXPECT_EQ(mPeer->Call("/odd", "com.example.Odd1", "Both"), "5");
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(ReplyTest, WhatAnAuthorsCodecDoesStaysInside) {
+    mServed->On([&] {
+        mServed->exported.push_back(mServed->typed->Export("/odd", std::make_unique<OddInterface>()));
+    });
+    constexpr const char* INSIDE = "org.freedesktop.DBus.Error.Failed: the service failed internally";
+    EXPECT_EQ(mPeer->Call("/odd", "com.example.Odd1", "Get"), INSIDE);
+    mPeer->Ping();
+    mLog.Clear();
+    gWay = Way::Throw;
+    EXPECT_EQ(mPeer->Call("/odd", "com.example.Odd1", "Get"), INSIDE);
+    mPeer->Ping();
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Error("Typed", "Making an answer threw std::runtime_error: odd (0 like it not logged)")));
+    gWay = Way::Exhaust;
+    EXPECT_EQ(mPeer->Call("/odd", "com.example.Odd1", "Get"),
+              "org.freedesktop.DBus.Error.NoMemory: out of memory");
+    EXPECT_EQ(mServed->Count().unsentReplies, 3U);
+}
+
+TEST_F(ReplyTest, DeparturesAreWatchedWhileCallsAreOpenAndAWhileLonger) {
+    const FaultScope matches(fault_sd_bus_add_match_async);
+    fault_sd_bus_add_match_async.Fail(0, 0, 0);  // counts
+    const FaultScope linger(fault_sd_event_add_time_relative);
+    const auto call = [&](std::size_t number) {
+        Send(0);
+        EXPECT_TRUE(WaitUntil([&] {
+            const std::lock_guard lock(mMutex);
+            return mKept.size() == 1;
+        }));
+        mKept.clear();
+        EXPECT_TRUE(mPeer->WaitForAnswers(mAnswers, number));
+    };
+    EXPECT_EQ(fault_sd_bus_add_match_async.Calls(), 0) << "not before somebody waits";
+    call(1);
+    call(2);
+    call(3);
+    EXPECT_EQ(fault_sd_bus_add_match_async.Calls(), 1);
+    // In a service where the while is over at once.
+    mServed.reset();
+    fault_sd_event_add_time_relative.Replace(
+        [](sd_event* event, sd_event_source** source, clockid_t clock, uint64_t, auto... others) {
+            return fault_sd_event_add_time_relative.Real(event, source, clock, 0, others...);
+        });
+    mServed.emplace([this](Served& served) {
+        served.Export(PATH).onLater = [this](Reply<Number> reply, Number number) {
+            const std::lock_guard lock(mMutex);
+            mKept.push_back({std::move(reply), number});
+        };
+    });
+    call(4);
+    // The timer was due with the answer: its turn comes before the next job.
+    mServed->Count();
+    mServed->Count();
+    call(5);
+    EXPECT_EQ(fault_sd_bus_add_match_async.Calls(), 3);
+}
+
+TEST_F(ReplyTest, TheBusMayRefuseToTellOfDepartures) {
+    const FaultScope matches(fault_sd_bus_add_match_async);
+    fault_sd_bus_add_match_async.Replace([](sd_bus* bus, sd_bus_slot** slot, const char*,
+                                            sd_bus_message_handler_t, sd_bus_message_handler_t installed,
+                                            void* userdata) {
+        return sd_bus_call_method_async(bus, slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus", "NoSuchMethod", installed, userdata, nullptr);
+    });
+    SendAndTake(1);
+    EXPECT_TRUE(WaitUntil([&] { return !mLog.Entries("Typed").empty(); }));
+    EXPECT_THAT(mLog.Entries("Typed")[0].text, StartsWith("The bus refused to tell of callers that leave: "
+                                                          "org.freedesktop.DBus.Error.UnknownMethod, "));
+    mKept[0].reply.Return(4);
+    EXPECT_THAT(Answers(1), ElementsAre("4"));
 }
 
 TEST_F(ReplyTest, AReplyThatCannotBeMadeIsAFailure) {
@@ -350,22 +487,28 @@ TEST_F(ReplyTest, OpenCallsAreAnsweredWhenTheLoopEnds) {
     EXPECT_THAT(mLog.Entries(), IsEmpty());
 }
 
-TEST_F(ReplyTest, ChangesAreAnnouncedBeforeOpenCallsAreAnsweredAtTheEnd) {
+TEST_F(ReplyTest, TheEndHasItsOrder) {
     mPeer->Listen();
     SendAndTake(1);
-    std::vector<std::string> order;
+    constexpr std::size_t JOBS = 2 * Dispatcher::SHARE;
+    std::size_t ran = 0;
+    const auto held = std::make_shared<int>(1);
+    bool hasStopped = false;
     mServed->onStop = [&] {
-        order.emplace_back("stop");
+        hasStopped = true;
+        EXPECT_EQ(held.use_count(), 1) << "the jobs that did not run have been dropped";
+        EXPECT_FALSE(mServed->typed->Post([] {}));
         // The connection is closed: nothing can be sent any more.
         EXPECT_EQ(mServed->typed->GetBus(), nullptr);
         EXPECT_LE(sd_bus_is_open(mServed->manager->GetBus()), 0);
-        EXPECT_FALSE(mServed->typed->Post([] {}));
+        EXPECT_EQ(mServed->typed->GetCounters().openCalls, 0U);
     };
     EXPECT_TRUE(mServed->typed->Post([&] {
         room->SetLevel(9);
         mServed->loop->End();
-        // What is posted now is dropped.
-        EXPECT_TRUE(mServed->typed->Post([&] { order.emplace_back("job"); }));
+        for (std::size_t i = 0; i < JOBS; ++i) {
+            EXPECT_TRUE(mServed->typed->Post([&ran, held] { ++ran; }));
+        }
     }));
     // The change comes first over the connection: it is there when the answer is.
     EXPECT_TRUE(WaitUntil([&] {
@@ -377,18 +520,21 @@ TEST_F(ReplyTest, ChangesAreAnnouncedBeforeOpenCallsAreAnsweredAtTheEnd) {
     EXPECT_THAT(mPeer->Taken(), ElementsAre("changed /com/example/room com.example.Room1 Level=9"));
     EXPECT_THAT(mAnswers, ElementsAre(STOPPING));
     mServed->End();
-    EXPECT_THAT(order, testing::AnyOf(ElementsAre("stop"), ElementsAre("job", "stop")));
+    EXPECT_TRUE(hasStopped);
+    EXPECT_LT(ran, JOBS);
 }
 
 TEST_F(ReplyTest, TheConnectionIsLostWithCallsOpen) {
     SendAndTake(3);
     mDaemon.Kill();
-    mServed->End();  // the loop ends by itself
+    EXPECT_TRUE(WaitUntil([&] { return !mServed->typed->Post([] {}); })) << "the loop ends by itself";
+    mServed->End();
     EXPECT_LT(mServed->result, 0);
     for (Kept& kept : mKept) {
         EXPECT_FALSE(kept.reply.IsWanted());
         kept.reply.Return(1);
     }
+    EXPECT_THAT(mLog.Entries("Typed"), IsEmpty());
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -57,6 +58,21 @@ struct Room1 {
         ALL{};
 };
 
+/// What a test did before it sent, a handler sees; what the handler did, the test sees that has its answer.
+/// Thread sanitizers do not know of an order that comes from messages through another process.
+class Ordered {
+public:
+    Ordered() { Order(); }
+    ~Ordered() { Order(); }
+    Ordered(const Ordered&) = delete;
+    Ordered& operator=(const Ordered&) = delete;
+
+    static void Order() {
+        static std::mutex mutex;
+        const std::lock_guard lock(mutex);
+    }
+};
+
 /// Does what the test wants in each handler.
 class Room : public mwl::Typed::Implements<Room, Room1> {
 public:
@@ -97,15 +113,29 @@ public:
     }
 
 private:
-    void Later(mwl::Typed::Reply<Number> reply, Number number) { onLater(std::move(reply), number); }
-    void Text(mwl::Typed::Reply<std::string> reply) { onText(std::move(reply)); }
+    void Later(mwl::Typed::Reply<Number> reply, Number number) {
+        const Ordered ordered;
+        onLater(std::move(reply), number);
+    }
+    void Text(mwl::Typed::Reply<std::string> reply) {
+        const Ordered ordered;
+        onText(std::move(reply));
+    }
     void Do() {
+        const Ordered ordered;
         const std::function<void(Room&)> work = onDo;
         work(*this);
     }
-    Number Ask(const mwl::Typed::Caller& caller) { return onAsk(*this, caller); }
-    Number Guarded(const mwl::Typed::Caller& caller, Number number) { return onGuarded(caller, number); }
+    Number Ask(const mwl::Typed::Caller& caller) {
+        const Ordered ordered;
+        return onAsk(*this, caller);
+    }
+    Number Guarded(const mwl::Typed::Caller& caller, Number number) {
+        const Ordered ordered;
+        return onGuarded(caller, number);
+    }
     mwl::Typed::Outcome<Number> GetLevel() {
+        const Ordered ordered;
         if (onReadLevel) {
             const std::function<void(Room&)> work = onReadLevel;
             work(*this);
@@ -280,7 +310,8 @@ public:
     template <typename... Argument>
     std::string Call(const char* path, const char* interface, const char* member, const char* types = nullptr,
                      Argument... argument) {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        const Ordered ordered;
+        sd_bus_error error{};
         sd_bus_message* reply = nullptr;
         const int r =
             sd_bus_call_method(Get(), SERVICE, path, interface, member, &error, &reply, types, argument...);
@@ -349,6 +380,7 @@ public:
     bool Process() {
         const int r = sd_bus_process(Get(), nullptr);
         Check(r);
+        Ordered::Order();
         return r > 0;
     }
 

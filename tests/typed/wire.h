@@ -1,7 +1,9 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
+#include <tern/typed/codec.h>
 
 #include <functional>
 #include <stdexcept>
@@ -99,6 +101,29 @@ private:
 
     Bus mServer;
     Bus mClient;
+};
+
+/// What a reply holds: the values of a result, or name and text of an error.
+struct Answer {
+    explicit Answer(Message reply) : message(std::move(reply)) {
+        if (const sd_bus_error* const error = sd_bus_message_get_error(message.get())) {
+            name = error->name;
+            text = error->message != nullptr ? error->message : "";
+        }
+    }
+    template <class T>
+    T Get() {
+        EXPECT_EQ(name, "") << text;
+        T value{};
+        mwl::Typed::Fault fault;
+        EXPECT_GT(mwl::Typed::Codec<T>::Read(message.get(), value, fault), 0);
+        return value;
+    }
+    std::string Signature() { return sd_bus_message_get_signature(message.get(), 1); }
+
+    Message message;
+    std::string name;
+    std::string text;
 };
 
 }  // namespace tern::test

@@ -50,6 +50,7 @@ struct Flags {
     std::uint64_t bits = 0;
     /// capabilities(7), where Needs or Checked names one.
     int capability = -1;
+    /// The typed bus checks the caller, see Checked.
     bool isChecked = false;
     /// Two capabilities were named.
     bool isTwofold = false;
@@ -57,10 +58,11 @@ struct Flags {
     /// Whether one of `other`'s SD_BUS_VTABLE_* flags is set.
     constexpr bool Has(Flags other) const { return (bits & other.bits) != 0; }
 
+    /// Both together.
     friend constexpr Flags operator|(Flags a, Flags b) {
-        const bool isTwofold = a.capability >= 0 && b.capability >= 0 && a.capability != b.capability;
+        const bool areTwo = a.capability >= 0 && b.capability >= 0 && a.capability != b.capability;
         return {a.bits | b.bits, a.capability >= 0 ? a.capability : b.capability, a.isChecked || b.isChecked,
-                a.isTwofold || b.isTwofold || isTwofold};
+                a.isTwofold || b.isTwofold || areTwo};
     }
 };
 
@@ -97,23 +99,29 @@ constexpr Flags Checked(Flags policy = Needs(CAP_SYS_ADMIN)) {
 }
 
 /// What a member of a contract is.
-enum class Kind { Method, Property, Signal };
+enum class Kind {
+    Method,    ///< Method
+    Property,  ///< Property or WritableProperty
+    Signal     ///< Signal
+};
 
 /// The signature of a method's results, and their number.
 template <class R>
 struct OutArguments {
-    static constexpr auto SIGNATURE = MakeSignature<R>();
-    static constexpr std::size_t COUNT = 1;
+    static constexpr auto SIGNATURE = MakeSignature<R>();  ///< of all, one behind the other
+    static constexpr std::size_t COUNT = 1;                ///< how many there are
 };
+/// None.
 template <>
 struct OutArguments<void> {
-    static constexpr Text<0> SIGNATURE{};
-    static constexpr std::size_t COUNT = 0;
+    static constexpr Text<0> SIGNATURE{};    ///< empty
+    static constexpr std::size_t COUNT = 0;  ///< none
 };
+/// Several.
 template <class... T>
 struct OutArguments<Results<T...>> {
-    static constexpr auto SIGNATURE = MakeSignature<T...>();
-    static constexpr std::size_t COUNT = sizeof...(T);
+    static constexpr auto SIGNATURE = MakeSignature<T...>();  ///< of all, one behind the other
+    static constexpr std::size_t COUNT = sizeof...(T);        ///< how many there are
 };
 
 /// A method, `Method<R(A...)>`: R is void, one result, or `Results<...>` of several.
@@ -125,57 +133,59 @@ struct Method {
 /// `Method<std::string(std::string_view)> ExportLog{"ExportLog", {"password", "archive"}, OPEN | SENSITIVE};`
 template <class R, class... A>
 struct Method<R(A...)> {
-    static constexpr Kind KIND = Kind::Method;
-    using Result = R;
+    static constexpr Kind KIND = Kind::Method;  ///< what it is
+    using Result = R;                           ///< void, a type, or Results of several
+    /// Types of the arguments.
     using Arguments = std::tuple<std::remove_cvref_t<A>...>;
-    static constexpr auto IN = MakeSignature<A...>();
-    static constexpr auto OUT = OutArguments<R>::SIGNATURE;
+    static constexpr auto IN = MakeSignature<A...>();        ///< signature of the arguments
+    static constexpr auto OUT = OutArguments<R>::SIGNATURE;  ///< signature of the results
 
-    const char* name;
-    /// Of the arguments, then of the results.
+    const char* name;  ///< on the bus
+    /// Of the arguments, then of the results; all or none.
     std::array<const char*, sizeof...(A) + OutArguments<R>::COUNT> names{};
-    Flags flags{};
-    const char* documentation = "";
+    Flags flags{};                   ///< closed unless OPEN
+    const char* documentation = "";  ///< for WriteIntrospection
 };
 
 /// A property that peers read. Flags that are given stand for themselves: EMITS is then to be among them if
 /// meant. One with none of EMITS, INVALIDATES and CONSTANT may change without anybody being told.
 template <class T>
 struct Property {
-    static constexpr Kind KIND = Kind::Property;
-    static constexpr bool WRITABLE = false;
-    using Type = T;
-    static constexpr auto IN = MakeSignature<T>();
+    static constexpr Kind KIND = Kind::Property;    ///< what it is
+    static constexpr bool WRITABLE = false;         ///< peers read it only
+    using Type = T;                                 ///< of the value
+    static constexpr auto IN = MakeSignature<T>();  ///< signature of the value
 
-    const char* name;
-    Flags flags = EMITS;
-    const char* documentation = "";
+    const char* name;                ///< on the bus
+    Flags flags = EMITS;             ///< as given, without EMITS
+    const char* documentation = "";  ///< for WriteIntrospection
 };
 
 /// A property that peers read and write. Everyone may read it; writing is closed unless OPEN.
 template <class T>
 struct WritableProperty {
-    static constexpr Kind KIND = Kind::Property;
-    static constexpr bool WRITABLE = true;
-    using Type = T;
-    static constexpr auto IN = MakeSignature<T>();
+    static constexpr Kind KIND = Kind::Property;    ///< what it is
+    static constexpr bool WRITABLE = true;          ///< peers read and write it
+    using Type = T;                                 ///< of the value
+    static constexpr auto IN = MakeSignature<T>();  ///< signature of the value
 
-    const char* name;
-    Flags flags = EMITS;
-    const char* documentation = "";
+    const char* name;                ///< on the bus
+    Flags flags = EMITS;             ///< as given, without EMITS
+    const char* documentation = "";  ///< for WriteIntrospection
 };
 
 /// A signal; `Implements::Emit` sends it.
 template <class... A>
 struct Signal {
-    static constexpr Kind KIND = Kind::Signal;
+    static constexpr Kind KIND = Kind::Signal;  ///< what it is
+    /// Types of the arguments.
     using Arguments = std::tuple<std::remove_cvref_t<A>...>;
-    static constexpr auto IN = MakeSignature<A...>();
+    static constexpr auto IN = MakeSignature<A...>();  ///< signature of the arguments
 
-    const char* name;
-    std::array<const char*, sizeof...(A)> names{};
-    Flags flags{};
-    const char* documentation = "";
+    const char* name;                               ///< on the bus
+    std::array<const char*, sizeof...(A)> names{};  ///< of the arguments; all or none
+    Flags flags{};                                  ///< DEPRECATED or none
+    const char* documentation = "";                 ///< for WriteIntrospection
 };
 
 /// A member as a type: members are compared by it, as compilers do not fold comparisons of their addresses
@@ -187,6 +197,7 @@ struct Tag {};
 template <const auto& M>
 using MemberType = std::remove_cvref_t<decltype(M)>;
 
+/// Whether a type is that of a member.
 template <class T>
 inline constexpr bool IS_MEMBER = false;
 template <class R, class... A>
@@ -286,7 +297,7 @@ constexpr int CountOf(Flags flags, Flags a, Flags b, Flags c) {
 /// Instantiated once for each member of a contract; refuses what cannot work.
 template <const auto& M>
 struct CheckedMember {
-    using Member = MemberType<M>;
+    using Member = MemberType<M>;  ///< its type
     static_assert(IS_MEMBER<Member>,
                   "a member of a contract is a Method, a Property, a WritableProperty or a Signal");
     static_assert(
@@ -304,6 +315,7 @@ struct CheckedMember {
     static_assert(Member::KIND == Kind::Property || !M.flags.Has(EMITS | INVALIDATES | CONSTANT | EXPLICIT),
                   "EMITS, INVALIDATES, CONSTANT and EXPLICIT are for properties");
 
+    /// What else is refused depends on what it is.
     static constexpr bool IsSound() {
         if constexpr (Member::KIND == Kind::Property) {
             static_assert(Detail::CountOf(M.flags, EMITS, INVALIDATES, CONSTANT) <= 1,
@@ -335,6 +347,7 @@ struct CheckedMember {
 /// The members of a contract in the order of its vtable: `static constexpr Members<A, B> ALL{};`.
 template <const auto&... M>
 struct Members {
+    /// How many there are.
     static constexpr std::size_t COUNT = sizeof...(M);
     /// How many properties announce their changes.
     static constexpr std::size_t ANNOUNCED =
@@ -346,6 +359,7 @@ struct Members {
                   "two methods, two properties or two signals of a contract have the same name");
 };
 
+/// Whether a type is Members<...>.
 template <class T>
 inline constexpr bool IS_MEMBERS = false;
 template <const auto&... M>
@@ -364,7 +378,7 @@ struct CheckedContract {
         "and underscores, and at most 255 characters");
     static_assert(IS_MEMBERS<std::remove_cvref_t<decltype(Contract::ALL)>>,
                   "ALL of a contract is of the type Members<...>");
-    static constexpr bool IS_SOUND = true;
+    static constexpr bool IS_SOUND = true;  ///< by which it is instantiated
 };
 
 namespace Detail {
@@ -422,14 +436,14 @@ inline constexpr auto NAMES = Detail::JoinNames<M>();
 
 /// A member of a contract for code that is no template.
 struct MemberText {
-    Kind kind = Kind::Method;
-    bool isWritable = false;
-    const char* name = "";
-    const char* in = "";     ///< signature of the arguments, or of the property
-    const char* out = "";    ///< of a method's results
-    const char* names = "";  ///< NAMES; of a property none
-    Flags flags{};
-    const char* documentation = "";
+    Kind kind = Kind::Method;        ///< what it is
+    bool isWritable = false;         ///< of a property
+    const char* name = "";           ///< on the bus
+    const char* in = "";             ///< signature of the arguments, or of the property
+    const char* out = "";            ///< of a method's results
+    const char* names = "";          ///< NAMES; of a property none
+    Flags flags{};                   ///< as in the contract
+    const char* documentation = "";  ///< as in the contract
 };
 
 namespace Detail {

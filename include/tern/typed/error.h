@@ -74,6 +74,7 @@ public:
 
     /// Never empty.
     const std::string& GetName() const { return mName; }
+    /// For people; may be empty.
     const std::string& GetText() const { return mText; }
 
     /// The status that comes nearest; the way back from `Error(StatusCode)`.
@@ -135,17 +136,24 @@ public:
     // `return`.
     template <class U = T>
     requires IS_VALUE<U> Outcome(U&& value) : mContent(std::in_place_index<0>, std::forward<U>(value)) {}
+    /// The error.
     Outcome(Error error) : mContent(std::in_place_index<1>, std::move(error)) {}
+    /// The error of the status.
     Outcome(StatusCode error) : mContent(std::in_place_index<1>, error) {}
     // NOLINTEND(google-explicit-constructor,bugprone-forwarding-reference-overload)
 
+    /// Whether there is a value.
     bool IsOk() const noexcept { return mContent.index() == 0; }
 
     /// The value. REQUIRES: IsOk(); std::bad_variant_access otherwise.
     T& operator*() & { return std::get<0>(mContent); }
+    /// As above.
     const T& operator*() const& { return std::get<0>(mContent); }
+    /// As above.
     T&& operator*() && { return std::get<0>(std::move(mContent)); }
+    /// As above.
     T* operator->() { return &std::get<0>(mContent); }
+    /// As above.
     const T* operator->() const { return &std::get<0>(mContent); }
 
     /// The error. REQUIRES: !IsOk(); std::bad_variant_access otherwise.
@@ -160,9 +168,12 @@ private:
 template <>
 class [[nodiscard]] Outcome<void> {
 public:
+    /// Done.
     Outcome() = default;
     // NOLINTBEGIN(google-explicit-constructor): made by `return`
+    /// The error.
     Outcome(Error error) : mError(std::move(error)) {}
+    /// Done if Ok, else the error of the status.
     Outcome(StatusCode status) {
         if (status != StatusCode::Ok) {
             mError.emplace(status);
@@ -170,6 +181,7 @@ public:
     }
     // NOLINTEND(google-explicit-constructor)
 
+    /// Whether it is done.
     bool IsOk() const noexcept { return !mError.has_value(); }
 
     /// The error. REQUIRES: !IsOk(); std::bad_optional_access otherwise.

@@ -57,6 +57,7 @@ public:
 
     /// The call; where a property is read the reply that is being made.
     sd_bus_message* GetMessage() const noexcept { return mMessage; }
+    /// Whose member it is.
     InterfaceBase& GetInterface() const noexcept { return mInterface; }
 
     /// Answers with a value, or, where a property is read, appends it to the reply.

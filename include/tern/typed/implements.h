@@ -9,6 +9,7 @@
 #include <tern/typed/handler.h>
 #include <tern/typed/handling.h>
 #include <tern/typed/interface_base.h>
+#include <tern/typed/write_result.h>
 
 #include <array>
 #include <cstddef>
@@ -24,9 +25,7 @@ namespace mwl::Typed {
 /// Says which function answers for the member `M`: one for a method, a getter for a property, a getter and a
 /// setter for a writable property. See `Implements`.
 template <const auto& M, auto... F>
-struct Bind {
-    using Member = Tag<M>;
-};
+struct Bind {};
 
 /// All of a class's bindings, in any order.
 template <class... B>
@@ -38,36 +37,15 @@ struct Unbound {
     static_assert(
         sizeof(Self) == 0,
         "a member of the contract is not bound: Describe() has no Bind for it (Unbound<class, member>)");
-    static constexpr bool IS_SOUND = false;
+    static constexpr bool IS_SOUND = false;  ///< so that one message is enough
 };
 
 namespace Detail {
 
-/// Appends the value at `value`, an R, to a message.
+/// Appends the result at `value`, an R, to a message.
 template <class R>
-int WriteValue(sd_bus_message* message, const void* value) {
-    return Codec<R>::Write(message, *static_cast<const R*>(value));
-}
-/// As above, one behind the other.
-template <class... V>
-int WriteValues(sd_bus_message* message, const std::tuple<V...>& values) {
-    int r = 0;
-    std::apply(
-        [&](const auto&... value) {
-            static_cast<void>(((r = Codec<std::remove_cvref_t<V>>::Write(message, value), r >= 0) && ...));
-        },
-        values);
-    return r;
-}
-template <class R>
-constexpr Handling::Writer WriterOf(const R*) {
-    return &WriteValue<R>;
-}
-template <class... T>
-constexpr Handling::Writer WriterOf(const Results<T...>*) {
-    return [](sd_bus_message* message, const void* value) {
-        return WriteValues<T...>(message, *static_cast<const Results<T...>*>(value));
-    };
+int WriteResultAt(sd_bus_message* message, const void* value) {
+    return WriteResult(message, *static_cast<const R*>(value));
 }
 
 /// Reads the arguments of a call; shared by all methods that take the same ones. Negative: refused.
@@ -99,10 +77,10 @@ template <class R>
             return 0;
         } else {
             const auto& value = *result;
-            return call.Answer(WriterOf(&value), &value);
+            return call.Answer(&WriteResultAt<std::remove_cvref_t<decltype(value)>>, &value);
         }
     } else {
-        return call.Answer(WriterOf(&result), &result);
+        return call.Answer(&WriteResultAt<R>, &result);
     }
 }
 
@@ -422,17 +400,22 @@ constexpr sd_bus_vtable MakeEntry() {
     }
 }
 
+template <const auto& M, class B>
+inline constexpr bool IS_BINDING_OF = false;
+template <const auto& M, auto... F>
+inline constexpr bool IS_BINDING_OF<M, Bind<M, F...>> = true;
+
 /// Refuses a binding that is of no use.
 template <class Self, class Contract, class B, class... All>
 struct CheckedBinding {
     static_assert(sizeof(B) == 0, "Bindings are of Bind<member, functions...>");
+    static constexpr bool IS_SOUND = true;
 };
 template <class Self, class Contract, const auto& M, auto... F, class... All>
 struct CheckedBinding<Self, Contract, Bind<M, F...>, All...> {
     static_assert(IS_MEMBER_OF<Contract, M>, "what is bound is not a member of this contract");
     static_assert(MemberType<M>::KIND != Kind::Signal, "a signal is not bound: Emit sends it");
-    static_assert((0 + ... + int{std::is_same_v<Tag<M>, typename All::Member>}) == 1,
-                  "a member of the contract is bound twice");
+    static_assert((0 + ... + int{IS_BINDING_OF<M, All>}) == 1, "a member of the contract is bound twice");
     static constexpr bool IS_SOUND = true;
 };
 
@@ -501,6 +484,7 @@ struct Vtable {
 template <class Self, class Contract>
 class Implements : public InterfaceBase {
 public:
+    /// On no bus yet.
     Implements() : InterfaceBase(Contract::NAME) {}
 
     /// Constant; nothing runs to make it.
@@ -545,13 +529,11 @@ public:
         return SendSignal(
             M.name,
             [](sd_bus_message* message, const void* all) {
-                return Detail::WriteValues(message, *static_cast<const Values*>(all));
+                return std::apply([message](const V&... each) { return Detail::WriteEach(message, each...); },
+                                  *static_cast<const Values*>(all));
             },
             &values);
     }
-
-private:
-    friend Self;
 };
 
 }  // namespace mwl::Typed

@@ -6,6 +6,7 @@
 #include <tern/typed/codec.h>
 #include <tern/typed/dispatcher.h>
 #include <tern/typed/error.h>
+#include <tern/typed/write_result.h>
 
 #include <cstdint>
 #include <memory>
@@ -30,19 +31,6 @@ struct ReplyState;
 TERN_API std::uint64_t TakeOver(ReplyState& state, sd_bus_message* call, sd_bus_error* error) noexcept;
 
 namespace Detail {
-
-/// Appends what a method answers with: one value, or each of several.
-template <class R>
-int WriteResult(sd_bus_message* reply, const R& result) {
-    return Write(reply, result);
-}
-template <class... T>
-int WriteResult(sd_bus_message* reply, const Results<T...>& results) {
-    int r = 0;
-    std::apply([&](const T&... value) { static_cast<void>(((r = Write(reply, value), r >= 0) && ...)); },
-               static_cast<const std::tuple<T...>&>(results));
-    return r;
-}
 
 template <class R>
 inline constexpr bool ANSWER_BORROWS = BORROWS<R>;

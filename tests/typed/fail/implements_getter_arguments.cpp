@@ -1,0 +1,37 @@
+// fails with: a getter takes no arguments
+#include <tern/typed/caller.h>
+#include <tern/typed/implements.h>
+#include <tern/typed/reply.h>
+
+#include <memory>
+#include <string>
+
+using namespace mwl::Typed;
+
+struct Room1 {
+    static constexpr const char* NAME = "com.example.Room1";
+    static constexpr Property<int> Level{"Level"};
+    static constexpr Members<Level> ALL{};
+};
+
+struct Room final : Implements<Room, Room1> {
+#ifdef MENDED
+    int Level() {
+        return 0;
+    }
+    static constexpr auto Describe() {
+        return Bindings<Bind<Room1::Level, &Room::Level>>();
+    }
+#else
+    int Level(int) {
+        return 0;
+    }
+    static constexpr auto Describe() {
+        return Bindings<Bind<Room1::Level, &Room::Level>>();
+    }
+#endif
+};
+
+std::unique_ptr<InterfaceBase> Make() {
+    return std::make_unique<Room>();
+}

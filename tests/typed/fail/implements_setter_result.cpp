@@ -1,0 +1,40 @@
+// fails with: a setter returns nothing, a StatusCode, an Outcome<void>, or as a bool whether the value has
+// changed
+#include <tern/typed/caller.h>
+#include <tern/typed/implements.h>
+#include <tern/typed/reply.h>
+
+#include <memory>
+#include <string>
+
+using namespace mwl::Typed;
+
+struct Room1 {
+    static constexpr const char* NAME = "com.example.Room1";
+    static constexpr WritableProperty<int> Level{"Level"};
+    static constexpr Members<Level> ALL{};
+};
+
+struct Room final : Implements<Room, Room1> {
+#ifdef MENDED
+    int level = 0;
+    bool Set(int value) {
+        return value > 0;
+    }
+    static constexpr auto Describe() {
+        return Bindings<Bind<Room1::Level, &Room::level, &Room::Set>>();
+    }
+#else
+    int level = 0;
+    int Set(int value) {
+        return value;
+    }
+    static constexpr auto Describe() {
+        return Bindings<Bind<Room1::Level, &Room::level, &Room::Set>>();
+    }
+#endif
+};
+
+std::unique_ptr<InterfaceBase> Make() {
+    return std::make_unique<Room>();
+}
