@@ -51,6 +51,7 @@ public:
             mOperations = &Outside<Held>::OPERATIONS;
         }
     }
+    /// Takes over; `other` is empty then.
     UniqueFunction(UniqueFunction&& other) noexcept { Take(other); }
     /// What was held dies after the new one is in place.
     UniqueFunction& operator=(UniqueFunction&& other) noexcept {

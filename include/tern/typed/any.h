@@ -104,6 +104,7 @@ public:
         }
     }
 
+    /// Whether there is no value.
     bool IsEmpty() const { return mSignature.empty(); }
     /// Of the content: one complete type; "{..}" for an entry of a dictionary that At gave; empty when there
     /// is none.

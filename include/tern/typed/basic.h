@@ -84,6 +84,7 @@ consteval Reason ReasonAgainst() {
 /// What is instantiated here is a type that D-Bus cannot carry: it does not compile, with one message.
 template <class T>
 struct Codec {
+    /// Why there is no codec.
     static constexpr auto WHY = Detail::ReasonAgainst<T>();
     static_assert(WHY != Detail::Reason::Float, "D-Bus has no float and no long double: use double");
     static_assert(WHY != Detail::Reason::Char,
@@ -101,8 +102,11 @@ struct Codec {
     static_assert(WHY != Detail::Reason::Other, "D-Bus cannot carry this type: there is no Codec<T> for it");
 
     // So that no further message follows.
+    /// Of no type.
     static constexpr Text<1> SIGNATURE = "?";
+    /// Never called.
     static int Write(sd_bus_message*, const T&) { return -EOPNOTSUPP; }
+    /// Never called.
     static int Read(sd_bus_message*, T&, Fault&) { return -EOPNOTSUPP; }
 };
 
@@ -252,6 +256,7 @@ struct Codec<const char*> : Detail::OfCode<'s'> {
         return value == nullptr ? -EINVAL : AppendText(message, 's', value);
     }
 };
+/// A pointer borrows.
 template <>
 inline constexpr bool BORROWS<const char*> = true;
 

@@ -40,6 +40,7 @@ class TERN_API Exported {
 public:
     /// None; GetStatus is NotInitialized.
     Exported() noexcept;
+    /// Takes the object over; `other` has none then.
     Exported(Exported&& other) noexcept;
     /// The object held before goes.
     Exported& operator=(Exported&& other) noexcept;

@@ -200,12 +200,16 @@ using MemberType = std::remove_cvref_t<decltype(M)>;
 /// Whether a type is that of a member.
 template <class T>
 inline constexpr bool IS_MEMBER = false;
+/// A method is one.
 template <class R, class... A>
 inline constexpr bool IS_MEMBER<Method<R(A...)>> = true;
+/// A property is one.
 template <class T>
 inline constexpr bool IS_MEMBER<Property<T>> = true;
+/// A writable property is one.
 template <class T>
 inline constexpr bool IS_MEMBER<WritableProperty<T>> = true;
+/// A signal is one.
 template <class... A>
 inline constexpr bool IS_MEMBER<Signal<A...>> = true;
 
@@ -362,6 +366,7 @@ struct Members {
 /// Whether a type is Members<...>.
 template <class T>
 inline constexpr bool IS_MEMBERS = false;
+/// A list of members is one.
 template <const auto&... M>
 inline constexpr bool IS_MEMBERS<Members<M...>> = true;
 

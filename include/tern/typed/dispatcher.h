@@ -62,9 +62,12 @@ public:
     public:
         /// None.
         Place() noexcept;
+        /// Takes the place over; `other` is none then.
         Place(Place&& other) noexcept;
+        /// The one held before is given back.
         Place& operator=(Place&& other) noexcept;
         ~Place();
+        /// Whether there is one.
         explicit operator bool() const noexcept { return mNode != nullptr; }
 
     private:

@@ -14,9 +14,12 @@ namespace mwl::Typed {
 /// One value of an enumeration that goes over the bus as text.
 template <class E>
 struct EnumText {
+    /// What the program has.
     E value;
+    /// What the bus has.
     const char* text;
 };
+/// So that `EnumText{Mode::On, "on"}` does without the type.
 template <class E>
 EnumText(E, const char*) -> EnumText<E>;
 

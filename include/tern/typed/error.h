@@ -134,6 +134,7 @@ class [[nodiscard]] Outcome {
 public:
     // NOLINTBEGIN(google-explicit-constructor,bugprone-forwarding-reference-overload): constrained; made by
     // `return`.
+    /// The value.
     template <class U = T>
     requires IS_VALUE<U> Outcome(U&& value) : mContent(std::in_place_index<0>, std::forward<U>(value)) {}
     /// The error.

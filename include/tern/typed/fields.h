@@ -18,21 +18,28 @@ namespace mwl::Typed {
 /// A member of an aggregate and its key in the dictionary.
 template <class Class, class Member>
 struct Field {
+    /// `key` is a literal.
     constexpr Field(const char* key, Member Class::*pointer) : name(key), member(pointer) {}
 
+    /// The key.
     const char* name;
+    /// What it is the key of.
     Member Class::*member;
 };
 
 /// What DBusFields() returns; made by Fields or StrictFields.
 template <bool STRICT, class... F>
 struct FieldList {
+    /// Whether unknown keys are refused.
     static constexpr bool IS_STRICT = STRICT;
+    /// Number of fields.
     static constexpr std::size_t COUNT = sizeof...(F);
     static_assert(COUNT >= 1 && COUNT <= 64, "DBusFields() describes 1 to 64 fields");
 
+    /// See Fields.
     constexpr explicit FieldList(F... described) : fields(described...) {}
 
+    /// One Field each, in order.
     std::tuple<F...> fields;
 };
 
@@ -178,6 +185,7 @@ constexpr bool BorrowsInFields(std::index_sequence<INDEX...>) {
 
 }  // namespace Detail
 
+/// A dictionary borrows when one of its fields does.
 template <Detail::DescribedFields T>
 inline constexpr bool BORROWS<T> =
     Detail::BorrowsInFields<T>(std::make_index_sequence<decltype(T::DBusFields())::COUNT>());

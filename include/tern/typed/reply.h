@@ -62,11 +62,13 @@ protected:
 
     /// REQUIRES: `id` is from TakeOver with this state, and no token has been made from it yet.
     ReplyToken(std::shared_ptr<ReplyState> state, std::uint64_t id) noexcept;
+    /// Takes the call over; `other` has none then.
     ReplyToken(ReplyToken&& other) noexcept;
     /// What was held unanswered is answered as if destroyed.
     ReplyToken& operator=(ReplyToken&& other) noexcept;
     ~ReplyToken();
 
+    /// Answers with what `writer` appends; see Reply::Return.
     void Answer(Writer writer);
 
 private:
@@ -105,7 +107,9 @@ class [[nodiscard]] Reply : public ReplyToken {
 public:
     /// REQUIRES: `id` is from TakeOver with this state, and no Reply has been made from it yet.
     Reply(std::shared_ptr<ReplyState> state, std::uint64_t id) noexcept : ReplyToken(std::move(state), id) {}
+    /// Takes the call over; `other` has none then.
     Reply(Reply&& other) noexcept = default;
+    /// A call held unanswered before is answered as if dropped.
     Reply& operator=(Reply&& other) noexcept = default;
     ~Reply() = default;
 

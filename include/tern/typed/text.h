@@ -11,6 +11,7 @@ namespace mwl::Typed {
 ///     constexpr auto entry = Text("{") + Text("sv") + Text("}");   // entry.text is "{sv}", entry.SIZE is 4
 template <std::size_t N>
 struct Text {
+    /// Number of characters.
     static constexpr std::size_t SIZE = N;
 
     char text[N + 1]{};  ///< public, so that a Text can be a template argument
@@ -23,12 +24,15 @@ struct Text {
         }
     }
 
+    /// The characters, valid as long as this.
     constexpr std::string_view View() const { return {text, N}; }
 };
 
+/// So that `Text("sv")` does without the length.
 template <std::size_t N>
 Text(const char (&)[N]) -> Text<N - 1>;
 
+/// One text behind the other.
 template <std::size_t A, std::size_t B>
 constexpr Text<A + B> operator+(const Text<A>& first, const Text<B>& second) {
     Text<A + B> sum;
@@ -41,6 +45,7 @@ constexpr Text<A + B> operator+(const Text<A>& first, const Text<B>& second) {
     return sum;
 }
 
+/// The characters are the same.
 template <std::size_t A, std::size_t B>
 constexpr bool operator==(const Text<A>& first, const Text<B>& second) {
     return first.View() == second.View();

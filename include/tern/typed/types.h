@@ -102,13 +102,14 @@ public:
 
     /// A literal of the right form; every other one is an error of the compiler.
     struct Literal {
+        /// Implicit, as a literal is meant to be given.
         consteval Literal(const char* literal) : text(literal) {
             if (!Check(text)) {
                 throw "this literal is no object path, or no signature";  // never reached: the compiler stops
                                                                           // here
             }
         }
-        std::string_view text;
+        std::string_view text;  ///< the literal
     };
 
     /// "/", or the empty signature.
@@ -124,6 +125,7 @@ public:
         checked.mText = std::move(text);
         return checked;
     }
+    /// Whether `text` is of the right form.
     static constexpr bool Check(std::string_view text) {
         return CODE == 'o' ? IsObjectPath(text) : IsSignature(text);
     }
@@ -131,7 +133,9 @@ public:
     /// Empty as a path after the object was moved from; it is then refused when sent.
     const std::string& GetText() const { return mText; }
 
+    /// The texts are the same.
     friend bool operator==(const CheckedText&, const CheckedText&) = default;
+    /// By bytes.
     friend std::strong_ordering operator<=>(const CheckedText& a, const CheckedText& b) {
         return a.mText.compare(b.mText) <=> 0;
     }
@@ -166,7 +170,9 @@ public:
     OwnedFd() noexcept = default;
     /// Takes the descriptor over.
     explicit OwnedFd(int fd) noexcept : mFd(fd) {}
+    /// Takes the descriptor over; `other` has none then.
     OwnedFd(OwnedFd&& other) noexcept : mFd(other.Release()) {}
+    /// The one held before is closed.
     OwnedFd& operator=(OwnedFd&& other) noexcept {
         Reset(other.Release());
         return *this;
@@ -176,7 +182,9 @@ public:
     /// A duplicate, close-on-exec and at least 3; none when that fails, `errno` tells why (fcntl(2)).
     TERN_API static OwnedFd Duplicate(int fd) noexcept;
 
+    /// The descriptor; -1 for none.
     int Get() const noexcept { return mFd; }
+    /// Whether there is one.
     explicit operator bool() const noexcept { return mFd >= 0; }
     /// Gives the descriptor away; the caller closes it.
     [[nodiscard]] int Release() noexcept { return std::exchange(mFd, -1); }
@@ -197,7 +205,7 @@ private:
 /// A file descriptor of somebody else, who keeps it open: the message that it was read from, so that it is
 /// valid while the handler runs, or the caller that sends it. -1 is none and cannot be sent.
 struct BorrowedFd {
-    int fd = -1;
+    int fd = -1;  ///< the message's; not to be closed
 };
 
 template <>
@@ -216,6 +224,7 @@ struct Codec<BorrowedFd> : Detail::OfCode<'h'> {
         return sd_bus_message_read_basic(message, 'h', &value.fd);
     }
 };
+/// The descriptor is the message's.
 template <>
 inline constexpr bool BORROWS<BorrowedFd> = true;
 
@@ -225,6 +234,7 @@ template <class... T>
 struct Results : std::tuple<T...> {
     using std::tuple<T...>::tuple;
 };
+/// So that `Results(path, size)` does without the types.
 template <class... T>
 Results(T...) -> Results<T...>;
 
@@ -232,9 +242,11 @@ Results(T...) -> Results<T...>;
 /// used once the handler has returned. On the bus it is a T.
 template <class T>
 struct Borrow {
-    T value{};
+    T value{};  ///< as the type T has it
 
+    /// The value.
     const T& operator*() const { return value; }
+    /// The value's members.
     const T* operator->() const { return &value; }
 };
 
@@ -249,6 +261,7 @@ struct Codec<Borrow<T>> {
     }
 };
 
+/// The handler knows, and has said so.
 template <class T>
 inline constexpr bool BORROWS<Borrow<T>> = false;
 
