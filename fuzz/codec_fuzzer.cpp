@@ -68,9 +68,7 @@ void Read(tern::test::TestMessages& messages, sd_bus_message* message) {
         tern::test::TestMessages::Seal(copy);
         T again{};
         Require(Codec<T>::Read(copy.get(), again, fault) > 0);
-        // Bytes instead of values: a double that is no number is not equal to itself.
-        const tern::test::BusMessage second = messages.New();
-        Require(Codec<T>::Write(second.get(), again) >= 0);
+        Require(again == value || value != value);  // a double that is no number is not even equal to itself
         if constexpr (std::is_same_v<T, Any>) {
             Require(again.ToText() == value.ToText() && again.GetSignature() == value.GetSignature());
             Require(IsText(value.ToText()));

@@ -256,10 +256,12 @@ private:
     int Write(const Any& any) {
         const char code = any.mSignature[0];
         if (const auto* const text = std::get_if<std::string>(&any.mValue)) {
-            const std::size_t size = SizeOfElement(any.mSignature);
-            return size == 0
-                       ? AppendText(mMessage, code, *text)
-                       : sd_bus_message_append_array(mMessage, any.mSignature[1], text->data(), text->size());
+            if (SizeOfElement(any.mSignature) != 0) {
+                return sd_bus_message_append_array(mMessage, any.mSignature[1], text->data(), text->size());
+            }
+            // Paths and signatures are left to sd-bus, which takes some that IsSignature does not.
+            return code == 's' ? AppendText(mMessage, code, *text)
+                               : sd_bus_message_append_basic(mMessage, code, text->c_str());
         }
         if (const auto* const children = std::get_if<std::vector<Any>>(&any.mValue)) {
             return code == 'v' ? WriteVariant(children->front()) : WriteContainer(any.mSignature, *children);

@@ -42,6 +42,9 @@ int ReadBulk(sd_bus_message* message, char code, std::size_t elementSize, const 
     if (result <= 0) {
         return result;
     }
+    if (length % elementSize != 0) {
+        return -EBADMSG;  // sd-bus hands out the part of an element at the end, too
+    }
     if (length / elementSize > MAX_ELEMENTS) {
         return fault.TooMany();
     }

@@ -74,6 +74,13 @@ TEST_F(AnyValues, KeepsText) {
     CheckAny("\"fast\"", Speed::Fast, "s", "fast");
 }
 
+// sd-bus takes an entry outside of an array as a signature: what was received can be passed on.
+TEST_F(AnyValues, KeepsWhatSdBusTakesAsASignature) {
+    const BusMessage made = mMessages.Make("v", "g", "{sv}");
+    const std::string body = Body(made);
+    EXPECT_EQ(Body(Written(ReadOne<Any>(made).value)), body);
+}
+
 TEST_F(AnyValues, KeepsContainers) {
     CheckAny("[1, 2, 3]", std::vector<std::uint8_t>{1, 2, 3}, "ay", 3, 1, 2, 3);
     CheckAny("[-1, 2]", std::vector<std::int16_t>{-1, 2}, "an", 2, -1, 2);

@@ -246,6 +246,32 @@ TEST_F(Containers, HaveALimitWhenRead) {
     EXPECT_TRUE(refused(ReadOne<std::map<std::uint8_t, std::uint8_t>>(message)));
 }
 
+// sd-bus hands out such an array as it is: 20 bytes of two and a half numbers were copied over the end of
+// two.
+TEST_F(Containers, WithAPartOfAnElementAreRefused) {
+    RawMessages raw;
+    const auto deliver = [&raw](std::string_view signature, std::string_view contents, std::size_t bytes) {
+        WireWriter body;
+        if (signature == "v") {
+            body.Signature(contents);
+        }
+        const WireWriter::Array array = body.BeginArray(8);
+        for (std::size_t i = 0; i < bytes; ++i) {
+            body.Byte(0);
+        }
+        body.EndArray(array);
+        BusMessage message = raw.Deliver(signature, body.Bytes());
+        EXPECT_NE(message, nullptr);
+        return message;
+    };
+    EXPECT_EQ((ReadOne<std::array<double, 2>>(deliver("ad", "", 20)).result), -EBADMSG);
+    EXPECT_EQ(ReadOne<std::vector<double>>(deliver("ad", "", 20)).result, -EBADMSG);
+    EXPECT_EQ(ReadOne<std::span<const double>>(deliver("ad", "", 20)).result, -EBADMSG);
+    EXPECT_EQ(ReadOne<Any>(deliver("v", "ad", 20)).result, -EBADMSG);
+    EXPECT_GT((ReadOne<std::array<double, 2>>(deliver("ad", "", 16)).result), 0);
+    EXPECT_GT(ReadOne<Any>(deliver("v", "ad", 16)).result, 0);
+}
+
 constexpr ByteOrder OTHER = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? ByteOrder::Big : ByteOrder::Little;
 
 class OtherByteOrder : public Containers {

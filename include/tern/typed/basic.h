@@ -73,7 +73,7 @@ consteval Reason ReasonAgainst() {
 ///
 ///     template <>
 ///     struct Codec<std::chrono::seconds> {
-///         static constexpr Text SIGNATURE = "t";                       // of exactly one complete type
+///         static constexpr Text SIGNATURE = "x";    // of exactly one complete type
 ///         static int Write(sd_bus_message* message, const std::chrono::seconds& value);
 ///         static int Read(sd_bus_message* message, std::chrono::seconds& value, Fault& fault);
 ///     };

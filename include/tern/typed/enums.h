@@ -31,9 +31,11 @@ concept DescribedEnum = std::is_enum_v<E> && requires(E value) {
 
 /// Enumerations that are described, in their own namespace, by a function that is never called at run time:
 ///
-///     constexpr auto DBusEnum(Mode) { return std::array{Mode::Off, Mode::On}; }                    // as
-///     integers constexpr auto DBusEnum(Mode) { // as text
-///         return std::array{EnumText<Mode>{Mode::Off, "off"}, EnumText<Mode>{Mode::On, "on"}};
+///     // as integers
+///     constexpr auto DBusEnum(Mode) { return std::array{Mode::Off, Mode::On}; }
+///     // as text
+///     constexpr auto DBusEnum(Speed) {
+///         return std::array{EnumText{Speed::Slow, "slow"}, EnumText{Speed::Fast, "fast"}};
 ///     }
 ///
 /// The integer is the underlying type's. Values outside the description are refused, in both directions:

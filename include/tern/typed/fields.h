@@ -36,8 +36,7 @@ struct FieldList {
     std::tuple<F...> fields;
 };
 
-/// Describes an aggregate that goes over the bus as a{sv}, one entry per field, as sd-bus services pass
-/// options:
+/// Describes an aggregate that goes over the bus as a{sv}, one entry per field, as services pass options:
 ///
 ///     struct Options {
 ///         std::uint32_t seconds = 0;
@@ -48,13 +47,13 @@ struct FieldList {
 ///     };
 ///
 /// Sent: every field, in this order, without the std::optional ones that are empty. Read, in any order:
-/// - A key that is missing: the std::optional field is empty; any other one is told, "the key 'Seconds' is
-/// missing".
+/// - A key that is missing: a std::optional field is empty; of another one it is told, "the key 'Seconds' is
+///   missing".
 /// - A value of another type: told, with the key, "'s' where 'u' is wanted".
-/// - A key that is not described: skipped, as it may be a later version's; with StrictFields it is told, "the
-/// key
-///   'Minutes' is unknown".
+/// - A key that is not described: skipped, as it may be a later version's; with StrictFields it is told,
+///   "the key 'Minutes' is unknown".
 /// - A key twice: the last one counts.
+///
 /// A field that is a variant itself (Any, std::variant) is the entry's variant, not one within it.
 template <class... F>
 constexpr FieldList<false, F...> Fields(F... fields) {

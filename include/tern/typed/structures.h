@@ -180,7 +180,7 @@ template <class A, class B>
 inline constexpr bool BORROWS<std::pair<A, B>> = BORROWS<A> || BORROWS<B>;
 
 /// Aggregates of 1 to 16 fields, in the order of their declaration: structures without base classes,
-/// constructors, private members and C arrays. No description is needed. Every other type needs a Codec of
+/// constructors, private members or C arrays. No description is needed. Every other class needs a Codec of
 /// its own.
 template <Detail::Aggregate T>
 struct Codec<T> {
