@@ -2,11 +2,18 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
+#include <tern/service/component.h>
+#include <tern/service/ipc_server.h>
+#include <tern/service/service_main_loop.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/threads_monitor.h>
 #include <tern/typed/bus.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <new>
 #include <set>
@@ -748,7 +755,77 @@ TEST(Bus, AFailedOpenLeavesNothingBehind) {
     EXPECT_EQ(bus.Open(manager, loop), StatusCode::Ok);
 }
 
-// The first wrong call of a newcomer is a job's, from a worker.
+/// What an author writes: the bus is a member, and nothing is thought of the end.
+class Server : public DBusService::IpcServer {
+public:
+    explicit Server(StatusCode result) : mResult(result) {}
+    StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override {
+        EXPECT_EQ(mBus.Open(manager, loop), StatusCode::Ok);
+        EXPECT_EQ(mBus.AddObjectManager(ROOT), StatusCode::Ok);
+        auto room = std::make_unique<Room>();
+        room->onLater = [this](Reply<std::uint32_t> reply, std::uint32_t) {
+            mReply.emplace(std::move(reply));
+        };
+        room->onGuarded = [](const Caller&, std::uint32_t number) { return number; };
+        mObject = mBus.Export(PATH, std::move(room));
+        return mResult;
+    }
+    void Stop() override {
+        // Where the loop has run it is closed already.
+        EXPECT_EQ(mBus.GetBus() == nullptr, mResult == StatusCode::Ok);
+        mBus.Close();
+    }
+
+private:
+    const StatusCode mResult;
+    Bus mBus;
+    Exported mObject;
+    std::optional<Reply<std::uint32_t>> mReply;
+};
+
+TEST(BusInAComponent, IsDestroyedOnTheMainThreadWithNothingOfTheConnectionLeft) {
+    tern::test::PrivateBus daemon;
+    tern::test::LogCapture log(4);
+    ASSERT_EQ(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread(), StatusCode::Ok);
+    const std::string name = tern::test::SERVICE;
+    std::vector<std::string> answers;
+    {
+        Threading::Signals signals;
+        Threading::ThreadsMonitor monitor(signals);
+        Server server(StatusCode::Ok);
+        DBusService::Component component(name, monitor, server);
+        ASSERT_EQ(component.Start(), StatusCode::Ok);
+        Peer peer;
+        EXPECT_EQ(peer.Call(PATH, ROOM, "Guarded", "u", 4U), "4");
+        peer.Send(answers, PATH, ROOM, "Later", "u", 4U);
+        peer.Ping();
+        kill(getpid(), SIGTERM);
+        component.JoinThread();
+        ASSERT_TRUE(peer.WaitForAnswers(answers, 1));
+        EXPECT_FALSE(monitor.HasFailure());
+    }
+    EXPECT_THAT(answers, ElementsAre("org.freedesktop.DBus.Error.NoReply: the service is stopping"));
+    EXPECT_THAT(log.Entries(), IsEmpty()) << "a slot or message that is left would be told";
+}
+
+TEST(BusInAComponent, IsClosedByItsAuthorWhereTheLoopNeverRan) {
+    tern::test::PrivateBus daemon;
+    tern::test::LogCapture log(3);
+    ASSERT_EQ(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread(), StatusCode::Ok);
+    const std::string name = tern::test::SERVICE;
+    Threading::Signals signals;
+    Threading::ThreadsMonitor monitor(signals);
+    Server server(StatusCode::NotSupported);
+    DBusService::Component component(name, monitor, server);
+    EXPECT_EQ(component.Start(), StatusCode::NotSupported);
+    component.JoinThread();
+    EXPECT_THAT(log.Entries("Typed"), IsEmpty());
+    EXPECT_THAT(
+        log.Entries("DBusService::Component"),
+        ElementsAre(tern::test::Error("DBusService::Component", "Failed to start D-Bus thread, status=60")));
+}
+
+// The first wrong call of a newcomer is a worker's.
 TEST(BusDeathTest, DebugBuildsNoticeAnotherThread) {
 #ifdef NDEBUG
     GTEST_SKIP() << "only debug builds look";

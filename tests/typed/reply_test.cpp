@@ -315,6 +315,7 @@ TEST_F(ReplyTest, WhatAnAuthorsCodecDoesStaysInside) {
     mServed->On([&] {
         mServed->exported.push_back(mServed->typed->Export("/odd", std::make_unique<OddInterface>()));
     });
+    gWay = Way::Refuse;
     constexpr const char* INSIDE = "org.freedesktop.DBus.Error.Failed: the service failed internally";
     EXPECT_EQ(mPeer->Call("/odd", "com.example.Odd1", "Get"), INSIDE);
     mPeer->Ping();
