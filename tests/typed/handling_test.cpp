@@ -5,6 +5,7 @@
 #include <tern/typed/implements.h>
 #include <tern/typed/reply.h>
 
+#include <cerrno>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -55,6 +56,7 @@ struct Costly {
     std::uint64_t value = 0;
 };
 Thrown gReading = Thrown::Nothing;
+int gReadResult = 1;
 
 std::string ThrowIt(Thrown thrown) {
     switch (thrown) {
@@ -83,6 +85,9 @@ struct mwl::Typed::Codec<Costly> {
     }
     static int Read(sd_bus_message* message, Costly& value, Fault& fault) {
         ThrowIt(gReading);
+        if (gReadResult < 0) {
+            return gReadResult;
+        }
         return Codec<std::uint64_t>::Read(message, value.value, fault);
     }
 };
@@ -126,7 +131,10 @@ struct TrapOnWire {
         Wire::Check(sd_bus_add_object_vtable(wire.Server(), nullptr, PATH, Trap1::NAME, trap.GetVtable(),
                                              trap.GetUserData()));
     }
-    ~TrapOnWire() { gReading = Thrown::Nothing; }
+    ~TrapOnWire() {
+        gReading = Thrown::Nothing;
+        gReadResult = 1;
+    }
 
     /// Calls a method, reads a property or writes one.
     Answer Use(const std::string& member) {
@@ -313,5 +321,27 @@ TEST(Handling, LateHandlerThatThrowsIsAnsweredByItsReplyAlone) {
                     ElementsAre(tern::test::Error(
                         "Typed", "com.example.Room1.Later of /com/example/Room, asked by " + peer.Name() +
                                      ", threw " + row.logged + " (0 like it not logged)")));
+    }
+}
+
+TEST(Handling, ArgumentThatCannotBeReadIsNotAlwaysTheCallersFault) {
+    struct {
+        int result;
+        const char* name;
+        const char* text;
+    } const table[] = {
+        {-ENOMEM, NO_MEMORY, "argument 'value': Cannot allocate memory"},
+        {-EOPNOTSUPP, "org.freedesktop.DBus.Error.NotSupported", "argument 'value': Operation not supported"},
+        {-EMFILE, "org.freedesktop.DBus.Error.LimitsExceeded", "argument 'value': Too many open files"},
+        {-ENFILE, "org.freedesktop.DBus.Error.LimitsExceeded",
+         "argument 'value': Too many open files in system"},
+        {-EBADMSG, "org.freedesktop.DBus.Error.InvalidArgs", "argument 'value': Bad message"},
+    };
+    for (const auto& row : table) {
+        TrapOnWire on;
+        gReadResult = row.result;
+        const Answer answer = on.Use("Costly");
+        EXPECT_EQ(answer.name, row.name);
+        EXPECT_EQ(answer.text, row.text);
     }
 }

@@ -16,6 +16,9 @@
 
 TERN_INTERPOSE(int, sd_bus_send, (sd_bus * bus, sd_bus_message* message, uint64_t* cookie),
                (bus, message, cookie))
+TERN_INTERPOSE(int, sd_bus_query_sender_privilege, (sd_bus_message * call, int capability),
+               (call, capability))
+
 using namespace mwl::Typed;
 using tern::test::Answer;
 using tern::test::LogCapture;
@@ -592,6 +595,30 @@ TEST_F(ImplementsTest, CheckedMethodGoesOnWhenTheCallerIsKnown) {
 
 TEST_F(ImplementsTest, CheckedMethodWithoutATypedBusHasSdBusAsk) {
     EXPECT_EQ(Call("Guarded", "u", 4U).Get<std::uint32_t>(), 5U);  // the caller is this very user
+}
+
+TEST_F(ImplementsTest, CheckedMethodWithoutATypedBusIsClosedToOthers) {
+    const LogCapture log;
+    tern::test::FaultScope scope(fault_sd_bus_query_sender_privilege);
+    fault_sd_bus_query_sender_privilege.Replace([](sd_bus_message*, int capability) {
+        EXPECT_EQ(capability, CAP_SYS_TIME);
+        return 0;
+    });
+    const Answer refused = Call("Guarded", "u", 4U);
+    EXPECT_EQ(refused.name, ACCESS_DENIED);
+    EXPECT_EQ(refused.text, "Access to com.example.Room1.Guarded() not permitted.");
+    // Nor is it open when that cannot be found out.
+    fault_sd_bus_query_sender_privilege.Fail(-ENODATA);
+    EXPECT_NE(Call("Guarded", "u", 4U).name, "");
+    EXPECT_THAT(
+        log.Entries("Typed"),
+        ElementsAre(
+            tern::test::Info("Typed",
+                             "com.example.Room1.Guarded of /com/example/Room, asked by nobody, refused: "
+                             "org.freedesktop.DBus.Error.AccessDenied (0 like it not logged)"),
+            tern::test::Info("Typed",
+                             "com.example.Room1.Guarded of /com/example/Room, asked by nobody, refused: "
+                             "No data available (0 like it not logged)")));
 }
 
 // Properties ---------------------------------------------------------------------------------------------
