@@ -3,6 +3,7 @@
 It fails to make JSON of dictionaries whose keys are no text, so those are read from its plain output.
 """
 
+import atexit
 import codecs
 import json
 import re
@@ -71,6 +72,7 @@ class Monitor:
         self.lock = threading.Condition()
         self.signals = []
         self.errors = []
+        atexit.register(self.process.kill)
         threading.Thread(target=self.read, daemon=True).start()
 
     def read(self):

@@ -3,6 +3,7 @@
 gdbus asks for the introspection data first and reads its arguments as what stands there, so it cannot send another type.
 """
 
+import atexit
 import json
 import re
 import shutil
@@ -164,6 +165,7 @@ class Monitor:
         self.process = subprocess.Popen(["gdbus", "monitor", "--system", "--dest", NAME], stdout=subprocess.PIPE, text=True)
         self.lock = threading.Condition()
         self.signals = []
+        atexit.register(self.process.kill)
         threading.Thread(target=self.read, daemon=True).start()
 
     def read(self):
@@ -206,6 +208,8 @@ class GdbusPeer:
         self.monitor.begin(lambda said: self.call("EchoString", "s", [said]))
 
     def ask(self, method, types, values):
+        if any(gallery.glib_misreads(t, v) for t, v in zip(types, values)):
+            raise CannotSay
         done = subprocess.run(
             ["gdbus", "call", "--system", "--dest", NAME, "--object-path", PATH, "--method", method]
             + [text(t, v) for t, v in zip(types, values)],

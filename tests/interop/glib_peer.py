@@ -4,7 +4,7 @@ import os
 import sys
 
 import gallery
-from gallery import INTERFACE, NAME, PATH, PROPERTIES, Refused, Variant, types_of
+from gallery import INTERFACE, NAME, PATH, PROPERTIES, CannotSay, Refused, Variant, types_of
 
 try:
     from gi.repository import Gio, GLib
@@ -64,6 +64,8 @@ class GlibPeer:
 
     def ask(self, name, path, interface, member, signature, values, descriptors=()):
         """The reply's body, and its descriptors."""
+        if any(gallery.glib_misreads(t, v) for t, v in zip(types_of(signature), values)):
+            raise CannotSay
         message = Gio.DBusMessage.new_method_call(name, path, interface, member)
         message.set_byte_order(self.order)
         if signature:
@@ -115,6 +117,11 @@ def try_descriptors(peer):
         report.check("descriptors", refused.name == gallery.PREFIX + "InvalidArgs" and "descriptor" in refused.text,
                      f"a descriptor in a variant was refused by {refused}")  # fmt: skip
     os.close(reading)
+    try:
+        peer.ask(NAME, PATH, INTERFACE, "EchoDescriptor", "h", [0])
+        report.check("descriptors", False, "a descriptor that is not there was not refused")
+    except Refused as refused:
+        report.check("descriptors", refused.name == gallery.PREFIX + "InvalidArgs", f"a missing one was refused by {refused}")
     return report.end()
 
 
@@ -132,6 +139,11 @@ def try_edges(peer):
     nested = gallery.deep(31)
     found = peer.call("EchoAnything", "v", [nested])
     report.check("nesting", gallery.equal("v", found[0], nested), "32 levels of variants came back otherwise")
+    twice = Gio.DBusMessage.new_method_call(NAME, PATH, INTERFACE, "EchoNumbers")
+    twice.set_byte_order(peer.order)
+    twice.set_body(GLib.Variant.parse(None, "({uint32 5: 'first', 5: 'last'},)", None, None))
+    reply, _ = peer.bus.send_message_with_reply_sync(twice, Gio.DBusSendMessageFlags.NONE, PATIENCE_MS, None)
+    report.check("keys", from_glib(reply.get_body()) == ({5: "last"},), f"of a key twice came back {reply.get_body()}")
     # Unicode's noncharacters are text to D-Bus, but sd-bus reads none. The caller is told, and the connection stays.
     for text in ("\ufffe", "\U0010ffff"):
         try:

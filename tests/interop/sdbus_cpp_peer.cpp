@@ -298,6 +298,16 @@ public:
         }
     }
 
+    /// The property is of another type than the value.
+    template <class T>
+    void RefusesType(const std::string& row, const std::string& sent, const std::string& wanted,
+                     const T& value) {
+        Refused(
+            row, INVALID_ARGS,
+            "Incorrect parameters for property '" + row + "', expected '" + wanted + "', got '" + sent + "'.",
+            [&] { mProxy->setProperty(row).onInterface(INTERFACE).toValue(value); });
+    }
+
     /// A pipe's end there and back: what is written into what comes back is read at the other end.
     void TryDescriptor() {
         std::array<int, 2> ends{};
@@ -432,6 +442,8 @@ void TryRefusals(Gallery& gallery) {
         deep = Variant(Dictionary{{"deeper", deep}});
     }
     gallery.RefusesValue("Anything", "", "more than 32 containers inside each other", deep);
+    gallery.RefusesType("Byte", "u", "y", std::uint32_t{5});
+    gallery.RefusesType("Strings", "s", "as", std::string("x"));
 
     const auto wrong = [](const std::string& sent, const std::string& member, const std::string& wanted) {
         return "Invalid arguments '" + sent + "' to call " + INTERFACE + "." + member + "(), expecting '" +
