@@ -173,18 +173,26 @@ ZipEntry OpenEntry(zip_t* archive, zip_uint64_t index, const ZipEntryMethods& me
 enum class ReadResult { Whole, ChecksumDiffers, Failed };
 
 /// Reads the entry into `buffer` of `size` bytes, and on to its end, where libzip compares size and checksum.
-/// An entry shorter than it claims leaves the rest of the buffer as it is, which `isShort` tells.
-ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool& isShort) {
+/// Without a checksum, as encrypted entries may be, libzip 1.11 does not compare the size either:
+/// `comparesSize` has that done here. An entry shorter than it claims leaves the rest of the buffer as it is,
+/// which `isShort` tells.
+ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool comparesSize, bool& isShort) {
     const zip_int64_t count = zip_fread(entry, buffer, size);
     if (count < 0) {
         return ReadResult::Failed;
     }
     isShort = static_cast<zip_uint64_t>(count) < size;
     char surplus[SURPLUS_SIZE];
+    zip_uint64_t total = static_cast<zip_uint64_t>(count);
     zip_int64_t more = zip_fread(entry, surplus, sizeof surplus);
-    const bool isAsLongAsClaimed = more <= 0 && static_cast<zip_uint64_t>(count) == size;
+    const bool isAsLongAsClaimed = more <= 0 && total == size;
     while (more > 0) {
+        total += static_cast<zip_uint64_t>(more);
         more = zip_fread(entry, surplus, sizeof surplus);
+    }
+    if (more == 0 && comparesSize && total != size) {
+        zip_error_set(zip_file_get_error(entry), ZIP_ER_INCONS, 0);
+        return ReadResult::Failed;
     }
     if (more == 0) {
         return ReadResult::Whole;
@@ -197,7 +205,7 @@ ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool& i
 /// handle keeps says the same as the result.
 bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const ZipEntryMethods& methods,
                const std::string& password, zip_file_t* entry, char* buffer, bool& isShort) {
-    const ReadResult result = ReadToEnd(entry, buffer, stat.size, isShort);
+    const ReadResult result = ReadToEnd(entry, buffer, stat.size, methods.IsAes(), isShort);
     const bool isWhole = result == ReadResult::Whole;
     // At the end of an entry that is not compressed libzip has compared the code.
     const bool isDecided = !methods.IsAes() || (isWhole && methods.compression == ZIP_CM_STORE);

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <tern/dbus_client/command.h>
@@ -11,26 +13,31 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <type_traits>
 
 #include "dbus_client/peer_service.h"
 #include "foundation/handle.h"
+#include "foundation/unique_fd.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
 #include "support/process_resources.h"
+#include "support/temp_folder.h"
 #include "support/wait_until.h"
 
 using mw::tern::DBusClientManager;
 using mw::tern::StatusCode;
 using mw::tern::DBusCommand::Command;
 using mw::tern::DBusCommand::InterfacePropertiesGetAll;
+using mwl::UniqueFd;
 using tern::test::CountDescriptors;
 using tern::test::Error;
 using tern::test::LogCapture;
 using tern::test::PeerService;
 using tern::test::PrivateBus;
+using tern::test::TempFolder;
 using tern::test::WaitUntil;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -42,24 +49,38 @@ constexpr const char* HOSTNAMED = "/lib/systemd/systemd-hostnamed";
 constexpr const char* NAME = "org.example.Peer";
 constexpr const char* PATH = "/org/example/Peer";
 
-/// A program started by the test, ended with it.
-class Program {
+/// A service of systemd's started by the test, ended with it. It inherits a socket for varlink calls: newer
+/// ones would otherwise bind theirs where the machine's own service has it, or end where they may not.
+class SystemdService {
 public:
-    explicit Program(const char* path) : mPid(fork()) {
+    explicit SystemdService(const char* path) : mSocket(socket(AF_UNIX, SOCK_STREAM, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        (mFolder / "varlink").copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(mSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(mSocket.Get(), 1), 0);
+        mPid = fork();
         if (mPid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            constexpr int FIRST_PASSED = 3;
+            dup2(mSocket.Get(), FIRST_PASSED);
+            setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+            setenv("LISTEN_FDS", "1", 1);
+            setenv("LISTEN_FDNAMES", "varlink", 1);
             execl(path, path, static_cast<char*>(nullptr));
             _exit(127);
         }
     }
-    ~Program() {
+    ~SystemdService() {
         kill(mPid, SIGKILL);
         waitpid(mPid, nullptr, 0);
     }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
+    SystemdService(const SystemdService&) = delete;
+    SystemdService& operator=(const SystemdService&) = delete;
 
 private:
+    const TempFolder mFolder;
+    const UniqueFd mSocket;
     pid_t mPid;
 };
 
@@ -209,7 +230,7 @@ TEST_F(InterfacePropertiesGetAllTest, ReadsAServiceThatIsNotOurs) {
     if (access(HOSTNAMED, X_OK) != 0) {
         GTEST_SKIP() << HOSTNAMED << " is not installed (package systemd)";
     }
-    const Program hostnamed(HOSTNAMED);
+    const SystemdService hostnamed(HOSTNAMED);
     DBusClientManager manager;
     ASSERT_EQ(manager.Connect(), StatusCode::Ok);
     std::set<std::string> names;

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <vector>
 
-// Without locks, which a child forked beside other threads could find held: no Fault of interpose.h.
+#include "support/interpose.h"
+
+// Without locks, which a child forked beside other threads could find held: no Fault.
 
 namespace {
 
@@ -45,7 +47,7 @@ ssize_t StandInForSendmsg(int fd, const msghdr* message, int flags) {
     return RedirectedSendMessage("sendmsg", fd, message, flags);
 }
 
-#ifdef __USE_TIME_BITS64
+#ifdef TERN_HAS_TIME64_NAMES
 __attribute__((visibility("default"))) ssize_t StandInForSendmsg64(int fd, const msghdr* message,
                                                                    int flags) asm("__sendmsg64");
 ssize_t StandInForSendmsg64(int fd, const msghdr* message, int flags) {

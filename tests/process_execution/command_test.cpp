@@ -49,7 +49,7 @@ TERN_INTERPOSE(int, poll, (pollfd * events, nfds_t count, int timeout), (events,
 TERN_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
 TERN_INTERPOSE(int, kill, (pid_t pid, int number), (pid, number))
 TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* time), (clock, time))
-#ifdef __USE_TIME_BITS64
+#ifdef TERN_HAS_TIME64_NAMES
 /// The clock as the C++ library of a 32-bit platform reads it: by the old name, in 32 bits.
 struct OldTime {
     std::int32_t seconds;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <time.h>
 
 #include <atomic>
 #include <cerrno>
@@ -141,9 +142,16 @@ private:
 #define TERN_INTERPOSE(result, name, parameters, arguments) \
     TERN_INTERPOSE_SYMBOL_(result, name, #name, parameters, arguments)
 
-/// The same for a function that takes or gives a time: on 32-bit platforms it has a second name, `name64`, by
-/// which code with 64-bit time calls it.
-#ifdef __USE_TIME_BITS64
+/// Defined where code with 64-bit time calls the C library by names of its own: the library's native time has
+/// 32 bits there. (`__USE_TIME_BITS64` alone does not tell: newer C libraries define it wherever time has 64
+/// bits.)
+#if defined(__USE_TIME_BITS64) && __TIMESIZE == 32
+#define TERN_HAS_TIME64_NAMES
+#endif
+
+/// The same for a function that takes or gives a time: where TERN_HAS_TIME64_NAMES is defined it has a second
+/// name, `name64`, by which code with 64-bit time calls it.
+#ifdef TERN_HAS_TIME64_NAMES
 #define TERN_INTERPOSE_TIME(result, name, name64, parameters, arguments) \
     TERN_INTERPOSE_SYMBOL_(result, name, #name64, parameters, arguments)
 #else

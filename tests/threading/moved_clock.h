@@ -15,8 +15,10 @@
 #include <utility>
 #include <vector>
 
+#include "support/interpose.h"
+
 // On 32-bit platforms code with 64-bit time calls these by other names.
-#ifdef __USE_TIME_BITS64
+#ifdef TERN_HAS_TIME64_NAMES
 #define TERN_CLOCK_GETTIME "__clock_gettime64"
 #define TERN_COND_TIMEDWAIT "__pthread_cond_timedwait64"
 #else
@@ -134,7 +136,7 @@ extern "C" int MovedClockTimedWait(pthread_cond_t* condition, pthread_mutex_t* m
     return tern::test::MovedClock::TimedWait(condition, mutex, deadline);
 }
 
-#ifdef __USE_TIME_BITS64
+#ifdef TERN_HAS_TIME64_NAMES
 // The C++ library's steady_clock, built with 32-bit time, calls the clock by its old name.
 struct MovedClockTime32 {
     std::int32_t seconds;

@@ -50,6 +50,7 @@ using tern::test::MovedClock;
 using tern::test::Notice;
 using tern::test::RunInChild;
 using tern::test::WaitUntil;
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::NiceMock;
@@ -323,7 +324,9 @@ TEST_F(ThreadsWatcherTest, RestartsDoNotGrowTheMonitorsList) {
     }
     watcher.stops = 0;
     monitor.StopWorkerThreads();
-    EXPECT_EQ(watcher.stops, 2) << "the latest watch's, and one that was kept while it began";
+    // The latest watch's, and the one that was kept while it began, unless it began so fast that its own was
+    // there.
+    EXPECT_THAT(watcher.stops.load(), AnyOf(1, 2));
 }
 
 TEST_F(ThreadsWatcherTest, EveryWatchRegistersAlsoAfterOneThatTheMonitorRefused) {
