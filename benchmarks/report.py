@@ -6,8 +6,8 @@ and writes there, as JSON,
     {"name": "...", "title": "...", "load": 0.3, "rows": [{"what": "...", "unit": "us", "target": "...",
      "values": {"tern": 1.0, "sd-bus": 0.9}, "against": "sd-bus", "limit": 1.03}, ...]}
 "against" may be null, where the limit is for our value itself, or a list, of which the best counts; "ahead_of" lists those
-that ours must beat besides. "ratios", {"sd-bus": 1.1}, are taken from "values" where the program does not give them. Units
-that end with "/s" count more as better. "growth", [{"what": "...", "unit": "us", "points": {"10": 1.0, "100": 10.0},
+that ours must beat besides, which is a criterion, and so a line of the table, of its own. "ratios", {"sd-bus": 1.1}, are
+taken from "values" where the program does not give them. Units that end with "/s" count more as better. "growth", [{"what": "...", "unit": "us", "points": {"10": 1.0, "100": 10.0},
 "limit": 1.25}], is optional, and so is "note", a sentence below the table.
 """
 
@@ -23,7 +23,7 @@ import subprocess
 import sys
 
 import plots
-from rows import OURS, SECTIONS
+from rows import AHEAD, OURS, SECTIONS
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PROGRAMS = ROOT / "build/release/benchmarks"
@@ -31,13 +31,8 @@ RAW = ROOT / "build/benchmarks"
 SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 
 
-def load_average():
-    return os.getloadavg()[0]
-
-
-def run_program(program, arguments, name, environment):
-    """Runs it with its output in a file of build/benchmarks, and reports that output if it fails."""
-    log = RAW / f"{name}.log"
+def run_program(program, arguments, log, environment):
+    """Runs it with its output in a file, and reports that file if it fails."""
     with open(log, "wb") as output:
         result = subprocess.run([program, *arguments], stdout=output, stderr=output, env=environment, check=False)
     if result.returncode != 0:
@@ -75,55 +70,105 @@ def ratio_of(values, against, more):
     return other / ours if more else ours / other
 
 
-def is_behind(rounds, side, more):
-    ratios = [ratio for values in rounds if (ratio := ratio_of(values, side, more)) is not None]
-    return bool(ratios) and round(statistics.median(ratios), 2) > 1
+def median_ratio(rounds, against, more):
+    """Of the rounds' ratios, as the sides of a round ran under the same load; None where there is nothing to compare."""
+    ratios = [ratio for values in rounds if (ratio := ratio_of(values, against, more)) is not None]
+    return statistics.median(ratios) if ratios else None
 
 
-def judge(row, rounds):
-    """Adds ratio and verdict. The ratio is the median of the rounds', as their sides ran under the same load."""
-    row["ratio"] = None
-    row["met"] = None
+def judge(row, rounds, ratios=None):
+    """Adds the row's criteria, each with a ratio, a target and a verdict of its own: first the target that the row names,
+    which may be none, then being ahead of others besides. A program's own ratios are of its rounds, and so the better
+    ones."""
+    more = row["unit"].endswith("/s")
+
+    def ratio_to(against):
+        if ratios and isinstance(against, str):
+            return ratios.get(against)
+        return median_ratio(rounds, against, more)
+
+    named = {"sides": list(row["values"]), "ratio": None, "target": row.get("target") or "", "met": None, "behind": []}
     if row.get("against"):
-        more = row["unit"].endswith("/s")
-        ratios = [ratio_of(values, row["against"], more) for values in rounds]
-        ratios = [ratio for ratio in ratios if ratio is not None]
-        if ratios:
-            row["ratio"] = statistics.median(ratios)
-            if row.get("limit") is not None:
-                row["met"] = round(row["ratio"], 2) <= row["limit"]
-        row["behind"] = [side for side in row.get("ahead_of") or () if is_behind(rounds, side, more)]
-        if row["behind"]:
-            row["met"] = False
+        named["ratio"] = ratio_to(row["against"])
+        if named["ratio"] is not None and row.get("limit") is not None:
+            named["met"] = round(named["ratio"], 2) <= row["limit"]
     elif row.get("most") is not None and row["values"].get(OURS) is not None:
-        row["met"] = row["values"][OURS] <= row["most"]
+        named["met"] = row["values"][OURS] <= row["most"]
+    row["criteria"] = [named]
+    others = {side: ratio for side in row.get("ahead_of") or () if (ratio := ratio_to(side)) is not None}
+    if others:
+        behind = [side for side, ratio in others.items() if round(ratio, 2) > AHEAD]
+        row["criteria"].append(
+            {
+                "sides": [OURS, *others],
+                "ratio": max(others.values()),
+                "target": "ahead of " + " and ".join(others),
+                "met": not behind,
+                "behind": behind if len(others) > 1 else [],
+            }
+        )
     return row
 
 
-def measure_section(section, options, environment):
+def raw_folder(options):
+    """Those of quick looks are apart, so that they are never taken for results."""
+    return RAW / "quick" if options.quick else RAW
+
+
+def raw_rounds(folder, section):
+    """The files of the section's rounds, in their order."""
+    numbered = {}
+    for path in folder.glob(f"{section.name}-*.json"):
+        found = re.fullmatch(re.escape(section.name) + r"-(\d+)\.json", path.name)
+        if found:
+            numbered[int(found.group(1))] = path
+    return [numbered[number] for number in sorted(numbered)]
+
+
+def raw_comparisons(folder):
+    """The files of comparisons, by the sections' names."""
+    rounds = {path for section in SECTIONS for path in raw_rounds(folder, section)}
+    return {path.stem: path for path in sorted(folder.glob("*.json")) if path not in rounds}
+
+
+def read_raw(path):
+    try:
+        return json.loads(path.read_text())
+    except (OSError, ValueError) as error:
+        sys.exit(f"{path} cannot be read as JSON: {error}")
+
+
+def run_section(section, options, environment):
+    """Leaves a file for each round, and none of an earlier run."""
     quick = options.quick
-    rounds = 1 if quick else options.rounds or section.rounds
-    environment = dict(environment)
+    folder = raw_folder(options)
     scale = options.scale if options.scale is not None else section.scale
-    environment["TERN_BENCHMARK_SCALE"] = str(min(scale, 0.02) if quick else scale)
-    results = []
-    loads = []
-    for number in range(rounds):
-        path = RAW / f"{section.name}-{number + 1}.json"
-        loads.append(load_average())
+    scale = min(scale, 0.02) if quick else scale
+    environment = dict(environment, TERN_BENCHMARK_SCALE=str(scale))
+    for path in raw_rounds(folder, section):
+        path.unlink()
+    for number in range(1 if quick else options.rounds or section.rounds):
         run_program(
             PROGRAMS / section.program,
             [
                 f"--benchmark_min_time={min(section.min_time, 0.02) if quick else section.min_time}",
                 f"--benchmark_repetitions={1 if quick else section.repetitions}",
                 "--benchmark_enable_random_interleaving=true",
-                f"--benchmark_out={path}",
+                f"--benchmark_context=scale={scale:g}",
+                f"--benchmark_out={folder / f'{section.name}-{number + 1}.json'}",
                 "--benchmark_out_format=json",
             ],
-            section.name,
+            folder / f"{section.name}.log",
             environment,
         )
-        results.append(json.loads(path.read_text())["benchmarks"])
+
+
+def section_result(section, folder):
+    """What the raw files of its rounds say."""
+    files = [read_raw(path) for path in raw_rounds(folder, section)]
+    results = [file["benchmarks"] for file in files]
+    loads = [file["context"]["load_avg"][0] for file in files]
+    scale = float(files[0]["context"].get("scale", section.scale))
     rows = []
     for row in section.rows:
         unit = row.unit or "ns"
@@ -131,11 +176,13 @@ def measure_section(section, options, environment):
         for runs in results:
             values = {side: median_of(runs, name, row.metric, unit) for side, name in row.names.items()}
             by_round.append({side: value / row.per for side, value in values.items() if value is not None})
-        if OURS not in by_round[0]:
+        if any(OURS not in values for values in by_round):
             sys.exit(f"{section.name}: no benchmark '{row.names[OURS]}'")
-        values = {
-            side: statistics.median(values[side] for values in by_round) for side in row.names if side in by_round[0]
-        }
+        values = {}
+        for side in row.names:
+            of_side = [values_of_round[side] for values_of_round in by_round if side in values_of_round]
+            if of_side:
+                values[side] = statistics.median(of_side)
         rows.append(
             judge(
                 {
@@ -155,37 +202,40 @@ def measure_section(section, options, environment):
     for item in section.growth:
         points = {}
         for amount, name in item.names.items():
-            points[amount] = statistics.median(median_of(runs, name, item.metric, item.unit) for runs in results)
+            costs = [median_of(runs, name, item.metric, item.unit) for runs in results]
+            if None in costs:
+                sys.exit(f"{section.name}: no benchmark '{name}'")
+            points[amount] = statistics.median(costs)
         growth.append({"what": item.what, "unit": item.unit, "points": points, "limit": item.limit})
-    note = f"{rounds} rounds, load {min(loads):.1f} to {max(loads):.1f}." if rounds > 1 else f"One round, load {loads[0]:.1f}."
+    if len(files) > 1:
+        note = f"{len(files)} rounds, load {min(loads):.1f} to {max(loads):.1f}."
+    else:
+        note = f"One round, load {loads[0]:.1f}."
     if section.scale_note and min(scale, 1) < 1:
         note += f" The amount was {min(scale, 1):g} of what the rows say."
     return {"name": section.name, "title": section.title, "rows": rows, "growth": growth, "note": note}
 
 
-def measure_comparison(program, options, environment):
+def run_comparison(program, options, environment):
     name = program.name.removesuffix("_comparison")
-    path = RAW / f"{name}.json"
     environment = dict(environment)
     if options.quick:
         environment["TERN_BENCHMARK_QUICK"] = "1"
         environment["TERN_BENCHMARK_SCALE"] = "0.02"
-    run_program(program, [path], name, environment)
-    result = json.loads(path.read_text())
+    folder = raw_folder(options)
+    run_program(program, [folder / f"{name}.json"], folder / f"{name}.log", environment)
+
+
+def comparison_result(path):
+    """What the file that the program wrote says."""
+    result = read_raw(path)
     for row in result["rows"]:
         row["values"] = {side: value for side, value in row["values"].items() if value is not None}
         if not row.get("against"):
             row["most"] = row.get("limit")
-        judge(row, [row["values"]])
-        # Those of the program are of the rounds, and so the better ones.
-        ratios = row.get("ratios")
-        if ratios:
-            row["behind"] = [side for side in row.get("ahead_of") or () if round(ratios.get(side) or 0, 2) > 1]
-            if isinstance(row.get("against"), str):
-                row["ratio"] = ratios.get(row["against"])
-                if row["ratio"] is not None and row.get("limit") is not None:
-                    row["met"] = round(row["ratio"], 2) <= row["limit"] and not row["behind"]
-    result["note"] = " ".join([f"Load {result.get('load', load_average()):.1f}.", result.get("note", "")]).strip()
+        judge(row, [row["values"]], row.get("ratios"))
+    load = f"Load {result['load']:.1f}." if result.get("load") is not None else ""
+    result["note"] = f"{load} {result.get('note', '')}".strip()
     result.setdefault("growth", [])
     return result
 
@@ -206,8 +256,11 @@ def number(value):
 
 
 def exponent_of(points):
-    """Slope of the line through the logarithms, by least squares."""
-    xs = [math.log(float(amount)) for amount in points]
+    """Slope of the line through the logarithms, by least squares; None where there is no such line."""
+    points = {float(amount): value for amount, value in points.items() if value and value > 0}
+    if len(points) < 2:
+        return None
+    xs = [math.log(amount) for amount in points]
     ys = [math.log(value) for value in points.values()]
     x_mean, y_mean = statistics.mean(xs), statistics.mean(ys)
     return sum((x - x_mean) * (y - y_mean) for x, y in zip(xs, ys)) / sum((x - x_mean) ** 2 for x in xs)
@@ -222,7 +275,7 @@ def table(header, lines):
 def verdict(met, behind=()):
     if met is None:
         return ""
-    return "met" if met else " ".join(["**missed**", *(f"(behind {side})" for side in behind)])
+    return "met" if met else "**missed**" + (f" (behind {' and '.join(behind)})" if behind else "")
 
 
 def section_text(result):
@@ -235,12 +288,13 @@ def section_text(result):
         lines = []
         for row in result["rows"]:
             unit = f", {row['unit']}" if row["unit"] else ""
-            ratio = f"{row['ratio']:.2f}" if row["ratio"] is not None else ""
-            lines.append(
-                [f"{row['what']}{unit}"]
-                + [number(row["values"].get(side)) for side in sides]
-                + [ratio, row.get("target") or "", verdict(row["met"], row.get("behind") or ())]
-            )
+            for criterion in row["criteria"]:
+                lines.append(
+                    [f"{row['what']}{unit}"]
+                    + [number(row["values"].get(side)) if side in criterion["sides"] else "" for side in sides]
+                    + ["" if criterion["ratio"] is None else f"{criterion['ratio']:.2f}"]
+                    + [criterion["target"], verdict(criterion["met"], criterion["behind"])]
+                )
         parts.append(table(["what", *("ours" if side == OURS else side for side in sides), "ratio", "target", ""], lines))
     if result["growth"]:
         lines = []
@@ -251,11 +305,12 @@ def section_text(result):
                 [
                     f"{item['what']}, {item['unit']}",
                     ", ".join(f"{int(amount):,}: {number(value)}" for amount, value in item["points"].items()),
-                    f"{exponent:.2f}",
-                    verdict(None if limit is None else round(exponent, 2) <= limit),
+                    "" if exponent is None else f"{exponent:.2f}",
+                    "" if limit is None else f"at most {limit:g}",
+                    verdict(None if limit is None or exponent is None else round(exponent, 2) <= limit),
                 ]
             )
-        parts.append(table(["how it grows", "amount: cost", "exponent", ""], lines))
+        parts.append(table(["how it grows", "amount: cost", "exponent", "target", ""], lines))
     parts.append(result["note"])
     return "\n\n".join(parts)
 
@@ -304,24 +359,78 @@ def replace_part(document, name, text, title=None):
     return f"{document.rstrip()}\n\n{heading}{block}\n"
 
 
-def write_document(results, folder):
+def part_of(document, name):
+    """What stands between the part's markers."""
+    found = re.search(rf"<!-- generated: {re.escape(name)} -->(.*?)<!-- end: {re.escape(name)} -->", document, re.DOTALL)
+    return found.group(1) if found else ""
+
+
+def plot_names(name):
+    """Of the bars and of the lines. A section that is called after growth need not say so again."""
+    if name.split("-")[-1] == "growth":
+        return f"performance-{name}-ratios.svg", f"performance-{name}.svg"
+    return f"performance-{name}.svg", f"performance-{name}-growth.svg"
+
+
+def write_document(results, folder, machine):
+    """Writes the sections' tables and plots into the folder; `machine` is what they were measured on, None to leave
+    what the document says of it."""
     path = folder / "performance.md"
     source = path if path.exists() else ROOT / "docs/performance.md"
     document = source.read_text() if source.exists() else "# Performance\n"
-    document = replace_part(document, "machine", machine_text())
+    if machine:
+        document = replace_part(document, "machine", machine)
     for result in results:
         text = section_text(result)
-        for suffix, plot in (("", plots.ratios(result, OURS)), ("-growth", plots.growth(result))):
+        drawn = []
+        for name, plot in zip(plot_names(result["name"]), (plots.ratios(result, OURS), plots.growth(result))):
             if plot:
-                name = f"performance-{result['name']}{suffix}.svg"
                 (folder / name).write_text(plot)
+                drawn.append(name)
                 text += f"\n\n![{result['title']}]({name})"
+        for name in re.findall(r"\]\((performance-[^)/]*\.svg)\)", part_of(document, result["name"])):
+            if name not in drawn:
+                (folder / name).unlink(missing_ok=True)
         document = replace_part(document, result["name"], text, result["title"])
     path.write_text(document)
 
 
 def print_result(result):
     print(f"\n## {result['title']}\n\n{section_text(result)}", flush=True)
+
+
+def print_missed(results):
+    missed = [
+        f"{result['name']}: {row['what']}, {criterion['target']}"
+        for result in results
+        for row in result["rows"]
+        for criterion in row["criteria"]
+        if criterion["met"] is False
+    ]
+    print(f"\n{len(missed)} targets are missed" + "".join(f"\n  {one}" for one in missed))
+
+
+def redraw(names, folder):
+    """Tables and plots from the raw results of earlier runs."""
+    comparisons = raw_comparisons(RAW)
+    sections = {section.name: section for section in SECTIONS}
+    results = []
+    for name in names or [*sections, *comparisons]:
+        if name in sections and raw_rounds(RAW, sections[name]):
+            results.append(section_result(sections[name], RAW))
+        elif name in comparisons:
+            results.append(comparison_result(comparisons[name]))
+        elif names:
+            sys.exit(f"there are no raw results of '{name}' in {RAW}")
+        else:
+            print(f"no raw results of '{name}': this section stays as it is", file=sys.stderr)
+    if not results:
+        sys.exit(f"there are no raw results in {RAW}")
+    for result in results:
+        print_result(result)
+    machine = RAW / "machine.txt"
+    write_document(results, folder, machine.read_text() if machine.exists() else None)
+    print_missed(results)
 
 
 def main():
@@ -333,7 +442,17 @@ def main():
     )
     parser.add_argument("--scale", type=float, help="part of the full amounts of files and archives, 0 to 1")
     parser.add_argument("--rounds", type=int, help="runs of each Google Benchmark program, 3 to 7 unless given")
+    parser.add_argument(
+        "--redraw",
+        action="store_true",
+        help="run nothing: write tables and plots again from the raw results in build/benchmarks",
+    )
     options = parser.parse_args()
+    if options.redraw:
+        if options.list or options.quick or options.scale is not None or options.rounds is not None:
+            parser.error("--redraw takes names only: it runs nothing")
+        redraw(options.names, ROOT / "docs")
+        return
 
     comparisons = {path.name.removesuffix("_comparison"): path for path in sorted(PROGRAMS.glob("*/*_comparison"))}
     sections = {section.name: section for section in SECTIONS}
@@ -344,7 +463,10 @@ def main():
     for name in options.names:
         if name not in known:
             parser.error(f"there is no section '{name}'; there are {', '.join(known)}")
-    RAW.mkdir(parents=True, exist_ok=True)
+    folder = raw_folder(options)
+    folder.mkdir(parents=True, exist_ok=True)
+    machine = machine_text()
+    (folder / "machine.txt").write_text(machine)
     environment = dict(os.environ)
     # Messages would be part of what is measured; in memory, so that the disk is not.
     environment["TERN_LOG_LEVEL"] = "3"
@@ -352,14 +474,15 @@ def main():
     results = []
     for name in options.names or known:
         if name in sections:
-            results.append(measure_section(sections[name], options, environment))
+            run_section(sections[name], options, environment)
+            results.append(section_result(sections[name], folder))
         else:
-            results.append(measure_comparison(comparisons[name], options, environment))
+            run_comparison(comparisons[name], options, environment)
+            results.append(comparison_result(folder / f"{name}.json"))
         print_result(results[-1])
         # At once, so that a run that is cut short has told what it had.
-        write_document(results[-1:], RAW if options.quick else ROOT / "docs")
-    missed = [f"{result['name']}: {row['what']}" for result in results for row in result["rows"] if row["met"] is False]
-    print(f"\n{len(missed)} rows miss their target" + "".join(f"\n  {row}" for row in missed))
+        write_document(results[-1:], folder if options.quick else ROOT / "docs", machine)
+    print_missed(results)
 
 
 if __name__ == "__main__":

@@ -21,7 +21,7 @@ class Row:
     target: str = ""
     against: object = None  # a side, or several: the best of them then
     limit: float = None  # largest ratio to it
-    ahead_of: tuple = ()  # sides that ours must not cost more than, besides
+    ahead_of: tuple = ()  # sides that ours must not cost more than: a criterion of its own
     most: float = None  # or: largest value of ours
     per: float = 1  # divide by
 
@@ -146,7 +146,7 @@ def command_rows():
                 unit,
                 "real_time",
                 names,
-                "at most 1.3 of posix_spawn, ahead of the others",
+                "at most 1.3 of posix_spawn",
                 "posix_spawn",
                 1.3,
                 ("GLib", "Boost.Process"),
@@ -219,7 +219,7 @@ def flattening_rows():
                     "ns",
                     "cpu_time",
                     sides(f"{{}}/{form}/{entries}", of=flatten),
-                    "at most 1.1 of the plain loop, ahead of the peers",
+                    "at most 1.1 of the plain loop",
                     "plain loop",
                     1.1,
                     ("sdbus-c++", "GVariant, from bytes"),
@@ -244,7 +244,7 @@ def flattening_rows():
                 "ns",
                 "cpu_time",
                 sides(f"{{}}/{entries}", of=lookups),
-                "at most 1.1 of the plain loop, ahead of sdbus-c++",
+                "at most 1.1 of the plain loop",
                 "plain loop",
                 1.1,
                 ("sdbus-c++",),
