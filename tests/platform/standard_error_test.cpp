@@ -419,6 +419,18 @@ TEST(StandardError, WhateverIsPutThereLaterIsWrittenTo) {
     InChild([&] { ExpectThatEachIsWrittenTo(folder); });
 }
 
+#if __SIZEOF_POINTER__ == 8
+// A socket in the place of a pipe was taken for a pipe without a reader, and its messages were lost, for
+// ever.
+TEST(StandardError, WhateverIsPutThereLaterOnAnOlderLinuxIsWrittenTo) {
+    const TempFolder folder;
+    InChild([&] {
+        BeAnOlderLinux();
+        ExpectThatEachIsWrittenTo(folder);
+    });
+}
+#endif
+
 TEST(StandardError, FileThatHasBecomeAPipeIsFoundOut) {
     const TempFolder folder;
     InChild([&] {
