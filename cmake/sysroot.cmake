@@ -1,12 +1,25 @@
-# What the toolchain files for a sysroot share; they set TERN_SYSROOT, TERN_TRIPLE and TERN_MULTIARCH.
+# What the toolchain files for a sysroot share; they set TERN_SYSROOT, TERN_TRIPLE and TERN_MULTIARCH. The compiler is clang++
+# with lld, or, with TERN_CROSS_GCC, the g++ of that triple.
 get_filename_component(TERN_SYSROOT ${TERN_SYSROOT} ABSOLUTE)
-set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TERN_SYSROOT)
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TERN_SYSROOT TERN_CROSS_GCC)
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSROOT ${TERN_SYSROOT})
-set(CMAKE_CXX_COMPILER clang++)
-set(CMAKE_CXX_COMPILER_TARGET ${TERN_TRIPLE})
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -Wl,-rpath-link,${TERN_SYSROOT}/usr/lib/${TERN_MULTIARCH}")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT -fuse-ld=lld)
+if(TERN_CROSS_GCC)
+  set(CMAKE_C_COMPILER ${TERN_TRIPLE}-gcc)
+  set(CMAKE_CXX_COMPILER ${TERN_TRIPLE}-g++)
+  # Debian's cross compilers bring a C and a C++ library of their own. These of the sysroot may be newer, and what is linked
+  # with has been built with them: they come first, with their start files.
+  file(GLOB gcc_folder ${TERN_SYSROOT}/usr/lib/gcc/${TERN_TRIPLE}/*)
+  set(linker "-B${TERN_SYSROOT}/usr/lib/${TERN_MULTIARCH} -L${TERN_SYSROOT}/usr/lib/${TERN_MULTIARCH} -L${gcc_folder}")
+else()
+  set(CMAKE_C_COMPILER clang)
+  set(CMAKE_C_COMPILER_TARGET ${TERN_TRIPLE})
+  set(CMAKE_CXX_COMPILER clang++)
+  set(CMAKE_CXX_COMPILER_TARGET ${TERN_TRIPLE})
+  set(linker -fuse-ld=lld)
+endif()
+set(CMAKE_EXE_LINKER_FLAGS_INIT "${linker} -Wl,-rpath-link,${TERN_SYSROOT}/usr/lib/${TERN_MULTIARCH}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "${linker}")
 set(CMAKE_FIND_ROOT_PATH ${TERN_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -87,11 +87,15 @@ ssize_t WritePolled(const char* data, std::size_t size) noexcept {
 ssize_t WriteReopened(const char* data, std::size_t size) noexcept {
     const int fd =
         open("/proc/self/fd/2", O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);  // NOLINT(*-vararg)
-    if (fd < 0) {
-        // ENXIO: a pipe that nobody reads any more.
-        return errno == ENXIO ? -1 : WritePolled(data, size);
-    }
     struct stat status {};
+    if (fd < 0) {
+        if (errno != ENXIO) {
+            return WritePolled(data, size);
+        }
+        // A pipe that nobody reads any more, or a socket by now.
+        errno = fstat(STDERR_FILENO, &status) == 0 && S_ISSOCK(status.st_mode) ? EOPNOTSUPP : ENXIO;
+        return -1;
+    }
     ssize_t written = -1;
     int error = 0;
     if (fstat(fd, &status) == 0 && !S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) {

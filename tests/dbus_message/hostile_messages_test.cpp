@@ -24,6 +24,7 @@ namespace {
 using ::tern::test::BusMessage;
 using ::tern::test::Error;
 using ::tern::test::LogCapture;
+using ::tern::test::MEBIBYTE;
 using ::tern::test::RawMessages;
 using ::tern::test::Require;
 using ::tern::test::TestMessages;
@@ -31,18 +32,7 @@ using ::tern::test::WireWriter;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr std::size_t MEBIBYTE = std::size_t{1024} * 1024;
 constexpr int MANY = 100000;
-
-/// The message's body as an "a{sv}" with what `append` puts in.
-BusMessage MakeDictionary(TestMessages& messages, const std::function<void(sd_bus_message*)>& append) {
-    BusMessage message = messages.New();
-    Require(sd_bus_message_open_container(message.get(), 'a', "{sv}"), "open");
-    append(message.get());
-    Require(sd_bus_message_close_container(message.get()), "close");
-    TestMessages::Seal(message);
-    return message;
-}
 
 /// The body of an "a{sv}" with one entry "D" that holds an "a{sv}" with one entry "D" ..., `levels`
 /// dictionaries in all; the innermost entry holds the byte 7.
@@ -133,7 +123,7 @@ TEST(HostileMessages, NestedVariantsAreSteppedOverOrRefused) {
 
 TEST(HostileMessages, AHundredThousandEntriesAreRead) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < MANY; ++i) {
             Require(sd_bus_message_append(m, "{sv}", std::to_string(i).c_str(), "i", i), "append");
         }
@@ -163,7 +153,7 @@ TEST(HostileMessages, AHundredThousandStringsAreRead) {
 
 TEST(HostileMessages, AHundredThousandDuplicatesAreOneValue) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < MANY; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "", "i", i), "append");
         }
@@ -178,7 +168,7 @@ TEST(HostileMessages, AHundredThousandDuplicatesAreOneValue) {
 
 TEST(HostileMessages, UnsupportedContentBetweenSupportedIsSteppedOver) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < MANY / 2; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "U", "a(sv)", 1, "x", "(ii)", 1, 2), "append");
             Require(sd_bus_message_append(m, "{sv}", std::to_string(i).c_str(), "i", i), "append");
@@ -195,7 +185,7 @@ TEST(HostileMessages, TextsAndNamesOfAMebibyteAreRead) {
     TestMessages messages;
     const std::string text(MEBIBYTE, 't');
     const std::string name(MEBIBYTE, 'n');
-    const BusMessage message = MakeDictionary(messages, [&](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([&](sd_bus_message* m) {
         Require(sd_bus_message_append(m, "{sv}", name.c_str(), "s", text.c_str()), "append");
         Require(sd_bus_message_append(m, "{sv}", "L", "as", 2, text.c_str(), ""), "append");
         Require(sd_bus_message_append(m, "{sv}", "I", "(isi)", 1, text.c_str(), 2), "append");
@@ -240,7 +230,7 @@ TEST(HostileMessages, AHugeNameAboveManyEntriesEndsAtTheBound) {
     for (const CrowdRow& row : rows) {
         SCOPED_TRACE(row.description);
         TestMessages messages;
-        const BusMessage message = MakeDictionary(messages, [&](sd_bus_message* m) {
+        const BusMessage message = messages.MakeDictionary([&](sd_bus_message* m) {
             Require(sd_bus_message_append(m, "{sv}", "First", "i", 1), "append");
             Require(sd_bus_message_open_container(m, 'e', "sv"), "open");
             Require(sd_bus_message_append(m, "s", name.c_str()), "append");

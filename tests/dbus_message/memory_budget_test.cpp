@@ -64,10 +64,9 @@ namespace {
 using ::tern::test::BusMessage;
 using ::tern::test::Error;
 using ::tern::test::LogCapture;
+using ::tern::test::MEBIBYTE;
 using ::tern::test::RawMessages;
 using ::tern::test::WireWriter;
-
-constexpr std::size_t MEBIBYTE = std::size_t{1024} * 1024;
 
 TEST(MemoryBudget, GivesItsLimitAndNotOneByteMore) {
     MemoryBudget budget;

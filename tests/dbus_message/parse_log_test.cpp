@@ -9,7 +9,6 @@
 #include <tern/dbus_message/vasv_signature_parser.h>
 
 #include <algorithm>
-#include <functional>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -46,19 +45,9 @@ std::string LeftOut(std::size_t lines) {
     return std::to_string(lines) + " more lines of one message left out";
 }
 
-/// The message's body as an "a{sv}" with what `append` puts in.
-BusMessage MakeDictionary(TestMessages& messages, const std::function<void(sd_bus_message*)>& append) {
-    BusMessage message = messages.New();
-    Require(sd_bus_message_open_container(message.get(), 'a', "{sv}"), "open");
-    append(message.get());
-    Require(sd_bus_message_close_container(message.get()), "close");
-    TestMessages::Seal(message);
-    return message;
-}
-
 /// A dictionary of so many INT16, 0 and up.
 BusMessage MakeInt16s(TestMessages& messages, unsigned count) {
-    return MakeDictionary(messages, [&](sd_bus_message* m) {
+    return messages.MakeDictionary([&](sd_bus_message* m) {
         for (unsigned i = 0; i < count; ++i) {
             Require(sd_bus_message_append(m, "{sv}", std::to_string(i).c_str(), "n", i), "append");
         }
@@ -99,7 +88,7 @@ TEST(ParseLog, WhatIsBeyondTheBoundIsCountedAndSummedUp) {
 
 TEST(ParseLog, ContentThatIsNotSupportedIsBoundedToo) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < 5000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "", "g", ""), "append");
         }
@@ -112,7 +101,7 @@ TEST(ParseLog, ContentThatIsNotSupportedIsBoundedToo) {
 
 TEST(ParseLog, OnlyLinesThatTheThresholdLetsPassCount) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < 5000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "K", "i", i), "append");
         }
@@ -134,7 +123,7 @@ TEST(ParseLog, OnlyLinesThatTheThresholdLetsPassCount) {
 
 TEST(ParseLog, TheSumIsAsSevereAsWhatWasLeftOut) {
     TestMessages messages;
-    const BusMessage traces = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage traces = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < 1000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "K", "i", i), "append");
         }
@@ -145,7 +134,7 @@ TEST(ParseLog, TheSumIsAsSevereAsWhatWasLeftOut) {
         EXPECT_EQ(log.Entries().size(), LINES + 1);
         EXPECT_EQ(log.Entries().back(), Trace("Parser", LeftOut(1000 - LINES)));
     }
-    const BusMessage mixed = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage mixed = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < 1000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "K", i == 900 ? "n" : "i", i), "append");
         }
@@ -157,7 +146,7 @@ TEST(ParseLog, TheSumIsAsSevereAsWhatWasLeftOut) {
 
 TEST(ParseLog, ErrorsAreNotCrowdedOut) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < 1000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "K", "n", i), "append");
         }
@@ -261,7 +250,7 @@ TEST(ParseLog, AnExceptionOfTheReceiverEndsAParseToo) {
 
 TEST(ParseLog, LongTextsUseUpTheBytes) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         const std::string name(1000, 'n');
         for (int i = 0; i < 1000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", name.c_str(), "n", 1), "append");
@@ -277,7 +266,7 @@ TEST(ParseLog, LongTextsUseUpTheBytes) {
 
 TEST(ParseLog, LongNumbersUseUpTheBytes) {
     TestMessages messages;
-    const BusMessage message = MakeDictionary(messages, [](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([](sd_bus_message* m) {
         for (int i = 0; i < 1000; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "K", "d", std::numeric_limits<double>::max()), "append");
         }
@@ -318,7 +307,7 @@ TEST(ParseLog, TextsOfAMessageAreCut) {
     const std::string whole(LoggedText::LIMIT, 't');
     const std::string longer(LoggedText::LIMIT + 1, 't');
     const std::string cut = whole + "...";
-    const BusMessage message = MakeDictionary(messages, [&](sd_bus_message* m) {
+    const BusMessage message = messages.MakeDictionary([&](sd_bus_message* m) {
         Require(sd_bus_message_append(m, "{sv}", "Whole", "s", whole.c_str()), "append");
         Require(sd_bus_message_append(m, "{sv}", "Cut", "s", longer.c_str()), "append");
         Require(sd_bus_message_append(m, "{sv}", longer.c_str(), "i", 1), "append");

@@ -112,17 +112,6 @@ const BasicRow BASIC_ROWS[] = {
 
 class ParserTest : public ::testing::Test {
 protected:
-    /// A message "a{sv}" with the entries that `append` puts in.
-    template <typename Append>
-    BusMessage MakeDictionary(Append append) {
-        BusMessage message = mMessages.New();
-        Require(sd_bus_message_open_container(message.get(), 'a', "{sv}"), "open");
-        append(message.get());
-        Require(sd_bus_message_close_container(message.get()), "close");
-        TestMessages::Seal(message);
-        return message;
-    }
-
     static void AppendInt(sd_bus_message* message, const std::string& name, int value) {
         Require(sd_bus_message_append(message, "{sv}", name.c_str(), "i", value), "append");
     }
@@ -569,7 +558,7 @@ TEST_F(ParserTest, UnsupportedContentIsSteppedOver) {
             row.append(m);
             Require(sd_bus_message_close_container(m), "close");
         };
-        const BusMessage message = MakeDictionary([&](sd_bus_message* m) {
+        const BusMessage message = mMessages.MakeDictionary([&](sd_bus_message* m) {
             AppendInt(m, "Before", 1);
             appendEntry(m);
             AppendInt(m, "Behind", 2);
@@ -785,7 +774,7 @@ TEST_F(ParserTest, IsNotCopiedAndHasAVirtualDestructor) {
 
 TEST_F(ParserTest, AnEntryCostsOneNodeAndOneObject) {
     constexpr int ENTRIES = 100;
-    const BusMessage message = MakeDictionary([&](sd_bus_message* m) {
+    const BusMessage message = mMessages.MakeDictionary([&](sd_bus_message* m) {
         for (int i = 0; i < ENTRIES; ++i) {
             AppendInt(m, "key" + std::to_string(i), i);
         }
@@ -798,7 +787,7 @@ TEST_F(ParserTest, AnEntryCostsOneNodeAndOneObject) {
 }
 
 TEST_F(ParserTest, DuplicatesCostNothing) {
-    const BusMessage message = MakeDictionary([&](sd_bus_message* m) {
+    const BusMessage message = mMessages.MakeDictionary([&](sd_bus_message* m) {
         for (int i = 0; i < 100; ++i) {
             Require(sd_bus_message_append(m, "{sv}", "Same", "s", "a text too long for the small room"),
                     "append");

@@ -76,6 +76,54 @@ private:
     std::string mBytes;
 };
 
+/// What stands before a message's body. Empty texts are left out.
+struct WireHeader {
+    enum Type : unsigned { MethodCall = 1, Signal = 4 };
+    static constexpr unsigned NO_REPLY_EXPECTED = 1;
+
+    Type type;
+    unsigned flags;
+    std::uint32_t serial;
+    std::string_view path;
+    std::string_view interface;
+    std::string_view member;
+    std::string_view destination;
+    std::string_view signature;
+
+    /// The header of a body of so many bytes, padded up to where that begins.
+    std::string Bytes(std::size_t bodySize, ByteOrder order = ByteOrder::Little) const {
+        WireWriter header(order);
+        header.Byte(static_cast<unsigned char>(order));
+        header.Byte(type);
+        header.Byte(flags);
+        header.Byte(1);
+        header.Uint32(bodySize);
+        header.Uint32(serial);
+        const WireWriter::Array fields = header.BeginArray(8);
+        const auto field = [&](unsigned code, std::string_view kind, std::string_view value) {
+            if (value.empty()) {
+                return;
+            }
+            header.Align(8);
+            header.Byte(code);
+            header.Signature(kind);
+            if (kind == "g") {
+                header.Signature(value);
+            } else {
+                header.String(value);
+            }
+        };
+        field(1, "o", path);
+        field(2, "s", interface);
+        field(3, "s", member);
+        field(6, "s", destination);
+        field(8, "g", signature);
+        header.EndArray(fields);
+        header.Align(8);
+        return header.Bytes();
+    }
+};
+
 /// Delivers signals with any signature and any bytes for a body, as a hostile peer would: over a socket, past
 /// sd-bus's own checks of what arrives.
 class RawMessages {
@@ -104,36 +152,9 @@ public:
     /// The message as it arrived; null when sd-bus dropped it as malformed.
     BusMessage Deliver(std::string_view signature, std::string_view body,
                        ByteOrder order = ByteOrder::Little) {
-        WireWriter header(order);
-        header.Byte(static_cast<unsigned char>(order));
-        header.Byte(4);  // a signal
-        header.Byte(0);
-        header.Byte(1);
-        header.Uint32(body.size());
-        header.Uint32(++mSerial);
-        const WireWriter::Array fields = header.BeginArray(8);
-        const auto field = [&](unsigned code, std::string_view type, std::string_view value) {
-            header.Align(8);
-            header.Byte(code);
-            header.Signature(type);
-            if (type == "g") {
-                header.Signature(value);
-            } else {
-                header.String(value);
-            }
-        };
-        field(1, "o", "/org/example");
-        field(2, "s", "org.example.If");
-        field(3, "s", "Signal");
-        if (!signature.empty()) {
-            field(8, "g", signature);
-        }
-        header.EndArray(fields);
-        header.Align(8);
-
-        std::string bytes = header.Bytes();
-        bytes.append(body);
-        return Transfer(bytes);
+        const WireHeader header{WireHeader::Signal, 0,        ++mSerial, "/org/example",
+                                "org.example.If",   "Signal", "",        signature};
+        return Transfer(header.Bytes(body.size(), order).append(body));
     }
 
 private:

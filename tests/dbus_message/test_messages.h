@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -13,6 +14,8 @@ namespace tern::test {
 
 using BusMessage = mwl::Handle<sd_bus_message, sd_bus_message_unref>;
 using Bus = mwl::Handle<sd_bus, sd_bus_close_unref>;
+
+constexpr std::size_t MEBIBYTE = std::size_t{1024} * 1024;
 
 inline void Require(int result, const char* what) {
     if (result < 0) {
@@ -55,6 +58,17 @@ public:
         if constexpr (sizeof...(arguments) > 0) {
             Require(sd_bus_message_append(message.get(), types, arguments...), "sd_bus_message_append");
         }
+        Seal(message);
+        return message;
+    }
+
+    /// A sealed message "a{sv}" with the entries that `append` puts in.
+    template <typename Append>
+    BusMessage MakeDictionary(Append append) {
+        BusMessage message = New();
+        Require(sd_bus_message_open_container(message.get(), 'a', "{sv}"), "sd_bus_message_open_container");
+        append(message.get());
+        Require(sd_bus_message_close_container(message.get()), "sd_bus_message_close_container");
         Seal(message);
         return message;
     }

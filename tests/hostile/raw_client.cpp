@@ -14,10 +14,7 @@ namespace hostile {
 
 namespace {
 
-using tern::test::WireWriter;
-
-constexpr unsigned METHOD_CALL = 1;
-constexpr unsigned NO_REPLY_EXPECTED = 1;
+using tern::test::WireHeader;
 
 std::string Hexadecimal(const std::string& text) {
     std::string digits;
@@ -54,34 +51,15 @@ void RawClient::Call(std::string_view member, std::string_view signature, std::s
 
 void RawClient::Send(std::string_view destination, std::string_view path, std::string_view interface,
                      std::string_view member, std::string_view signature, std::string_view body) {
-    WireWriter header;
-    header.Byte('l');
-    header.Byte(METHOD_CALL);
-    header.Byte(NO_REPLY_EXPECTED);
-    header.Byte(1);
-    header.Uint32(body.size());
-    header.Uint32(++mSerial);
-    const WireWriter::Array fields = header.BeginArray(8);
-    const auto field = [&](unsigned code, std::string_view type, std::string_view value) {
-        header.Align(8);
-        header.Byte(code);
-        header.Signature(type);
-        if (type == "g") {
-            header.Signature(value);
-        } else {
-            header.String(value);
-        }
-    };
-    field(1, "o", path);
-    field(2, "s", interface);
-    field(3, "s", member);
-    field(6, "s", destination);
-    if (!signature.empty()) {
-        field(8, "g", signature);
-    }
-    header.EndArray(fields);
-    header.Align(8);
-    Write(header.Bytes());
+    const WireHeader header{WireHeader::MethodCall,
+                            WireHeader::NO_REPLY_EXPECTED,
+                            ++mSerial,
+                            path,
+                            interface,
+                            member,
+                            destination,
+                            signature};
+    Write(header.Bytes(body.size()));
     Write(body);
 }
 

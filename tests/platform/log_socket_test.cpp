@@ -20,13 +20,17 @@
 
 // The journal and the system log: daemons that do not read, and children forked beside threads that log.
 
-using mwl::Log::RootLogger;
 using std::chrono::milliseconds;
 using tern::test::DurationOf;
 using tern::test::ExpectSuccess;
 using tern::test::InChild;
 using tern::test::LogDaemon;
+using tern::test::MakeStandardErrorASocket;
+using tern::test::NO_WAIT;
+using tern::test::ONE_WAIT;
 using tern::test::PretendJournal;
+using tern::test::Print;
+using tern::test::PrintUntilOneWaits;
 using tern::test::ReadAll;
 using tern::test::StartChild;
 using tern::test::TempFolder;
@@ -35,43 +39,24 @@ using testing::HasSubstr;
 
 namespace {
 
-/// Longer than any wait of one message, shorter than two.
-constexpr milliseconds ONE_WAIT{1900};
-/// What no message waits that is dropped at once.
-constexpr milliseconds NO_WAIT{900};
-
-void Print(const std::string& text) {
-    RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
-}
-
 /// In a child: what goes to standard error is seen, and it passes for the journal's stream.
 int BecomeJournalled() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    EXPECT_EQ(dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
-    close(ends[1]);
+    const int reader = MakeStandardErrorASocket();
     PretendJournal();
-    return ends[0];
+    return reader;
+}
+
+std::string Numbered(int number) {
+    return "message " + std::to_string(number);
 }
 
 void UseSyslog() {
     setenv("TERN_LOG_TARGET", "syslog", 1);
 }
 
-/// Prints until one message had to wait; returns how many were taken before.
-int PrintUntilOneWaits() {
-    for (int i = 0; i < 100000; ++i) {
-        if (DurationOf([&] { Print("message " + std::to_string(i)); }) >= milliseconds(800)) {
-            return i;
-        }
-    }
-    ADD_FAILURE() << "nothing ever waits";
-    return 0;
-}
-
 void ExpectOneWaitAndACount(const LogDaemon& daemon) {
     int taken = 0;
-    EXPECT_LT(DurationOf([&] { taken = PrintUntilOneWaits(); }), ONE_WAIT);
+    EXPECT_LT(DurationOf([&] { taken = PrintUntilOneWaits(Numbered); }), ONE_WAIT);
     EXPECT_LT(DurationOf([] {
                   for (int i = 0; i < 1000; ++i) {
                       Print("dropped");
@@ -244,7 +229,7 @@ TEST(LogSocket, SyslogOfStreamsThatDoesNotReadCostsOneWait) {
         const LogDaemon syslog(folder / "log", SOCK_STREAM);
         UseSyslog();
         // The connections wait to be accepted, as many as listen(2) allows.
-        EXPECT_LT(DurationOf([] { EXPECT_LT(PrintUntilOneWaits(), 10); }), ONE_WAIT);
+        EXPECT_LT(DurationOf([] { EXPECT_LT(PrintUntilOneWaits(Numbered), 10); }), ONE_WAIT);
         EXPECT_LT(DurationOf([] {
                       for (int i = 0; i < 100; ++i) {
                           Print("dropped");

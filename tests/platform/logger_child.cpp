@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <tern-basic-log/root_logger.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -77,6 +78,28 @@ void PretendJournal() {
     ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
     setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(),
            1);
+}
+
+int MakeStandardErrorASocket() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    EXPECT_EQ(dup2(ends[1], STDERR_FILENO), STDERR_FILENO);
+    close(ends[1]);
+    return ends[0];
+}
+
+void Print(const std::string& text) {
+    mwl::Log::RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", text.c_str());
+}
+
+int PrintUntilOneWaits(const std::function<std::string(int)>& text) {
+    for (int i = 0; i < 100000; ++i) {
+        if (DurationOf([&] { Print(text(i)); }) >= std::chrono::milliseconds(800)) {
+            return i;
+        }
+    }
+    ADD_FAILURE() << "nothing ever waits";
+    return 0;
 }
 
 std::chrono::milliseconds DurationOf(const std::function<void()>& body) {

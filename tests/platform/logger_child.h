@@ -28,6 +28,19 @@ std::string TerminalOf(const std::function<void()>& body);
 /// Lets standard error of this process, a child, pass for the journal's stream.
 void PretendJournal();
 
+/// In a child: standard error is a stream socket. Returns the end to read from.
+int MakeStandardErrorASocket();
+
+/// Longer than any wait of one message, shorter than two.
+constexpr std::chrono::milliseconds ONE_WAIT{1900};
+/// What no message waits that is dropped at once; a busy machine's pauses are shorter.
+constexpr std::chrono::milliseconds NO_WAIT{900};
+
+/// Logs an error with just this text.
+void Print(const std::string& text);
+/// Prints what `text` makes of 0, 1, ... until one message had to wait. Returns how many were taken before.
+int PrintUntilOneWaits(const std::function<std::string(int)>& text);
+
 /// What `body` takes.
 std::chrono::milliseconds DurationOf(const std::function<void()>& body);
 

@@ -27,6 +27,7 @@
 
 #include "support/child.h"
 #include "support/dump_coverage.h"
+#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
@@ -1047,6 +1048,7 @@ TEST_F(CommandTest, AForkedChildDoesNotAskForItsParentsChildren) {
 
 // A zombie that its parent leaves behind becomes the next subreaper's.
 TEST_F(CommandTest, WhatIsLeftIsReapedAtTheEndOfTheProcess) {
+    SKIP_WHERE_EMULATED("a process cannot become a subreaper");
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     const tern::test::ChildResult result = tern::test::RunInChild([]() -> int {
         LeaveAZombie();

@@ -24,8 +24,9 @@ bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = GENEROUS_L
     return true;
 }
 
-// ARM programs are run under emulation as a rule.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
+// ARM and RISC-V programs are run under emulation as a rule.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__) || \
+    defined(__aarch64__) || defined(__riscv)
 constexpr int SLOWNESS = 10;
 #else
 constexpr int SLOWNESS = 1;

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "support/emulation.h"
 #include "support/temp_folder.h"
 
 namespace tern::test {
@@ -54,6 +55,7 @@ void RunWithRecord(const std::string& file) {
 }
 
 TEST(LogCapture, LeavesAFileThatTheEnvironmentNamesAsItIs) {
+    SKIP_WHERE_EMULATED("a program cannot start another one of its own kind");
     const TempFolder folder;
     for (const char* const content : {"precious\n", "level\tlogger\t", "level\tlogger\tformal\nx\n"}) {
         std::ofstream(folder / "file") << content;
@@ -66,6 +68,7 @@ TEST(LogCapture, LeavesAFileThatTheEnvironmentNamesAsItIs) {
 }
 
 TEST(LogCapture, ThisProjectsTestsRecordTheirFormats) {
+    SKIP_WHERE_EMULATED("a program cannot start another one of its own kind");
     const TempFolder folder;
     const std::string record =
         "level\tlogger\tformat\n3\tName\t[%lu][%s] value %d\n7\tName\t[%lu][%s][trace] plain\n";

@@ -30,6 +30,7 @@
 
 #include "support/allocations.h"
 #include "support/child.h"
+#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
@@ -638,6 +639,7 @@ int StartWhenThreadsAreRefused(const std::function<void()>& lift) {
 
 // Once the worker that came first died of its watcher's refused thread, and the process with it.
 TEST(ThreadPoolWatched, AnyRefusedThreadLeavesStartAsSystemError) {
+    SKIP_WHERE_EMULATED("the children may hang");
     int refused = 0;
     tern::test::ChildResult result;
     do {
@@ -657,6 +659,7 @@ TEST(ThreadPoolWatched, AnyRefusedThreadLeavesStartAsSystemError) {
 #ifndef __SANITIZE_THREAD__  // its own thread cannot be made under the limit
 // The same with the system's own limit, which does not concern root.
 TEST(ThreadPoolWatched, ThreadLimitLeavesStartAsSystemError) {
+    SKIP_WHERE_EMULATED("the emulator has threads of its own, which count");
     constexpr uid_t NOBODY_ELSES = 1954321;
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root may take a user id that has no other threads";

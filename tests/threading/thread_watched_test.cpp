@@ -27,11 +27,15 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::NiceMock;
 
+/// The clock stands from before the first member is made until the last one has gone.
+struct FrozenClock {
+    FrozenClock() { MovedClock::Freeze(); }
+    ~FrozenClock() { MovedClock::Resume(); }
+};
+
 class ThreadWatchedTest : public ::testing::Test {
 protected:
-    ThreadWatchedTest() { MovedClock::Freeze(); }
-    ~ThreadWatchedTest() override { MovedClock::Resume(); }
-
+    FrozenClock mClock;
     NiceMock<MockWatcher> mWatcher;
     ThreadWatched mWatched{mWatcher, "pump"};
     LogCapture mLog;

@@ -26,6 +26,7 @@
 
 #include "support/before_lock.h"
 #include "support/child.h"
+#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
@@ -832,7 +833,9 @@ TEST_F(TimerExpiry, CallbackRunsWithSignalsBlocked) {
     ASSERT_EQ(timer.Start(), StatusCode::Ok);
     const sigset_t blocked = mask.get_future().get();
     for (const int signo : {SIGTERM, SIGINT, SIGCHLD, SIGUSR1, SIGRTMIN, SIGRTMAX}) {
-        EXPECT_EQ(sigismember(&blocked, signo), 1) << signo;
+        // qemu keeps the last one for itself.
+        EXPECT_EQ(sigismember(&blocked, signo), signo == SIGRTMAX && tern::test::IsEmulated() ? 0 : 1)
+            << signo;
     }
 }
 
