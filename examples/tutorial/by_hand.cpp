@@ -20,10 +20,8 @@ public:
 
     const sd_bus_vtable* GetVtable() const override {
         static const sd_bus_vtable table[] = {
-            SdBusVtableStart(0),
-            SdBusMethod("Boost", "u", "", &OnBoost, SD_BUS_VTABLE_UNPRIVILEGED),
-            SdBusProperty("Temperature", "d", &OnGetTemperature, 0, 0),
-            SdBusVtableEnd()};
+            SdBusVtableStart(0), SdBusMethod("Boost", "u", "", &OnBoost, SD_BUS_VTABLE_UNPRIVILEGED),
+            SdBusProperty("Temperature", "d", &OnGetTemperature, 0, 0), SdBusVtableEnd()};
         return table;
     }
     /// What sd-bus passes to the handlers as `userdata`: so they find their object again.
