@@ -91,8 +91,9 @@ TEST_F(Containers, NestInEachOther) {
     Check(std::vector<std::array<std::uint8_t, 2>>{{1, 2}, {3, 4}}, "aay", 2, 2, 1, 2, 2, 3, 4);
     Check(std::map<std::string, std::vector<int>>{{"a", {1}}, {"b", {}}}, "a{sai}", 2, "a", 1, 1, "b", 0);
     Check(std::vector<std::map<int, bool>>{{{1, true}}, {}}, "aa{ib}", 2, 1, 1, 1, 0);
+    const auto message = mMessages.Make("aai", 3, 1, 5, 0, 2, 6, 7);  // what the spans point into
     const ReadValue<std::vector<std::span<const int>>> read =
-        ReadOne<std::vector<std::span<const int>>>(mMessages.Make("aai", 3, 1, 5, 0, 2, 6, 7));
+        ReadOne<std::vector<std::span<const int>>>(message);
     ASSERT_EQ(read.value.size(), 3U);
     EXPECT_EQ(read.value[1].size(), 0U);
     EXPECT_EQ(read.value[2][1], 7);
