@@ -24,7 +24,7 @@ int PeekVariant(sd_bus_message* message, const char*& contents) {
 }
 
 int EnterVariant(sd_bus_message* message, const char* wanted, Fault& fault) {
-    const char* contents = nullptr;
+    const char* contents = "";
     const int result = PeekVariant(message, contents);
     if (result <= 0) {
         return result;

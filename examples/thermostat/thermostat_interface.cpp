@@ -42,7 +42,7 @@ Outcome<void> ThermostatInterface::Boost(std::uint32_t seconds) {
     return {};
 }
 
-void ThermostatInterface::ExportLog(Reply<std::string> reply, std::string password) {
+void ThermostatInterface::ExportLog(Reply<std::string> reply, const std::string& password) {
     if (password.empty()) {
         reply.Fail(Error::InvalidArgs("the log is exported only with a password"));
         return;

@@ -51,7 +51,7 @@ public:
 
 private:
     mwl::Typed::Outcome<void> Boost(std::uint32_t seconds);
-    void ExportLog(mwl::Typed::Reply<std::string> reply, std::string password);
+    void ExportLog(mwl::Typed::Reply<std::string> reply, const std::string& password);
     mwl::Typed::Outcome<void> Trial(const std::string& what);
     double GetTarget() const { return mRoom.GetTarget(); }
     mwl::Typed::Outcome<void> SetTarget(double celsius);

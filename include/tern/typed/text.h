@@ -25,7 +25,7 @@ struct Text {
     }
 
     /// The characters, valid as long as this.
-    constexpr std::string_view View() const { return {text, N}; }
+    constexpr std::string_view View() const { return {text, N}; }  // NOLINT(bugprone-string-constructor)
 };
 
 /// So that `Text("sv")` does without the length.

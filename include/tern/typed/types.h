@@ -17,7 +17,7 @@ namespace mwl::Typed {
 /// Whether `text` is an object path: "/", or elements of ASCII letters, digits and '_', each behind a '/'; at
 /// most 64 KiB, as sd-bus has it.
 constexpr bool IsObjectPath(std::string_view text) {
-    if (text.empty() || text.front() != '/' || text.size() > 64 * 1024) {
+    if (text.empty() || text.front() != '/' || text.size() > std::size_t{64} * 1024) {
         return false;
     }
     if (text.size() > 1 && text.back() == '/') {
@@ -117,6 +117,7 @@ public:
     /// From a literal.
     explicit CheckedText(Literal literal) : mText(literal.text) {}
     /// Nothing when `text` is not of the right form. std::bad_alloc when memory is short.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): it is moved into the result
     static std::optional<CheckedText> From(std::string text) {
         if (!Check(text)) {
             return std::nullopt;
