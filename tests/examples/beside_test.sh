@@ -18,7 +18,6 @@ is() { # is WHAT EXPECTED SEEN
         failures=$((failures + 1))
     fi
 }
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 call() { busctl --system --timeout=10 "$@" 2>&1; }
 heater="com.example.Heater /com/example/Heater com.example.Heater1"
 
@@ -26,7 +25,9 @@ ran=0
 for name in typed sd_bus sdbus_cpp gdbus; do
     [ -x "$programs/$name" ] || { echo "SKIPPED: $name was not built"; continue; }
     ran=$((ran + 1))
-    bus_pid=$(dbus-daemon --session --fork --nopidfile --nosyslog --address="unix:path=$work/bus" --print-pid)
+    # An address each: a daemon that ends removes its socket when it gets to it.
+    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/$name
+    bus_pid=$(dbus-daemon --session --fork --nopidfile --nosyslog --address="$DBUS_SYSTEM_BUS_ADDRESS" --print-pid)
     "$programs/$name" 2>"$work/log" &
     service_pid=$!
     gdbus wait --system --timeout 30 com.example.Heater || { echo "FAILED $name does not start"; cat "$work/log"; exit 1; }
@@ -49,7 +50,6 @@ for name in typed sd_bus sdbus_cpp gdbus; do
     service_pid=""
     kill "$bus_pid"
     bus_pid=""
-    rm -f "$work/bus"
 done
 [ -x "$programs/typed" ] || { echo "FAILED the program on this library is missing"; failures=1; }
 echo "$ran programs, $failures failures"
