@@ -92,7 +92,9 @@ struct Room final : Implements<Room, Room1> {
     // Every form of result, of parameters and of qualifiers.
     void Nothing() { ++calls; }
     std::string Join(const std::string& first, std::string&& second) const { return first + second; }
-    Results<std::string, bool> Split(long value) const noexcept { return {std::to_string(value), value < 0}; }
+    Results<std::string, bool> Split(std::int64_t value) const noexcept {
+        return {std::to_string(value), value < 0};
+    }
     StatusCode Status(std::uint32_t code) & { return static_cast<StatusCode>(code); }
     Outcome<void> Maybe(bool works) const& {
         return works ? Outcome<void>() : Error("com.example.Error.Refused", "not today");
