@@ -1,30 +1,19 @@
 #include "typed/log_limit.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 
-#include "support/interpose.h"
-
-TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* time), (clock, time))
+#include "threading/moved_clock.h"
 
 using mwl::Typed::LogLimit;
+using tern::test::MovedClock;
 
 namespace {
 
-/// CLOCK_MONOTONIC is what the test says.
+/// The clock is what the test says.
 class LogLimitTest : public testing::Test {
 protected:
-    LogLimitTest() {
-        fault_clock_gettime.Replace(
-            [this](clockid_t clock, timespec* time) {
-                if (clock != CLOCK_MONOTONIC) {
-                    return fault_clock_gettime.Real(clock, time);
-                }
-                *time = {mSeconds, 0};
-                return 0;
-            },
-            1000000);
-    }
+    LogLimitTest() { MovedClock::Freeze(); }
+    ~LogLimitTest() override { MovedClock::Resume(); }
 
     /// How many of `count` messages are written.
     unsigned Write(unsigned count) {
@@ -35,12 +24,8 @@ protected:
         return written;
     }
 
-    time_t mSeconds = 1000;
     unsigned long mOmitted = 0;
     LogLimit mLimit;
-
-private:
-    tern::test::FaultScope<int(clockid_t, timespec*)> mScope{fault_clock_gettime};
 };
 
 }  // namespace
@@ -48,14 +33,14 @@ private:
 TEST_F(LogLimitTest, LetsTheFirstMessagesOfAPeriodThrough) {
     EXPECT_EQ(Write(LogLimit::MESSAGES), LogLimit::MESSAGES);
     EXPECT_EQ(Write(25), 0U);
-    mSeconds += LogLimit::PERIOD.count() - 1;
+    MovedClock::Advance(LogLimit::PERIOD - std::chrono::seconds(1));
     EXPECT_EQ(Write(1), 0U);
     EXPECT_EQ(mOmitted, 0U);
 }
 
 TEST_F(LogLimitTest, TellsOnceInTheNextPeriodWhatWasLeftOut) {
     Write(LogLimit::MESSAGES + 25);
-    mSeconds += LogLimit::PERIOD.count();
+    MovedClock::Advance(LogLimit::PERIOD);
     EXPECT_EQ(Write(1), 1U);
     EXPECT_EQ(mOmitted, 25U);
     EXPECT_EQ(Write(1), 1U);
@@ -64,10 +49,10 @@ TEST_F(LogLimitTest, TellsOnceInTheNextPeriodWhatWasLeftOut) {
 
 TEST_F(LogLimitTest, PeriodBeginsWithItsFirstMessage) {
     Write(1);
-    mSeconds += 3 * LogLimit::PERIOD.count() - 1;
+    MovedClock::Advance(3 * LogLimit::PERIOD - std::chrono::seconds(1));
     EXPECT_EQ(Write(LogLimit::MESSAGES + 1), LogLimit::MESSAGES);
-    mSeconds += LogLimit::PERIOD.count() - 1;
+    MovedClock::Advance(LogLimit::PERIOD - std::chrono::seconds(1));
     EXPECT_EQ(Write(1), 0U);
-    mSeconds += 1;
+    MovedClock::Advance(std::chrono::seconds(1));
     EXPECT_EQ(Write(1), 1U);
 }
