@@ -1,18 +1,5 @@
 // fails with: a getter takes no arguments
-#include <tern/typed/caller.h>
-#include <tern/typed/implements.h>
-#include <tern/typed/reply.h>
-
-#include <memory>
-#include <string>
-
-using namespace mwl::Typed;
-
-struct Room1 {
-    static constexpr const char* NAME = "com.example.Room1";
-    static constexpr Property<int> Level{"Level"};
-    static constexpr Members<Level> ALL{};
-};
+#include "property_contract.h"
 
 struct Room final : Implements<Room, Room1> {
 #ifdef MENDED

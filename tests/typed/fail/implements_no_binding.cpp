@@ -1,18 +1,5 @@
 // fails with: Bindings are of Bind<member, functions...>
-#include <tern/typed/caller.h>
-#include <tern/typed/implements.h>
-#include <tern/typed/reply.h>
-
-#include <memory>
-#include <string>
-
-using namespace mwl::Typed;
-
-struct Room1 {
-    static constexpr const char* NAME = "com.example.Room1";
-    static constexpr Method<void(int)> Heat{"Heat", {"seconds"}};
-    static constexpr Members<Heat> ALL{};
-};
+#include "method_contract.h"
 
 struct Room final : Implements<Room, Room1> {
 #ifdef MENDED

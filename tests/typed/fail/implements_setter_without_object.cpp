@@ -1,18 +1,5 @@
 // fails with: a setter is a member of the class, or takes the object, Self&, as its first parameter
-#include <tern/typed/caller.h>
-#include <tern/typed/implements.h>
-#include <tern/typed/reply.h>
-
-#include <memory>
-#include <string>
-
-using namespace mwl::Typed;
-
-struct Room1 {
-    static constexpr const char* NAME = "com.example.Room1";
-    static constexpr WritableProperty<int> Level{"Level"};
-    static constexpr Members<Level> ALL{};
-};
+#include "writable_contract.h"
 
 struct Room final : Implements<Room, Room1> {
 #ifdef MENDED
