@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "typed/bus_access.h"
 #include "typed/bus_core.h"
 #include "typed/reply_state.h"
 
@@ -131,6 +132,10 @@ Bus::Counters Bus::GetCounters() const {
 
 sd_bus* Bus::GetBus() const {
     return mState->core.GetBus();
+}
+
+const std::shared_ptr<ReplyState>& BusAccess::GetState(const Bus& bus) noexcept {
+    return bus.mState->core.GetState();
 }
 
 }  // namespace mwl::Typed

@@ -116,6 +116,8 @@ void BusCore::Close() noexcept {
             mReplies->SendError(call, SD_BUS_ERROR_NO_REPLY, "the service is stopping");
         }
     }
+    // While jobs may still be posted: what ends now may give its result to another thread.
+    mStoppables.StopAll();
     mReplies->dispatcher.Close();
     mPhase = Phase::Closed;
     for (InterfaceBase* const interface : mAdopted) {

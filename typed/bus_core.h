@@ -22,6 +22,7 @@
 #include "typed/handles.h"
 #include "typed/log_limit.h"
 #include "typed/reply_state.h"
+#include "typed/stoppables.h"
 
 namespace mwl::Typed {
 
@@ -47,6 +48,12 @@ public:
     void SetChangePeriod(std::uint64_t microseconds) { mChanges.SetPeriod(microseconds); }
     const std::shared_ptr<ReplyState>& GetState() const noexcept { return mReplies; }
     bool IsOpen() const noexcept { return mPhase == Phase::Open; }
+
+    // For the clients of this connection.
+    /// The loop; null unless open.
+    sd_event* GetLoop() const noexcept { return mSession ? mSession->loop : nullptr; }
+    /// It waits from now on, and is told when the bus closes. False: the bus is not open, or closes already.
+    bool AddStoppable(Stoppable& waiting) noexcept { return IsOpen() && mStoppables.Add(waiting); }
 
     // For the tokens.
     /// The object goes; nothing when it has gone.
@@ -115,6 +122,7 @@ private:
     sd_bus* mBus = nullptr;
     std::optional<Session> mSession;
     Changes mChanges;
+    Stoppables mStoppables;
     std::unordered_set<InterfaceBase*> mAdopted;
 
     Objects mObjects;

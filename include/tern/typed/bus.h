@@ -22,6 +22,7 @@ class EventLoop;
 
 namespace mwl::Typed {
 
+struct BusAccess;
 struct ReplyState;
 
 /// Keeps an object on the bus; the object goes when this is destroyed. Made by Bus::Export.
@@ -83,7 +84,8 @@ private:
 /// and goes within a turn is never announced; changes of one that is being announced are in its announcement.
 ///
 /// When the loop ends: changes are announced; open calls are answered "org.freedesktop.DBus.Error.NoReply",
-/// "the service is stopping"; jobs that wait are dropped, and from now on Post is refused; then sd-bus sends
+/// "the service is stopping"; what waits here as a client ends with `Stopping`, and what would wait from now
+/// on does so at once; jobs that wait are dropped, and from now on Post is refused; then sd-bus sends
 /// what is queued and closes, and IpcServer::Stop is called. The implementations live until their Exported
 /// goes, or until the destructor.
 ///
@@ -195,6 +197,7 @@ public:
     sd_bus* GetBus() const;
 
 private:
+    friend struct BusAccess;
     struct State;
     const std::unique_ptr<State> mState;
 };

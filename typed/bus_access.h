@@ -1,0 +1,17 @@
+#pragma once
+
+#include <tern/typed/bus.h>
+
+#include <memory>
+
+#include "typed/reply_state.h"
+
+namespace mwl::Typed {
+
+/// What clients of the same connection need of a bus.
+struct BusAccess {
+    /// Outlives the bus; its `core` is null once the bus has gone. Any thread.
+    static const std::shared_ptr<ReplyState>& GetState(const Bus& bus) noexcept;
+};
+
+}  // namespace mwl::Typed

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <tern/typed/stoppable.h>
+
+namespace mwl::Typed {
+
+/// What waits on a bus, in the order in which it began to. D-Bus thread only.
+class Stoppables {
+public:
+    Stoppables() = default;
+    /// What still waits is in no list any more, and is not told.
+    ~Stoppables();
+    Stoppables(const Stoppables&) = delete;
+    Stoppables& operator=(const Stoppables&) = delete;
+
+    /// Puts it at the end. False, and it does not wait: StopAll has been called. REQUIRES: it is in no list.
+    bool Add(Stoppable& waiting) noexcept;
+    /// Tells each, first the one that has waited longest, and takes it out; nothing waits from now on.
+    void StopAll() noexcept;
+
+private:
+    friend class Stoppable;
+
+    Stoppable* mFirst = nullptr;
+    Stoppable* mLast = nullptr;
+    bool mIsStopped = false;
+};
+
+}  // namespace mwl::Typed
