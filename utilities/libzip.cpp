@@ -32,7 +32,6 @@
     DO(zip_int64_t, zip_file_add,                                                                            \
        (zip_t * archive, const char* name, zip_source_t* source, zip_flags_t flags),                         \
        (archive, name, source, flags))                                                                       \
-    DO(void, zip_file_error_clear, (zip_file_t * entry), (entry))                                            \
     DO(zip_error_t*, zip_file_get_error, (zip_file_t * entry), (entry))                                      \
     DO(int, zip_file_set_encryption,                                                                         \
        (zip_t * archive, zip_uint64_t index, zip_uint16_t method, const char* password),                     \

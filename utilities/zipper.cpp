@@ -201,24 +201,35 @@ ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool co
     return isChecksum && isAsLongAsClaimed ? ReadResult::ChecksumDiffers : ReadResult::Failed;
 }
 
-/// Reads the entry as ReadToEnd and has the last word about its authentication code. The error that the
-/// handle keeps says the same as the result.
-bool ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index, const ZipEntryMethods& methods,
-               const std::string& password, zip_file_t* entry, char* buffer, bool& isShort) {
-    const ReadResult result = ReadToEnd(entry, buffer, stat.size, methods.IsAes(), isShort);
-    const bool isWhole = result == ReadResult::Whole;
+struct EntryReading {
+    bool isRead = false;
+    /// The content is shorter than the entry claims.
+    bool isShort = false;
+    /// libzip found a checksum that differs, and the authentication code says otherwise. Closing repeats
+    /// libzip's error then, which from libzip 1.12 on cannot be cleared.
+    bool isOverruled = false;
+};
+
+/// Reads the entry as ReadToEnd and has the last word about its authentication code. When it was not read,
+/// the handle keeps the error.
+EntryReading ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index,
+                       const ZipEntryMethods& methods, const std::string& password, zip_file_t* entry,
+                       char* buffer) {
+    EntryReading reading;
+    const ReadResult result = ReadToEnd(entry, buffer, stat.size, methods.IsAes(), reading.isShort);
+    reading.isRead = result == ReadResult::Whole;
     // At the end of an entry that is not compressed libzip has compared the code.
-    const bool isDecided = !methods.IsAes() || (isWhole && methods.compression == ZIP_CM_STORE);
+    const bool isDecided = !methods.IsAes() || (reading.isRead && methods.compression == ZIP_CM_STORE);
     if (result == ReadResult::Failed || isDecided) {
-        return isWhole;
+        return reading;
     }
     const bool isAuthentic = IsAuthentic(archive, index, stat.comp_size, methods, password);
-    if (isWhole && !isAuthentic) {
+    if (reading.isRead && !isAuthentic) {
         zip_error_set(zip_file_get_error(entry), ZIP_ER_CRC, 0);
-    } else if (!isWhole && isAuthentic) {
-        zip_file_error_clear(entry);
     }
-    return isAuthentic;
+    reading.isOverruled = !reading.isRead && isAuthentic;
+    reading.isRead = isAuthentic;
+    return reading;
 }
 
 StatusCode FailedToOpen(const std::string& path, int error) {
@@ -394,15 +405,14 @@ StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, Target& target, cons
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
         return StatusCode::OutOfMemory;
     }
-    bool isShort = false;
-    const bool isRead =
-        ReadEntry(archive, stat, index, methods, password, entry.get(), buffer.get(), isShort) &&
-        (!isShort || target.TakesShortEntries());
+    const EntryReading reading =
+        ReadEntry(archive, stat, index, methods, password, entry.get(), buffer.get());
+    const bool isRead = reading.isRead && (!reading.isShort || target.TakesShortEntries());
     if (!isRead) {
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
     }
     // libzip repeats here the error that reading met.
-    if (zip_fclose(entry.release()) != 0) {
+    if (zip_fclose(entry.release()) != 0 && !reading.isOverruled) {
         TERN_LOG_ERROR(LOGGER, "Unzip: Failed to close file %s", name);
         return StatusCode::Failure;
     }

@@ -404,7 +404,6 @@ const std::map<std::string, const char*>& Exemptions() {
         {"zip_error_init_with_code", ONLY_MEMORY},
         {"zip_error_set", ONLY_MEMORY},
         {"zip_error_strerror", ONLY_MEMORY},
-        {"zip_file_error_clear", ONLY_MEMORY},
         {"zip_file_get_error", ONLY_MEMORY},
         {"zip_get_error", ONLY_MEMORY},
         {"zip_source_free", GOES_AWAY},
