@@ -94,9 +94,10 @@ start_bus() {
   <policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*" eavesdrop="true"/>
     <allow eavesdrop="true"/>${1:-}</policy></busconfig>
 XML
-    dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog 2>/dev/null &
+    dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog --print-address >"$work/address" 2>/dev/null &
     bus_pid=$!
-    wait_for test -S "$work/bus"
+    # Told when it listens; the socket is there before.
+    wait_for test -s "$work/address"
 }
 start_bus '<deny own="com.example.Thermostat"/>'
 refuses_to_start "the name refused by the policy" \

@@ -34,9 +34,10 @@ cat >"$work/bus.conf" <<XML
 XML
 # Peers of another user have to reach the socket.
 chmod 711 "$work"
-dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog 2>"$work/bus.log" &
+dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog --print-address >"$work/address" 2>"$work/bus.log" &
 bus_pid=$!
-wait_for test -S "$work/bus"
+# Told when it listens; the socket is there before.
+wait_for test -s "$work/address"
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 export LC_ALL=C.UTF-8
 

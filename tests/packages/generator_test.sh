@@ -144,9 +144,10 @@ cat >"$work/bus.conf" <<XML
   <policy user="$(id -un)"><allow send_destination="$bus"/></policy>
   <include>$work/policy</include></busconfig>
 XML
-dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog 2>"$work/bus.log" &
+dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog --print-address >"$work/address" 2>"$work/bus.log" &
 bus_pid=$!
-wait_for test -S "$work/bus" || { cat "$work/bus.log"; fail "no bus"; }
+# Told when it listens; the socket is there before.
+wait_for test -s "$work/address" || { cat "$work/bus.log"; fail "no bus"; }
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
 "$work/root/usr/libexec/$name" 2>"$work/log" &
 extension_pid=$!
