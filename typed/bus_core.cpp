@@ -407,6 +407,8 @@ Bus::Counters BusCore::GetCounters() const {
     counters.unsentReplies = mReplies->unsentReplies;
     counters.refusedJobs = mReplies->dispatcher.GetRefused();
     counters.askedCallers = mSession.has_value() ? mSession->credentials.GetAsked() : mAsked;
+    counters.wrongSignals = mReplies->watching.wrongSignals;
+    counters.wrongProperties = mReplies->watching.wrongProperties;
     counters.objects = mObjects.size();
     counters.openCalls = mReplies->calls.GetSize();
     counters.waitingJobs = mReplies->dispatcher.GetWaiting();

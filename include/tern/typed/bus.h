@@ -116,10 +116,12 @@ public:
         std::uint64_t unsentReplies = 0;  ///< answers that could not be encoded or sent (logged)
         std::uint64_t refusedJobs = 0;    ///< jobs refused as too many were waiting
         std::uint64_t askedCallers = 0;   ///< callers whose credentials were asked for
-        std::size_t objects = 0;          ///< exported now
-        std::size_t openCalls = 0;        ///< taken over and not answered yet
-        std::size_t waitingJobs = 0;      ///< posted and not run yet
-        std::size_t knownCallers = 0;     ///< whose credentials are kept
+        std::uint64_t wrongSignals = 0;   ///< signals subscribed to that had not the content of the contract
+        std::uint64_t wrongProperties = 0;  ///< values of a PropertyCache that had not the contract's type
+        std::size_t objects = 0;            ///< exported now
+        std::size_t openCalls = 0;          ///< taken over and not answered yet
+        std::size_t waitingJobs = 0;        ///< posted and not run yet
+        std::size_t knownCallers = 0;       ///< whose credentials are kept
     };
 
     Bus();
