@@ -82,8 +82,7 @@ struct Subscription::State final : Stoppable, std::enable_shared_from_this<State
 
     static int OnSignal(sd_bus_message* signal, void* userdata, sd_bus_error*) {
         auto& self = *static_cast<State*>(userdata);
-        // Until it is confirmed, what comes is let in by another's rule. So a handler that subscribes anew is
-        // not called again with the signal that it is at, which sd-bus gives to new matches as well.
+        // Until it is confirmed, what comes was let in by another rule, and may be older.
         if (self.status == StatusCode::Ok && self.IsFromOwner(signal)) {
             const std::shared_ptr<State> kept = self.shared_from_this();
             RunContained([&] { kept->Handle(signal); }, signal);

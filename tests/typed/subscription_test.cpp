@@ -394,6 +394,28 @@ TEST_F(SubscriptionTest, AHandlerMaySubscribeAnewAndIsNotCalledAgainForTheSameSi
     mServed.On([&] { mSubscription.Reset(); });
 }
 
+TEST_F(SubscriptionTest, WhatWasSentBeforeIsNotHeard) {
+    Listen();
+    Careless careless(mServed);
+    std::vector<std::uint32_t> late;
+    Subscription second;
+    mServed.On([&] {
+        Measure(1);
+        mPeer.Own("com.example.Nothing");  // so that the signal is on its way
+        second =
+            SubscribeTo(Of(), METER, Meter1::Measured, [&](std::uint32_t value) { late.push_back(value); });
+        EXPECT_EQ(second.GetStatus(), StatusCode::Busy);
+    });
+    EXPECT_THAT(Seen(), ElementsAre(1));
+    EXPECT_TRUE(WaitUntil([&] { return mServed.On([&] { return second.GetStatus(); }) == StatusCode::Ok; }));
+    Measure(2);
+    EXPECT_THAT(Seen(), ElementsAre(1, 2));
+    mServed.On([&] {
+        EXPECT_THAT(late, ElementsAre(2));
+        second.Reset();
+    });
+}
+
 TEST_F(SubscriptionTest, IsMovedWhileItListens) {
     Listen();
     mServed.On([this] {
