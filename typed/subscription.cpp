@@ -82,8 +82,8 @@ struct Subscription::State final : Stoppable, std::enable_shared_from_this<State
 
     static int OnSignal(sd_bus_message* signal, void* userdata, sd_bus_error*) {
         auto& self = *static_cast<State*>(userdata);
-        // Until it is confirmed, what comes was let in by another rule, and may be older.
-        if (self.status == StatusCode::Ok && self.IsFromOwner(signal)) {
+        // Not called for what came before the message bus confirmed the match.
+        if (self.IsFromOwner(signal)) {
             const std::shared_ptr<State> kept = self.shared_from_this();
             RunContained([&] { kept->Handle(signal); }, signal);
         }
