@@ -325,6 +325,20 @@ TEST_F(PropertyCacheTest, TheLateAnswerOfAFormerOwnerDoesNotCount) {
     EXPECT_THAT(LevelAfter(mPeer), Optional(4U));
 }
 
+TEST_F(PropertyCacheTest, TheLateAnswerOfOneWhoHasGivenUpTheNameDoesNotCount) {
+    Fill();
+    mServed.On([this] { mCache->Refresh(); });
+    const auto all = mPeer.WaitForCall("GetAll");
+    Invalidate("Level");
+    const auto single = mPeer.WaitForCall("Get");
+    mPeer.Disown(NAME);
+    WaitFor(StatusCode::NotFound);
+    AnswerAll(mPeer, all, 3);
+    mPeer.Reply(single, "v", "u", 4U);
+    EXPECT_EQ(LevelAfter(mPeer), std::nullopt);
+    EXPECT_EQ(Status(), StatusCode::NotFound);
+}
+
 TEST_F(PropertyCacheTest, AStrangerChangesNothing) {
     RawPeer stranger;
     Fill();
