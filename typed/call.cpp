@@ -10,21 +10,13 @@
 #include "typed/bus_core.h"
 #include "typed/contained.h"
 #include "typed/reply_state.h"
+#include "typed/time_limit.h"
 
 namespace mwl::Typed {
 
 namespace {
 
 const StaticText LOGGER("Typed");
-
-/// As sd-bus takes it: not 0, which means a default of its own.
-std::uint64_t ToMicroseconds(std::chrono::milliseconds limit) noexcept {
-    constexpr std::chrono::milliseconds LONGEST = std::chrono::hours(24 * 3652);
-    if (limit > LONGEST) {
-        return UINT64_MAX;
-    }
-    return limit.count() <= 0 ? 1 : static_cast<std::uint64_t>(limit.count()) * 1000;
-}
 
 /// What sd-bus could not do with a message or a connection.
 StatusCode StatusOfSending(int error) noexcept {
