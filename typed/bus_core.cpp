@@ -11,6 +11,7 @@
 #include "foundation/error_text.h"
 #include "platform/static_text.h"
 #include "typed/contained.h"
+#include "typed/task_thread.h"
 
 namespace mwl::Typed {
 
@@ -78,6 +79,7 @@ StatusCode BusCore::Open(mw::tern::DBusServerManager& manager, mw::tern::EventLo
         return status;
     }
     mPhase = Phase::Open;
+    TaskThread::Open(mSession->loop);
     return StatusCode::Ok;
 }
 
@@ -117,6 +119,7 @@ void BusCore::Close() noexcept {
         }
     }
     // While jobs may still be posted: what ends now may give its result to another thread.
+    TaskThread::BeginStop();
     mStoppables.StopAll();
     while (!mPostponed.IsEmpty()) {
         --mLastTurns;
@@ -136,6 +139,7 @@ void BusCore::Close() noexcept {
         }
     }
     mAsked = mSession->credentials.GetAsked();
+    TaskThread::Close();
     mSession.reset();
     mBus = nullptr;
     ClearGraves();

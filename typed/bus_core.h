@@ -48,6 +48,7 @@ public:
     void SetChangePeriod(std::uint64_t microseconds) { mChanges.SetPeriod(microseconds); }
     const std::shared_ptr<ReplyState>& GetState() const noexcept { return mReplies; }
     bool IsOpen() const noexcept { return mPhase == Phase::Open; }
+    bool IsNew() const noexcept { return mPhase == Phase::New; }
 
     // For the clients of this connection.
     /// The loop; null unless open.
