@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "typed/client_calls.h"
 #include "typed/log_limit.h"
 #include "typed/pending_calls.h"
 
@@ -23,6 +24,7 @@ struct ReplyState {
     std::uint64_t droppedCalls = 0;
     std::uint64_t unsentReplies = 0;
     LogLimit limit;
+    ClientCalls clients;
 
     /// The call, which is no longer open; tells the bus when it was the last one.
     PendingCalls::Call Take(std::uint64_t id) noexcept;
