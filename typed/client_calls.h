@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tern/typed/bus.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -7,11 +9,18 @@
 
 namespace mwl::Typed {
 
-/// What the clients of a bus count. D-Bus thread only.
+/// What the calls count that go from here to peers. D-Bus thread only.
 struct ClientCalls {
+    std::uint64_t sent = 0;
+    std::uint64_t unsent = 0;
     std::uint64_t wrongReplies = 0;
-    /// Of what peers answer wrongly.
-    LogLimit log;
+    /// Sent, and neither answered nor given up.
+    std::size_t waiting = 0;
+    std::size_t limit = Bus::PENDING_CALLS;
+    /// Of wrong replies.
+    LogLimit wrongLog;
+    /// Of calls whose failure nobody else is told.
+    LogLimit unsentLog;
 };
 
 }  // namespace mwl::Typed

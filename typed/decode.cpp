@@ -23,7 +23,7 @@ Error WrongReply(const std::string& text, const char* logged, const Remote* remo
         ClientCalls& clients = remote->GetState()->clients;
         ++clients.wrongReplies;
         unsigned long omitted = 0;
-        if (clients.log.Allows(omitted)) {
+        if (clients.wrongLog.Allows(omitted)) {
             TERN_LOG_WARNING(LOGGER, "%s %s: %s (%lu like it not logged)", remote->GetDestination().c_str(),
                              remote->GetPath().c_str(), logged, omitted);
         }

@@ -97,7 +97,7 @@ struct CheckedOwned {
 
 }  // namespace Detail
 
-/// The type in which a client gets, or takes along, what a contract calls T: the same D-Bus type, and it owns
+/// The type in which a client gets what a contract calls T: the same D-Bus type, and it owns
 /// what it holds. `std::string` for `std::string_view`, `std::vector` for `std::span`, `OwnedFd` for
 /// `BorrowedFd`, also inside of containers, tuples and Results; other types as they are.
 template <class T>
