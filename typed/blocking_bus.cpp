@@ -13,6 +13,7 @@
 #include "typed/credentials.h"
 #include "typed/handles.h"
 #include "typed/sending.h"
+#include "typed/time_limit.h"
 
 namespace mwl::Typed {
 

@@ -425,6 +425,8 @@ Bus::Counters BusCore::GetCounters() const {
     counters.unsentCalls = mReplies->clients.unsent;
     counters.wrongReplies = mReplies->clients.wrongReplies;
     counters.pendingCalls = mReplies->clients.waiting;
+    counters.wrongSignals = mReplies->watching.wrongSignals;
+    counters.wrongProperties = mReplies->watching.wrongProperties;
     counters.objects = mObjects.size();
     counters.openCalls = mReplies->calls.GetSize();
     counters.waitingJobs = mReplies->dispatcher.GetWaiting();

@@ -9,6 +9,7 @@
 #include "typed/contained.h"
 #include "typed/reply_state.h"
 #include "typed/sending.h"
+#include "typed/time_limit.h"
 
 namespace mwl::Typed {
 

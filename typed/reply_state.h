@@ -9,6 +9,7 @@
 #include "typed/client_calls.h"
 #include "typed/log_limit.h"
 #include "typed/pending_calls.h"
+#include "typed/watching.h"
 
 namespace mwl::Typed {
 
@@ -25,6 +26,7 @@ struct ReplyState {
     std::uint64_t unsentReplies = 0;
     LogLimit limit;
     ClientCalls clients;
+    Watching watching;
 
     /// The call, which is no longer open; tells the bus when it was the last one.
     PendingCalls::Call Take(std::uint64_t id) noexcept;

@@ -9,14 +9,6 @@
 
 namespace mwl::Typed {
 
-std::uint64_t ToMicroseconds(std::chrono::milliseconds limit) noexcept {
-    constexpr std::chrono::milliseconds LONGEST = std::chrono::hours(24 * 3652);
-    if (limit > LONGEST) {
-        return UINT64_MAX;
-    }
-    return limit.count() <= 0 ? 1 : static_cast<std::uint64_t>(limit.count()) * 1000;
-}
-
 StatusCode StatusOfSending(int error) noexcept {
     switch (-error) {
         case ENOTCONN:

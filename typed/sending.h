@@ -3,14 +3,9 @@
 #include <tern/typed/error.h>
 #include <tern/typed/fault.h>
 
-#include <chrono>
-#include <cstdint>
 #include <optional>
 
 namespace mwl::Typed {
-
-/// As sd-bus takes a limit: not 0, which means a default of its own; UINT64_MAX above ten years.
-std::uint64_t ToMicroseconds(std::chrono::milliseconds limit) noexcept;
 
 /// What sd-bus could not do with a message or a connection, a negative error number.
 StatusCode StatusOfSending(int error) noexcept;
