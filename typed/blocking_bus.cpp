@@ -187,9 +187,8 @@ Outcome<Detail::OwnedMessage> BlockingBus::Ask(const Detail::BlockingRequest& re
         r = sd_bus_message_sensitive(call.get());
     }
     unsigned index = 0;
-    Fault fault;
-    if (r = r < 0 ? r : write(call.get(), index, fault); r < 0) {
-        return ErrorOfArgument(r, request.names != nullptr ? request.names[index] : nullptr, index, fault);
+    if (r = r < 0 ? r : write(call.get(), index); r < 0) {
+        return ErrorOfArgument(r, request.names != nullptr ? request.names[index] : nullptr, index, Fault());
     }
     if (!request.isAnswered) {
         r = sd_bus_message_set_expect_reply(call.get(), 0);

@@ -38,8 +38,8 @@ struct BlockingRequest {
     bool isAnswered = true;
     bool isSensitive = false;
 };
-/// Appends the arguments; `index` is that of the one that could not be, `fault` may have a reason.
-using ArgumentsWriter = std::function<int(sd_bus_message* message, unsigned& index, Fault& fault)>;
+/// Appends the arguments; `index` is that of the one that could not be.
+using ArgumentsWriter = std::function<int(sd_bus_message* message, unsigned& index)>;
 
 /// What of a Listening does not depend on types.
 class TERN_API ListeningBase {

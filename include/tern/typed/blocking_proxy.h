@@ -62,10 +62,9 @@ public:
         BlockingRequest request = target.Ask(Contract::NAME, method->name, method->names.data());
         request.isAnswered = !method->flags.Has(NO_REPLY);
         request.isSensitive = method->flags.Has(SENSITIVE);
-        const Outcome<OwnedMessage> reply =
-            target.bus->Ask(request, [&](sd_bus_message* message, unsigned& index, Fault&) {
-                return WriteCounted(message, index, value...);
-            });
+        const Outcome<OwnedMessage> reply = target.bus->Ask(
+            request,
+            [&](sd_bus_message* message, unsigned& index) { return WriteCounted(message, index, value...); });
         if (!reply.IsOk()) {
             return reply.GetError();
         }
@@ -87,7 +86,7 @@ public:
         const BlockingTarget& target = static_cast<const BlockingProxy<Contract>&>(*this).GetTarget();
         const Outcome<OwnedMessage> reply =
             target.bus->Ask(target.Ask(PROPERTIES, "Get", PROPERTY_ARGUMENTS.data()),
-                            [&](sd_bus_message* message, unsigned& index, Fault&) {
+                            [&](sd_bus_message* message, unsigned& index) {
                                 return WriteCounted(message, index, std::string_view(Contract::NAME),
                                                     std::string_view(property->name));
                             });
@@ -103,13 +102,12 @@ public:
         static_assert(MakeSignature<V>() == P::IN, "the value is not of the property's type");
         const BlockingTarget& target = static_cast<const BlockingProxy<Contract>&>(*this).GetTarget();
         const std::array<const char*, 3> names{PROPERTY_ARGUMENTS[0], PROPERTY_ARGUMENTS[1], property->name};
-        const Outcome<OwnedMessage> reply =
-            target.bus->Ask(target.Ask(PROPERTIES, "Set", names.data()),
-                            [&](sd_bus_message* message, unsigned& index, Fault&) {
-                                const int r = WriteCounted(message, index, std::string_view(Contract::NAME),
-                                                           std::string_view(property->name));
-                                return r < 0 ? r : WriteInVariant(message, value);
-                            });
+        const Outcome<OwnedMessage> reply = target.bus->Ask(
+            target.Ask(PROPERTIES, "Set", names.data()), [&](sd_bus_message* message, unsigned& index) {
+                const int r = WriteCounted(message, index, std::string_view(Contract::NAME),
+                                           std::string_view(property->name));
+                return r < 0 ? r : WriteInVariant(message, value);
+            });
         return reply.IsOk() ? Decode<void>(reply->get()) : Outcome<void>(reply.GetError());
     }
 };
@@ -213,7 +211,7 @@ public:
     Outcome<void> Ping() const {
         const Outcome<Detail::OwnedMessage> reply =
             mTarget.bus->Ask(mTarget.Ask("org.freedesktop.DBus.Peer", "Ping", nullptr),
-                             [](sd_bus_message*, unsigned&, Fault&) { return 0; });
+                             [](sd_bus_message*, unsigned&) { return 0; });
         return reply.IsOk() ? Decode<void>(reply->get()) : Outcome<void>(reply.GetError());
     }
     /// Its connection.
