@@ -95,15 +95,20 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each description
 
+# tern_package_of(NAME FILE...): sets NAME_package to the name of the package that holds the first of the files.
+function(tern_package_of name file)
+  file(REAL_PATH ${file} file)
+  execute_process(COMMAND dpkg-query -S ${file} OUTPUT_VARIABLE package COMMAND_ERROR_IS_FATAL ANY)
+  string(REGEX REPLACE "[:,].*" "" package "${package}")
+  set(${name}_package ${package} PARENT_SCOPE)
+endfunction()
+
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 # libzip is loaded when it is first needed, so dpkg-shlibdeps does not see it. zip_encryption_method_supported, the
 # youngest of the functions that are called, came with 1.7.0.
-list(GET LIBZIP_LINK_LIBRARIES 0 libzip)
-file(REAL_PATH ${libzip} libzip)
-execute_process(COMMAND dpkg-query -S ${libzip} OUTPUT_VARIABLE libzip COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX REPLACE "[:,].*" "" libzip "${libzip}")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${libzip} (>= 1.7.0)")
+tern_package_of(libzip ${LIBZIP_LINK_LIBRARIES})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${libzip_package} (>= 1.7.0)")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "frame for services on the system D-Bus (libraries)
 The service processes of an embedded Linux device are built on this C++20
 library: an sd-event loop on one D-Bus thread, message readers, a small
@@ -114,6 +119,9 @@ This package holds the three shared libraries.")
 set(CPACK_DEBIAN_TYPED_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_TYPED_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TYPED_PACKAGE_DEPENDS "libtern-dbus-service0 ${same_version}")
+# Loaded when introspection data is first read, which most services never do.
+tern_package_of(libexpat ${EXPAT_LINK_LIBRARIES})
+set(CPACK_DEBIAN_TYPED_PACKAGE_RECOMMENDS ${libexpat_package})
 set(CPACK_DEBIAN_TYPED_DESCRIPTION "typed interfaces on the system D-Bus (library)
 Interfaces of services on the system D-Bus, described once in C++20 and
 checked by the compiler, on top of libtern-dbus-service.")

@@ -243,6 +243,20 @@ class Any::Writer {
 public:
     explicit Writer(sd_bus_message* message) : mMessage(message) {}
 
+    /// As one of the type.
+    int WriteAs(std::string_view type, const Any& any, Fault& fault) {
+        if (any.IsEmpty()) {
+            return fault.Refuse("no value");
+        }
+        if (any.mSignature == type) {
+            return Write(any);
+        }
+        if (type != "v") {
+            return fault.WrongType(any.mSignature.c_str(), std::string(type).c_str());
+        }
+        return any.mSignature[0] == '{' ? fault.WrongType(any.mSignature.c_str(), "v") : WriteVariant(any);
+    }
+
     /// As a variant.
     int WriteVariant(const Any& any) {
         int result = sd_bus_message_open_container(mMessage, 'v', any.mSignature.c_str());
@@ -412,6 +426,28 @@ int ReadAny(sd_bus_message* message, Any& any, Fault& fault) {
     return result;
 }
 
+int WriteAnyAs(sd_bus_message* message, std::string_view type, const Any& any, Fault& fault) {
+    return Any::Writer(message).WriteAs(type, any, fault);
+}
+
+int ReadAnyEach(sd_bus_message* message, std::vector<Any>& values, Fault& fault, unsigned& index) {
+    Any::Reader reader(message, fault);
+    std::vector<Any> all;
+    for (;;) {
+        Any value;
+        const int result = reader.Read(value, 0);
+        if (result < 0) {
+            index = static_cast<unsigned>(all.size());
+            return result;
+        }
+        if (result == 0) {
+            values = std::move(all);
+            return 0;
+        }
+        all.push_back(std::move(value));
+    }
+}
+
 Any Any::FromNumber(const char* signature, std::uint64_t number) {
     return Any(signature, number);
 }
@@ -439,6 +475,45 @@ Any Any::FromMessage(const char* signature, const void* value,
         return Any();
     }
     return any;
+}
+
+Any Any::Compose(std::string_view signature, const std::vector<Any>& parts) {
+    const char container = signature.empty() ? '\0' : ContainerOf(signature[0]);
+    const std::string whole(container == 'e' ? "a" + std::string(signature) : signature);
+    if (container == '\0' || Detail::EndOfType(whole, 0) != whole.size() ||
+        (container == 'v' && parts.size() != 1)) {
+        return Any();
+    }
+    const std::string contents(container == 'v'   ? parts[0].mSignature
+                               : container == 'a' ? signature.substr(1)
+                                                  : signature.substr(1, signature.size() - 2));
+    struct Given {
+        char container;
+        const std::string& contents;
+        const std::vector<Any>& parts;
+    };
+    const Given given{container, contents, parts};
+    // An entry is written as a structure, as there is none without its array.
+    const std::string written = container == 'e' ? "(" + contents + ")" : whole;
+    Any made = FromMessage(written.c_str(), &given, [](sd_bus_message* message, const void* value) {
+        const Given& its = *static_cast<const Given*>(value);
+        int result = sd_bus_message_open_container(message, its.container == 'e' ? 'r' : its.container,
+                                                   its.contents.c_str());
+        const bool isOfFields = its.container == 'r' || its.container == 'e';
+        Fault fault;
+        std::string_view rest = its.contents;
+        for (auto part = its.parts.begin(); result >= 0 && part != its.parts.end(); ++part) {
+            // Behind the last field 0, which nothing fits.
+            const std::size_t size = isOfFields ? Detail::EndOfType(rest, 0) : rest.size();
+            result = Writer(message).WriteAs(rest.substr(0, size), *part, fault);
+            rest.remove_prefix(isOfFields ? size : 0);
+        }
+        return result < 0 ? result : sd_bus_message_close_container(message);
+    });
+    if (container == 'e' && !made.IsEmpty()) {
+        made.mSignature = signature;
+    }
+    return made;
 }
 
 bool Any::ToMessage(void* value, int (*read)(sd_bus_message* message, void* value)) const {

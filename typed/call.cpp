@@ -2,14 +2,13 @@
 #include <tern/typed/call.h>
 
 #include <cassert>
-#include <cerrno>
 #include <string>
 
-#include "foundation/error_text.h"
 #include "platform/static_text.h"
 #include "typed/bus_core.h"
 #include "typed/contained.h"
 #include "typed/reply_state.h"
+#include "typed/sending.h"
 #include "typed/time_limit.h"
 
 namespace mwl::Typed {
@@ -17,20 +16,6 @@ namespace mwl::Typed {
 namespace {
 
 const StaticText LOGGER("Typed");
-
-/// What sd-bus could not do with a message or a connection.
-StatusCode StatusOfSending(int error) noexcept {
-    switch (-error) {
-        case ENOTCONN:
-        case ECONNRESET:
-        case ESHUTDOWN:
-            return StatusCode::IoError;
-        case ENOBUFS:
-            return StatusCode::ResourceUnavailable;
-        default:
-            return mw::tern::MakeStatusCodeFromReturnCode(error);
-    }
-}
 
 }  // namespace
 
@@ -55,6 +40,7 @@ CallBase::CallBase(std::shared_ptr<const Remote> remote, const char* interface, 
 CallBase::CallBase(CallBase&& other) noexcept
     : mRemote(other.mRemote),
       mMessage(std::move(other.mMessage)),
+      mReason(std::move(other.mReason)),
       mTimeout(other.mTimeout),
       mName(other.mName),
       mIndex(other.mIndex),
@@ -83,6 +69,16 @@ void CallBase::RefuseArgument(unsigned index, const char* name, int error) noexc
         mIndex = index;
         mName = name;
         Fail(Cause::Argument, error);
+    }
+}
+
+void CallBase::Refuse(Error reason) {
+    if (mPhase == Phase::New || mPhase == Phase::Failed) {
+        mReason = std::make_unique<Error>(std::move(reason));
+        if (mPhase == Phase::New) {
+            Fail(Cause::Reason, 0);
+        }
+        mCause = Cause::Reason;
     }
 }
 
@@ -212,24 +208,17 @@ Error CallBase::GetFailure() const {
             return static_cast<StatusCode>(mError);
         case Cause::TooMany:
             return Error::LimitsExceeded("too many calls wait for their reply");
-        case Cause::Argument: {
-            std::string text = "argument ";
-            text += mName != nullptr ? "'" + std::string(mName) + "'" : std::to_string(mIndex + 1);
-            text.append(" cannot be sent: ").append(ErrorText(-mError));
-            return mError == -ENOMEM ? Error::NoMemory(text) : Error::InvalidArgs(text);
-        }
+        case Cause::Argument:
+            return ErrorOfArgument(mError, mName, mIndex, Fault());
         case Cause::Message:
-            if (sd_bus_service_name_is_valid(mRemote->GetDestination().c_str()) <= 0) {
-                return Error::InvalidArgs("'" + mRemote->GetDestination() + "' is no name of a service");
-            }
-            if (sd_bus_object_path_is_valid(mRemote->GetPath().c_str()) <= 0) {
-                return Error::InvalidArgs("'" + mRemote->GetPath() + "' is no path of an object");
-            }
-            break;
+            return ErrorOfMessage(mError, mRemote->GetDestination().c_str(), mRemote->GetPath().c_str(),
+                                  nullptr, nullptr);
         case Cause::Sending:
             break;
+        case Cause::Reason:
+            return *mReason;
     }
-    return {StatusOfSending(mError), std::string("the call cannot be sent: ") + ErrorText(-mError)};
+    return ErrorOfSending(mError);
 }
 
 Detail::PendingBase::PendingBase(CallBase&& call) noexcept : CallBase(std::move(call)) {}

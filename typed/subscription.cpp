@@ -111,7 +111,7 @@ struct Subscription::State final : Stoppable, std::enable_shared_from_this<State
         return sender != nullptr && owner->GetOwner() == sender;
     }
     void Handle(sd_bus_message* signal) {
-        if (sd_bus_message_has_signature(signal, signature) <= 0) {
+        if (signature != nullptr && sd_bus_message_has_signature(signal, signature) <= 0) {
             Drop(signal, 0);
         } else if (const int r = handler->Run(signal); r < 0) {
             Drop(signal, r);

@@ -10,11 +10,9 @@
 #include <dlfcn.h>
 #include <zip.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <iterator>
 #include <string>
 
+#include "foundation/dlopen_note.h"
 #include "platform/static_text.h"
 
 /// Every function that is called: result, name, parameters, arguments. libzip has them all since version 1.7.
@@ -63,22 +61,9 @@ namespace mwl::Utilities {
 
 namespace {
 
-constexpr char DLOPEN_CONTENT[] =
+TERN_DLOPEN_NOTE constexpr auto NOTE = MakeDlopenNote(
     R"([{"feature":"archive","description":"Packing and unpacking of zip archives","priority":"recommended",)"
-    R"("soname":[")" TERN_LIBZIP R"("]}])";
-
-/// Tells those who make packages and images what the program needs that its list of libraries does not name:
-/// a note of the ELF file in the form that systemd's own libraries use (readelf --notes shows it).
-struct DlopenNote {
-    std::uint32_t nameSize = sizeof name;
-    std::uint32_t contentSize = sizeof content;
-    std::uint32_t type = 0x407c0c0a;
-    char name[4] = {'F', 'D', 'O', '\0'};
-    alignas(4) char content[sizeof DLOPEN_CONTENT] = {};
-
-    constexpr DlopenNote() { std::copy(std::begin(DLOPEN_CONTENT), std::end(DLOPEN_CONTENT), content); }
-};
-__attribute__((used, aligned(4), section(".note.dlopen"))) constexpr DlopenNote DLOPEN_NOTE;
+    R"("soname":[")" TERN_LIBZIP R"("]}])");
 
 /// The first of this name in the process, as for a library that is linked: a test can step in.
 template <typename Function>

@@ -1,21 +1,21 @@
 // thermostatctl: looks at the thermostat and sets it, from a shell. Built only on the library.
 
 #include <termios.h>
-#include <tern/dbus_client/command.h>
 #include <tern/dbus_client/dbus_client_manager.h>
 #include <tern/dbus_client/interface_properties_get_all.h>
 #include <tern/dbus_message/sasvas_signature_parser.h>
 #include <tern/dbus_message/values_list.h>
 #include <tern/service/dbus_server_manager.h>
 #include <tern/service/service_main_loop.h>
+#include <tern/typed/blocking_proxy.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <set>
 #include <string>
@@ -26,8 +26,13 @@
 using mw::tern::ConvertStatusCodeToString;
 using mw::tern::StatusCode;
 using mw::tern::DBusMessage::ValuesList;
+using thermostat::Thermostat1;
+using namespace std::chrono_literals;
+namespace Typed = mwl::Typed;
 
 namespace {
+
+using Room = Typed::BlockingProxy<Thermostat1>;
 
 constexpr int EXIT_USAGE = 2;
 
@@ -52,6 +57,7 @@ int Fail(const char* what, const std::string& why) {
     return EXIT_FAILURE;
 }
 
+constexpr const char* NO_BUS = "there is no system bus: is dbus running, is DBUS_SYSTEM_BUS_ADDRESS right?";
 constexpr const char* NOT_RUNNING =
     "the thermostat is not running, and the bus does not know how to start it";
 constexpr const char* REFUSED_BY_POLICY =
@@ -64,7 +70,7 @@ std::string Reason(StatusCode status) {
     std::set<std::string> names;
     if (manager.Connect() != StatusCode::Ok ||
         manager.LookupServices(thermostat::BUS_NAME, names) != StatusCode::Ok) {
-        return "there is no system bus: is dbus running, is DBUS_SYSTEM_BUS_ADDRESS right?";
+        return NO_BUS;
     }
     if (names.find(thermostat::BUS_NAME) == names.end()) {
         return NOT_RUNNING;
@@ -75,10 +81,14 @@ std::string Reason(StatusCode status) {
     return status == StatusCode::Timeout ? NO_ANSWER : ConvertStatusCodeToString(status);
 }
 
-/// The same where the answer is an error: the bus's own are told by their cause, the service's as it puts
+/// The same for the outcome of a call: the bus's own errors are told by their cause, the service's as it puts
 /// them.
-std::string Reason(const sd_bus_error& error) {
+std::string Reason(const Typed::Error& error) {
+    if (error.GetName() == SD_BUS_ERROR_NO_REPLY && error.GetStatus() == StatusCode::IoError) {
+        return NO_BUS;  // it went meanwhile
+    }
     static constexpr const char* CAUSES[][2] = {
+        {SD_BUS_ERROR_NO_SERVER, NO_BUS},
         {SD_BUS_ERROR_SERVICE_UNKNOWN, NOT_RUNNING},
         {SD_BUS_ERROR_NAME_HAS_NO_OWNER, NOT_RUNNING},
         {SD_BUS_ERROR_ACCESS_DENIED, REFUSED_BY_POLICY},
@@ -86,11 +96,11 @@ std::string Reason(const sd_bus_error& error) {
         {SD_BUS_ERROR_TIMEOUT, NO_ANSWER},
     };
     for (const auto& [name, text] : CAUSES) {
-        if (strcmp(error.name, name) == 0) {
+        if (error.GetName() == name) {
             return text;
         }
     }
-    return error.message != nullptr ? error.message : error.name;
+    return error.GetText().empty() ? error.GetName() : error.GetText();
 }
 
 int Fail(const char* what, StatusCode status) {
@@ -102,88 +112,17 @@ int WrongUse(const std::string& what) {
     return EXIT_USAGE;
 }
 
-/// One call on the thermostat; keeps what the service said when it refused.
-class ThermostatCall : public mw::tern::DBusCommand::Command {
-public:
-    ThermostatCall() = default;
-    ThermostatCall(const ThermostatCall&) = delete;
-    ThermostatCall& operator=(const ThermostatCall&) = delete;
-    ~ThermostatCall() override { sd_bus_error_free(&mError); }
+/// The thermostat on the system bus.
+const Room& TheRoom() {
+    // The bus may have to start the thermostat first.
+    static const Room room = Room(thermostat::BUS_NAME, thermostat::OBJECT_PATH).Within(25s);
+    return room;
+}
 
-    /// Runs the call; prints the refusal and gives the exit status.
-    int Run(const char* what) {
-        const StatusCode status = Execute();
-        if (status == StatusCode::Ok) {
-            return EXIT_SUCCESS;
-        }
-        return sd_bus_error_is_set(&mError) != 0 ? Fail(what, Reason(mError)) : Fail(what, status);
-    }
-
-protected:
-    sd_bus_error mError{};
-};
-
-class SetTarget : public ThermostatCall {
-public:
-    explicit SetTarget(double celsius) : mCelsius(celsius) {}
-    int CallMethod(sd_bus* bus) override {
-        return sd_bus_set_property(bus, thermostat::BUS_NAME.c_str(), thermostat::OBJECT_PATH.c_str(),
-                                   thermostat::Thermostat1::NAME, "Target", &mError, "d", mCelsius);
-    }
-
-private:
-    double mCelsius;
-};
-
-class Boost : public ThermostatCall {
-public:
-    explicit Boost(unsigned int seconds) : mSeconds(seconds) {}
-    int CallMethod(sd_bus* bus) override {
-        return sd_bus_call_method(bus, thermostat::BUS_NAME.c_str(), thermostat::OBJECT_PATH.c_str(),
-                                  thermostat::Thermostat1::NAME, "Boost", &mError, nullptr, "u", mSeconds);
-    }
-
-private:
-    unsigned int mSeconds;
-};
-
-class ExportLog : public ThermostatCall {
-public:
-    explicit ExportLog(std::string password) : mPassword(std::move(password)) {}
-    int CallMethod(sd_bus* bus) override {
-        sd_bus_message* call = nullptr;
-        sd_bus_message* reply = nullptr;
-        const char* path = nullptr;
-        int r = sd_bus_message_new_method_call(bus, &call, thermostat::BUS_NAME.c_str(),
-                                               thermostat::OBJECT_PATH.c_str(), thermostat::Thermostat1::NAME,
-                                               "ExportLog");
-        if (r >= 0) {
-            r = sd_bus_message_append(call, "s", mPassword.c_str());
-        }
-        if (r >= 0) {
-            // The memory that held the password is cleared when it is given back.
-            r = sd_bus_message_sensitive(call);
-        }
-        if (r >= 0) {
-            // The reply comes when the archive is complete.
-            r = sd_bus_call(bus, call, PATIENCE_US, &mError, &reply);
-        }
-        if (r >= 0) {
-            r = sd_bus_message_read(reply, "s", &path);
-        }
-        if (r >= 0) {
-            puts(path);
-        }
-        sd_bus_message_unref(reply);
-        sd_bus_message_unref(call);
-        return r;
-    }
-
-private:
-    static constexpr std::uint64_t PATIENCE_US = 120'000'000;
-
-    std::string mPassword;
-};
+/// The exit status of a call; prints the refusal.
+int Finish(const char* what, const Typed::Outcome<void>& outcome) {
+    return outcome.IsOk() ? EXIT_SUCCESS : Fail(what, Reason(outcome.GetError()));
+}
 
 /// Keeps what is typed from being shown, also when the person gives up with Ctrl-C.
 class HiddenTyping {
@@ -234,7 +173,13 @@ int Export() {
     if (!ReadPassword(password)) {
         return Fail("cannot export the log", std::string("no password on standard input"));
     }
-    return ExportLog(password).Run("cannot export the log");
+    // The reply comes when the archive is complete.
+    const Typed::Outcome<std::string> path = TheRoom().Within(2min).Call(Thermostat1::ExportLog, password);
+    if (!path.IsOk()) {
+        return Fail("cannot export the log", Reason(path.GetError()));
+    }
+    puts(path->c_str());
+    return EXIT_SUCCESS;
 }
 
 /// Prints what a thermostat's list can hold; keys begin with the separator.
@@ -312,8 +257,7 @@ int Watch() {
     const std::string match =
         "type='signal',sender='" + thermostat::BUS_NAME + "',path='" + thermostat::OBJECT_PATH;
     if (status == StatusCode::Ok) {
-        status = bus.AddMatch(nullptr,
-                              match + "',interface='" + thermostat::Thermostat1::NAME + "',member='Measured'",
+        status = bus.AddMatch(nullptr, match + "',interface='" + Thermostat1::NAME + "',member='Measured'",
                               OnMeasured, nullptr);
     }
     if (status == StatusCode::Ok) {
@@ -339,7 +283,7 @@ int Set(const char* text) {
     if (!ReadNumber(text, celsius)) {
         return WrongUse(std::string("'") + text + "' is not a temperature");
     }
-    return SetTarget(celsius).Run("cannot set the target");
+    return Finish("cannot set the target", TheRoom().Set(Thermostat1::Target, celsius));
 }
 
 int BoostFor(const char* text) {
@@ -348,7 +292,7 @@ int BoostFor(const char* text) {
         seconds != std::floor(seconds)) {
         return WrongUse(std::string("'") + text + "' is not a number of seconds");
     }
-    return Boost(static_cast<unsigned int>(seconds)).Run("cannot boost");
+    return Finish("cannot boost", TheRoom().Call(Thermostat1::Boost, static_cast<std::uint32_t>(seconds)));
 }
 
 }  // namespace

@@ -42,6 +42,8 @@ class TernDBusService(ConanFile):
         self.requires("libsystemd/[>=252]", transitive_headers=True)
         # Loaded when an archive is first opened; its headers and its soname are needed at build time.
         self.requires("libzip/[>=1.7]", options={"shared": True})
+        # The same when introspection data is first read.
+        self.requires("expat/[>=2.4]", options={"shared": True})
 
     def build_requirements(self):
         self.tool_requires("cmake/[>=3.25]")

@@ -36,14 +36,21 @@ if [ -e "$build/examples/thermostat/cmake_install.cmake" ]; then
     done
     echo "what is installed starts as it is"
 fi
-notes=$(readelf -nW "$libdir/libtern-dbus-service.so" 2>&1) || true  # it does not know this kind
-if ! grep -q FDO <<<"$notes" || grep -qi 'corrupt' <<<"$notes" ||
-    ! strings "$libdir/libtern-dbus-service.so" | grep -qE '^\[\{"feature":"archive",.*"soname":\["libzip\.so\.[0-9]+"\]\}\]$'; then
-    echo "the library does not tell that it loads libzip:"
-    echo "$notes"
-    exit 1
-fi
-echo "the library tells what it loads later"
+# tells LIBRARY FEATURE LOADED: the note of what it loads while it runs.
+tells() {
+    local library=$libdir/$1.so notes
+    notes=$(readelf -nW "$library" 2>&1) || true  # it does not know this kind
+    if ! grep -q FDO <<<"$notes" || grep -qi 'corrupt' <<<"$notes" ||
+        ! strings "$library" | grep -qE '^\[\{"feature":"'"$2"'",.*"soname":\["'"$3"'\.so\.[0-9]+"\]\}\]$' ||
+        readelf -d "$library" | grep -F "[$3."; then
+        echo "$1 does not tell that it loads $3, or is linked with it:"
+        echo "$notes"
+        exit 1
+    fi
+}
+tells libtern-dbus-service archive libzip
+tells libtern-dbus-typed introspection libexpat
+echo "the libraries tell what they load later"
 
 # run_all FOLDER [LIBRARY_PATH]
 run_all() {

@@ -292,6 +292,121 @@ TEST_F(AnyValues, ReadsTheOtherByteOrder) {
     EXPECT_EQ(ReadOne<Any>(message).value.ToText(), "([-2, 513], 7, [1099511627776])");
 }
 
+TEST_F(AnyValues, AreWrittenAndReadAsTheyAre) {
+    constexpr const char* TYPES = "uxsaya{sv}v(ib)adog";
+    const BusMessage made = mMessages.Make(TYPES, 5, std::int64_t{-1}, "x", 2, 1, 2, 1, "k", "v", "s", "y",
+                                           "d", 0.5, 7, 1, 1, 1.5, "/o", "as");
+    std::vector<Any> values;
+    Fault fault;
+    unsigned index = 0;
+    ASSERT_EQ(ReadAnyEach(made.get(), values, fault, index), 0);
+    std::string signature;
+    std::string text;
+    for (const Any& value : values) {
+        signature += value.GetSignature();
+        text += value.ToText() + "; ";
+    }
+    EXPECT_EQ(signature, TYPES);
+    EXPECT_EQ(text, "5; -1; \"x\"; [1, 2]; {\"k\": <<\"y\">>}; <0.5>; (7, true); [1.5]; \"/o\"; \"as\"; ");
+    const BusMessage copy = mMessages.New();
+    for (const Any& value : values) {
+        EXPECT_GE(WriteAnyAs(copy.get(), value.GetSignature(), value, fault), 0) << value.ToText();
+    }
+    tern::test::TestMessages::Seal(copy);
+    EXPECT_EQ(Body(copy), Body(made));
+}
+
+TEST_F(AnyValues, AreWrittenAsTheTypeThatIsWanted) {
+    const auto write = [this](const char* type, const Any& any) {
+        const BusMessage message = mMessages.New();
+        Fault fault;
+        const int result = WriteAnyAs(message.get(), type, any, fault);
+        if (result < 0) {
+            EXPECT_EQ(result, -EINVAL);
+            return std::string(fault.text);
+        }
+        tern::test::TestMessages::Seal(message);
+        return std::string(sd_bus_message_get_signature(message.get(), 1)) + " " +
+               ReadOne<Any>(message).value.ToText();
+    };
+    EXPECT_EQ(write("u", Any::From(std::int32_t{5})), "'i' where 'u' is wanted");
+    EXPECT_EQ(write("as", Any::From(std::vector<int>{5})), "'ai' where 'as' is wanted");
+    EXPECT_EQ(write("u", Any::From(Any::From(5U))), "'v' where 'u' is wanted");
+    EXPECT_EQ(write("u", Any()), "no value");
+    EXPECT_EQ(write("v", Any()), "no value");
+    EXPECT_EQ(write("v", Any::From(5U)), "v 5");
+    EXPECT_EQ(write("v", Any::From(Any::From(5U))), "v 5");
+    EXPECT_EQ(write("v", Any::From(Any::From(Any::From(5U)))), "v <5>");
+    EXPECT_EQ(write("v", Any::From(std::map<std::string, int>{{"a", 1}}).At(0)),
+              "'{si}' where 'v' is wanted");
+}
+
+TEST_F(AnyValues, OfAMessageAreReadAllOrNone) {
+    std::vector<Any> values{Any::From(1)};
+    Fault fault;
+    unsigned index = 0;
+    EXPECT_EQ(ReadAnyEach(mMessages.Make("uh(ss)", 1, 0, "a", "b").get(), values, fault, index), -EINVAL);
+    EXPECT_STREQ(fault.text, "a file descriptor where none can be kept");
+    EXPECT_EQ(index, 1U);
+    EXPECT_EQ(values, (std::vector<Any>{Any::From(1)}));
+    EXPECT_EQ(ReadAnyEach(mMessages.Make("").get(), values, fault, index), 0);
+    EXPECT_TRUE(values.empty());
+    // The limit is one for all of them together.
+    const BusMessage message = mMessages.New();
+    for (int i = 0; i < 2; ++i) {
+        Require(sd_bus_message_open_container(message.get(), 'a', "b"), "open");
+        for (std::size_t element = 0; element < MAX_ELEMENTS / 2; ++element) {
+            Require(sd_bus_message_append(message.get(), "b", 1), "append");
+        }
+        Require(sd_bus_message_close_container(message.get()), "close");
+    }
+    tern::test::TestMessages::Seal(message);
+    EXPECT_EQ(ReadAnyEach(message.get(), values, fault, index), -EINVAL);
+    EXPECT_STREQ(fault.text, "more than 1048576 elements");
+    EXPECT_EQ(index, 1U);
+}
+
+TEST_F(AnyValues, AreComposedOfParts) {
+    const Any one = Any::From(1);
+    const Any two = Any::From(2);
+    const Any text = Any::From(std::string("x"));
+    EXPECT_EQ(Any::Compose("ai", {one, two}), Any::From(std::vector<int>{1, 2}));
+    EXPECT_EQ(Any::Compose("ai", {}), Any::From(std::vector<int>{}));
+    EXPECT_EQ(Any::Compose("as", {text}), Any::From(std::vector<std::string>{"x"}));
+    EXPECT_EQ(Any::Compose("(is)", {one, text}), Any::From(std::tuple<int, std::string>{1, "x"}));
+    EXPECT_EQ(Any::Compose("(iai)", {one, Any::Compose("ai", {two})}),
+              Any::From(std::tuple<int, std::vector<int>>{1, {2}}));
+    EXPECT_EQ(Any::Compose("v", {one}), Any::From(one));
+    EXPECT_EQ(Any::Compose("v", {Any::From(one)}), Any::From(Any::From(one)));
+    EXPECT_EQ(Any::Compose("av", {one, text, Any::From(two)}), Any::From(std::vector<Any>{one, text, two}));
+    EXPECT_EQ(Any::Compose("a{si}", {Any::Compose("{si}", {text, one})}),
+              Any::From(std::map<std::string, int>{{"x", 1}}));
+    EXPECT_EQ(Any::Compose("a{sv}", {Any::Compose("{sv}", {text, one})}),
+              Any::From(std::map<std::string, Any>{{"x", one}}));
+    EXPECT_EQ(Any::Compose("{si}", {text, one}), Any::From(std::map<std::string, int>{{"x", 1}}).At(0));
+}
+
+TEST_F(AnyValues, AreNotComposedOfPartsThatDoNotFit) {
+    const Any one = Any::From(1);
+    const Any text = Any::From(std::string("x"));
+    for (const char* const signature :
+         {"",   "i", "s",     "a",   "ai",   "as",    "(i)",   "(iss)", "(si)", "()", "(is",
+          "is", "v", "a{si}", "{is", "{si}", "{iss}", "a(is)", "aiai",  "ah",   "?",  "a?"}) {
+        EXPECT_TRUE(Any::Compose(signature, {one, text}).IsEmpty()) << signature;
+    }
+    EXPECT_TRUE(Any::Compose("v", {}).IsEmpty());
+    EXPECT_TRUE(Any::Compose("(i)", {}).IsEmpty());
+    EXPECT_TRUE(Any::Compose("v", {Any()}).IsEmpty());
+    EXPECT_TRUE(Any::Compose("av", {Any()}).IsEmpty());
+    EXPECT_TRUE(Any::Compose("v", {Any::Compose("{si}", {text, one})}).IsEmpty());
+    Any deep = one;
+    for (unsigned i = 0; i < Any::MAX_NESTING; ++i) {
+        deep = Any::Compose("v", {deep});
+        EXPECT_FALSE(deep.IsEmpty()) << i;
+    }
+    EXPECT_TRUE(Any::Compose("v", {deep}).IsEmpty());
+}
+
 TEST_F(AnyValues, AreElements) {
     Check(std::vector<Any>{Any::From(1), Any::From(std::string("x"))}, "av", 2, "i", 1, "s", "x");
     Check(std::map<std::string, Any>{{"a", Any::From(true)}}, "a{sv}", 1, "a", "b", 1);

@@ -11,6 +11,11 @@ namespace mw::tern::DBusCommand {
 /// Base of the commands: has the connection for the call, and reports its outcome. Derive from it and
 /// implement CallMethod.
 ///
+/// Where C++20 is at hand and the interface has a contract, Typed::BlockingProxy
+/// (<tern/typed/blocking_proxy.h>) makes the same call in one line and gives the peer's error back; on the
+/// D-Bus thread Typed::Proxy, which does not block. This class stays for C++17, for calls that are put
+/// together by hand, and for a connection that is supplied.
+///
 /// One thread at a time. Execute blocks for the call's duration, at most for sd-bus's time-out (25 s, or what
 /// the environment variable SYSTEMD_BUS_TIMEOUT or, on a supplied bus, sd_bus_set_method_call_timeout(3)
 /// says). On a connection that is still being made, its own and a supplied one's first call, that comes on

@@ -27,6 +27,16 @@ TERN_API int WriteAny(sd_bus_message* message, const Any& any);
 /// only changed when all of it was read.
 TERN_API int ReadAny(sd_bus_message* message, Any& any, Fault& fault);
 
+/// Appends the value of `any` as one of the type `type`, which is one complete type: what `any` is; or "v",
+/// and then a value of any type is put into a variant, one that is a variant already being left as it is.
+/// Outcomes: as Write; -EINVAL for an empty one, and with `fault.text` when it is of another type.
+TERN_API int WriteAnyAs(sd_bus_message* message, std::string_view type, const Any& any, Fault& fault);
+/// Reads what stands from here to the end of the message, each value as it is: of type "v" a variant, not
+/// what is in it. Outcomes: as Write; -EINVAL with `fault.text` as of ReadAny, whose limits hold for all of
+/// them together. `values` is only changed when all of it was read; otherwise `index` is that of the value
+/// that could not be.
+TERN_API int ReadAnyEach(sd_bus_message* message, std::vector<Any>& values, Fault& fault, unsigned& index);
+
 /// Keeps the content of a variant of any type but file descriptors, independent of its message: for values
 /// whose types a service does not know before, for example std::map<std::string, Any> for a{sv}.
 ///
@@ -71,6 +81,15 @@ public:
             });
         }
     }
+
+    /// Of parts that are not known before: the elements of an array, the fields of a structure, the key and
+    /// the value of a dictionary's entry ("{sv}", to be a part of "a{sv}"), the content of a variant. A part
+    /// is of the type that `signature` has in its place; where that is "v" any value is put into a variant.
+    /// Empty when something does not fit, when `signature` is none of these, and beyond the limits of
+    /// ReadAny. std::bad_alloc when memory is short.
+    ///
+    ///     Any::Compose("a{sv}", {Any::Compose("{sv}", {Any::From(std::string("Level")), Any::From(5)})})
+    TERN_API static Any Compose(std::string_view signature, const std::vector<Any>& parts);
 
     /// The value, when it is of exactly the type T. Nothing when it is of another one, or not one of T's
     /// values (an enum, the number of elements, missing keys). A std::string_view is valid as long as this
@@ -126,6 +145,8 @@ public:
 private:
     friend int WriteAny(sd_bus_message* message, const Any& any);
     friend int ReadAny(sd_bus_message* message, Any& any, Fault& fault);
+    friend int WriteAnyAs(sd_bus_message* message, std::string_view type, const Any& any, Fault& fault);
+    friend int ReadAnyEach(sd_bus_message* message, std::vector<Any>& values, Fault& fault, unsigned& index);
     class Reader;
     class Writer;
     class Printer;

@@ -44,6 +44,8 @@ public:
     /// number: the call is not sent, its outcome is the error. `name` is that of the argument, null for none;
     /// it lives as long as the call.
     void RefuseArgument(unsigned index, const char* name, int error) noexcept;
+    /// The call is not sent, and its outcome is `reason`. Before it is sent. Throws std::bad_alloc.
+    void Refuse(Error reason);
     /// Nobody answers the method: the outcome is there once the call has been sent. Before that.
     void ExpectNoReply() noexcept { mIsAnswered = false; }
 
@@ -96,6 +98,7 @@ private:
         Argument,  ///< mIndex, mName; mError is sd-bus's
         Message,   ///< could not be made; mError is sd-bus's
         Sending,   ///< mError is sd-bus's
+        Reason,    ///< mReason
     };
 
     void SendUnasked();
@@ -110,6 +113,7 @@ private:
 
     std::shared_ptr<const Remote> mRemote;
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
+    std::unique_ptr<Error> mReason;
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
     std::coroutine_handle<> mWaiting;
     std::chrono::milliseconds mTimeout;

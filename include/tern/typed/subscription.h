@@ -88,8 +88,8 @@ private:
 };
 
 /// What SubscribeTo does for every type; applications do not need it. `signature`, which stays where it is,
-/// is that of the values. `first`, unless it is null, is what the first value has to be, a text without
-/// quotes: the message bus passes on no others. Throws std::bad_alloc.
+/// is that of the values; null for whatever comes. `first`, unless it is null, is what the first value has to
+/// be, a text without quotes: the message bus passes on no others. Throws std::bad_alloc.
 TERN_API Subscription Subscribe(const Remote& remote, const char* interface, const char* member,
                                 const char* signature, std::unique_ptr<Detail::SignalHandler> handler,
                                 const char* first = nullptr);

@@ -10,7 +10,7 @@ LICENSE = "CLOSED"
 inherit externalsrc
 EXTERNALSRC ?= "${THISDIR}/../../../.."
 
-DEPENDS = "systemd libzip"
+DEPENDS = "systemd libzip expat"
 
 inherit cmake pkgconfig ptest features_check
 REQUIRED_DISTRO_FEATURES = "systemd"
@@ -21,6 +21,8 @@ PACKAGECONFIG[thermostat] = "-DTERN_BUILD_EXAMPLES=ON,-DTERN_BUILD_EXAMPLES=OFF"
 
 # libzip is loaded with the first archive, which the list of linked libraries does not show.
 RDEPENDS:${PN} += "libzip"
+# So is expat, with the first introspection data, which few services read.
+RRECOMMENDS:${PN} += "expat"
 RDEPENDS:${PN}-ptest += "dbus bash"
 
 SRC_URI += "file://run-ptest"
