@@ -113,7 +113,9 @@ public:
         std::uint64_t deferred = 0;       ///< calls taken over to be answered later
         std::uint64_t refusedCalls = 0;   ///< calls refused as too many were open
         std::uint64_t droppedCalls = 0;   ///< calls whose Reply was destroyed unanswered
-        std::uint64_t unsentReplies = 0;  ///< answers that could not be encoded or sent (logged)
+        /// Answers that could not be encoded or sent (logged); an error went in their place, if that could be
+        /// sent.
+        std::uint64_t unsentReplies = 0;
         std::uint64_t refusedJobs = 0;    ///< jobs refused as too many were waiting
         std::uint64_t askedCallers = 0;   ///< callers whose credentials were asked for
         std::size_t objects = 0;          ///< exported now
