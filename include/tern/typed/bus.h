@@ -106,22 +106,22 @@ public:
 
     /// What has happened since Open, and what is there now.
     struct Counters {
-        std::uint64_t changes = 0;        ///< PropertiesChanged sent
-        std::uint64_t added = 0;          ///< InterfacesAdded sent
-        std::uint64_t removed = 0;        ///< InterfacesRemoved sent
-        std::uint64_t unannounced = 0;    ///< of these three, those that could not be sent (logged)
-        std::uint64_t deferred = 0;       ///< calls taken over to be answered later
-        std::uint64_t refusedCalls = 0;   ///< calls refused as too many were open
-        std::uint64_t droppedCalls = 0;   ///< calls whose Reply was destroyed unanswered
+        std::uint64_t changes = 0;       ///< PropertiesChanged sent
+        std::uint64_t added = 0;         ///< InterfacesAdded sent
+        std::uint64_t removed = 0;       ///< InterfacesRemoved sent
+        std::uint64_t unannounced = 0;   ///< of these three, those that could not be sent (logged)
+        std::uint64_t deferred = 0;      ///< calls taken over to be answered later
+        std::uint64_t refusedCalls = 0;  ///< calls refused as too many were open
+        std::uint64_t droppedCalls = 0;  ///< calls whose Reply was destroyed unanswered
         /// Answers that could not be encoded or sent (logged); an error went in their place, if that could be
         /// sent.
         std::uint64_t unsentReplies = 0;
-        std::uint64_t refusedJobs = 0;    ///< jobs refused as too many were waiting
-        std::uint64_t askedCallers = 0;   ///< callers whose credentials were asked for
-        std::size_t objects = 0;          ///< exported now
-        std::size_t openCalls = 0;        ///< taken over and not answered yet
-        std::size_t waitingJobs = 0;      ///< posted and not run yet
-        std::size_t knownCallers = 0;     ///< whose credentials are kept
+        std::uint64_t refusedJobs = 0;   ///< jobs refused as too many were waiting
+        std::uint64_t askedCallers = 0;  ///< callers whose credentials were asked for
+        std::size_t objects = 0;         ///< exported now
+        std::size_t openCalls = 0;       ///< taken over and not answered yet
+        std::size_t waitingJobs = 0;     ///< posted and not run yet
+        std::size_t knownCallers = 0;    ///< whose credentials are kept
     };
 
     Bus();
