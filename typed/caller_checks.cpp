@@ -98,7 +98,7 @@ void CallerChecks::Continue(std::uint64_t id, const Identity* sender) noexcept {
     if (r < 0 || sd_bus_error_is_set(&error) > 0) {
         r = sd_bus_reply_method_errno(call.message.get(), r, &error);
         if (r < 0) {
-            mReplies.LogUnsent(call.message.get(), r);
+            mReplies.OnUnsent(call.message.get(), r);
         }
     }
     sd_bus_error_free(&error);

@@ -1,6 +1,7 @@
 #include <tern/foundation/log.h>
 #include <tern/typed/reply.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "foundation/error_text.h"
@@ -16,6 +17,9 @@ namespace {
 
 const StaticText LOGGER("Typed");
 
+constexpr const char* OUT_OF_MEMORY = "out of memory";
+constexpr const char* FAILED_INSIDE = "the service failed internally";
+
 const char* OrEmpty(const char* text) {
     return text == nullptr ? "" : text;
 }
@@ -23,9 +27,9 @@ const char* OrEmpty(const char* text) {
 /// As for what a handler throws that answers at once.
 void SendFailedInside(ReplyState& state, const PendingCalls::Call& call, int error) {
     if (error == -ENOMEM) {
-        state.SendError(call, SD_BUS_ERROR_NO_MEMORY, "out of memory");
+        state.SendError(call, SD_BUS_ERROR_NO_MEMORY, OUT_OF_MEMORY);
     } else {
-        state.SendError(call, SD_BUS_ERROR_FAILED, "the service failed internally");
+        state.SendError(call, SD_BUS_ERROR_FAILED, FAILED_INSIDE);
     }
 }
 
@@ -57,7 +61,7 @@ void SendReply(ReplyState& state, std::uint64_t id, Fill& fill) noexcept {
     }
     r = sd_bus_send(nullptr, made, nullptr);
     if (r < 0) {
-        state.LogUnsent(call.message.get(), r);
+        state.OnUnsent(call.message.get(), r);
     }
 }
 
@@ -77,7 +81,20 @@ void ReplyState::SendError(const PendingCalls::Call& call, const char* name, con
     }
     const sd_bus_error error{name, text, 0};
     if (const int r = sd_bus_reply_method_error(call.message.get(), &error); r < 0) {
-        LogUnsent(call.message.get(), r);
+        OnUnsent(call.message.get(), r);
+    }
+}
+
+void ReplyState::OnUnsent(sd_bus_message* call, int error) noexcept {
+    LogUnsent(call, error);
+    if (error == -ENOTCONN) {
+        return;  // nobody hears
+    }
+    const bool isMemory = error == -ENOMEM;
+    const sd_bus_error failure{isMemory ? SD_BUS_ERROR_NO_MEMORY : SD_BUS_ERROR_FAILED,
+                               isMemory ? OUT_OF_MEMORY : FAILED_INSIDE, 0};
+    if (const int r = sd_bus_reply_method_error(call, &failure); r < 0) {
+        LogUnsent(call, r);
     }
 }
 

@@ -32,6 +32,9 @@ struct ReplyState {
     PendingCalls::Call Take(std::uint64_t id) noexcept;
     /// Sends the error as the call's answer, if one is wanted.
     void SendError(const PendingCalls::Call& call, const char* name, const char* text) noexcept;
+    /// The call's answer was not sent: an error without any contents goes in its place, so that the caller
+    /// does not wait for nothing. Logged and counted, as is that one where it fails too.
+    void OnUnsent(sd_bus_message* call, int error) noexcept;
     /// Logs, and counts, that the call's answer was not sent.
     void LogUnsent(sd_bus_message* call, int error) noexcept;
 };

@@ -9,7 +9,10 @@ namespace tern::test {
 
 /// File names, as they begin, of the libraries whose calls fail.
 inline const std::string LOGGER_LIBRARY = "libtern-basic-log.so";
-inline const std::vector<std::string> OUR_LIBRARIES = {"libtern-dbus-service.so", LOGGER_LIBRARY};
+/// What the typed layer's headers make in an author's program, see typed_service.h.
+inline const std::string TYPED_SERVICE = "libtern-faults-typed.so";
+inline const std::vector<std::string> OUR_LIBRARIES = {"libtern-dbus-service.so", "libtern-dbus-typed.so",
+                                                       TYPED_SERVICE, LOGGER_LIBRARY};
 
 /// Every function that our libraries import and that can fail, each with the errors that are plausible for
 /// it.

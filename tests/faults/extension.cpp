@@ -1,18 +1,14 @@
 #include "extension.h"
 
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <tern/dbus_message/asv_signature_parser.h>
 #include <tern/service/dbus_interface.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <memory>
 
-#include "limits.h"
-#include "support/wait_until.h"
+#include "client.h"
 
 namespace tern::test {
 
@@ -22,9 +18,6 @@ using mw::tern::StatusCode;
 
 const std::string PATH = "/com/example/Faults";
 const std::string INTERFACE = "com.example.Faults";
-
-/// Longer than anything takes that happens at all.
-constexpr std::chrono::milliseconds MOMENT{2000 * SLOWNESS};
 
 class FaultsInterface : public mw::tern::DBusInterface {
 public:
@@ -51,23 +44,6 @@ private:
     }
 
     unsigned mTarget = 0;
-};
-
-/// A client's connection, closed at the end.
-class Client {
-public:
-    Client() {
-        const Shortage::Aside aside;
-        sd_bus_open_system(&mBus);
-    }
-    ~Client() { sd_bus_flush_close_unref(mBus); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    sd_bus* Get() { return mBus; }
-
-private:
-    sd_bus* mBus = nullptr;
 };
 
 }  // namespace
@@ -120,45 +96,13 @@ void ExtensionServer::Stop() {
     mStopped = true;
 }
 
-Extension::~Extension() {
-    if (mStarted && !mJoined) {
-        SendStop();
-        Join();
-    }
-    // Nobody took it when the loop never ran: it must not meet the next extension.
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGTERM);
-    const timespec now{};
-    while (sigtimedwait(&stop, nullptr, &now) > 0) {
-    }
-}
-
-bool Extension::Start() {
-    if (!mStage.Accept(mComponent.Initialize(), "Initialize")) {
-        return false;
-    }
-    const StatusCode status = mComponent.Start();
-    mStarted = true;
-    return mStage.Accept(status, "Start");
-}
-
-bool Extension::WaitForEnd() {
-    return WaitUntil([this] { return mServer.IsStopped(); }, MOMENT);
-}
-
-void Extension::Join() {
-    mJoined = true;
-    mComponent.JoinThread();
-}
-
 bool Extension::Call() {
     Client client;
     sd_bus_message* reply = nullptr;
     unsigned count = 0;
     sd_bus_error error{};
     const int r =
-        sd_bus_call_method(client.Get(), mName.c_str(), PATH.c_str(), INTERFACE.c_str(), "Count", &error,
+        sd_bus_call_method(client.Get(), Name().c_str(), PATH.c_str(), INTERFACE.c_str(), "Count", &error,
                            &reply, "a{sv}", 2, "first", "s", "text", "second", "as", 2, "one", "two");
     const bool answered = r >= 0 && sd_bus_message_read(reply, "u", &count) > 0;
     if (sd_bus_error_is_set(&error) != 0 && r != -ETIMEDOUT) {
@@ -173,15 +117,11 @@ bool Extension::Call() {
 bool Extension::UseProperty() {
     Client client;
     unsigned value = 0;
-    return sd_bus_set_property(client.Get(), mName.c_str(), PATH.c_str(), INTERFACE.c_str(), "Target",
+    return sd_bus_set_property(client.Get(), Name().c_str(), PATH.c_str(), INTERFACE.c_str(), "Target",
                                nullptr, "u", 42U) >= 0 &&
-           sd_bus_get_property_trivial(client.Get(), mName.c_str(), PATH.c_str(), INTERFACE.c_str(), "Target",
-                                       nullptr, 'u', &value) >= 0 &&
+           sd_bus_get_property_trivial(client.Get(), Name().c_str(), PATH.c_str(), INTERFACE.c_str(),
+                                       "Target", nullptr, 'u', &value) >= 0 &&
            value == 42;
-}
-
-void SendStop() {
-    kill(getpid(), SIGTERM);
 }
 
 }  // namespace tern::test

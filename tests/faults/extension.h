@@ -1,18 +1,14 @@
 #pragma once
 
 #include <systemd/sd-bus.h>
-#include <tern/service/component.h>
 #include <tern/service/dbus_message_pipe.h>
 #include <tern/service/dbus_server_manager.h>
 #include <tern/service/event_loop.h>
 #include <tern/service/ipc_server.h>
-#include <tern/threading/signals.h>
-#include <tern/threading/threads_monitor.h>
 
 #include <atomic>
-#include <string>
 
-#include "stage.h"
+#include "running.h"
 
 namespace tern::test {
 
@@ -49,43 +45,14 @@ private:
 };
 
 /// A whole extension in this process, and its client.
-class Extension {
+class Extension : public Running<ExtensionServer> {
 public:
-    explicit Extension(Stage& stage) : mStage(stage), mName(stage.BusName()) {}
-    /// Ends it, however far it came.
-    ~Extension();
-    Extension(const Extension&) = delete;
-    Extension& operator=(const Extension&) = delete;
-
-    /// True when it serves.
-    bool Start();
-    /// Waits until the D-Bus thread is about to end; false when it does not within a moment.
-    bool WaitForEnd();
-    void Join();
-
-    /// Has a process that would end as failed count as a report.
-    void TellFailure() { static_cast<void>(mStage.Accept(mMonitor.HasFailure() ? 1 : 0, "HasFailure")); }
+    using Running::Running;
 
     /// As a client of the bus: calls "Count" with a dictionary of two entries.
     bool Call();
     /// Sets the property and reads it back.
     bool UseProperty();
-
-    ExtensionServer& Server() { return mServer; }
-    mwl::Threading::ThreadsMonitor& Monitor() { return mMonitor; }
-
-private:
-    Stage& mStage;
-    const std::string mName;
-    mwl::Threading::Signals mSignals;
-    mwl::Threading::ThreadsMonitor mMonitor{mSignals};
-    ExtensionServer mServer;
-    mwl::DBusService::Component mComponent{mName, mMonitor, mServer};
-    bool mStarted = false;  ///< the D-Bus thread was made
-    bool mJoined = false;
 };
-
-/// A SIGTERM to the process, as systemd sends it.
-void SendStop();
 
 }  // namespace tern::test

@@ -7,7 +7,7 @@ const std::vector<Scenario>& Scenarios() {
         std::vector<Scenario> all;
         for (const auto& list :
              {ServiceScenarios(), ClientScenarios(), MessageScenarios(), ThreadScenarios(), TimerScenarios(),
-              ProcessScenarios(), FileScenarios(), ArchiveScenarios(), LoggerScenarios()}) {
+              ProcessScenarios(), FileScenarios(), ArchiveScenarios(), LoggerScenarios(), TypedScenarios()}) {
             all.insert(all.end(), list.begin(), list.end());
         }
         return all;

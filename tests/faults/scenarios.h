@@ -19,5 +19,6 @@ std::vector<Scenario> ProcessScenarios();
 std::vector<Scenario> FileScenarios();
 std::vector<Scenario> ArchiveScenarios();
 std::vector<Scenario> LoggerScenarios();
+std::vector<Scenario> TypedScenarios();
 
 }  // namespace tern::test

@@ -80,6 +80,11 @@ void RunLasting(Stage& stage) {
     stage.Expect(!broken, "what was done before");
 }
 
+/// However loudly it is told.
+void RunViolating(Stage& stage) {
+    stage.Demand(MakePipe(stage), "the pipe");
+}
+
 void RunBroken(Stage& stage) {
     static_cast<void>(MakePipe(stage));
     stage.Expect(false, "anything");
@@ -140,6 +145,7 @@ const Expectation EXPECTATIONS[] = {
     {{"leaking-descriptor", RunLeakingDescriptor}, Outcome::Leftover},
     {{"leaking-thread", RunLeakingThread}, Outcome::Leftover},
     {{"leaking-child", RunLeakingChild}, Outcome::Leftover},
+    {{"violating", RunViolating}, Outcome::Violated},
     {{"dying", RunDying}, Outcome::Died},
     {{"hanging", RunHanging}, Outcome::Hung},
     {{"lasting", RunLasting}, Outcome::Lasting},

@@ -28,8 +28,8 @@ void RunStartUp(Stage& stage) {
         }
         stage.Expect(extension.UseProperty(), "the property is set and read");
         stage.Expect(
-            extension.Server().Pipe().WriteMessage(nullptr) == mw::tern::StatusCode::Ok &&
-                WaitUntil([&] { return extension.Server().Received() == 1; }, std::chrono::seconds(2)),
+            extension.GetServer().Pipe().WriteMessage(nullptr) == mw::tern::StatusCode::Ok &&
+                WaitUntil([&] { return extension.GetServer().Received() == 1; }, std::chrono::seconds(2)),
             "the message comes through the pipe");
         SendStop();
         stage.Expect(extension.WaitForEnd(), "SIGTERM ends the loop");
@@ -77,7 +77,7 @@ void RunStopByWorker(Stage& stage) {
 void RunPipe(Stage& stage) {
     Extension extension(stage);
     if (StartServing(extension)) {
-        ExtensionServer& server = extension.Server();
+        ExtensionServer& server = extension.GetServer();
         stage.Sweep([&] {
             const mw::tern::StatusCode written = server.Pipe().WriteMessage(nullptr);
             if (stage.Accept(written, "WriteMessage")) {
@@ -102,7 +102,7 @@ void RunLostBus(Stage& stage) {
     Extension extension(stage);
     if (StartServing(extension)) {
         stage.Sweep([&] {
-            extension.Server().LoseBus();
+            extension.GetServer().LoseBus();
             if (stage.Expect(extension.WaitForEnd(), "the lost bus ends the loop")) {
                 extension.Join();
                 stage.Expect(extension.Monitor().HasFailure(), "the process ends as failed");

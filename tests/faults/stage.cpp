@@ -37,6 +37,13 @@ bool Stage::Expect(bool done, const std::string& what) {
     return done;
 }
 
+bool Stage::Demand(bool done, const std::string& what) {
+    if (!done && mViolated.empty()) {
+        mViolated = what;
+    }
+    return done;
+}
+
 void Stage::Sweep(const std::function<void()>& step) {
     const Switched on;
     step();

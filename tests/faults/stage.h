@@ -22,6 +22,9 @@ public:
     /// Something that the library was to do; the first one that was not done is kept.
     bool Expect(bool done, const std::string& what);
 
+    /// Something that has to be so whatever fails, and whatever is told; the first one that was not is kept.
+    bool Demand(bool done, const std::string& what);
+
     /// Runs `step` with the calls of our libraries counted, and one of them failing, or with
     /// little to spare.
     void Sweep(const std::function<void()>& step);
@@ -34,12 +37,14 @@ public:
 
     const std::string& Refused() const { return mRefused; }
     const std::string& Missing() const { return mMissing; }
+    const std::string& Violated() const { return mViolated; }
 
 private:
     const std::string mFolder;
     const std::string mNumber;
     std::string mRefused;
     std::string mMissing;
+    std::string mViolated;
 };
 
 /// One thing that an extension does with the library.

@@ -30,6 +30,8 @@ constexpr const char* CUT_MESSAGE = "without memory a long message is cut";
 constexpr const char* PASSED_C =
     "what sd-bus and sd-event hold when an exception passes through them is lost";
 
+constexpr const char* DEFERRED = "what is deferred in a loop that runs is always switched on";
+
 constexpr Statement STATEMENTS[] = {
     {"SILENT", "command-with-input", "write", "EIO", INPUT_LOST},
     {"SILENT", "command-with-input", "write", "EPIPE", INPUT_LOST},
@@ -70,6 +72,10 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "logger-socket", "malloc", "ENOMEM", CUT_MESSAGE},
     {"LEFTOVER", "service-call", "_Znwm", "bad_alloc", PASSED_C},
     {"LEFTOVER", "service-call", "_Znwj", "bad_alloc", PASSED_C},
+    {"SILENT", "typed-signals", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
+    {"SILENT", "typed-period", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
+    {"SILENT", "typed-objects", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
+    {"VIOLATED", "typed-objects", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
     {"LEFTOVER", "timer", "RLIMIT_NPROC", "*", "the C library loses memory with each expiry that it drops"},
     {"DIED", "folder-monitor", "read", "*", "a monitor that ended by itself is not to be destroyed"},
 };

@@ -88,14 +88,16 @@ void (*gTold)(const char* what, bool allowed) = nullptr;
 struct RunResult {
     std::string refused;
     std::string missing;
+    std::string violated;
     std::string raised;
     bool isAllowedException = true;
     std::string log;
 
-    bool IsClean() const { return refused.empty() && missing.empty() && raised.empty(); }
+    bool IsClean() const { return refused.empty() && missing.empty() && violated.empty() && raised.empty(); }
     std::string Describe() const {
         return (refused.empty() ? "" : "refused: " + refused + "\n") +
                (missing.empty() ? "" : "not done: " + missing + "\n") +
+               (violated.empty() ? "" : "has to be so: " + violated + "\n") +
                (raised.empty() ? "" : "raised: " + raised + "\n") + log;
     }
 };
@@ -127,6 +129,7 @@ public:
         std::filesystem::remove_all(folder);
         result.refused = stage.Refused();
         result.missing = stage.Missing();
+        result.violated = stage.Violated();
         result.log = mLog.Take();
         return result;
     }
@@ -156,6 +159,9 @@ Outcome Judge(const Case& theCase, const RunResult& clean, const RunResult& resu
     }
     if (!result.raised.empty()) {
         return result.isAllowedException ? Outcome::Raised : Outcome::Died;
+    }
+    if (!result.violated.empty()) {
+        return Outcome::Violated;
     }
     if (!result.refused.empty() || HasWarned(clean, result)) {
         return Outcome::Reported;
@@ -323,8 +329,8 @@ void Sweep::Attend(int pid, const std::string& name) {
 
 const char* NameOf(Outcome outcome) {
     static constexpr const char* NAMES[] = {"not met", "skipped", "absorbed", "reported", "raised",
-                                            "ended",   "stated",  "SILENT",   "LEFTOVER", "LASTING",
-                                            "HUNG",    "DIED",    "BROKEN"};
+                                            "ended",   "stated",  "VIOLATED", "SILENT",   "LEFTOVER",
+                                            "LASTING", "HUNG",    "DIED",     "BROKEN"};
     return NAMES[static_cast<std::size_t>(outcome)];
 }
 

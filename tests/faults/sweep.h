@@ -25,6 +25,7 @@ enum class Outcome {
     Ended,     ///< the same on a thread of the library's: the process ended by it
     Stated,    ///< what may not be, but is stated
     // What may not be.
+    Violated,  ///< something that has to be so whatever fails was not
     Silent,    ///< something was not done and nothing told
     Leftover,  ///< the process holds more than before
     Lasting,   ///< without the failure the scenario does not work any more
@@ -82,7 +83,7 @@ private:
 /// For the table at the end.
 const char* NameOf(Outcome outcome);
 constexpr bool IsAllowed(Outcome outcome) {
-    return outcome < Outcome::Silent;
+    return outcome < Outcome::Violated;
 }
 using Tally = std::array<unsigned, static_cast<std::size_t>(Outcome::Count)>;
 

@@ -22,6 +22,10 @@
 TERN_INTERPOSE(int, sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message** reply),
                (call, reply))
 
+TERN_INTERPOSE(int, sd_bus_send, (sd_bus * bus, sd_bus_message* message, uint64_t* cookie),
+               (bus, message, cookie))
+TERN_INTERPOSE(int, sd_bus_reply_method_error, (sd_bus_message * call, const sd_bus_error* error),
+               (call, error))
 TERN_INTERPOSE(int, sd_bus_add_match_async,
                (sd_bus * bus, sd_bus_slot** slot, const char* match, sd_bus_message_handler_t callback,
                 sd_bus_message_handler_t installed, void* userdata),
@@ -393,6 +397,31 @@ TEST_F(ReplyTest, AReplyThatCannotBeMadeIsAFailure) {
     mKept[0].reply.Return(5);
     EXPECT_THAT(Answers(1), ElementsAre("org.freedesktop.DBus.Error.NoMemory: out of memory"));
     EXPECT_EQ(mServed->Count().unsentReplies, 1U);
+}
+
+TEST_F(ReplyTest, AnAnswerThatIsNotSentIsReplacedByAFailure) {
+    SendAndTake(1);
+    const FaultScope scope(fault_sd_bus_send);
+    fault_sd_bus_send.Fail(-ENOBUFS);
+    mKept[0].reply.Return(5);
+    EXPECT_THAT(Answers(1), ElementsAre("org.freedesktop.DBus.Error.Failed: the service failed internally"));
+    EXPECT_EQ(mServed->Count().unsentReplies, 1U);
+}
+
+TEST_F(ReplyTest, AnErrorThatIsNotSentIsReplacedByAShorterOne) {
+    SendAndTake(2);
+    {
+        const FaultScope scope(fault_sd_bus_reply_method_error);
+        fault_sd_bus_reply_method_error.Fail(-ENOMEM);
+        mKept[0].reply.Fail(Error("com.example.Error.Long", "a long text"));
+        EXPECT_THAT(Answers(1), ElementsAre("org.freedesktop.DBus.Error.NoMemory: out of memory"));
+        EXPECT_EQ(mServed->Count().unsentReplies, 1U);
+    }
+    // On a connection that is lost nobody hears: it is tried once.
+    const FaultScope scope(fault_sd_bus_reply_method_error);
+    fault_sd_bus_reply_method_error.Fail(-ENOTCONN);
+    mKept[1].reply.Fail(Error("com.example.Error.Long", "a long text"));
+    EXPECT_EQ(mServed->Count().unsentReplies, 2U);
 }
 
 TEST_F(ReplyTest, ACallThatWantsNoAnswerGetsNone) {

@@ -107,14 +107,16 @@ public:
 
     /// What has happened since Open, and what is there now.
     struct Counters {
-        std::uint64_t changes = 0;          ///< PropertiesChanged sent
-        std::uint64_t added = 0;            ///< InterfacesAdded sent
-        std::uint64_t removed = 0;          ///< InterfacesRemoved sent
-        std::uint64_t unannounced = 0;      ///< of these three, those that could not be sent (logged)
-        std::uint64_t deferred = 0;         ///< calls taken over to be answered later
-        std::uint64_t refusedCalls = 0;     ///< calls refused as too many were open
-        std::uint64_t droppedCalls = 0;     ///< calls whose Reply was destroyed unanswered
-        std::uint64_t unsentReplies = 0;    ///< answers that could not be encoded or sent (logged)
+        std::uint64_t changes = 0;       ///< PropertiesChanged sent
+        std::uint64_t added = 0;         ///< InterfacesAdded sent
+        std::uint64_t removed = 0;       ///< InterfacesRemoved sent
+        std::uint64_t unannounced = 0;   ///< of these three, those that could not be sent (logged)
+        std::uint64_t deferred = 0;      ///< calls taken over to be answered later
+        std::uint64_t refusedCalls = 0;  ///< calls refused as too many were open
+        std::uint64_t droppedCalls = 0;  ///< calls whose Reply was destroyed unanswered
+        /// Answers that could not be encoded or sent (logged); an error went in their place, if that could be
+        /// sent.
+        std::uint64_t unsentReplies = 0;
         std::uint64_t refusedJobs = 0;      ///< jobs refused as too many were waiting
         std::uint64_t askedCallers = 0;     ///< callers whose credentials were asked for
         std::uint64_t wrongSignals = 0;     ///< signals of peers that are not what the contract says (logged)
