@@ -3,10 +3,8 @@
 #include <tern/typed/property_cache.h>
 #include <tern/typed/subscription.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,9 +13,9 @@
 #include "platform/static_text.h"
 #include "typed/bus_core.h"
 #include "typed/contained.h"
-#include "typed/handles.h"
 #include "typed/name_owner.h"
 #include "typed/reply_state.h"
+#include "typed/retry.h"
 #include "typed/time_limit.h"
 
 namespace mwl::Typed::Detail {
@@ -30,10 +28,6 @@ const StaticText LOGGER("Typed");
 
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char* ENTRY = "{sv}";
-
-/// The first and the longest pause before a peer that did not tell is asked again. Microseconds.
-constexpr std::uint64_t FIRST_PAUSE = 1000000;
-constexpr std::uint64_t LONGEST_PAUSE = 64 * FIRST_PAUSE;
 
 constexpr std::uint64_t Bit(std::size_t place) {
     return std::uint64_t{1} << place;
@@ -124,8 +118,7 @@ struct CachedProperties::State final : Stoppable,
     /// Nothing is known, and nothing asked. Returns what was known.
     std::uint64_t Empty() noexcept {
         allQuestion.reset();
-        retry.reset();
-        pause = FIRST_PAUSE;
+        retry.Reset();
         hasLogged = false;
         std::uint64_t gone = 0;
         for (std::size_t place = 0; place < count; ++place) {
@@ -181,10 +174,10 @@ struct CachedProperties::State final : Stoppable,
 
     void AskForAll() {
         touched = 0;
-        retry.reset();
+        retry.Stop();
         if (const int r = Ask(allQuestion, "GetAll", nullptr, OnAll, this); r < 0) {
             LogFailure(ErrorText(-r));
-            Retry(MakeStatusCodeFromReturnCode(r));
+            AskAgainLater(MakeStatusCodeFromReturnCode(r));
         }
     }
 
@@ -201,7 +194,7 @@ struct CachedProperties::State final : Stoppable,
                 return;  // the end of the loop follows
             }
             LogFailure(sd_bus_message_get_error(reply)->name);
-            Retry(Error::FromReply(reply).GetStatus());
+            AskAgainLater(Error::FromReply(reply).GetStatus());
             Tell(0, before);
             return;
         }
@@ -214,12 +207,12 @@ struct CachedProperties::State final : Stoppable,
         if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) {
             ++Bus().clients.wrongReplies;
             LogFailure("a reply of another signature");
-            Retry(StatusCode::InvalidArgument);
+            AskAgainLater(StatusCode::InvalidArgument);
             Tell(0, before);
             return;
         }
         status = StatusCode::Ok;
-        pause = FIRST_PAUSE;
+        retry.Reset();
         hasLogged = false;
         Tell(ReadValues(reply, 0, touched), before);
     }
@@ -230,17 +223,12 @@ struct CachedProperties::State final : Stoppable,
                            remote->GetDestination().c_str(), remote->GetPath().c_str(), why);
         }
     }
-    void Retry(StatusCode failure) {
+    void AskAgainLater(StatusCode failure) {
         status = failure;
-        sd_event_source* timer = nullptr;
-        const int r = sd_event_add_time_relative(Bus().core->GetLoop(), &timer, CLOCK_MONOTONIC, pause, 0,
-                                                 OnRetry, this);
-        retry.reset(timer);
-        if (r < 0) {
+        if (const int r = retry.Begin(Bus().core->GetLoop(), OnRetry, this); r < 0) {
             TERN_LOG_ERROR(LOGGER, "Failed to wait for the properties %s of %s %s (%d, %s)", interface,
                            remote->GetDestination().c_str(), remote->GetPath().c_str(), r, ErrorText(-r));
         }
-        pause = std::min(2 * pause, LONGEST_PAUSE);
     }
     static int OnRetry(sd_event_source* source, std::uint64_t, void* userdata) {
         const auto self = static_cast<State*>(userdata)->shared_from_this();
@@ -414,8 +402,7 @@ struct CachedProperties::State final : Stoppable,
     /// Announced since all was asked for.
     std::uint64_t touched = 0;
     std::vector<Question> questions;
-    EventSource retry;
-    std::uint64_t pause = FIRST_PAUSE;
+    Retry retry;
     /// That this owner does not tell.
     bool hasLogged = false;
 };
