@@ -165,12 +165,13 @@ public:
     /// refuses it then, it is logged, and the object is not there.
     [[nodiscard]] Exported Export(std::string path, std::vector<std::unique_ptr<InterfaceBase>> interfaces);
     /// The same for one interface, or for several given one by one.
-    template <std::derived_from<InterfaceBase>... Interface>
-    requires(sizeof...(Interface) > 0) Exported
-        Export(std::string path, std::unique_ptr<Interface>... interfaces) {
+    template <std::derived_from<InterfaceBase> First, std::derived_from<InterfaceBase>... Further>
+    [[nodiscard]] Exported Export(std::string path, std::unique_ptr<First> first,
+                                  std::unique_ptr<Further>... further) {
         std::vector<std::unique_ptr<InterfaceBase>> all;
-        all.reserve(sizeof...(Interface));
-        (all.push_back(std::move(interfaces)), ...);
+        all.reserve(1 + sizeof...(Further));
+        all.push_back(std::move(first));
+        (all.push_back(std::move(further)), ...);
         return Export(std::move(path), std::move(all));
     }
 
