@@ -121,6 +121,11 @@ void Bus::SetOpenCalls(std::size_t limit) {
     mState->Shared().calls.SetLimit(limit);
 }
 
+void Bus::SetPendingCalls(std::size_t limit) {
+    mState->AssertHere();
+    mState->Shared().clients.limit = limit;
+}
+
 void Bus::SetWaitingJobs(std::size_t limit) {
     mState->Shared().dispatcher.SetLimit(limit);
 }

@@ -118,6 +118,11 @@ void BusCore::Close() noexcept {
     }
     // While jobs may still be posted: what ends now may give its result to another thread.
     mStoppables.StopAll();
+    while (!mPostponed.IsEmpty()) {
+        --mLastTurns;
+        mPostponed.TellAll();
+    }
+    mLastTurns = 0;
     mReplies->dispatcher.Close();
     mPhase = Phase::Closed;
     for (InterfaceBase* const interface : mAdopted) {
@@ -277,6 +282,14 @@ void BusCore::Remove(std::uint64_t id) noexcept {
     WakeTurn();
 }
 
+bool BusCore::AddPostponed(Stoppable& postponed) noexcept {
+    if (!IsOpen() || mLastTurns == 0 || !mPostponed.Add(postponed)) {
+        return false;
+    }
+    WakeTurn();
+    return true;
+}
+
 void BusCore::OnCallOpen() noexcept {
     if (IsOpen()) {
         mSession->departures.Need();
@@ -315,6 +328,7 @@ int BusCore::OnExit(sd_event_source*, void* userdata) {
 }
 
 void BusCore::EndTurn() {
+    mPostponed.TellAll();
     // No handler runs any more.
     ClearGraves();
     for (std::size_t i = 0; i < mNew.size(); ++i) {
@@ -407,6 +421,12 @@ Bus::Counters BusCore::GetCounters() const {
     counters.unsentReplies = mReplies->unsentReplies;
     counters.refusedJobs = mReplies->dispatcher.GetRefused();
     counters.askedCallers = mSession.has_value() ? mSession->credentials.GetAsked() : mAsked;
+    counters.calls = mReplies->clients.sent;
+    counters.unsentCalls = mReplies->clients.unsent;
+    counters.wrongReplies = mReplies->clients.wrongReplies;
+    counters.pendingCalls = mReplies->clients.waiting;
+    counters.wrongSignals = mReplies->watching.wrongSignals;
+    counters.wrongProperties = mReplies->watching.wrongProperties;
     counters.objects = mObjects.size();
     counters.openCalls = mReplies->calls.GetSize();
     counters.waitingJobs = mReplies->dispatcher.GetWaiting();

@@ -54,6 +54,9 @@ public:
     sd_event* GetLoop() const noexcept { return mSession ? mSession->loop : nullptr; }
     /// It waits from now on, and is told when the bus closes. False: the bus is not open, or closes already.
     bool AddStoppable(Stoppable& waiting) noexcept { return IsOpen() && mStoppables.Add(waiting); }
+    /// It is told at the end of the turn, or, when the bus closes, before it has closed. False, and it is
+    /// not: the bus is not open, or it closes and handlers go on postponing all the same.
+    bool AddPostponed(Stoppable& postponed) noexcept;
 
     // For the tokens.
     /// The object goes; nothing when it has gone.
@@ -123,6 +126,9 @@ private:
     std::optional<Session> mSession;
     Changes mChanges;
     Stoppables mStoppables;
+    Stoppables mPostponed;
+    /// How often those are still told once the bus closes.
+    unsigned mLastTurns = 100;
     std::unordered_set<InterfaceBase*> mAdopted;
 
     Objects mObjects;

@@ -201,6 +201,14 @@ bool Dispatcher::IsHere() const noexcept {
     return mState->owner.load(std::memory_order_relaxed) == GetThreadNumber();
 }
 
+StatusCode Dispatcher::GetStatus() const noexcept {
+    const Lock lock(mState->mutex);
+    if (mState->isOpen) {
+        return StatusCode::Ok;
+    }
+    return mState->owner == 0 ? StatusCode::NotInitialized : StatusCode::Stopping;
+}
+
 void Dispatcher::SetLimit(std::size_t limit) {
     const Lock lock(mState->mutex);
     mState->limit = limit;

@@ -15,6 +15,7 @@
 #include "platform/static_text.h"
 #include "service/thrown.h"
 #include "typed/interface_state.h"
+#include "typed/reading.h"
 
 namespace mwl::Typed {
 
@@ -28,21 +29,6 @@ constexpr const char* FAILED_INSIDE = "the service failed internally";
 
 const char* OrNobody(const char* sender) {
     return sender != nullptr ? sender : "nobody";
-}
-
-/// Reading failed without a reason of the value's own: whose fault it is.
-StatusCode StatusOfReading(int result) {
-    switch (result) {
-        case -ENOMEM:
-            return StatusCode::OutOfMemory;
-        case -EOPNOTSUPP:
-            return StatusCode::NotSupported;
-        case -EMFILE:
-        case -ENFILE:
-            return StatusCode::ResourceUnavailable;
-        default:
-            return StatusCode::InvalidArgument;
-    }
 }
 
 }  // namespace

@@ -6,8 +6,10 @@
 
 #include <cstdint>
 
+#include "typed/client_calls.h"
 #include "typed/log_limit.h"
 #include "typed/pending_calls.h"
+#include "typed/watching.h"
 
 namespace mwl::Typed {
 
@@ -23,6 +25,8 @@ struct ReplyState {
     std::uint64_t droppedCalls = 0;
     std::uint64_t unsentReplies = 0;
     LogLimit limit;
+    ClientCalls clients;
+    Watching watching;
 
     /// The call, which is no longer open; tells the bus when it was the last one.
     PendingCalls::Call Take(std::uint64_t id) noexcept;

@@ -45,4 +45,14 @@ void Stoppables::StopAll() noexcept {
     }
 }
 
+void Stoppables::TellAll() noexcept {
+    Stoppables now;
+    while (mFirst != nullptr) {
+        Stoppable& longest = *mFirst;
+        longest.Leave();
+        now.Add(longest);
+    }
+    now.StopAll();
+}
+
 }  // namespace mwl::Typed

@@ -17,6 +17,10 @@ public:
     bool Add(Stoppable& waiting) noexcept;
     /// Tells each, first the one that has waited longest, and takes it out; nothing waits from now on.
     void StopAll() noexcept;
+    /// Tells each that is in the list now, in the same order; those that join meanwhile are left for the next
+    /// time.
+    void TellAll() noexcept;
+    bool IsEmpty() const noexcept { return mFirst == nullptr; }
 
 private:
     friend class Stoppable;

@@ -40,11 +40,11 @@ std::string EscapeAddress(const std::string& value) {
     return escaped;
 }
 
-void WriteConfiguration(const std::string& path, const std::string& socket) {
+void WriteConfiguration(const std::string& path, const std::string& socket, const std::string& limits) {
     std::ofstream(path) << "<busconfig><listen>unix:path=" << EscapeAddress(socket) << "</listen>"
                         << "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>"
                         << "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-                        << "</policy></busconfig>";
+                        << "</policy>" << limits << "</busconfig>";
 }
 
 /// Up to the end of the line; without a newline at its end when there is none.
@@ -79,11 +79,11 @@ std::string ReadLine(int fd) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(const std::string& limits) {
     const std::string socket = mFolder / "socket";
     CheckSocketPath(socket, LONGEST_PATH);
     const std::string configuration = mFolder / "bus.conf";
-    WriteConfiguration(configuration, socket);
+    WriteConfiguration(configuration, socket, limits);
     const std::string option = "--config-file=" + configuration;
     // Kept for the case of failure only: without the right to raise its descriptor limit the daemon warns at
     // each start.

@@ -14,7 +14,8 @@ namespace tern::test {
 /// or when TMPDIR is too long for a socket in it.
 class PrivateBus {
 public:
-    PrivateBus();
+    /// `limits` is XML of its configuration, such as "<limit name='max_replies_per_connection'>9</limit>".
+    explicit PrivateBus(const std::string& limits = "");
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;

@@ -103,23 +103,30 @@ class TERN_API Bus {
 public:
     /// Limits, unless set otherwise.
     static constexpr std::size_t OPEN_CALLS = 64;
+    static constexpr std::size_t PENDING_CALLS = 16384;  ///< see SetPendingCalls
 
     /// What has happened since Open, and what is there now.
     struct Counters {
-        std::uint64_t changes = 0;        ///< PropertiesChanged sent
-        std::uint64_t added = 0;          ///< InterfacesAdded sent
-        std::uint64_t removed = 0;        ///< InterfacesRemoved sent
-        std::uint64_t unannounced = 0;    ///< of these three, those that could not be sent (logged)
-        std::uint64_t deferred = 0;       ///< calls taken over to be answered later
-        std::uint64_t refusedCalls = 0;   ///< calls refused as too many were open
-        std::uint64_t droppedCalls = 0;   ///< calls whose Reply was destroyed unanswered
-        std::uint64_t unsentReplies = 0;  ///< answers that could not be encoded or sent (logged)
-        std::uint64_t refusedJobs = 0;    ///< jobs refused as too many were waiting
-        std::uint64_t askedCallers = 0;   ///< callers whose credentials were asked for
-        std::size_t objects = 0;          ///< exported now
-        std::size_t openCalls = 0;        ///< taken over and not answered yet
-        std::size_t waitingJobs = 0;      ///< posted and not run yet
-        std::size_t knownCallers = 0;     ///< whose credentials are kept
+        std::uint64_t changes = 0;          ///< PropertiesChanged sent
+        std::uint64_t added = 0;            ///< InterfacesAdded sent
+        std::uint64_t removed = 0;          ///< InterfacesRemoved sent
+        std::uint64_t unannounced = 0;      ///< of these three, those that could not be sent (logged)
+        std::uint64_t deferred = 0;         ///< calls taken over to be answered later
+        std::uint64_t refusedCalls = 0;     ///< calls refused as too many were open
+        std::uint64_t droppedCalls = 0;     ///< calls whose Reply was destroyed unanswered
+        std::uint64_t unsentReplies = 0;    ///< answers that could not be encoded or sent (logged)
+        std::uint64_t refusedJobs = 0;      ///< jobs refused as too many were waiting
+        std::uint64_t askedCallers = 0;     ///< callers whose credentials were asked for
+        std::uint64_t wrongSignals = 0;     ///< signals of peers that are not what the contract says (logged)
+        std::uint64_t wrongProperties = 0;  ///< the same, values of a PropertyCache
+        std::uint64_t calls = 0;            ///< calls sent to peers
+        std::uint64_t unsentCalls = 0;      ///< calls to peers that were not sent, as their outcomes tell
+        std::uint64_t wrongReplies = 0;     ///< replies of peers that are not what the contract says (logged)
+        std::size_t objects = 0;            ///< exported now
+        std::size_t openCalls = 0;          ///< taken over and not answered yet
+        std::size_t waitingJobs = 0;        ///< posted and not run yet
+        std::size_t knownCallers = 0;       ///< whose credentials are kept
+        std::size_t pendingCalls = 0;       ///< sent to peers, which have not answered yet
     };
 
     Bus();
@@ -188,6 +195,10 @@ public:
     /// "org.freedesktop.DBus.Error.LimitsExceeded" at once. Calls that wait for their caller's credentials
     /// count.
     void SetOpenCalls(std::size_t limit);
+    /// How many calls to peers may wait for their reply, PENDING_CALLS at first; a waiting one takes about
+    /// half a kilobyte. One more is not sent, its outcome is "org.freedesktop.DBus.Error.LimitsExceeded". The
+    /// message bus has a limit of its own, see Call.
+    void SetPendingCalls(std::size_t limit);
     /// How many jobs may wait, see Dispatcher.
     void SetWaitingJobs(std::size_t limit);
 

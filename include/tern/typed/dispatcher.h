@@ -45,8 +45,8 @@ using Job = UniqueFunction<void()>;
 /// | Open             | opens          | Busy             | opens anew       |
 /// | Close            | nothing        | drops what waits | nothing          |
 ///
-/// Threads: `Post`, `Reserve`, `IsHere`, `SetLimit` and the figures from any thread; all else, and the
-/// destructor when it is open, on the D-Bus thread. A job may close and destroy its dispatcher.
+/// Threads: `Post`, `Reserve`, `IsHere`, `GetStatus`, `SetLimit` and the figures from any thread; all else,
+/// and the destructor when it is open, on the D-Bus thread. A job may close and destroy its dispatcher.
 class TERN_API Dispatcher {
     struct Node;
 
@@ -100,6 +100,9 @@ public:
     /// Whether the calling thread is the one that opened this, also after Close; false for every thread
     /// before.
     bool IsHere() const noexcept;
+
+    /// Ok while it is open; NotInitialized before; Stopping once it has closed.
+    StatusCode GetStatus() const noexcept;
 
     /// How many ordinary jobs may wait. With 0 each is refused. Jobs that wait already stay.
     void SetLimit(std::size_t limit);

@@ -1,0 +1,280 @@
+#include <tern/foundation/log.h>
+#include <tern/typed/call.h>
+
+#include <cassert>
+#include <cerrno>
+#include <string>
+
+#include "foundation/error_text.h"
+#include "platform/static_text.h"
+#include "typed/bus_core.h"
+#include "typed/contained.h"
+#include "typed/reply_state.h"
+#include "typed/time_limit.h"
+
+namespace mwl::Typed {
+
+namespace {
+
+const StaticText LOGGER("Typed");
+
+/// What sd-bus could not do with a message or a connection.
+StatusCode StatusOfSending(int error) noexcept {
+    switch (-error) {
+        case ENOTCONN:
+        case ECONNRESET:
+        case ESHUTDOWN:
+            return StatusCode::IoError;
+        case ENOBUFS:
+            return StatusCode::ResourceUnavailable;
+        default:
+            return mw::tern::MakeStatusCodeFromReturnCode(error);
+    }
+}
+
+}  // namespace
+
+CallBase::CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept
+    : mRemote(std::move(remote)), mTimeout(mRemote->GetTimeout()) {
+    const ReplyState& state = *mRemote->GetState();
+    assert(state.dispatcher.GetStatus() != StatusCode::Ok || state.dispatcher.IsHere());
+    if (state.core == nullptr || !state.core->IsOpen()) {
+        Fail(GetBusStatus());
+        return;
+    }
+    sd_bus_message* made = nullptr;
+    const int r =
+        sd_bus_message_new_method_call(state.core->GetBus(), &made, mRemote->GetDestination().c_str(),
+                                       mRemote->GetPath().c_str(), interface, member);
+    mMessage.reset(made);
+    if (r < 0) {
+        Fail(Cause::Message, r);
+    }
+}
+
+CallBase::CallBase(CallBase&& other) noexcept
+    : mRemote(other.mRemote),
+      mMessage(std::move(other.mMessage)),
+      mTimeout(other.mTimeout),
+      mName(other.mName),
+      mIndex(other.mIndex),
+      mError(other.mError),
+      mPhase(other.mPhase == Phase::Waiting ? Phase::Spent : std::exchange(other.mPhase, Phase::Spent)),
+      mCause(other.mCause),
+      mIsAnswered(other.mIsAnswered) {
+    assert(other.mPhase != Phase::Waiting);
+}
+
+CallBase::~CallBase() {
+    if (mPhase == Phase::Waiting) {
+        assert(mRemote->GetState()->dispatcher.IsHere());
+        EndWaiting();
+    }
+}
+
+/// The bus's own state.
+StatusCode CallBase::GetBusStatus() const noexcept {
+    const StatusCode status = mRemote->GetState()->dispatcher.GetStatus();
+    return status == StatusCode::Ok ? StatusCode::Stopping : status;
+}
+
+void CallBase::RefuseArgument(unsigned index, const char* name, int error) noexcept {
+    if (mPhase == Phase::New) {
+        mIndex = index;
+        mName = name;
+        Fail(Cause::Argument, error);
+    }
+}
+
+bool CallBase::Fail(Cause cause, int error) noexcept {
+    mCause = cause;
+    mError = error;
+    mPhase = Phase::Failed;
+    ++mRemote->GetState()->clients.unsent;
+    return false;
+}
+
+bool CallBase::Fail(StatusCode status) noexcept {
+    return Fail(Cause::Status, static_cast<int>(status));
+}
+
+bool CallBase::Send() noexcept {
+    if (mPhase != Phase::New) {
+        return false;
+    }
+    ReplyState& state = *mRemote->GetState();
+    assert(state.dispatcher.GetStatus() != StatusCode::Ok || state.dispatcher.IsHere());
+    if (state.core == nullptr || !state.core->AddStoppable(*this)) {
+        return Fail(GetBusStatus());
+    }
+    int r = 0;
+    if (!mIsAnswered) {
+        Leave();
+        r = sd_bus_message_set_expect_reply(mMessage.get(), 0);
+        r = r < 0 ? r : sd_bus_send(state.core->GetBus(), mMessage.get(), nullptr);
+    } else if (state.clients.waiting >= state.clients.limit) {
+        Leave();
+        return Fail(Cause::TooMany, 0);
+    } else {
+        sd_bus_slot* slot = nullptr;
+        r = sd_bus_call_async(state.core->GetBus(), &slot, mMessage.get(), OnReply, this,
+                              ToMicroseconds(mTimeout));
+        mSlot.reset(slot);
+    }
+    if (r < 0) {
+        Leave();
+        return Fail(Cause::Sending, r);
+    }
+    mMessage.reset();
+    ++state.clients.sent;
+    state.clients.waiting += mIsAnswered ? 1 : 0;
+    mPhase = mIsAnswered ? Phase::Waiting : Phase::Sent;
+    return mIsAnswered;
+}
+
+bool CallBase::Await(std::coroutine_handle<> waiting) noexcept {
+    if (!Send()) {
+        return false;
+    }
+    mWaiting = waiting;
+    return true;
+}
+
+void CallBase::Detach() && {
+    mIsAnswered = false;
+    // Before it is sent: there is no message then.
+    const char* const member = mMessage != nullptr ? sd_bus_message_get_member(mMessage.get()) : nullptr;
+    const BusMessage message(sd_bus_message_ref(mMessage.get()));
+    Send();
+    if (mPhase == Phase::Sent) {
+        mPhase = Phase::Spent;
+        return;
+    }
+    unsigned long omitted = 0;
+    if (mRemote->GetState()->clients.unsentLog.Allows(omitted)) {
+        TERN_LOG_WARNING(LOGGER, "%s %s: failed to call %s: %s (%lu like it not logged)",
+                         mRemote->GetDestination().c_str(), mRemote->GetPath().c_str(),
+                         member != nullptr ? member : "a method", GetFailure().GetText().c_str(), omitted);
+    }
+}
+
+/// No reply is waited for any more.
+void CallBase::EndWaiting() noexcept {
+    Leave();
+    mSlot.reset();
+    --mRemote->GetState()->clients.waiting;
+}
+
+int CallBase::OnReply(sd_bus_message* reply, void* self, sd_bus_error*) noexcept {
+    auto& call = *static_cast<CallBase*>(self);
+    call.EndWaiting();
+    call.mMessage.reset(sd_bus_message_ref(reply));
+    call.mPhase = Phase::Answered;
+    RunContained([&call] { call.OnDone(); }, reply);
+    return 1;
+}
+
+/// The bus closes, or the end of the turn has come for one that was postponed.
+void CallBase::OnStop() noexcept {
+    if (mPhase == Phase::Waiting) {
+        EndWaiting();
+        mCause = Cause::Status;
+        mError = static_cast<int>(StatusCode::Stopping);
+        mPhase = Phase::Failed;
+    }
+    RunContained([this] { OnDone(); }, mRemote->GetState()->core->GetLoop());
+}
+
+void CallBase::OnDone() {
+    mWaiting.resume();
+}
+
+void CallBase::Postpone() noexcept {
+    ReplyState& state = *mRemote->GetState();
+    if (state.core != nullptr && state.core->AddPostponed(*this)) {
+        return;
+    }
+    unsigned long omitted = 0;
+    if (state.clients.unsentLog.Allows(omitted)) {
+        TERN_LOG_WARNING(LOGGER,
+                         "%s %s: called without an open bus, so the handler does not run (%lu like it not "
+                         "logged)",
+                         mRemote->GetDestination().c_str(), mRemote->GetPath().c_str(), omitted);
+    }
+}
+
+Error CallBase::GetFailure() const {
+    if (mPhase != Phase::Failed) {
+        return {StatusCode::NotInitialized, "the call has been used already"};
+    }
+    switch (mCause) {
+        case Cause::Status:
+            return static_cast<StatusCode>(mError);
+        case Cause::TooMany:
+            return Error::LimitsExceeded("too many calls wait for their reply");
+        case Cause::Argument: {
+            std::string text = "argument ";
+            text += mName != nullptr ? "'" + std::string(mName) + "'" : std::to_string(mIndex + 1);
+            text.append(" cannot be sent: ").append(ErrorText(-mError));
+            return mError == -ENOMEM ? Error::NoMemory(text) : Error::InvalidArgs(text);
+        }
+        case Cause::Message:
+            if (sd_bus_service_name_is_valid(mRemote->GetDestination().c_str()) <= 0) {
+                return Error::InvalidArgs("'" + mRemote->GetDestination() + "' is no name of a service");
+            }
+            if (sd_bus_object_path_is_valid(mRemote->GetPath().c_str()) <= 0) {
+                return Error::InvalidArgs("'" + mRemote->GetPath() + "' is no path of an object");
+            }
+            break;
+        case Cause::Sending:
+            break;
+    }
+    return {StatusOfSending(mError), std::string("the call cannot be sent: ") + ErrorText(-mError)};
+}
+
+Detail::PendingBase::PendingBase(CallBase&& call) noexcept : CallBase(std::move(call)) {}
+Detail::PendingBase::~PendingBase() = default;
+
+void Detail::PendingBase::Start() noexcept {
+    if (!Send()) {
+        Postpone();
+    }
+}
+
+void Detail::PendingBase::Release(std::unique_ptr<PendingBase> call) noexcept {
+    if (call != nullptr && call->IsWaiting()) {
+        PendingBase& it = *call;
+        it.mSelf = std::move(call);
+    }
+}
+
+void Detail::PendingBase::OnDone() {
+    const std::unique_ptr<PendingBase> self = std::move(mSelf);
+    Run();
+}
+
+Pending::Pending() noexcept = default;
+Pending::Pending(Pending&& other) noexcept = default;
+Pending::Pending(std::unique_ptr<Detail::PendingBase> call) noexcept : mCall(std::move(call)) {}
+Pending::~Pending() = default;
+
+Pending& Pending::operator=(Pending&& other) noexcept {
+    // The new one is in place when the old one goes, whose handler may own this.
+    const std::unique_ptr<Detail::PendingBase> former = std::move(mCall);
+    mCall = std::move(other.mCall);
+    return *this;
+}
+
+bool Pending::IsWaiting() const noexcept {
+    return mCall != nullptr && mCall->IsWaiting();
+}
+
+void Pending::Reset() noexcept {
+    const std::unique_ptr<Detail::PendingBase> former = std::move(mCall);
+}
+
+void Pending::Release() && noexcept {
+    Detail::PendingBase::Release(std::move(mCall));
+}
+
+}  // namespace mwl::Typed
