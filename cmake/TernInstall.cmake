@@ -70,7 +70,7 @@ install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery DE
 
 # The generator of extension projects.
 install(PROGRAMS scripts/tern-new-extension DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
-install(DIRECTORY packaging/extension DESTINATION ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service COMPONENT dev)
+install(DIRECTORY packaging/extension packaging/extension-xml DESTINATION ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service COMPONENT dev)
 install(FILES packaging/tern-new-extension.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT dev)
 
 # The generator of C++ from XML. Where what is built for is another machine, nothing of that one's programs is at hand, so it

@@ -3,7 +3,7 @@
 # with the sources inside the project. What has not changed is not made again; a mistake stops the build.
 #   cmake_test.sh SOURCE_FOLDER BUILD_FOLDER CXX
 set -u
-source=$1 build=$2 cxx=$3
+source=$1 build=$2 cxx=$(command -v "$3")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0

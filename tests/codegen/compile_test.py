@@ -160,7 +160,7 @@ class Corpus:
     def listener(self, namespace, interface, name):
         """Instantiates what hears of signals."""
         names = self.module.functions_of(
-            interface, self.module.OF_PROXY | {name + "Proxy", name}, {"property": ("Get", "Set"), "signal": ("On",)})
+            interface, self.module.OF_PROXY | {name + "Proxy"}, {"property": ("Get", "Set"), "signal": ("On",)})
         text = f"[[maybe_unused]] void Hear(const {namespace}::{name}Proxy& proxy) {{\n    static_cast<void>(proxy);\n"
         for (member, prefix), function in names.items():
             if prefix == "On":

@@ -158,4 +158,53 @@ struct Empty {
     static constexpr mwl::Typed::Members<> ALL{};
 };
 
+/// The D-Bus interface com.example.Call.
+struct Call {
+    static constexpr const char* NAME = "com.example.Call";
+
+    static constexpr mwl::Typed::Method<void()> Call_{"Call", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Signal<> CallSignal{"Call", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> Contract{"Contract", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> Base{"Base", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Members<Call_, CallSignal, Contract, Base> ALL{};
+};
+
+/// The D-Bus interface com.example.Implements.
+struct Implements {
+    static constexpr const char* NAME = "com.example.Implements";
+
+    static constexpr mwl::Typed::Method<void()> Implements_{"Implements", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::WritableProperty<std::uint32_t> Proxy{"Proxy", mwl::Typed::EMITS};
+
+    static constexpr mwl::Typed::Members<Implements_, Proxy> ALL{};
+};
+
+/// The D-Bus interface com.example.Value.
+struct Value {
+    static constexpr const char* NAME = "com.example.Value";
+
+    static constexpr mwl::Typed::WritableProperty<mwl::Typed::Any> ValueProperty{
+        "Value",
+        mwl::Typed::EMITS};
+
+    static constexpr mwl::Typed::Members<ValueProperty> ALL{};
+};
+
+/// The D-Bus interface com.example.Emit.
+struct Emit {
+    static constexpr const char* NAME = "com.example.Emit";
+
+    static constexpr mwl::Typed::Signal<std::uint32_t, std::uint32_t> Changed{
+        "Changed",
+        {"Base", "Contract"},
+        mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Members<Changed> ALL{};
+};
+
 }  // namespace golden::names

@@ -22,39 +22,41 @@ namespace golden::names {
 /// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
 class DeleteProxy : public mwl::Typed::Proxy<Delete> {
 public:
-    using mwl::Typed::Proxy<Delete>::Proxy;
+    using Contract = ::golden::names::Delete;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
 
     /// Calls delete.
     mwl::Typed::Call<void> delete_(
         std::string_view new_,
         std::string_view new__,
         std::uint32_t new___) const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::delete_, new_, new__, new___);
+        return Base::Call(Contract::delete_, new_, new__, new___);
     }
 
     /// Calls Delete.
-    mwl::Typed::Call<void> Delete_() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Delete_);
+    mwl::Typed::Call<void> Delete() const {
+        return Base::Call(Contract::Delete_);
     }
 
     /// Calls ALL.
     mwl::Typed::Call<void> ALL() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::ALL_);
+        return Base::Call(Contract::ALL_);
     }
 
     /// Calls NAME.
     mwl::Typed::Call<void> NAME() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::NAME_);
+        return Base::Call(Contract::NAME_);
     }
 
     /// Calls DOCUMENTATION.
     mwl::Typed::Call<void> DOCUMENTATION() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::DOCUMENTATION_);
+        return Base::Call(Contract::DOCUMENTATION_);
     }
 
     /// Calls Describe.
     mwl::Typed::Call<void> Describe() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Describe);
+        return Base::Call(Contract::Describe);
     }
 
     /// Calls Emit.
@@ -62,7 +64,7 @@ public:
         std::string_view with_dash,
         std::string_view with_dot,
         std::string_view with_dot_) const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Emit, with_dash, with_dot, with_dot_);
+        return Base::Call(Contract::Emit, with_dash, with_dot, with_dot_);
     }
 
     /// Calls Changed.
@@ -70,17 +72,17 @@ public:
         std::uint32_t _1st,
         std::uint32_t arg1,
         std::uint32_t arg1_) const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Changed, _1st, arg1, arg1_);
+        return Base::Call(Contract::Changed, _1st, arg1, arg1_);
     }
 
     /// Calls GetVtable.
     mwl::Typed::Call<void> GetVtable() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::GetVtable);
+        return Base::Call(Contract::GetVtable);
     }
 
     /// Calls GetUserData.
     mwl::Typed::Call<void> GetUserData() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::GetUserData);
+        return Base::Call(Contract::GetUserData);
     }
 
     /// Calls Call.
@@ -88,81 +90,81 @@ public:
         std::uint32_t Call,
         std::uint32_t mwl_,
         std::uint32_t std_) const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Call, Call, mwl_, std_);
+        return Base::Call(Contract::Call, Call, mwl_, std_);
     }
 
     /// Calls On.
     mwl::Typed::Call<void> On_() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::On);
+        return Base::Call(Contract::On);
     }
 
     /// Calls Proxy.
     mwl::Typed::Call<void> Proxy_() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Proxy);
+        return Base::Call(Contract::Proxy);
     }
 
     /// Calls Get.
     mwl::Typed::Call<void> Get_() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::Get);
+        return Base::Call(Contract::Get);
     }
 
     /// Calls errno.
     mwl::Typed::Call<void> errno_() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::errno_);
+        return Base::Call(Contract::errno_);
     }
 
     /// Calls GetState.
     mwl::Typed::Call<std::string> GetState() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::GetState);
+        return Base::Call(Contract::GetState);
     }
 
     /// Calls State.
     mwl::Typed::Call<void> State() const {
-        return mwl::Typed::Proxy<Delete>::Call(Delete::State);
+        return Base::Call(Contract::State);
     }
 
     /// Asks for State.
     mwl::Typed::Call<std::string> GetStateProperty_() const {
-        return mwl::Typed::Proxy<Delete>::Get(Delete::StateProperty_);
+        return Base::Get(Contract::StateProperty_);
     }
     /// Writes State.
     mwl::Typed::Call<void> SetState(std::string_view value) const {
-        return mwl::Typed::Proxy<Delete>::Set(Delete::StateProperty_, value);
+        return Base::Set(Contract::StateProperty_, value);
     }
 
     /// Asks for StateProperty.
     mwl::Typed::Call<std::string> GetStateProperty() const {
-        return mwl::Typed::Proxy<Delete>::Get(Delete::StateProperty);
+        return Base::Get(Contract::StateProperty);
     }
 
     /// Asks for Vtable.
     mwl::Typed::Call<std::uint32_t> GetVtableProperty() const {
-        return mwl::Typed::Proxy<Delete>::Get(Delete::Vtable);
+        return Base::Get(Contract::Vtable);
     }
 
     /// Asks for class.
     mwl::Typed::Call<std::uint32_t> GetClass() const {
-        return mwl::Typed::Proxy<Delete>::Get(Delete::class_);
+        return Base::Get(Contract::class_);
     }
 
     /// Hears of State.
     template <class Handler>
     mwl::Typed::Subscription OnState(Handler&& handler) const {
-        return mwl::Typed::SubscribeTo(mwl::Typed::Proxy<Delete>::GetRemote(), Delete::NAME, Delete::StateSignal,
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::StateSignal,
                                        std::forward<Handler>(handler));
     }
 
     /// Hears of Changed.
     template <class Handler>
     mwl::Typed::Subscription OnChanged(Handler&& handler) const {
-        return mwl::Typed::SubscribeTo(mwl::Typed::Proxy<Delete>::GetRemote(), Delete::NAME, Delete::ChangedSignal,
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::ChangedSignal,
                                        std::forward<Handler>(handler));
     }
 
     /// Hears of Call.
     template <class Handler>
     mwl::Typed::Subscription OnCall(Handler&& handler) const {
-        return mwl::Typed::SubscribeTo(mwl::Typed::Proxy<Delete>::GetRemote(), Delete::NAME, Delete::CallSignal,
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::CallSignal,
                                        std::forward<Handler>(handler));
     }
 };
@@ -171,16 +173,18 @@ public:
 /// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
 class FirstManagerProxy : public mwl::Typed::Proxy<FirstManager> {
 public:
-    using mwl::Typed::Proxy<FirstManager>::Proxy;
+    using Contract = ::golden::names::FirstManager;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
 
     /// Calls Manager.
     mwl::Typed::Call<void> Manager() const {
-        return mwl::Typed::Proxy<FirstManager>::Call(FirstManager::Manager);
+        return Base::Call(Contract::Manager);
     }
 
     /// Calls ManagerSkeleton.
     mwl::Typed::Call<void> ManagerSkeleton() const {
-        return mwl::Typed::Proxy<FirstManager>::Call(FirstManager::ManagerSkeleton);
+        return Base::Call(Contract::ManagerSkeleton);
     }
 };
 
@@ -188,11 +192,13 @@ public:
 /// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
 class SecondManagerProxy : public mwl::Typed::Proxy<SecondManager> {
 public:
-    using mwl::Typed::Proxy<SecondManager>::Proxy;
+    using Contract = ::golden::names::SecondManager;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
 
     /// Asks for Manager.
     mwl::Typed::Call<std::string> GetManager() const {
-        return mwl::Typed::Proxy<SecondManager>::Get(SecondManager::Manager);
+        return Base::Get(Contract::Manager);
     }
 };
 
@@ -200,7 +206,97 @@ public:
 /// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
 class EmptyProxy : public mwl::Typed::Proxy<Empty> {
 public:
-    using mwl::Typed::Proxy<Empty>::Proxy;
+    using Contract = ::golden::names::Empty;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+};
+
+/// An object of a peer that has the interface com.example.Call.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class CallProxy : public mwl::Typed::Proxy<Call> {
+public:
+    using Contract = ::golden::names::Call;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Calls Call.
+    mwl::Typed::Call<void> Call_() const {
+        return Base::Call(Contract::Call_);
+    }
+
+    /// Hears of Call.
+    template <class Handler>
+    mwl::Typed::Subscription OnCall(Handler&& handler) const {
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::CallSignal,
+                                       std::forward<Handler>(handler));
+    }
+
+    /// Calls Contract.
+    mwl::Typed::Call<void> Contract_() const {
+        return Base::Call(Contract::Contract);
+    }
+
+    /// Calls Base.
+    mwl::Typed::Call<void> Base_() const {
+        return Base::Call(Contract::Base);
+    }
+};
+
+/// An object of a peer that has the interface com.example.Implements.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class ImplementsProxy : public mwl::Typed::Proxy<Implements> {
+public:
+    using Contract = ::golden::names::Implements;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Calls Implements.
+    mwl::Typed::Call<void> Implements() const {
+        return Base::Call(Contract::Implements_);
+    }
+
+    /// Asks for Proxy.
+    mwl::Typed::Call<std::uint32_t> GetProxy() const {
+        return Base::Get(Contract::Proxy);
+    }
+    /// Writes Proxy.
+    mwl::Typed::Call<void> SetProxy(std::uint32_t value) const {
+        return Base::Set(Contract::Proxy, value);
+    }
+};
+
+/// An object of a peer that has the interface com.example.Value.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class ValueProxy : public mwl::Typed::Proxy<Value> {
+public:
+    using Contract = ::golden::names::Value;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Asks for Value.
+    mwl::Typed::Call<mwl::Typed::Any> GetValue() const {
+        return Base::Get(Contract::ValueProperty);
+    }
+    /// Writes Value.
+    mwl::Typed::Call<void> SetValue(const mwl::Typed::Any& value) const {
+        return Base::Set(Contract::ValueProperty, value);
+    }
+};
+
+/// An object of a peer that has the interface com.example.Emit.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class EmitProxy : public mwl::Typed::Proxy<Emit> {
+public:
+    using Contract = ::golden::names::Emit;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Hears of Changed.
+    template <class Handler>
+    mwl::Typed::Subscription OnChanged(Handler&& handler) const {
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::Changed,
+                                       std::forward<Handler>(handler));
+    }
 };
 
 }  // namespace golden::names

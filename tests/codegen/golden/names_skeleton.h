@@ -21,9 +21,11 @@ namespace golden::names {
 /// function returns. D-Bus thread only.
 class DeleteSkeleton : public mwl::Typed::Implements<DeleteSkeleton, Delete> {
 public:
+    using Contract = ::golden::names::Delete;
+
     /// Sends the signal State at once; see Implements::Emit.
     mw::tern::StatusCode EmitState(std::string_view state, std::string_view State) {
-        return Implements::template Emit<Delete::StateSignal>(state, State);
+        return Implements::template Emit<Contract::StateSignal>(state, State);
     }
 
     /// Sends the signal Changed at once; see Implements::Emit.
@@ -31,38 +33,38 @@ public:
         std::uint32_t Emit,
         std::uint32_t Delete,
         std::uint32_t Implements_) {
-        return Implements::template Emit<Delete::ChangedSignal>(Emit, Delete, Implements_);
+        return Implements::template Emit<Contract::ChangedSignal>(Emit, Delete, Implements_);
     }
 
     /// Sends the signal Call at once; see Implements::Emit.
     mw::tern::StatusCode EmitCall(const mwl::Typed::Any& handler_) {
-        return Implements::template Emit<Delete::CallSignal>(handler_);
+        return Implements::template Emit<Contract::CallSignal>(handler_);
     }
 
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<
-            mwl::Typed::Bind<Delete::delete_, &DeleteSkeleton::delete_>,
-            mwl::Typed::Bind<Delete::Delete_, &DeleteSkeleton::Delete_>,
-            mwl::Typed::Bind<Delete::ALL_, &DeleteSkeleton::ALL>,
-            mwl::Typed::Bind<Delete::NAME_, &DeleteSkeleton::NAME>,
-            mwl::Typed::Bind<Delete::DOCUMENTATION_, &DeleteSkeleton::DOCUMENTATION>,
-            mwl::Typed::Bind<Delete::Describe, &DeleteSkeleton::Describe_>,
-            mwl::Typed::Bind<Delete::Emit, &DeleteSkeleton::Emit_>,
-            mwl::Typed::Bind<Delete::Changed, &DeleteSkeleton::Changed_>,
-            mwl::Typed::Bind<Delete::GetVtable, &DeleteSkeleton::GetVtable_>,
-            mwl::Typed::Bind<Delete::GetUserData, &DeleteSkeleton::GetUserData_>,
-            mwl::Typed::Bind<Delete::Call, &DeleteSkeleton::Call>,
-            mwl::Typed::Bind<Delete::On, &DeleteSkeleton::On>,
-            mwl::Typed::Bind<Delete::Proxy, &DeleteSkeleton::Proxy>,
-            mwl::Typed::Bind<Delete::Get, &DeleteSkeleton::Get>,
-            mwl::Typed::Bind<Delete::errno_, &DeleteSkeleton::errno_>,
-            mwl::Typed::Bind<Delete::GetState, &DeleteSkeleton::GetState>,
-            mwl::Typed::Bind<Delete::State, &DeleteSkeleton::State>,
-            mwl::Typed::Bind<Delete::StateProperty_, &DeleteSkeleton::GetStateProperty_, &DeleteSkeleton::SetState>,
-            mwl::Typed::Bind<Delete::StateProperty, &DeleteSkeleton::GetStateProperty>,
-            mwl::Typed::Bind<Delete::Vtable, &DeleteSkeleton::GetVtableProperty>,
-            mwl::Typed::Bind<Delete::class_, &DeleteSkeleton::GetClass>>();
+            mwl::Typed::Bind<Contract::delete_, &DeleteSkeleton::delete_>,
+            mwl::Typed::Bind<Contract::Delete_, &DeleteSkeleton::Delete>,
+            mwl::Typed::Bind<Contract::ALL_, &DeleteSkeleton::ALL>,
+            mwl::Typed::Bind<Contract::NAME_, &DeleteSkeleton::NAME>,
+            mwl::Typed::Bind<Contract::DOCUMENTATION_, &DeleteSkeleton::DOCUMENTATION>,
+            mwl::Typed::Bind<Contract::Describe, &DeleteSkeleton::Describe_>,
+            mwl::Typed::Bind<Contract::Emit, &DeleteSkeleton::Emit_>,
+            mwl::Typed::Bind<Contract::Changed, &DeleteSkeleton::Changed_>,
+            mwl::Typed::Bind<Contract::GetVtable, &DeleteSkeleton::GetVtable_>,
+            mwl::Typed::Bind<Contract::GetUserData, &DeleteSkeleton::GetUserData_>,
+            mwl::Typed::Bind<Contract::Call, &DeleteSkeleton::Call>,
+            mwl::Typed::Bind<Contract::On, &DeleteSkeleton::On>,
+            mwl::Typed::Bind<Contract::Proxy, &DeleteSkeleton::Proxy>,
+            mwl::Typed::Bind<Contract::Get, &DeleteSkeleton::Get>,
+            mwl::Typed::Bind<Contract::errno_, &DeleteSkeleton::errno_>,
+            mwl::Typed::Bind<Contract::GetState, &DeleteSkeleton::GetState>,
+            mwl::Typed::Bind<Contract::State, &DeleteSkeleton::State>,
+            mwl::Typed::Bind<Contract::StateProperty_, &DeleteSkeleton::GetStateProperty_, &DeleteSkeleton::SetState>,
+            mwl::Typed::Bind<Contract::StateProperty, &DeleteSkeleton::GetStateProperty>,
+            mwl::Typed::Bind<Contract::Vtable, &DeleteSkeleton::GetVtableProperty>,
+            mwl::Typed::Bind<Contract::class_, &DeleteSkeleton::GetClass>>();
     }
 
 protected:
@@ -72,7 +74,7 @@ protected:
         std::string_view new__,
         std::uint32_t new___) = 0;
     /// The method Delete.
-    virtual mwl::Typed::Outcome<void> Delete_() = 0;
+    virtual mwl::Typed::Outcome<void> Delete() = 0;
     /// The method ALL.
     virtual mwl::Typed::Outcome<void> ALL() = 0;
     /// The method NAME.
@@ -129,11 +131,13 @@ protected:
 /// function returns. D-Bus thread only.
 class FirstManagerSkeleton : public mwl::Typed::Implements<FirstManagerSkeleton, FirstManager> {
 public:
+    using Contract = ::golden::names::FirstManager;
+
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<
-            mwl::Typed::Bind<FirstManager::Manager, &FirstManagerSkeleton::Manager>,
-            mwl::Typed::Bind<FirstManager::ManagerSkeleton, &FirstManagerSkeleton::ManagerSkeleton>>();
+            mwl::Typed::Bind<Contract::Manager, &FirstManagerSkeleton::Manager>,
+            mwl::Typed::Bind<Contract::ManagerSkeleton, &FirstManagerSkeleton::ManagerSkeleton>>();
     }
 
 protected:
@@ -148,10 +152,12 @@ protected:
 /// function returns. D-Bus thread only.
 class SecondManagerSkeleton : public mwl::Typed::Implements<SecondManagerSkeleton, SecondManager> {
 public:
+    using Contract = ::golden::names::SecondManager;
+
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<
-            mwl::Typed::Bind<SecondManager::Manager, &SecondManagerSkeleton::GetManager>>();
+            mwl::Typed::Bind<Contract::Manager, &SecondManagerSkeleton::GetManager>>();
     }
 
 protected:
@@ -164,6 +170,98 @@ protected:
 /// function returns. D-Bus thread only.
 class EmptySkeleton : public mwl::Typed::Implements<EmptySkeleton, Empty> {
 public:
+    using Contract = ::golden::names::Empty;
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<>();
+    }
+};
+
+/// Base of a class that implements com.example.Call: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class CallSkeleton : public mwl::Typed::Implements<CallSkeleton, Call> {
+public:
+    using Contract = ::golden::names::Call;
+
+    /// Sends the signal Call at once; see Implements::Emit.
+    mw::tern::StatusCode EmitCall() {
+        return Implements::template Emit<Contract::CallSignal>();
+    }
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::Call_, &CallSkeleton::Call>,
+            mwl::Typed::Bind<Contract::Contract, &CallSkeleton::Contract_>,
+            mwl::Typed::Bind<Contract::Base, &CallSkeleton::Base>>();
+    }
+
+protected:
+    /// The method Call.
+    virtual mwl::Typed::Outcome<void> Call() = 0;
+    /// The method Contract.
+    virtual mwl::Typed::Outcome<void> Contract_() = 0;
+    /// The method Base.
+    virtual mwl::Typed::Outcome<void> Base() = 0;
+};
+
+/// Base of a class that implements com.example.Implements: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class ImplementsSkeleton : public mwl::Typed::Implements<ImplementsSkeleton, Implements> {
+public:
+    using Contract = ::golden::names::Implements;
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::Implements_, &ImplementsSkeleton::Implements_>,
+            mwl::Typed::Bind<Contract::Proxy, &ImplementsSkeleton::GetProxy, &ImplementsSkeleton::SetProxy>>();
+    }
+
+protected:
+    /// The method Implements.
+    virtual mwl::Typed::Outcome<void> Implements_() = 0;
+    /// The property Proxy.
+    virtual std::uint32_t GetProxy() const = 0;
+    /// Writes Proxy; a success announces the change.
+    virtual mwl::Typed::Outcome<void> SetProxy(std::uint32_t value) = 0;
+};
+
+/// Base of a class that implements com.example.Value: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class ValueSkeleton : public mwl::Typed::Implements<ValueSkeleton, Value> {
+public:
+    using Contract = ::golden::names::Value;
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::ValueProperty, &ValueSkeleton::GetValue, &ValueSkeleton::SetValue>>();
+    }
+
+protected:
+    /// The property Value.
+    virtual mwl::Typed::Any GetValue() const = 0;
+    /// Writes Value; a success announces the change.
+    virtual mwl::Typed::Outcome<void> SetValue(mwl::Typed::Any value) = 0;
+};
+
+/// Base of a class that implements com.example.Emit: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class EmitSkeleton : public mwl::Typed::Implements<EmitSkeleton, Emit> {
+public:
+    using Contract = ::golden::names::Emit;
+
+    /// Sends the signal Changed at once; see Implements::Emit.
+    mw::tern::StatusCode EmitChanged(std::uint32_t Base_, std::uint32_t Contract_) {
+        return Implements::template Emit<Contract::Changed>(Base_, Contract_);
+    }
+
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<>();

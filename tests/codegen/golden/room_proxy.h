@@ -25,93 +25,95 @@ namespace golden::room {
 /// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
 class Room1Proxy : public mwl::Typed::Proxy<Room1> {
 public:
-    using mwl::Typed::Proxy<Room1>::Proxy;
+    using Contract = ::golden::room::Room1;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
 
     /// Heats for a while; the text is long enough to be broken into several lines of the generated
     /// code, wherever the words end.
     mwl::Typed::Call<void> Boost(std::uint32_t seconds) const {
-        return mwl::Typed::Proxy<Room1>::Call(Room1::Boost, seconds);
+        return Base::Call(Contract::Boost, seconds);
     }
 
     /// Calls Rename.
     mwl::Typed::Call<std::string> Rename(std::string_view name) const {
-        return mwl::Typed::Proxy<Room1>::Call(Room1::Rename, name);
+        return Base::Call(Contract::Rename, name);
     }
 
     /// Calls Measure.
     mwl::Typed::Call<mwl::Typed::Results<std::vector<std::tuple<double, std::string>>, mwl::Typed::ObjectPath>> Measure(
         const std::map<std::string, mwl::Typed::Any>& arg0) const {
-        return mwl::Typed::Proxy<Room1>::Call(Room1::Measure, arg0);
+        return Base::Call(Contract::Measure, arg0);
     }
 
     /// Calls ExportLog.
     mwl::Typed::Call<mwl::Typed::OwnedFd> ExportLog(std::string_view password) const {
-        return mwl::Typed::Proxy<Room1>::Call(Room1::ExportLog, password);
+        return Base::Call(Contract::ExportLog, password);
     }
 
     /// Calls Place.
     mwl::Typed::Call<std::vector<room_types::Point>> Place(const room_types::Point& corner) const {
-        return mwl::Typed::Proxy<Room1>::Call(Room1::Place, corner);
+        return Base::Call(Contract::Place, corner);
     }
 
     /// Calls Restart.
     mwl::Typed::Call<void> Restart() const {
-        return mwl::Typed::Proxy<Room1>::Call(Room1::Restart);
+        return Base::Call(Contract::Restart);
     }
 
     /// Asks for Temperature.
     mwl::Typed::Call<double> GetTemperature() const {
-        return mwl::Typed::Proxy<Room1>::Get(Room1::Temperature);
+        return Base::Get(Contract::Temperature);
     }
 
     /// Degrees Celsius.
     mwl::Typed::Call<double> GetTarget() const {
-        return mwl::Typed::Proxy<Room1>::Get(Room1::Target);
+        return Base::Get(Contract::Target);
     }
     /// Writes Target.
     mwl::Typed::Call<void> SetTarget(double value) const {
-        return mwl::Typed::Proxy<Room1>::Set(Room1::Target, value);
+        return Base::Set(Contract::Target, value);
     }
 
     /// Asks for Label.
     mwl::Typed::Call<std::string> GetLabel() const {
-        return mwl::Typed::Proxy<Room1>::Get(Room1::Label);
+        return Base::Get(Contract::Label);
     }
     /// Writes Label.
     mwl::Typed::Call<void> SetLabel(std::string_view value) const {
-        return mwl::Typed::Proxy<Room1>::Set(Room1::Label, value);
+        return Base::Set(Contract::Label, value);
     }
 
     /// Asks for Serial.
     mwl::Typed::Call<std::vector<std::uint8_t>> GetSerial() const {
-        return mwl::Typed::Proxy<Room1>::Get(Room1::Serial);
+        return Base::Get(Contract::Serial);
     }
 
     /// Asks for History.
     mwl::Typed::Call<std::vector<std::map<std::string, std::tuple<std::int16_t, std::uint16_t, std::int64_t, std::uint64_t, std::uint8_t, bool, mwl::Typed::Signature>>>> GetHistory() const {
-        return mwl::Typed::Proxy<Room1>::Get(Room1::History);
+        return Base::Get(Contract::History);
     }
 
     /// Asks for Corner.
     mwl::Typed::Call<room_types::Point> GetCorner() const {
-        return mwl::Typed::Proxy<Room1>::Get(Room1::Corner);
+        return Base::Get(Contract::Corner);
     }
     /// Writes Corner.
     mwl::Typed::Call<void> SetCorner(const room_types::Point& value) const {
-        return mwl::Typed::Proxy<Room1>::Set(Room1::Corner, value);
+        return Base::Set(Contract::Corner, value);
     }
 
     /// Once a second.
     template <class Handler>
     mwl::Typed::Subscription OnMeasured(Handler&& handler) const {
-        return mwl::Typed::SubscribeTo(mwl::Typed::Proxy<Room1>::GetRemote(), Room1::NAME, Room1::Measured,
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::Measured,
                                        std::forward<Handler>(handler));
     }
 
     /// Hears of Opened.
     template <class Handler>
     mwl::Typed::Subscription OnOpened(Handler&& handler) const {
-        return mwl::Typed::SubscribeTo(mwl::Typed::Proxy<Room1>::GetRemote(), Room1::NAME, Room1::Opened,
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::Opened,
                                        std::forward<Handler>(handler));
     }
 };
@@ -120,21 +122,23 @@ public:
 /// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
 class Door1Proxy : public mwl::Typed::Proxy<Door1> {
 public:
-    using mwl::Typed::Proxy<Door1>::Proxy;
+    using Contract = ::golden::room::Door1;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
 
     /// Asks for IsOpen.
     mwl::Typed::Call<bool> GetIsOpen() const {
-        return mwl::Typed::Proxy<Door1>::Get(Door1::IsOpen);
+        return Base::Get(Contract::IsOpen);
     }
 
     /// Asks for Width.
     mwl::Typed::Call<std::int32_t> GetWidth() const {
-        return mwl::Typed::Proxy<Door1>::Get(Door1::Width);
+        return Base::Get(Contract::Width);
     }
 
     /// Calls Knock.
     mwl::Typed::Call<void> Knock() const {
-        return mwl::Typed::Proxy<Door1>::Call(Door1::Knock);
+        return Base::Call(Contract::Knock);
     }
 };
 

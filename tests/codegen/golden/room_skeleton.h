@@ -25,31 +25,33 @@ namespace golden::room {
 /// function returns. D-Bus thread only.
 class Room1Skeleton : public mwl::Typed::Implements<Room1Skeleton, Room1> {
 public:
+    using Contract = ::golden::room::Room1;
+
     /// Once a second.
     mw::tern::StatusCode EmitMeasured(double celsius, std::string_view where) {
-        return Implements::template Emit<Room1::Measured>(celsius, where);
+        return Implements::template Emit<Contract::Measured>(celsius, where);
     }
 
     /// Sends the signal Opened at once; see Implements::Emit.
     mw::tern::StatusCode EmitOpened() {
-        return Implements::template Emit<Room1::Opened>();
+        return Implements::template Emit<Contract::Opened>();
     }
 
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<
-            mwl::Typed::Bind<Room1::Boost, &Room1Skeleton::Boost>,
-            mwl::Typed::Bind<Room1::Rename, &Room1Skeleton::Rename>,
-            mwl::Typed::Bind<Room1::Measure, &Room1Skeleton::Measure>,
-            mwl::Typed::Bind<Room1::ExportLog, &Room1Skeleton::ExportLog>,
-            mwl::Typed::Bind<Room1::Place, &Room1Skeleton::Place>,
-            mwl::Typed::Bind<Room1::Restart, &Room1Skeleton::Restart>,
-            mwl::Typed::Bind<Room1::Temperature, &Room1Skeleton::GetTemperature>,
-            mwl::Typed::Bind<Room1::Target, &Room1Skeleton::GetTarget, &Room1Skeleton::SetTarget>,
-            mwl::Typed::Bind<Room1::Label, &Room1Skeleton::GetLabel, &Room1Skeleton::SetLabel>,
-            mwl::Typed::Bind<Room1::Serial, &Room1Skeleton::GetSerial>,
-            mwl::Typed::Bind<Room1::History, &Room1Skeleton::GetHistory>,
-            mwl::Typed::Bind<Room1::Corner, &Room1Skeleton::GetCorner, &Room1Skeleton::SetCorner>>();
+            mwl::Typed::Bind<Contract::Boost, &Room1Skeleton::Boost>,
+            mwl::Typed::Bind<Contract::Rename, &Room1Skeleton::Rename>,
+            mwl::Typed::Bind<Contract::Measure, &Room1Skeleton::Measure>,
+            mwl::Typed::Bind<Contract::ExportLog, &Room1Skeleton::ExportLog>,
+            mwl::Typed::Bind<Contract::Place, &Room1Skeleton::Place>,
+            mwl::Typed::Bind<Contract::Restart, &Room1Skeleton::Restart>,
+            mwl::Typed::Bind<Contract::Temperature, &Room1Skeleton::GetTemperature>,
+            mwl::Typed::Bind<Contract::Target, &Room1Skeleton::GetTarget, &Room1Skeleton::SetTarget>,
+            mwl::Typed::Bind<Contract::Label, &Room1Skeleton::GetLabel, &Room1Skeleton::SetLabel>,
+            mwl::Typed::Bind<Contract::Serial, &Room1Skeleton::GetSerial>,
+            mwl::Typed::Bind<Contract::History, &Room1Skeleton::GetHistory>,
+            mwl::Typed::Bind<Contract::Corner, &Room1Skeleton::GetCorner, &Room1Skeleton::SetCorner>>();
     }
 
 protected:
@@ -94,12 +96,14 @@ protected:
 /// function returns. D-Bus thread only.
 class Door1Skeleton : public mwl::Typed::Implements<Door1Skeleton, Door1> {
 public:
+    using Contract = ::golden::room::Door1;
+
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<
-            mwl::Typed::Bind<Door1::IsOpen, &Door1Skeleton::GetIsOpen>,
-            mwl::Typed::Bind<Door1::Width, &Door1Skeleton::GetWidth>,
-            mwl::Typed::Bind<Door1::Knock, &Door1Skeleton::Knock>>();
+            mwl::Typed::Bind<Contract::IsOpen, &Door1Skeleton::GetIsOpen>,
+            mwl::Typed::Bind<Contract::Width, &Door1Skeleton::GetWidth>,
+            mwl::Typed::Bind<Contract::Knock, &Door1Skeleton::Knock>>();
     }
 
 protected:
