@@ -140,7 +140,7 @@ bool CallBase::Await(std::coroutine_handle<> waiting) noexcept {
     return true;
 }
 
-void CallBase::Detach() && {
+void CallBase::SendUnasked() {
     mIsAnswered = false;
     // Before it is sent: there is no message then.
     const char* const member = mMessage != nullptr ? sd_bus_message_get_member(mMessage.get()) : nullptr;
@@ -271,10 +271,6 @@ bool Pending::IsWaiting() const noexcept {
 
 void Pending::Reset() noexcept {
     const std::unique_ptr<Detail::PendingBase> former = std::move(mCall);
-}
-
-void Pending::Release() && noexcept {
-    Detail::PendingBase::Release(std::move(mCall));
 }
 
 }  // namespace mwl::Typed

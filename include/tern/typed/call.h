@@ -35,7 +35,7 @@ class TERN_API CallBase : protected Stoppable {
 public:
     /// Sends it, and does not want to know what comes of it: the message says that no reply is expected, so
     /// the peer sends none. That it could not be sent is logged, ten times in ten seconds at most.
-    void Detach() &&;
+    void Detach() && { SendUnasked(); }
 
     /// To append arguments by hand, as sd_bus_message_append(3) does. Null once it has been sent, or when
     /// there is none, as without an open bus; then the outcome tells why. Borrowed.
@@ -98,6 +98,7 @@ private:
         Sending,   ///< mError is sd-bus's
     };
 
+    void SendUnasked();
     static int OnReply(sd_bus_message* reply, void* self, sd_bus_error* error) noexcept;
     void OnStop() noexcept override;
     void EndWaiting() noexcept;
@@ -186,7 +187,7 @@ public:
     void Reset() noexcept;
     /// Nothing cancels it any more: the handler runs in any case, with `Stopping` when the bus closes before,
     /// and is destroyed then.
-    void Release() && noexcept;
+    void Release() && noexcept { Detail::PendingBase::Release(std::move(mCall)); }
 
 private:
     template <class R>
@@ -231,6 +232,8 @@ private:
 template <class R>
 class [[nodiscard]] Call final : public CallBase {
 public:
+    /// What the outcome holds.
+    using Result = R;
     /// Reads the reply.
     using Decoder = Outcome<R> (*)(sd_bus_message* reply, const Remote* remote);
 
