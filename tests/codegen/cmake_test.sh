@@ -105,7 +105,7 @@ rm "$work/sysroot/usr/bin/python3"
 # With the sources: configured, and what is generated compiled; the library's own build is another test's.
 must "configured with the sources" "${configure[@]}" -B "$work/sources" -DTERN_SOURCE="$source"
 must "generated and compiled with the sources" make -C "$work/sources" -f CMakeFiles/uses-generated.dir/build.make \
-    CMakeFiles/uses-generated.dir/main.cpp.o
+    tern-dbus/uses-generated/room_contract.h CMakeFiles/uses-generated.dir/main.cpp.o
 [ -s "$work/sources/tern-dbus/uses-generated/room_proxy.h" ] || fail "the sources' function generates nothing"
 
 echo "$failures failures"
