@@ -66,7 +66,8 @@ set(TERN_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc)
 install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
 install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc PATTERN Doxyfile EXCLUDE)
 # The examples build on their own against the installed package.
-install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
+install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery examples/hostname-client
+  DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
 
 # The generator of extension projects.
 install(PROGRAMS scripts/tern-new-extension DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)

@@ -102,7 +102,8 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
         usr/share/doc/libtern-dbus-service-doc/reference/{index,files}.html \
         usr/share/doc/libtern-dbus-service-doc/examples/tutorial/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp} \
-        usr/share/doc/libtern-dbus-service-doc/examples/type-gallery/{CMakeLists.txt,main.cpp}
+        usr/share/doc/libtern-dbus-service-doc/examples/type-gallery/{CMakeLists.txt,main.cpp} \
+        usr/share/doc/libtern-dbus-service-doc/examples/hostname-client/{CMakeLists.txt,hostname1.xml,main.cpp}
     content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl \
         usr/share/man/man1/thermostatctl.1.gz usr/share/man/man8/tern-thermostat.8.gz usr/share/dbus-1/system.d/com.example.Thermostat.conf \
         usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \
