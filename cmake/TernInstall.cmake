@@ -49,11 +49,12 @@ tern_no_rpath_in_usr(typed ${CMAKE_INSTALL_LIBDIR}/libtern-dbus-typed.so.${PROJE
 install(DIRECTORY include/tern DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(EXPORT TernDBusServiceTargets NAMESPACE tern:: DESTINATION ${TERN_PACKAGE_DIR} COMPONENT dev)
 
+set(TERN_CODEGEN ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service/tern-dbus-codegen)
 configure_package_config_file(cmake/TernDBusServiceConfig.cmake.in
-  ${PROJECT_BINARY_DIR}/TernDBusServiceConfig.cmake INSTALL_DESTINATION ${TERN_PACKAGE_DIR})
+  ${PROJECT_BINARY_DIR}/TernDBusServiceConfig.cmake INSTALL_DESTINATION ${TERN_PACKAGE_DIR} PATH_VARS TERN_CODEGEN)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/TernDBusServiceConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/TernDBusServiceConfig.cmake
+install(FILES ${PROJECT_BINARY_DIR}/TernDBusServiceConfig.cmake cmake/TernGenerate.cmake
   ${PROJECT_BINARY_DIR}/TernDBusServiceConfigVersion.cmake DESTINATION ${TERN_PACKAGE_DIR} COMPONENT dev)
 
 foreach(pc IN LISTS TERN_INSTALLED_PC)
@@ -65,9 +66,19 @@ set(TERN_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc)
 install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
 install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc PATTERN Doxyfile EXCLUDE)
 # The examples build on their own against the installed package.
-install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
+install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery examples/hostname-client
+  DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
 
 # The generator of extension projects.
 install(PROGRAMS scripts/tern-new-extension DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
-install(DIRECTORY packaging/extension DESTINATION ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service COMPONENT dev)
+install(DIRECTORY packaging/extension packaging/extension-xml DESTINATION ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service COMPONENT dev)
 install(FILES packaging/tern-new-extension.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT dev)
+
+# The generator of C++ from XML. Where what is built for is another machine, nothing of that one's programs is at hand, so it
+# lies with the data; people have it as a program.
+install(PROGRAMS scripts/tern-dbus-codegen DESTINATION ${CMAKE_INSTALL_DATADIR}/libtern-dbus-service COMPONENT dev)
+file(RELATIVE_PATH TERN_CODEGEN_FROM_BIN ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_DATADIR})
+file(CREATE_LINK ${TERN_CODEGEN_FROM_BIN}/libtern-dbus-service/tern-dbus-codegen
+  ${PROJECT_BINARY_DIR}/tern-dbus-codegen SYMBOLIC)
+install(FILES ${PROJECT_BINARY_DIR}/tern-dbus-codegen DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dev)
+install(FILES packaging/tern-dbus-codegen.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT dev)

@@ -59,6 +59,8 @@ refused 2 "a name and a folder are needed, not 0 arguments$hint"
 refused 2 "a name and a folder are needed, not 3 arguments$hint" a b c
 refused 2 "unknown option '--colour'$hint" --colour fan "$work/refused"
 refused 2 "--domain takes a domain$hint" --domain
+refused 2 "--interface takes a file$hint" --interface
+refused 2 "--open goes with --interface$hint" --open fan "$work/refused"
 for name in "" Fan fan_control fan--control -fan fan- 2fan "fan control" "fan/control" "fan;rm" fän $'fan\nx'; do
     case $name in -*) continue ;; esac  # an option, above
     refused 2 "'$name' is not a name: *$hint" "$name" "$work/refused"
@@ -106,6 +108,32 @@ for name_of_cpp in switch a2345678901234567890123456789bc; do
         -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS=-Werror
     must "built: $name_of_cpp" cmake --build "$work/$name_of_cpp/build"
 done
+
+# From XML: each interface has a class, all are on the bus, and what is not written yet is refused.
+cat >"$work/fan.xml" <<'XML'
+<node>
+  <interface name="org.acme.Fan1">
+    <method name="Turn"><arg name="speed" type="u"/><arg name="before" type="u" direction="out"/></method>
+    <method name="Later"><annotation name="mwl.Typed.Deferred" value="true"/><arg name="reply" type="s"/></method>
+    <method name="Files"><arg name="file" type="h"/></method>
+    <property name="Speed" type="u" access="readwrite"/>
+    <property name="Label" type="s" access="readwrite"/>
+    <property name="File" type="h" access="read"/>
+    <signal name="Stalled"/>
+  </interface>
+  <interface name="org.acme.Light1"><property name="mSpeed" type="as" access="readwrite"/></interface>
+</node>
+XML
+must "written from XML" new --interface "$work/fan.xml" --open xml-fan "$work/xml-fan"
+must "configured: from XML" cmake -S "$work/xml-fan" -B "$work/xml-fan/build" -DCMAKE_PREFIX_PATH="$work/prefix" \
+    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS=-Werror
+must "built without a warning: from XML" cmake --build "$work/xml-fan/build"
+must "its tests pass: from XML" ctest --test-dir "$work/xml-fan/build" --output-on-failure --no-tests=error
+"$work/xml-fan/build/xml-fan-test" --gtest_list_tests | grep -q HasItsInterfaces || fail "from XML: its interfaces are not tested"
+sed -i 's/type="u" access/type="uu" access/' "$work/fan.xml"
+is=$(new --interface "$work/fan.xml" xml-fan "$work/refused" 2>&1)
+[ $? -eq 1 ] && [[ $is == "$work/fan.xml:6: org.acme.Fan1.Speed: "*"tern-new-extension: $work/fan.xml cannot be used" ]] &&
+    [ ! -e "$work/refused" ] && ok "refused: XML with a mistake" || fail "XML with a mistake: $is"
 
 must "the project is installed" env DESTDIR="$work/root" cmake --install "$project/build" --prefix /usr
 for file in libexec/$name lib/systemd/system/$name.service lib/sysusers.d/$name.conf share/dbus-1/system.d/$bus.conf \

@@ -95,13 +95,15 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
     content libtern-dbus-service0 $so_files
     content libtern-dbus-typed0 $lib/libtern-dbus-typed.so.0 $lib/libtern-dbus-typed.so.${version%-*}
     content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
-        $lib/libtern-test-support.a $lib/pkgconfig/libtern-test-support.pc usr/bin/tern-new-extension \
-        usr/share/libtern-dbus-service/extension/CMakeLists.txt.in usr/share/man/man1/tern-new-extension.1.gz usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
+        $lib/libtern-test-support.a $lib/pkgconfig/libtern-test-support.pc usr/bin/tern-{new-extension,dbus-codegen} \
+        usr/share/libtern-dbus-service/extension/CMakeLists.txt.in usr/share/man/man1/tern-{new-extension,dbus-codegen}.1.gz \
+        usr/share/libtern-dbus-service/tern-dbus-codegen $lib/cmake/TernDBusService/TernGenerate.cmake usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
     content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/{packaging,tutorial}.md} \
         usr/share/doc/libtern-dbus-service-doc/reference/{index,files}.html \
         usr/share/doc/libtern-dbus-service-doc/examples/tutorial/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp} \
-        usr/share/doc/libtern-dbus-service-doc/examples/type-gallery/{CMakeLists.txt,main.cpp}
+        usr/share/doc/libtern-dbus-service-doc/examples/type-gallery/{CMakeLists.txt,main.cpp} \
+        usr/share/doc/libtern-dbus-service-doc/examples/hostname-client/{CMakeLists.txt,hostname1.xml,main.cpp}
     content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl \
         usr/share/man/man1/thermostatctl.1.gz usr/share/man/man8/tern-thermostat.8.gz usr/share/dbus-1/system.d/com.example.Thermostat.conf \
         usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \

@@ -34,6 +34,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 #include <tuple>
@@ -283,14 +284,39 @@ template <const auto&... M>
 constexpr bool AreDifferent() {
     const std::array<std::pair<Kind, std::string_view>, sizeof...(M)> all{{{MemberType<M>::KIND, M.name}...}};
     for (std::size_t i = 0; i < all.size(); ++i) {
+        const std::string_view name = all[i].second;
         for (std::size_t j = 0; j < i; ++j) {
-            if (all[i] == all[j]) {
+            // Most names differ in their length already; compilers count every step.
+            if (all[j].second.size() == name.size() && all[j].second == name &&
+                all[j].first == all[i].first) {
                 return false;
             }
         }
     }
     return true;
 }
+
+// Instead of fold expressions over the members of a contract, which clang takes of 256 at most.
+constexpr std::size_t CountTrue(std::initializer_list<bool> values) {
+    std::size_t count = 0;
+    for (const bool value : values) {
+        count += value ? 1U : 0U;
+    }
+    return count;
+}
+constexpr bool AreAll(std::initializer_list<bool> values) {
+    return CountTrue(values) == values.size();
+}
+
+/// Different types as bases, so that one of hundreds is found by one conversion instead of by comparing each.
+template <std::size_t I, class T>
+struct Slot {};
+template <class Indices, class... T>
+struct SlotsOf;
+template <std::size_t... I, class... T>
+struct SlotsOf<std::index_sequence<I...>, T...> : Slot<I, T>... {};
+template <class... T>
+using Slots = SlotsOf<std::make_index_sequence<sizeof...(T)>, T...>;
 
 constexpr int CountOf(Flags flags, Flags a, Flags b, Flags c) {
     return int{flags.Has(a)} + int{flags.Has(b)} + int{flags.Has(c)};
@@ -354,10 +380,9 @@ struct Members {
     /// How many there are.
     static constexpr std::size_t COUNT = sizeof...(M);
     /// How many properties announce their changes.
-    static constexpr std::size_t ANNOUNCED =
-        (std::size_t{0} + ... + std::size_t{M.flags.Has(EMITS | INVALIDATES)});
+    static constexpr std::size_t ANNOUNCED = Detail::CountTrue({M.flags.Has(EMITS | INVALIDATES)...});
 
-    static_assert((CheckedMember<M>::IsSound() && ...));
+    static_assert(Detail::AreAll({CheckedMember<M>::IsSound()...}));
     static_assert(ANNOUNCED <= 64, "at most 64 properties of an interface announce their changes");
     static_assert(Detail::AreDifferent<M...>(),
                   "two methods, two properties or two signals of a contract have the same name");
@@ -388,20 +413,25 @@ struct CheckedContract {
 
 namespace Detail {
 
+template <const auto& M, std::size_t I>
+void FindTag(const Slot<I, Tag<M>>*);
+
 template <const auto& M, const auto&... All>
 constexpr bool IsIn(Members<All...>) {
-    return (std::is_same_v<Tag<M>, Tag<All>> || ...);
+    return requires(const Slots<Tag<All>...>* slots) {
+        FindTag<M>(slots);
+    };
 }
 
 /// The bit of a property among those of its contract that announce their changes.
 template <const auto& M, const auto&... All>
 constexpr std::uint64_t ChangeBit(Members<All...>) {
+    const bool isIt[] = {std::is_same_v<Tag<M>, Tag<All>>...};
+    const bool isAnnounced[] = {All.flags.Has(EMITS | INVALIDATES)...};
     std::uint64_t bit = 1;
-    const auto isPast = [&bit](bool isIt, bool isAnnounced) {
-        bit <<= !isIt && isAnnounced ? 1U : 0U;
-        return isIt;
-    };
-    static_cast<void>((isPast(std::is_same_v<Tag<M>, Tag<All>>, All.flags.Has(EMITS | INVALIDATES)) || ...));
+    for (std::size_t i = 0; i < sizeof...(All) && !isIt[i]; ++i) {
+        bit <<= isAnnounced[i] ? 1U : 0U;
+    }
     return bit;
 }
 

@@ -368,18 +368,18 @@ private:
     }
 };
 
-/// The binding of the member `M`, or void.
-template <const auto& M, class... B>
-struct BindingOf {
-    using Type = void;
-};
-template <const auto& M, class First, class... B>
-struct BindingOf<M, First, B...> {
-    using Type = typename BindingOf<M, B...>::Type;
-};
-template <const auto& M, auto... F, class... B>
-struct BindingOf<M, Bind<M, F...>, B...> {
-    using Type = Bind<M, F...>;
+template <const auto& M, class B>
+inline constexpr bool IS_BINDING_OF = false;
+template <const auto& M, auto... F>
+inline constexpr bool IS_BINDING_OF<M, Bind<M, F...>> = true;
+
+/// The binding of the member `M`; there is no function when it has none, or two.
+template <const auto& M, std::size_t I, auto... F>
+Bind<M, F...> FindBinding(const Slot<I, Bind<M, F...>>*);
+
+template <const auto& M, class Bound>
+concept BoundOnce = requires(const Bound* bound) {
+    FindBinding<M>(bound);
 };
 
 template <class Self, class Contract, const auto& M, class... B>
@@ -390,38 +390,36 @@ constexpr sd_bus_vtable MakeEntry() {
                 .x = {.signal = {
                           .member = M.name, .signature = MemberType<M>::IN.text, .names = NAMES<M>.data()}}};
     } else {
-        using Binding = typename BindingOf<M, B...>::Type;
-        if constexpr (std::is_void_v<Binding>) {
-            static_cast<void>(Unbound<Self, M>::IS_SOUND);
-            return {};
+        using Bound = Slots<B...>;
+        if constexpr (BoundOnce<M, Bound>) {
+            return Entry<Self, Contract, M,
+                         decltype(FindBinding<M>(static_cast<const Bound*>(nullptr)))>::Make();
         } else {
-            return Entry<Self, Contract, M, Binding>::Make();
+            if constexpr (CountTrue({IS_BINDING_OF<M, B>...}) == 0) {
+                static_cast<void>(Unbound<Self, M>::IS_SOUND);
+            }
+            return {};
         }
     }
 }
 
-template <const auto& M, class B>
-inline constexpr bool IS_BINDING_OF = false;
-template <const auto& M, auto... F>
-inline constexpr bool IS_BINDING_OF<M, Bind<M, F...>> = true;
-
-/// Refuses a binding that is of no use.
-template <class Self, class Contract, class B, class... All>
+/// Refuses a binding that is of no use. `Bound` are the Slots of all.
+template <class Self, class Contract, class B, class Bound>
 struct CheckedBinding {
     static_assert(sizeof(B) == 0, "Bindings are of Bind<member, functions...>");
     static constexpr bool IS_SOUND = true;
 };
-template <class Self, class Contract, const auto& M, auto... F, class... All>
-struct CheckedBinding<Self, Contract, Bind<M, F...>, All...> {
+template <class Self, class Contract, const auto& M, auto... F, class Bound>
+struct CheckedBinding<Self, Contract, Bind<M, F...>, Bound> {
     static_assert(IS_MEMBER_OF<Contract, M>, "what is bound is not a member of this contract");
     static_assert(MemberType<M>::KIND != Kind::Signal, "a signal is not bound: Emit sends it");
-    static_assert((0 + ... + int{IS_BINDING_OF<M, All>}) == 1, "a member of the contract is bound twice");
+    static_assert(BoundOnce<M, Bound>, "a member of the contract is bound twice");
     static constexpr bool IS_SOUND = true;
 };
 
 template <class Self, class Contract, const auto&... M, class... B>
 constexpr std::array<sd_bus_vtable, sizeof...(M) + 2> MakeVtable(Members<M...>, Bindings<B...>) {
-    static_assert((CheckedBinding<Self, Contract, B, B...>::IS_SOUND && ...));
+    static_assert(AreAll({CheckedBinding<Self, Contract, B, Slots<B...>>::IS_SOUND...}));
     return {sd_bus_vtable{.type = _SD_BUS_VTABLE_START,
                           .flags = 0,
                           .x = {.start = {.element_size = sizeof(sd_bus_vtable),

@@ -48,7 +48,7 @@ constexpr bool IsSame(const Member& member) {
 }
 template <class Member, const auto&... M>
 constexpr bool IsAnyOf(const Member& member, Members<M...>) {
-    return (IsSame<M>(member) || ...);
+    return CountTrue({IsSame<M>(member)...}) != 0;
 }
 
 /// A member, of which the compiler has checked that it is one of the contract.

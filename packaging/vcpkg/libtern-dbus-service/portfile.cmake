@@ -13,8 +13,10 @@ vcpkg_fixup_pkgconfig()
 
 # Nothing of these differs between the builds.
 file(REMOVE_RECURSE "${CURRENT_PACKAGES_DIR}/debug/include" "${CURRENT_PACKAGES_DIR}/debug/share")
-# A script for people, which needs no build of its own.
+# Scripts for people, which need no build of their own; the other one is a link to what lies with the data.
 file(MAKE_DIRECTORY "${CURRENT_PACKAGES_DIR}/tools/${PORT}")
 file(RENAME "${CURRENT_PACKAGES_DIR}/bin/tern-new-extension" "${CURRENT_PACKAGES_DIR}/tools/${PORT}/tern-new-extension")
+file(COPY "${CURRENT_PACKAGES_DIR}/share/libtern-dbus-service/tern-dbus-codegen"
+  DESTINATION "${CURRENT_PACKAGES_DIR}/tools/${PORT}")
 file(REMOVE_RECURSE "${CURRENT_PACKAGES_DIR}/bin" "${CURRENT_PACKAGES_DIR}/debug/bin")
 vcpkg_install_copyright(FILE_LIST "${SOURCE_PATH}/packaging/debian/copyright")

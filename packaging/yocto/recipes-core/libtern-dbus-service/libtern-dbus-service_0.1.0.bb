@@ -36,5 +36,5 @@ do_install_ptest() {
 PACKAGES =+ "${PN}-thermostat"
 FILES:${PN}-thermostat = "${libexecdir}/tern-thermostat ${bindir}/thermostatctl ${sysconfdir}/tern-thermostat.ini \
     ${nonarch_libdir}/systemd/system ${nonarch_libdir}/sysusers.d ${datadir}/dbus-1"
-FILES:${PN}-dev += "${bindir}/tern-new-extension ${datadir}/libtern-dbus-service"
-RDEPENDS:${PN}-dev += "bash"
+FILES:${PN}-dev += "${bindir}/tern-new-extension ${bindir}/tern-dbus-codegen ${datadir}/libtern-dbus-service"
+RDEPENDS:${PN}-dev += "bash python3-core python3-xml"

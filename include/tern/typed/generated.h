@@ -1,0 +1,13 @@
+#pragma once
+
+/// What tern-dbus-codegen writes into the headers that it makes, so that a header of another time is told of
+/// instead of being misunderstood. Applications do not need it.
+
+namespace mwl::Typed {
+
+/// Whether headers of this format of tern-dbus-codegen fit this library.
+constexpr bool IsFormatOfGenerator(int format) {
+    return format == 1;
+}
+
+}  // namespace mwl::Typed

@@ -1,0 +1,529 @@
+#!/usr/bin/env python3
+"""The generator alone: what it writes for golden/*.xml, what it refuses and how, and that nothing brings it down.
+
+  codegen_test.py TOOL [unittest's arguments]
+  codegen_test.py TOOL --update     writes golden/ anew; look at the difference before it is committed
+"""
+import contextlib
+import difflib
+import importlib.machinery
+import importlib.util
+import io
+import os
+import pathlib
+import random
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+TOOL = ""
+HERE = pathlib.Path(__file__).resolve().parent
+GOLDEN = HERE / "golden"
+FORMS = ("{}_contract.h", "{}_skeleton.h", "{}_proxy.h", "{}.md")
+# How long one run may take; busy machines and emulators are slow.
+SECONDS = 60
+MOST_MEMORY = 512 << 20
+
+
+def load_tool():
+    """As a module, as starting Python for each of hundreds of texts takes most of the time."""
+    sys.dont_write_bytecode = True
+    loader = importlib.machinery.SourceFileLoader("tern_dbus_codegen", TOOL)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+    loader.exec_module(module)
+    return module
+
+
+def golden_arguments(name):
+    return ["--namespace", f"golden::{name}", str(GOLDEN / f"{name}.xml")]
+
+
+def interface(body, name="com.example.A"):
+    return f'<node>\n<interface name="{name}">\n{body}\n</interface>\n</node>\n'
+
+
+def method(arguments, attributes=""):
+    return interface(f'<method name="M"{attributes}>{arguments}</method>')
+
+
+class Fixture(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.out = self.folder / "out"
+        self.out.mkdir()
+
+    def xml(self, text, name="a.xml"):
+        path = self.folder / name
+        path.write_bytes(text if isinstance(text, bytes) else text.encode())
+        return str(path)
+
+    def run_tool(self, *arguments, **more):
+        """As a program: (status, standard error)."""
+        done = subprocess.run(
+            [sys.executable, TOOL, *map(str, arguments)], capture_output=True, text=True, timeout=SECONDS, **more
+        )
+        return done.returncode, done.stderr
+
+    def run_here(self, *arguments):
+        """As a module of this program: (status, standard error)."""
+        said = io.StringIO()
+        with contextlib.redirect_stderr(said):
+            status = MODULE.run([str(a) for a in arguments])
+        return status, said.getvalue()
+
+    def read(self, name):
+        return (self.out / name).read_text()
+
+    def assert_nothing_written(self):
+        self.assertEqual(list(self.out.iterdir()), [])
+
+    def assert_refused(self, text, message, *options):
+        """`message` stands behind the file's name and a colon: LINE: PLACE: TEXT"""
+        path = self.xml(text)
+        status, said = self.run_here(*options, path, self.out)
+        self.assertEqual(said, f"{path}:{message}\ntern-dbus-codegen: nothing was written\n")
+        self.assertEqual(status, 1)
+        self.assert_nothing_written()
+
+
+class Golden(Fixture):
+    def test_writes_what_it_wrote_before(self):
+        for name in ("room", "names"):
+            status, said = self.run_here(*golden_arguments(name), self.out)
+            self.assertEqual((status, said), (0, ""))
+            for form in FORMS:
+                file = form.format(name)
+                old, new = (GOLDEN / file).read_text(), self.read(file)
+                if old != new:
+                    sys.stdout.writelines(
+                        difflib.unified_diff(old.splitlines(True), new.splitlines(True), f"golden/{file}", "written now")
+                    )
+                self.assertEqual(old, new, f"{file} differs; --update takes what is written now")
+
+    def test_same_input_gives_the_same_bytes_wherever_it_lies_and_whenever(self):
+        first = self.folder / "first"
+        self.assertEqual(self.run_tool(*golden_arguments("room"), first)[0], 0)
+        shutil.copy(GOLDEN / "room.xml", self.folder / "room.xml")
+        environment = {"PATH": os.environ["PATH"], "PYTHONHASHSEED": "7", "LC_ALL": "C", "TZ": "Asia/Tokyo"}
+        status, said = self.run_tool("--namespace", "golden::room", "room.xml", "second", cwd=self.folder, env=environment)
+        self.assertEqual((status, said), (0, ""))
+        for form in FORMS:
+            file = form.format("room")
+            self.assertEqual((first / file).read_bytes(), (self.folder / "second" / file).read_bytes())
+
+    def test_names_no_folder_and_no_date(self):
+        self.run_here(*golden_arguments("room"), self.out)
+        for file in self.out.iterdir():
+            self.assertNotIn(str(GOLDEN), file.read_text())
+            self.assertNotIn(time.strftime("%Y"), file.read_text())
+
+
+class Options(Fixture):
+    def test_writes_only_what_is_asked_for(self):
+        path = self.xml(interface('<method name="M"/>'))
+        for options, files in (
+            (["--server"], ["a_contract.h", "a_skeleton.h"]),
+            (["--client"], ["a_contract.h", "a_proxy.h"]),
+            (["--docs", self.out], ["a.md", "a_contract.h"]),
+            (["--server", "--name", "b"], ["b_contract.h", "b_skeleton.h"]),
+        ):
+            self.assertEqual(self.run_here(*options, path, self.out), (0, ""))
+            self.assertEqual(sorted(f.name for f in self.out.iterdir()), files)
+            for file in self.out.iterdir():
+                file.unlink()
+
+    def test_what_is_not_marked_is_closed_unless_it_is_told_otherwise(self):
+        path = self.xml(interface('<method name="M"/><property name="P" type="u" access="readwrite"/>'))
+        self.run_here("--server", path, self.out)
+        self.assertNotIn("OPEN", self.read("a_contract.h"))
+        self.run_here("--server", "--open", path, self.out)
+        self.assertEqual(self.read("a_contract.h").count("mwl::Typed::OPEN"), 2)
+
+    def test_what_is_marked_counts_whatever_is_told(self):
+        mark = '<annotation name="org.freedesktop.systemd1.Privileged" value="{}"/>'
+        body = "".join(f'<method name="{v}">{mark.format(v)}</method>' for v in ("true", "false"))
+        for options in ([], ["--open"]):
+            self.run_here("--server", *options, self.xml(interface(body)), self.out)
+            self.assertIn('true_{"true", {}, mwl::Typed::Flags{}}', self.read("a_contract.h"))
+            self.assertIn('false_{"false", {}, mwl::Typed::OPEN}', self.read("a_contract.h"))
+
+    def test_takes_one_interface_of_several(self):
+        text = '<node><interface name="a.A"/><interface name="a.B"/><interface name="a.C"/></node>'
+        self.assertEqual(self.run_here("--interface", "a.C", "--interface", "a.A", self.xml(text), self.out), (0, ""))
+        self.assertIn("struct A {", self.read("a_contract.h"))
+        self.assertNotIn("struct B {", self.read("a_contract.h"))
+        self.assertIn("struct C {", self.read("a_contract.h"))
+
+    def test_names_the_files_after_the_xml(self):
+        path = self.xml(interface(""), "com.Example-Room.xml")
+        self.assertEqual(self.run_here("--server", path, self.out), (0, ""))
+        self.assertTrue((self.out / "com_example_room_contract.h").exists())
+
+    def test_wrong_use_is_status_2_with_nothing_written(self):
+        path = self.xml(interface(""))
+        for arguments in (
+            [],
+            [path, self.out, "more"],
+            ["--colour", path],
+            ["--name", "../a", path, self.out],
+            ["--name", "", path, self.out],
+            ["--namespace", "a::", path, self.out],
+            ["--namespace", "a::class", path, self.out],
+            ["--namespace", "std", path, self.out],
+            ["--namespace", "a b", path, self.out],
+            ["--user", path, self.out],
+            ["--address", "unix:path=/x", path, self.out],
+            ["--from-bus", "a.b"],
+            ["--from-bus", "", "/", self.out],
+            ["--from-bus", "a.b", "/", "--user", "--address", "unix:path=/x", self.out],
+        ):
+            with self.subTest(arguments=arguments[:2]), contextlib.redirect_stderr(io.StringIO()) as said:
+                with self.assertRaises(SystemExit) as ended:
+                    MODULE.run([str(a) for a in arguments])
+                self.assertEqual(ended.exception.code, 2)
+                self.assertIn("tern-dbus-codegen: error: ", said.getvalue())
+                self.assert_nothing_written()
+
+    def test_helps(self):
+        done = subprocess.run([sys.executable, TOOL, "--help"], capture_output=True, text=True, timeout=SECONDS)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        for option in ("--server", "--client", "--docs", "--open", "--from-bus", "--namespace", "--entities"):
+            self.assertIn(option, done.stdout)
+
+
+ANNOTATION = '<annotation name="{}" value="{}"/>'
+DEEP = "a" * 33 + "u"
+MISTAKES = (
+    # No XML, or another one.
+    ("", "1: no XML: no element found, at column 1"),
+    ("<node>\n<interface></node>", "2: no XML: mismatched tag, at column 14"),
+    ('<?xml version="1.0" encoding="martian"?><node/>', "1: no XML: unknown encoding: martian"),
+    (b"<node>\n\xff</node>", "2: no XML: not well-formed (invalid token), at column 1"),
+    ("<svg/>", "1: the outermost element is 'svg', not 'node'"),
+    ("<node/>", "1: there is no interface to generate from"),
+    ('<node><interface name="org.freedesktop.DBus.Peer"/></node>', "1: there is no interface to generate from"),
+    # Elements and attributes.
+    (interface("\n<methd name='M'/>"), "4: the element 'methd' is unknown in 'interface'"),
+    ('<node><method name="M"/></node>', "1: the element 'method' is unknown in 'node'"),
+    (method("\n<arg typ='u' type='u'/>"), "4: the attribute 'typ' of 'arg' is unknown"),
+    # Names.
+    (interface("", "com"), "2: com: an interface's name has two or more parts with dots between them, each of letters, "
+     "digits and '_', not beginning with a digit, and 255 characters at most"),
+    (interface("", "a.b-c"), "2: a.b-c: an interface's name has two or more parts with dots between them, each of letters, "
+     "digits and '_', not beginning with a digit, and 255 characters at most"),
+    ('<node><interface name="a.A"/>\n<interface name="a.A"/></node>', "2: a.A: the interface is there twice, first in line 1"),
+    (interface("<method/>"), "3: com.example.A: there is no name"),
+    (interface('<method name="1"/>'), "3: com.example.A.1: a member's name is of letters, digits and '_', does not begin "
+     "with a digit and has 255 characters at most"),
+    (interface('<signal name="a.b"/>'), "3: com.example.A.a.b: a member's name is of letters, digits and '_', does not "
+     "begin with a digit and has 255 characters at most"),
+    (interface('<method name="M"/>\n<method name="M"/>'), "4: com.example.A.M: the method is there twice, first in line 3"),
+    (interface('<signal name="M"/><signal name="M"/>'), "3: com.example.A.M: the signal is there twice, first in line 3"),
+    (method("<arg name='a b' type='u'/>"), "3: com.example.A.M: the argument 'a b': its name is not of letters, digits, "
+     "'_', '-' and '.'"),
+    # Types.
+    (method("<arg/>"), "3: com.example.A.M: the argument number 1: there is no type"),
+    (method("\n<arg type='u'/>\n<arg type='uu'/>"), "5: com.example.A.M: the argument number 2: the signature 'uu' is of "
+     "several types; one is wanted"),
+    (method("<arg name='x' type='k'/>"), "3: com.example.A.M: the argument 'x': the signature 'k' has 'k', which is no type"),
+    (method("<arg type='a'/>"), "3: com.example.A.M: the argument number 1: the signature 'a' ends in the middle of a type"),
+    (method("<arg type='(s'/>"), "3: com.example.A.M: the argument number 1: the signature '(s' ends in the middle of a type"),
+    (method("<arg type='()'/>"), "3: com.example.A.M: the argument number 1: the signature '()' has an empty structure"),
+    (method("<arg type='a{vs}'/>"), "3: com.example.A.M: the argument number 1: the signature 'a{vs}' has a dictionary "
+     "whose key is no basic type"),
+    (method("<arg type='a{hs}'/>"), "3: com.example.A.M: the argument number 1: the signature 'a{hs}' has a dictionary "
+     "whose key is a file descriptor"),
+    (method("<arg type='a{sss}'/>"), "3: com.example.A.M: the argument number 1: the signature 'a{sss}' has a dictionary "
+     "without its '}' behind one value"),
+    (method("<arg type='{ss}'/>"), "3: com.example.A.M: the argument number 1: the signature '{ss}' has '{', which is no type"),
+    (method(f"<arg type='{DEEP}'/>"), f"3: com.example.A.M: the argument number 1: the signature '{DEEP}' has more than 32 "
+     "of 'a' inside each other"),
+    (method(f"<arg type='({'u' * 254})'/>"), f"3: com.example.A.M: the argument number 1: the signature '({'u' * 59}...' "
+     "has more than 255 characters"),
+    (method("<arg type='(%s)'/>" % ("u" * 253) + "<arg type='u'/>"), "3: com.example.A.M: the types of the arguments "
+     "together have more than 255 characters"),
+    (method(ANNOTATION.format("mwl.Typed.Type", "x").join(("<arg type='u'>", "</arg>")).replace('"x"', '"x; y"')),
+     "3: com.example.A.M: the argument number 1: the annotation 'mwl.Typed.Type' says 'x; y', which is no C++ type"),
+    (interface(ANNOTATION.format("mwl.Typed.Include", "a.h \\b")), "2: com.example.A: the annotation 'mwl.Typed.Include' has "
+     "'\\b', which is no header's name"),
+    # Directions, access.
+    (method("<arg type='u' direction='sideways'/>"), "3: com.example.A.M: the argument number 1: its direction is "
+     "'sideways', not in or out"),
+    (interface("<signal name='S'><arg name='x' type='u' direction='in'/></signal>"), "3: com.example.A.S: the argument 'x': "
+     "its direction is 'in', and it is of a signal"),
+    (interface("<property name='P' type='u'/>"), "3: com.example.A.P: the property's access is '', not read or readwrite"),
+    (interface("<property name='P' type='u' access='write'/>"), "3: com.example.A.P: the property can be written and not "
+     "be read, which sd-bus has not"),
+    (interface("<property name='P' access='read'/>"), "3: com.example.A.P: there is no type"),
+    # Annotations.
+    (method(ANNOTATION.format("org.freedesktop.DBus.Deprecated", "yes")), "3: com.example.A.M: the annotation "
+     "'org.freedesktop.DBus.Deprecated' says 'yes', not true or false"),
+    (method(ANNOTATION.format("mwl.Typed.Sensitiv", "true")), "3: com.example.A.M: the annotation 'mwl.Typed.Sensitiv' is "
+     "unknown"),
+    (method("<annotation value='true'/>"), "3: com.example.A.M: an annotation has no name"),
+    (method(2 * ("\n" + ANNOTATION.format("mwl.Typed.Deferred", "true"))), "5: com.example.A.M: the annotation "
+     "'mwl.Typed.Deferred' is there twice"),
+    (interface(f"<property name='P' type='u' access='read'>{ANNOTATION.format('mwl.Typed.Deferred', 'true')}</property>"),
+     "3: com.example.A.P: the annotation 'mwl.Typed.Deferred' has no meaning for the element 'property'"),
+    (method("<arg type='u' direction='out'/>" + ANNOTATION.format("org.freedesktop.DBus.Method.NoReply", "true")),
+     "3: com.example.A.M: the method has a result, and nobody expects a reply"),
+    (interface("<property name='P' type='u' access='read'>" + ANNOTATION.format("org.freedesktop.systemd1.Explicit", "true")
+               + "</property>"), "3: com.example.A.P: the property is not sent unasked, and its changes are: "
+     "'org.freedesktop.DBus.Property.EmitsChangedSignal' says true"),
+    (interface("<property name='P' type='u' access='readwrite'>" + ANNOTATION.format(
+        "org.freedesktop.DBus.Property.EmitsChangedSignal", "const") + "</property>"), "3: com.example.A.P: the property can "
+     "be written, and 'org.freedesktop.DBus.Property.EmitsChangedSignal' says const"),
+    (interface("".join(f"<property name='P{i}' type='u' access='read'/>" for i in range(65))), "2: com.example.A: more than "
+     "64 properties announce their changes"),
+    # Entities.
+    ('<!DOCTYPE node [\n<!ENTITY a "b">]>\n<node/>', "2: the entity 'a' is declared; --entities takes those that are short "
+     "plain texts"),
+    # What a message shows of a text is short and on one line.
+    (f'<node><interface name="a.A"><property name="P" type="u" access="{"x" * 100}"/></interface></node>',
+     f"1: a.A.P: the property's access is '{'x' * 60}...', not read or readwrite"),
+)
+
+
+class Mistakes(Fixture):
+    def test_each_is_told_with_line_interface_and_member(self):
+        for text, message in MISTAKES:
+            with self.subTest(message=message):
+                self.assert_refused(text, message)
+
+    def test_all_of_a_file_are_told_at_once(self):
+        path = self.xml(interface("<method name='1'/>\n<signal name='S'><arg type='z'/></signal>\n<method name='M'/>"))
+        status, said = self.run_here(path, self.out)
+        self.assertEqual(status, 1)
+        self.assertEqual([line.split(": ")[:2] for line in said.splitlines()[:-1]],
+                         [[f"{path}:3", "com.example.A.1"], [f"{path}:4", "com.example.A.S"]])
+
+    def test_of_very_many_the_first_ones_are_told(self):
+        path = self.xml(interface("\n".join(f"<method name='{i}'/>" for i in range(500))))
+        status, said = self.run_here(path, self.out)
+        self.assertEqual((status, len(said.splitlines())), (1, 22))
+        self.assertIn("and 480 mistakes more\n", said)
+
+    def test_an_interface_that_is_asked_for_and_not_there(self):
+        self.assert_refused(interface(""), "1: com.example.B: the interface is not there", "--interface", "com.example.B")
+
+    def test_entities_that_grow_are_refused_also_where_some_are_taken(self):
+        declared = '<!DOCTYPE node [\n<!ENTITY a "{}">\n<!ENTITY b "&a;&a;">]>\n<node/>'
+        self.assert_refused(declared.format("b"), "3: the entity 'b' is not a plain text of at most 128 characters", "--entities")
+        self.assert_refused(declared.format("b" * 129), "2: the entity 'a' is not a plain text of at most 128 characters",
+                            "--entities")
+        self.assert_refused('<!DOCTYPE node [<!ENTITY a SYSTEM "/etc/passwd">]><node/>',
+                            "1: the entity 'a' is not a plain text of at most 128 characters", "--entities")
+        self.assert_refused('<!DOCTYPE node [<!ENTITY % a "b">]><node/>',
+                            "1: the entity 'a' is not a plain text of at most 128 characters", "--entities")
+        many = "".join(f'<!ENTITY a{i} "b">' for i in range(17))
+        self.assert_refused(f"<!DOCTYPE node [{many}]><node/>", "1: more than 16 entities are declared", "--entities")
+
+    def test_plain_entities_are_taken_where_they_are_allowed(self):
+        text = '<!DOCTYPE node [<!ENTITY name "Boost">]>' + interface('<method name="&name;"/>')
+        self.assertEqual(self.run_here("--entities", self.xml(text), self.out), (0, ""))
+        self.assertIn('"Boost"', self.read("a_contract.h"))
+
+    def test_nothing_outside_the_file_is_read(self):
+        (self.folder / "other.dtd").write_text('<!ENTITY name "Boost">')
+        text = f'<!DOCTYPE node SYSTEM "{self.folder}/other.dtd">' + interface('<method name="M&name;"/>')
+        self.assertEqual(self.run_here(self.xml(text), self.out), (0, ""))
+        self.assertNotIn("Boost", self.read("a_contract.h"))
+
+
+class Files(Fixture):
+    def test_what_cannot_be_read_is_told(self):
+        for path, why in ((self.folder / "none.xml", "No such file or directory"), (self.folder, "Is a directory")):
+            status, said = self.run_here(path, self.out)
+            self.assertEqual((status, said), (1, f"tern-dbus-codegen: {path} cannot be read: {why}; nothing was written\n"))
+        self.assert_nothing_written()
+
+    def test_all_are_written_or_none(self):
+        (self.out / "a_skeleton.h").mkdir()
+        path = self.xml(interface('<method name="M"/>'))
+        status, said = self.run_here(path, self.out)
+        self.assertEqual(
+            (status, said), (1, f"tern-dbus-codegen: {self.out}/a_skeleton.h is a folder; nothing was written\n")
+        )
+        self.assertEqual([f.name for f in self.out.iterdir()], ["a_skeleton.h"])
+
+    def test_a_mistake_leaves_what_was_written_before(self):
+        self.run_here(self.xml(interface('<method name="M"/>')), self.out)
+        before = {f.name: f.read_bytes() for f in self.out.iterdir()}
+        self.assertEqual(self.run_here(self.xml(interface('<method name="1"/>')), self.out)[0], 1)
+        self.assertEqual({f.name: f.read_bytes() for f in self.out.iterdir()}, before)
+
+    def test_a_full_disk_leaves_nothing(self):
+        # The limit stands in for it: the signal is ignored, so writing fails.
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (512, 512))
+
+        status, said = self.run_tool("--server", self.xml(interface('<method name="M"/>')), self.out, preexec_fn=limit)
+        self.assertEqual(status, 1)
+        self.assertRegex(said, r"^tern-dbus-codegen: .* cannot be written: File too large; nothing was written\n$")
+        self.assert_nothing_written()
+
+    def test_a_file_where_the_folder_should_be(self):
+        (self.folder / "file").write_text("")
+        status, said = self.run_here(self.xml(interface("")), self.folder / "file")
+        self.assertEqual(status, 1)
+        self.assertRegex(said, r"^tern-dbus-codegen: .*/file cannot be written: File exists; nothing was written\n$")
+
+
+class Bus(Fixture):
+    """The message bus itself is the service that is asked."""
+
+    def setUp(self):
+        super().setUp()
+        if shutil.which("dbus-daemon") is None or shutil.which("busctl") is None:
+            self.skipTest("no dbus-daemon, or no busctl")
+        self.address = f"unix:path={self.folder}/bus"
+        config = self.xml(
+            f'<busconfig><listen>{self.address}</listen><policy context="default"><allow user="*"/><allow own="*"/>'
+            '<allow send_type="method_call"/><allow receive_type="*"/></policy></busconfig>', "bus.conf")
+        read, write = os.pipe()
+        self.bus = subprocess.Popen(["dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
+                                     f"--print-address={write}"], pass_fds=[write])
+        self.addCleanup(self.bus.wait)
+        self.addCleanup(self.bus.kill)
+        os.close(write)
+        with os.fdopen(read) as started:
+            self.assertIn(self.address, started.readline())
+
+    def from_bus(self, *arguments, **more):
+        return self.run_tool("--from-bus", *arguments, "--address", self.address, self.out, **more)
+
+    def test_asks_a_running_service(self):
+        status, said = self.from_bus("org.freedesktop.DBus", "/org/freedesktop/DBus")
+        self.assertEqual((status, said), (0, ""))
+        self.assertIn("struct DBus {", self.read("dbus_contract.h"))
+        self.assertIn("> ListNames{", self.read("dbus_contract.h"))
+        self.assertIn("from org.freedesktop.DBus /org/freedesktop/DBus;", self.read("dbus_contract.h"))
+
+    def test_a_service_that_is_not_there_is_told(self):
+        status, said = self.from_bus("com.example.Nobody", "/")
+        self.assertEqual(status, 1)
+        self.assertRegex(said, "^tern-dbus-codegen: com.example.Nobody / cannot be asked: .*; nothing was written\n$")
+        self.assert_nothing_written()
+
+    def test_without_busctl_it_says_what_is_missing(self):
+        status, said = self.from_bus("org.freedesktop.DBus", "/", env={"PATH": str(self.folder)})
+        self.assertEqual(
+            (status, said),
+            (1, "tern-dbus-codegen: --from-bus needs busctl, which is in the package systemd; nothing was written\n"),
+        )
+
+
+class Hostile(Fixture):
+    def limited(self, text, *options):
+        """As a program with little memory: (status, standard error)."""
+        path = self.xml(text, "huge.xml")
+        return self.run_tool(
+            *options, path, self.out, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+        )
+
+    def assert_limited(self, text, message, *options):
+        status, said = self.limited(text, *options)
+        self.assertEqual((status, said.splitlines()[-1]), (1, "tern-dbus-codegen: nothing was written"), said[-2000:])
+        self.assertIn(message, said)
+        self.assert_nothing_written()
+
+    def test_a_huge_file_is_refused(self):
+        self.assert_limited("<node>" + " " * (1 << 20), ":1: the XML has more than 1048576 bytes")
+        self.assert_limited("<node>" + "<node/>" * 70000 + "</node>", ":1: more than 65536 elements")
+
+    def test_an_endless_file_is_refused(self):
+        status, said = self.run_tool("/dev/zero", "--name", "zero", self.out)
+        self.assertEqual((status, said), (1, "/dev/zero:1: the XML has more than 1048576 bytes\ntern-dbus-codegen: nothing was written\n"))
+
+    def test_the_largest_that_is_allowed_is_read(self):
+        body = "".join(f"<method name='M{i}'><arg type='a{{sv}}'/></method>" for i in range(18000))
+        text = interface(body)
+        self.assertLess(len(text), 1 << 20)
+        self.assertEqual(self.limited(text), (0, ""))
+
+    def test_elements_deep_inside_each_other_are_refused(self):
+        self.assert_limited("<node>" * 33 + "</node>" * 33, ":1: more than 32 elements inside each other")
+        self.assert_limited("<node>" + "<d:d>" * 100000, ":1: more than 32 elements inside each other")
+
+    def test_attributes_in_great_number_are_refused(self):
+        attributes = " ".join(f"a{i}=''" for i in range(60000))
+        self.assert_limited(f"<node {attributes}/>", "mistakes more")
+
+    def test_entities_do_not_grow(self):
+        laughs = '<!DOCTYPE node [<!ENTITY a0 "ha">' + "".join(
+            f'<!ENTITY a{i} "{f"&a{i - 1};" * 10}">' for i in range(1, 12)) + "]><node><interface name='&a11;'/></node>"
+        self.assert_limited(laughs, ":1: the entity 'a0' is declared")
+        self.assert_limited(laughs, ":1: the entity 'a1' is not a plain text", "--entities")
+        long = f'<!DOCTYPE node [<!ENTITY a "{"h" * 128}">]><node><interface name="' + "&a;" * 340000 + '"/></node>'
+        self.assert_limited(long, "an interface's name has", "--entities")
+
+    def test_a_signature_as_deep_as_it_gets(self):
+        self.assert_limited(method(f"<arg type='{'(' * 200000}'/>"), "has more than 255 characters")
+        self.assert_limited(method(f"<arg type='{'(' * 255}'/>"), "has more than 32 of '(' inside each other")
+
+    def test_whatever_is_changed_ends_in_order(self):
+        """No exception, one of two exit statuses, and files only with the right one."""
+        texts = [(GOLDEN / f"{name}.xml").read_bytes() for name in ("room", "names")]
+        words = [b"<", b">", b'"', b"/>", b"&", b"&#0;", b"&#xD800;", b"]]>", b"<!--", b"<!DOCTYPE node [", b"<![CDATA[",
+                 b"<?xml version='1.0' encoding='utf-16'?>", b"\xff\xfe", b"\x00", b"a{sv}", b"((((", b"name=''", b"\xc3",
+                 b"<interface name='a.b'>", b"</interface>", b"<arg type='", "\u202e\u00ad\ufeff".encode(), b"\\", b"??/"]
+        seed = int(os.environ.get("TERN_SEED", time.time_ns() % 1000000))
+        print(f"TERN_SEED={seed}")
+        chance = random.Random(seed)
+        counts = {0: 0, 1: 0}
+        for number in range(int(os.environ.get("TERN_ROUNDS", 400))):
+            data = bytearray(chance.choice(texts))
+            for _ in range(chance.choice((1, 1, 2, 5, 40))):
+                at = chance.randrange(len(data) + 1)
+                what = chance.randrange(5)
+                if what == 0:
+                    data[at:at] = chance.choice(words)
+                elif what == 1:
+                    del data[at : at + chance.choice((1, 2, 10, 500))]
+                elif what == 2 and at < len(data):
+                    data[at] = chance.randrange(256)
+                elif what == 3:
+                    other = chance.choice(texts)
+                    begin = chance.randrange(len(other))
+                    data[at:at] = other[begin : begin + chance.randrange(300)]
+                else:
+                    data[at:at] = data[at : at + chance.randrange(50)] * chance.choice((1, 3, 30))
+            path = self.xml(bytes(data))
+            began = time.monotonic()
+            try:
+                status, said = self.run_here(*chance.choice(([], ["--open"], ["--entities"])), path, self.out)
+            except Exception:
+                print(f"round {number}: {bytes(data)!r}")
+                raise
+            self.assertLess(time.monotonic() - began, SECONDS)
+            self.assertIn(status, (0, 1))
+            counts[status] += 1
+            files = sorted(f.name for f in self.out.iterdir())
+            self.assertEqual(files, sorted(form.format("a") for form in FORMS) if status == 0 else [], said)
+            self.assertEqual(bool(said), status == 1)
+            for file in self.out.iterdir():
+                file.unlink()
+        print(f"{counts[0]} of the texts were still right, {counts[1]} were refused")
+        self.assertGreater(counts[1], 0)
+
+
+def update():
+    for name in ("room", "names"):
+        if MODULE.run([*golden_arguments(name), str(GOLDEN)]) != 0:
+            return 1
+    return 0
+
+
+if __name__ == "__main__":
+    TOOL = os.path.abspath(sys.argv.pop(1))
+    MODULE = load_tool()
+    if sys.argv[1:] == ["--update"]:
+        sys.exit(update())
+    unittest.main(verbosity=2)
