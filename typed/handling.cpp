@@ -3,12 +3,14 @@
 #include <tern/typed/handling.h>
 #include <tern/typed/interface_base.h>
 #include <tern/typed/reply.h>
+#include <tern/typed/task.h>
 
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
@@ -16,6 +18,7 @@
 #include "service/thrown.h"
 #include "typed/interface_state.h"
 #include "typed/reading.h"
+#include "typed/reply_state.h"
 
 namespace mwl::Typed {
 
@@ -171,6 +174,34 @@ std::uint64_t Handling::Defer(std::shared_ptr<ReplyState>& state) noexcept {
 
 void Handling::MarkChanged(std::uint64_t properties) noexcept {
     mInterface.MarkChanged(properties);
+}
+
+void Handling::Keep(Task<void>&& task) noexcept {
+    mInterface.mState->tasks.Add(std::move(task));
+}
+
+template <class Refusal>
+void Handling::AnswerLater(ReplyToken& reply, InterfaceBase& interface, Refusal refuse) noexcept {
+    sd_bus_message* const call = reply.mId != 0 ? reply.mState->calls.Find(reply.mId) : nullptr;
+    if (call == nullptr) {
+        return;
+    }
+    sd_bus_error error{};
+    Handling handling(Of::Method, call, &interface, &error, "");
+    static_cast<void>(refuse(handling));
+    // Without a name there was no memory for one.
+    reply.mState->SendError(reply.mState->Take(std::exchange(reply.mId, 0)),
+                            error.name != nullptr ? error.name : SD_BUS_ERROR_NO_MEMORY,
+                            error.name != nullptr ? error.message : "out of memory");
+    sd_bus_error_free(&error);
+}
+
+void Handling::RefuseLater(ReplyToken& reply, InterfaceBase& interface, const Error& error) noexcept {
+    AnswerLater(reply, interface, [&](Handling& handling) { return handling.Refuse(error); });
+}
+
+void Handling::RefuseExceptionLater(ReplyToken& reply, InterfaceBase& interface) noexcept {
+    AnswerLater(reply, interface, [](Handling& handling) { return handling.RefuseException(); });
 }
 
 int Handling::RefuseException() noexcept {

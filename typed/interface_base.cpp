@@ -40,6 +40,7 @@ void InterfaceBase::Attach(Attachment& attachment, std::string path) {
 void InterfaceBase::Detach() noexcept {
     mState->attachment = nullptr;
     mState->path.clear();
+    mState->tasks.Clear();
     mState->changes = 0;
 }
 

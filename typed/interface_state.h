@@ -1,6 +1,7 @@
 #pragma once
 
 #include <tern/typed/interface_base.h>
+#include <tern/typed/task_set.h>
 
 #include <cstdint>
 
@@ -14,6 +15,8 @@ struct InterfaceBase::State {
     std::string path;
     /// A bit for each property that announces its changes and has changed, by its number among them.
     std::uint64_t changes = 0;
+    /// Which answer calls of this interface.
+    TaskSet tasks;
     bool hasLoggedThatItIsAlone = false;
     LogLimit failures;  ///< of the service
     LogLimit refusals;  ///< for a reason that the caller is told

@@ -40,6 +40,11 @@ PendingCalls::Call PendingCalls::Take(std::uint64_t id) noexcept {
     return taken.empty() ? Call() : std::move(taken.mapped());
 }
 
+sd_bus_message* PendingCalls::Find(std::uint64_t id) const noexcept {
+    const auto found = mCalls.find(id);
+    return found != mCalls.end() ? found->second.message.get() : nullptr;
+}
+
 Dispatcher::Place PendingCalls::TakePlace(std::uint64_t id) noexcept {
     const Lock lock(mMutex);
     const auto found = mCalls.find(id);

@@ -36,6 +36,8 @@ public:
     std::uint64_t Add(sd_bus_message* call, sd_bus_error* error) noexcept;
     /// The call, which is no longer open. Without a message: answered already, or closed.
     Call Take(std::uint64_t id) noexcept;
+    /// The message of an open call, borrowed; null for others.
+    sd_bus_message* Find(std::uint64_t id) const noexcept;
     /// The place by which the answer of the call is posted; the first who asks gets it.
     Dispatcher::Place TakePlace(std::uint64_t id) noexcept;
     /// Whether the call is open and its answer wanted.

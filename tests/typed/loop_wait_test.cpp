@@ -38,6 +38,7 @@ namespace mwl::Typed {
 namespace {
 
 using tern::test::FaultScope;
+using tern::test::Foreign;
 using tern::test::LogCapture;
 using tern::test::TaskBus;
 using testing::ElementsAre;
@@ -194,21 +195,12 @@ TEST_F(SleepTest, TellsWhyItCannotWait) {
     EXPECT_EQ(notes.size(), 1U);
 }
 
-TEST_F(SleepTest, CostsAGivenCoroutineOfAnotherKindNothing) {
-    struct Foreign {
-        struct promise_type {
-            Foreign get_return_object() noexcept { return {}; }
-            std::suspend_never initial_suspend() noexcept { return {}; }
-            std::suspend_never final_suspend() noexcept { return {}; }
-            void return_void() noexcept {}
-            void unhandled_exception() { throw; }
-        };
-    };
+TEST_F(SleepTest, IsAwaitedByOtherCoroutines) {
     const auto run = [&]() -> Foreign {
         NoteOne(co_await Sleep(mBus, 1ms));
         throw 5;
     };
-    run();
+    const Foreign coroutine = run();
     ASSERT_TRUE(RunUntilNoted());
     EXPECT_THAT(mLog.Entries("Typed"),
                 ElementsAre(tern::test::Critical("Typed", "A coroutine threw int: no text")));

@@ -49,6 +49,28 @@ private:
     bool mIsPassed = false;
 };
 
+/// A coroutine of another kind, which throws at who resumes it.
+class Foreign {
+public:
+    struct promise_type {
+        Foreign get_return_object() noexcept { return Foreign(*this); }
+        std::suspend_never initial_suspend() noexcept { return {}; }
+        std::suspend_always final_suspend() noexcept { return {}; }
+        void return_void() noexcept {}
+        void unhandled_exception() { throw; }
+    };
+
+    ~Foreign() { mHandle.destroy(); }
+    Foreign(const Foreign&) = delete;
+    Foreign& operator=(const Foreign&) = delete;
+
+private:
+    explicit Foreign(promise_type& promise)
+        : mHandle(std::coroutine_handle<promise_type>::from_promise(promise)) {}
+
+    std::coroutine_handle<> mHandle;
+};
+
 /// Counts how often it is made and destroyed; what a frame holds.
 class Witness {
 public:

@@ -24,6 +24,7 @@ namespace {
 
 using tern::test::AllocationCount;
 using tern::test::Critical;
+using tern::test::Foreign;
 using tern::test::Gate;
 using tern::test::LogCapture;
 using tern::test::PrivateBus;
@@ -290,22 +291,11 @@ TEST(Task, AwaitsManyThatAreDoneAtOnce) {
     EXPECT_THAT(notes, ElementsAre(std::to_string(TIMES)));
 }
 
-/// A coroutine of another kind.
-struct Foreign {
-    struct promise_type {
-        Foreign get_return_object() noexcept { return {}; }
-        std::suspend_never initial_suspend() noexcept { return {}; }
-        std::suspend_never final_suspend() noexcept { return {}; }
-        void return_void() noexcept {}
-        void unhandled_exception() { throw; }
-    };
-};
-
 TEST(Task, IsAwaitedByOtherCoroutines) {
     Gate gate;
     int got = 0;
     const auto run = [](Gate& at, int& to) -> Foreign { to = co_await GiveBehind(at, 4); };
-    run(gate, got);
+    const Foreign coroutine = run(gate, got);
     gate.Open();
     EXPECT_EQ(got, 4);
 }
@@ -319,7 +309,7 @@ TEST(Task, WhatAnotherCoroutineThrowsWhereItIsResumedGoesNoFurther) {
         co_await Pass(at);
         throw std::runtime_error("foreign");
     };
-    run(gate);
+    const Foreign coroutine = run(gate);
     gate.Open();
     EXPECT_THAT(log.Entries("Typed"),
                 ElementsAre(Critical("Typed", "A coroutine threw std::runtime_error: foreign")));
@@ -359,6 +349,100 @@ TEST(Task, AwaitsWhateverKeepsTheRules) {
                                       Note(AwaitOne(ThrowsWaiting()), notes), Note(AwaitOne(Free()), notes)};
     EXPECT_THAT(notes, ElementsAre("1", "2", "cannot wait", "1"));
     EXPECT_THAT(log.Entries(), IsEmpty());
+}
+
+// ---- functions without a variable and with a co_await in a condition, which g++ 12.2 lays out wrongly
+
+Task<> PassIf(Gate& gate, int& steps) {
+    if (co_await GiveBehind(gate, 5) == 5) {
+        ++steps;
+    }
+}
+Task<> PassWhile(Gate& gate, Gate& other, int& steps) {
+    while (co_await GiveBehind(steps == 0 ? gate : other, steps) < 2) {
+        ++steps;
+    }
+}
+Task<int> PassBoth(Gate& gate, Gate& other, int& steps) {
+    while (co_await GiveBehind(gate, 0) == 0) {
+        if (co_await GiveBehind(other, 1) == 1) {
+            ++steps;
+            co_return 7;
+        }
+    }
+    co_return 8;
+}
+Task<> ThrowIf(Gate& gate) {
+    if (co_await GiveBehind(gate, 1) == 1) {
+        throw std::runtime_error("if");
+    }
+}
+Task<> HoldIf(Gate& gate, Witness) {
+    if (co_await GiveBehind(gate, 1) == 1) {
+        co_return;
+    }
+}
+struct Conditional {
+    Gate& gate;
+    int steps = 0;
+    Task<> Run() {
+        if (co_await GiveBehind(gate, 1) == 1) {
+            ++steps;
+        }
+    }
+};
+
+TEST(TaskCondition, IsResumedAndGoesOn) {
+    Gate gate;
+    Gate other;
+    int steps = 0;
+    const Task<> task = PassIf(gate, steps);
+    Conditional conditional{gate};
+    gate.Open();
+    EXPECT_EQ(steps, 1);
+    EXPECT_TRUE(task.IsDone());
+    const Task<> member = conditional.Run();
+    EXPECT_EQ(conditional.steps, 1);
+    steps = 0;
+    const Task<> loop = PassWhile(gate, other, steps);
+    EXPECT_FALSE(loop.IsDone());
+    other.Open();
+    EXPECT_TRUE(loop.IsDone());
+    EXPECT_EQ(steps, 2);
+}
+
+TEST(TaskCondition, GivesResultsAndExceptionsAndIsAwaited) {
+    Gate gate;
+    Gate other;
+    Gate third;
+    int steps = 0;
+    std::vector<std::string> notes;
+    const Task<> both = Note(PassBoth(gate, other, steps), notes);
+    const Task<> thrower = Note(ThrowIf(third), notes);
+    gate.Open();
+    EXPECT_THAT(notes, IsEmpty());
+    other.Open();
+    third.Open();
+    EXPECT_THAT(notes, ElementsAre("7", "if"));
+}
+
+TEST(TaskCondition, EndsWhereItWaitsAndWhenItIsDone) {
+    Gate gate;
+    int alive = 0;
+    {
+        const Task<> task = HoldIf(gate, Witness(alive));
+        EXPECT_EQ(alive, 1);
+    }
+    EXPECT_EQ(alive, 0);
+    EXPECT_FALSE(gate.IsAwaited());
+    gate.Open();
+    { const Task<> task = HoldIf(gate, Witness(alive)); }
+    EXPECT_EQ(alive, 0);
+    TaskSet tasks;
+    Gate another;
+    tasks.Add(HoldIf(another, Witness(alive)));
+    another.Open();
+    EXPECT_EQ(alive, 0);
 }
 
 // ---- exceptions

@@ -17,6 +17,8 @@ namespace mwl::Typed {
 class Caller;
 template <class R>
 class Reply;
+template <class R>
+class Task;
 
 namespace Detail {
 
@@ -37,6 +39,18 @@ struct ResultOf<StatusCode> {
     using Value = void;
 };
 
+/// What a coroutine gives in the end, or the type itself.
+template <class R>
+struct ContentOf {
+    static constexpr bool IS_TASK = false;
+    using Type = R;
+};
+template <class R>
+struct ContentOf<Task<R>> {
+    static constexpr bool IS_TASK = true;
+    using Type = R;
+};
+
 /// An argument is taken by value, by const reference or by rvalue reference: it is the handler's.
 template <class A>
 inline constexpr bool IS_TAKEN =
@@ -54,10 +68,13 @@ struct PlainShape {
     static constexpr bool IS_DEFERRED = false;
     static constexpr bool KNOWS_CALLER = false;
     using Result = std::remove_cvref_t<R>;
-    using Value = typename ResultOf<Result>::Value;
+    static constexpr bool IS_TASK = ContentOf<Result>::IS_TASK;
+    using Content = typename ContentOf<Result>::Type;
+    using Value = typename ResultOf<Content>::Value;
     using Arguments = std::tuple<std::remove_cvref_t<A>...>;
     static constexpr std::size_t COUNT = sizeof...(A);
     static constexpr bool TAKES_WELL = (IS_TAKEN<A> && ...);
+    static constexpr bool TAKES_VALUES = !(std::is_reference_v<A> || ...);
     static constexpr bool HAS_ORDER = !(IS_SPECIAL<std::remove_cvref_t<A>> || ...);
     static constexpr bool BORROWS_ARGUMENTS = (BORROWS<std::remove_cvref_t<A>> || ...);
 };

@@ -15,7 +15,10 @@
 namespace mwl::Typed {
 
 class InterfaceBase;
+class ReplyToken;
 struct ReplyState;
+template <class R>
+class Task;
 
 /// One call of a method, or one access to a property, from sd-bus's callback to its answer. What depends on
 /// types is in a body, a function that `Implements` makes for each member; the rest is here, once for all.
@@ -71,6 +74,13 @@ public:
     /// Takes the call over to be answered later. The number for its Reply, or 0: refused. From then on what
     /// the body throws is logged and changes nothing.
     std::uint64_t Defer(std::shared_ptr<ReplyState>& state) noexcept;
+    /// The interface keeps what answers a call that was taken over, and ends it when it leaves the bus.
+    void Keep(Task<void>&& task) noexcept;
+    /// Answers a call that was taken over with the error, and logs as for one that is answered at once; does
+    /// nothing for one that has been answered.
+    static void RefuseLater(ReplyToken& reply, InterfaceBase& interface, const Error& error) noexcept;
+    /// The same with the exception that is handled now.
+    static void RefuseExceptionLater(ReplyToken& reply, InterfaceBase& interface) noexcept;
     /// Notes that properties of the interface have changed, see InterfaceBase.
     void MarkChanged(std::uint64_t properties) noexcept;
     /// What a body returns when it could not take the call over.
@@ -92,6 +102,8 @@ private:
     int RefuseException() noexcept;
     int Set(const char* name, const char* text) noexcept;
     Names GetNames() const noexcept;
+    template <class Refusal>
+    static void AnswerLater(ReplyToken& reply, InterfaceBase& interface, Refusal refuse) noexcept;
     int FailInside(const char* what, int error) noexcept;
     void LogRefusal(int result) noexcept;
 

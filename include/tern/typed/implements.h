@@ -107,6 +107,14 @@ decltype(auto) CallHandler(Handling& call, Self& self, typename S::Arguments& ar
     }
 }
 
+/// What a method that is a coroutine needs besides; in task_handler.h.
+template <class Self, auto F>
+struct TaskHandler;
+template <class Self, auto F>
+concept HasTaskHandler = requires {
+    sizeof(TaskHandler<Self, F>);
+};
+
 /// The body of a method.
 template <class Self, auto F>
 int MethodBody(Handling& call) {
@@ -125,6 +133,13 @@ int MethodBody(Handling& call) {
         }
         CallHandler<F, S>(call, SelfOf<Self>(call), arguments, typename S::ReplyType(std::move(replies), id));
         return Handling::DONE;
+    } else if constexpr (S::IS_TASK) {
+        static_assert(HasTaskHandler<Self, F>,
+                      "a handler that is a Task needs #include <tern/typed/task_handler.h>");
+        if constexpr (HasTaskHandler<Self, F>) {
+            return TaskHandler<Self, F>::Run(call, arguments);
+        }
+        return 0;
     } else if constexpr (std::is_void_v<typename S::Result>) {
         CallHandler<F, S>(call, SelfOf<Self>(call), arguments);
         return 0;
@@ -225,6 +240,16 @@ struct CheckedMethod {
                 !S::IS_DEFERRED || !S::BORROWS_ARGUMENTS,
                 "a handler that takes a Reply owns its arguments: std::string for std::string_view, "
                 "or Borrow<T> when they are not used later");
+            static_assert(!S::IS_TASK || !S::KNOWS_CALLER,
+                          "a handler that is a Task does not take the caller: it goes on when the call has "
+                          "returned");
+            static_assert(
+                !S::IS_TASK || S::TAKES_VALUES,
+                "a handler that is a Task takes its arguments by value: it goes on when the call has "
+                "returned");
+            static_assert(!S::IS_TASK || !S::BORROWS_ARGUMENTS,
+                          "a handler that is a Task owns its arguments: std::string for std::string_view, "
+                          "or Borrow<T> when they are not used later");
         }
         return true;
     }
@@ -251,8 +276,13 @@ struct CheckedGetter {
             static_assert(std::is_invocable_v<Type, Self&>, "a getter takes no arguments");
             if constexpr (std::is_invocable_v<Type, Self&>) {
                 using Result = std::remove_cvref_t<std::invoke_result_t<Type, Self&>>;
-                static_assert(OutArguments<typename ResultOf<Result>::Value>::SIGNATURE == MemberType<M>::IN,
-                              "the type of the getter, or of the data member, is not that of the property");
+                static_assert(!ContentOf<Result>::IS_TASK, "a getter answers at once: it is no Task");
+                if constexpr (!ContentOf<Result>::IS_TASK) {
+                    static_assert(
+                        OutArguments<typename ResultOf<Result>::Value>::SIGNATURE == MemberType<M>::IN,
+                        "the type of the getter, or of the data member, is not that of the property");
+                }
+                return !ContentOf<Result>::IS_TASK;
             }
             return true;
         }
@@ -272,6 +302,7 @@ struct CheckedSetter {
                 TAKES_OBJECT<Type, Self>,
                 "a setter is a member of the class, or takes the object, Self&, as its first parameter");
             static_assert(!S::IS_DEFERRED, "a setter answers at once: it takes no Reply");
+            static_assert(!S::IS_TASK, "a setter answers at once: it is no Task");
             static_assert(S::HAS_ORDER && S::COUNT == 1,
                           "a setter takes the value, and before it, if it likes, const Caller&");
             static_assert(S::TAKES_WELL, "a setter takes the value by value or by const reference");
@@ -463,10 +494,12 @@ struct Vtable {
 /// A method's handler is a member function, or a lambda without captures whose first parameter is `Self&`:
 ///
 ///     R | void | StatusCode | Outcome<R>   f([Reply<R>,] [const Caller&,] A...)
+///     Task<of one of these>                f(A...)
 ///
 /// R is the result, `Results<...>` for several. With a Reply the handler returns void and the answer comes
 /// from the Reply, later and from any thread; its arguments are then its own, not views into the message. The
 /// C++ types may differ from the contract's as long as they are the same on D-Bus.
+/// A handler that is a coroutine answers when it is done, see task_handler.h.
 /// A getter is a data member, or a function without parameters that returns T, a reference to one, or
 /// `Outcome<T>`. A setter takes the value, with `const Caller&` before it if it likes, and returns void,
 /// StatusCode, Outcome<void>, or a bool: whether the value has changed. A setter that succeeds marks its

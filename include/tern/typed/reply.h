@@ -72,6 +72,7 @@ protected:
     void Answer(Writer writer);
 
 private:
+    friend class Handling;
     void Drop() noexcept;
 
     std::shared_ptr<ReplyState> mState;

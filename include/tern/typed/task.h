@@ -37,15 +37,17 @@ public:
     }
     auto final_suspend() noexcept {
         struct End {
+            TaskPromiseBase& promise;
             bool await_ready() const noexcept { return false; }
             // Not inlined, see Awaited.
-            [[gnu::noinline]] void await_suspend(
-                std::coroutine_handle<TaskPromise<R>> handle) const noexcept {
-                static_cast<TaskPromiseBase&>(handle.promise()).Finish();
+            [[gnu::noinline]] void await_suspend(std::coroutine_handle<TaskPromise<R>> given) const noexcept {
+                TaskPromiseBase& ending = promise;
+                static_cast<void>(ending.GetHandle(given));
+                ending.Finish();
             }
             void await_resume() const noexcept {}
         };
-        return End{};
+        return End{*this};
     }
     void unhandled_exception() noexcept { Catch(); }
     template <class A>

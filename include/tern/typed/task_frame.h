@@ -81,6 +81,25 @@ public:
     /// It did not have to wait.
     void GoOn() noexcept;
 
+    /// The handle of the coroutine whose promise this is, which its compiler gives as `given`.
+    ///
+    /// g++ up to 12.2 lays out the frame of some functions so that its own handle does not point to where the
+    /// frame can be resumed and destroyed by, but a pointer before it: of functions that have a co_await in a
+    /// condition and no variable in their outermost block. The promise leads to the right place, yet the
+    /// coroutine wants to be given the other one. So functions are put there that do that.
+    template <class Promise>
+    std::coroutine_handle<Promise> GetHandle(std::coroutine_handle<Promise> given) noexcept {
+        const auto own = std::coroutine_handle<Promise>::from_promise(static_cast<Promise&>(*this));
+        if (own.address() != given.address() && mMisplaced.frame == nullptr) {
+            auto* const entries = static_cast<Entry*>(own.address());
+            mMisplaced = {given.address(), entries[0], entries[1]};
+            // None when it is done.
+            entries[0] = entries[0] != nullptr ? &EnterMisplaced<Promise, &Misplaced::resume> : nullptr;
+            entries[1] = &EnterMisplaced<Promise, &Misplaced::destroy>;
+        }
+        return own;
+    }
+
 protected:
     TaskFrame() noexcept = default;
     ~TaskFrame();
@@ -95,11 +114,25 @@ protected:
 private:
     friend class mwl::Typed::TaskSet;
     enum class State { Running, Waiting, Done };
+    using Entry = void (*)(void* frame);
+    struct Misplaced {
+        void* frame = nullptr;
+        Entry resume = nullptr;
+        Entry destroy = nullptr;
+    };
+
+    template <class Promise, Entry Misplaced::*WHICH>
+    static void EnterMisplaced(void* own) {
+        const TaskFrame& task = std::coroutine_handle<Promise>::from_address(own).promise();
+        const Misplaced misplaced = task.mMisplaced;
+        (misplaced.*WHICH)(misplaced.frame);
+    }
 
     bool IsNeededBy(const TaskFrame& running) const noexcept;
     void Leave() noexcept;
 
     std::coroutine_handle<> mHandle;
+    Misplaced mMisplaced;
     State mState = State::Running;
     bool mHasWaited = false;
     bool mIsClaimed = false;
@@ -174,7 +207,8 @@ public:
     // Not inlined: the coroutine may be gone when the awaiter's own returns, and then nothing of this may lie
     // in its frame.
     template <class Promise>
-    [[gnu::noinline]] auto await_suspend(std::coroutine_handle<Promise> handle) {
+    [[gnu::noinline]] auto await_suspend(std::coroutine_handle<Promise> given) {
+        const std::coroutine_handle<Promise> handle = mFrame.GetHandle(given);
         using Result = decltype(mAwaiter.await_suspend(handle));
         if (mStays) {
             mFrame.Stay();
