@@ -74,8 +74,9 @@ void NameOwner::Begin() {
         Fail(StatusCode::InvalidArgument);
         return;
     }
-    const std::string rule = "type='signal',sender='" + std::string(BUS_NAME) + "',path='" + BUS_PATH +
-                             "',interface='" + BUS_NAME + "',member='NameOwnerChanged',arg0='" + mName + "'";
+    // Without the type, which sd-bus would look up with a hash for each message: OnChanged looks at it.
+    const std::string rule = "sender='" + std::string(BUS_NAME) + "',path='" + BUS_PATH + "',interface='" +
+                             BUS_NAME + "',member='NameOwnerChanged',arg0='" + mName + "'";
     sd_bus* const bus = core->GetBus();
     sd_bus_slot* slot = nullptr;
     int r = sd_bus_add_match_async(bus, &slot, rule.c_str(), OnChanged, OnListening, this);
@@ -143,7 +144,8 @@ int NameOwner::OnChanged(sd_bus_message* message, void* userdata, sd_bus_error*)
     const char* name = nullptr;
     const char* former = nullptr;
     const char* now = nullptr;
-    if (sender != nullptr && std::string_view(sender) == BUS_NAME &&
+    if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && sender != nullptr &&
+        std::string_view(sender) == BUS_NAME &&
         sd_bus_message_read(message, "sss", &name, &former, &now) > 0) {
         self->mStatus = StatusCode::Ok;
         RunContained([&] { self->SetOwner(now); }, message);

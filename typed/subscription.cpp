@@ -83,7 +83,7 @@ struct Subscription::State final : Stoppable, std::enable_shared_from_this<State
     static int OnSignal(sd_bus_message* signal, void* userdata, sd_bus_error*) {
         auto& self = *static_cast<State*>(userdata);
         // Not called for what came before the message bus confirmed the match.
-        if (self.IsFromOwner(signal)) {
+        if (sd_bus_message_is_signal(signal, nullptr, nullptr) > 0 && self.IsFromOwner(signal)) {
             const std::shared_ptr<State> kept = self.shared_from_this();
             RunContained([&] { kept->Handle(signal); }, signal);
         }
@@ -156,7 +156,8 @@ Subscription Subscribe(const Remote& remote, const char* interface, const char* 
     std::string rule;
     if (sd_bus_service_name_is_valid(sender.c_str()) > 0 && IsObjectPath(path) &&
         IsInterfaceName(interface) && IsMemberName(member)) {
-        rule.append("type='signal',sender='").append(sender).append("',path='").append(path);
+        // Without the type, which sd-bus would look up with a hash for each message: OnSignal looks at it.
+        rule.append("sender='").append(sender).append("',path='").append(path);
         rule.append("',interface='").append(interface).append("',member='").append(member).append("'");
         if (first != nullptr) {
             rule.append(",arg0='").append(first).append("'");

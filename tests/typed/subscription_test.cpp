@@ -262,6 +262,17 @@ TEST_F(SubscriptionTest, OneWhoSendsToThisConnectionAloneIsNotHeard) {
     EXPECT_THAT(Seen(), ElementsAre(8));
 }
 
+TEST_F(SubscriptionTest, ACallOfTheSameNamesIsNoSignal) {
+    Listen();
+    sd_bus_message* made = nullptr;
+    tern::test::Peer::Check(
+        sd_bus_message_new_method_call(mPeer.Get(), &made, tern::test::SERVICE, PATH, METER, "Measured"));
+    const RawPeer::Message call(made);
+    tern::test::Peer::Check(sd_bus_message_append(made, "u", 7U));
+    EXPECT_EQ(sd_bus_call(mPeer.Get(), made, 0, nullptr, nullptr), -EBADR) << "answered as an unknown object";
+    EXPECT_THAT(Seen(), IsEmpty());
+}
+
 TEST_F(SubscriptionTest, FollowsAWellKnownNameToItsNextOwner) {
     RawPeer next;
     Listen();
