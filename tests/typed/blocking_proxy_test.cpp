@@ -12,6 +12,7 @@
 
 #include "foundation/unique_fd.h"
 #include "peer_service.h"
+#include "support/child.h"
 #include "support/private_bus.h"
 #include "support/temp_folder.h"
 
@@ -302,6 +303,15 @@ TEST_F(BlockingProxyTest, HearsThePeerOnly) {
     tern::test::Peer::Check(
         sd_bus_emit_signal(stranger.Get(), tern::test::PEER_PATH, Peer1::NAME, "Told", "u", 1));
     SendTo(stranger, name, tern::test::PEER_PATH, Peer1::NAME, "Told", 2);
+    // Nor is the bus believed to be whoever says that the name is his.
+    sd_bus_message* made = nullptr;
+    tern::test::Peer::Check(sd_bus_message_new_signal(stranger.Get(), &made, "/org/freedesktop/DBus",
+                                                      "org.freedesktop.DBus", "NameOwnerChanged"));
+    const tern::test::Peer::Message lie(made);
+    tern::test::Peer::Check(
+        sd_bus_message_append(made, "sss", tern::test::PEER, "", stranger.Name().c_str()));
+    tern::test::Peer::Check(sd_bus_send_to(stranger.Get(), made, name, nullptr));
+    SendTo(stranger, name, tern::test::PEER_PATH, Peer1::NAME, "Told", 5);
     // The bus has passed them on when it answers.
     EXPECT_NE(stranger.Call("/", "org.freedesktop.DBus.Peer", "Ping"), "");
     ASSERT_EQ(Said(mPeer.Call(Peer1::Tell, 3U)), "");
@@ -371,6 +381,21 @@ TEST_F(BlockingProxyTest, SaysThatItDoesNotListen) {
     EXPECT_EQ(lost.Next(GENEROUS_LIMIT).GetError().GetStatus(), StatusCode::IoError);
     EXPECT_EQ(lost.GetState().GetError().GetStatus(), StatusCode::IoError);
     EXPECT_EQ(mPeer.Listen(Peer1::Told).GetState().GetError().GetName(), SD_BUS_ERROR_NO_SERVER);
+}
+
+TEST(BlockingProxyForkTest, AChildConnectsAnew) {
+    const PrivateBus bus;
+    const pid_t service = PeerService::Fork();
+    const BlockingProxy<Peer1> peer(tern::test::PEER, tern::test::PEER_PATH);
+    EXPECT_EQ(*peer.Call(Peer1::Add, 2U, 3U), 5U);
+    const tern::test::ChildResult child = tern::test::RunInChild([&peer] {
+        const Outcome<std::uint32_t> sum = peer.Call(Peer1::Add, 2U, 3U);
+        return sum.IsOk() && *sum == 5 ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_EQ(*peer.Call(Peer1::Add, 3U, 3U), 6U);
+    kill(service, SIGKILL);
+    waitpid(service, nullptr, 0);
 }
 
 // What is sensitive is not told apart from outside; that it arrives is.
