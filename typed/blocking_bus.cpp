@@ -23,6 +23,8 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+constexpr const char* BUS_NAME = "org.freedesktop.DBus";
+
 /// A point of time, or none.
 class Deadline {
 public:
@@ -73,8 +75,8 @@ int RunUntil(sd_bus* bus, const Deadline& deadline, Done isDone) {
 int Send(sd_bus* bus, BusSlot& slot, const char* member, sd_bus_message_handler_t handler, void* userdata,
          const char* argument) {
     sd_bus_slot* made = nullptr;
-    const int r = sd_bus_call_method_async(bus, &made, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                           "org.freedesktop.DBus", member, handler, userdata, "s", argument);
+    const int r = sd_bus_call_method_async(bus, &made, BUS_NAME, "/org/freedesktop/DBus", BUS_NAME, member,
+                                           handler, userdata, "s", argument);
     slot.reset(made);
     return r;
 }
@@ -283,9 +285,14 @@ struct ListeningBase::State {
         return Guard(userdata, [signal](State& state) {
             const char* name = nullptr;
             const char* former = nullptr;
-            const char* owner = nullptr;
-            if (sd_bus_message_read(signal, "sss", &name, &former, &owner) > 0 && state.destination == name) {
-                state.sender = owner;
+            const char* next = nullptr;
+            // sd-bus takes any sender for a well-known one, and anybody can send us this.
+            const char* const from = sd_bus_message_get_sender(signal);
+            if (from == nullptr || std::string_view(from) != BUS_NAME) {
+                return;
+            }
+            if (sd_bus_message_read(signal, "sss", &name, &former, &next) > 0 && state.destination == name) {
+                state.sender = next;
             }
         });
     }

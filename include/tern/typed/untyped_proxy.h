@@ -66,9 +66,10 @@ public:
     Typed::Call<std::map<std::string, Any>> GetAll(const std::string& interface) const;
     /// Writes a property. `value` is of the property's type; of one of type "v" a variant.
     Typed::Call<void> Set(const std::string& interface, const std::string& property, const Any& value) const;
-    /// What there is, as the peer tells it. Reading what it tells takes time on this thread, for a megabyte
-    /// some ten milliseconds. A text that is not sound is "mwl.Typed.Error.WrongReply", with what is wrong
-    /// with it; where libexpat cannot be loaded it is NotSupported; see Introspection::Parse.
+    /// What there is, as the peer tells it. What it tells is read on this thread, which took some 80 ms for a
+    /// MiB on a desktop machine; usual objects tell a few KiB. A text that is not sound, or is larger than
+    /// Introspection::MAX_SIZE, is "mwl.Typed.Error.WrongReply", with what is wrong with it; where libexpat
+    /// cannot be loaded it is NotSupported; see Introspection::Parse.
     Typed::Call<Introspection::Node> Introspect() const;
     /// Has `handler` called with the values of each such signal, whatever their types; see Subscription.
     Subscription On(const std::string& interface, const std::string& signal,
