@@ -117,6 +117,14 @@ class Golden(Fixture):
             file = form.format("room")
             self.assertEqual((first / file).read_bytes(), (self.folder / "second" / file).read_bytes())
 
+    def test_the_encoding_does_not_matter(self):
+        text = (GOLDEN / "room.xml").read_text()
+        for encoding, declared in (("utf-16", ""), ("iso-8859-1", '<?xml version="1.0" encoding="iso-8859-1"?>')):
+            path = self.xml((declared + text).encode(encoding), "room.xml")
+            self.assertEqual(self.run_here("--namespace", "golden::room", path, self.out), (0, ""))
+            for form in FORMS:
+                self.assertEqual(self.read(form.format("room")), (GOLDEN / form.format("room")).read_text())
+
     def test_names_no_folder_and_no_date(self):
         self.run_here(*golden_arguments("room"), self.out)
         for file in self.out.iterdir():
@@ -160,6 +168,19 @@ class Options(Fixture):
         self.assertNotIn("struct B {", self.read("a_contract.h"))
         self.assertIn("struct C {", self.read("a_contract.h"))
 
+    def test_stubs_are_written_once(self):
+        path = self.xml(interface('<method name="M"/><property name="P" type="u" access="readwrite"/>'))
+        self.assertEqual(self.run_here("--stubs", path, self.out), (0, ""))
+        self.assertEqual(sorted(f.name for f in self.out.iterdir()), ["a_interface.cpp", "a_interface.h"])
+        self.assertIn('NotSupported("M is not written yet")', self.read("a_interface.cpp"))
+        (self.out / "a_interface.h").unlink()
+        (self.out / "a_interface.cpp").write_text("edited")
+        status, said = self.run_here("--stubs", path, self.out)
+        self.assertEqual(status, 1)
+        self.assertEqual(said, f"tern-dbus-codegen: {self.out}/a_interface.cpp is there already, and may have been edited; "
+                         "nothing was written\n")
+        self.assertEqual([(f.name, f.read_text()) for f in self.out.iterdir()], [("a_interface.cpp", "edited")])
+
     def test_names_the_files_after_the_xml(self):
         path = self.xml(interface(""), "com.Example-Room.xml")
         self.assertEqual(self.run_here("--server", path, self.out), (0, ""))
@@ -179,6 +200,7 @@ class Options(Fixture):
             ["--namespace", "a b", path, self.out],
             ["--user", path, self.out],
             ["--address", "unix:path=/x", path, self.out],
+            ["--stubs", "--server", path, self.out],
             ["--from-bus", "a.b"],
             ["--from-bus", "", "/", self.out],
             ["--from-bus", "a.b", "/", "--user", "--address", "unix:path=/x", self.out],
