@@ -128,14 +128,6 @@ bool CallBase::Send() noexcept {
     return mIsAnswered;
 }
 
-bool CallBase::Await(std::coroutine_handle<> waiting) noexcept {
-    if (!Send()) {
-        return false;
-    }
-    mWaiting = waiting;
-    return true;
-}
-
 void CallBase::SendUnasked() {
     mIsAnswered = false;
     // Before it is sent: there is no message then.
@@ -179,10 +171,6 @@ void CallBase::OnStop() noexcept {
         mPhase = Phase::Failed;
     }
     RunContained([this] { OnDone(); }, mRemote->GetState()->core->GetLoop());
-}
-
-void CallBase::OnDone() {
-    mWaiting.resume();
 }
 
 void CallBase::Postpone() noexcept {
@@ -232,13 +220,13 @@ void Detail::PendingBase::Start() noexcept {
 
 void Detail::PendingBase::Release(std::unique_ptr<PendingBase> call) noexcept {
     if (call != nullptr && call->IsWaiting()) {
-        PendingBase& it = *call;
-        it.mSelf = std::move(call);
+        call->mIsReleased = true;
+        static_cast<void>(call.release());  // it is its own, see OnDone
     }
 }
 
 void Detail::PendingBase::OnDone() {
-    const std::unique_ptr<PendingBase> self = std::move(mSelf);
+    const std::unique_ptr<PendingBase> self(mIsReleased ? this : nullptr);
     Run();
 }
 

@@ -59,10 +59,8 @@ protected:
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout; }
     /// True: sent, and OnDone follows. False: there is an outcome already.
     bool Send() noexcept;
-    /// Sends, and has the coroutine go on when there is an outcome. False: it goes on at once.
-    bool Await(std::coroutine_handle<> waiting) noexcept;
-    /// There is an outcome: the coroutine goes on. May destroy this; what it throws is contained.
-    virtual void OnDone();
+    /// There is an outcome, for whoever waits. May destroy this; what it throws is contained.
+    virtual void OnDone() = 0;
     /// OnDone will be called at the end of the turn, as there is an outcome already.
     void Postpone() noexcept;
 
@@ -115,7 +113,6 @@ private:
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
     std::unique_ptr<Error> mReason;
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
-    std::coroutine_handle<> mWaiting;
     std::chrono::milliseconds mTimeout;
     const char* mName = nullptr;
     unsigned mIndex = 0;
@@ -146,7 +143,8 @@ protected:
 private:
     void OnDone() final;
 
-    std::unique_ptr<PendingBase> mSelf;
+    /// It is its own.
+    bool mIsReleased = false;
 };
 
 /// A call with its handler.
@@ -293,7 +291,13 @@ public:
     /// Of the coroutine that awaits it: it always asks for what comes.
     bool await_ready() const noexcept { return false; }
     /// Sends it. Where that fails the coroutine goes on at once.
-    bool await_suspend(std::coroutine_handle<> waiting) noexcept { return Await(waiting); }
+    bool await_suspend(std::coroutine_handle<> waiting) noexcept {
+        if (!Send()) {
+            return false;
+        }
+        mWaiting = waiting;
+        return true;
+    }
     /// The outcome.
     Outcome<R> await_resume() { return TakeOutcome<R>(mDecoder); }
 
@@ -302,7 +306,10 @@ private:
         return Decode<R>(reply, remote);
     }
 
+    void OnDone() override { mWaiting.resume(); }
+
     const Decoder mDecoder;
+    std::coroutine_handle<> mWaiting;
 };
 
 }  // namespace mwl::Typed
