@@ -45,7 +45,8 @@ private:
     }
     template <std::size_t... I>
     void Rethrow(std::size_t decisive, std::index_sequence<I...>) {
-        static_cast<void>(((I == decisive && (TakeHeld(std::get<I>(mTasks)), true)) || ...));
+        static_cast<void>(
+            ((I == decisive && (static_cast<void>(TakeHeld(std::get<I>(mTasks))), true)) || ...));
     }
 
     std::tuple<Task<R>...> mTasks;
