@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "support/log_capture.h"
 #include "typed/peer_service.h"
@@ -95,6 +97,18 @@ TEST_F(ProxyTest, RefusesAPropertyOfAnotherType) {
               "mwl.Typed.Error.WrongReply: the result: 'u' where 's' is wanted");
     EXPECT_EQ(served.Count().wrongReplies, 1U);
     EXPECT_EQ(log.Entries("Typed").size(), 1U);
+}
+
+TEST_F(ProxyTest, SubscribesToSignals) {
+    std::vector<Number> told;
+    Subscription subscription;
+    served.On([&] { subscription = proxy.On(Peer1::Told, [&](Number number) { told.push_back(number); }); });
+    EXPECT_TRUE(tern::test::WaitUntil(
+        [&] { return served.On([&] { return subscription.GetStatus(); }) == StatusCode::Ok; }));
+    EXPECT_TRUE(Ask(served, [&] { return proxy.Call(Peer1::Tell, 3U); }).IsOk());
+    EXPECT_TRUE(Ask(served, [&] { return proxy.Call(Peer1::Tell, 4U); }).IsOk());
+    served.On([&] { subscription.Reset(); });
+    EXPECT_THAT(told, testing::ElementsAre(3U, 4U));
 }
 
 TEST_F(ProxyTest, TellsThatAPropertyOrItsObjectIsNotThere) {

@@ -128,9 +128,6 @@ public:
     }
 };
 
-template <class M>
-struct IsSignal : std::bool_constant<M::KIND == Kind::Signal> {};
-
 template <class Contract, class Methods, class Properties, class Writables, class Signals>
 class BlockingCalls;
 template <class Contract, class... M, class... P, class... W, class... S>

@@ -12,6 +12,7 @@
 #include <tern/typed/future.h>
 #include <tern/typed/owned.h>
 #include <tern/typed/remote.h>
+#include <tern/typed/subscription.h>
 #include <tern/typed/variants.h>
 
 #include <array>
@@ -88,6 +89,8 @@ template <class M>
 struct IsMethod : std::bool_constant<M::KIND == Kind::Method> {};
 template <class M>
 struct IsProperty : std::bool_constant<M::KIND == Kind::Property> {};
+template <class M>
+struct IsSignal : std::bool_constant<M::KIND == Kind::Signal> {};
 template <class M, bool IS_PROPERTY = M::KIND == Kind::Property>
 struct IsWritableOrNot : std::bool_constant<M::WRITABLE> {};
 template <class M>
@@ -230,23 +233,36 @@ public:
     }
 };
 
-template <class Contract, class Methods, class Properties, class Writables>
+template <class Contract, class S>
+class SignalSubscriptions {
+public:
+    template <class F>
+    Subscription On(MemberOf<Contract, S> signal, F&& handler) const {
+        return SubscribeTo(static_cast<const Proxy<Contract>&>(*this).GetRemote(), Contract::NAME,
+                           *signal.operator->(), std::forward<F>(handler));
+    }
+};
+
+template <class Contract, class Methods, class Properties, class Writables, class Signals>
 class ProxyCalls;
-template <class Contract, class... M, class... P, class... W>
-class ProxyCalls<Contract, Types<M...>, Types<P...>, Types<W...>> : public MethodCalls<Contract, M>...,
-                                                                    public PropertyReads<Contract, P>...,
-                                                                    public PropertyWrites<Contract, W>... {
+template <class Contract, class... M, class... P, class... W, class... S>
+class ProxyCalls<Contract, Types<M...>, Types<P...>, Types<W...>, Types<S...>>
+    : public MethodCalls<Contract, M>...,
+      public PropertyReads<Contract, P>...,
+      public PropertyWrites<Contract, W>...,
+      public SignalSubscriptions<Contract, S>... {
 public:
     using MethodCalls<Contract, M>::Call...;
     using MethodCalls<Contract, M>::CallFromWorker...;
     using PropertyReads<Contract, P>::Get...;
     using PropertyWrites<Contract, W>::Set...;
+    using SignalSubscriptions<Contract, S>::On...;
 };
 
 template <class Contract, class All = std::remove_cvref_t<decltype(Contract::ALL)>>
-using ProxyCallsOf = ProxyCalls<Contract, typename SelectedMembers<IsMethod, All>::Type,
-                                typename SelectedMembers<IsProperty, All>::Type,
-                                typename SelectedMembers<IsWritable, All>::Type>;
+using ProxyCallsOf = ProxyCalls<
+    Contract, typename SelectedMembers<IsMethod, All>::Type, typename SelectedMembers<IsProperty, All>::Type,
+    typename SelectedMembers<IsWritable, All>::Type, typename SelectedMembers<IsSignal, All>::Type>;
 
 }  // namespace Detail
 
@@ -258,6 +274,7 @@ using ProxyCallsOf = ProxyCalls<Contract, typename SelectedMembers<IsMethod, All
 ///     mPending = room.Call(Thermostat1::Boost, 60u).Then([this](Outcome<void> outcome) { ... });
 ///     Outcome<double> target = co_await room.Get(Thermostat1::Target);
 ///     Outcome<void> set = co_await room.Set(Thermostat1::Target, 21.0);
+///     mMeasured = room.On(Thermostat1::Measured, [this](double celsius) { Show(celsius); });
 ///     Future<void> boost = room.CallFromWorker(Thermostat1::Boost, 60u);  // on any thread
 ///
 /// What it offers is made for the members of the contract; what is a member of another one, or no constant,
@@ -271,6 +288,8 @@ using ProxyCallsOf = ProxyCalls<Contract, typename SelectedMembers<IsMethod, All
 /// - `Get(property) -> Call<T>`: asks for the value, whatever is known here of it. A value of another type
 ///   is "mwl.Typed.Error.WrongReply".
 /// - `Set(property, value) -> Call<void>`: of a WritableProperty.
+/// - `On(signal, handler) -> Subscription`: has the handler called with the signal's values, see
+///   Subscription.
 ///
 /// A result owns what it holds: where the contract says `std::string_view` it is a `std::string`, see Owned.
 ///

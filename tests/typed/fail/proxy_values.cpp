@@ -1,0 +1,10 @@
+// fails with: the values are not of the types of the method's arguments
+#include "client_contracts.h"
+
+Call<void> Heat(const Proxy<Room1>& room) {
+#ifdef MENDED
+    return room.Call(Room1::Heat, 5U);
+#else
+    return room.Call(Room1::Heat, 5);
+#endif
+}
