@@ -217,12 +217,13 @@ Outcome<Detail::OwnedMessage> BlockingBus::Ask(const Detail::BlockingRequest& re
         &reply, std::max<std::uint64_t>(deadline.GetLeft(), 1));
     const BusSlot waiting(slot);
     call.reset();
-    if (r >= 0) {
-        // sd-bus itself ends it in time.
-        r = RunUntil(bus.get(), Deadline(Remote::NO_LIMIT), [&reply] { return reply != nullptr; });
-    }
     if (r < 0) {
         return ErrorOfSending(r);
+    }
+    // sd-bus itself ends it in time.
+    r = RunUntil(bus.get(), Deadline(Remote::NO_LIMIT), [&reply] { return reply != nullptr; });
+    if (r < 0) {
+        return Error(StatusOfSending(r), std::string("the reply cannot be waited for: ") + ErrorText(-r));
     }
     return reply;
 }

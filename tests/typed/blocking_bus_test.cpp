@@ -11,8 +11,22 @@
 #include "foundation/unique_fd.h"
 #include "peer_service.h"
 #include "support/child.h"
+#include "support/interpose.h"
 #include "support/private_bus.h"
 #include "support/temp_folder.h"
+
+TERN_INTERPOSE(int, sd_bus_open_system, (sd_bus * *bus), (bus))
+TERN_INTERPOSE(int, sd_bus_call_async,
+               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* call, sd_bus_message_handler_t handler,
+                void* userdata, std::uint64_t limit),
+               (bus, slot, call, handler, userdata, limit))
+TERN_INTERPOSE(int, sd_bus_send, (sd_bus * bus, sd_bus_message* message, std::uint64_t* cookie),
+               (bus, message, cookie))
+TERN_INTERPOSE(int, sd_bus_wait, (sd_bus * bus, std::uint64_t limit), (bus, limit))
+TERN_INTERPOSE(int, sd_bus_add_match_async,
+               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
+                sd_bus_message_handler_t installed, void* userdata),
+               (bus, slot, rule, handler, installed, userdata))
 
 using namespace mwl::Typed;
 using namespace std::chrono_literals;
@@ -259,6 +273,41 @@ TEST_F(BlockingBusTest, SaysThatItDoesNotListen) {
     EXPECT_EQ(lost.Next(GENEROUS_LIMIT).GetError().GetStatus(), StatusCode::IoError);
     EXPECT_EQ(lost.GetState().GetError().GetStatus(), StatusCode::IoError);
     EXPECT_EQ(mPeer.Listen(Peer1::Told).GetState().GetError().GetName(), SD_BUS_ERROR_NO_SERVER);
+}
+
+TEST_F(BlockingBusTest, SaysThatTheBusRefusesTheProcess) {
+    tern::test::FaultScope scope(fault_sd_bus_open_system);
+    fault_sd_bus_open_system.Fail(-EACCES);
+    EXPECT_EQ(Said(mPeer.Ping()),
+              "org.freedesktop.DBus.Error.AccessDenied: the system bus refuses this "
+              "process: Permission denied");
+    fault_sd_bus_open_system.Fail(-ENOMEM);
+    EXPECT_THROW(static_cast<void>(mPeer.Ping()), std::bad_alloc);
+    EXPECT_EQ(Said(mPeer.Ping()), "");
+}
+
+TEST_F(BlockingBusTest, SaysWhatCouldNotBeSentOrWaitedFor) {
+    ASSERT_EQ(Said(mPeer.Ping()), "");
+    tern::test::FaultScope call(fault_sd_bus_call_async);
+    fault_sd_bus_call_async.Fail(-ENOBUFS);
+    EXPECT_EQ(Said(mPeer.Ping()),
+              "org.freedesktop.DBus.Error.LimitsExceeded: the call cannot be sent: No buffer "
+              "space available");
+    tern::test::FaultScope send(fault_sd_bus_send);
+    fault_sd_bus_send.Fail(-ENOBUFS);
+    EXPECT_EQ(mPeer.Call(Peer1::Nothing).GetError().GetStatus(), StatusCode::ResourceUnavailable);
+    tern::test::FaultScope wait(fault_sd_bus_wait);
+    fault_sd_bus_wait.Fail(-EIO);
+    EXPECT_EQ(Said(mPeer.Call(Peer1::Hold, 1U)),
+              "mwl.StatusCode.IoError: the reply cannot be waited for: Input/output error");
+    // A signal's handler that has run ends no wait.
+    fault_sd_bus_wait.Fail(-EINTR, 0, 3);
+    EXPECT_EQ(mPeer.Within(50ms).Call(Peer1::Hold, 1U).GetError().GetStatus(), StatusCode::Timeout);
+    tern::test::FaultScope match(fault_sd_bus_add_match_async);
+    fault_sd_bus_add_match_async.Fail(-ENOBUFS);
+    EXPECT_EQ(mPeer.Listen(Peer1::Told).GetState().GetError().GetStatus(), StatusCode::ResourceUnavailable);
+    fault_sd_bus_wait.Reset();
+    EXPECT_EQ(Said(mPeer.Ping()), "");
 }
 
 TEST(BlockingBusForkTest, AChildConnectsAnew) {
