@@ -179,7 +179,7 @@ std::uint64_t BusCore::Export(std::string path, std::vector<std::unique_ptr<Inte
     }
     Objects added;
     Object& object = added.emplace_back();
-    object.id = mNextId;
+    object.id = mNextId++;  // where memory fails below, nobody has it
     object.path = std::move(path);
     object.interfaces = std::move(interfaces);
     object.slots.reserve(object.interfaces.size());
@@ -196,16 +196,20 @@ std::uint64_t BusCore::Export(std::string path, std::vector<std::unique_ptr<Inte
         status = MakeStatusCodeFromReturnCode(r);
         return 0;
     }
+    // What needs memory; where it fails, the object goes with its slots, and nothing knows of it.
+    std::vector<std::string> paths(object.interfaces.size(), object.path);
+    mChanges.ReserveInterfaces(object.interfaces.size());
     mNew.push_back(object.id);
     mById.emplace(object.id, added.begin());
-    for (const auto& interface : object.interfaces) {
+    // What does not.
+    for (std::size_t i = 0; i < paths.size(); ++i) {
         mChanges.AddInterface();
-        interface->Attach(*this, object.path);
+        object.interfaces[i]->Attach(*this, std::move(paths[i]));
     }
     mObjects.splice(mObjects.end(), added);
     WakeTurn();
     status = StatusCode::Ok;
-    return mNextId++;
+    return object.id;
 }
 
 /// All of its interfaces, or none.
@@ -250,6 +254,7 @@ StatusCode BusCore::Adopt(InterfaceBase& interface, std::string path) {
                        interface.GetName().c_str(), path.c_str());
         return StatusCode::InvalidArgument;
     }
+    mChanges.ReserveInterfaces(1);
     mAdopted.insert(&interface);
     mChanges.AddInterface();
     interface.Attach(*this, std::move(path));

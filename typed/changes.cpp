@@ -22,10 +22,13 @@ constexpr std::uint64_t ACCURACY = 1000;
 
 }  // namespace
 
-void Changes::AddInterface() {
-    mChanged.reserve(mInterfaces + 1);
-    mAnnounced.reserve(mInterfaces + 1);
-    ++mInterfaces;
+void Changes::ReserveInterfaces(std::size_t count) {
+    const std::size_t wanted = mInterfaces + count;
+    for (std::vector<InterfaceBase*>* const room : {&mChanged, &mAnnounced}) {
+        if (room->capacity() < wanted) {
+            room->reserve(std::max(wanted, 2 * room->capacity()));
+        }
+    }
 }
 
 void Changes::RemoveInterface(InterfaceBase& interface) noexcept {

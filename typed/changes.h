@@ -30,8 +30,10 @@ public:
     Changes(const Changes&) = delete;
     Changes& operator=(const Changes&) = delete;
 
-    /// One more interface may change. Throws std::bad_alloc.
-    void AddInterface();
+    /// Room for so many more interfaces. Throws std::bad_alloc; nothing has changed then.
+    void ReserveInterfaces(std::size_t count);
+    /// One more interface may change. REQUIRES: there is room for it.
+    void AddInterface() noexcept { ++mInterfaces; }
     /// It no longer does; what is noted of it is forgotten.
     void RemoveInterface(InterfaceBase& interface) noexcept;
 

@@ -7,6 +7,8 @@
 //   fault_sweep --self-test         whether it notices what is wrong on purpose
 //   fault_sweep --catalogue         whether the catalogue knows everything that our libraries import
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -182,6 +184,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // What is released is overwritten, so that who uses it afterwards is noticed.
+    mallopt(M_PERTURB, 0x5a);
     if (options.catalogue) {
         return CatalogueIsComplete() ? 0 : 1;
     }

@@ -158,7 +158,7 @@ public:
     ///
     /// In the result: Ok. AlreadyExists: an interface of this name is at this path. InvalidArgument: no
     /// object path, no interface, or a null one. Otherwise the status of sd-bus's error. Throws
-    /// std::bad_alloc.
+    /// std::bad_alloc; none is there, and all are destroyed, then.
     ///
     /// A handler may end its own object and export its successor at the same path: sd-bus frees the place
     /// when the handler has returned, so the successor is there from the end of the turn. Where sd-bus
@@ -178,7 +178,7 @@ public:
     /// For an interface that the manager exports (DBusServerManager::ExportObject) and that stays its own:
     /// its changes, signals and later answers come through here from now on. `path` is the object's. The
     /// interface outlives the time until Close. An interface that Export took is not adopted. Ok;
-    /// InvalidArgument for one that is on a typed bus already.
+    /// InvalidArgument for one that is on a typed bus already. Throws std::bad_alloc; it is not adopted then.
     StatusCode Adopt(InterfaceBase& interface, std::string path);
 
     /// Has the D-Bus thread run the job, after all that was posted before it. Any thread; see
