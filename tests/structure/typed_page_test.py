@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Each block of C++ in docs/typed.md stands word for word, but for the indentation, in the test that compiles and runs it.
+"""Each block of C++ in docs/typed.md stands word for word, but for the indentation, in a test that compiles and runs it.
 
   typed_page_test.py PROJECT_FOLDER
 """
@@ -19,16 +19,17 @@ def stands_in(block, source):
 def main():
     project = pathlib.Path(sys.argv[1])
     page = (project / "docs/typed.md").read_text()
-    source = lines_of((project / "tests/typed/guide_test.cpp").read_text())
+    sources = [lines_of(test.read_text()) for test in sorted((project / "tests/typed").glob("*guide_test.cpp"))]
     blocks = [lines_of(block) for block in re.findall(r"^```cpp\n(.*?)^```$", page, re.MULTILINE | re.DOTALL)]
     failures = 0
     for block in blocks:
-        if not stands_in(block, source):
+        if not any(stands_in(block, source) for source in sources):
             failures += 1
-            missing = next((line for line in block if line not in source), block[0])
-            print(f"a block of docs/typed.md is not in tests/typed/guide_test.cpp, from: {missing}")
+            known = {line for source in sources for line in source}
+            missing = next((line for line in block if line not in known), block[0])
+            print(f"a block of docs/typed.md is not in tests/typed/*guide_test.cpp, from: {missing}")
     # A block that is not there has to be noticed, else this proves nothing.
-    if stands_in(blocks[0] + ["int surplus;"], source):
+    if any(stands_in(blocks[0] + ["int surplus;"], source) for source in sources):
         failures += 1
         print("a mistake is not noticed")
     # Each row of the table leads to a section.
