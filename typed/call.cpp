@@ -40,15 +40,20 @@ CallBase::CallBase(std::shared_ptr<const Remote> remote, const char* interface, 
 CallBase::CallBase(CallBase&& other) noexcept
     : mRemote(other.mRemote),
       mMessage(std::move(other.mMessage)),
-      mReason(std::move(other.mReason)),
-      mTimeout(other.mTimeout),
-      mName(other.mName),
+      mTimeout(other.mPhase == Phase::New ? other.mTimeout : std::chrono::milliseconds(0)),
       mIndex(other.mIndex),
       mError(other.mError),
       mPhase(other.mPhase == Phase::Waiting ? Phase::Spent : std::exchange(other.mPhase, Phase::Spent)),
       mCause(other.mCause),
       mIsAnswered(other.mIsAnswered) {
     assert(other.mPhase != Phase::Waiting);
+    if (mPhase == Phase::Failed) {
+        if (mCause == Cause::Reason) {
+            mReason = other.mReason;
+        } else {
+            mName = other.mName;
+        }
+    }
 }
 
 CallBase::~CallBase() {
@@ -56,6 +61,8 @@ CallBase::~CallBase() {
         assert(mRemote->GetState()->dispatcher.IsHere());
         EndWaiting();
     }
+    const std::unique_ptr<Error> reason(mPhase == Phase::Failed && mCause == Cause::Reason ? mReason
+                                                                                           : nullptr);
 }
 
 /// The bus's own state.
@@ -66,26 +73,30 @@ StatusCode CallBase::GetBusStatus() const noexcept {
 
 void CallBase::RefuseArgument(unsigned index, const char* name, int error) noexcept {
     if (mPhase == Phase::New) {
+        Fail(Cause::Argument, error);
         mIndex = index;
         mName = name;
-        Fail(Cause::Argument, error);
     }
 }
 
 void CallBase::Refuse(Error reason) {
-    if (mPhase == Phase::New || mPhase == Phase::Failed) {
-        mReason = std::make_unique<Error>(std::move(reason));
-        if (mPhase == Phase::New) {
-            Fail(Cause::Reason, 0);
-        }
-        mCause = Cause::Reason;
+    if (mPhase != Phase::New && mPhase != Phase::Failed) {
+        return;
     }
+    auto owned = std::make_unique<Error>(std::move(reason));
+    if (mPhase == Phase::New) {
+        Fail(Cause::Status, 0);
+    }
+    const std::unique_ptr<Error> former(mCause == Cause::Reason ? mReason : nullptr);
+    mReason = owned.release();  // the call's until it ends
+    mCause = Cause::Reason;
 }
 
 bool CallBase::Fail(Cause cause, int error) noexcept {
     mCause = cause;
     mError = error;
     mPhase = Phase::Failed;
+    mName = nullptr;
     ++mRemote->GetState()->clients.unsent;
     return false;
 }
@@ -156,7 +167,7 @@ void CallBase::EndWaiting() noexcept {
 int CallBase::OnReply(sd_bus_message* reply, void* self, sd_bus_error*) noexcept {
     auto& call = *static_cast<CallBase*>(self);
     call.EndWaiting();
-    call.mMessage.reset(sd_bus_message_ref(reply));
+    call.mReply = reply;
     call.mPhase = Phase::Answered;
     RunContained([&call] { call.OnDone(); }, reply);
     return 1;
@@ -169,6 +180,7 @@ void CallBase::OnStop() noexcept {
         mCause = Cause::Status;
         mError = static_cast<int>(StatusCode::Stopping);
         mPhase = Phase::Failed;
+        mName = nullptr;
     }
     RunContained([this] { OnDone(); }, mRemote->GetState()->core->GetLoop());
 }

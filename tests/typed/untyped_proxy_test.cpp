@@ -156,8 +156,9 @@ TEST_F(UntypedProxyTest, PassesEveryType) {
         Any::From(std::vector<std::string>{"a", "b"}),
         Any::From(std::map<std::string, Any>{{"k", Any::From(1U)}}),
         Any::From(AnyText("content")),
-        Any::Compose("(ia{us})", {Any::From(9),
-                                  Any::Compose("a{us}", {Any::Compose("{us}", {Any::From(1U), AnyText("x")})})}),
+        Any::Compose(
+            "(ia{us})",
+            {Any::From(9), Any::Compose("a{us}", {Any::Compose("{us}", {Any::From(1U), AnyText("x")})})}),
         Any::From(std::vector<std::uint8_t>{1, 2, 3}),
         Any::From(std::vector<double>{})};
     const auto echo = Do(mOdd, [&](const UntypedProxy& odd) {
@@ -216,7 +217,8 @@ TEST_F(UntypedProxyTest, ReadsAndWritesProperties) {
     const auto level = Do([](const UntypedProxy& peer) { return peer.Get(PEER1, "Level"); });
     ASSERT_TRUE(level.IsOk()) << Said(level);
     EXPECT_EQ(*level, Any::From(21U));
-    EXPECT_EQ(Said(Do([](const UntypedProxy& peer) { return peer.Set(PEER1, "Note", AnyText("cold")); })), "");
+    EXPECT_EQ(Said(Do([](const UntypedProxy& peer) { return peer.Set(PEER1, "Note", AnyText("cold")); })),
+              "");
     const auto all = Do([](const UntypedProxy& peer) { return peer.GetAll(PEER1); });
     ASSERT_TRUE(all.IsOk()) << Said(all);
     EXPECT_EQ(*all, (std::map<std::string, Any>{{"Level", Any::From(21U)},

@@ -56,11 +56,21 @@ protected:
     CallBase& operator=(CallBase&&) = delete;
     ~CallBase();
 
-    void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout; }
+    void SetTimeout(std::chrono::milliseconds timeout) noexcept {
+        if (mPhase == Phase::New) {
+            mTimeout = timeout;
+        }
+    }
     /// True: sent, and OnDone follows. False: there is an outcome already.
     bool Send() noexcept;
-    /// There is an outcome, for whoever waits. May destroy this; what it throws is contained.
+    /// There is an outcome, for whoever waits; one who does not take it before this returns calls KeepReply.
+    /// May destroy this; what it throws is contained.
     virtual void OnDone() = 0;
+    void KeepReply() noexcept {
+        if (mPhase == Phase::Answered) {
+            mMessage.reset(sd_bus_message_ref(mReply));
+        }
+    }
     /// OnDone will be called at the end of the turn, as there is an outcome already.
     void Postpone() noexcept;
 
@@ -68,9 +78,9 @@ protected:
     template <class R>
     Outcome<R> TakeOutcome(Outcome<R> (*decoder)(sd_bus_message* reply, const Remote* remote)) {
         if (mPhase == Phase::Answered) {
-            const std::unique_ptr<sd_bus_message, Detail::Unref> reply = std::move(mMessage);
+            const std::unique_ptr<sd_bus_message, Detail::Unref> kept = std::move(mMessage);
             mPhase = Phase::Spent;
-            return decoder(reply.get(), mRemote.get());
+            return decoder(mReply, mRemote.get());
         }
         if constexpr (std::is_void_v<R>) {
             if (mPhase == Phase::Sent) {
@@ -85,7 +95,7 @@ private:
     enum class Phase : std::uint8_t {
         New,       ///< not sent; the message is the call
         Waiting,   ///< for the reply
-        Answered,  ///< the message is the reply
+        Answered,  ///< the reply is there
         Sent,      ///< and no answer is to come
         Failed,    ///< see Cause
         Spent,     ///< the outcome has been given, or this one has been moved from
@@ -111,10 +121,13 @@ private:
 
     std::shared_ptr<const Remote> mRemote;
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
-    std::unique_ptr<Error> mReason;
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
-    std::chrono::milliseconds mTimeout;
-    const char* mName = nullptr;
+    union {
+        std::chrono::milliseconds mTimeout;  ///< of a new one
+        const char* mName;                   ///< of one that failed: the argument's, or null
+        Error* mReason;                      ///< of one that failed by it: its own
+        sd_bus_message* mReply;              ///< of one that is answered: sd-bus's while it calls
+    };
     unsigned mIndex = 0;
     int mError = 0;
     Phase mPhase = Phase::New;
@@ -306,7 +319,10 @@ private:
         return Decode<R>(reply, remote);
     }
 
-    void OnDone() override { mWaiting.resume(); }
+    void OnDone() override {
+        KeepReply();
+        mWaiting.resume();
+    }
 
     const Decoder mDecoder;
     std::coroutine_handle<> mWaiting;
