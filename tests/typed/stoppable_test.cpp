@@ -12,7 +12,7 @@ namespace {
 using mwl::Typed::Stoppable;
 using mwl::Typed::Stoppables;
 
-class Waiting : public Stoppable {
+class Waiting final : public Stoppable {
 public:
     explicit Waiting(std::function<void()> onStop) : mOnStop(std::move(onStop)) {}
 

@@ -50,12 +50,14 @@ public:
     void ExpectNoReply() noexcept { mIsAnswered = false; }
 
 protected:
+    /// Makes the message; where that fails, the outcome tells.
     CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept;
     /// What has not been sent; `other` counts as sent then.
     CallBase(CallBase&& other) noexcept;
     CallBase& operator=(CallBase&&) = delete;
     ~CallBase();
 
+    /// Of one that has not been sent.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept {
         if (mPhase == Phase::New) {
             mTimeout = timeout;
@@ -66,6 +68,7 @@ protected:
     /// There is an outcome, for whoever waits; one who does not take it before this returns calls KeepReply.
     /// May destroy this; what it throws is contained.
     virtual void OnDone() = 0;
+    /// The reply lives until the outcome is taken.
     void KeepReply() noexcept {
         if (mPhase == Phase::Answered) {
             mMessage.reset(sd_bus_message_ref(mReply));
