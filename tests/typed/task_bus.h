@@ -60,9 +60,13 @@ public:
         void unhandled_exception() { throw; }
     };
 
-    ~Foreign() { mHandle.destroy(); }
-    Foreign(const Foreign&) = delete;
-    Foreign& operator=(const Foreign&) = delete;
+    Foreign(Foreign&& other) noexcept : mHandle(std::exchange(other.mHandle, nullptr)) {}
+    Foreign& operator=(Foreign&&) = delete;
+    ~Foreign() {
+        if (mHandle != nullptr) {
+            mHandle.destroy();
+        }
+    }
 
 private:
     explicit Foreign(promise_type& promise)

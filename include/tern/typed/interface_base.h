@@ -35,8 +35,8 @@ public:
     /// The bus's part. `attachment` outlives the attachment; `path` is the object's. Changes of the time
     /// before are forgotten: nobody has seen a value yet. Attached once more, it belongs to the second alone.
     void Attach(Attachment& attachment, std::string path);
-    /// From now on changes are not noted and signals not sent; handlers that are tasks and still run end where
-    /// they wait. Harmless when not attached.
+    /// From now on changes are not noted and signals not sent; handlers that are tasks and still run end
+    /// where they wait. Harmless when not attached.
     void Detach() noexcept;
     /// As given to Attach; null when not attached.
     Attachment* GetAttachment() const noexcept;

@@ -83,7 +83,7 @@ public:
 
     /// The handle of the coroutine whose promise this is, which its compiler gives as `given`.
     ///
-    /// g++ up to 12.2 lays out the frame of some functions so that its own handle does not point to where the
+    /// g++ 12.2 lays out the frame of some functions so that its own handle does not point to where the
     /// frame can be resumed and destroyed by, but a pointer before it: of functions that have a co_await in a
     /// condition and no variable in their outermost block. The promise leads to the right place, yet the
     /// coroutine wants to be given the other one. So functions are put there that do that.
