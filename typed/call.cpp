@@ -55,14 +55,16 @@ CallBase::CallBase(std::shared_ptr<const Remote> remote, const char* interface, 
 CallBase::CallBase(CallBase&& other) noexcept
     : mRemote(other.mRemote),
       mMessage(std::move(other.mMessage)),
-      mTimeout(other.mTimeout),
-      mName(other.mName),
+      mTimeout(other.mPhase == Phase::New ? other.mTimeout : std::chrono::milliseconds(0)),
       mIndex(other.mIndex),
       mError(other.mError),
       mPhase(other.mPhase == Phase::Waiting ? Phase::Spent : std::exchange(other.mPhase, Phase::Spent)),
       mCause(other.mCause),
       mIsAnswered(other.mIsAnswered) {
     assert(other.mPhase != Phase::Waiting);
+    if (mPhase == Phase::Failed) {
+        mName = other.mName;
+    }
 }
 
 CallBase::~CallBase() {
@@ -80,9 +82,9 @@ StatusCode CallBase::GetBusStatus() const noexcept {
 
 void CallBase::RefuseArgument(unsigned index, const char* name, int error) noexcept {
     if (mPhase == Phase::New) {
+        Fail(Cause::Argument, error);
         mIndex = index;
         mName = name;
-        Fail(Cause::Argument, error);
     }
 }
 
@@ -90,6 +92,7 @@ bool CallBase::Fail(Cause cause, int error) noexcept {
     mCause = cause;
     mError = error;
     mPhase = Phase::Failed;
+    mName = nullptr;
     ++mRemote->GetState()->clients.unsent;
     return false;
 }
@@ -132,14 +135,6 @@ bool CallBase::Send() noexcept {
     return mIsAnswered;
 }
 
-bool CallBase::Await(std::coroutine_handle<> waiting) noexcept {
-    if (!Send()) {
-        return false;
-    }
-    mWaiting = waiting;
-    return true;
-}
-
 void CallBase::SendUnasked() {
     mIsAnswered = false;
     // Before it is sent: there is no message then.
@@ -168,7 +163,7 @@ void CallBase::EndWaiting() noexcept {
 int CallBase::OnReply(sd_bus_message* reply, void* self, sd_bus_error*) noexcept {
     auto& call = *static_cast<CallBase*>(self);
     call.EndWaiting();
-    call.mMessage.reset(sd_bus_message_ref(reply));
+    call.mReply = reply;
     call.mPhase = Phase::Answered;
     RunContained([&call] { call.OnDone(); }, reply);
     return 1;
@@ -181,12 +176,9 @@ void CallBase::OnStop() noexcept {
         mCause = Cause::Status;
         mError = static_cast<int>(StatusCode::Stopping);
         mPhase = Phase::Failed;
+        mName = nullptr;
     }
     RunContained([this] { OnDone(); }, mRemote->GetState()->core->GetLoop());
-}
-
-void CallBase::OnDone() {
-    mWaiting.resume();
 }
 
 void CallBase::Postpone() noexcept {
@@ -243,13 +235,13 @@ void Detail::PendingBase::Start() noexcept {
 
 void Detail::PendingBase::Release(std::unique_ptr<PendingBase> call) noexcept {
     if (call != nullptr && call->IsWaiting()) {
-        PendingBase& it = *call;
-        it.mSelf = std::move(call);
+        call->mIsReleased = true;
+        static_cast<void>(call.release());  // it is its own, see OnDone
     }
 }
 
 void Detail::PendingBase::OnDone() {
-    const std::unique_ptr<PendingBase> self = std::move(mSelf);
+    const std::unique_ptr<PendingBase> self(mIsReleased ? this : nullptr);
     Run();
 }
 

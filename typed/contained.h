@@ -14,8 +14,8 @@ namespace mwl::Typed {
 /// The end of a callback of sd-bus or sd-event that belongs to the typed layer: what `body` throws, such as
 /// std::bad_alloc, goes no further. It is logged (critical) and ends the loop in order with -ENOTRECOVERABLE,
 /// as what other callbacks of the loop throw does.
-template <typename Body>
-void RunContained(Body body, sd_event* loop) noexcept {
+template <typename Body, typename GetLoop>
+void RunContainedIn(Body body, GetLoop getLoop) noexcept {
     static_cast<void>(mw::tern::Contain(
         0,
         [&] {
@@ -25,14 +25,19 @@ void RunContained(Body body, sd_event* loop) noexcept {
         [&](const mw::tern::Thrown& thrown) {
             static const StaticText LOGGER("Typed");
             TERN_LOG_CRITICAL(LOGGER, "A turn of the typed bus threw %s: %s", thrown.Type(), thrown.Text());
-            if (loop != nullptr) {
+            if (sd_event* const loop = getLoop()) {
                 sd_event_exit(loop, -ENOTRECOVERABLE);
             }
         }));
 }
+/// The same with the loop, or with the message that is being handled.
+template <typename Body>
+void RunContained(Body body, sd_event* loop) noexcept {
+    RunContainedIn(body, [loop] { return loop; });
+}
 template <typename Body>
 void RunContained(Body body, sd_bus_message* message) noexcept {
-    RunContained(body, sd_bus_get_event(sd_bus_message_get_bus(message)));
+    RunContainedIn(body, [message] { return sd_bus_get_event(sd_bus_message_get_bus(message)); });
 }
 
 }  // namespace mwl::Typed

@@ -2,7 +2,6 @@
 #include <tern/typed/decode.h>
 #include <tern/typed/remote.h>
 
-#include <cstring>
 #include <string>
 #include <utility>
 
@@ -34,9 +33,14 @@ Error WrongReply(const std::string& text, const char* logged, const Remote* remo
 }  // namespace
 
 bool IsResult(sd_bus_message* reply, const char* signature) noexcept {
-    const char* const found = sd_bus_message_get_signature(reply, 1);
-    return sd_bus_message_is_method_error(reply, nullptr) <= 0 && found != nullptr &&
-           std::strcmp(found, signature) == 0;
+    const char* found = sd_bus_message_get_signature(reply, 1);
+    // Most are of one character, or none.
+    for (; found != nullptr && *found == *signature; ++found, ++signature) {
+        if (*found == '\0') {
+            return sd_bus_message_is_method_error(reply, nullptr) <= 0;
+        }
+    }
+    return false;
 }
 
 Error ErrorOfReply(sd_bus_message* reply, const char* wanted, const Remote* remote) {

@@ -597,7 +597,8 @@ TEST_F(Calls, MayBeTenThousandAtATime) {
 }
 
 TEST_F(Calls, TakeAReplyOf64MiB) {
-    constexpr Number SIZE = 64U << 20U;
+    // sd-bus makes its buffer fit with each piece that it reads, which sanitizers have copied each time.
+    constexpr Number SIZE = (tern::test::SLOWNESS == 1 ? 64U : 4U) << 20U;
     const Outcome<std::string> text =
         Ask(*served, [&] { return proxy->Call(Peer1::Big, SIZE).Within(tern::test::GENEROUS_LIMIT); });
     ASSERT_EQ(Said(text), "");

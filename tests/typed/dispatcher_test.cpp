@@ -213,6 +213,17 @@ TEST_F(DispatcherTest, TheLimitCanBeSet) {
     EXPECT_EQ(mDispatcher.GetRefused(), 2U);
 }
 
+TEST_F(DispatcherTest, TellsWhyItRefuses) {
+    Dispatcher unopened;
+    EXPECT_EQ(unopened.GetStatus(), StatusCode::NotInitialized);
+    EXPECT_EQ(mDispatcher.GetStatus(), StatusCode::Ok);
+    mDispatcher.SetLimit(0);
+    EXPECT_FALSE(mDispatcher.Post([] {}));
+    EXPECT_EQ(mDispatcher.GetStatus(), StatusCode::Ok) << "at its limit it is open all the same";
+    mDispatcher.Close();
+    EXPECT_EQ(mDispatcher.GetStatus(), StatusCode::Stopping);
+}
+
 TEST_F(DispatcherTest, APlaceIsNeverRefusedAndKeepsTheOrder) {
     std::vector<int> ran;
     mDispatcher.SetLimit(1);

@@ -12,7 +12,7 @@ namespace {
 using mwl::Typed::Stoppable;
 using mwl::Typed::Stoppables;
 
-class Waiting : public Stoppable {
+class Waiting final : public Stoppable {
 public:
     explicit Waiting(std::function<void()> onStop) : mOnStop(std::move(onStop)) {}
 
@@ -76,6 +76,29 @@ TEST(Stoppables, RefusesWhatWouldWaitOnceStopped) {
     EXPECT_FALSE(isAccepted);
     EXPECT_FALSE(late.IsWaiting());
     EXPECT_EQ(told, 1);
+}
+
+TEST(Stoppables, TellsThoseOfOneTimeAndLeavesWhoJoinsMeanwhile) {
+    Stoppables list;
+    std::vector<int> told;
+    Waiting late([&] { told.push_back(3); });
+    Waiting second([&] { told.push_back(2); });
+    Waiting first([&] {
+        told.push_back(1);
+        list.Add(late);
+    });
+    list.Add(first);
+    list.Add(second);
+    EXPECT_FALSE(list.IsEmpty());
+
+    list.TellAll();
+    EXPECT_EQ(told, (std::vector{1, 2}));
+    EXPECT_TRUE(late.IsWaiting());
+
+    list.TellAll();
+    EXPECT_EQ(told, (std::vector{1, 2, 3}));
+    EXPECT_TRUE(list.IsEmpty());
+    EXPECT_TRUE(list.Add(first)) << "it is not stopped";
 }
 
 TEST(Stoppables, OneOutlivesTheList) {

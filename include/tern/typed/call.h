@@ -48,19 +48,30 @@ public:
     void ExpectNoReply() noexcept { mIsAnswered = false; }
 
 protected:
+    /// Makes the message; where that fails, the outcome tells.
     CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept;
     /// What has not been sent; `other` counts as sent then.
     CallBase(CallBase&& other) noexcept;
     CallBase& operator=(CallBase&&) = delete;
     ~CallBase();
 
-    void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout; }
+    /// Of one that has not been sent.
+    void SetTimeout(std::chrono::milliseconds timeout) noexcept {
+        if (mPhase == Phase::New) {
+            mTimeout = timeout;
+        }
+    }
     /// True: sent, and OnDone follows. False: there is an outcome already.
     bool Send() noexcept;
-    /// Sends, and has the coroutine go on when there is an outcome. False: it goes on at once.
-    bool Await(std::coroutine_handle<> waiting) noexcept;
-    /// There is an outcome: the coroutine goes on. May destroy this; what it throws is contained.
-    virtual void OnDone();
+    /// There is an outcome, for whoever waits; one who does not take it before this returns calls KeepReply.
+    /// May destroy this; what it throws is contained.
+    virtual void OnDone() = 0;
+    /// The reply lives until the outcome is taken.
+    void KeepReply() noexcept {
+        if (mPhase == Phase::Answered) {
+            mMessage.reset(sd_bus_message_ref(mReply));
+        }
+    }
     /// OnDone will be called at the end of the turn, as there is an outcome already.
     void Postpone() noexcept;
 
@@ -68,9 +79,9 @@ protected:
     template <class R>
     Outcome<R> TakeOutcome(Outcome<R> (*decoder)(sd_bus_message* reply, const Remote* remote)) {
         if (mPhase == Phase::Answered) {
-            const std::unique_ptr<sd_bus_message, Detail::Unref> reply = std::move(mMessage);
+            const std::unique_ptr<sd_bus_message, Detail::Unref> kept = std::move(mMessage);
             mPhase = Phase::Spent;
-            return decoder(reply.get(), mRemote.get());
+            return decoder(mReply, mRemote.get());
         }
         if constexpr (std::is_void_v<R>) {
             if (mPhase == Phase::Sent) {
@@ -85,7 +96,7 @@ private:
     enum class Phase : std::uint8_t {
         New,       ///< not sent; the message is the call
         Waiting,   ///< for the reply
-        Answered,  ///< the message is the reply
+        Answered,  ///< the reply is there
         Sent,      ///< and no answer is to come
         Failed,    ///< see Cause
         Spent,     ///< the outcome has been given, or this one has been moved from
@@ -111,9 +122,11 @@ private:
     std::shared_ptr<const Remote> mRemote;
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
-    std::coroutine_handle<> mWaiting;
-    std::chrono::milliseconds mTimeout;
-    const char* mName = nullptr;
+    union {
+        std::chrono::milliseconds mTimeout;  ///< of a new one
+        const char* mName;                   ///< of one that failed: the argument's, or null
+        sd_bus_message* mReply;              ///< of one that is answered: sd-bus's while it calls
+    };
     unsigned mIndex = 0;
     int mError = 0;
     Phase mPhase = Phase::New;
@@ -142,7 +155,8 @@ protected:
 private:
     void OnDone() final;
 
-    std::unique_ptr<PendingBase> mSelf;
+    /// It is its own.
+    bool mIsReleased = false;
 };
 
 /// A call with its handler.
@@ -289,7 +303,13 @@ public:
     /// Of the coroutine that awaits it: it always asks for what comes.
     bool await_ready() const noexcept { return false; }
     /// Sends it. Where that fails the coroutine goes on at once.
-    bool await_suspend(std::coroutine_handle<> waiting) noexcept { return Await(waiting); }
+    bool await_suspend(std::coroutine_handle<> waiting) noexcept {
+        if (!Send()) {
+            return false;
+        }
+        mWaiting = waiting;
+        return true;
+    }
     /// The outcome.
     Outcome<R> await_resume() { return TakeOutcome<R>(mDecoder); }
 
@@ -298,7 +318,13 @@ private:
         return Decode<R>(reply, remote);
     }
 
+    void OnDone() override {
+        KeepReply();
+        mWaiting.resume();
+    }
+
     const Decoder mDecoder;
+    std::coroutine_handle<> mWaiting;
 };
 
 }  // namespace mwl::Typed
