@@ -2,6 +2,7 @@
 
 #include <tern/foundation/log.h>
 
+#include <cstring>
 #include <ctime>
 #include <utility>
 
@@ -87,8 +88,11 @@ int Departures::OnLinger(sd_event_source*, uint64_t, void* userdata) {
 }
 
 int Departures::OnLeft(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    // sd-bus lets a signal of any sender pass a rule for the message bus's.
+    const char* const sender = sd_bus_message_get_sender(message);
     const char* name = nullptr;
-    if (sd_bus_message_read_basic(message, 's', &name) > 0 && name[0] == ':') {
+    if (sender != nullptr && std::strcmp(sender, BUS_NAME) == 0 &&
+        sd_bus_message_read_basic(message, 's', &name) > 0 && name[0] == ':') {
         RunContained([&] { static_cast<Departures*>(userdata)->mListener(name); }, message);
     }
     return 0;

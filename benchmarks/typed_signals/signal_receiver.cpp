@@ -34,7 +34,6 @@ struct Sender1 {
     static constexpr Signal<std::string_view> Text{"Text"};
     static constexpr Signal<std::uint32_t, double, bool, std::string_view> Four{"Four"};
     static constexpr Signal<std::vector<double>> Doubles{"Doubles"};
-    static constexpr Members<Number, Text, Four, Doubles> ALL{};
 };
 constexpr const char* INTERFACE = Sender1::NAME;
 

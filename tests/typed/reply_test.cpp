@@ -17,6 +17,7 @@
 
 #include "support/interpose.h"
 #include "support/log_capture.h"
+#include "typed/raw_peer.h"
 #include "typed/served_bus.h"
 
 TERN_INTERPOSE(int, sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message** reply),
@@ -471,6 +472,19 @@ TEST_F(ReplyTest, WhoHasLeftTheBusWaitsForNothing) {
     }));
     third.Leave();
     EXPECT_TRUE(WaitUntil([&] { return !mKept[0].reply.IsWanted(); }));
+}
+
+// sd-bus lets a signal of any sender pass a rule for the message bus's.
+TEST_F(ReplyTest, AnotherCannotSayThatACallerHasLeft) {
+    tern::test::RawPeer liar;
+    SendAndTake(1);
+    liar.Ping();
+    liar.EmitTo(tern::test::SERVICE, "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+                "sss", mPeer->Name().c_str(), mPeer->Name().c_str(), "");
+    liar.Ping();
+    EXPECT_TRUE(mKept[0].reply.IsWanted());
+    mKept[0].reply.Return(5);
+    EXPECT_THAT(Answers(1), ElementsAre("5"));
 }
 
 // The bus tells of departures from a moment on that the service does not know; the caller may leave before.

@@ -71,7 +71,6 @@ struct Meter1 {
     static constexpr Signal<> Ticked{"Ticked"};
     static constexpr Signal<Mode> Switched{"Switched", {"mode"}};
     static constexpr Signal<Greedy> Grown{"Grown", {"size"}};
-    static constexpr Members<Measured, Named, Ticked, Switched, Grown> ALL{};
 };
 constexpr const char* METER = Meter1::NAME;
 
