@@ -16,8 +16,13 @@ QUICK = "TERN_BENCHMARK_QUICK" in os.environ
 OURS, HAND, SDBUS_CPP = "tern", "by hand", "sdbus-c++"
 SIDES = [OURS, HAND] + ([SDBUS_CPP] if PLACES["sdbus_cpp"] else [])
 
-CONFIGURATION = """<busconfig><listen>unix:path={folder}/bus</listen><auth>EXTERNAL</auth>
-<limit name="max_replies_per_connection">10000</limit><policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/></policy>
+CONFIGURATION = """<busconfig>
+<listen>unix:path={folder}/bus</listen>
+<auth>EXTERNAL</auth>
+<limit name="max_replies_per_connection">10000</limit>
+<policy context="default">
+<allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/>
+</policy>
 </busconfig>"""
 
 

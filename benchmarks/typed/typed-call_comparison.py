@@ -22,7 +22,7 @@ SHAPES = {
 }
 SERVERS = {OURS: "typed_server", HAND: "hand_server", SDBUS_CPP: "sdbus_cpp_typed_server"}
 SHORT, LONG = (20, 120) if QUICK else (100, 600)
-ROUNDS = 1 if QUICK else 3
+ROUNDS = 1 if QUICK else 2
 
 
 def serve(bench, command, environment, shape, calls):
@@ -38,34 +38,33 @@ def serve(bench, command, environment, shape, calls):
         sys.exit(f"calls of {shape} failed: {client.stderr}{said}")
 
 
-def instructions(bench, side, shape, calls):
+def count(bench, side, shape, calls):
+    """Instructions and requests for memory of one run."""
     command, file = bench.callgrind([f"{PLACES['programs']}/{SERVERS[side]}"])
-    serve(bench, command, dict(bench.environment, LD_PRELOAD=PLACES["preload"]), shape, calls)
-    return instructions_in(file)
+    allocations = bench.folder / "allocations"
+    environment = dict(bench.environment, LD_PRELOAD=PLACES["preload"], TERN_ALLOCATIONS=str(allocations))
+    serve(bench, command, environment, shape, calls)
+    return instructions_in(file), int(allocations.read_text())
 
 
-def allocations(bench, side, shape, calls):
-    file = bench.folder / "allocations"
-    environment = dict(bench.environment, LD_PRELOAD=PLACES["preload"], TERN_ALLOCATIONS=str(file))
-    serve(bench, [f"{PLACES['programs']}/{SERVERS[side]}"], environment, shape, calls)
-    return int(file.read_text())
-
-
-def by_the_call(count, bench, side, shape):
-    return (count(bench, side, shape, LONG) - count(bench, side, shape, SHORT)) / (LONG - SHORT)
+def by_the_call(bench, side, shape):
+    less, more = count(bench, side, shape, SHORT), count(bench, side, shape, LONG)
+    return [(many - few) / (LONG - SHORT) for few, many in zip(less, more)]
 
 
 def main():
-    rows = []
+    instructions, allocations = [], []
     with Bench() as bench:
         for shape, words in SHAPES.items():
-            rounds = [{side: round(by_the_call(instructions, bench, side, shape)) for side in SIDES} for _ in range(ROUNDS)]
-            rows.append(rounds_row(f"{words}: instructions", "", rounds, f"at most 1.03 of {HAND}", HAND, 1.03, (SDBUS_CPP,)))
-        for shape, words in SHAPES.items():
-            values = {side: round(by_the_call(allocations, bench, side, shape), 1) for side in SIDES}
-            rows.append(rounds_row(f"{words}: allocations", "", [values], f"none further than {HAND}", HAND, 1.0))
+            rounds = [{side: by_the_call(bench, side, shape) for side in SIDES} for _ in range(ROUNDS)]
+            counted = [{side: round(both[0]) for side, both in one.items()} for one in rounds]
+            instructions.append(
+                rounds_row(f"{words}: instructions", "", counted, f"at most 1.03 of {HAND}", HAND, 1.03, (SDBUS_CPP,))
+            )
+            counted = [{side: round(both[1], 1) for side, both in one.items()} for one in rounds]
+            allocations.append(rounds_row(f"{words}: allocations", "", counted, f"none further than {HAND}", HAND, 1.0))
     write_results(
-        "typed-call", "A call of a typed method", rows,
+        "typed-call", "A call of a typed method", instructions + allocations,
         "By callgrind, and of malloc, calloc and realloc, of the whole server, with the same key for libsystemd's hash tables on all "
         f"sides. Medians of {ROUNDS} rounds; they do not depend on the load.",
     )

@@ -29,9 +29,9 @@ def build(bench, side):
     return program
 
 
-def run(bench, command):
+def run(bench, command, **more):
     begin = time.perf_counter()
-    process = subprocess.run(command, env=bench.environment, capture_output=True, text=True, check=False)
+    process = subprocess.run(command, env=dict(bench.environment, **more), capture_output=True, text=True, check=False)
     seconds = time.perf_counter() - begin
     require(process, command[-1])
     return seconds
@@ -39,7 +39,7 @@ def run(bench, command):
 
 def instructions(bench, program):
     command, file = bench.callgrind([program])
-    run(bench, command)
+    run(bench, command, LD_PRELOAD=PLACES["preload"])
     return instructions_in(file)
 
 
