@@ -21,7 +21,7 @@ done
 # Tests of a rule that several classes keep, or of one operation or side of a class, which its own test leaves out.
 declare -A of_their_own=()
 for name in dbus_message/hostile_messages dbus_message/key_rule service/stop_order service/hung_bus \
-    utilities/file_system_copy_file typed/churn typed/guide typed/{calls,task,tools,watch}_guide \
+    utilities/file_system_copy_file typed/churn typed/guide typed/{calls,task,tools}_guide \
     timer/short_period_timer_{callback,failures,thread}; do
     of_their_own[$name]=1
 done

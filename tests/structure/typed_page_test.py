@@ -19,7 +19,7 @@ def stands_in(block, source):
 def main():
     project = pathlib.Path(sys.argv[1])
     page = (project / "docs/typed.md").read_text()
-    sources = [lines_of(test.read_text()) for test in sorted((project / "tests/typed").glob("*guide_test.cpp"))]
+    sources = [lines_of(test.read_text()) for test in sorted((project / "tests/typed").glob("*_test.cpp"))]
     blocks = [lines_of(block) for block in re.findall(r"^```cpp\n(.*?)^```$", page, re.MULTILINE | re.DOTALL)]
     failures = 0
     for block in blocks:
@@ -27,7 +27,7 @@ def main():
             failures += 1
             known = {line for source in sources for line in source}
             missing = next((line for line in block if line not in known), block[0])
-            print(f"a block of docs/typed.md is not in tests/typed/*guide_test.cpp, from: {missing}")
+            print(f"a block of docs/typed.md is not in any test of tests/typed, from: {missing}")
     # A block that is not there has to be noticed, else this proves nothing.
     if any(stands_in(blocks[0] + ["int surplus;"], source) for source in sources):
         failures += 1
