@@ -1,4 +1,4 @@
-// The code of docs/typed-tasks.part.md, compiled and run: each block there stands here word for word.
+// The code of docs/typed.md about tasks, compiled and run: each block there stands here word for word.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
