@@ -71,6 +71,12 @@ StatusCode CallBase::GetBusStatus() const noexcept {
     return status == StatusCode::Ok ? StatusCode::Stopping : status;
 }
 
+void CallBase::SetSensitive() noexcept {
+    if (sd_bus_message* const message = GetMessage()) {
+        static_cast<void>(sd_bus_message_sensitive(message));  // of a message that is there
+    }
+}
+
 void CallBase::RefuseArgument(unsigned index, const char* name, int error) noexcept {
     if (mPhase == Phase::New) {
         Fail(Cause::Argument, error);

@@ -9,8 +9,11 @@
 #include <utility>
 #include <vector>
 
+#include "support/interpose.h"
 #include "support/log_capture.h"
 #include "typed/peer_service.h"
+
+TERN_INTERPOSE(int, sd_bus_message_sensitive, (sd_bus_message * message), (message))
 
 namespace mwl::Typed {
 namespace {
@@ -56,6 +59,30 @@ TEST_F(ProxyTest, IsNeverWithoutAnObject) {
     EXPECT_EQ(other.GetRemote(), moved.GetRemote());
     moved.SetTimeout(7s);
     EXPECT_EQ(other.GetRemote()->GetTimeout(), 7s);
+}
+
+struct Safe1 {
+    static constexpr const char* NAME = "com.example.Safe1";
+    static constexpr Method<void(std::string_view)> Open{"Open", {"password"}, OPEN | SENSITIVE};
+    static constexpr Method<void(std::string_view)> Knock{"Knock", {"text"}, OPEN};
+    static constexpr Members<Open, Knock> ALL{};
+};
+
+TEST_F(ProxyTest, HasTheMemoryOfSensitiveCallsErased) {
+    const Proxy<Safe1> safe(*served.typed, PEER, PEER_PATH);
+    const tern::test::FaultScope scope(fault_sd_bus_message_sensitive);
+    served.On([&] {
+        std::vector<sd_bus_message*> sensitive;
+        fault_sd_bus_message_sensitive.Replace(
+            [&](sd_bus_message* message) {
+                sensitive.push_back(message);
+                return fault_sd_bus_message_sensitive.Real(message);
+            },
+            2);
+        const Call<void> plain = safe.Call(Safe1::Knock, "hello");
+        const Call<void> secret = safe.Call(Safe1::Open, "secret");
+        EXPECT_THAT(sensitive, testing::ElementsAre(secret.GetMessage()));
+    });
 }
 
 TEST_F(ProxyTest, CallsWithResultsOfEachNumber) {

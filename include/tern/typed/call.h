@@ -48,6 +48,8 @@ public:
     void Refuse(Error reason);
     /// Nobody answers the method: the outcome is there once the call has been sent. Before that.
     void ExpectNoReply() noexcept { mIsAnswered = false; }
+    /// Its memory is erased when it is released, see sd_bus_message_sensitive(3). Before it is sent.
+    void SetSensitive() noexcept;
 
 protected:
     /// Makes the message; where that fails, the outcome tells.

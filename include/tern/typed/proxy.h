@@ -122,6 +122,9 @@ Call<Owned<R>> CallMethod(const std::shared_ptr<Remote>& remote, const char* int
     if (method.flags.Has(NO_REPLY)) {
         call.ExpectNoReply();
     }
+    if (method.flags.Has(SENSITIVE)) {
+        call.SetSensitive();
+    }
     WriteArguments(call, method.names.data(), value...);
     return call;
 }
