@@ -1,4 +1,5 @@
-// The code of docs/typed.md about calls of other services, compiled and run: each block there stands here word for word.
+// The code of docs/typed.md about calls of other services, compiled and run: each block there stands here
+// word for word.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,7 +43,7 @@ public:
     }
 
 private:
-    static Outcome<void> Boost(std::uint32_t seconds) {
+    Outcome<void> Boost(std::uint32_t seconds) {
         return seconds <= 3600 ? Outcome<void>() : Error::InvalidArgs("more than an hour");
     }
     void SetTarget(double celsius) { mTarget = celsius; }
@@ -93,8 +94,7 @@ TEST(CallsGuide, TheBlocksDoWhatTheTextSays) {
     const tern::test::PrivateBus daemon;
     tern::test::Served served([](tern::test::Served& service) {
         EXPECT_GE(sd_bus_request_name(service.manager->GetBus(), "com.example.Heater", 0), 0);
-        service.exported.push_back(
-            service.typed->Export("/com/example/Heater", std::make_unique<Heater>()));
+        service.exported.push_back(service.typed->Export("/com/example/Heater", std::make_unique<Heater>()));
     });
     std::optional<Panel> panel;
     Task<> warming;
