@@ -338,8 +338,9 @@ struct ListeningBase::State {
     }
 };
 
-ListeningBase::ListeningBase(std::shared_ptr<BlockingBus> bus, std::string destination, std::string path,
-                             const char* interface, const char* member, milliseconds limit)
+ListeningBase::ListeningBase(std::shared_ptr<BlockingBus> bus, std::string destination,
+                             const std::string& path, const char* interface, const char* member,
+                             milliseconds limit)
     : mState(std::make_unique<State>()) {
     State& state = *mState;
     state.owner = std::move(bus);

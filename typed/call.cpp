@@ -38,7 +38,8 @@ CallBase::CallBase(std::shared_ptr<const Remote> remote, const char* interface, 
 }
 
 CallBase::CallBase(CallBase&& other) noexcept
-    : mRemote(other.mRemote),
+    // A copy: what becomes of `other` is told with it.
+    : mRemote(other.mRemote),  // NOLINT(performance-move-constructor-init)
       mMessage(std::move(other.mMessage)),
       mTimeout(other.mPhase == Phase::New ? other.mTimeout : std::chrono::milliseconds(0)),
       mIndex(other.mIndex),

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <new>
 #include <string_view>
 #include <utility>
 
@@ -442,10 +441,15 @@ ObjectMirror::~ObjectMirror() {
 }
 
 const ObjectMirror::Objects& ObjectMirror::GetObjects() const noexcept {
-    // Lives for ever, as StaticText does.
-    alignas(Objects) static std::byte storage[sizeof(Objects)];
-    static const Objects* const NONE = new (storage) Objects();
-    return mState != nullptr ? mState->objects : *NONE;
+    /// Lives for ever, as StaticText does.
+    union Forever {
+        Objects objects;
+        Forever() : objects() {}
+        ~Forever() {}  // NOLINT(modernize-use-equals-default): that is deleted
+    };
+    static const Forever NONE;
+    // NOLINTNEXTLINE(clang-analyzer-core.uninitialized.UndefReturn): it is initialised, in a union
+    return mState != nullptr ? mState->objects : NONE.objects;
 }
 
 std::size_t ObjectMirror::GetOmitted() const noexcept {

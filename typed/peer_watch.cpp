@@ -62,7 +62,7 @@ struct PeerWatch::State final : NameOwner::Listener, std::enable_shared_from_thi
 
 PeerWatch::PeerWatch() noexcept = default;
 
-PeerWatch::PeerWatch(const Bus& bus, std::string name, OnAppear onAppear, OnVanish onVanish)
+PeerWatch::PeerWatch(const Bus& bus, const std::string& name, OnAppear onAppear, OnVanish onVanish)
     : mState(std::make_shared<State>(BusAccess::GetState(bus), std::move(onAppear), std::move(onVanish))) {
     AssertDBusThread(*mState->bus);
     mState->Begin(name);

@@ -44,7 +44,7 @@ using ArgumentsWriter = std::function<int(sd_bus_message* message, unsigned& ind
 /// What of a Listening does not depend on types.
 class TERN_API ListeningBase {
 protected:
-    ListeningBase(std::shared_ptr<BlockingBus> bus, std::string destination, std::string path,
+    ListeningBase(std::shared_ptr<BlockingBus> bus, std::string destination, const std::string& path,
                   const char* interface, const char* member, std::chrono::milliseconds limit);
     ListeningBase(ListeningBase&& other) noexcept;
     ListeningBase& operator=(ListeningBase&& other) noexcept;
@@ -152,10 +152,10 @@ public:
 
     /// Has the bus pass the signals on from now on; blocks until it has confirmed that, at most for `limit`.
     /// `signature` is that of T; it and the names stay where they are. Throws std::bad_alloc.
-    Listening(std::shared_ptr<BlockingBus> bus, std::string destination, std::string path,
+    Listening(std::shared_ptr<BlockingBus> bus, std::string destination, const std::string& path,
               const char* interface, const char* member, const char* signature,
               std::chrono::milliseconds limit)
-        : ListeningBase(std::move(bus), std::move(destination), std::move(path), interface, member, limit),
+        : ListeningBase(std::move(bus), std::move(destination), path, interface, member, limit),
           mSignature(signature) {}
 
     /// Whether it listens, or why it does not, which Next tells as well: the errors of BlockingBus, or what

@@ -51,12 +51,14 @@ public:
     /// Its memory is erased when it is released, see sd_bus_message_sensitive(3). Before it is sent.
     void SetSensitive() noexcept;
 
+    /// What is sent stays where it is.
+    CallBase& operator=(CallBase&&) = delete;
+
 protected:
     /// Makes the message; where that fails, the outcome tells.
     CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept;
     /// What has not been sent; `other` counts as sent then.
     CallBase(CallBase&& other) noexcept;
-    CallBase& operator=(CallBase&&) = delete;
     ~CallBase();
 
     /// Of one that has not been sent.

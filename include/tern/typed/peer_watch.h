@@ -47,7 +47,7 @@ public:
     ///
     /// The bus is not open: nothing is told, GetStatus is NotInitialized.
     /// `name` is no name of a bus: told as absent, GetStatus is InvalidArgument.
-    PeerWatch(const Bus& bus, std::string name, OnAppear onAppear, OnVanish onVanish);
+    PeerWatch(const Bus& bus, const std::string& name, OnAppear onAppear, OnVanish onVanish);
     /// Takes the watch over; `other` is none then.
     PeerWatch(PeerWatch&& other) noexcept;
     /// The watch held before ends.

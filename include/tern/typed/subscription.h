@@ -144,6 +144,7 @@ template <class F, class... A>
 class SignalRunner final : public SignalHandler {
 public:
     template <class Given>
+    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): made by SubscribeTo alone
     explicit SignalRunner(Given&& handler) : mHandler(std::forward<Given>(handler)) {}
 
     int Run(sd_bus_message* signal) override {

@@ -74,7 +74,8 @@ template <class A>
 auto ToTask(A&& awaitable) {
     using Value = std::remove_cvref_t<A>;
     if constexpr (IS_TASK<Value>) {
-        return Value(std::move(awaitable));
+        // Taken over in any case, as co_await does.
+        return Value(static_cast<Value&&>(awaitable));
     } else {
         static_assert(!std::is_lvalue_reference_v<A>, "what is awaited together is given away: std::move");
         return AwaitAsTask<Value>(std::forward<A>(awaitable));
