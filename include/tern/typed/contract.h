@@ -425,7 +425,7 @@ constexpr bool IsIn(Members<All...>) {
 
 /// The bit of a property among those of its contract that announce their changes.
 template <const auto& M, const auto&... All>
-constexpr std::uint64_t ChangeBit(Members<All...>) {
+consteval std::uint64_t ChangeBit(Members<All...>) {
     const bool isIt[] = {std::is_same_v<Tag<M>, Tag<All>>...};
     const bool isAnnounced[] = {All.flags.Has(EMITS | INVALIDATES)...};
     std::uint64_t bit = 1;

@@ -3,7 +3,9 @@
 
 Pending Ask(const Proxy<Room1>& room) {
 #ifdef MENDED
-    return room.Get(Room1::Level).Then([](const Outcome<int>& outcome) { static_cast<void>(outcome.IsOk()); });
+    return room.Get(Room1::Level).Then([](const Outcome<int>& outcome) {
+        static_cast<void>(outcome.IsOk());
+    });
 #else
     return room.Get(Room1::Level).Then([](const Outcome<int>& outcome) { return outcome.IsOk(); });
 #endif

@@ -6,9 +6,13 @@ using namespace mwl::Typed;
 struct Value {
     int a;
 #ifdef MENDED
-    static constexpr auto DBusFields() { return Fields(Field("A", &Value::a)); }
+    static constexpr auto DBusFields() {
+        return Fields(Field("A", &Value::a));
+    }
 #else
-    static constexpr auto DBusFields() { return Fields(); }
+    static constexpr auto DBusFields() {
+        return Fields();
+    }
 #endif
 };
 
