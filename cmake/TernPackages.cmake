@@ -98,7 +98,12 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each descriptio
 # tern_package_of(NAME FILE...): sets NAME_package to the name of the package that holds the first of the files.
 function(tern_package_of name file)
   file(REAL_PATH ${file} file)
-  execute_process(COMMAND dpkg-query -S ${file} OUTPUT_VARIABLE package COMMAND_ERROR_IS_FATAL ANY)
+  # dpkg may know it by its former place: /lib has become a link to /usr/lib.
+  string(REGEX REPLACE "^/usr/lib/" "/lib/" former "${file}")
+  execute_process(COMMAND dpkg-query -S ${file} OUTPUT_VARIABLE package ERROR_QUIET)
+  if(package STREQUAL "")
+    execute_process(COMMAND dpkg-query -S ${former} OUTPUT_VARIABLE package COMMAND_ERROR_IS_FATAL ANY)
+  endif()
   string(REGEX REPLACE "[:,].*" "" package "${package}")
   set(${name}_package ${package} PARENT_SCOPE)
 endfunction()

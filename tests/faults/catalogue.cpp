@@ -233,6 +233,8 @@ std::vector<Faultable> MakeCatalogue() {
                                                   {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EEXIST)}),
         MakeFaultable<"sd_bus_attach_event">(&::sd_bus_attach_event,
                                              {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EBUSY)}),
+        MakeFaultable<"sd_bus_call_async">(&::sd_bus_call_async,
+                                           {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(ENOTCONN)}),
         MakeFaultable<"sd_bus_call_method">(CallMethod{}, {TERN_NEGATIVE(ETIMEDOUT), TERN_NEGATIVE(ENOTCONN),
                                                            TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EACCES)}),
         MakeFaultable<"sd_bus_call_method_async">(CallMethodLater{},
@@ -255,6 +257,8 @@ std::vector<Faultable> MakeCatalogue() {
             {TERN_NEGATIVE(ETIMEDOUT), TERN_NEGATIVE(ENOTCONN), TERN_NEGATIVE(ENXIO)}),
         MakeFaultable<"sd_bus_list_names">(&::sd_bus_list_names,
                                            {TERN_NEGATIVE(ETIMEDOUT), TERN_NEGATIVE(ENOTCONN)}),
+        MakeFaultable<"sd_bus_match_signal_async">(&::sd_bus_match_signal_async,
+                                                   {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(ENOTCONN)}),
         MakeFaultable<"sd_bus_message_append_array">(&::sd_bus_message_append_array, {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_bus_message_append_basic">(&::sd_bus_message_append_basic,
                                                      {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EINVAL)}),
@@ -262,6 +266,8 @@ std::vector<Faultable> MakeCatalogue() {
                                                             {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_bus_message_close_container">(&::sd_bus_message_close_container,
                                                         {TERN_NEGATIVE(ENOMEM)}),
+        MakeFaultable<"sd_bus_message_copy">(&::sd_bus_message_copy,
+                                             {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EBADMSG)}),
         MakeFaultable<"sd_bus_message_enter_container">(
             &::sd_bus_message_enter_container,
             {TERN_NEGATIVE(ENXIO), TERN_NEGATIVE(EBADMSG), TERN_NEGATIVE(ENOMEM)}),
@@ -285,6 +291,11 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"sd_bus_open_system">(
             &::sd_bus_open_system, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(ENOENT), TERN_NEGATIVE(ENOMEM),
                                     TERN_NEGATIVE(EMFILE)}),
+        MakeFaultable<"sd_bus_open_user">(
+            &::sd_bus_open_user, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(ENOENT), TERN_NEGATIVE(ENOMEM),
+                                  TERN_NEGATIVE(EMFILE)}),
+        MakeFaultable<"sd_bus_process">(&::sd_bus_process,
+                                        {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(ECONNRESET)}),
         MakeFaultable<"sd_bus_query_sender_creds">(
             &::sd_bus_query_sender_creds,
             {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(ENXIO), TERN_NEGATIVE(ETIMEDOUT)}),
@@ -298,6 +309,10 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"sd_bus_request_name">(
             &::sd_bus_request_name, {TERN_NEGATIVE(EEXIST), TERN_NEGATIVE(EPERM), TERN_NEGATIVE(ETIMEDOUT)}),
         MakeFaultable<"sd_bus_send">(&::sd_bus_send, {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(ENOBUFS)}),
+        MakeFaultable<"sd_bus_set_address">(&::sd_bus_set_address, {TERN_NEGATIVE(ENOMEM)}),
+        MakeFaultable<"sd_bus_start">(&::sd_bus_start, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(ENOENT),
+                                                        TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EMFILE)}),
+        MakeFaultable<"sd_bus_wait">(&::sd_bus_wait, {TERN_NEGATIVE(ENOTCONN), NOTHING}),
 
         // sd-event and the notification.
         MakeFaultable<"sd_event_add_defer">(&::sd_event_add_defer, {TERN_NEGATIVE(ENOMEM)}),
@@ -376,6 +391,18 @@ const std::map<std::string, const char*>& Exemptions() {
         {"getenv", ONLY_MEMORY},
         {"isatty", "its answer is no error: both are tested with real streams"},
         {"sd_bus_close", GOES_AWAY},
+        {"sd_bus_close_unref", GOES_AWAY},
+        {"sd_bus_error_has_name", ONLY_MEMORY},
+        {"sd_bus_member_name_is_valid", ONLY_MEMORY},
+        {"sd_bus_message_get_signature", VALID_ARGUMENT},
+        {"sd_bus_message_has_signature", VALID_ARGUMENT},
+        {"sd_bus_message_is_signal", VALID_ARGUMENT},
+        {"sd_bus_message_sensitive", VALID_ARGUMENT},
+        {"sd_bus_message_set_expect_reply", VALID_ARGUMENT},
+        {"sd_bus_object_path_is_valid", ONLY_MEMORY},
+        {"sd_bus_ref", CANNOT_FAIL},
+        {"sd_bus_service_name_is_valid", ONLY_MEMORY},
+        {"sd_bus_set_bus_client", VALID_ARGUMENT},
         {"sd_bus_get_current_message", VALID_ARGUMENT},
         {"sd_bus_get_event", VALID_ARGUMENT},
         {"sd_bus_get_method_call_timeout", VALID_ARGUMENT},

@@ -718,7 +718,7 @@ TEST_F(Calls, EndWithIoErrorWhenTheBusDies) {
         }
     });
     Settle();
-    served->onStop = [&] { waiting.clear(); };
+    On([&] { served->onStop = [&] { waiting.clear(); }; });
     daemon.Kill();
     EXPECT_TRUE(WaitUntil([&] { return !served->typed->Post([] {}); }));
     served->End();
