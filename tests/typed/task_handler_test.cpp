@@ -149,6 +149,7 @@ TEST_F(TaskHandlerTest, AnswersWhenItIsDone) {
 }
 
 TEST_F(TaskHandlerTest, AnswersAtOnceWhenItDoesNotWait) {
+    mServed->On([&] { hall->onWork = [](Hall::Number) -> Task<> { co_return; }; });
     Open();
     Send("Twice", "u", 1U);
     Send("Text", "s", "a text that does not fit into the string object itself");
@@ -159,7 +160,6 @@ TEST_F(TaskHandlerTest, AnswersAtOnceWhenItDoesNotWait) {
     Send("Ask", "u", 0U);
     Send("Both");
     Send("Free");
-    mServed->On([&] { hall->onWork = [](Hall::Number) -> Task<> { co_return; }; });
     ASSERT_TRUE(Wait(9));
     EXPECT_THAT(answers,
                 ElementsAre("2", "a text that does not fit into the string object itself!", "", "",
