@@ -20,9 +20,10 @@ struct Expat {
     decltype(&XML_StopParser) stop = nullptr;
     decltype(&XML_GetErrorCode) getErrorCode = nullptr;
     decltype(&XML_ErrorString) errorString = nullptr;
-    decltype(&XML_GetCurrentLineNumber) getLine = nullptr;
-    decltype(&XML_GetCurrentByteIndex) getByteIndex = nullptr;
-    decltype(&XML_GetCurrentByteCount) getByteCount = nullptr;
+    // Written out: newer headers warn of these three, and older libraries do not have what they name instead.
+    XML_Size (*getLine)(XML_Parser) = nullptr;
+    XML_Index (*getByteIndex)(XML_Parser) = nullptr;
+    int (*getByteCount)(XML_Parser) = nullptr;
 
     /// Loads it unless it is there already. Null when it cannot be loaded or lacks a function; `fault` tells
     /// why then. The next call tries again. Throws std::bad_alloc.
