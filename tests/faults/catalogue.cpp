@@ -439,7 +439,7 @@ const std::map<std::string, const char*>& Exemptions() {
         {"memset", ONLY_MEMORY},
         {"snprintf", ONLY_MEMORY},
         {"vsnprintf", ONLY_MEMORY},
-        {"__isoc99_sscanf", ONLY_MEMORY},
+        {"sscanf", ONLY_MEMORY},
         {"strcasecmp", ONLY_MEMORY},
         {"strcmp", ONLY_MEMORY},
         {"strerror_r", ONLY_MEMORY},

@@ -34,8 +34,8 @@ struct Faultable {
     std::vector<Failure> failures;
 };
 
-/// `name` without what the C library adds on some platforms to tell large files and wide times: "open64" and
-/// "__stat64_time64" are "open" and "stat".
+/// `name` without what the C library adds on some platforms to tell large files, wide times and a newer C:
+/// "open64", "__stat64_time64" and "__isoc23_strtol" are "open", "stat" and "strtol".
 std::string PlainName(const std::string& name);
 
 }  // namespace tern::test
