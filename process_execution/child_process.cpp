@@ -12,6 +12,7 @@
 
 #include "foundation/error_text.h"
 #include "process_execution/logger.h"
+#include "process_execution/start_sharing.h"
 
 namespace mwl::ProcessExecution {
 
@@ -28,31 +29,39 @@ struct StartFailure {
     int error;
 };
 
-/// The child does not log: another thread of the parent may have held the logger's or the allocator's locks
-/// at the fork, and the message would land in the program's output.
-[[noreturn]] void FailInChild(int reportFd, Stage stage) {
+/// What the child works with.
+struct Plan {
+    const char* path;
+    char* const* argv;
+    int input;
+    int output;
+    int report;
+};
+
+/// The child does not log: another thread of the parent may hold the logger's or the allocator's locks, and
+/// the message would land in the program's output.
+int FailInChild(const Plan& plan, Stage stage) {
     const StartFailure failure{stage, errno};
     // The pipe is empty and of this child alone: nothing is left to do when even this fails.
-    static_cast<void>(!write(reportFd, &failure, sizeof failure));
-    _exit(1);
+    static_cast<void>(!write(plan.report, &failure, sizeof failure));
+    return 1;
 }
 
-/// Between fork and exec: nothing here may allocate, lock or run the parent's clean-up.
-[[noreturn]] void RunChild(const char* path, char* const* argv, const Pipe& input, const Pipe& output,
-                           int reportFd) {
-    if (dup2(input.readEnd.Get(), STDIN_FILENO) < 0) {
-        FailInChild(reportFd, Stage::Stdin);
+/// Executes the program; otherwise returns the exit status. See StartSharing for what may be done here. The
+/// other ends of the pipes close themselves.
+int RunChild(void* data) {
+    const Plan& plan = *static_cast<const Plan*>(data);
+    if (dup2(plan.input, STDIN_FILENO) < 0) {
+        return FailInChild(plan, Stage::Stdin);
     }
-    if (dup2(output.writeEnd.Get(), STDOUT_FILENO) < 0) {
-        FailInChild(reportFd, Stage::Stdout);
+    if (dup2(plan.output, STDOUT_FILENO) < 0) {
+        return FailInChild(plan, Stage::Stdout);
     }
-    if (dup2(output.writeEnd.Get(), STDERR_FILENO) < 0) {
-        FailInChild(reportFd, Stage::Stderr);
+    if (dup2(plan.output, STDERR_FILENO) < 0) {
+        return FailInChild(plan, Stage::Stderr);
     }
-    static_cast<void>(close(input.writeEnd.Get()));
-    static_cast<void>(close(output.readEnd.Get()));
-    static_cast<void>(execv(path, argv));
-    FailInChild(reportFd, Stage::Execute);
+    static_cast<void>(execv(plan.path, plan.argv));
+    return FailInChild(plan, Stage::Execute);
 }
 
 /// By number, as C libraries before 2.36 have no function for it. A kernel before 5.3 answers ENOSYS.
@@ -88,18 +97,16 @@ StatusCode ChildProcess::Start(const std::string& path, const std::vector<char*>
     if (!mFailure.Open(O_NONBLOCK)) {
         return mw::tern::MakeStatusCodeFromErrno(errno);
     }
-    const char* const program = path.c_str();
-    // Before the fork: there must be memory to remember the child by.
+    Plan plan{path.c_str(), argv.data(), mInput.readEnd.Get(), mOutput.writeEnd.Get(),
+              mFailure.writeEnd.Get()};
+    // Before the start: there must be memory to remember the child by.
     auto left = std::make_unique<LeftChild>();
     left->parent = getpid();
-    mPid = fork();
+    mPid = StartSharing(RunChild, &plan);
     if (mPid < 0) {
         const int error = errno;
         TERN_LOG_ERROR(LOGGER, "Fork process failed with error code: [%s]", ErrorText(error));
         return mw::tern::MakeStatusCodeFromErrno(error);
-    }
-    if (mPid == 0) {
-        RunChild(program, argv.data(), mInput, mOutput, mFailure.writeEnd.Get());
     }
     left->pid = mPid;
     mLeft = std::move(left);
@@ -124,8 +131,8 @@ void ChildProcess::CloseChildEnds() {
 }
 
 void ChildProcess::AwaitStart() {
-    // Executing closes the child's end. A program that another thread starts may hold a copy until it does
-    // too.
+    // Executing closes the child's end, mostly before Start returns (see StartSharing). A program that
+    // another thread starts may hold a copy until it does too.
     pollfd report{mFailure.readEnd.Get(), POLLIN, 0};
     static_cast<void>(poll(&report, 1, START_LIMIT_MS));
 }
@@ -146,7 +153,7 @@ void ChildProcess::LogStartFailure() {
             TERN_LOG_ERROR(LOGGER, "Duplicate Stderr failed with error code: [%s]", ErrorText(failure.error));
             break;
         case Stage::Execute:
-            // 0 is meant: it is the number that fork gave the process which this message is about.
+            // 0 is meant: it is the number that the child's own side knows it by.
             TERN_LOG_ERROR(LOGGER, "PID[%d] Failed to execute command with error [%s]", 0,
                            ErrorText(failure.error));
             break;

@@ -23,9 +23,9 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
     ~ChildProcess();
 
-    /// Makes the pipes, forks and executes `path` with `argv` (ended by a null pointer). Ok as soon as the
-    /// fork succeeded; otherwise the failure is logged, the status is that of errno, everything is closed
-    /// again. A child that then cannot execute ends with exit status 1: see LogStartFailure.
+    /// Makes the pipes, starts a child and executes `path` in it with `argv` (ended by a null pointer). Ok as
+    /// soon as there is a child; otherwise the failure is logged, the status is that of errno, everything is
+    /// closed again. A child that cannot execute ends with exit status 1: see LogStartFailure.
     StatusCode Start(const std::string& path, const std::vector<char*>& argv);
 
     pid_t GetPid() const { return mPid; }

@@ -15,6 +15,7 @@
 #include "foundation/handle.h"
 #include "service/hang_up.h"
 #include "service/loop_guard.h"
+#include "service/message_batch.h"
 #include "service/vtable_fault.h"
 
 namespace mw::tern {
@@ -32,8 +33,15 @@ constexpr std::chrono::seconds AFTER_STOP_SIGNAL{1};
 /// megabytes in this time, and the rest of a unit's TimeoutStopSec=5 is for the workers.
 constexpr std::chrono::seconds FLUSH_LIMIT{2};
 
-/// Goes before sd-bus's own part in the end of the loop, which flushes without a limit and closes.
+/// Goes before sd-bus's own part: in the end of the loop, which flushes without a limit and closes; and
+/// before a wait, which looks at what is queued.
 constexpr int BEFORE_SD_BUS = SD_EVENT_PRIORITY_NORMAL - 1;
+
+/// Of the loop and its connection.
+struct Turn {
+    sd_bus* bus;
+    MessageBatch batch;
+};
 
 int FlushWithinTheLimit(sd_event_source*, void* userdata) {
     auto* const bus = static_cast<sd_bus*>(userdata);
@@ -53,16 +61,20 @@ int FlushWithinTheLimit(sd_event_source*, void* userdata) {
     return 0;
 }
 
-/// Runs before each wait of the loop. A connection that is lost, or closed by anybody, has left its loop by
-/// then; so none of the filters and matches that see the signal of it can keep the service alive. A
-/// filter, from which one of the application's could hide the signal, costs a call some 200 instructions
-/// less, which its processor time does not show.
-int EndWhenDetached(sd_event_source* source, void* bus) {
-    if (sd_bus_get_event(static_cast<sd_bus*>(bus)) != nullptr) {
-        return 0;
+/// What runs before each wait of the loop.
+///
+/// A connection that is lost, or closed by anybody, has left its loop by then; so none of the filters and
+/// matches that see the signal of it can keep the service alive. A filter, from which one of the
+/// application's could hide the signal, costs a call some 200 instructions less, which its processor time
+/// does not show.
+int BeforeEachWait(sd_event_source* source, void* userdata) {
+    auto& turn = *static_cast<Turn*>(userdata);
+    sd_event* const loop = sd_event_source_get_event(source);
+    if (sd_bus_get_event(turn.bus) != nullptr) {
+        turn.batch.Handle(loop);
     }
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
-    return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
+    return sd_bus_get_event(turn.bus) != nullptr ? 0 : sd_event_exit(loop, -ECONNRESET);
 }
 
 int NeverCalled(sd_event_source*, uint64_t, void*) {
@@ -78,8 +90,9 @@ struct DBusServerManager::State {
     std::unordered_set<const DBusInterface*> interfaces;
     /// Those that sd-bus has accepted.
     std::unordered_set<const sd_bus_vtable*> soundTables;
-    /// Has the loop look at the connection: a timer that never expires.
-    mwl::Handle<sd_event_source, sd_event_source_disable_unref> lossWatch;
+    std::unique_ptr<Turn> turn;
+    /// Has the loop look at the connection before it waits: a timer that never expires.
+    mwl::Handle<sd_event_source, sd_event_source_disable_unref> beforeWait;
     /// Bounds the flush when the loop ends.
     mwl::Handle<sd_event_source, sd_event_source_disable_unref> flush;
 };
@@ -88,7 +101,7 @@ DBusServerManager::DBusServerManager(const std::string& name)
     : mName(name), mState(std::make_unique<State>()) {}
 
 DBusServerManager::~DBusServerManager() {
-    if (mState->lossWatch != nullptr) {
+    if (mState->beforeWait != nullptr) {
         SetLoopBus(nullptr);
     }
     // The bus before the loop, of which the sources hold a reference; they cannot fire in between.
@@ -119,11 +132,16 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     if (loop.GetEvent() == nullptr) {
         return MakeStatusCodeFromReturnCode(-EINVAL);
     }
+    auto turn = std::make_unique<Turn>(Turn{mBus, MessageBatch(mBus)});
     sd_event_source* source = nullptr;
-    int r = sd_event_add_time(loop.GetEvent(), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, mBus);
-    decltype(State::lossWatch) lossWatch(source);
+    int r =
+        sd_event_add_time(loop.GetEvent(), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, turn.get());
+    decltype(State::beforeWait) beforeWait(source);
     if (r >= 0) {
-        r = sd_event_source_set_prepare(source, EndWhenDetached);
+        r = sd_event_source_set_prepare(source, BeforeEachWait);
+    }
+    if (r >= 0) {
+        r = sd_event_source_set_priority(source, BEFORE_SD_BUS);
     }
     source = nullptr;
     if (r >= 0) {
@@ -139,7 +157,8 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     if (r < 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to attach event loop (%d, %s)", r, ErrorText(-r));
     } else {
-        mState->lossWatch = std::move(lossWatch);
+        mState->turn = std::move(turn);
+        mState->beforeWait = std::move(beforeWait);
         mState->flush = std::move(flush);
         SetLoopBus(mBus);
     }

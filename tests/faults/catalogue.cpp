@@ -194,7 +194,9 @@ std::vector<Faultable> MakeCatalogue() {
         // Processes and signals.
         MakeFaultable<"execv">(
             &::execv, {TERN_ERRNO(ENOENT), TERN_ERRNO(EACCES), TERN_ERRNO(ENOMEM), TERN_ERRNO(ETXTBSY)}),
-        MakeFaultable<"fork">(&::fork, {TERN_ERRNO(EAGAIN), TERN_ERRNO(ENOMEM)}),
+        MakeFaultable<"clone">(CloneCall{}, {TERN_ERRNO(EAGAIN), TERN_ERRNO(ENOMEM)}),
+        MakeFaultable<"mmap">(&::mmap, {TERN_ERRNO(ENOMEM), TERN_ERRNO(EAGAIN)}),
+        MakeFaultable<"mprotect">(&::mprotect, {TERN_ERRNO(ENOMEM)}),
         MakeFaultable<"kill">(&::kill, {TERN_ERRNO(ESRCH), TERN_ERRNO(EPERM)}),
         MakeFaultable<"nanosleep">(&::nanosleep, {TERN_ERRNO(EINTR)}),
         MakeFaultable<"pthread_kill">(&::pthread_kill, {TERN_NUMBER(ESRCH), TERN_NUMBER(EAGAIN)}),
@@ -374,6 +376,8 @@ const char* const RUNTIME = "the compiler's own";
 const std::map<std::string, const char*>& Exemptions() {
     static const std::map<std::string, const char*> exemptions = {
         {"_exit", CANNOT_FAIL},
+        {"munmap", GOES_AWAY},
+        {"sysconf", VALID_ARGUMENT},
         {"abort", CANNOT_FAIL},
         {"clock_gettime", VALID_ARGUMENT},
         {"geteuid", CANNOT_FAIL},

@@ -8,7 +8,7 @@ namespace tern::test {
 /// One way in which a call fails.
 struct Failure {
     enum class Way {
-        Errno,        ///< not called; -1 or a null pointer, and `errno`
+        Errno,        ///< not called; -1, a null pointer or MAP_FAILED, and `errno`
         Number,       ///< not called; the error number itself, as the pthread functions have it
         Negative,     ///< not called; the negative error number, as sd-bus and sd-event have it
         Zip,          ///< not called; -1 or a null pointer, and libzip's code in the archive or entry

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <zip.h>
 
@@ -29,6 +30,8 @@ struct FunctionName {
 
 /// syscall(2) with its most arguments.
 using RawCall = long (*)(long, long, long, long, long, long, long);
+/// clone(2) without the arguments that our flags do not need.
+using CloneCall = int (*)(int (*)(void*), void*, int, void*);
 
 /// Takes the place of one function in the import tables: asks whether this call is to happen.
 template <FunctionName NAME, typename Result, typename... Arguments>
@@ -52,8 +55,10 @@ public:
     static inline unsigned number = 0;
 
 private:
-    static constexpr Result Failed() {
-        if constexpr (std::is_pointer_v<Result>) {
+    static Result Failed() {
+        if constexpr (std::is_same_v<Function, decltype(&::mmap)>) {
+            return MAP_FAILED;
+        } else if constexpr (std::is_pointer_v<Result>) {
             return nullptr;
         } else {
             return static_cast<Result>(-1);

@@ -37,7 +37,13 @@
 TERN_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags))
 TERN_INTERPOSE_TIME(int, fcntl64, __fcntl_time64, (int fd, int operation, long argument),
                     (fd, operation, argument))
+#ifdef __SANITIZE_THREAD__  // where children are started another way
 TERN_INTERPOSE(pid_t, fork, (), ())
+static auto& fault_start = fault_fork;
+#else
+TERN_INTERPOSE(int, clone, (int (*run)(void*), void* stack, int flags, void* data), (run, stack, flags, data))
+static auto& fault_start = fault_clone;
+#endif
 TERN_INTERPOSE(int, dup2, (int from, int to), (from, to))
 TERN_INTERPOSE(int, execv, (const char* path, char* const* argv), (path, argv))
 TERN_INTERPOSE(int, _exit, (int status), (status))
@@ -1225,10 +1231,10 @@ TEST_F(CommandTest, FailingPipes) {
     }
 }
 
-TEST_F(CommandTest, AFailingFork) {
-    FaultScope scope(fault_fork);
+TEST_F(CommandTest, AFailingStart) {
+    FaultScope scope(fault_start);
     LogCapture log;
-    fault_fork.Fail(-1, EAGAIN);
+    fault_start.Fail(-1, EAGAIN);
     const Outcome outcome = RunProgram(Command("/bin/echo", LIMIT_MS), {}, "text");
     EXPECT_EQ(outcome.status, StatusCode::ResourceUnavailable);
     EXPECT_EQ(outcome.exitCode, 1);
@@ -1442,11 +1448,11 @@ TEST_F(CommandTest, AParentWithoutStandardDescriptorsWhosePipeCannotBeMoved) {
 
 // The other program is started where a second thread's would do most harm: between pipes and fork.
 TEST_F(CommandTest, ProgramsRunAtOnceDoNotInheritEachOthersPipes) {
-    FaultScope scope(fault_fork);
+    FaultScope scope(fault_start);
     std::string inner;
-    fault_fork.Replace([&] {
+    fault_start.Replace([&](auto... arguments) {
         inner = RunScript(LIST_DESCRIPTORS).output;
-        return fault_fork.Real();
+        return fault_start.Real(arguments...);
     });
     EXPECT_EQ(ParseDescriptors(RunScript(LIST_DESCRIPTORS).output), ExpectedDescriptors());
     EXPECT_EQ(ParseDescriptors(inner), ExpectedDescriptors());

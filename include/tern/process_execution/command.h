@@ -20,6 +20,10 @@ namespace mwl::ProcessExecution {
 /// one object too, as nothing in it changes. Programs run at once never hold each other's pipes. Every run
 /// blocks its caller until the program has ended or its time is up.
 ///
+/// The child shares this process's memory until it executes the program, as with vfork(2): what a start costs
+/// does not grow with the process. The caller waits that long; the time limit begins then. No handler of
+/// pthread_atfork(3) runs.
+///
 /// What a run means for the program:
 /// - It inherits the environment, the working folder, the ignored signals and the calling thread's blocked
 ///   signals: under the service component SIGTERM and SIGINT are blocked in it.
@@ -53,7 +57,7 @@ namespace mwl::ProcessExecution {
 /// | a signal ended it | Ok | 1 |
 /// | it was killed at the time limit | Ok | 1 |
 /// | it could not be executed (missing, not executable, ...; logged) | Ok | 1 |
-/// | pipe2(2) or fork(2) failed | that of errno | 1 |
+/// | pipe2(2), clone(2) or mmap(2) failed: there is no child | that of errno | 1 |
 /// | fdopen(3) on the output failed | StreamError | 1 |
 /// | the output could not be made non-blocking | that of errno | 1 |
 /// | read(2) of the output failed (logged; what came before is kept) | that of the end | as above |
