@@ -4,6 +4,7 @@
 #include <tern/typed/sleep.h>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <utility>
 
