@@ -4,8 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/thread_pool.h>
+#include <tern/threading/threads_monitor.h>
+#include <tern/threading/threads_watcher.h>
 #include <tern/typed/all.h>
 #include <tern/typed/first.h>
+#include <tern/typed/on_pool.h>
 #include <tern/typed/sleep.h>
 #include <tern/typed/task.h>
 #include <tern/typed/task_handler.h>
@@ -19,6 +24,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/unique_fd.h"
@@ -29,6 +35,7 @@ namespace guide {
 
 using mwl::StatusCode;
 using namespace mwl::Typed;
+using mwl::Threading::ThreadPool::ThreadPool;
 using namespace std::chrono_literals;
 
 class Lamp {
@@ -84,6 +91,24 @@ Task<> Compare(Bus& bus, int left, int right, std::vector<std::string>& lines) {
 Task<> ReadInTime(Bus& bus, int fd, std::vector<std::string>& lines) {
     const auto done = co_await First(ReadNumber(bus, fd), Sleep(bus, 20ms));
     lines.emplace_back(done.index() == 0 ? "read" : "too late");  // too late: the reading has been cancelled
+}
+
+std::string ComputeDigest(const std::string& file) {
+    if (file.empty()) {
+        throw Error::InvalidArgs("no file");
+    }
+    return "digest of " + file;
+}
+
+Task<> ShowDigest(Bus& bus, ThreadPool& pool, std::string file, std::vector<std::string>& lines) {
+    const Outcome<std::string> digest = co_await OnPool(bus, pool, &ComputeDigest, std::move(file));
+    lines.push_back(digest.IsOk() ? *digest : digest.GetError().GetText());
+}
+
+Task<> ShowDigestOf(Bus& bus, ThreadPool& pool, std::string file, std::vector<std::string>& lines) {
+    OnPool job(bus, pool, [file = std::move(file)] { return ComputeDigest(file); });
+    const Outcome<std::string> digest = co_await job;
+    lines.push_back(digest.IsOk() ? *digest : digest.GetError().GetText());
 }
 
 /// The user's objects.
@@ -208,6 +233,22 @@ TEST_F(TaskGuide, SeveralAreAwaited) {
     user.mTasks.Add(guide::ReadInTime(bus, mNumbers.Get(), user.mLines));
     ASSERT_TRUE(mServed.RunUntil([&] { return user.mTasks.IsEmpty(); }));
     EXPECT_THAT(user.mLines, ElementsAre("equal", "too late", "read"));
+}
+
+TEST_F(TaskGuide, WorkIsDoneOnAPool) {
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    mwl::Threading::ThreadsWatcher watcher(monitor);
+    guide::ThreadPool pool(1, watcher, signals);
+    pool.Start();
+    for (const char* file : {"a", ""}) {
+        user.mTasks.Add(guide::ShowDigest(bus, pool, file, user.mLines));
+        ASSERT_TRUE(mServed.RunUntil([&] { return user.mTasks.IsEmpty(); }));
+        user.mTasks.Add(guide::ShowDigestOf(bus, pool, file, user.mLines));
+        ASSERT_TRUE(mServed.RunUntil([&] { return user.mTasks.IsEmpty(); }));
+    }
+    EXPECT_THAT(user.mLines, ElementsAre("digest of a", "digest of a", "no file", "no file"));
+    pool.Stop(false);
 }
 
 TEST(TaskHandlerGuide, AMethodIsATask) {
