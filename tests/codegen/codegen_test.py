@@ -15,11 +15,15 @@ import random
 import resource
 import shutil
 import signal
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
+import unittest.mock
 
 TOOL = ""
 HERE = pathlib.Path(__file__).resolve().parent
@@ -161,6 +165,15 @@ class Options(Fixture):
             self.assertIn('true_{"true", {}, mwl::Typed::Flags{}}', self.read("a_contract.h"))
             self.assertIn('false_{"false", {}, mwl::Typed::OPEN}', self.read("a_contract.h"))
 
+    def test_what_the_interface_is_marked_with_counts_for_its_members(self):
+        mark = '<annotation name="org.freedesktop.systemd1.Privileged" value="{}"/>'
+        members = f'<method name="A"/><property name="P" type="u" access="readwrite"/><method name="B">{mark.format("{}")}</method>'
+        for value, other, options, is_open in (("true", "false", ["--open"], {"B"}), ("false", "true", [], {"A", "P"})):
+            body = mark.format(value) + members.format(other)
+            self.assertEqual(self.run_here("--server", *options, self.xml(interface(body)), self.out), (0, ""))
+            lines = " ".join(self.read("a_contract.h").split()).split(";")
+            self.assertEqual({m for m in "ABP" for line in lines if f'"{m}"' in line and "OPEN" in line}, is_open)
+
     def test_takes_one_interface_of_several(self):
         text = '<node><interface name="a.A"/><interface name="a.B"/><interface name="a.C"/></node>'
         self.assertEqual(self.run_here("--interface", "a.C", "--interface", "a.A", self.xml(text), self.out), (0, ""))
@@ -197,6 +210,7 @@ class Options(Fixture):
             ["--namespace", "a::", path, self.out],
             ["--namespace", "a::class", path, self.out],
             ["--namespace", "std", path, self.out],
+            ["--namespace", "a::mw", path, self.out],
             ["--namespace", "a b", path, self.out],
             ["--user", path, self.out],
             ["--address", "unix:path=/x", path, self.out],
@@ -249,7 +263,16 @@ MISTAKES = (
     (interface('<signal name="M"/><signal name="M"/>'), "3: com.example.A.M: the signal is there twice, first in line 3"),
     (method("<arg name='a b' type='u'/>"), "3: com.example.A.M: the argument 'a b': its name is not of letters, digits, "
      "'_', '-' and '.'"),
+    (method("<arg name='größe' type='u'/>"), "3: com.example.A.M: the argument 'größe': its name is not of letters, digits, "
+     "'_', '-' and '.'"),
+    (interface('<method name="Öffne"/>'), "3: com.example.A.Öffne: a member's name is of letters, digits and '_', does not "
+     "begin with a digit and has 255 characters at most"),
+    (interface("", "com.exämple"), "2: com.exämple: an interface's name has two or more parts with dots between them, each of "
+     "letters, digits and '_', not beginning with a digit, and 255 characters at most"),
+    ("".join(('<node>', *(f'<interface name="a.b{i}"/>' for i in range(1025)), '</node>')), "1: more than 1024 interfaces"),
     # Types.
+    (method("<arg name='a' type='u'/><arg type='uu'/>"), "3: com.example.A.M: the argument number 2: the signature 'uu' is of "
+     "several types; one is wanted"),
     (method("<arg/>"), "3: com.example.A.M: the argument number 1: there is no type"),
     (method("\n<arg type='u'/>\n<arg type='uu'/>"), "5: com.example.A.M: the argument number 2: the signature 'uu' is of "
      "several types; one is wanted"),
@@ -303,12 +326,22 @@ MISTAKES = (
      "be written, and 'org.freedesktop.DBus.Property.EmitsChangedSignal' says const"),
     (interface("".join(f"<property name='P{i}' type='u' access='read'/>" for i in range(65))), "2: com.example.A: more than "
      "64 properties announce their changes"),
+    (method("\n" + ANNOTATION.format("org.gtk.GDBus.DocString", "ä" * 32768)), "4: com.example.A.M: the documentation has more "
+     "than 65535 bytes"),
     # Entities.
+    ('<!DOCTYPE node SYSTEM "x.dtd">\n<node><!-- &a; --><interface name="a.A">\n<method name="M&b;"/></interface></node>',
+     "3: the entity 'b' is not declared in the file itself"),
+    ('<!DOCTYPE node SYSTEM "x.dtd">\n<node><interface name="a.A"><method name="M&b;"/></interface></node>'.encode("utf-16"),
+     "2: the entity 'b' is not declared in the file itself"),
     ('<!DOCTYPE node [\n<!ENTITY a "b">]>\n<node/>', "2: the entity 'a' is declared; --entities takes those that are short "
      "plain texts"),
     # What a message shows of a text is short and on one line.
     (f'<node><interface name="a.A"><property name="P" type="u" access="{"x" * 100}"/></interface></node>',
      f"1: a.A.P: the property's access is '{'x' * 60}...', not read or readwrite"),
+    (f'<node><interface name="a&#10;{"b" * 1000}"/></node>', f"1: a?{'b' * 58}...: an interface's name has two or more parts with "
+     "dots between them, each of letters, digits and '_', not beginning with a digit, and 255 characters at most"),
+    (interface('<method name="&#9;M&#x202e;"/>'), "3: com.example.A.?M?: a member's name is of letters, digits and '_', does not "
+     "begin with a digit and has 255 characters at most"),
 )
 
 
@@ -354,8 +387,13 @@ class Mistakes(Fixture):
     def test_nothing_outside_the_file_is_read(self):
         (self.folder / "other.dtd").write_text('<!ENTITY name "Boost">')
         text = f'<!DOCTYPE node SYSTEM "{self.folder}/other.dtd">' + interface('<method name="M&name;"/>')
+        self.assert_refused(text, "3: the entity 'name' is not declared in the file itself")
+        self.assert_refused(text, "3: the entity 'name' is not declared in the file itself", "--entities")
+        # In text that is not used they may be whatever they are.
+        text = f'<!DOCTYPE node SYSTEM "{self.folder}/other.dtd">' + interface(
+            '<method name="M&#78;"/><doc:doc>&name; &lt;</doc:doc><!-- <a b="&name;"> --><![CDATA[ <a b="&name;"> ]]>')
         self.assertEqual(self.run_here(self.xml(text), self.out), (0, ""))
-        self.assertNotIn("Boost", self.read("a_contract.h"))
+        self.assertIn('"MN"', self.read("a_contract.h"))
 
 
 class Files(Fixture):
@@ -390,6 +428,81 @@ class Files(Fixture):
         self.assertEqual(status, 1)
         self.assertRegex(said, r"^tern-dbus-codegen: .* cannot be written: File too large; nothing was written\n$")
         self.assert_nothing_written()
+
+    def test_a_disk_that_is_full_at_the_second_file_leaves_nothing(self):
+        path = self.xml(interface("".join(f'<method name="M{i}"/>' for i in range(9))))
+        self.assertEqual(self.run_tool("--server", path, self.out)[0], 0)
+        sizes = sorted(f.stat().st_size for f in self.out.iterdir())
+        self.assertLess(sizes[0], sizes[1])
+
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (sizes[0], sizes[0]))
+
+        new = self.folder / "new" / "deep"
+        status, said = self.run_tool("--server", path, new, preexec_fn=limit)
+        self.assertEqual((status, said), (1, f"tern-dbus-codegen: {new}/a_skeleton.h cannot be written: File too large; nothing "
+                                          "was written\n"))
+        self.assertFalse(new.parent.exists(), "a folder was left")
+
+    def test_what_cannot_be_put_in_place_leaves_all_as_it_was(self):
+        """Whichever of the files it is, whether the others were there before or not, and whatever ends it."""
+        replace, link = os.replace, os.link
+        for number in (1, 2, 3, 4):
+            for error, status in ((PermissionError(1, "Operation not permitted", "x", None, "y"), 1), (KeyboardInterrupt(), 130)):
+                for can_link in (True, False):
+                    with self.subTest(number=number, status=status, can_link=can_link):
+                        shutil.rmtree(self.out)
+                        self.out.mkdir()
+                        self.run_here("--server", self.xml(interface('<method name="Old"/>')), self.out)
+                        before = {f.name: f.read_bytes() for f in self.out.iterdir()}
+                        calls = []
+
+                        def failing(*names):
+                            calls.append(names)
+                            if len(calls) == number:
+                                raise error
+                            return replace(*names)
+
+                        def linking(*names, **more):
+                            if not can_link:
+                                raise PermissionError(1, "Operation not permitted")
+                            return link(*names, **more)
+
+                        path = self.xml(interface('<method name="New"/>'))
+                        with unittest.mock.patch("os.replace", failing), unittest.mock.patch("os.link", linking):
+                            is_status, said = self.run_here(path, self.out)
+                        self.assertEqual(is_status, status)
+                        self.assertEqual(said, "tern-dbus-codegen: y cannot be written: Operation not permitted; nothing was "
+                                         "written\n" if status == 1 else "")
+                        self.assertEqual({f.name: f.read_bytes() for f in self.out.iterdir()}, before)
+
+    def test_the_files_of_before_are_replaced_and_no_others_left(self):
+        for name in ("Old", "New"):
+            self.assertEqual(self.run_here(self.xml(interface(f'<method name="{name}"/>')), self.out), (0, ""))
+        self.assertEqual(sorted(f.name for f in self.out.iterdir()), sorted(form.format("a") for form in FORMS))
+        for form in FORMS:
+            self.assertIn("New", self.read(form.format("a")))
+
+    def test_the_xml_is_not_written_over(self):
+        path = self.out / "a_contract.h"
+        path.write_text(interface(""))
+        status, said = self.run_here("--name", "a", path, self.out)
+        self.assertEqual((status, said), (1, f"tern-dbus-codegen: {path} is the XML itself; --name gives another; nothing was "
+                                          "written\n"))
+        self.assertEqual([(f.name, f.read_text()) for f in self.out.iterdir()], [("a_contract.h", interface(""))])
+
+    def test_a_signal_ends_it_with_its_number(self):
+        """While it reads: a pipe that nobody writes."""
+        pipe = self.folder / "pipe.xml"
+        os.mkfifo(pipe)
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            tool = subprocess.Popen([sys.executable, TOOL, pipe, self.out], stderr=subprocess.PIPE)
+            with open(pipe, "wb"):  # as soon as it reads
+                tool.send_signal(number)
+                said = tool.communicate(timeout=SECONDS)[1]
+            self.assertEqual((tool.returncode, said), (128 + number, b""))
+            self.assert_nothing_written()
 
     def test_a_file_where_the_folder_should_be(self):
         (self.folder / "file").write_text("")
@@ -442,6 +555,133 @@ class Bus(Fixture):
         )
 
 
+class FakeBus:
+    """A message bus at `path`, as far as busctl needs it. What is asked but Hello is answered by `answer(serial)`, which returns
+    the bytes to be sent, and ends the connection when it returns None."""
+
+    def __init__(self, path, answer, is_mute=False):
+        self.answer = answer
+        self.is_mute = is_mute
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(str(path))
+        self.listener.listen()
+        self.thread = threading.Thread(target=self.serve)
+        self.thread.start()
+
+    def close(self):
+        with contextlib.suppress(OSError):
+            self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.thread.join()
+
+    def serve(self):
+        with contextlib.suppress(OSError):
+            connection, _ = self.listener.accept()
+            with connection, connection.makefile("rb") as file:
+                self.talk(connection, file)
+
+    def talk(self, connection, file):
+        if self.is_mute:
+            file.read()
+            return
+        line = b""
+        while line != b"BEGIN\r\n":
+            line = file.readline()
+            words = line.strip(b"\0\r\n").split()
+            if not words:
+                return
+            if words[0] != b"BEGIN":
+                connection.sendall({b"AUTH": b"DATA\r\n", b"DATA": b"OK " + b"0" * 32 + b"\r\n",
+                                    b"NEGOTIATE_UNIX_FD": b"AGREE_UNIX_FD\r\n"}[words[0]])
+        while len(head := file.read(16)) == 16:
+            body, serial, fields = struct.unpack("<III", head[4:])
+            asked = file.read((fields + 7) // 8 * 8 + body)
+            reply = self.reply(serial, ":1.1") if b"Hello" in asked else self.answer(serial)
+            if reply is None:
+                return
+            connection.sendall(reply)
+
+    @staticmethod
+    def text(text):
+        return struct.pack("<I", len(text)) + text + b"\0"
+
+    @classmethod
+    def reply(cls, serial, text, error=""):
+        """The whole message: a text, or an error with one."""
+        fields = [(5, b"u", struct.pack("<I", serial)), (7, b"s", cls.text(b"org.freedesktop.DBus")), (8, b"g", b"\1s\0")]
+        fields += [(4, b"s", cls.text(error.encode()))] if error else []
+        header = b""
+        for number, kind, value in fields:
+            header += b"\0" * (-len(header) % 8) + bytes((number, 1)) + kind + b"\0" + value
+        body = cls.text(text.encode())
+        head = struct.pack("<cBBBIII", b"l", 3 if error else 2, 1, 1, len(body), serial + 1000, len(header))
+        return head + header + b"\0" * (-len(header) % 8) + body
+
+
+class Peers(Fixture):
+    """Services that behave badly, and one that does not."""
+
+    def setUp(self):
+        super().setUp()
+        if shutil.which("busctl") is None:
+            self.skipTest("no busctl")
+
+    def ask(self, answer, seconds=SECONDS, **more):
+        path = self.folder / "bus"
+        bus = FakeBus(path, answer, **more)
+        began = time.monotonic()
+        try:
+            with unittest.mock.patch.object(MODULE, "BUS_SECONDS", seconds):
+                status, said = self.run_here("--from-bus", "a.Peer", "/", "--address", f"unix:path={path}", self.out)
+        finally:
+            bus.close()
+        self.took = time.monotonic() - began
+        if status != 0:
+            self.assert_nothing_written()
+        return status, said
+
+    def test_one_that_answers(self):
+        self.assertEqual(self.ask(lambda serial: FakeBus.reply(serial, interface('<method name="M"/>'))), (0, ""))
+        self.assertIn('"M"', self.read("peer_contract.h"))
+
+    def test_one_that_answers_slowly_is_waited_for(self):
+        def answer(serial):
+            time.sleep(1.5)
+            return FakeBus.reply(serial, interface('<method name="M"/>'))
+
+        self.assertEqual(self.ask(answer), (0, ""))
+        self.assertGreaterEqual(self.took, 1.5)
+
+    def test_one_that_does_not_answer(self):
+        said = "tern-dbus-codegen: a.Peer / has not answered within 1 seconds; nothing was written\n"
+        self.assertEqual(self.ask(lambda serial: b"", 1), (1, said))
+        self.assertGreaterEqual(self.took, 1)
+        self.assertLess(self.took, SECONDS)
+
+    def test_one_that_stops_in_the_middle_of_its_answer(self):
+        said = "tern-dbus-codegen: a.Peer / has not answered within 1 seconds; nothing was written\n"
+        self.assertEqual(self.ask(lambda serial: FakeBus.reply(serial, interface(""))[:-10], 1), (1, said))
+
+    def test_a_bus_that_says_nothing_at_all(self):
+        said = "tern-dbus-codegen: a.Peer / has not answered within 1 seconds; nothing was written\n"
+        self.assertEqual(self.ask(None, 1, is_mute=True), (1, said))
+
+    def test_one_that_goes_away(self):
+        status, said = self.ask(lambda serial: None)
+        self.assertEqual(status, 1)
+        self.assertRegex(said, "^tern-dbus-codegen: a.Peer / cannot be asked: .*; nothing was written\n$")
+
+    def test_one_that_answers_with_ten_mebibytes(self):
+        status, said = self.ask(lambda serial: FakeBus.reply(serial, "<node>" + " " * (10 << 20) + "</node>"))
+        self.assertEqual((status, said), (1, "a.Peer /:1: the XML has more than 1048576 bytes\ntern-dbus-codegen: nothing was "
+                                          "written\n"))
+
+    def test_what_an_error_says_is_shown_on_one_line_without_steering_the_terminal(self):
+        status, said = self.ask(lambda serial: FakeBus.reply(serial, "Go\naway\x1b[31m!", "a.b"))
+        self.assertEqual(status, 1)
+        self.assertRegex(said, r"^tern-dbus-codegen: a\.Peer / cannot be asked: .*Go away\?\[31m!; nothing was written\n$")
+
+
 class Hostile(Fixture):
     def limited(self, text, *options):
         """As a program with little memory: (status, standard error)."""
@@ -469,6 +709,16 @@ class Hostile(Fixture):
         text = interface(body)
         self.assertLess(len(text), 1 << 20)
         self.assertEqual(self.limited(text), (0, ""))
+
+    def test_as_many_interfaces_as_are_allowed_whatever_they_are_called(self):
+        same = (".".join("aA"[i >> k & 1] for k in range(20)) for i in range(1024))  # all would be the same in C++
+        for names in ((f"com.example.a{i}" for i in range(1024)), same):
+            text = "<node>" + "".join(f'<interface name="{name}"/>' for name in names) + "</node>"
+            self.assertEqual(self.limited(text), (0, ""))
+            for file in self.out.iterdir():
+                file.unlink()
+        text = "<node>" + "".join(f'<interface name="a.b{i}"/>' for i in range(30000)) + "</node>"
+        self.assert_limited(text, ":1: more than 1024 interfaces")
 
     def test_elements_deep_inside_each_other_are_refused(self):
         self.assert_limited("<node>" * 33 + "</node>" * 33, ":1: more than 32 elements inside each other")
