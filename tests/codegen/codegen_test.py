@@ -3,7 +3,13 @@
 
   codegen_test.py TOOL [unittest's arguments]
   codegen_test.py TOOL --update     writes golden/ anew; look at the difference before it is committed
+  codegen_test.py TOOL --fuzz SECONDS [FOLDER]
+                                    tries texts changed by chance for so long; one that brings the generator down is left in
+                                    FOLDER and ends it with status 1. What it finds is kept in corpus/ when it is mended.
+
+TERN_SEED is the chance's, TERN_ROUNDS how many texts the test tries.
 """
+import collections
 import contextlib
 import difflib
 import importlib.machinery
@@ -12,6 +18,7 @@ import io
 import os
 import pathlib
 import random
+import re
 import resource
 import shutil
 import signal
@@ -22,12 +29,16 @@ import sys
 import tempfile
 import threading
 import time
+import traceback
 import unittest
 import unittest.mock
+import xml.etree.ElementTree as ElementTree
 
 TOOL = ""
 HERE = pathlib.Path(__file__).resolve().parent
 GOLDEN = HERE / "golden"
+# Texts that brought the generator down once, or what it wrote; and what is like them.
+CORPUS = HERE / "corpus"
 FORMS = ("{}_contract.h", "{}_skeleton.h", "{}_proxy.h", "{}.md")
 # How long one run may take; busy machines and emulators are slow.
 SECONDS = 60
@@ -741,49 +752,172 @@ class Hostile(Fixture):
         self.assert_limited(method(f"<arg type='{'(' * 255}'/>"), "has more than 32 of '(' inside each other")
 
     def test_whatever_is_changed_ends_in_order(self):
-        """No exception, one of two exit statuses, and files only with the right one."""
-        texts = [(GOLDEN / f"{name}.xml").read_bytes() for name in ("room", "names")]
-        words = [b"<", b">", b'"', b"/>", b"&", b"&#0;", b"&#xD800;", b"]]>", b"<!--", b"<!DOCTYPE node [", b"<![CDATA[",
-                 b"<?xml version='1.0' encoding='utf-16'?>", b"\xff\xfe", b"\x00", b"a{sv}", b"((((", b"name=''", b"\xc3",
-                 b"<interface name='a.b'>", b"</interface>", b"<arg type='", "\u202e\u00ad\ufeff".encode(), b"\\", b"??/"]
         seed = int(os.environ.get("TERN_SEED", time.time_ns() % 1000000))
         print(f"TERN_SEED={seed}")
-        chance = random.Random(seed)
-        counts = {0: 0, 1: 0}
+        changer = Changer(seed)
         for number in range(int(os.environ.get("TERN_ROUNDS", 400))):
-            data = bytearray(chance.choice(texts))
-            for _ in range(chance.choice((1, 1, 2, 5, 40))):
-                at = chance.randrange(len(data) + 1)
-                what = chance.randrange(5)
-                if what == 0:
-                    data[at:at] = chance.choice(words)
-                elif what == 1:
-                    del data[at : at + chance.choice((1, 2, 10, 500))]
-                elif what == 2 and at < len(data):
-                    data[at] = chance.randrange(256)
-                elif what == 3:
-                    other = chance.choice(texts)
-                    begin = chance.randrange(len(other))
-                    data[at:at] = other[begin : begin + chance.randrange(300)]
-                else:
-                    data[at:at] = data[at : at + chance.randrange(50)] * chance.choice((1, 3, 30))
-            path = self.xml(bytes(data))
-            began = time.monotonic()
+            data = changer.text()
             try:
-                status, said = self.run_here(*chance.choice(([], ["--open"], ["--entities"])), path, self.out)
+                changer.try_one(data)
             except Exception:
-                print(f"round {number}: {bytes(data)!r}")
+                print(f"round {number}: {data!r}")
                 raise
-            self.assertLess(time.monotonic() - began, SECONDS)
-            self.assertIn(status, (0, 1))
-            counts[status] += 1
-            files = sorted(f.name for f in self.out.iterdir())
-            self.assertEqual(files, sorted(form.format("a") for form in FORMS) if status == 0 else [], said)
-            self.assertEqual(bool(said), status == 1)
-            for file in self.out.iterdir():
-                file.unlink()
-        print(f"{counts[0]} of the texts were still right, {counts[1]} were refused")
-        self.assertGreater(counts[1], 0)
+        print(changer.counted())
+        self.assertGreater(changer.counts[0], 0)
+        self.assertGreater(changer.counts[1], 0)
+
+    def test_what_was_found_before_ends_in_order(self):
+        changer = Changer(0)
+        paths = sorted(CORPUS.iterdir())
+        self.assertGreater(len(paths), 0)
+        for path in paths:
+            with self.subTest(path=path.name):
+                for options in Changer.OPTIONS:
+                    changer.try_one(path.read_bytes(), options)
+
+
+class Changer:
+    """Texts changed by chance, half of them as bytes, half of them as XML that stays XML; and what has to hold for each: no
+    exception, one of two exit statuses, files only with the right one, in them nothing that leaves its comment or literal, and
+    an end in time."""
+
+    OPTIONS = ([], ["--open"], ["--entities"], ["--stubs"], ["--interface", "com.example.Door1"])
+    WORDS = [b"<", b">", b'"', b"/>", b"&", b"&#0;", b"&#xD800;", b"]]>", b"<!--", b"<!DOCTYPE node [", b"<![CDATA[",
+             b"<?xml version='1.0' encoding='utf-16'?>", b"\xff\xfe", b"\x00", b"a{sv}", b"((((", b"name=''", b"\xc3",
+             b"<interface name='a.b'>", b"</interface>", b"<arg type='", "\u202e\u00ad\ufeff".encode(), b"\\", b"??/",
+             b"<!ENTITY a 'b'>", b"&a;", b"<!ATTLIST node name CDATA 'x'>", b"<!DOCTYPE node SYSTEM 'x'>"]
+    VALUES = ["", "M", "a.B", "a.b.C", "delete", "__FILE__", "Get", "Emit", "true", "false", "const", "invalidates", "in", "out",
+              "read", "readwrite", "write", "u", "s", "h", "as", "a{sv}", "a{oa(tb)}", "(" * 32 + "u" + ")" * 32, "a" * 32 + "u",
+              "a{s" * 32 + "v" + "}" * 32, "u" * 256, "x" * 255, "x" * 256, "\\", "??/", "*/", '"', "//", "\n", "\r", "\u2028",
+              "\u202e", "\U0001f600", "R\"(", "#define", "%s", "{}", "std::string", "std::vector<std::string_view>", "::a", "<:",
+              "a,b", "<chrono>", "a.h", "../a.h", "é", "org.freedesktop.DBus.Peer"]
+
+    def __init__(self, seed):
+        self.chance = random.Random(seed)
+        self.texts = [path.read_bytes() for path in sorted(GOLDEN.glob("*.xml")) + sorted(CORPUS.iterdir())]
+        self.counts = {0: 0, 1: 0}
+        self.longest = 0.0
+        self.names = [*MODULE.ANNOTATIONS, "mwl.Typed.Unknown", "a.b"]
+
+    def counted(self):
+        return f"{self.counts[0]} of the texts were still right, {self.counts[1]} were refused, {self.longest:.1f} s at most"
+
+    def text(self):
+        data = self.as_bytes() if self.chance.random() < 0.5 else self.as_xml()
+        if self.chance.random() < 0.01:  # a huge one
+            at = self.chance.randrange(len(data) + 1)
+            data = data[:at] + data[at : at + self.chance.randrange(1, 400)] * self.chance.randrange(1, 5000) + data[at:]
+        return data
+
+    def as_bytes(self):
+        chance = self.chance
+        data = bytearray(chance.choice(self.texts))
+        for _ in range(chance.choice((1, 1, 2, 5, 40))):
+            at = chance.randrange(len(data) + 1)
+            what = chance.randrange(5)
+            if what == 0:
+                data[at:at] = chance.choice(self.WORDS)
+            elif what == 1:
+                del data[at : at + chance.choice((1, 2, 10, 500))]
+            elif what == 2 and at < len(data):
+                data[at] = chance.randrange(256)
+            elif what == 3:
+                other = chance.choice(self.texts)
+                begin = chance.randrange(len(other))
+                data[at:at] = other[begin : begin + chance.randrange(300)]
+            else:
+                data[at:at] = data[at : at + chance.randrange(50)] * chance.choice((1, 3, 30))
+        return bytes(data)
+
+    def as_xml(self):
+        """Values, annotations and members of another one."""
+        chance = self.chance
+        while True:
+            with contextlib.suppress(ElementTree.ParseError):  # what was found need not be XML
+                root = ElementTree.fromstring(chance.choice(self.texts))
+                break
+        for _ in range(chance.choice((1, 1, 2, 5))):
+            elements = [e for e in root.iter() if isinstance(e.tag, str)]
+            element, other = chance.choice(elements), chance.choice(elements)
+            what = chance.randrange(5)
+            if what == 0 and element.attrib:
+                name = chance.choice(sorted(element.attrib))
+                value = chance.choice((chance.choice(self.VALUES), other.get(name, ""), element.get(name) + chance.choice(self.VALUES)))
+                element.set(name, value)
+            elif what == 1:
+                value = "".join(chance.choice(self.VALUES) for _ in range(chance.choice((1, 1, 3, 40))))
+                ElementTree.SubElement(element, "annotation", name=chance.choice(self.names), value=value)
+            elif what == 2 and len(element) > 0:
+                element.remove(chance.choice(list(element)))
+            elif what == 3 and element is not other and element not in list(other.iter()):
+                element.append(other)
+            elif what == 4 and len(element) > 0:
+                children = list(element)
+                chance.shuffle(children)
+                element[:] = children
+        if sum(1 for _ in root.iter()) > 20000:
+            return b"<node/>"
+        return ElementTree.tostring(root, encoding=chance.choice(("utf-8", "us-ascii", "utf-16")))
+
+    # Of generated code, piece by piece.
+    PIECE = re.compile(r'//[^\n]*|"(?:\\.|[^"\\\n])*"|/\*[A-Za-z_]\w*\*/|#(?:include (?:<[\w./+-]+>|"[\w./+-]+")|pragma once)\n'
+                       r"|[A-Za-z_]\w*|[0-9]+|[ \n{}()<>\[\],;:=.&|~*+!-]", re.ASCII)
+
+    def try_one(self, data, options=None):
+        with tempfile.TemporaryDirectory() as folder, contextlib.redirect_stderr(io.StringIO()) as said:
+            path, out = pathlib.Path(folder) / "a.xml", pathlib.Path(folder) / "out"
+            path.write_bytes(data)
+            began = time.monotonic()
+            options = self.chance.choice(self.OPTIONS) if options is None else options
+            status = MODULE.run([*options, str(path), str(out)])
+            took = time.monotonic() - began
+            self.longest = max(self.longest, took)
+            assert took < SECONDS, f"{took} seconds"
+            self.counts[status] += 1  # no other status
+            assert bool(said.getvalue()) == (status == 1), said.getvalue()
+            assert len(said.getvalue()) < 60000, "too much is said"
+            assert all(c.isprintable() or c == "\n" for c in said.getvalue()), said.getvalue()
+            if status == 1:
+                assert not out.exists(), "something was written"
+                return
+            forms = ("{}_interface.h", "{}_interface.cpp") if "--stubs" in options else FORMS
+            assert sorted(f.name for f in out.iterdir()) == sorted(form.format("a") for form in forms)
+            for file in out.iterdir():
+                if file.suffix != ".md":
+                    self.check_code(file.read_text())
+
+    def check_code(self, text):
+        at, depth = 0, collections.Counter()
+        while at < len(text):
+            piece = self.PIECE.match(text, at)
+            assert piece, f"what is this: {text[max(0, at - 60) : at + 60]!r}"
+            assert not piece[0].startswith("//") or not re.search(r"(\\|\?\?/)$", piece[0]), f"takes the next line along: {piece[0]!r}"
+            assert not piece[0].startswith('"') or "??" not in piece[0], f"a trigraph: {piece[0]!r}"
+            depth[piece[0]] += 1
+            at = piece.end()
+        for opening, closing in ("{}", "()"):
+            assert depth[opening] == depth[closing], f"{depth[opening]} {opening} and {depth[closing]} {closing}"
+
+
+def fuzz(seconds, folder=None):
+    resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+    seed = int(os.environ.get("TERN_SEED", time.time_ns() % 1000000))
+    print(f"TERN_SEED={seed}", flush=True)
+    changer = Changer(seed)
+    end = time.monotonic() + float(seconds)
+    while time.monotonic() < end:
+        data = changer.text()
+        try:
+            changer.try_one(data)
+        except Exception:
+            traceback.print_exc()
+            handle, path = tempfile.mkstemp(prefix="crash-", suffix=".xml", dir=folder)
+            with os.fdopen(handle, "wb") as file:
+                file.write(data)
+            print(f"left in {path}; {changer.counted()}")
+            return 1
+    print(changer.counted())
+    return 0
 
 
 def update():
@@ -798,4 +932,6 @@ if __name__ == "__main__":
     MODULE = load_tool()
     if sys.argv[1:] == ["--update"]:
         sys.exit(update())
+    if sys.argv[1:2] == ["--fuzz"]:
+        sys.exit(fuzz(*sys.argv[2:]))
     unittest.main(verbosity=2)

@@ -214,7 +214,7 @@ struct Emit {
 struct PATH_MAX_ {
     static constexpr const char* NAME = "com.example.PATH_MAX";
 
-    static constexpr mwl::Typed::Method<void(std::string_view, std::string_view, std::uint32_t)> __FILE___{
+    static constexpr mwl::Typed::Method<void(std::string_view, std::string_view, std::uint32_t)> __FILE_____{
         "__FILE__",
         {"__LINE__", "EINVAL", "si_pid"},
         mwl::Typed::Flags{}};
@@ -227,7 +227,7 @@ struct PATH_MAX_ {
         "INT8_MAX",
         mwl::Typed::EMITS};
 
-    static constexpr mwl::Typed::Property<std::string> _GNU_SOURCE_{
+    static constexpr mwl::Typed::Property<std::string> _GNU_SOURCE___{
         "_GNU_SOURCE",
         mwl::Typed::EMITS};
 
@@ -237,11 +237,11 @@ struct PATH_MAX_ {
         mwl::Typed::Flags{}};
 
     static constexpr mwl::Typed::Members<
-        __FILE___,
+        __FILE_____,
         va_end_,
         SYS_read_,
         INT8_MAX_,
-        _GNU_SOURCE_,
+        _GNU_SOURCE___,
         SIGTERM_> ALL{};
 };
 

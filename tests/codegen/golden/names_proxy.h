@@ -309,11 +309,11 @@ public:
     using Base::Base;
 
     /// Calls __FILE__.
-    mwl::Typed::Call<void> __FILE___(
-        std::string_view __LINE___,
+    mwl::Typed::Call<void> __FILE_____(
+        std::string_view __LINE_____,
         std::string_view EINVAL_,
         std::uint32_t si_pid_) const {
-        return Base::Call(Contract::__FILE___, __LINE___, EINVAL_, si_pid_);
+        return Base::Call(Contract::__FILE_____, __LINE_____, EINVAL_, si_pid_);
     }
 
     /// Calls va_end.
@@ -337,7 +337,7 @@ public:
 
     /// Asks for _GNU_SOURCE.
     mwl::Typed::Call<std::string> Get_GNU_SOURCE() const {
-        return Base::Get(Contract::_GNU_SOURCE_);
+        return Base::Get(Contract::_GNU_SOURCE___);
     }
 
     /// Hears of SIGTERM.

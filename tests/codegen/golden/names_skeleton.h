@@ -284,17 +284,17 @@ public:
     /// Which function is which member.
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<
-            mwl::Typed::Bind<Contract::__FILE___, &PATH_MAX_Skeleton::__FILE___>,
+            mwl::Typed::Bind<Contract::__FILE_____, &PATH_MAX_Skeleton::__FILE_____>,
             mwl::Typed::Bind<Contract::va_end_, &PATH_MAX_Skeleton::va_end_>,
             mwl::Typed::Bind<Contract::SYS_read_, &PATH_MAX_Skeleton::SYS_read_>,
             mwl::Typed::Bind<Contract::INT8_MAX_, &PATH_MAX_Skeleton::GetINT8_MAX, &PATH_MAX_Skeleton::SetINT8_MAX>,
-            mwl::Typed::Bind<Contract::_GNU_SOURCE_, &PATH_MAX_Skeleton::Get_GNU_SOURCE>>();
+            mwl::Typed::Bind<Contract::_GNU_SOURCE___, &PATH_MAX_Skeleton::Get_GNU_SOURCE>>();
     }
 
 protected:
     /// The method __FILE__.
-    virtual mwl::Typed::Outcome<void> __FILE___(
-        std::string_view __LINE___,
+    virtual mwl::Typed::Outcome<void> __FILE_____(
+        std::string_view __LINE_____,
         std::string_view EINVAL_,
         std::uint32_t si_pid_) = 0;
     /// The method va_end.
