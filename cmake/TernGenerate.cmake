@@ -1,13 +1,15 @@
 # C++ from introspection XML, while the target is built.
 #
-#   tern_dbus_generate(TARGET target XML file.xml [NAMESPACE ns] [SERVER] [CLIENT] [DOCS folder] [OPEN])
+#   tern_dbus_generate(TARGET target XML file.xml [NAME name] [NAMESPACE ns] [SERVER] [CLIENT] [DOCS folder]
+#                      [INTERFACES interface...] [OPEN] [ENTITIES])
 #
 # The target, of the same folder, includes "file_contract.h", with SERVER "file_skeleton.h", with CLIENT "file_proxy.h";
-# with neither it has both. DOCS writes file.md into the folder, relative to the build folder. OPEN takes what is not marked as
-# open, see tern-dbus-codegen(1). Made again when the XML or the generator changes. Needs Python 3.9 on the machine that builds;
-# nothing of it is taken from the system that is built for.
+# with neither it has both. NAME is what they begin with instead of the file's name. DOCS writes file.md into the folder, relative
+# to the build folder. INTERFACES takes these of the file alone. OPEN takes what is not marked as open, ENTITIES short plain
+# entities that the file declares, see tern-dbus-codegen(1). The XML may be made by another custom command. Made again when the XML
+# or the generator changes. Needs Python 3.9 on the machine that builds; nothing of it is taken from the system that is built for.
 function(tern_dbus_generate)
-  cmake_parse_arguments(PARSE_ARGV 0 ARG "SERVER;CLIENT;OPEN" "TARGET;XML;NAMESPACE;DOCS" "")
+  cmake_parse_arguments(PARSE_ARGV 0 ARG "SERVER;CLIENT;OPEN;ENTITIES" "TARGET;XML;NAME;NAMESPACE;DOCS" "INTERFACES")
   if(ARG_UNPARSED_ARGUMENTS OR ARG_KEYWORDS_MISSING_VALUES)
     message(FATAL_ERROR "tern_dbus_generate: '${ARG_UNPARSED_ARGUMENTS}${ARG_KEYWORDS_MISSING_VALUES}' is unknown or has no value")
   endif()
@@ -23,12 +25,13 @@ function(tern_dbus_generate)
     message(FATAL_ERROR "tern_dbus_generate: '${ARG_TARGET}' is of another folder, or compiles nothing")
   endif()
   get_filename_component(xml "${ARG_XML}" ABSOLUTE)
-  if(NOT EXISTS "${xml}")
+  get_source_file_property(is_generated "${xml}" GENERATED)
+  if(NOT EXISTS "${xml}" AND NOT is_generated)
     message(FATAL_ERROR "tern_dbus_generate: there is no file ${xml}")
   endif()
 
-  # Of the machine that builds, also where everything else is looked for in a sysroot.
-  find_program(TERN_PYTHON3 NAMES python3 python NO_CMAKE_FIND_ROOT_PATH DOC "Python 3.9 or later, for tern-dbus-codegen")
+  # Of the machine that builds, also where everything else is looked for in a sysroot, or where CMAKE_PREFIX_PATH is one.
+  find_program(TERN_PYTHON3 NAMES python3 python NO_CMAKE_FIND_ROOT_PATH NO_CMAKE_PATH NO_CMAKE_ENVIRONMENT_PATH DOC "Python 3.9 or later, for tern-dbus-codegen")
   if(NOT TERN_PYTHON3)
     message(FATAL_ERROR "tern_dbus_generate: Python 3.9 or later is needed (TERN_PYTHON3)")
   endif()
@@ -38,10 +41,17 @@ function(tern_dbus_generate)
   endif()
   get_property(tool GLOBAL PROPERTY TERN_DBUS_CODEGEN)
 
-  get_filename_component(name "${xml}" NAME)
-  string(REGEX REPLACE "\\.xml$" "" name "${name}")
-  string(TOLOWER "${name}" name)
-  string(REGEX REPLACE "[^a-z0-9_]" "_" name "${name}")
+  if(ARG_NAME)
+    if(NOT ARG_NAME MATCHES "^[A-Za-z0-9_]+$")
+      message(FATAL_ERROR "tern_dbus_generate: the files cannot be called '${ARG_NAME}': letters, digits and '_'")
+    endif()
+    set(name "${ARG_NAME}")
+  else()
+    get_filename_component(name "${xml}" NAME)
+    string(REGEX REPLACE "\\.xml$" "" name "${name}")
+    string(TOLOWER "${name}" name)
+    string(REGEX REPLACE "[^a-z0-9_]" "_" name "${name}")
+  endif()
   if(NOT ARG_SERVER AND NOT ARG_CLIENT)
     set(ARG_SERVER TRUE)
     set(ARG_CLIENT TRUE)
@@ -56,6 +66,12 @@ function(tern_dbus_generate)
   if(ARG_OPEN)
     list(APPEND options --open)
   endif()
+  if(ARG_ENTITIES)
+    list(APPEND options --entities)
+  endif()
+  foreach(interface IN LISTS ARG_INTERFACES)
+    list(APPEND options --interface ${interface})
+  endforeach()
   if(ARG_SERVER)
     list(APPEND options --server)
     list(APPEND headers "${generated}/${name}_skeleton.h")
@@ -73,7 +89,10 @@ function(tern_dbus_generate)
   if("${generated}/${name}" IN_LIST made)
     message(FATAL_ERROR "tern_dbus_generate: '${ARG_TARGET}' has files called ${name} already")
   endif()
-  set_property(GLOBAL APPEND PROPERTY TERN_DBUS_GENERATED "${generated}/${name}")
+  if(pages AND "${pages}" IN_LIST made)
+    message(FATAL_ERROR "tern_dbus_generate: another call writes ${pages}")
+  endif()
+  set_property(GLOBAL APPEND PROPERTY TERN_DBUS_GENERATED "${generated}/${name}" ${pages})
 
   add_custom_command(OUTPUT ${headers} ${pages}
     COMMAND "${TERN_PYTHON3}" "${tool}" ${options} "${xml}" "${generated}"

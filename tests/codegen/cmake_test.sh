@@ -81,6 +81,39 @@ wrong "there is no file" "tern_dbus_generate(TARGET uses-generated XML none.xml)
 wrong "has files called room already" "tern_dbus_generate(TARGET uses-generated XML room.xml)
 tern_dbus_generate(TARGET uses-generated XML room.xml CLIENT)"
 
+wrong "the files cannot be called 'a-b': letters, digits and '_'" "tern_dbus_generate(TARGET uses-generated XML room.xml NAME a-b)"
+wrong "'INTERFACES' is unknown or has no value" "tern_dbus_generate(TARGET uses-generated XML room.xml INTERFACES)"
+wrong "another call writes $work/wrong-build/pages/room.md" "tern_dbus_generate(TARGET uses-generated XML room.xml DOCS pages)
+add_library(other STATIC main.cpp)
+tern_dbus_generate(TARGET other XML room.xml DOCS pages)"
+
+# Every option: XML that another command makes, which declares an entity and has two interfaces.
+mkdir "$work/options"
+sed "/^tern_dbus_generate/d" "$project/CMakeLists.txt" >"$work/options/CMakeLists.txt"
+cp "$project/main.cpp" "$work/options"
+{
+    echo '<!DOCTYPE node [<!ENTITY boost "Boost">]>'
+    sed -e 's/"Boost"/"\&boost;"/' -e 's!</node>!<interface name="com.example.Other"/><interface name="com.example.Door"/></node>!' \
+        "$project/room.xml"
+} >"$work/options/input.txt"
+cat >>"$work/options/CMakeLists.txt" <<'CMAKE'
+add_custom_command(OUTPUT made.xml COMMAND ${CMAKE_COMMAND} -E copy ${CMAKE_CURRENT_SOURCE_DIR}/input.txt made.xml
+  DEPENDS input.txt)
+tern_dbus_generate(TARGET uses-generated XML ${CMAKE_CURRENT_BINARY_DIR}/made.xml NAME room NAMESPACE acme DOCS . OPEN ENTITIES
+  INTERFACES com.example.Room1 com.example.Door SERVER CLIENT)
+CMAKE
+must "configured with every option" cmake -S "$work/options" -B "$work/options-build" -DCMAKE_PREFIX_PATH="$work/sysroot/usr" \
+    -DCMAKE_CXX_COMPILER="$cxx"
+must "generated with every option" make -C "$work/options-build" -f CMakeFiles/uses-generated.dir/build.make \
+    tern-dbus/uses-generated/room_contract.h
+is=$(grep -E '^struct|OPEN' "$work/options-build/tern-dbus/uses-generated/room_contract.h" | tr -s ' \n' ' ')
+[[ $is == "struct Room1 { "*"OPEN"*" struct Door { " ]] && ok "the options are handed over" || fail "options: $is"
+sed -i 's/<!DOCTYPE.*//' "$work/options/input.txt"
+make -C "$work/options-build" -f CMakeFiles/uses-generated.dir/build.make tern-dbus/uses-generated/room_contract.h \
+    >"$work/output" 2>&1 && fail "an entity that is not declared was taken"
+grep -q 'made.xml:[0-9]*: no XML: undefined entity' "$work/output" && ok "made XML is made and read again" ||
+    fail "made XML: $(tail -20 "$work/output")"
+
 # As for another machine: everything is looked for in its file system, whose Python is no program of this one.
 printf '#!/bin/sh\ntouch "%s"\nexit 1\n' "$work/was-run" >"$work/sysroot/usr/bin/python3"
 chmod +x "$work/sysroot/usr/bin/python3"
@@ -96,7 +129,7 @@ set(PKG_CONFIG_EXECUTABLE $(command -v pkg-config) CACHE FILEPATH "")
 set(CMAKE_MAKE_PROGRAM $(command -v make) CACHE FILEPATH "")
 CMAKE
 must "configured for another machine" "${configure[@]}" -B "$work/cross" -DCMAKE_TOOLCHAIN_FILE="$work/toolchain.cmake" \
-    -DCMAKE_PREFIX_PATH=/usr
+    -DCMAKE_PREFIX_PATH="$work/sysroot/usr;/usr"
 grep -q "TernDBusService_DIR:PATH=$work/sysroot/" "$work/cross/CMakeCache.txt" || fail "another copy of the package was found"
 must "built for another machine" cmake --build "$work/cross"
 [ ! -e "$work/was-run" ] && ok "this machine's Python was used" || fail "the other machine's Python was run"

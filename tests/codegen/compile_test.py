@@ -7,7 +7,9 @@ CORPUS is one of
   golden    golden/*.xml
   examples  the contracts of the examples, printed; their XML has to come back to the byte
   world     the interfaces that the system's packages describe: systemd's daemons print theirs, others lie in
-            /usr/share/dbus-1/interfaces, or in the folder TERN_INTERFACES
+            /usr/share/dbus-1/interfaces, or in the folder TERN_INTERFACES. Debian's udisks2 and bluez bring no XML: they are
+            asked on the system's bus where they run. udisksd also runs without it, on a private bus, with its manager
+            alone where there is no disk; bluetoothd does not start without an adapter, so that it is left out then.
 Without --link nothing is printed: the code is compiled only.
 """
 import collections
@@ -20,6 +22,7 @@ import re
 import shutil
 import subprocess
 import sys
+import time
 import xml.etree.ElementTree as ElementTree
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
@@ -32,8 +35,8 @@ MOST_MEMBERS = 300
 # What has to be there for the corpus to be what it says: prefix of the interfaces' names, at least so many of them.
 WORLD = {"org.freedesktop.systemd1.": 10, "org.freedesktop.NetworkManager": 40, "org.freedesktop.ModemManager1": 15,
          "org.freedesktop.UPower": 3, "org.freedesktop.login1.": 3, "org.freedesktop.hostname1": 1}
-# The packages describe nothing there: their interfaces are known at run time only.
-WITHOUT = "udisks2, bluez"
+# Services whose packages bring no XML: name on the bus, and the program where it runs without hardware.
+RUNNING = (("org.freedesktop.UDisks2", "/usr/libexec/udisks2/udisksd"), ("org.bluez", ""))
 
 
 def interfaces_of(path):
@@ -211,6 +214,26 @@ def golden(corpus):
     original = interfaces_of(GOLDEN / "room.xml")[0]
     if described(original, True) == described(original, False):
         corpus.fail("a difference is not found")
+    # No name of the XML stays that is a macro of the headers, whatever the compiler and the C library.
+    (corpus.work / "macros.cpp").write_text('#include "room_skeleton.h"\n#include "room_proxy.h"\n#include <tern/typed/reply.h>\n')
+    done = subprocess.run([corpus.compiler, *corpus.flags, "-E", "-dM", str(corpus.work / "macros.cpp")], capture_output=True,
+                          text=True)
+    macros = set(re.findall(r"^#define (\w+)", done.stdout, re.M))
+    kept = sorted(name for name in macros if corpus.module.Scope().take(name) in macros)
+    if done.returncode != 0 or len(macros) < 500 or kept:
+        corpus.fail(f"{len(macros)} macros, of which these stay names: {' '.join(kept)} {done.stderr[:2000]}")
+    else:
+        corpus.ok(f"no name is one of {len(macros)} macros")
+    # Code of another format is told of.
+    for form in ("contract", "skeleton", "proxy"):
+        text = (corpus.work / f"room_{form}.h").read_text()
+        (corpus.work / "other.cpp").write_text(text.replace("IsFormatOfGenerator(1)", "IsFormatOfGenerator(2)"))
+        done = subprocess.run([corpus.compiler, *corpus.flags, "-fsyntax-only", "-Wno-error", "-w", str(corpus.work / "other.cpp")],
+                              capture_output=True, text=True)
+        if done.returncode == 0 or "generated for another version of the library: generate it again" not in done.stderr:
+            corpus.fail(f"a {form} of another format is compiled: {done.stderr[:2000]}")
+        else:
+            corpus.ok(f"a {form} of another format is refused")
     # The stubs, which override everything.
     for name, path, _ in units:
         corpus.generate(path, name, ["--stubs"])
@@ -263,8 +286,65 @@ def examples(corpus):
         corpus.ok(f"{name}: {same} come back to the byte")
 
 
+def texts_of(name, bus=()):
+    """What the objects of a running service say of themselves; none when it does not run."""
+    ask = ["busctl", *(bus or ["--system"])]
+    tree = subprocess.run([*ask, "tree", "--list", name], capture_output=True, text=True, stdin=subprocess.DEVNULL)
+    paths = tree.stdout.split() if tree.returncode == 0 else []
+    texts = [subprocess.run([*ask, "--xml-interface", "introspect", name, path], capture_output=True, text=True,
+                            stdin=subprocess.DEVNULL) for path in paths]
+    return [text.stdout for text in texts if text.returncode == 0]
+
+
+def texts_of_started(name, program, folder):
+    """As above, of a program that is started on a private bus for it."""
+    bus, config = f"unix:path={folder}/bus", folder / "bus.conf"
+    config.write_text(f'<busconfig><listen>{bus}</listen><policy context="default"><allow user="*"/><allow own="*"/>'
+                      '<allow send_type="method_call"/><allow receive_type="*"/></policy></busconfig>')
+    read, write = os.pipe()
+    daemon = subprocess.Popen(["dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
+                               f"--print-address={write}"], pass_fds=[write])
+    os.close(write)
+    with os.fdopen(read) as started:
+        started.readline()
+    service = subprocess.Popen([program], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                               env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus})
+    try:
+        end = time.monotonic() + 30
+        while service.poll() is None and time.monotonic() < end:
+            if texts := texts_of(name, [f"--address={bus}"]):
+                return texts
+            time.sleep(0.1)
+        return []
+    finally:
+        for process in (service, daemon):
+            process.terminate()
+            process.wait()
+
+
+def running(corpus, known):
+    """Files of the interfaces that only running services tell, each interface once."""
+    folder = corpus.work / "running"
+    folder.mkdir()
+    for name, program in RUNNING:
+        texts = texts_of(name)
+        if not texts and program and os.access(program, os.X_OK) and shutil.which("dbus-daemon"):
+            texts = texts_of_started(name, program, folder)
+        found = []
+        for text in texts:
+            for interface in ElementTree.fromstring(text).iter("interface"):
+                if interface.get("name") not in known | STANDARD:
+                    known.add(interface.get("name"))
+                    node = ElementTree.Element("node")
+                    node.append(interface)
+                    found.append(folder / f"{interface.get('name')}.xml")
+                    found[-1].write_bytes(ElementTree.tostring(node))
+        print(f"{name}: {len(found)} interfaces" + ("" if texts else ", it does not run here"))
+        yield from found
+
+
 def world(corpus):
-    """The files by package, and what systemd's daemons print."""
+    """The files by package, and what systemd's daemons and other services tell."""
     paths = sorted(INTERFACES.glob("*.xml"))
     folder = corpus.work / "systemd"
     folder.mkdir()
@@ -288,7 +368,9 @@ def world(corpus):
     if missing:
         print(f"not all interfaces are there: {', '.join(missing)} (scripts/install-packages codegen)")
         return 77
-    print(f"{len(paths)} files with {len(names)} interfaces; no file comes with {WITHOUT}")
+    more = list(running(corpus, set(names)))
+    paths += more
+    print(f"{len(paths)} files with {len(names) + len(more)} interfaces")
     batches, members = collections.defaultdict(list), 0
     for path in paths:
         namespace = re.sub(r"\W", "_", path.stem.lower())

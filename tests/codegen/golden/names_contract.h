@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include <stdint.h>
 
 static_assert(mwl::Typed::IsFormatOfGenerator(1),
               "this header was generated for another version of the library: generate it again");
@@ -205,6 +208,104 @@ struct Emit {
         mwl::Typed::Flags{}};
 
     static constexpr mwl::Typed::Members<Changed> ALL{};
+};
+
+/// The D-Bus interface com.example.PATH_MAX.
+struct PATH_MAX_ {
+    static constexpr const char* NAME = "com.example.PATH_MAX";
+
+    static constexpr mwl::Typed::Method<void(std::string_view, std::string_view, std::uint32_t)> __FILE_____{
+        "__FILE__",
+        {"__LINE__", "EINVAL", "si_pid"},
+        mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> va_end_{"va_end", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> SYS_read_{"SYS_read", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::WritableProperty<std::string> INT8_MAX_{
+        "INT8_MAX",
+        mwl::Typed::EMITS};
+
+    static constexpr mwl::Typed::Property<std::string> _GNU_SOURCE___{
+        "_GNU_SOURCE",
+        mwl::Typed::EMITS};
+
+    static constexpr mwl::Typed::Signal<std::string> SIGTERM_{
+        "SIGTERM",
+        {"PRIu64"},
+        mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Members<
+        __FILE_____,
+        va_end_,
+        SYS_read_,
+        INT8_MAX_,
+        _GNU_SOURCE___,
+        SIGTERM_> ALL{};
+};
+
+/// The D-Bus interface com.example.MakeInterfaces.
+struct MakeInterfaces_ {
+    static constexpr const char* NAME = "com.example.MakeInterfaces";
+
+    static constexpr mwl::Typed::Method<void(std::string_view, std::string_view, std::string_view, std::string_view, std::string_view, std::string_view, std::string_view, std::string_view, std::string_view, std::vector<std::string>)> Hide{
+        "Hide",
+        {"Names", "Writer", "State", "Proxy", "DBusInterface", "InterfaceBase", "MakeInterfaces_Proxy", "MakeInterfaces_Skeleton", "timezone", "environ"},
+        mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Signal<std::string, std::string, std::string, std::string, std::string, std::string, std::string> Hidden{
+        "Hidden",
+        {"Names", "Writer", "State", "MAX_ANNOUNCED", "mName", "mState", "MakeInterfaces_Skeleton"},
+        mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> mwl{"mwl", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> mw{"mw", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Method<void()> std{"std", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Members<Hide, Hidden, mwl, mw, std> ALL{};
+};
+
+/// The D-Bus interface com.example.Numbers.
+struct Numbers {
+    static constexpr const char* NAME = "com.example.Numbers";
+
+    static constexpr mwl::Typed::WritableProperty<uint32_t> uint32_tProperty{
+        "uint32_t",
+        mwl::Typed::EMITS};
+
+    static constexpr mwl::Typed::Method<void(uint32_t)> uint32_t_{
+        "uint32_t",
+        {"uint32_t"},
+        mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Members<uint32_tProperty, uint32_t_> ALL{};
+};
+static_assert(mwl::Typed::SIGNATURE<uint32_t>.View() == "u",
+              "uint32_t is not of the D-Bus type that the interface com.example.Numbers has");
+
+/// The D-Bus interface com.example.Text.
+struct Text {
+    static constexpr const char* NAME = "com.example.Text";
+
+    ///
+    /// a
+    ///
+    /// */ /* // ") \u0041 \x ????=
+    static constexpr mwl::Typed::Method<void()> A{
+        "A",
+        {},
+        mwl::Typed::Flags{},
+        "?\?/\n"
+        "a ?\?/\\?\?/\n"
+        "\n"
+        "*/ /* // \") \\u0041 \\x ?\?\?\?= \\\n"};
+
+    static constexpr mwl::Typed::Method<void()> B{"B", {}, mwl::Typed::Flags{}};
+
+    static constexpr mwl::Typed::Members<A, B> ALL{};
 };
 
 }  // namespace golden::names

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "names_contract.h"
 
@@ -296,6 +297,145 @@ public:
     mwl::Typed::Subscription OnChanged(Handler&& handler) const {
         return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::Changed,
                                        std::forward<Handler>(handler));
+    }
+};
+
+/// An object of a peer that has the interface com.example.PATH_MAX.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class PATH_MAX_Proxy : public mwl::Typed::Proxy<PATH_MAX_> {
+public:
+    using Contract = ::golden::names::PATH_MAX_;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Calls __FILE__.
+    mwl::Typed::Call<void> __FILE_____(
+        std::string_view __LINE_____,
+        std::string_view EINVAL_,
+        std::uint32_t si_pid_) const {
+        return Base::Call(Contract::__FILE_____, __LINE_____, EINVAL_, si_pid_);
+    }
+
+    /// Calls va_end.
+    mwl::Typed::Call<void> va_end_() const {
+        return Base::Call(Contract::va_end_);
+    }
+
+    /// Calls SYS_read.
+    mwl::Typed::Call<void> SYS_read_() const {
+        return Base::Call(Contract::SYS_read_);
+    }
+
+    /// Asks for INT8_MAX.
+    mwl::Typed::Call<std::string> GetINT8_MAX() const {
+        return Base::Get(Contract::INT8_MAX_);
+    }
+    /// Writes INT8_MAX.
+    mwl::Typed::Call<void> SetINT8_MAX(std::string_view value) const {
+        return Base::Set(Contract::INT8_MAX_, value);
+    }
+
+    /// Asks for _GNU_SOURCE.
+    mwl::Typed::Call<std::string> Get_GNU_SOURCE() const {
+        return Base::Get(Contract::_GNU_SOURCE___);
+    }
+
+    /// Hears of SIGTERM.
+    template <class Handler>
+    mwl::Typed::Subscription OnSIGTERM(Handler&& handler) const {
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::SIGTERM_,
+                                       std::forward<Handler>(handler));
+    }
+};
+
+/// An object of a peer that has the interface com.example.MakeInterfaces.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class MakeInterfaces_Proxy : public mwl::Typed::Proxy<MakeInterfaces_> {
+public:
+    using Contract = ::golden::names::MakeInterfaces_;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Calls Hide.
+    mwl::Typed::Call<void> Hide(
+        std::string_view Names_,
+        std::string_view Writer_,
+        std::string_view State_,
+        std::string_view Proxy_,
+        std::string_view DBusInterface_,
+        std::string_view InterfaceBase_,
+        std::string_view MakeInterfaces_Proxy_,
+        std::string_view MakeInterfaces_Skeleton_,
+        std::string_view timezone,
+        const std::vector<std::string>& environ) const {
+        return Base::Call(Contract::Hide, Names_, Writer_, State_, Proxy_, DBusInterface_, InterfaceBase_, MakeInterfaces_Proxy_, MakeInterfaces_Skeleton_, timezone, environ);
+    }
+
+    /// Hears of Hidden.
+    template <class Handler>
+    mwl::Typed::Subscription OnHidden(Handler&& handler) const {
+        return mwl::Typed::SubscribeTo(Base::GetRemote(), Contract::NAME, Contract::Hidden,
+                                       std::forward<Handler>(handler));
+    }
+
+    /// Calls mwl.
+    mwl::Typed::Call<void> mwl() const {
+        return Base::Call(Contract::mwl);
+    }
+
+    /// Calls mw.
+    mwl::Typed::Call<void> mw() const {
+        return Base::Call(Contract::mw);
+    }
+
+    /// Calls std.
+    mwl::Typed::Call<void> std() const {
+        return Base::Call(Contract::std);
+    }
+};
+
+/// An object of a peer that has the interface com.example.Numbers.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class NumbersProxy : public mwl::Typed::Proxy<Numbers> {
+public:
+    using Contract = ::golden::names::Numbers;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    /// Asks for uint32_t.
+    mwl::Typed::Call<uint32_t> GetUint32_t() const {
+        return Base::Get(Contract::uint32_tProperty);
+    }
+    /// Writes uint32_t.
+    mwl::Typed::Call<void> SetUint32_t(const uint32_t& value) const {
+        return Base::Set(Contract::uint32_tProperty, value);
+    }
+
+    /// Calls uint32_t.
+    mwl::Typed::Call<void> uint32_t_(const uint32_t& uint32_t_) const {
+        return Base::Call(Contract::uint32_t_, uint32_t_);
+    }
+};
+
+/// An object of a peer that has the interface com.example.Text.
+/// A function sends nothing by itself: `co_await` what it returns, or use Then or Detach. See mwl::Typed::Proxy.
+class TextProxy : public mwl::Typed::Proxy<Text> {
+public:
+    using Contract = ::golden::names::Text;
+    using Base = mwl::Typed::Proxy<Contract>;
+    using Base::Base;
+
+    ///
+    /// a
+    ///
+    /// */ /* // ") \u0041 \x ????=
+    mwl::Typed::Call<void> A() const {
+        return Base::Call(Contract::A);
+    }
+
+    /// Calls B.
+    mwl::Typed::Call<void> B() const {
+        return Base::Call(Contract::B);
     }
 };
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "names_contract.h"
 
@@ -24,8 +25,8 @@ public:
     using Contract = ::golden::names::Delete;
 
     /// Sends the signal State at once; see Implements::Emit.
-    mw::tern::StatusCode EmitState(std::string_view state, std::string_view State) {
-        return Implements::template Emit<Contract::StateSignal>(state, State);
+    mw::tern::StatusCode EmitState(std::string_view state, std::string_view State_) {
+        return Implements::template Emit<Contract::StateSignal>(state, State_);
     }
 
     /// Sends the signal Changed at once; see Implements::Emit.
@@ -266,6 +267,142 @@ public:
     static constexpr auto Describe() {
         return mwl::Typed::Bindings<>();
     }
+};
+
+/// Base of a class that implements com.example.PATH_MAX: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class PATH_MAX_Skeleton : public mwl::Typed::Implements<PATH_MAX_Skeleton, PATH_MAX_> {
+public:
+    using Contract = ::golden::names::PATH_MAX_;
+
+    /// Sends the signal SIGTERM at once; see Implements::Emit.
+    mw::tern::StatusCode EmitSIGTERM(std::string_view PRIu64_) {
+        return Implements::template Emit<Contract::SIGTERM_>(PRIu64_);
+    }
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::__FILE_____, &PATH_MAX_Skeleton::__FILE_____>,
+            mwl::Typed::Bind<Contract::va_end_, &PATH_MAX_Skeleton::va_end_>,
+            mwl::Typed::Bind<Contract::SYS_read_, &PATH_MAX_Skeleton::SYS_read_>,
+            mwl::Typed::Bind<Contract::INT8_MAX_, &PATH_MAX_Skeleton::GetINT8_MAX, &PATH_MAX_Skeleton::SetINT8_MAX>,
+            mwl::Typed::Bind<Contract::_GNU_SOURCE___, &PATH_MAX_Skeleton::Get_GNU_SOURCE>>();
+    }
+
+protected:
+    /// The method __FILE__.
+    virtual mwl::Typed::Outcome<void> __FILE_____(
+        std::string_view __LINE_____,
+        std::string_view EINVAL_,
+        std::uint32_t si_pid_) = 0;
+    /// The method va_end.
+    virtual mwl::Typed::Outcome<void> va_end_() = 0;
+    /// The method SYS_read.
+    virtual mwl::Typed::Outcome<void> SYS_read_() = 0;
+    /// The property INT8_MAX.
+    virtual std::string GetINT8_MAX() const = 0;
+    /// Writes INT8_MAX; a success announces the change.
+    virtual mwl::Typed::Outcome<void> SetINT8_MAX(std::string_view value) = 0;
+    /// The property _GNU_SOURCE.
+    virtual std::string Get_GNU_SOURCE() const = 0;
+};
+
+/// Base of a class that implements com.example.MakeInterfaces: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class MakeInterfaces_Skeleton : public mwl::Typed::Implements<MakeInterfaces_Skeleton, MakeInterfaces_> {
+public:
+    using Contract = ::golden::names::MakeInterfaces_;
+
+    /// Sends the signal Hidden at once; see Implements::Emit.
+    mw::tern::StatusCode EmitHidden(
+        std::string_view Names_,
+        std::string_view Writer_,
+        std::string_view State_,
+        std::string_view MAX_ANNOUNCED_,
+        std::string_view mName_,
+        std::string_view mState_,
+        std::string_view MakeInterfaces_Skeleton_) {
+        return Implements::template Emit<Contract::Hidden>(Names_, Writer_, State_, MAX_ANNOUNCED_, mName_, mState_, MakeInterfaces_Skeleton_);
+    }
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::Hide, &MakeInterfaces_Skeleton::Hide>,
+            mwl::Typed::Bind<Contract::mwl, &MakeInterfaces_Skeleton::mwl>,
+            mwl::Typed::Bind<Contract::mw, &MakeInterfaces_Skeleton::mw>,
+            mwl::Typed::Bind<Contract::std, &MakeInterfaces_Skeleton::std>>();
+    }
+
+protected:
+    /// The method Hide.
+    virtual mwl::Typed::Outcome<void> Hide(
+        std::string_view Names_,
+        std::string_view Writer_,
+        std::string_view State_,
+        std::string_view Proxy_,
+        std::string_view DBusInterface_,
+        std::string_view InterfaceBase_,
+        std::string_view MakeInterfaces_Proxy_,
+        std::string_view MakeInterfaces_Skeleton_,
+        std::string_view timezone,
+        std::vector<std::string> environ) = 0;
+    /// The method mwl.
+    virtual mwl::Typed::Outcome<void> mwl() = 0;
+    /// The method mw.
+    virtual mwl::Typed::Outcome<void> mw() = 0;
+    /// The method std.
+    virtual mwl::Typed::Outcome<void> std() = 0;
+};
+
+/// Base of a class that implements com.example.Numbers: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class NumbersSkeleton : public mwl::Typed::Implements<NumbersSkeleton, Numbers> {
+public:
+    using Contract = ::golden::names::Numbers;
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::uint32_tProperty, &NumbersSkeleton::GetUint32_t, &NumbersSkeleton::SetUint32_t>,
+            mwl::Typed::Bind<Contract::uint32_t_, &NumbersSkeleton::uint32_t_>>();
+    }
+
+protected:
+    /// The property uint32_t.
+    virtual uint32_t GetUint32_t() const = 0;
+    /// Writes uint32_t; a success announces the change.
+    virtual mwl::Typed::Outcome<void> SetUint32_t(uint32_t value) = 0;
+    /// The method uint32_t.
+    virtual mwl::Typed::Outcome<void> uint32_t_(uint32_t uint32_t_) = 0;
+};
+
+/// Base of a class that implements com.example.Text: it overrides the functions below.
+/// A method that fails returns an mwl::Typed::Error; text that is a std::string_view is valid until the
+/// function returns. D-Bus thread only.
+class TextSkeleton : public mwl::Typed::Implements<TextSkeleton, Text> {
+public:
+    using Contract = ::golden::names::Text;
+
+    /// Which function is which member.
+    static constexpr auto Describe() {
+        return mwl::Typed::Bindings<
+            mwl::Typed::Bind<Contract::A, &TextSkeleton::A>,
+            mwl::Typed::Bind<Contract::B, &TextSkeleton::B>>();
+    }
+
+protected:
+    ///
+    /// a
+    ///
+    /// */ /* // ") \u0041 \x ????=
+    virtual mwl::Typed::Outcome<void> A() = 0;
+    /// The method B.
+    virtual mwl::Typed::Outcome<void> B() = 0;
 };
 
 }  // namespace golden::names
