@@ -41,6 +41,7 @@ CallBase::CallBase(CallBase&& other) noexcept
     // A copy: what becomes of `other` is told with it.
     : mRemote(other.mRemote),  // NOLINT(performance-move-constructor-init)
       mMessage(std::move(other.mMessage)),
+      mReason(std::move(other.mReason)),
       mTimeout(other.mPhase == Phase::New ? other.mTimeout : std::chrono::milliseconds(0)),
       mIndex(other.mIndex),
       mError(other.mError),
@@ -48,12 +49,8 @@ CallBase::CallBase(CallBase&& other) noexcept
       mCause(other.mCause),
       mIsAnswered(other.mIsAnswered) {
     assert(other.mPhase != Phase::Waiting);
-    if (mPhase == Phase::Failed) {
-        if (mCause == Cause::Reason) {
-            mReason = other.mReason;
-        } else {
-            mName = other.mName;
-        }
+    if (mPhase == Phase::Failed && mCause == Cause::Argument) {
+        mName = other.mName;
     }
 }
 
@@ -62,8 +59,6 @@ CallBase::~CallBase() {
         assert(mRemote->GetState()->dispatcher.IsHere());
         EndWaiting();
     }
-    const std::unique_ptr<Error> reason(mPhase == Phase::Failed && mCause == Cause::Reason ? mReason
-                                                                                           : nullptr);
 }
 
 /// The bus's own state.
@@ -94,8 +89,7 @@ void CallBase::Refuse(Error reason) {
     if (mPhase == Phase::New) {
         Fail(Cause::Status, 0);
     }
-    const std::unique_ptr<Error> former(mCause == Cause::Reason ? mReason : nullptr);
-    mReason = owned.release();  // the call's until it ends
+    mReason = std::move(owned);
     mCause = Cause::Reason;
 }
 
@@ -103,7 +97,6 @@ bool CallBase::Fail(Cause cause, int error) noexcept {
     mCause = cause;
     mError = error;
     mPhase = Phase::Failed;
-    mName = nullptr;
     ++mRemote->GetState()->clients.unsent;
     return false;
 }
@@ -187,7 +180,6 @@ void CallBase::OnStop() noexcept {
         mCause = Cause::Status;
         mError = static_cast<int>(StatusCode::Stopping);
         mPhase = Phase::Failed;
-        mName = nullptr;
     }
     RunContained([this] { OnDone(); }, mRemote->GetState()->core->GetLoop());
 }
