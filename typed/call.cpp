@@ -41,16 +41,20 @@ CallBase::CallBase(CallBase&& other) noexcept
     // A copy: what becomes of `other` is told with it.
     : mRemote(other.mRemote),  // NOLINT(performance-move-constructor-init)
       mMessage(std::move(other.mMessage)),
-      mReason(std::move(other.mReason)),
-      mTimeout(other.mPhase == Phase::New ? other.mTimeout : std::chrono::milliseconds(0)),
-      mIndex(other.mIndex),
-      mError(other.mError),
+      mTimeout(0),
       mPhase(other.mPhase == Phase::Waiting ? Phase::Spent : std::exchange(other.mPhase, Phase::Spent)),
-      mCause(other.mCause),
       mIsAnswered(other.mIsAnswered) {
     assert(other.mPhase != Phase::Waiting);
-    if (mPhase == Phase::Failed && mCause == Cause::Argument) {
-        mName = other.mName;
+    if (mPhase == Phase::New) {
+        mTimeout = other.mTimeout;
+    } else if (mPhase == Phase::Failed) {
+        mCause = other.mCause;
+        mError = other.mError;
+        mReason = std::move(other.mReason);
+        if (mCause == Cause::Argument) {
+            mIndex = other.mIndex;
+            mName = other.mName;
+        }
     }
 }
 

@@ -186,6 +186,42 @@ TEST_F(BlockingBusTest, ListensToWhatACallBringsAbout) {
     EXPECT_EQ(told.GetState().GetError().GetStatus(), StatusCode::NotInitialized);
 }
 
+TEST_F(BlockingBusTest, FindsASignalThatIsThereBehindOthers) {
+    auto told = mPeer.Listen(Peer1::Told);
+    const char* name = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(mPeer.GetBus()->GetBus(), &name), 0);
+    tern::test::Peer stranger;
+    for (int i = 0; i < 10; ++i) {
+        SendTo(stranger, name, "/", "com.example.Noise", "Noise", 0);
+    }
+    EXPECT_NE(stranger.Call("/", "org.freedesktop.DBus.Peer", "Ping"), "");
+    // Of another connection, so that this one takes nothing in.
+    ASSERT_EQ(Said(BlockingProxy<Peer1>(tern::test::PEER, tern::test::PEER_PATH).Call(Peer1::Tell, 3U)), "");
+    const auto values = told.Next(0ms);
+    ASSERT_TRUE(values.IsOk()) << Said(values);
+    EXPECT_EQ(std::get<0>(*values), 3U);
+    EXPECT_EQ(told.Next(0ms).GetError().GetStatus(), StatusCode::Timeout);
+}
+
+TEST_F(BlockingBusTest, OneThatDoesNotListenHasTheBusSendNothing) {
+    ASSERT_EQ(Said(mPeer.Ping()), "");
+    const auto deaf = mPeer.Within(0ms).Listen(Peer1::Told);
+    EXPECT_EQ(deaf.GetState().GetError().GetStatus(), StatusCode::Timeout);
+    int heard = 0;
+    ASSERT_GE(sd_bus_add_filter(
+                  mPeer.GetBus()->GetBus(), nullptr,
+                  [](sd_bus_message* message, void* userdata, sd_bus_error*) {
+                      *static_cast<int*>(userdata) +=
+                          sd_bus_message_is_signal(message, Peer1::NAME, "Told") > 0 ? 1 : 0;
+                      return 0;
+                  },
+                  &heard),
+              0);
+    ASSERT_EQ(Said(mPeer.Ping()), "");
+    ASSERT_EQ(Said(mPeer.Call(Peer1::Tell, 3U)), "");
+    EXPECT_EQ(heard, 0);
+}
+
 TEST_F(BlockingBusTest, HearsThePeerOnly) {
     auto told = mPeer.Listen(Peer1::Told);
     const char* name = nullptr;

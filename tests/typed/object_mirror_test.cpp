@@ -30,6 +30,8 @@ TERN_INTERPOSE(int, sd_bus_call_async,
                (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* message, sd_bus_message_handler_t handler,
                 void* userdata, uint64_t limit),
                (bus, slot, message, handler, userdata, limit))
+TERN_INTERPOSE(int, sd_bus_message_copy, (sd_bus_message * to, sd_bus_message* from, int all),
+               (to, from, all))
 TERN_INTERPOSE(int, sd_event_add_time_relative,
                (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
                 sd_event_time_handler_t handler, void* userdata),
@@ -397,6 +399,40 @@ TEST_F(ObjectMirrorTest, ManyValuesThatCannotBeKeptCostLittle) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 4 * tern::test::TOLERANCE);
 }
 
+TEST_F(ObjectMirrorTest, AnAnswerThatCannotBeReadIsAskedForAgain) {
+    Make();
+    const FaultScope scope(fault_sd_bus_message_copy);
+    fault_sd_bus_message_copy.Fail(-EMFILE, 0, 1, 1);
+    const auto answer = [this] {
+        mPeer.Reply(WaitForQuestion(), "a{oa{sa{sv}}}", 3, "/com/example/a", 1, ROOM, 1, "Level", "u", 1U,
+                    "/com/example/b", 1, ROOM, 1, "Level", "u", 2U, "/com/example/c", 1, ROOM, 0);
+    };
+    answer();
+    EXPECT_THAT(Told(), ElementsAre("+/com/example/a com.example.Room1 Level=1"));
+    EXPECT_EQ(Status(), StatusCode::ResourceUnavailable);
+    EXPECT_THAT(mLog.Entries("Typed"),
+                ElementsAre(Error("Typed",
+                                  "Failed to get the objects of com.example.House /com/example: Too many "
+                                  "open files")));
+    answer();
+    EXPECT_THAT(Told(), ElementsAre("+/com/example/b com.example.Room1 Level=2",
+                                    "+/com/example/c com.example.Room1", "ready"));
+    EXPECT_EQ(Status(), StatusCode::Ok);
+}
+
+TEST_F(ObjectMirrorTest, ASignalThatCannotBeReadIsCounted) {
+    MakeEmpty();
+    const FaultScope scope(fault_sd_bus_message_copy);
+    fault_sd_bus_message_copy.Fail(-EMFILE);
+    Add("/com/example/a");
+    EXPECT_THAT(Told(), IsEmpty());
+    EXPECT_THAT(Objects(), IsEmpty());
+    EXPECT_EQ(mServed.Count().wrongSignals, 1U);
+    EXPECT_THAT(mLog.Entries("Typed"), SizeIs(1));
+    Add("/com/example/a");
+    EXPECT_THAT(Told(), ElementsAre("+/com/example/a com.example.Room1"));
+}
+
 TEST_F(ObjectMirrorTest, SignalsOfAnotherSignatureAreCounted) {
     MakeEmpty();
     mPeer.Emit(ROOT, MANAGER, "InterfacesAdded", "o", "/com/example/a");
@@ -474,6 +510,19 @@ TEST_P(ObjectMirrorRefusedTest, WithoutBothSignalsNothingIsKept) {
 }
 INSTANTIATE_TEST_SUITE_P(, ObjectMirrorRefusedTest, testing::Values(1, 2),
                          [](const auto& test) { return test.param == 1 ? "Added" : "Removed"; });
+
+TEST_F(ObjectMirrorTest, OneSignalAloneIsNotListenedTo) {
+    const FaultScope scope(fault_sd_bus_add_match_async);
+    // For the owner, for what comes, for what goes.
+    fault_sd_bus_add_match_async.Fail(-ENOBUFS, 0, 1, 2);
+    Make();
+    const StatusCode failed = mw::tern::MakeStatusCodeFromReturnCode(-ENOBUFS);
+    EXPECT_EQ(Status(), failed);
+    Add("/com/example/a");
+    EXPECT_THAT(Told(), IsEmpty());
+    EXPECT_THAT(Objects(), IsEmpty());
+    EXPECT_EQ(Status(), failed);
+}
 
 TEST_F(ObjectMirrorTest, WhatIsNoNameOrPathIsRefusedOnce) {
     for (const auto& [name, root] : {std::pair{"no name", ROOT}, std::pair{NAME, "no path"}}) {

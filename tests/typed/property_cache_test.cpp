@@ -35,6 +35,20 @@ TERN_INTERPOSE(int, sd_event_add_time_relative,
 namespace mwl::Typed {
 namespace {
 
+/// So that a codec of a test's own may throw.
+struct Odd {};
+
+}  // namespace
+
+template <>
+struct Codec<Odd> {
+    static constexpr Text<1> SIGNATURE = "u";
+    static int Write(sd_bus_message*, const Odd&) { return 0; }
+    static int Read(sd_bus_message*, Odd&, Fault&) { throw std::runtime_error("odd"); }
+};
+
+namespace {
+
 using tern::test::Error;
 using tern::test::FaultScope;
 using tern::test::RawPeer;
@@ -61,6 +75,13 @@ struct Oven1 {
     static constexpr Members<Open, Level, Label, Range, Secret, Target> ALL{};
 };
 constexpr const char* OVEN = Oven1::NAME;
+
+/// The same, as who cannot read it sees it.
+struct OddOven1 {
+    static constexpr const char* NAME = Oven1::NAME;
+    static constexpr Property<Odd> Level{"Level"};
+    static constexpr Members<Level> ALL{};
+};
 
 using Cache = PropertyCache<Oven1>;
 using Changes = PropertyChanges<Oven1>;
@@ -517,6 +538,14 @@ TEST_F(PropertyCacheTest, WithoutItsChangesNothingIsKept) {
     Answer();
     WaitFor(StatusCode::InvalidArgument);
     EXPECT_EQ(Level(), std::nullopt);
+    // For later owners neither.
+    EXPECT_THAT(Told(), ElementsAre(""));
+    mPeer.Disown(NAME);
+    mPeer.Own(NAME);
+    mServed.On([this] { mCache->Refresh(); });
+    EXPECT_TRUE(mPeer.HasNoCall("GetAll"));
+    EXPECT_EQ(Status(), StatusCode::InvalidArgument);
+    EXPECT_THAT(Told(), IsEmpty());
 }
 
 TEST_F(PropertyCacheTest, WhatIsNoNameOrPathIsRefusedOnce) {
@@ -569,6 +598,16 @@ TEST_F(PropertyCacheTest, WhatAHandlerThrowsEndsTheLoop) {
     Answer();
     WaitForEnd();
     EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
+}
+
+TEST_F(PropertyCacheTest, WhatACodecOfOnesOwnThrowsEndsTheLoop) {
+    std::optional<PropertyCache<OddOven1>> cache;
+    mServed.On([&] { cache.emplace(std::make_shared<Remote>(*mServed.typed, NAME, PATH)); });
+    Answer();
+    WaitForEnd();
+    EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Critical("Typed", "A turn of the typed bus threw std::runtime_error: odd")));
 }
 
 TEST_F(PropertyCacheTest, RefreshAsksForWhatIsNotAnnounced) {

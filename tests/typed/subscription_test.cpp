@@ -52,6 +52,8 @@ enum class Mode : std::uint8_t { Slow = 1, Fast = 2 };
 
 /// So that a codec of a test's own may run out of memory.
 struct Greedy {};
+/// So that one may throw something else.
+struct Odd {};
 
 }  // namespace
 
@@ -60,6 +62,13 @@ struct Codec<Greedy> {
     static constexpr Text<1> SIGNATURE = "u";
     static int Write(sd_bus_message*, const Greedy&) { return 0; }
     static int Read(sd_bus_message*, Greedy&, Fault&) { throw std::bad_alloc(); }
+};
+
+template <>
+struct Codec<Odd> {
+    static constexpr Text<1> SIGNATURE = "u";
+    static int Write(sd_bus_message*, const Odd&) { return 0; }
+    static int Read(sd_bus_message*, Odd&, Fault&) { throw std::runtime_error("odd"); }
 };
 
 namespace {
@@ -71,6 +80,7 @@ struct Meter1 {
     static constexpr Signal<> Ticked{"Ticked"};
     static constexpr Signal<Mode> Switched{"Switched", {"mode"}};
     static constexpr Signal<Greedy> Grown{"Grown", {"size"}};
+    static constexpr Signal<Odd> Strayed{"Strayed", {"where"}};
 };
 constexpr const char* METER = Meter1::NAME;
 
@@ -585,6 +595,15 @@ TEST_F(SubscriptionTest, WhatAHandlerThrowsEndsTheLoop) {
     EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
     EXPECT_TRUE(mLog.Contains(
         tern::test::Critical("Typed", "A turn of the typed bus threw std::runtime_error: too hot")));
+}
+
+TEST_F(SubscriptionTest, WhatACodecOfOnesOwnThrowsEndsTheLoop) {
+    Listen([&] { return SubscribeTo(Of(), METER, Meter1::Strayed, [](const Odd&) {}); });
+    mPeer.Emit(PATH, METER, "Strayed", "u", 9U);
+    WaitForEnd();
+    EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Critical("Typed", "A turn of the typed bus threw std::runtime_error: odd")));
 }
 
 // ---- the end
