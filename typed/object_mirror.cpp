@@ -216,9 +216,10 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     }
     void AskAgainLater(StatusCode failure, const char* why) {
         status = failure;
-        if (!std::exchange(hasLogged, true)) {
-            TERN_LOG_ERROR(LOGGER, "Failed to get the objects of %s %s: %s", manager.GetDestination().c_str(),
-                           manager.GetPath().c_str(), why);
+        unsigned long others = 0;
+        if (!std::exchange(hasLogged, true) && Bus().watching.limit.Allows(others)) {
+            TERN_LOG_ERROR(LOGGER, "Failed to get the objects of %s %s: %s (%lu like it not logged)",
+                           manager.GetDestination().c_str(), manager.GetPath().c_str(), why, others);
         }
         if (const int r = retry.Begin(Bus().core->GetLoop(), OnRetry, this); r < 0) {
             TERN_LOG_ERROR(LOGGER, "Failed to wait for the objects of %s %s (%d, %s)",
@@ -362,10 +363,12 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         if (!IsBelow(path) || (found == objects.end() && objects.size() == OBJECTS) ||
             interfaces == INTERFACES || bytes + size > NAME_BYTES) {
             ++omitted;
-            if (!std::exchange(hasLoggedLimit, true)) {
+            unsigned long others = 0;
+            if (!std::exchange(hasLoggedLimit, true) && Bus().watching.limit.Allows(others)) {
                 TERN_LOG_ERROR(LOGGER,
-                               "Objects of %s %s are left out: there are too many, or it is not above them",
-                               manager.GetDestination().c_str(), manager.GetPath().c_str());
+                               "Objects of %s %s are left out: there are too many, or it is not above them "
+                               "(%lu like it not logged)",
+                               manager.GetDestination().c_str(), manager.GetPath().c_str(), others);
             }
             return false;
         }
@@ -429,7 +432,8 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     /// Of all names in `objects`.
     std::size_t bytes = 0;
     std::size_t omitted = 0;
-    /// That this owner does not tell, or tells too much.
+    /// That this owner does not tell, or tells too much. Names can come and go fast: a limit bounds what is
+    /// logged besides.
     bool hasLogged = false;
     bool hasLoggedLimit = false;
 };

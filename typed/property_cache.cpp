@@ -230,9 +230,11 @@ struct CachedProperties::State final : Stoppable,
     }
 
     [[gnu::cold]] void LogFailure(const char* why) {
-        if (!std::exchange(hasLogged, true)) {
-            TERN_LOG_ERROR(LOGGER, "Failed to get the properties %s of %s %s: %s", interface,
-                           remote->GetDestination().c_str(), remote->GetPath().c_str(), why);
+        unsigned long omitted = 0;
+        if (!std::exchange(hasLogged, true) && Bus().watching.limit.Allows(omitted)) {
+            TERN_LOG_ERROR(LOGGER, "Failed to get the properties %s of %s %s: %s (%lu like it not logged)",
+                           interface, remote->GetDestination().c_str(), remote->GetPath().c_str(), why,
+                           omitted);
         }
     }
     void AskAgainLater(StatusCode failure) {
@@ -415,7 +417,7 @@ struct CachedProperties::State final : Stoppable,
     std::uint64_t touched = 0;
     std::vector<Question> questions;
     Retry retry;
-    /// That this owner does not tell.
+    /// That this owner does not tell. Names can come and go fast: a limit bounds what is logged besides.
     bool hasLogged = false;
 };
 

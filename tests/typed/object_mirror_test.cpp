@@ -55,7 +55,8 @@ constexpr const char* MANAGER = "org.freedesktop.DBus.ObjectManager";
 constexpr const char* ROOM = "com.example.Room1";
 constexpr const char* DOOR = "com.example.Door1";
 const std::string LEFT_OUT =
-    "Objects of com.example.House /com/example are left out: there are too many, or it is not above them";
+    "Objects of com.example.House /com/example are left out: there are too many, or it is not above them "
+    "(0 like it not logged)";
 
 /// A service that mirrors the objects of a peer, which the test leads.
 class ObjectMirrorTest : public testing::Test {
@@ -413,7 +414,7 @@ TEST_F(ObjectMirrorTest, AnAnswerThatCannotBeReadIsAskedForAgain) {
     EXPECT_THAT(mLog.Entries("Typed"),
                 ElementsAre(Error("Typed",
                                   "Failed to get the objects of com.example.House /com/example: Too many "
-                                  "open files")));
+                                  "open files (0 like it not logged)")));
     answer();
     EXPECT_THAT(Told(), ElementsAre("+/com/example/b com.example.Room1 Level=2",
                                     "+/com/example/c com.example.Room1", "ready"));
@@ -460,7 +461,22 @@ TEST_F(ObjectMirrorTest, APeerThatDoesNotTellIsAskedAgain) {
     EXPECT_THAT(mLog.Entries("Typed"),
                 ElementsAre(Error("Typed",
                                   "Failed to get the objects of com.example.House /com/example: "
-                                  "org.freedesktop.DBus.Error.UnknownMethod")));
+                                  "org.freedesktop.DBus.Error.UnknownMethod (0 like it not logged)")));
+}
+
+TEST_F(ObjectMirrorTest, ANameThatComesAndGoesDoesNotFillTheLog) {
+    Make();
+    for (int i = 0; i < 30; ++i) {
+        if (i % 2 == 0) {
+            mPeer.Refuse(WaitForQuestion(), "com.example.Error.No");
+        } else {
+            AnswerOne(mPeer, WaitForQuestion(), "/elsewhere");
+        }
+        mPeer.Disown(NAME);
+        mPeer.Own(NAME);
+    }
+    Told();
+    EXPECT_THAT(mLog.Entries("Typed"), SizeIs(10));
 }
 
 TEST_F(ObjectMirrorTest, AQuestionThatCannotBeSentIsLogged) {
@@ -477,7 +493,8 @@ TEST_F(ObjectMirrorTest, AQuestionThatCannotBeSentIsLogged) {
         mLog.Entries("Typed"),
         ElementsAre(
             Error("Typed",
-                  "Failed to get the objects of com.example.House /com/example: No buffer space available"),
+                  "Failed to get the objects of com.example.House /com/example: No buffer space available (0 "
+                  "like it not logged)"),
             Error("Typed",
                   "Failed to wait for the objects of com.example.House /com/example (-12, Cannot allocate "
                   "memory)")));

@@ -457,10 +457,22 @@ TEST_F(PropertyCacheTest, APeerThatDoesNotTellIsAskedAgain) {
     EXPECT_THAT(Level(), Optional(2U));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3)) << "1 s and 2 s";
     EXPECT_THAT(mLog.Entries("Typed"),
-                ElementsAre(Error("Typed",
-                                  "Failed to get the properties com.example.Oven1 of com.example.Oven "
-                                  "/com/example/oven: org.freedesktop.DBus.Error.UnknownObject")));
+                ElementsAre(Error(
+                    "Typed",
+                    "Failed to get the properties com.example.Oven1 of com.example.Oven "
+                    "/com/example/oven: org.freedesktop.DBus.Error.UnknownObject (0 like it not logged)")));
     EXPECT_THAT(Told(), ElementsAre("", "Level ", "", "Level Label Range Target "));
+}
+
+TEST_F(PropertyCacheTest, ANameThatComesAndGoesDoesNotFillTheLog) {
+    Make();
+    for (int i = 0; i < 30; ++i) {
+        mPeer.Refuse(mPeer.WaitForCall("GetAll"), "com.example.Error.No");
+        mPeer.Disown(NAME);
+        mPeer.Own(NAME);
+    }
+    Told();
+    EXPECT_THAT(mLog.Entries("Typed"), SizeIs(10));
 }
 
 TEST_F(PropertyCacheTest, APeerThatDoesNotAnswerIsNotWaitedForForEver) {
@@ -496,8 +508,9 @@ TEST_F(PropertyCacheTest, AQuestionThatCannotBeSentIsTold) {
     });
     const std::string name = mPeer.Name();
     EXPECT_THAT(mLog.Entries("Typed"),
-                ElementsAre(Error("Typed", "Failed to get the properties com.example.Oven1 of " + name +
-                                               " /com/example/oven: No buffer space available"),
+                ElementsAre(Error("Typed",
+                                  "Failed to get the properties com.example.Oven1 of " + name +
+                                      " /com/example/oven: No buffer space available (0 like it not logged)"),
                             Error("Typed", "Failed to wait for the properties com.example.Oven1 of " + name +
                                                " /com/example/oven (-12, Cannot allocate memory)")));
     mServed.On([this] {

@@ -182,8 +182,8 @@ private:
 /// (Bus::Counters::wrongProperties) and logged (warning, logger name "Typed", ten in ten seconds).
 ///
 /// When the peer refuses to tell its properties, or does not answer within the time-out of the Remote, it is
-/// logged once, GetStatus says so, and it is asked again after 1, 2, 4 and so on to 64 seconds, until it
-/// answers. What it announces meanwhile counts.
+/// logged once for each owner (error, ten in ten seconds), GetStatus says so, and it is asked again after 1,
+/// 2, 4 and so on to 64 seconds, until it answers. What it announces meanwhile counts.
 ///
 /// Memory: one value for each property of the contract, of at most a message's size. At most one question
 /// for all properties and one for each is under way, however often the peer announces.
