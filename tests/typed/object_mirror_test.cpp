@@ -17,25 +17,10 @@
 #include <utility>
 #include <vector>
 
-#include "support/interpose.h"
-#include "support/log_capture.h"
-#include "typed/raw_peer.h"
-#include "typed/served_bus.h"
+#include "typed/watched_peer.h"
 
-TERN_INTERPOSE(int, sd_bus_add_match_async,
-               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
-                sd_bus_message_handler_t installed, void* userdata),
-               (bus, slot, rule, handler, installed, userdata))
-TERN_INTERPOSE(int, sd_bus_call_async,
-               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* message, sd_bus_message_handler_t handler,
-                void* userdata, uint64_t limit),
-               (bus, slot, message, handler, userdata, limit))
 TERN_INTERPOSE(int, sd_bus_message_copy, (sd_bus_message * to, sd_bus_message* from, int all),
                (to, from, all))
-TERN_INTERPOSE(int, sd_event_add_time_relative,
-               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
-                sd_event_time_handler_t handler, void* userdata),
-               (event, source, clock, time, accuracy, handler, userdata))
 
 namespace mwl::Typed {
 namespace {
@@ -59,9 +44,9 @@ const std::string LEFT_OUT =
     "(0 like it not logged)";
 
 /// A service that mirrors the objects of a peer, which the test leads.
-class ObjectMirrorTest : public testing::Test {
+class ObjectMirrorTest : public tern::test::WatchedPeerTest {
 protected:
-    ObjectMirrorTest() { mPeer.Own(NAME); }
+    ObjectMirrorTest() : WatchedPeerTest(NAME) {}
     ~ObjectMirrorTest() override { mServed.End(); }
 
     /// D-Bus thread.
@@ -125,17 +110,9 @@ protected:
         return mServed.On([this] { return std::exchange(mTold, {}); });
     }
     std::vector<std::string> Told() { return ToldAfter(mPeer); }
-    void WaitForEnd() {
-        EXPECT_TRUE(WaitUntil([&] { return !mServed.typed->Post([] {}); })) << "the loop does not end";
-        mServed.End();
-    }
 
-    tern::test::PrivateBus mDaemon;
-    tern::test::LogCapture mLog{5};
-    RawPeer mPeer;
     std::vector<std::string> mTold;
     ObjectMirror mMirror;
-    Served mServed;
 };
 
 TEST_F(ObjectMirrorTest, APeerMayHaveNoObjects) {
@@ -505,12 +482,7 @@ class ObjectMirrorRefusedTest : public ObjectMirrorTest, public testing::WithPar
 TEST_P(ObjectMirrorRefusedTest, WithoutBothSignalsNothingIsKept) {
     const FaultScope scope(fault_sd_bus_add_match_async);
     // The first match is for the owner of the name.
-    fault_sd_bus_add_match_async.Replace(
-        [](sd_bus* bus, sd_bus_slot** slot, const char*, auto... arguments) {
-            return fault_sd_bus_add_match_async.Real(bus, slot, "path='/a',path_namespace='/a'",
-                                                     arguments...);
-        },
-        1, GetParam());
+    RefuseMatch(GetParam());
     Make();
     const auto call = WaitForQuestion();
     Add("/com/example/a");

@@ -14,23 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/interpose.h"
-#include "support/log_capture.h"
-#include "typed/raw_peer.h"
-#include "typed/served_bus.h"
-
-TERN_INTERPOSE(int, sd_bus_add_match_async,
-               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
-                sd_bus_message_handler_t installed, void* userdata),
-               (bus, slot, rule, handler, installed, userdata))
-TERN_INTERPOSE(int, sd_bus_call_async,
-               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* message, sd_bus_message_handler_t handler,
-                void* userdata, uint64_t limit),
-               (bus, slot, message, handler, userdata, limit))
-TERN_INTERPOSE(int, sd_event_add_time_relative,
-               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
-                sd_event_time_handler_t handler, void* userdata),
-               (event, source, clock, time, accuracy, handler, userdata))
+#include "typed/watched_peer.h"
 
 namespace mwl::Typed {
 namespace {
@@ -87,9 +71,9 @@ using Cache = PropertyCache<Oven1>;
 using Changes = PropertyChanges<Oven1>;
 
 /// A service that keeps the properties of a peer, which the test leads.
-class PropertyCacheTest : public testing::Test {
+class PropertyCacheTest : public tern::test::WatchedPeerTest {
 protected:
-    PropertyCacheTest() { mPeer.Own(NAME); }
+    PropertyCacheTest() : WatchedPeerTest(NAME) {}
     ~PropertyCacheTest() override { mServed.End(); }
 
     /// D-Bus thread.
@@ -145,17 +129,9 @@ protected:
     void WaitFor(StatusCode status) {
         EXPECT_TRUE(WaitUntil([&] { return Status() == status; })) << "waited for " << status;
     }
-    void WaitForEnd() {
-        EXPECT_TRUE(WaitUntil([&] { return !mServed.typed->Post([] {}); })) << "the loop does not end";
-        mServed.End();
-    }
 
-    tern::test::PrivateBus mDaemon;
-    tern::test::LogCapture mLog{5};
-    RawPeer mPeer;
     std::vector<std::string> mTold;
     std::optional<Cache> mCache;
-    Served mServed;
 };
 
 TEST_F(PropertyCacheTest, KeepsAllValues) {
@@ -541,12 +517,7 @@ TEST_F(PropertyCacheTest, ASingleQuestionThatCannotBeSentIsLogged) {
 
 TEST_F(PropertyCacheTest, WithoutItsChangesNothingIsKept) {
     const FaultScope scope(fault_sd_bus_add_match_async);
-    fault_sd_bus_add_match_async.Replace(
-        [](sd_bus* bus, sd_bus_slot** slot, const char*, auto... arguments) {
-            return fault_sd_bus_add_match_async.Real(bus, slot, "path='/a',path_namespace='/a'",
-                                                     arguments...);
-        },
-        1, 1);
+    RefuseMatch(1);
     Make();
     Answer();
     WaitFor(StatusCode::InvalidArgument);

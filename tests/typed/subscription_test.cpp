@@ -18,15 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/interpose.h"
-#include "support/log_capture.h"
-#include "typed/raw_peer.h"
-#include "typed/served_bus.h"
-
-TERN_INTERPOSE(int, sd_bus_add_match_async,
-               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
-                sd_bus_message_handler_t installed, void* userdata),
-               (bus, slot, rule, handler, installed, userdata))
+#include "typed/watched_peer.h"
 
 namespace mwl::Typed {
 namespace {
@@ -85,9 +77,10 @@ struct Meter1 {
 constexpr const char* METER = Meter1::NAME;
 
 /// A service that listens to a peer.
-class SubscriptionTest : public testing::Test {
+class SubscriptionTest : public tern::test::WatchedPeerTest {
 protected:
-    SubscriptionTest() { mPeer.Own(NAME); }
+    SubscriptionTest() : WatchedPeerTest(NAME) {}
+    ~SubscriptionTest() override { mServed.End(); }
 
     /// D-Bus thread.
     std::shared_ptr<Remote> Of(std::string name = NAME) {
@@ -117,17 +110,9 @@ protected:
     }
     std::vector<std::uint32_t> Seen() { return SeenAfter(mPeer); }
     Bus::Counters Count() { return mServed.Count(); }
-    void WaitForEnd() {
-        EXPECT_TRUE(WaitUntil([&] { return !mServed.typed->Post([] {}); })) << "the loop does not end";
-        mServed.End();
-    }
 
-    tern::test::PrivateBus mDaemon;
-    tern::test::LogCapture mLog{5};
-    RawPeer mPeer;
     std::vector<std::uint32_t> mSeen;
     Subscription mSubscription;
-    Served mServed;
 };
 
 TEST_F(SubscriptionTest, GivesEachSignalToTheHandler) {
@@ -556,12 +541,7 @@ class SubscriptionRefusedTest : public SubscriptionTest, public testing::WithPar
 TEST_P(SubscriptionRefusedTest, IsTold) {
     const FaultScope scope(fault_sd_bus_add_match_async);
     // What sd-bus takes and the message bus does not.
-    fault_sd_bus_add_match_async.Replace(
-        [](sd_bus* bus, sd_bus_slot** slot, const char*, auto... arguments) {
-            return fault_sd_bus_add_match_async.Real(bus, slot, "path='/a',path_namespace='/a'",
-                                                     arguments...);
-        },
-        1, GetParam());
+    RefuseMatch(GetParam());
     mServed.On([this] { mSubscription = Make(); });
     EXPECT_TRUE(WaitUntil([&] { return Status() == StatusCode::InvalidArgument; }));
     Measure(1);
