@@ -47,11 +47,15 @@ private:
     std::optional<steady_clock::time_point> mEnd;
 };
 
+/// So many messages that are there already are still looked at when the time is over: what is waited for may
+/// be behind them, and whoever sends without a pause does not keep us.
+constexpr unsigned LATE_MESSAGES = 64;
+
 /// Handles what comes until `isDone`, which is asked again after each message. 1: it is. 0: the time is over.
 /// Otherwise the negative error number that the connection failed with.
 template <typename Done>
 int RunUntil(sd_bus* bus, const Deadline& deadline, Done isDone) {
-    for (;;) {
+    for (unsigned late = 0;;) {
         if (isDone()) {
             return 1;
         }
@@ -62,8 +66,8 @@ int RunUntil(sd_bus* bus, const Deadline& deadline, Done isDone) {
                 return 0;
             }
             r = sd_bus_wait(bus, left);
-        } else if (r > 0 && deadline.GetLeft() == 0) {
-            return isDone() ? 1 : 0;  // whoever sends without a pause does not keep us
+        } else if (r > 0 && deadline.GetLeft() == 0 && ++late > LATE_MESSAGES) {
+            return isDone() ? 1 : 0;
         }
         if (r < 0 && r != -EINTR) {
             return isDone() ? 1 : r;
@@ -236,6 +240,7 @@ struct ListeningBase::State {
 
     std::shared_ptr<BlockingBus> owner;
     std::string destination;
+    /// Why it does not listen; it has ended then.
     std::optional<Error> failure;
     /// That of the matches, which are gone when the owner has another one.
     Handle<sd_bus, sd_bus_unref> bus;
@@ -245,12 +250,23 @@ struct ListeningBase::State {
     bool areLost = false;
     /// Answers that have not come.
     unsigned missing = 0;
-    int refused = 0;
+    /// The first of them that is an error.
+    OwnedMessage refusal;
     BusSlot ownerMatch;
     BusSlot ownerQuestion;
     BusSlot signalMatch;
 
     bool IsUnique() const { return destination.starts_with(':'); }
+
+    /// The bus need not send anything any more, and nothing is kept.
+    void End(Error why) {
+        failure = std::move(why);
+        ownerMatch.reset();
+        ownerQuestion.reset();
+        signalMatch.reset();
+        signals.clear();
+        bus.reset();
+    }
 
     /// What sd-bus calls: nothing that is thrown crosses it. What could not be kept is lost.
     template <typename Work>
@@ -264,12 +280,12 @@ struct ListeningBase::State {
         return 0;
     }
     static int OnMatch(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-        return Guard(userdata, [reply](State& state) {
-            --state.missing;
-            if (sd_bus_message_is_method_error(reply, nullptr) > 0 && !state.failure) {
-                state.failure = Error::FromReply(reply);
-            }
-        });
+        State& state = *static_cast<State*>(userdata);
+        --state.missing;
+        if (sd_bus_message_is_method_error(reply, nullptr) > 0 && state.refusal == nullptr) {
+            state.refusal.reset(sd_bus_message_ref(reply));
+        }
+        return 0;
     }
     static int OnOwner(sd_bus_message* reply, void* userdata, sd_bus_error*) {
         return Guard(userdata, [reply](State& state) {
@@ -362,9 +378,11 @@ ListeningBase::ListeningBase(std::shared_ptr<BlockingBus> bus, std::string desti
         r = RunUntil(state.bus.get(), deadline, [&state] { return state.missing == 0; });
     }
     if (r < 0) {
-        state.failure = ErrorOfSending(r);
+        state.End(ErrorOfSending(r));
     } else if (r == 0) {
-        state.failure = Error::Timeout("the message bus does not answer");
+        state.End(Error::Timeout("the message bus does not answer"));
+    } else if (state.refusal != nullptr) {
+        state.End(Error::FromReply(state.refusal.get()));
     }
 }
 
@@ -403,7 +421,7 @@ Outcome<OwnedMessage> ListeningBase::Take(milliseconds limit) {
     if (r == 0) {
         return Error::Timeout("no signal in time");
     }
-    state.failure = Error(StatusCode::IoError, "the connection to the message bus was lost");
+    state.End(Error(StatusCode::IoError, "the connection to the message bus was lost"));
     return *state.failure;
 }
 

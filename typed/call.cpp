@@ -41,17 +41,18 @@ CallBase::CallBase(CallBase&& other) noexcept
     // A copy: what becomes of `other` is told with it.
     : mRemote(other.mRemote),  // NOLINT(performance-move-constructor-init)
       mMessage(std::move(other.mMessage)),
-      mTimeout(other.mPhase == Phase::New ? other.mTimeout : std::chrono::milliseconds(0)),
-      mIndex(other.mIndex),
-      mError(other.mError),
+      mTimeout(0),
       mPhase(other.mPhase == Phase::Waiting ? Phase::Spent : std::exchange(other.mPhase, Phase::Spent)),
-      mCause(other.mCause),
       mIsAnswered(other.mIsAnswered) {
     assert(other.mPhase != Phase::Waiting);
-    if (mPhase == Phase::Failed) {
-        if (mCause == Cause::Reason) {
-            mReason = other.mReason;
-        } else {
+    if (mPhase == Phase::New) {
+        mTimeout = other.mTimeout;
+    } else if (mPhase == Phase::Failed) {
+        mCause = other.mCause;
+        mError = other.mError;
+        mReason = std::move(other.mReason);
+        if (mCause == Cause::Argument) {
+            mIndex = other.mIndex;
             mName = other.mName;
         }
     }
@@ -62,8 +63,6 @@ CallBase::~CallBase() {
         assert(mRemote->GetState()->dispatcher.IsHere());
         EndWaiting();
     }
-    const std::unique_ptr<Error> reason(mPhase == Phase::Failed && mCause == Cause::Reason ? mReason
-                                                                                           : nullptr);
 }
 
 /// The bus's own state.
@@ -94,8 +93,7 @@ void CallBase::Refuse(Error reason) {
     if (mPhase == Phase::New) {
         Fail(Cause::Status, 0);
     }
-    const std::unique_ptr<Error> former(mCause == Cause::Reason ? mReason : nullptr);
-    mReason = owned.release();  // the call's until it ends
+    mReason = std::move(owned);
     mCause = Cause::Reason;
 }
 
@@ -103,7 +101,6 @@ bool CallBase::Fail(Cause cause, int error) noexcept {
     mCause = cause;
     mError = error;
     mPhase = Phase::Failed;
-    mName = nullptr;
     ++mRemote->GetState()->clients.unsent;
     return false;
 }
@@ -187,7 +184,6 @@ void CallBase::OnStop() noexcept {
         mCause = Cause::Status;
         mError = static_cast<int>(StatusCode::Stopping);
         mPhase = Phase::Failed;
-        mName = nullptr;
     }
     RunContained([this] { OnDone(); }, mRemote->GetState()->core->GetLoop());
 }

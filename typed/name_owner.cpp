@@ -147,6 +147,8 @@ int NameOwner::OnChanged(sd_bus_message* message, void* userdata, sd_bus_error*)
     if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && sender != nullptr &&
         std::string_view(sender) == BUS_NAME &&
         sd_bus_message_read(message, "sss", &name, &former, &now) > 0) {
+        // The answer would tell the same, as otherwise another change came before it; or it fails.
+        self->mQuestion.reset();
         self->mStatus = StatusCode::Ok;
         RunContained([&] { self->SetOwner(now); }, message);
     }

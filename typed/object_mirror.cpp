@@ -17,6 +17,7 @@
 #include "typed/bus_core.h"
 #include "typed/contained.h"
 #include "typed/name_owner.h"
+#include "typed/reading.h"
 #include "typed/reply_state.h"
 #include "typed/retry.h"
 #include "typed/time_limit.h"
@@ -80,17 +81,23 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     /// A signal of the manager.
     class Announced final : public Detail::SignalHandler {
     public:
-        using Handler = void (State::*)(sd_bus_message* signal);
+        /// Negative where the signal cannot be read.
+        using Handler = int (State::*)(sd_bus_message* signal);
         Announced(State& mirror, Handler handler) : mMirror(mirror), mHandler(handler) {}
         int Run(sd_bus_message* signal) override {
             const std::shared_ptr<State> kept = mMirror.shared_from_this();
-            ((*kept).*mHandler)(signal);
-            return 0;
+            return ((*kept).*mHandler)(signal);
         }
 
     private:
         State& mMirror;
         const Handler mHandler;
+    };
+
+    enum class Phase {
+        Listening,  ///< or about to begin
+        Deaf,       ///< what comes or goes is not told, so that nothing is kept; `status` says why
+        Ended,
     };
 
     State(const Typed::Bus& bus, std::string destination, std::string root, OnAdded come, OnRemoved go,
@@ -130,16 +137,21 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             OnOwner();
         }
     }
-    /// Whether both subscriptions have the status; if not, that is the mirror's.
+    /// Whether both subscriptions have the status; if not, that is the mirror's, which is deaf then.
     bool IsHearing(StatusCode wanted) {
         for (const Subscription* const one : {&added, &removed}) {
             if (one->GetStatus() != wanted) {
                 status = one->GetStatus();
+                phase = Phase::Deaf;
+                added.Reset();
+                removed.Reset();
                 return false;
             }
         }
         return true;
     }
+    /// The bus, or a handler, has ended it.
+    bool HasEnded() const noexcept { return phase == Phase::Ended; }
     void End() noexcept {
         AssertDBusThread(Bus());
         OnStop();
@@ -154,7 +166,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         Forget();
         objects.clear();
         status = StatusCode::Stopping;
-        isEnded = true;
+        phase = Phase::Ended;
     }
     /// All but the objects.
     void Forget() noexcept {
@@ -168,7 +180,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     }
 
     void OnOwner() override {
-        if (isDeaf) {
+        if (phase == Phase::Deaf) {
             return;
         }
         Forget();
@@ -178,7 +190,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             status = owner->GetOwner().empty() ? StatusCode::NotFound : StatusCode::Busy;
         }
         RemoveAll();
-        if (!isEnded && status == StatusCode::Busy) {
+        if (!HasEnded() && status == StatusCode::Busy) {
             AskForAll();
         }
     }
@@ -204,9 +216,10 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     }
     void AskAgainLater(StatusCode failure, const char* why) {
         status = failure;
-        if (!std::exchange(hasLogged, true)) {
-            TERN_LOG_ERROR(LOGGER, "Failed to get the objects of %s %s: %s", manager.GetDestination().c_str(),
-                           manager.GetPath().c_str(), why);
+        unsigned long others = 0;
+        if (!std::exchange(hasLogged, true) && Bus().watching.limit.Allows(others)) {
+            TERN_LOG_ERROR(LOGGER, "Failed to get the objects of %s %s: %s (%lu like it not logged)",
+                           manager.GetDestination().c_str(), manager.GetPath().c_str(), why, others);
         }
         if (const int r = retry.Begin(Bus().core->GetLoop(), OnRetry, this); r < 0) {
             TERN_LOG_ERROR(LOGGER, "Failed to wait for the objects of %s %s (%d, %s)",
@@ -234,7 +247,6 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         }
         if (!IsHearing(StatusCode::Ok)) {
             // Logged by the subscription. What is not told of changes is not kept.
-            isDeaf = true;
             RemoveAll();
             return;
         }
@@ -247,33 +259,35 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             AskForAll();
             return;
         }
-        status = StatusCode::Ok;
-        retry.Reset();
-        hasLogged = false;
         int r = sd_bus_message_enter_container(reply, 'a', "{oa{sa{sv}}}");
-        while (r > 0 && !isEnded && sd_bus_message_enter_container(reply, 'e', "oa{sa{sv}}") > 0) {
+        while (r > 0 && !HasEnded() && (r = sd_bus_message_enter_container(reply, 'e', "oa{sa{sv}}")) > 0) {
             r = AddObject(reply, true);
             r = r >= 0 ? sd_bus_message_exit_container(reply) : r;
         }
         gone.clear();
-        if (!isEnded && onReady) {
+        if (HasEnded()) {
+            return;
+        }
+        if (r < 0) {
+            // Those that were read are there, and will not be told again.
+            AskAgainLater(StatusOfReading(r), ErrorText(-r));
+            return;
+        }
+        status = StatusCode::Ok;
+        retry.Reset();
+        hasLogged = false;
+        if (onReady) {
             onReady();
         }
     }
 
-    void OnInterfacesAdded(sd_bus_message* signal) {
-        if (!isDeaf) {
-            static_cast<void>(AddObject(signal, false));
-        }
-    }
-    void OnInterfacesRemoved(sd_bus_message* signal) {
+    int OnInterfacesAdded(sd_bus_message* signal) { return AddObject(signal, false); }
+    int OnInterfacesRemoved(sd_bus_message* signal) {
         const char* text = nullptr;
-        if (sd_bus_message_read_basic(signal, 'o', &text) <= 0 ||
-            sd_bus_message_enter_container(signal, 'a', "s") <= 0) {
-            return;
-        }
-        const std::string path = text;
-        while (!isEnded && sd_bus_message_read_basic(signal, 's', &text) > 0) {
+        int r = sd_bus_message_read_basic(signal, 'o', &text);
+        const std::string path = r > 0 ? text : "";
+        r = r > 0 ? sd_bus_message_enter_container(signal, 'a', "s") : r;
+        while (r > 0 && !HasEnded() && (r = sd_bus_message_read_basic(signal, 's', &text)) > 0) {
             const std::string interface = text;
             if (question != nullptr) {
                 if (gone.size() < REMEMBERED) {
@@ -284,15 +298,17 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             }
             RemoveOne(path, interface);
         }
+        return r;
     }
 
-    /// Reads "oa{sa{sv}}". What is gone since it was asked for is not in an answer any more.
+    /// Reads "oa{sa{sv}}". What is gone since it was asked for is not in an answer any more. Negative: from
+    /// there on it cannot be read, and of the interface whose values cannot nothing is told.
     int AddObject(sd_bus_message* message, bool isAnswer) {
         const char* text = nullptr;
         int r = sd_bus_message_read_basic(message, 'o', &text);
         const std::string path = r > 0 ? text : "";
         r = r > 0 ? sd_bus_message_enter_container(message, 'a', "{sa{sv}}") : r;
-        while (r > 0 && !isEnded && (r = sd_bus_message_enter_container(message, 'e', "sa{sv}")) > 0) {
+        while (r > 0 && !HasEnded() && (r = sd_bus_message_enter_container(message, 'e', "sa{sv}")) > 0) {
             r = sd_bus_message_read_basic(message, 's', &text);
             const std::string interface = r > 0 ? text : "";
             bool isNew = r > 0;
@@ -309,11 +325,13 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
                 r = r > 0 ? sd_bus_message_skip(message, "a{sv}") : r;
             }
             r = r >= 0 ? sd_bus_message_exit_container(message) : r;
-            if (isNew && onAdded) {
+            if (isNew && r < 0) {
+                static_cast<void>(TakeOut(path, interface));
+            } else if (isNew && onAdded) {
                 onAdded(path, interface, properties);
             }
         }
-        return r >= 0 && !isEnded ? sd_bus_message_exit_container(message) : r;
+        return r >= 0 && !HasEnded() ? sd_bus_message_exit_container(message) : r;
     }
     /// Reads "a{sv}" from a copy, so that a value that cannot be read costs no more than its interface.
     int TakeProperties(sd_bus_message* message, Properties& properties) const {
@@ -345,10 +363,12 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         if (!IsBelow(path) || (found == objects.end() && objects.size() == OBJECTS) ||
             interfaces == INTERFACES || bytes + size > NAME_BYTES) {
             ++omitted;
-            if (!std::exchange(hasLoggedLimit, true)) {
+            unsigned long others = 0;
+            if (!std::exchange(hasLoggedLimit, true) && Bus().watching.limit.Allows(others)) {
                 TERN_LOG_ERROR(LOGGER,
-                               "Objects of %s %s are left out: there are too many, or it is not above them",
-                               manager.GetDestination().c_str(), manager.GetPath().c_str());
+                               "Objects of %s %s are left out: there are too many, or it is not above them "
+                               "(%lu like it not logged)",
+                               manager.GetDestination().c_str(), manager.GetPath().c_str(), others);
             }
             return false;
         }
@@ -357,10 +377,11 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         bytes += size;
         return true;
     }
-    void RemoveOne(const std::string& path, const std::string& interface) {
+    /// Whether it was there, and is not any more.
+    bool TakeOut(const std::string& path, const std::string& interface) {
         const auto found = objects.find(path);
         if (found == objects.end() || found->second.erase(interface) == 0) {
-            return;
+            return false;
         }
         --interfaces;
         bytes -= interface.size();
@@ -368,12 +389,15 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             objects.erase(found);
             bytes -= path.size();
         }
-        if (onRemoved) {
+        return true;
+    }
+    void RemoveOne(const std::string& path, const std::string& interface) {
+        if (TakeOut(path, interface) && onRemoved) {
             onRemoved(path, interface);
         }
     }
     void RemoveAll() {
-        while (!objects.empty() && !isEnded) {
+        while (!objects.empty() && !HasEnded()) {
             const auto first = objects.begin();
             RemoveOne(std::string(first->first), std::string(*first->second.begin()));
         }
@@ -391,9 +415,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     OnReady onReady;
 
     StatusCode status = StatusCode::Busy;
-    bool isEnded = false;
-    /// The message bus refused to tell what comes or goes.
-    bool isDeaf = false;
+    Phase phase = Phase::Listening;
     std::shared_ptr<NameOwner> owner;
     std::uint64_t id = 0;
     Subscription added;
@@ -410,7 +432,8 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     /// Of all names in `objects`.
     std::size_t bytes = 0;
     std::size_t omitted = 0;
-    /// That this owner does not tell, or tells too much.
+    /// That this owner does not tell, or tells too much. Names can come and go fast: a limit bounds what is
+    /// logged besides.
     bool hasLogged = false;
     bool hasLoggedLimit = false;
 };

@@ -1,5 +1,7 @@
 #include <tern/typed/peer_watch.h>
 
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "platform/static_text.h"
@@ -36,12 +38,13 @@ struct PeerWatch::State final : NameOwner::Listener, std::enable_shared_from_thi
     /// Tells what has not been told. REQUIRES: something else holds this.
     void OnOwner() override {
         const std::string now = owner->GetOwner();
-        if (isEnded || owner->GetState() == NameOwner::State::Stopped || (isTold && now == told)) {
+        if (isEnded || owner->GetState() == NameOwner::State::Stopped || told == now) {
             return;
         }
-        const bool wasThere = !std::exchange(told, now).empty();
-        const bool isFirst = !std::exchange(isTold, true);
-        if ((wasThere || (isFirst && now.empty())) && onVanish) {
+        const std::optional<std::string> former = std::exchange(told, now);
+        const bool wasThere = former.has_value() && !former->empty();
+        const bool isAbsentAtFirst = !former.has_value() && now.empty();
+        if ((wasThere || isAbsentAtFirst) && onVanish) {
             onVanish();
         }
         if (!now.empty() && !isEnded && onAppear) {
@@ -55,9 +58,8 @@ struct PeerWatch::State final : NameOwner::Listener, std::enable_shared_from_thi
     std::shared_ptr<NameOwner> owner;
     std::uint64_t id = 0;
     bool isEnded = false;
-    bool isTold = false;
-    /// The owner that was told last.
-    std::string told;
+    /// The owner that was told last, empty for none; nothing before the first time.
+    std::optional<std::string> told;
 };
 
 PeerWatch::PeerWatch() noexcept = default;

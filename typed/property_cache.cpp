@@ -59,6 +59,12 @@ struct CachedProperties::State final : Stoppable,
         State& mCache;
     };
 
+    enum class Phase {
+        Listening,  ///< or about to begin
+        Deaf,       ///< what changes is not told, so that nothing is kept; `status` says why
+        Ended,
+    };
+
     State(const std::shared_ptr<Remote>& object, const char* name, const CachedProperty* properties,
           std::size_t number, std::shared_ptr<void> store)
         : remote(object),
@@ -91,6 +97,7 @@ struct CachedProperties::State final : Stoppable,
                               std::make_unique<Announced>(*this), interface);
         if (announced.GetStatus() != StatusCode::Busy) {
             status = announced.GetStatus();
+            phase = Phase::Deaf;
             return;
         }
         owner = NameOwner::Of(remote->GetState(), remote->GetDestination());
@@ -112,7 +119,7 @@ struct CachedProperties::State final : Stoppable,
         }
         static_cast<void>(Empty());
         status = StatusCode::Stopping;
-        isEnded = true;
+        phase = Phase::Ended;
     }
 
     /// Nothing is known, and nothing asked. Returns what was known.
@@ -129,6 +136,9 @@ struct CachedProperties::State final : Stoppable,
     }
 
     void OnOwner() override {
+        if (phase == Phase::Deaf) {
+            return;
+        }
         const StatusCode before = status;
         const std::uint64_t gone = Empty();
         if (owner->GetState() == NameOwner::State::Failed) {
@@ -201,6 +211,8 @@ struct CachedProperties::State final : Stoppable,
         if (announced.GetStatus() != StatusCode::Ok) {
             // Logged by the subscription. What is not told of changes is not kept.
             status = announced.GetStatus();
+            phase = Phase::Deaf;
+            announced.Reset();
             Tell(Empty(), before);
             return;
         }
@@ -218,9 +230,11 @@ struct CachedProperties::State final : Stoppable,
     }
 
     [[gnu::cold]] void LogFailure(const char* why) {
-        if (!std::exchange(hasLogged, true)) {
-            TERN_LOG_ERROR(LOGGER, "Failed to get the properties %s of %s %s: %s", interface,
-                           remote->GetDestination().c_str(), remote->GetPath().c_str(), why);
+        unsigned long omitted = 0;
+        if (!std::exchange(hasLogged, true) && Bus().watching.limit.Allows(omitted)) {
+            TERN_LOG_ERROR(LOGGER, "Failed to get the properties %s of %s %s: %s (%lu like it not logged)",
+                           interface, remote->GetDestination().c_str(), remote->GetPath().c_str(), why,
+                           omitted);
         }
     }
     void AskAgainLater(StatusCode failure) {
@@ -393,7 +407,7 @@ struct CachedProperties::State final : Stoppable,
     const std::shared_ptr<void> values;
 
     StatusCode status = StatusCode::Busy;
-    bool isEnded = false;
+    Phase phase = Phase::Listening;
     std::shared_ptr<OnChange> onChange;
     std::shared_ptr<NameOwner> owner;
     std::uint64_t id = 0;
@@ -403,7 +417,7 @@ struct CachedProperties::State final : Stoppable,
     std::uint64_t touched = 0;
     std::vector<Question> questions;
     Retry retry;
-    /// That this owner does not tell.
+    /// That this owner does not tell. Names can come and go fast: a limit bounds what is logged besides.
     bool hasLogged = false;
 };
 
@@ -430,7 +444,8 @@ void CachedProperties::SetHandler(OnChange handler) {
 
 void CachedProperties::Refresh() {
     AssertDBusThread(mState->Bus());
-    if (!mState->isEnded && mState->owner != nullptr && !mState->owner->GetOwner().empty()) {
+    if (mState->phase == State::Phase::Listening && mState->owner != nullptr &&
+        !mState->owner->GetOwner().empty()) {
         mState->AskForAll();
     }
 }

@@ -9,11 +9,11 @@
 #include <string>
 
 #include "foundation/unique_fd.h"
-#include "peer_service.h"
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/private_bus.h"
 #include "support/temp_folder.h"
+#include "typed/blocking_peer.h"
 
 TERN_INTERPOSE(int, sd_bus_open_system, (sd_bus * *bus), (bus))
 TERN_INTERPOSE(int, sd_bus_call_async,
@@ -31,6 +31,7 @@ TERN_INTERPOSE(int, sd_bus_add_match_async,
 using namespace mwl::Typed;
 using namespace std::chrono_literals;
 using tern::test::GENEROUS_LIMIT;
+using tern::test::MistakenPeer1;
 using tern::test::Peer1;
 using tern::test::PeerService;
 using tern::test::PrivateBus;
@@ -40,22 +41,7 @@ using testing::HasSubstr;
 
 namespace {
 
-/// A member that the peer has and does not tell of.
-struct Silent1 {
-    static constexpr const char* NAME = "com.example.Peer1";
-    static constexpr Signal<std::string> Told{"Told", {"text"}};  // is a number
-    static constexpr Method<void(std::string_view)> Echo{"Echo", {"text"}, SENSITIVE};
-    static constexpr Members<Told, Echo> ALL{};
-};
-
-class BlockingBusTest : public testing::Test {
-protected:
-    PrivateBus mBus;
-    std::optional<PeerService> mService{std::in_place};
-    BlockingProxy<Peer1> mPeer{tern::test::PEER, tern::test::PEER_PATH};
-};
-
-using Clock = std::chrono::steady_clock;
+using BlockingBusTest = tern::test::BlockingPeerTest;
 
 /// A signal for one connection, whether it listens or not.
 void SendTo(tern::test::Peer& from, const char* to, const char* path, const char* interface,
@@ -186,6 +172,42 @@ TEST_F(BlockingBusTest, ListensToWhatACallBringsAbout) {
     EXPECT_EQ(told.GetState().GetError().GetStatus(), StatusCode::NotInitialized);
 }
 
+TEST_F(BlockingBusTest, FindsASignalThatIsThereBehindOthers) {
+    auto told = mPeer.Listen(Peer1::Told);
+    const char* name = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(mPeer.GetBus()->GetBus(), &name), 0);
+    tern::test::Peer stranger;
+    for (int i = 0; i < 10; ++i) {
+        SendTo(stranger, name, "/", "com.example.Noise", "Noise", 0);
+    }
+    EXPECT_NE(stranger.Call("/", "org.freedesktop.DBus.Peer", "Ping"), "");
+    // Of another connection, so that this one takes nothing in.
+    ASSERT_EQ(Said(BlockingProxy<Peer1>(tern::test::PEER, tern::test::PEER_PATH).Call(Peer1::Tell, 3U)), "");
+    const auto values = told.Next(0ms);
+    ASSERT_TRUE(values.IsOk()) << Said(values);
+    EXPECT_EQ(std::get<0>(*values), 3U);
+    EXPECT_EQ(told.Next(0ms).GetError().GetStatus(), StatusCode::Timeout);
+}
+
+TEST_F(BlockingBusTest, OneThatDoesNotListenHasTheBusSendNothing) {
+    ASSERT_EQ(Said(mPeer.Ping()), "");
+    const auto deaf = mPeer.Within(0ms).Listen(Peer1::Told);
+    EXPECT_EQ(deaf.GetState().GetError().GetStatus(), StatusCode::Timeout);
+    int heard = 0;
+    ASSERT_GE(sd_bus_add_filter(
+                  mPeer.GetBus()->GetBus(), nullptr,
+                  [](sd_bus_message* message, void* userdata, sd_bus_error*) {
+                      *static_cast<int*>(userdata) +=
+                          sd_bus_message_is_signal(message, Peer1::NAME, "Told") > 0 ? 1 : 0;
+                      return 0;
+                  },
+                  &heard),
+              0);
+    ASSERT_EQ(Said(mPeer.Ping()), "");
+    ASSERT_EQ(Said(mPeer.Call(Peer1::Tell, 3U)), "");
+    EXPECT_EQ(heard, 0);
+}
+
 TEST_F(BlockingBusTest, HearsThePeerOnly) {
     auto told = mPeer.Listen(Peer1::Told);
     const char* name = nullptr;
@@ -240,8 +262,8 @@ TEST_F(BlockingBusTest, ListensToAUniqueName) {
 }
 
 TEST_F(BlockingBusTest, SaysThatASignalIsNotOfTheContract) {
-    const BlockingProxy<Silent1> other(mPeer.GetBus(), tern::test::PEER, tern::test::PEER_PATH);
-    auto told = other.Listen(Silent1::Told);
+    const BlockingProxy<MistakenPeer1> other(mPeer.GetBus(), tern::test::PEER, tern::test::PEER_PATH);
+    auto told = other.Listen(MistakenPeer1::Told);
     ASSERT_EQ(Said(mPeer.Call(Peer1::Tell, 3U)), "");
     EXPECT_EQ(Said(told.Next(0ms)), "mwl.Typed.Error.WrongReply: a signal of 'u' where 's' is wanted");
     EXPECT_EQ(told.Next(0ms).GetError().GetStatus(), StatusCode::Timeout);

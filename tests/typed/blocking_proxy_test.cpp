@@ -6,12 +6,13 @@
 #include <string>
 #include <thread>
 
-#include "peer_service.h"
 #include "support/private_bus.h"
+#include "typed/blocking_peer.h"
 
 using namespace mwl::Typed;
 using namespace std::chrono_literals;
 using tern::test::GENEROUS_LIMIT;
+using tern::test::MistakenPeer1;
 using tern::test::Peer1;
 using tern::test::PeerService;
 using tern::test::PrivateBus;
@@ -19,22 +20,7 @@ using tern::test::Said;
 
 namespace {
 
-/// A member that the peer has and does not tell of.
-struct Silent1 {
-    static constexpr const char* NAME = "com.example.Peer1";
-    static constexpr Signal<std::string> Told{"Told", {"text"}};  // is a number
-    static constexpr Method<void(std::string_view)> Echo{"Echo", {"text"}, SENSITIVE};
-    static constexpr Members<Told, Echo> ALL{};
-};
-
-class BlockingProxyTest : public testing::Test {
-protected:
-    PrivateBus mBus;
-    std::optional<PeerService> mService{std::in_place};
-    BlockingProxy<Peer1> mPeer{tern::test::PEER, tern::test::PEER_PATH};
-};
-
-using Clock = std::chrono::steady_clock;
+using BlockingProxyTest = tern::test::BlockingPeerTest;
 
 }  // namespace
 
@@ -158,7 +144,7 @@ TEST_F(BlockingProxyTest, WaitsForASignal) {
 
 // What is sensitive is not told apart from outside; that it arrives is.
 TEST_F(BlockingProxyTest, SendsSensitiveArguments) {
-    const BlockingProxy<Silent1> other(mPeer.GetBus(), tern::test::PEER, tern::test::PEER_PATH);
-    EXPECT_EQ(Said(other.Call(Silent1::Echo, "secret")),
+    const BlockingProxy<MistakenPeer1> other(mPeer.GetBus(), tern::test::PEER, tern::test::PEER_PATH);
+    EXPECT_EQ(Said(other.Call(MistakenPeer1::Echo, "secret")),
               "mwl.Typed.Error.WrongReply: a reply of 's' where '' is wanted");
 }

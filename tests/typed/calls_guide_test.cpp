@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <tern/typed/implements.h>
 #include <tern/typed/proxy.h>
 #include <tern/typed/task.h>
 
@@ -16,6 +15,7 @@
 
 #include "support/private_bus.h"
 #include "support/wait_until.h"
+#include "typed/heater.h"
 #include "typed/served_bus.h"
 
 namespace guide {
@@ -23,33 +23,6 @@ namespace guide {
 using mwl::StatusCode;
 using namespace mwl::Typed;
 using namespace std::chrono_literals;
-
-struct Heater1 {
-    static constexpr const char* NAME = "com.example.Heater1";
-
-    static constexpr Method<void(std::uint32_t)> Boost{"Boost", {"seconds"}, OPEN, "Heats for a while."};
-    static constexpr Property<double> Temperature{"Temperature", EMITS, "Degrees Celsius."};
-    static constexpr WritableProperty<double> Target{"Target", EMITS | OPEN, "Degrees Celsius."};
-    static constexpr Signal<double> Measured{"Measured", {"celsius"}};
-
-    static constexpr Members<Boost, Temperature, Target, Measured> ALL{};
-};
-
-class Heater final : public Implements<Heater, Heater1> {
-public:
-    static constexpr auto Describe() {
-        return Bindings<Bind<Heater1::Boost, &Heater::Boost>, Bind<Heater1::Temperature, &Heater::mTarget>,
-                        Bind<Heater1::Target, &Heater::mTarget, &Heater::SetTarget>>();
-    }
-
-private:
-    Outcome<void> Boost(std::uint32_t seconds) {
-        return seconds <= 3600 ? Outcome<void>() : Error::InvalidArgs("more than an hour");
-    }
-    void SetTarget(double celsius) { mTarget = celsius; }
-
-    double mTarget = 20.0;
-};
 
 // clang-format off: word for word
 class Panel {

@@ -2,53 +2,20 @@
 #include <stdio.h>
 #include <tern/typed/contract.h>
 
-#include <cstdlib>
 #include <string>
 
+#include "typed/sample_contract.h"
+
 using namespace mwl::Typed;
+using tern::test::WriteIntrospectionToText;
+using Contract = tern::test::SampleContract;
 
 namespace {
-
-struct Contract {
-    static constexpr const char* NAME = "com.example.Contract1";
-    static constexpr const char* DOCUMENTATION = "All there is.";
-
-    static constexpr Method<void()> Plain{"Plain"};
-    static constexpr Method<std::uint32_t(std::string_view, const std::vector<double>&)> Named{
-        "Named", {"text", "values", "count"}, OPEN | DEPRECATED, "Counts \"a\" & <b>,\nthen 'c'\t\x01."};
-    static constexpr Method<Results<std::string, std::tuple<int, bool>>(std::map<std::string, Any>)> Several{
-        "Several", {"in", "first", "second"}, SENSITIVE | Needs(CAP_SYS_TIME)};
-    static constexpr Method<void(bool)> Nameless{"Nameless", {}, NO_REPLY | OPEN};
-    static constexpr Method<void()> Secret{"Secret", {}, HIDDEN};
-    static constexpr Method<void()> Guarded{"Guarded", {}, Checked(Needs(CAP_KILL))};
-    static constexpr Property<double> Level{"Level"};
-    static constexpr Property<std::string> Serial{"Serial", CONSTANT};
-    static constexpr Property<bool> Silent{"Silent", Flags{}, "Nobody is told."};
-    static constexpr WritableProperty<std::int64_t> Target{"Target", EMITS | OPEN};
-    static constexpr WritableProperty<std::uint8_t> Large{"Large", INVALIDATES | EXPLICIT};
-    static constexpr Signal<double, std::string> Measured{"Measured", {"celsius", "where"}};
-    static constexpr Signal<> Over{"Over", {}, DEPRECATED};
-    static constexpr Members<Plain, Named, Several, Nameless, Secret, Guarded, Level, Serial, Silent, Target,
-                             Large, Measured, Over>
-        ALL{};
-};
 
 struct Empty {
     static constexpr const char* NAME = "a.b";
     static constexpr Members<> ALL{};
 };
-
-template <class C>
-std::string ReadIntrospection() {
-    char* text = nullptr;
-    std::size_t size = 0;
-    FILE* const file = open_memstream(&text, &size);
-    EXPECT_EQ(WriteIntrospection<C>(file), StatusCode::Ok);
-    fclose(file);
-    std::string result(text, size);
-    free(text);
-    return result;
-}
 
 }  // namespace
 
@@ -117,7 +84,7 @@ TEST(Contract, NamesAreCheckedAsDBusHasIt) {
 }
 
 TEST(Contract, IntrospectionTellsEverythingButHiddenMembers) {
-    EXPECT_EQ(ReadIntrospection<Contract>(),
+    EXPECT_EQ(WriteIntrospectionToText<Contract>(),
               R"XML(<!DOCTYPE node PUBLIC "-//freedesktop//DTD D-BUS Object Introspection 1.0//EN"
 "https://www.freedesktop.org/standards/dbus/1.0/introspect.dtd">
 <node>
@@ -176,7 +143,7 @@ TEST(Contract, IntrospectionTellsEverythingButHiddenMembers) {
 }
 
 TEST(Contract, WithoutMembersIsIntrospectedAsWell) {
-    EXPECT_EQ(ReadIntrospection<Empty>(),
+    EXPECT_EQ(WriteIntrospectionToText<Empty>(),
               R"XML(<!DOCTYPE node PUBLIC "-//freedesktop//DTD D-BUS Object Introspection 1.0//EN"
 "https://www.freedesktop.org/standards/dbus/1.0/introspect.dtd">
 <node>

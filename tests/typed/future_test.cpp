@@ -31,7 +31,7 @@ using tern::test::WaitUntil;
 
 using Number = Peer1::Number;
 
-class FutureTest : public testing::Test {
+class FutureTest : public tern::test::PeerProxyTest {
 protected:
     template <typename R>
     static StatusCode StatusOf(const Outcome<R>& outcome) {
@@ -40,11 +40,6 @@ protected:
     /// The service has taken what was sent before.
     Number Let() { return *proxy.CallFromWorker(Peer1::Let).Wait(GENEROUS_LIMIT); }
     std::size_t CountPending() { return served.Count().pendingCalls; }
-
-    PrivateBus daemon;
-    PeerService service;
-    Served served;
-    Proxy<Peer1> proxy{*served.typed, PEER, PEER_PATH};
 };
 
 TEST_F(FutureTest, GivesTheOutcomeOnce) {

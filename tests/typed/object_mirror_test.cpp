@@ -17,23 +17,10 @@
 #include <utility>
 #include <vector>
 
-#include "support/interpose.h"
-#include "support/log_capture.h"
-#include "typed/raw_peer.h"
-#include "typed/served_bus.h"
+#include "typed/watched_peer.h"
 
-TERN_INTERPOSE(int, sd_bus_add_match_async,
-               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
-                sd_bus_message_handler_t installed, void* userdata),
-               (bus, slot, rule, handler, installed, userdata))
-TERN_INTERPOSE(int, sd_bus_call_async,
-               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* message, sd_bus_message_handler_t handler,
-                void* userdata, uint64_t limit),
-               (bus, slot, message, handler, userdata, limit))
-TERN_INTERPOSE(int, sd_event_add_time_relative,
-               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
-                sd_event_time_handler_t handler, void* userdata),
-               (event, source, clock, time, accuracy, handler, userdata))
+TERN_INTERPOSE(int, sd_bus_message_copy, (sd_bus_message * to, sd_bus_message* from, int all),
+               (to, from, all))
 
 namespace mwl::Typed {
 namespace {
@@ -53,12 +40,13 @@ constexpr const char* MANAGER = "org.freedesktop.DBus.ObjectManager";
 constexpr const char* ROOM = "com.example.Room1";
 constexpr const char* DOOR = "com.example.Door1";
 const std::string LEFT_OUT =
-    "Objects of com.example.House /com/example are left out: there are too many, or it is not above them";
+    "Objects of com.example.House /com/example are left out: there are too many, or it is not above them "
+    "(0 like it not logged)";
 
 /// A service that mirrors the objects of a peer, which the test leads.
-class ObjectMirrorTest : public testing::Test {
+class ObjectMirrorTest : public tern::test::WatchedPeerTest {
 protected:
-    ObjectMirrorTest() { mPeer.Own(NAME); }
+    ObjectMirrorTest() : WatchedPeerTest(NAME) {}
     ~ObjectMirrorTest() override { mServed.End(); }
 
     /// D-Bus thread.
@@ -122,17 +110,9 @@ protected:
         return mServed.On([this] { return std::exchange(mTold, {}); });
     }
     std::vector<std::string> Told() { return ToldAfter(mPeer); }
-    void WaitForEnd() {
-        EXPECT_TRUE(WaitUntil([&] { return !mServed.typed->Post([] {}); })) << "the loop does not end";
-        mServed.End();
-    }
 
-    tern::test::PrivateBus mDaemon;
-    tern::test::LogCapture mLog{5};
-    RawPeer mPeer;
     std::vector<std::string> mTold;
     ObjectMirror mMirror;
-    Served mServed;
 };
 
 TEST_F(ObjectMirrorTest, APeerMayHaveNoObjects) {
@@ -397,6 +377,40 @@ TEST_F(ObjectMirrorTest, ManyValuesThatCannotBeKeptCostLittle) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 4 * tern::test::TOLERANCE);
 }
 
+TEST_F(ObjectMirrorTest, AnAnswerThatCannotBeReadIsAskedForAgain) {
+    Make();
+    const FaultScope scope(fault_sd_bus_message_copy);
+    fault_sd_bus_message_copy.Fail(-EMFILE, 0, 1, 1);
+    const auto answer = [this] {
+        mPeer.Reply(WaitForQuestion(), "a{oa{sa{sv}}}", 3, "/com/example/a", 1, ROOM, 1, "Level", "u", 1U,
+                    "/com/example/b", 1, ROOM, 1, "Level", "u", 2U, "/com/example/c", 1, ROOM, 0);
+    };
+    answer();
+    EXPECT_THAT(Told(), ElementsAre("+/com/example/a com.example.Room1 Level=1"));
+    EXPECT_EQ(Status(), StatusCode::ResourceUnavailable);
+    EXPECT_THAT(mLog.Entries("Typed"),
+                ElementsAre(Error("Typed",
+                                  "Failed to get the objects of com.example.House /com/example: Too many "
+                                  "open files (0 like it not logged)")));
+    answer();
+    EXPECT_THAT(Told(), ElementsAre("+/com/example/b com.example.Room1 Level=2",
+                                    "+/com/example/c com.example.Room1", "ready"));
+    EXPECT_EQ(Status(), StatusCode::Ok);
+}
+
+TEST_F(ObjectMirrorTest, ASignalThatCannotBeReadIsCounted) {
+    MakeEmpty();
+    const FaultScope scope(fault_sd_bus_message_copy);
+    fault_sd_bus_message_copy.Fail(-EMFILE);
+    Add("/com/example/a");
+    EXPECT_THAT(Told(), IsEmpty());
+    EXPECT_THAT(Objects(), IsEmpty());
+    EXPECT_EQ(mServed.Count().wrongSignals, 1U);
+    EXPECT_THAT(mLog.Entries("Typed"), SizeIs(1));
+    Add("/com/example/a");
+    EXPECT_THAT(Told(), ElementsAre("+/com/example/a com.example.Room1"));
+}
+
 TEST_F(ObjectMirrorTest, SignalsOfAnotherSignatureAreCounted) {
     MakeEmpty();
     mPeer.Emit(ROOT, MANAGER, "InterfacesAdded", "o", "/com/example/a");
@@ -424,7 +438,22 @@ TEST_F(ObjectMirrorTest, APeerThatDoesNotTellIsAskedAgain) {
     EXPECT_THAT(mLog.Entries("Typed"),
                 ElementsAre(Error("Typed",
                                   "Failed to get the objects of com.example.House /com/example: "
-                                  "org.freedesktop.DBus.Error.UnknownMethod")));
+                                  "org.freedesktop.DBus.Error.UnknownMethod (0 like it not logged)")));
+}
+
+TEST_F(ObjectMirrorTest, ANameThatComesAndGoesDoesNotFillTheLog) {
+    Make();
+    for (int i = 0; i < 30; ++i) {
+        if (i % 2 == 0) {
+            mPeer.Refuse(WaitForQuestion(), "com.example.Error.No");
+        } else {
+            AnswerOne(mPeer, WaitForQuestion(), "/elsewhere");
+        }
+        mPeer.Disown(NAME);
+        mPeer.Own(NAME);
+    }
+    Told();
+    EXPECT_THAT(mLog.Entries("Typed"), SizeIs(10));
 }
 
 TEST_F(ObjectMirrorTest, AQuestionThatCannotBeSentIsLogged) {
@@ -441,7 +470,8 @@ TEST_F(ObjectMirrorTest, AQuestionThatCannotBeSentIsLogged) {
         mLog.Entries("Typed"),
         ElementsAre(
             Error("Typed",
-                  "Failed to get the objects of com.example.House /com/example: No buffer space available"),
+                  "Failed to get the objects of com.example.House /com/example: No buffer space available (0 "
+                  "like it not logged)"),
             Error("Typed",
                   "Failed to wait for the objects of com.example.House /com/example (-12, Cannot allocate "
                   "memory)")));
@@ -452,12 +482,7 @@ class ObjectMirrorRefusedTest : public ObjectMirrorTest, public testing::WithPar
 TEST_P(ObjectMirrorRefusedTest, WithoutBothSignalsNothingIsKept) {
     const FaultScope scope(fault_sd_bus_add_match_async);
     // The first match is for the owner of the name.
-    fault_sd_bus_add_match_async.Replace(
-        [](sd_bus* bus, sd_bus_slot** slot, const char*, auto... arguments) {
-            return fault_sd_bus_add_match_async.Real(bus, slot, "path='/a',path_namespace='/a'",
-                                                     arguments...);
-        },
-        1, GetParam());
+    RefuseMatch(GetParam());
     Make();
     const auto call = WaitForQuestion();
     Add("/com/example/a");
@@ -474,6 +499,19 @@ TEST_P(ObjectMirrorRefusedTest, WithoutBothSignalsNothingIsKept) {
 }
 INSTANTIATE_TEST_SUITE_P(, ObjectMirrorRefusedTest, testing::Values(1, 2),
                          [](const auto& test) { return test.param == 1 ? "Added" : "Removed"; });
+
+TEST_F(ObjectMirrorTest, OneSignalAloneIsNotListenedTo) {
+    const FaultScope scope(fault_sd_bus_add_match_async);
+    // For the owner, for what comes, for what goes.
+    fault_sd_bus_add_match_async.Fail(-ENOBUFS, 0, 1, 2);
+    Make();
+    const StatusCode failed = mw::tern::MakeStatusCodeFromReturnCode(-ENOBUFS);
+    EXPECT_EQ(Status(), failed);
+    Add("/com/example/a");
+    EXPECT_THAT(Told(), IsEmpty());
+    EXPECT_THAT(Objects(), IsEmpty());
+    EXPECT_EQ(Status(), failed);
+}
 
 TEST_F(ObjectMirrorTest, WhatIsNoNameOrPathIsRefusedOnce) {
     for (const auto& [name, root] : {std::pair{"no name", ROOT}, std::pair{NAME, "no path"}}) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -266,6 +267,15 @@ auto Ask(Served& served, Make make) {
     served.On([&] { pending.Reset(); });
     return outcome;
 }
+
+/// A service that calls the peer through a proxy.
+class PeerProxyTest : public testing::Test {
+protected:
+    PrivateBus daemon;
+    PeerService service;
+    Served served;
+    mwl::Typed::Proxy<Peer1> proxy{*served.typed, PEER, PEER_PATH};
+};
 
 /// "name: text" of an error, "" of success.
 template <typename R>

@@ -389,6 +389,21 @@ TEST_F(PeerWatchTest, AQuestionThatFailsLeavesTheChanges) {
     EXPECT_EQ(Status(), StatusCode::Ok);
 }
 
+TEST_F(PeerWatchTest, AQuestionThatFailsAfterAChangeTakesNobodyAway) {
+    RawPeer peer;
+    const FaultScope scope(fault_sd_bus_call_method_async);
+    ReplaceQuestion([&peer](sd_bus* bus, const auto& ask) {
+        EXPECT_GE(sd_bus_flush(bus), 0);
+        peer.Own(NAME);
+        return ask("GetNothing");
+    });
+    Watch();
+    EXPECT_THAT(Told(1), ElementsAre(peer.Name()));
+    EXPECT_THAT(ToldAfter(peer), ElementsAre(peer.Name()));
+    EXPECT_EQ(Status(), StatusCode::Ok);
+    EXPECT_THAT(mLog.Entries("Typed"), IsEmpty());
+}
+
 TEST_F(PeerWatchTest, IsSilentWhenTheBusCloses) {
     RawPeer peer;
     peer.Own(NAME);

@@ -14,25 +14,23 @@
 #include <utility>
 #include <vector>
 
-#include "support/interpose.h"
-#include "support/log_capture.h"
-#include "typed/raw_peer.h"
-#include "typed/served_bus.h"
-
-TERN_INTERPOSE(int, sd_bus_add_match_async,
-               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
-                sd_bus_message_handler_t installed, void* userdata),
-               (bus, slot, rule, handler, installed, userdata))
-TERN_INTERPOSE(int, sd_bus_call_async,
-               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message* message, sd_bus_message_handler_t handler,
-                void* userdata, uint64_t limit),
-               (bus, slot, message, handler, userdata, limit))
-TERN_INTERPOSE(int, sd_event_add_time_relative,
-               (sd_event * event, sd_event_source** source, clockid_t clock, uint64_t time, uint64_t accuracy,
-                sd_event_time_handler_t handler, void* userdata),
-               (event, source, clock, time, accuracy, handler, userdata))
+#include "typed/watched_peer.h"
 
 namespace mwl::Typed {
+namespace {
+
+/// So that a codec of a test's own may throw.
+struct Odd {};
+
+}  // namespace
+
+template <>
+struct Codec<Odd> {
+    static constexpr Text<1> SIGNATURE = "u";
+    static int Write(sd_bus_message*, const Odd&) { return 0; }
+    static int Read(sd_bus_message*, Odd&, Fault&) { throw std::runtime_error("odd"); }
+};
+
 namespace {
 
 using tern::test::Error;
@@ -62,13 +60,20 @@ struct Oven1 {
 };
 constexpr const char* OVEN = Oven1::NAME;
 
+/// The same, as who cannot read it sees it.
+struct OddOven1 {
+    static constexpr const char* NAME = Oven1::NAME;
+    static constexpr Property<Odd> Level{"Level"};
+    static constexpr Members<Level> ALL{};
+};
+
 using Cache = PropertyCache<Oven1>;
 using Changes = PropertyChanges<Oven1>;
 
 /// A service that keeps the properties of a peer, which the test leads.
-class PropertyCacheTest : public testing::Test {
+class PropertyCacheTest : public tern::test::WatchedPeerTest {
 protected:
-    PropertyCacheTest() { mPeer.Own(NAME); }
+    PropertyCacheTest() : WatchedPeerTest(NAME) {}
     ~PropertyCacheTest() override { mServed.End(); }
 
     /// D-Bus thread.
@@ -124,17 +129,9 @@ protected:
     void WaitFor(StatusCode status) {
         EXPECT_TRUE(WaitUntil([&] { return Status() == status; })) << "waited for " << status;
     }
-    void WaitForEnd() {
-        EXPECT_TRUE(WaitUntil([&] { return !mServed.typed->Post([] {}); })) << "the loop does not end";
-        mServed.End();
-    }
 
-    tern::test::PrivateBus mDaemon;
-    tern::test::LogCapture mLog{5};
-    RawPeer mPeer;
     std::vector<std::string> mTold;
     std::optional<Cache> mCache;
-    Served mServed;
 };
 
 TEST_F(PropertyCacheTest, KeepsAllValues) {
@@ -436,10 +433,22 @@ TEST_F(PropertyCacheTest, APeerThatDoesNotTellIsAskedAgain) {
     EXPECT_THAT(Level(), Optional(2U));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3)) << "1 s and 2 s";
     EXPECT_THAT(mLog.Entries("Typed"),
-                ElementsAre(Error("Typed",
-                                  "Failed to get the properties com.example.Oven1 of com.example.Oven "
-                                  "/com/example/oven: org.freedesktop.DBus.Error.UnknownObject")));
+                ElementsAre(Error(
+                    "Typed",
+                    "Failed to get the properties com.example.Oven1 of com.example.Oven "
+                    "/com/example/oven: org.freedesktop.DBus.Error.UnknownObject (0 like it not logged)")));
     EXPECT_THAT(Told(), ElementsAre("", "Level ", "", "Level Label Range Target "));
+}
+
+TEST_F(PropertyCacheTest, ANameThatComesAndGoesDoesNotFillTheLog) {
+    Make();
+    for (int i = 0; i < 30; ++i) {
+        mPeer.Refuse(mPeer.WaitForCall("GetAll"), "com.example.Error.No");
+        mPeer.Disown(NAME);
+        mPeer.Own(NAME);
+    }
+    Told();
+    EXPECT_THAT(mLog.Entries("Typed"), SizeIs(10));
 }
 
 TEST_F(PropertyCacheTest, APeerThatDoesNotAnswerIsNotWaitedForForEver) {
@@ -475,8 +484,9 @@ TEST_F(PropertyCacheTest, AQuestionThatCannotBeSentIsTold) {
     });
     const std::string name = mPeer.Name();
     EXPECT_THAT(mLog.Entries("Typed"),
-                ElementsAre(Error("Typed", "Failed to get the properties com.example.Oven1 of " + name +
-                                               " /com/example/oven: No buffer space available"),
+                ElementsAre(Error("Typed",
+                                  "Failed to get the properties com.example.Oven1 of " + name +
+                                      " /com/example/oven: No buffer space available (0 like it not logged)"),
                             Error("Typed", "Failed to wait for the properties com.example.Oven1 of " + name +
                                                " /com/example/oven (-12, Cannot allocate memory)")));
     mServed.On([this] {
@@ -507,16 +517,19 @@ TEST_F(PropertyCacheTest, ASingleQuestionThatCannotBeSentIsLogged) {
 
 TEST_F(PropertyCacheTest, WithoutItsChangesNothingIsKept) {
     const FaultScope scope(fault_sd_bus_add_match_async);
-    fault_sd_bus_add_match_async.Replace(
-        [](sd_bus* bus, sd_bus_slot** slot, const char*, auto... arguments) {
-            return fault_sd_bus_add_match_async.Real(bus, slot, "path='/a',path_namespace='/a'",
-                                                     arguments...);
-        },
-        1, 1);
+    RefuseMatch(1);
     Make();
     Answer();
     WaitFor(StatusCode::InvalidArgument);
     EXPECT_EQ(Level(), std::nullopt);
+    // For later owners neither.
+    EXPECT_THAT(Told(), ElementsAre(""));
+    mPeer.Disown(NAME);
+    mPeer.Own(NAME);
+    mServed.On([this] { mCache->Refresh(); });
+    EXPECT_TRUE(mPeer.HasNoCall("GetAll"));
+    EXPECT_EQ(Status(), StatusCode::InvalidArgument);
+    EXPECT_THAT(Told(), IsEmpty());
 }
 
 TEST_F(PropertyCacheTest, WhatIsNoNameOrPathIsRefusedOnce) {
@@ -569,6 +582,16 @@ TEST_F(PropertyCacheTest, WhatAHandlerThrowsEndsTheLoop) {
     Answer();
     WaitForEnd();
     EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
+}
+
+TEST_F(PropertyCacheTest, WhatACodecOfOnesOwnThrowsEndsTheLoop) {
+    std::optional<PropertyCache<OddOven1>> cache;
+    mServed.On([&] { cache.emplace(std::make_shared<Remote>(*mServed.typed, NAME, PATH)); });
+    Answer();
+    WaitForEnd();
+    EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Critical("Typed", "A turn of the typed bus threw std::runtime_error: odd")));
 }
 
 TEST_F(PropertyCacheTest, RefreshAsksForWhatIsNotAnnounced) {

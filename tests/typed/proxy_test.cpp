@@ -32,13 +32,7 @@ using tern::test::Served;
 
 using Number = Peer1::Number;
 
-class ProxyTest : public testing::Test {
-protected:
-    PrivateBus daemon;
-    PeerService service;
-    Served served;
-    Proxy<Peer1> proxy{*served.typed, PEER, PEER_PATH};
-};
+using ProxyTest = tern::test::PeerProxyTest;
 
 TEST_F(ProxyTest, SendsNothingByItself) {
     EXPECT_EQ(served.Count().calls, 0U);

@@ -18,15 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/interpose.h"
-#include "support/log_capture.h"
-#include "typed/raw_peer.h"
-#include "typed/served_bus.h"
-
-TERN_INTERPOSE(int, sd_bus_add_match_async,
-               (sd_bus * bus, sd_bus_slot** slot, const char* rule, sd_bus_message_handler_t handler,
-                sd_bus_message_handler_t installed, void* userdata),
-               (bus, slot, rule, handler, installed, userdata))
+#include "typed/watched_peer.h"
 
 namespace mwl::Typed {
 namespace {
@@ -52,6 +44,8 @@ enum class Mode : std::uint8_t { Slow = 1, Fast = 2 };
 
 /// So that a codec of a test's own may run out of memory.
 struct Greedy {};
+/// So that one may throw something else.
+struct Odd {};
 
 }  // namespace
 
@@ -60,6 +54,13 @@ struct Codec<Greedy> {
     static constexpr Text<1> SIGNATURE = "u";
     static int Write(sd_bus_message*, const Greedy&) { return 0; }
     static int Read(sd_bus_message*, Greedy&, Fault&) { throw std::bad_alloc(); }
+};
+
+template <>
+struct Codec<Odd> {
+    static constexpr Text<1> SIGNATURE = "u";
+    static int Write(sd_bus_message*, const Odd&) { return 0; }
+    static int Read(sd_bus_message*, Odd&, Fault&) { throw std::runtime_error("odd"); }
 };
 
 namespace {
@@ -71,13 +72,15 @@ struct Meter1 {
     static constexpr Signal<> Ticked{"Ticked"};
     static constexpr Signal<Mode> Switched{"Switched", {"mode"}};
     static constexpr Signal<Greedy> Grown{"Grown", {"size"}};
+    static constexpr Signal<Odd> Strayed{"Strayed", {"where"}};
 };
 constexpr const char* METER = Meter1::NAME;
 
 /// A service that listens to a peer.
-class SubscriptionTest : public testing::Test {
+class SubscriptionTest : public tern::test::WatchedPeerTest {
 protected:
-    SubscriptionTest() { mPeer.Own(NAME); }
+    SubscriptionTest() : WatchedPeerTest(NAME) {}
+    ~SubscriptionTest() override { mServed.End(); }
 
     /// D-Bus thread.
     std::shared_ptr<Remote> Of(std::string name = NAME) {
@@ -107,17 +110,9 @@ protected:
     }
     std::vector<std::uint32_t> Seen() { return SeenAfter(mPeer); }
     Bus::Counters Count() { return mServed.Count(); }
-    void WaitForEnd() {
-        EXPECT_TRUE(WaitUntil([&] { return !mServed.typed->Post([] {}); })) << "the loop does not end";
-        mServed.End();
-    }
 
-    tern::test::PrivateBus mDaemon;
-    tern::test::LogCapture mLog{5};
-    RawPeer mPeer;
     std::vector<std::uint32_t> mSeen;
     Subscription mSubscription;
-    Served mServed;
 };
 
 TEST_F(SubscriptionTest, GivesEachSignalToTheHandler) {
@@ -546,12 +541,7 @@ class SubscriptionRefusedTest : public SubscriptionTest, public testing::WithPar
 TEST_P(SubscriptionRefusedTest, IsTold) {
     const FaultScope scope(fault_sd_bus_add_match_async);
     // What sd-bus takes and the message bus does not.
-    fault_sd_bus_add_match_async.Replace(
-        [](sd_bus* bus, sd_bus_slot** slot, const char*, auto... arguments) {
-            return fault_sd_bus_add_match_async.Real(bus, slot, "path='/a',path_namespace='/a'",
-                                                     arguments...);
-        },
-        1, GetParam());
+    RefuseMatch(GetParam());
     mServed.On([this] { mSubscription = Make(); });
     EXPECT_TRUE(WaitUntil([&] { return Status() == StatusCode::InvalidArgument; }));
     Measure(1);
@@ -585,6 +575,15 @@ TEST_F(SubscriptionTest, WhatAHandlerThrowsEndsTheLoop) {
     EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
     EXPECT_TRUE(mLog.Contains(
         tern::test::Critical("Typed", "A turn of the typed bus threw std::runtime_error: too hot")));
+}
+
+TEST_F(SubscriptionTest, WhatACodecOfOnesOwnThrowsEndsTheLoop) {
+    Listen([&] { return SubscribeTo(Of(), METER, Meter1::Strayed, [](const Odd&) {}); });
+    mPeer.Emit(PATH, METER, "Strayed", "u", 9U);
+    WaitForEnd();
+    EXPECT_EQ(mServed.result, -ENOTRECOVERABLE);
+    EXPECT_TRUE(mLog.Contains(
+        tern::test::Critical("Typed", "A turn of the typed bus threw std::runtime_error: odd")));
 }
 
 // ---- the end

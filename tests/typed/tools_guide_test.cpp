@@ -17,40 +17,16 @@
 #include <tuple>
 #include <vector>
 
-#include "served_bus.h"
 #include "support/private_bus.h"
 #include "support/wait_until.h"
+#include "typed/heater.h"
+#include "typed/served_bus.h"
 
 namespace guide {
 
 using mwl::StatusCode;
 using namespace mwl::Typed;
 using namespace std::chrono_literals;
-
-struct Heater1 {
-    static constexpr const char* NAME = "com.example.Heater1";
-
-    static constexpr Method<void(std::uint32_t)> Boost{"Boost", {"seconds"}, OPEN, "Heats for a while."};
-    static constexpr Property<double> Temperature{"Temperature", EMITS, "Degrees Celsius."};
-    static constexpr WritableProperty<double> Target{"Target", EMITS | OPEN, "Degrees Celsius."};
-    static constexpr Signal<double> Measured{"Measured", {"celsius"}};
-
-    static constexpr Members<Boost, Temperature, Target, Measured> ALL{};
-};
-
-class Heater final : public Implements<Heater, Heater1> {
-public:
-    static constexpr auto Describe() {
-        return Bindings<Bind<Heater1::Boost, &Heater::Boost>, Bind<Heater1::Temperature, &Heater::mTarget>,
-                        Bind<Heater1::Target, &Heater::mTarget, &Heater::SetTarget>>();
-    }
-
-private:
-    void Boost(std::uint32_t) { Emit<Heater1::Measured>(mTarget); }
-    void SetTarget(double celsius) { mTarget = celsius; }
-
-    double mTarget = 20.0;
-};
 
 // The blocks stand here as they do on the page.
 // clang-format off

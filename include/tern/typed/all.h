@@ -3,8 +3,6 @@
 #include <tern/typed/task.h>
 #include <tern/typed/task_group.h>
 
-#include <array>
-#include <coroutine>
 #include <cstddef>
 #include <tuple>
 #include <type_traits>
@@ -17,74 +15,43 @@ namespace Detail {
 
 /// What All gives: waits for a tuple of tasks.
 template <class... R>
-class [[nodiscard]] AllOf final : private TaskGroup {
+class [[nodiscard]] AllOf final : public GroupAwaiter<std::tuple<Task<R>...>> {
+    using Base = GroupAwaiter<std::tuple<Task<R>...>>;
+
 public:
-    explicit AllOf(Task<R>... tasks) noexcept : TaskGroup(Until::All), mTasks(std::move(tasks)...) {}
+    explicit AllOf(Task<R>... tasks) : Base(Base::Until::All, {std::move(tasks)...}) {}
 
-    bool await_ready() const noexcept { return IsReady(Frames()); }
-    template <class Promise>
-    void await_suspend(std::coroutine_handle<Promise> waiting) noexcept {
-        Wait(Frames(), waiting, FrameOf(waiting));
-    }
     std::tuple<HeldResult<R>...> await_resume() {
-        const auto frames = Frames();
-        if (const std::size_t decisive = FindDecisive(frames); decisive < frames.size()) {
-            Rethrow(decisive, std::index_sequence_for<R...>());
-        }
+        // Throws what it has thrown.
+        UseTaskAt(this->GetTasks(), this->FindDecisivePlace(),
+                  [](auto, auto& thrower) { static_cast<void>(TakeHeld(thrower)); });
         return std::apply([](Task<R>&... task) { return std::tuple<HeldResult<R>...>(TakeHeld(task)...); },
-                          mTasks);
+                          this->GetTasks());
     }
-
-private:
-    std::array<TaskFrame*, sizeof...(R)> Frames() const noexcept {
-        return std::apply(
-            [](const Task<R>&... task) {
-                return std::array<TaskFrame*, sizeof...(R)>{TaskAccess::GetPromise(task)...};
-            },
-            mTasks);
-    }
-    template <std::size_t... I>
-    void Rethrow(std::size_t decisive, std::index_sequence<I...>) {
-        static_cast<void>(
-            ((I == decisive && (static_cast<void>(TakeHeld(std::get<I>(mTasks))), true)) || ...));
-    }
-
-    std::tuple<Task<R>...> mTasks;
 };
 
 /// The same for tasks of one kind, as many as there are.
 template <class R>
-class [[nodiscard]] AllOfList final : private TaskGroup {
-public:
-    explicit AllOfList(std::vector<Task<R>> tasks) : TaskGroup(Until::All), mTasks(std::move(tasks)) {
-        mFrames.reserve(mTasks.size());
-        for (const Task<R>& task : mTasks) {
-            mFrames.push_back(TaskAccess::GetPromise(task));
-        }
-    }
+class [[nodiscard]] AllOfList final : public GroupAwaiter<std::vector<Task<R>>> {
+    using Base = GroupAwaiter<std::vector<Task<R>>>;
 
-    bool await_ready() const noexcept { return IsReady(mFrames); }
-    template <class Promise>
-    void await_suspend(std::coroutine_handle<Promise> waiting) noexcept {
-        Wait(mFrames, waiting, FrameOf(waiting));
-    }
+public:
+    explicit AllOfList(std::vector<Task<R>> tasks) : Base(Base::Until::All, std::move(tasks)) {}
+
     auto await_resume() {
-        if (const std::size_t decisive = FindDecisive(mFrames); decisive < mFrames.size()) {
-            static_cast<void>(TakeHeld(mTasks[decisive]));
+        std::vector<Task<R>>& tasks = this->GetTasks();
+        if (const std::size_t decisive = this->FindDecisivePlace(); decisive < tasks.size()) {
+            static_cast<void>(TakeHeld(tasks[decisive]));
         }
         if constexpr (!std::is_void_v<R>) {
             std::vector<R> results;
-            results.reserve(mTasks.size());
-            for (Task<R>& task : mTasks) {
+            results.reserve(tasks.size());
+            for (Task<R>& task : tasks) {
                 results.push_back(TaskAccess::TakeResult(task));
             }
             return results;
         }
     }
-
-private:
-    std::vector<Task<R>> mTasks;
-    std::vector<TaskFrame*> mFrames;
 };
 
 }  // namespace Detail

@@ -12,9 +12,11 @@
 #include <tern/typed/remote.h>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -161,7 +163,8 @@ public:
     /// Whether it listens, or why it does not, which Next tells as well: the errors of BlockingBus, or what
     /// the message bus refused it with.
     Outcome<void> GetState() const { return ListeningBase::GetState(); }
-    /// The values of the next signal, waited for at most for `limit`; 0 for one that is there already.
+    /// The values of the next signal, waited for at most for `limit`; 0 for one that is there already, behind
+    /// 64 other messages at most.
     ///
     /// "org.freedesktop.DBus.Error.Timeout": there was none.
     /// "mwl.Typed.Error.WrongReply": it has not the contract's types, or no values of them; it is used up.

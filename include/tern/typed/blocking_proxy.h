@@ -165,8 +165,7 @@ using BlockingCallsOf = BlockingCalls<
 /// does not compile, nor do values of other D-Bus types than the contract's.
 ///
 /// - `Call(method, values...) -> Outcome<R>`. A method that is NO_REPLY has its outcome as soon as the
-/// message
-///   bus has the call. The memory of one that is SENSITIVE is erased.
+///   message bus has the call. The memory of one that is SENSITIVE is erased.
 /// - `Get(property) -> Outcome<T>`: asks for the value.
 /// - `Set(property, value) -> Outcome<void>`: of a WritableProperty.
 /// - `WaitFor(signal, limit) -> Outcome<std::tuple<T...>>`: the values of the next signal that is sent once

@@ -107,6 +107,7 @@ private:
         Failed,    ///< see Cause
         Spent,     ///< the outcome has been given, or this one has been moved from
     };
+    /// Why it failed.
     enum class Cause : std::uint8_t {
         Status,    ///< mError is a StatusCode
         TooMany,   ///< wait for their replies already
@@ -127,14 +128,20 @@ private:
     Error GetFailure() const;
 
     std::shared_ptr<const Remote> mRemote;
+    /// Of a new one the call; of one that is answered the reply, if it was kept.
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
+    /// Of one that waits.
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
+    /// Of Cause::Reason.
+    std::unique_ptr<Error> mReason;
+    /// What a call needs in one phase only shares a word, as each call that is waited for keeps its own, in a
+    /// coroutine's frame or on the heap. Nothing in it is owned.
     union {
-        std::chrono::milliseconds mTimeout;  ///< of a new one
-        const char* mName;                   ///< of one that failed: the argument's, or null
-        Error* mReason;                      ///< of one that failed by it: its own
-        sd_bus_message* mReply;              ///< of one that is answered: sd-bus's while it calls
+        std::chrono::milliseconds mTimeout;  ///< of Phase::New
+        sd_bus_message* mReply;              ///< of Phase::Answered: sd-bus's while it calls, or mMessage
+        const char* mName;                   ///< of Cause::Argument: of the argument, or null
     };
+    /// Of Cause::Argument.
     unsigned mIndex = 0;
     int mError = 0;
     Phase mPhase = Phase::New;

@@ -3,8 +3,6 @@
 #include <tern/typed/task.h>
 #include <tern/typed/task_group.h>
 
-#include <array>
-#include <coroutine>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
@@ -20,77 +18,52 @@ namespace Detail {
 
 /// What First gives: waits for one of a tuple of tasks.
 template <class... R>
-class [[nodiscard]] FirstOf final : private TaskGroup {
-public:
-    explicit FirstOf(Task<R>... tasks) noexcept : TaskGroup(Until::First), mTasks(std::move(tasks)...) {}
+class [[nodiscard]] FirstOf final : public GroupAwaiter<std::tuple<Task<R>...>> {
+    using Base = GroupAwaiter<std::tuple<Task<R>...>>;
 
-    bool await_ready() const noexcept { return IsReady(Frames()); }
-    template <class Promise>
-    void await_suspend(std::coroutine_handle<Promise> waiting) noexcept {
-        Wait(Frames(), waiting, FrameOf(waiting));
-    }
+public:
+    explicit FirstOf(Task<R>... tasks) : Base(Base::Until::First, {std::move(tasks)...}) {}
+
     std::variant<HeldResult<R>...> await_resume() {
         std::optional<std::variant<HeldResult<R>...>> result;
-        Take(result, FindDecisive(Frames()), std::index_sequence_for<R...>());
+        UseTaskAt(this->GetTasks(), this->FindDecisivePlace(), [&result](auto place, auto& winner) {
+            result.emplace(std::in_place_index<decltype(place)::value>, TakeHeld(winner));
+        });
         // The others end before the winner is known.
-        mTasks = {};
+        this->GetTasks() = {};
         return std::move(*result);
     }
-
-private:
-    std::array<TaskFrame*, sizeof...(R)> Frames() const noexcept {
-        return std::apply(
-            [](const Task<R>&... task) {
-                return std::array<TaskFrame*, sizeof...(R)>{TaskAccess::GetPromise(task)...};
-            },
-            mTasks);
-    }
-    template <std::size_t... I>
-    void Take(std::optional<std::variant<HeldResult<R>...>>& result, std::size_t winner,
-              std::index_sequence<I...>) {
-        static_cast<void>(
-            ((I == winner && (result.emplace(std::in_place_index<I>, TakeHeld(std::get<I>(mTasks))), true)) ||
-             ...));
-    }
-
-    std::tuple<Task<R>...> mTasks;
 };
 
 /// The same for tasks of one kind, as many as there are.
 template <class R>
-class [[nodiscard]] FirstOfList final : private TaskGroup {
-public:
-    explicit FirstOfList(std::vector<Task<R>> tasks) : TaskGroup(Until::First), mTasks(std::move(tasks)) {
-        if (mTasks.empty()) {
-            throw std::logic_error("the first of no tasks is awaited");
-        }
-        mFrames.reserve(mTasks.size());
-        for (const Task<R>& task : mTasks) {
-            mFrames.push_back(TaskAccess::GetPromise(task));
-        }
-    }
+class [[nodiscard]] FirstOfList final : public GroupAwaiter<std::vector<Task<R>>> {
+    using Base = GroupAwaiter<std::vector<Task<R>>>;
 
-    bool await_ready() const noexcept { return IsReady(mFrames); }
-    template <class Promise>
-    void await_suspend(std::coroutine_handle<Promise> waiting) noexcept {
-        Wait(mFrames, waiting, FrameOf(waiting));
-    }
+public:
+    explicit FirstOfList(std::vector<Task<R>> tasks) : Base(Base::Until::First, Checked(std::move(tasks))) {}
+
     auto await_resume() {
-        const std::size_t winner = FindDecisive(mFrames);
+        std::vector<Task<R>>& tasks = this->GetTasks();
+        const std::size_t winner = this->FindDecisivePlace();
         if constexpr (std::is_void_v<R>) {
-            TaskAccess::TakeResult(mTasks[winner]);
-            mTasks.clear();
+            TaskAccess::TakeResult(tasks[winner]);
+            tasks.clear();
             return winner;
         } else {
-            std::pair<std::size_t, R> result(winner, TaskAccess::TakeResult(mTasks[winner]));
-            mTasks.clear();
+            std::pair<std::size_t, R> result(winner, TaskAccess::TakeResult(tasks[winner]));
+            tasks.clear();
             return result;
         }
     }
 
 private:
-    std::vector<Task<R>> mTasks;
-    std::vector<TaskFrame*> mFrames;
+    static std::vector<Task<R>> Checked(std::vector<Task<R>>&& tasks) {
+        if (tasks.empty()) {
+            throw std::logic_error("the first of no tasks is awaited");
+        }
+        return std::move(tasks);
+    }
 };
 
 }  // namespace Detail

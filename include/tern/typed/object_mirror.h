@@ -34,10 +34,13 @@ namespace mwl::Typed {
 ///
 /// The list is not what a peer makes of it: beyond OBJECTS objects, INTERFACES interfaces or NAME_BYTES
 /// characters of names, and what is not below the root, is left out, counted (GetOmitted) and, once for each
-/// owner, logged (error, logger name "Typed"). Values are handed over and not kept.
+/// owner, logged (error, logger name "Typed", ten in ten seconds). Values are handed over and not kept.
 ///
-/// When the peer refuses to tell its objects, or does not answer within 5 seconds, it is logged once,
-/// GetStatus says so, and it is asked again after 1, 2, 4 and so on to 64 seconds, until it answers.
+/// When the peer refuses to tell its objects, does not answer within 5 seconds, or its answer cannot be read
+/// to the end, as when descriptors run out, it is logged once for each owner, GetStatus says so, and it is
+/// asked again after 1, 2, 4 and so on to 64 seconds, until it answers. What was read is there, and is not
+/// told again. A signal of the peer that cannot be read is counted (Bus::Counters::wrongSignals) and logged,
+/// see Subscription.
 ///
 /// Handlers run on the D-Bus thread, never within the constructor. One may destroy its own mirror, and is
 /// destroyed itself once it has returned. What one throws ends the loop in order, see Dispatcher.

@@ -29,7 +29,8 @@ struct CachedProperty {
     const char* name;
     const char* signature;
     /// Reads the content of a variant, whose signature is right, into the values. Negative: it cannot be
-    /// read, and the value is as it was.
+    /// read, and the value is as it was. What a codec of one's own throws, but for std::bad_alloc, passes
+    /// through.
     int (*read)(sd_bus_message* message, void* values);
     /// Whether there was a value; there is none now.
     bool (*clear)(void* values);
@@ -90,7 +91,7 @@ struct CacheLayout<Members<M...>> {
     using Values = decltype(std::tuple_cat(ValueOf<M>()...));
 
     template <std::size_t PLACE>
-    static int Read(sd_bus_message* message, void* values) noexcept try {
+    static int Read(sd_bus_message* message, void* values) try {
         auto& kept = std::get<PLACE>(*static_cast<Values*>(values));
         typename std::remove_reference_t<decltype(kept)>::value_type value{};
         Fault fault;
@@ -181,8 +182,8 @@ private:
 /// (Bus::Counters::wrongProperties) and logged (warning, logger name "Typed", ten in ten seconds).
 ///
 /// When the peer refuses to tell its properties, or does not answer within the time-out of the Remote, it is
-/// logged once, GetStatus says so, and it is asked again after 1, 2, 4 and so on to 64 seconds, until it
-/// answers. What it announces meanwhile counts.
+/// logged once for each owner (error, ten in ten seconds), GetStatus says so, and it is asked again after 1,
+/// 2, 4 and so on to 64 seconds, until it answers. What it announces meanwhile counts.
 ///
 /// Memory: one value for each property of the contract, of at most a message's size. At most one question
 /// for all properties and one for each is under way, however often the peer announces.
@@ -224,7 +225,7 @@ public:
     /// of the one before.
     ///
     /// It runs on the D-Bus thread. It may destroy the cache, and is destroyed after it has returned. What it
-    /// throws ends the loop in order, see Dispatcher.
+    /// throws ends the loop in order, see Dispatcher; so does what a codec of one's own throws.
     void OnChange(UniqueFunction<void(const PropertyChanges<Contract>&)> handler) {
         if (handler) {
             mProperties.SetHandler([own = std::move(handler)](std::uint64_t changed) mutable {

@@ -27,7 +27,8 @@ public:
     SignalHandler& operator=(const SignalHandler&) = delete;
     virtual ~SignalHandler();
     /// Reads the values, of which the signature is right, and calls the handler. Negative: they cannot be
-    /// read, and nothing was called.
+    /// read, and nothing was called with them. What the handler throws, and a codec of one's own but for
+    /// std::bad_alloc, passes through.
     virtual int Run(sd_bus_message* signal) = 0;
 
 protected:
@@ -48,7 +49,7 @@ protected:
 /// The handler is called for every signal that the message bus passes on once it has confirmed the
 /// subscription (GetStatus is Ok); what was sent before is not given to it. It runs on the D-Bus thread. It
 /// may end its own subscription and others and begin with others, and is destroyed after it has returned.
-/// What it throws ends the loop in order, see Dispatcher.
+/// What it throws ends the loop in order, see Dispatcher; so does what a codec of one's own throws.
 ///
 /// A signal that is not of the contract's signature, or has no value of the type, does not reach the handler.
 /// It is counted (Bus::Counters::wrongSignals) and logged (warning, logger name "Typed", ten in ten seconds).
@@ -168,7 +169,7 @@ public:
 
 private:
     template <class... V>
-    static int Read([[maybe_unused]] sd_bus_message* signal, std::tuple<V...>& values) noexcept try {
+    static int Read([[maybe_unused]] sd_bus_message* signal, std::tuple<V...>& values) try {
         [[maybe_unused]] Fault fault;
         int r = 0;
         std::apply(

@@ -5,9 +5,11 @@
 #include <tern/foundation/api.h>
 #include <tern/typed/task.h>
 
+#include <array>
 #include <coroutine>
 #include <cstddef>
 #include <span>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -49,6 +51,7 @@ private:
 template <class R>
 using HeldResult = std::conditional_t<std::is_void_v<R>, std::monostate, R>;
 
+/// REQUIRES: it is done, or empty.
 template <class R>
 HeldResult<R> TakeHeld(Task<R>& task) {
     if constexpr (std::is_void_v<R>) {
@@ -57,6 +60,62 @@ HeldResult<R> TakeHeld(Task<R>& task) {
     } else {
         return TaskAccess::TakeResult(task);
     }
+}
+
+/// The frames of tasks in their order; null for an empty one.
+template <class... R>
+std::array<TaskFrame*, sizeof...(R)> GetFrames(const std::tuple<Task<R>...>& tasks) noexcept {
+    return std::apply(
+        [](const Task<R>&... task) {
+            return std::array<TaskFrame*, sizeof...(R)>{TaskAccess::GetPromise(task)...};
+        },
+        tasks);
+}
+template <class R>
+std::vector<TaskFrame*> GetFrames(const std::vector<Task<R>>& tasks) {
+    std::vector<TaskFrame*> frames;
+    frames.reserve(tasks.size());
+    for (const Task<R>& task : tasks) {
+        frames.push_back(TaskAccess::GetPromise(task));
+    }
+    return frames;
+}
+
+/// A co_await of several tasks, which it owns, but for its result: All and First have their own. `Tasks` is a
+/// tuple of tasks, or a vector of those of one kind.
+template <class Tasks>
+class GroupAwaiter : protected TaskGroup {
+public:
+    bool await_ready() const noexcept { return IsReady(mFrames); }
+    template <class Promise>
+    void await_suspend(std::coroutine_handle<Promise> waiting) noexcept {
+        Wait(mFrames, waiting, FrameOf(waiting));
+    }
+
+protected:
+    GroupAwaiter(Until until, Tasks tasks)
+        : TaskGroup(until), mTasks(std::move(tasks)), mFrames(GetFrames(mTasks)) {}
+    ~GroupAwaiter() = default;
+
+    Tasks& GetTasks() noexcept { return mTasks; }
+    /// The place of the task that FindDecisive finds. Of the tasks as they were given.
+    std::size_t FindDecisivePlace() const noexcept { return FindDecisive(mFrames); }
+
+private:
+    Tasks mTasks;
+    const decltype(GetFrames(std::declval<const Tasks&>())) mFrames;
+};
+
+/// Calls `use(std::integral_constant<std::size_t, place>(), task)` with the task in this place; with none
+/// when there is no such place.
+template <class... R, class Use>
+void UseTaskAt(std::tuple<Task<R>...>& tasks, std::size_t place, Use use) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        static_cast<void>(
+            ((I == place && (use(std::integral_constant<std::size_t, I>(), std::get<I>(tasks)), true)) ||
+             ...));
+    }
+    (std::index_sequence_for<R...>());
 }
 
 template <class T>

@@ -72,6 +72,7 @@ public:
     /// cannot be loaded it is NotSupported; see Introspection::Parse.
     Typed::Call<Introspection::Node> Introspect() const;
     /// Has `handler` called with the values of each such signal, whatever their types; see Subscription.
+    /// REQUIRES: it is not empty.
     Subscription On(const std::string& interface, const std::string& signal,
                     std::function<void(const std::vector<Any>& values)> handler) const;
 
