@@ -33,12 +33,12 @@ constexpr std::chrono::seconds AFTER_STOP_SIGNAL{1};
 /// megabytes in this time, and the rest of a unit's TimeoutStopSec=5 is for the workers.
 constexpr std::chrono::seconds FLUSH_LIMIT{2};
 
-/// Goes before sd-bus's own part: in the end of the loop, which flushes without a limit and closes; and
-/// before a wait, which looks at what is queued.
+/// Goes before sd-bus's own part in the end of the loop, which flushes without a limit and closes.
 constexpr int BEFORE_SD_BUS = SD_EVENT_PRIORITY_NORMAL - 1;
 
 /// Of the loop and its connection.
 struct Turn {
+    explicit Turn(sd_bus* connection) noexcept : bus(connection), batch(connection) {}
     sd_bus* bus;
     MessageBatch batch;
 };
@@ -69,12 +69,12 @@ int FlushWithinTheLimit(sd_event_source*, void* userdata) {
 /// does not show.
 int BeforeEachWait(sd_event_source* source, void* userdata) {
     auto& turn = *static_cast<Turn*>(userdata);
-    sd_event* const loop = sd_event_source_get_event(source);
     if (sd_bus_get_event(turn.bus) != nullptr) {
-        turn.batch.Handle(loop);
+        turn.batch.BeforeWait();
+        return 0;
     }
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
-    return sd_bus_get_event(turn.bus) != nullptr ? 0 : sd_event_exit(loop, -ECONNRESET);
+    return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
 }
 
 int NeverCalled(sd_event_source*, uint64_t, void*) {
@@ -132,7 +132,7 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
     if (loop.GetEvent() == nullptr) {
         return MakeStatusCodeFromReturnCode(-EINVAL);
     }
-    auto turn = std::make_unique<Turn>(Turn{mBus, MessageBatch(mBus)});
+    auto turn = std::make_unique<Turn>(mBus);
     sd_event_source* source = nullptr;
     int r =
         sd_event_add_time(loop.GetEvent(), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, turn.get());
@@ -141,7 +141,7 @@ StatusCode DBusServerManager::AttachLoop(EventLoop& loop) {
         r = sd_event_source_set_prepare(source, BeforeEachWait);
     }
     if (r >= 0) {
-        r = sd_event_source_set_priority(source, BEFORE_SD_BUS);
+        r = turn->batch.Open(loop.GetEvent());
     }
     source = nullptr;
     if (r >= 0) {

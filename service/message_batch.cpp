@@ -6,6 +6,9 @@ namespace mw::tern {
 
 namespace {
 
+/// This thread's batch ends with the message that is being handled.
+constinit thread_local bool tIsLast = false;
+
 bool IsEnding(sd_event* loop) {
     int code = 0;
     return sd_event_get_exit_code(loop, &code) != -ENODATA;
@@ -13,16 +16,37 @@ bool IsEnding(sd_event* loop) {
 
 }  // namespace
 
+// A post source, which becomes pending when another has run, and then waits for its turn behind those that
+// have been pending for longer. A defer source would always be the first one: sd-event counts its age from
+// when it was made. It begins disabled.
+int MessageBatch::Open(sd_event* loop) noexcept {
+    sd_event_source* source = nullptr;
+    int r = sd_event_add_post(loop, &source, OnTurn, this);
+    mSource.reset(source);
+    return r < 0 ? r : sd_event_source_set_enabled(source, SD_EVENT_OFF);
+}
+
+void MessageBatch::BeforeWait() noexcept {
+    if (mTurnsToSkip > 0 && --mTurnsToSkip == 0) {
+        // Cannot fail: of this process, and valid.
+        static_cast<void>(sd_event_source_set_enabled(mSource.get(), SD_EVENT_ON));
+    }
+}
+
+int MessageBatch::OnTurn(sd_event_source* source, void* userdata) {
+    static_cast<MessageBatch*>(userdata)->Handle(sd_event_source_get_event(source));
+    return 0;
+}
+
 void MessageBatch::Handle(sd_event* loop) {
     using Clock = std::chrono::steady_clock;
-    if (mTurnsToSkip > 0) {
-        --mTurnsToSkip;
-        return;
-    }
     const Clock::time_point end = Clock::now() + PERIOD;
     unsigned handled = 0;
     int r = 1;
-    while (r > 0 && handled < MESSAGES && (handled == 0 || (Clock::now() < end && !IsEnding(loop)))) {
+    tIsLast = false;
+    while (r > 0 && handled < MESSAGES &&
+           (handled == 0 || (!tIsLast && Clock::now() < end && !IsEnding(loop)))) {
+        // What a handler throws passes through.
         r = sd_bus_process(mBus, nullptr);
         handled += r > 0 ? 1 : 0;
     }
@@ -30,7 +54,14 @@ void MessageBatch::Handle(sd_event* loop) {
         // What sd-bus does itself, where it has read. The connection leaves the loop, which ends it.
         sd_bus_close(mBus);
     }
-    mTurnsToSkip = handled == 0 ? PAUSE - 1 : 0;
+    if (handled == 0) {
+        static_cast<void>(sd_event_source_set_enabled(mSource.get(), SD_EVENT_OFF));  // as above
+        mTurnsToSkip = PAUSE;
+    }
+}
+
+void MessageBatch::EndAfterThisMessage() noexcept {
+    tIsLast = true;
 }
 
 }  // namespace mw::tern

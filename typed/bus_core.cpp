@@ -10,6 +10,7 @@
 
 #include "foundation/error_text.h"
 #include "platform/static_text.h"
+#include "service/message_batch.h"
 #include "typed/contained.h"
 #include "typed/task_thread.h"
 
@@ -323,6 +324,7 @@ void BusCore::WakeTurn() noexcept {
     if (mSession.has_value() && mSession->turn != nullptr) {
         // Cannot fail: of this process, and valid.
         static_cast<void>(sd_event_source_set_enabled(mSession->turn.get(), SD_EVENT_ONESHOT));
+        mw::tern::MessageBatch::EndAfterThisMessage();
     }
 }
 

@@ -318,6 +318,7 @@ std::vector<Faultable> MakeCatalogue() {
 
         // sd-event and the notification.
         MakeFaultable<"sd_event_add_defer">(&::sd_event_add_defer, {TERN_NEGATIVE(ENOMEM)}),
+        MakeFaultable<"sd_event_add_post">(&::sd_event_add_post, {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_event_add_exit">(&::sd_event_add_exit, {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_event_add_io">(&::sd_event_add_io, {TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EPERM)}),
         MakeFaultable<"sd_event_add_signal">(&::sd_event_add_signal,

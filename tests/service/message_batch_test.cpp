@@ -160,7 +160,8 @@ TEST_F(MessageBatchTest, AsksTheKernelOnceForManyMessages) {
         -1);
     EXPECT_EQ(Run(), 0);
     EXPECT_GT(polls, 0);
-    EXPECT_LT(polls, CALLS / 4);
+    // At first it does not look; and a turn may poll twice.
+    EXPECT_LT(polls, CALLS / 2);
 }
 
 // What the loop has besides is done between two batches, whatever the flood.

@@ -127,6 +127,7 @@ protected:
             const std::lock_guard lock(mMutex);
             return mKept.size() >= count;
         }));
+        mPeer->Ping();  // what the handlers' turn sends besides has been sent
     }
     std::vector<std::string> Answers(std::size_t count) {
         EXPECT_TRUE(mPeer->WaitForAnswers(mAnswers, count));
