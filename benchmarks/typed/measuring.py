@@ -1,6 +1,7 @@
 """What the typed comparisons share: the places of this build, a bus of their own, counts of instructions and allocations, and the
 file of results (see benchmarks/report.py)."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -60,6 +61,42 @@ class Bench:
         file = self.folder / "callgrind.out"
         file.unlink(missing_ok=True)
         return ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={file}", *map(str, program)], file
+
+
+class Peer:
+    """A program that says with a line that it is ready; ended with the context, if it has not ended."""
+
+    def __init__(self, bench, program, *arguments):
+        self.bench = bench
+        self.command = [f"{PLACES['programs']}/{program}", *map(str, arguments)]
+
+    def __enter__(self):
+        self.process = subprocess.Popen(self.command, env=self.bench.environment, stdout=subprocess.PIPE, text=True)
+        if not self.process.stdout.readline():
+            sys.exit(f"{self.command} did not become ready")
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.communicate()
+
+
+def count_program(bench, program, arguments):
+    """Instructions, and requests for memory, of one run."""
+    command, file = bench.callgrind([f"{PLACES['programs']}/{program}", *arguments])
+    allocations = bench.folder / "allocations"
+    environment = dict(bench.environment, LD_PRELOAD=PLACES["preload"], TERN_ALLOCATIONS=str(allocations))
+    require(subprocess.run(command, env=environment, capture_output=True, text=True, check=False), " ".join(command))
+    return instructions_in(file), int(allocations.read_text())
+
+
+def by_the_item(bench, program, arguments, short, long, peer=lambda count: contextlib.nullcontext()):
+    """The difference of two runs, with these arguments for a count, by the item; each beside a peer."""
+    sums = []
+    for count in (short, long):
+        with peer(count):
+            sums.append(count_program(bench, program, arguments(count)))
+    return [(many - few) / (long - short) for few, many in zip(*sums)]
 
 
 def require(process, what):

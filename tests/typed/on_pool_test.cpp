@@ -258,6 +258,7 @@ TEST_F(OnPoolTest, IsAwaitedWithOthers) {
     ASSERT_TRUE(mServed->RunUntil([&] { return task.IsDone(); }));
     EXPECT_EQ(seen, "1two, too late");
     latch.Open();
+    mWorkers->pool->Stop(false);  // the job has the latch
 }
 
 // ---- cancelling

@@ -145,7 +145,7 @@ private:
 ///
 /// `co_await task` takes the task over, which is empty from then on, waits until it is done, and gives its
 /// result. `All` and `First` wait for several, a TaskSet keeps those that nobody awaits. Tasks may await each
-/// other in a chain of any length. What can be awaited besides: calls, Sleep, WaitFor, and whatever
+/// other in a chain of any length. What can be awaited besides: calls, Sleep, WaitFor, OnPool, and whatever
 /// keeps the rules of C++.
 ///
 /// What the coroutine throws is rethrown where it is awaited. Where nobody awaits it, it is treated as what

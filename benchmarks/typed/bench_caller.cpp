@@ -1,29 +1,24 @@
-// An asynchronous call as a client makes it, one after the other, through a private bus, with a service of
-// plain sd-bus in a process of its own. For instructions.sh, which counts the client's instructions.
-//   call_instructions SIDE KIND COUNT
-//     SIDE: hand, handler, awaited, sdbus-c++    KIND: empty, number, text, property
+// An asynchronous call as a client makes it, one after the other, and a service of plain sd-bus that answers.
+//   bench_caller serve              writes a line to standard output once it serves
+//   bench_caller SIDE KIND COUNT
+//     SIDE: hand, plain (by hand without sd-event), handler, awaited, task, sdbus-c++
+//     KIND: empty, number, text, property
 
-#include <signal.h>
-#include <sys/prctl.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <tern/service/dbus_server_manager.h>
 #include <tern/service/event_loop.h>
 #include <tern/typed/bus.h>
 #include <tern/typed/proxy.h>
-#include <unistd.h>
+#include <tern/typed/task.h>
 
-#include <coroutine>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
-
-#include "support/private_bus.h"
 
 #ifdef TERN_HAVE_SDBUSCPP
 #include <sdbus-c++/sdbus-c++.h>
@@ -78,13 +73,13 @@ const sd_bus_vtable TABLE[] = {SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
                                SD_BUS_PROPERTY("Level", "u", OnLevel, 0, 0),
                                SD_BUS_VTABLE_END};
 
-[[noreturn]] void Serve(int ready) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+/// Until it is killed.
+[[noreturn]] void Serve() {
     sd_bus* bus = nullptr;
     Require(sd_bus_open_system(&bus) >= 0, "sd_bus_open_system");
     Require(sd_bus_add_object_vtable(bus, nullptr, PATH, Counted1::NAME, TABLE, nullptr) >= 0, "the service");
     Require(sd_bus_request_name(bus, SERVICE, 0) >= 0, "sd_bus_request_name");
-    Require(write(ready, "r", 1) == 1, "write");
+    Require(puts("serving") >= 0 && fflush(stdout) == 0, "standard output");
     for (;;) {
         if (sd_bus_process(bus, nullptr) == 0) {
             sd_bus_wait(bus, UINT64_MAX);
@@ -107,10 +102,12 @@ const std::string TEXT = "twenty-one and a half";
 /// As one writes it with sd-bus.
 class ByHand {
 public:
-    ByHand(sd_bus* bus, Loop& loop, What kind, int count)
+    /// Without a loop the bus is processed until IsDone.
+    ByHand(sd_bus* bus, Loop* loop, What kind, int count)
         : mBus(bus), mLoop(loop), mKind(kind), mLeft(count) {
         Next();
     }
+    bool IsDone() const { return mLeft < 0; }
     ~ByHand() { sd_bus_slot_unref(mSlot); }
     ByHand(const ByHand&) = delete;
     ByHand& operator=(const ByHand&) = delete;
@@ -118,7 +115,9 @@ public:
 private:
     void Next() {
         if (mLeft-- == 0) {
-            mLoop.End();
+            if (mLoop != nullptr) {
+                mLoop->End();
+            }
             return;
         }
         const bool isProperty = mKind == What::Property;
@@ -151,7 +150,7 @@ private:
             r = sd_bus_message_read_basic(reply, 'u', &number);
         } else if (self.mKind == What::Text) {
             r = sd_bus_message_read_basic(reply, 's', &text);
-            self.mText = text;
+            self.mText = std::string(text);  // the caller's own, as all sides give it
         } else if (self.mKind == What::Property) {
             r = sd_bus_message_read(reply, "v", "u", &number);
         }
@@ -161,7 +160,7 @@ private:
     }
 
     sd_bus* const mBus;
-    Loop& mLoop;
+    Loop* const mLoop;
     const What mKind;
     int mLeft;
     sd_bus_slot* mSlot = nullptr;
@@ -222,18 +221,26 @@ private:
     std::string mText;
 };
 
-/// The least of a coroutine.
-struct Story {
-    struct promise_type {  // NOLINT(readability-identifier-naming): the language's name
-        Story get_return_object() { return {}; }
-        std::suspend_never initial_suspend() noexcept { return {}; }
-        std::suspend_never final_suspend() noexcept { return {}; }
-        void return_void() {}
-        void unhandled_exception() { std::terminate(); }
-    };
-};
+/// One call.
+Task<> AwaitOne(const Proxy<Counted1>& proxy, What kind, std::string& text) {
+    if (kind == What::Empty) {
+        const Outcome<void> outcome = co_await proxy.Call(Counted1::Empty);
+        Require(outcome.IsOk(), "the call");
+    } else if (kind == What::Number) {
+        const Outcome<std::uint32_t> outcome = co_await proxy.Call(Counted1::Number, 21U);
+        Require(outcome.IsOk() && *outcome == 21, "the call");
+    } else if (kind == What::Property) {
+        const Outcome<std::uint32_t> outcome = co_await proxy.Get(Counted1::Level);
+        Require(outcome.IsOk() && *outcome == 21, "the call");
+    } else {
+        Outcome<std::string> outcome = co_await proxy.Call(Counted1::Text, TEXT);
+        Require(outcome.IsOk(), "the call");
+        text = std::move(*outcome);
+    }
+}
 
-Story Await(const Bus& bus, Loop& loop, What kind, int count) {
+/// A coroutine that makes all calls.
+Task<> Await(const Bus& bus, Loop& loop, What kind, int count) {
     const Proxy<Counted1> proxy(bus, SERVICE, PATH);
     std::string text;
     for (int i = 0; i < count; ++i) {
@@ -251,6 +258,16 @@ Story Await(const Bus& bus, Loop& loop, What kind, int count) {
             Require(outcome.IsOk(), "the call");
             text = std::move(*outcome);
         }
+    }
+    loop.End();
+}
+
+/// A coroutine for each call, which another one awaits.
+Task<> AwaitEach(const Bus& bus, Loop& loop, What kind, int count) {
+    const Proxy<Counted1> proxy(bus, SERVICE, PATH);
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        co_await AwaitOne(proxy, kind, text);
     }
     loop.End();
 }
@@ -331,51 +348,57 @@ What KindOf(std::string_view name) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    const std::string side = argc > 1 ? argv[1] : "";
+    if (side == "serve") {
+        Serve();
+    }
     if (argc != 4) {
         fprintf(stderr, "Usage: %s SIDE KIND COUNT\n", argv[0]);
         return 2;
     }
-    const std::string side = argv[1];
     const What kind = KindOf(argv[2]);
     const int count = std::atoi(argv[3]);
-    const tern::test::PrivateBus daemon;
-    int ready[2];
-    Require(pipe(ready) == 0, "pipe");
-    const pid_t service = fork();
-    if (service == 0) {
-        Serve(ready[1]);
-    }
-    char byte = 0;
-    Require(read(ready[0], &byte, 1) == 1, "the service");
-    bool isKnown = true;
     if (side == "sdbus-c++") {
 #ifdef TERN_HAVE_SDBUSCPP
         const WithSdbusCpp client(kind, count);
+        return 0;
 #else
-        isKnown = false;
+        return 2;
 #endif
-    } else {
-        Loop loop;
-        mw::tern::DBusServerManager manager("");
-        Bus bus;
-        Require(manager.Connect() == StatusCode::Ok && manager.AttachLoop(loop) == StatusCode::Ok &&
-                    bus.Open(manager, loop) == StatusCode::Ok,
-                "the bus");
-        if (side == "hand") {
-            const ByHand client(manager.GetBus(), loop, kind, count);
-            loop.Run();
-        } else if (side == "handler") {
-            const WithHandlers client(bus, loop, kind, count);
-            loop.Run();
-        } else if (side == "awaited") {
-            Await(bus, loop, kind, count);
-            loop.Run();
-        } else {
-            isKnown = false;
-        }
-        bus.Close();
     }
-    kill(service, SIGKILL);
-    Require(isKnown, "this side is not built, it");
+    if (side == "plain") {
+        sd_bus* bus = nullptr;
+        Require(sd_bus_open_system(&bus) >= 0, "sd_bus_open_system");
+        {
+            const ByHand client(bus, nullptr, kind, count);
+            while (!client.IsDone()) {
+                if (sd_bus_process(bus, nullptr) == 0) {
+                    sd_bus_wait(bus, UINT64_MAX);
+                }
+            }
+        }
+        sd_bus_flush_close_unref(bus);
+        return 0;
+    }
+    Loop loop;
+    mw::tern::DBusServerManager manager("");
+    Bus bus;
+    Require(manager.Connect() == StatusCode::Ok && manager.AttachLoop(loop) == StatusCode::Ok &&
+                bus.Open(manager, loop) == StatusCode::Ok,
+            "the bus");
+    if (side == "hand") {
+        const ByHand client(manager.GetBus(), &loop, kind, count);
+        loop.Run();
+    } else if (side == "handler") {
+        const WithHandlers client(bus, loop, kind, count);
+        loop.Run();
+    } else {
+        Require(side == "awaited" || side == "task", "there is no such side, it");
+        const Task<> client =
+            side == "task" ? AwaitEach(bus, loop, kind, count) : Await(bus, loop, kind, count);
+        loop.Run();
+        Require(client.IsDone(), "the coroutine");
+    }
+    bus.Close();
     return 0;
 }

@@ -1,15 +1,15 @@
-/// A service that receives signals, by a plain match or by a subscription, to be counted under callgrind:
-///   signal_receiver hand|typed number|text|four|doubles COUNT [unique]
-/// It starts a message bus of its own and, as a program of its own that is not counted, a peer that sends
-/// COUNT signals once it is asked to. With `unique` it listens to the peer's unique name.
-#include <sys/wait.h>
+// A service that receives signals, by a plain match or by a subscription, and the peer that sends them.
+//   bench_receiver send KIND COUNT                   writes a line to standard output once it has its name,
+//                                                    sends when it is asked to, and ends
+//   bench_receiver hand|typed KIND COUNT [unique]    with `unique` it listens to the peer's unique name
+//     KIND: number, text, four, doubles
+
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <tern/service/dbus_server_manager.h>
 #include <tern/service/event_loop.h>
 #include <tern/typed/bus.h>
 #include <tern/typed/subscription.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -18,8 +18,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "support/private_bus.h"
 
 namespace {
 
@@ -49,6 +47,8 @@ int Send(const std::string& kind, int count) {
     sd_bus* bus = nullptr;
     Check(sd_bus_open_system(&bus), "open");
     Check(sd_bus_request_name(bus, NAME, 0), "name");
+    Check(std::puts("ready"), "standard output");
+    Check(std::fflush(stdout), "standard output");
     for (;;) {
         sd_bus_message* call = nullptr;
         const int r = sd_bus_process(bus, &call);
@@ -173,18 +173,15 @@ Subscription Subscribe(const std::shared_ptr<Remote>& peer, const std::string& k
 }
 
 std::string OwnerOf(sd_bus* bus) {
-    for (;;) {
-        sd_bus_message* reply = nullptr;
-        const char* owner = nullptr;
-        const int r = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                         "org.freedesktop.DBus", "GetNameOwner", nullptr, &reply, "s", NAME);
-        std::string name = r >= 0 && sd_bus_message_read(reply, "s", &owner) > 0 ? owner : "";
-        sd_bus_message_unref(reply);
-        if (!name.empty()) {
-            return name;
-        }
-        usleep(10000);
-    }
+    sd_bus_message* reply = nullptr;
+    const char* owner = nullptr;
+    Check(sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                             "GetNameOwner", nullptr, &reply, "s", NAME),
+          "GetNameOwner");
+    Check(sd_bus_message_read(reply, "s", &owner), "GetNameOwner");
+    const std::string name = owner;
+    sd_bus_message_unref(reply);
+    return name;
 }
 
 }  // namespace
@@ -198,12 +195,6 @@ int main(int argc, char** argv) {
     const int count = std::atoi(argv[3]);
     if (how == "send") {
         return Send(kind, count);
-    }
-    const tern::test::PrivateBus daemon;
-    const pid_t peer = fork();
-    if (peer == 0) {
-        execl(argv[0], argv[0], "send", argv[2], argv[3], nullptr);
-        std::_Exit(127);
     }
     Receiver receiver;
     receiver.left = count;
@@ -241,8 +232,6 @@ int main(int argc, char** argv) {
     Check(sd_bus_call_method_async(bus, nullptr, owner.c_str(), PATH, INTERFACE, "Go", nullptr, nullptr, ""),
           "go");
     const int result = receiver.loop.Run();
-    int status = 0;
-    waitpid(peer, &status, 0);
     std::printf("sum %.1f\n", receiver.sum);
     return result != 0 || receiver.left != 0 ? 1 : 0;
 }
