@@ -50,20 +50,22 @@ bool IsOfEveryObject(std::string_view interface) {
 }
 
 /// Reads a sealed "a{sv}".
-void ReadProperties(sd_bus_message* message, ObjectMirror::Properties& properties) {
+int ReadProperties(sd_bus_message* message, ObjectMirror::Properties& properties, bool& isLeftOut) {
     unsigned leftOut = 0;
     std::size_t index = 0;
-    for (int r = sd_bus_message_enter_container(message, 'a', "{sv}");
-         r > 0 && sd_bus_message_enter_container(message, 'e', "sv") > 0; ++index) {
+    int r = sd_bus_message_enter_container(message, 'a', "{sv}");
+    for (; r > 0 && (r = sd_bus_message_enter_container(message, 'e', "sv")) > 0; ++index) {
         const char* name = nullptr;
         r = sd_bus_message_read_basic(message, 's', &name);
         Any value;
         Fault fault;
-        if (r > 0 && ReadAny(message, value, fault) >= 0) {
+        r = r > 0 ? ReadAny(message, value, fault) : r;
+        if (r >= 0) {
             properties.insert_or_assign(name, std::move(value));
             r = sd_bus_message_exit_container(message);
-        } else {
+        } else if (r != -ENOMEM) {
             // Somewhere in it: from the beginning to behind it.
+            isLeftOut = true;
             r = ++leftOut < LEFT_OUT ? sd_bus_message_rewind(message, 1) : -E2BIG;
             r = r >= 0 ? sd_bus_message_enter_container(message, 'a', "{sv}") : r;
             for (std::size_t i = 0; r > 0 && i <= index; ++i) {
@@ -72,6 +74,11 @@ void ReadProperties(sd_bus_message* message, ObjectMirror::Properties& propertie
         }
         r = r >= 0 ? 1 : r;
     }
+    if (r < 0 && r != -ENOMEM) {
+        isLeftOut = true;  // those that would follow
+        r = 0;
+    }
+    return r;
 }
 
 }  // namespace
@@ -202,12 +209,15 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             AskAgainLater(MakeStatusCodeFromReturnCode(r), ErrorText(-r));
         }
     }
-    void AskAgainLater(StatusCode failure, const char* why) {
-        status = failure;
+    void LogFailure(const char* why) {
         if (!std::exchange(hasLogged, true)) {
             TERN_LOG_ERROR(LOGGER, "Failed to get the objects of %s %s: %s", manager.GetDestination().c_str(),
                            manager.GetPath().c_str(), why);
         }
+    }
+    void AskAgainLater(StatusCode failure, const char* why) {
+        status = failure;
+        LogFailure(why);
         if (const int r = retry.Begin(Bus().core->GetLoop(), OnRetry, this); r < 0) {
             TERN_LOG_ERROR(LOGGER, "Failed to wait for the objects of %s %s (%d, %s)",
                            manager.GetDestination().c_str(), manager.GetPath().c_str(), r, ErrorText(-r));
@@ -248,32 +258,47 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             return;
         }
         status = StatusCode::Ok;
-        retry.Reset();
-        hasLogged = false;
         int r = sd_bus_message_enter_container(reply, 'a', "{oa{sa{sv}}}");
-        while (r > 0 && !isEnded && sd_bus_message_enter_container(reply, 'e', "oa{sa{sv}}") > 0) {
+        while (r > 0 && !isEnded && (r = sd_bus_message_enter_container(reply, 'e', "oa{sa{sv}}")) > 0) {
             r = AddObject(reply, true);
             r = r >= 0 ? sd_bus_message_exit_container(reply) : r;
         }
         gone.clear();
-        if (!isEnded && onReady) {
+        if (isEnded) {
+            return;
+        }
+        if (r < 0) {
+            // What was told so far stays.
+            AskAgainLater(MakeStatusCodeFromReturnCode(r), ErrorText(-r));
+            return;
+        }
+        retry.Reset();
+        hasLogged = false;
+        if (onReady) {
             onReady();
         }
     }
 
     void OnInterfacesAdded(sd_bus_message* signal) {
-        if (!isDeaf) {
-            static_cast<void>(AddObject(signal, false));
+        if (isDeaf) {
+            return;
         }
+        if (const int r = AddObject(signal, false); r < 0 && !isEnded) {
+            AskAnew(r);
+        }
+    }
+    /// A change could not be read; whatever it was is in the answer.
+    void AskAnew(int error) {
+        status = StatusCode::Busy;
+        LogFailure(ErrorText(-error));
+        AskForAll();
     }
     void OnInterfacesRemoved(sd_bus_message* signal) {
         const char* text = nullptr;
-        if (sd_bus_message_read_basic(signal, 'o', &text) <= 0 ||
-            sd_bus_message_enter_container(signal, 'a', "s") <= 0) {
-            return;
-        }
-        const std::string path = text;
-        while (!isEnded && sd_bus_message_read_basic(signal, 's', &text) > 0) {
+        int r = sd_bus_message_read_basic(signal, 'o', &text);
+        const std::string path = r > 0 ? text : "";
+        r = r > 0 ? sd_bus_message_enter_container(signal, 'a', "s") : r;
+        while (r > 0 && !isEnded && (r = sd_bus_message_read_basic(signal, 's', &text)) > 0) {
             const std::string interface = text;
             if (question != nullptr) {
                 if (gone.size() < REMEMBERED) {
@@ -283,6 +308,13 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
                 }
             }
             RemoveOne(path, interface);
+        }
+        if (r < 0 && !isEnded && !isDeaf) {
+            // An answer tells what there is only.
+            RemoveAll();
+            if (!isEnded) {
+                AskAnew(r);
+            }
         }
     }
 
@@ -304,19 +336,22 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             Properties properties;
             isNew = isNew && AddOne(path, interface);
             if (isNew) {
-                r = TakeProperties(message, properties);
+                r = TakeProperties(message, path, interface, properties);
             } else {
                 r = r > 0 ? sd_bus_message_skip(message, "a{sv}") : r;
             }
             r = r >= 0 ? sd_bus_message_exit_container(message) : r;
-            if (isNew && onAdded) {
+            if (isNew && r < 0) {
+                static_cast<void>(EraseOne(path, interface));  // nobody has been told of it
+            } else if (isNew && onAdded) {
                 onAdded(path, interface, properties);
             }
         }
         return r >= 0 && !isEnded ? sd_bus_message_exit_container(message) : r;
     }
     /// Reads "a{sv}" from a copy, so that a value that cannot be read costs no more than its interface.
-    int TakeProperties(sd_bus_message* message, Properties& properties) const {
+    int TakeProperties(sd_bus_message* message, const std::string& path, const std::string& interface,
+                       Properties& properties) {
         if (!onAdded) {
             return sd_bus_message_skip(message, "a{sv}");
         }
@@ -326,8 +361,13 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         r = r >= 0 ? sd_bus_message_copy(made, message, 0) : r;
         r = r >= 0 ? sd_bus_message_seal(made, 1, 0) : r;
         r = r >= 0 ? sd_bus_message_rewind(made, 1) : r;
-        if (r >= 0) {
-            ReadProperties(made, properties);
+        bool isLeftOut = false;
+        r = r >= 0 ? ReadProperties(made, properties, isLeftOut) : r;
+        unsigned long notLogged = 0;
+        if (isLeftOut && Bus().watching.limit.Allows(notLogged)) {
+            TERN_LOG_WARNING(
+                LOGGER, "Left out values of %s at %s of %s: they cannot be kept (%lu like it not logged)",
+                interface.c_str(), path.c_str(), manager.GetDestination().c_str(), notLogged);
         }
         return r;
     }
@@ -358,9 +398,15 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         return true;
     }
     void RemoveOne(const std::string& path, const std::string& interface) {
+        if (EraseOne(path, interface) && onRemoved) {
+            onRemoved(path, interface);
+        }
+    }
+    /// Whether it was there.
+    bool EraseOne(const std::string& path, const std::string& interface) {
         const auto found = objects.find(path);
         if (found == objects.end() || found->second.erase(interface) == 0) {
-            return;
+            return false;
         }
         --interfaces;
         bytes -= interface.size();
@@ -368,9 +414,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             objects.erase(found);
             bytes -= path.size();
         }
-        if (onRemoved) {
-            onRemoved(path, interface);
-        }
+        return true;
     }
     void RemoveAll() {
         while (!objects.empty() && !isEnded) {
