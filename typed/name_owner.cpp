@@ -107,6 +107,11 @@ void NameOwner::Fail(StatusCode status) {
     Tell();
 }
 
+void NameOwner::FailToRead(int error) {
+    TERN_LOG_ERROR(LOGGER, "Failed to read who owns %s (%d, %s)", mName.c_str(), error, ErrorText(-error));
+    Fail(MakeStatusCodeFromReturnCode(error));
+}
+
 void NameOwner::SetOwner(std::string owner) {
     if (mState == State::Known && owner == mOwner) {
         return;
@@ -145,12 +150,15 @@ int NameOwner::OnChanged(sd_bus_message* message, void* userdata, sd_bus_error*)
     const char* former = nullptr;
     const char* now = nullptr;
     if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && sender != nullptr &&
-        std::string_view(sender) == BUS_NAME &&
-        sd_bus_message_read(message, "sss", &name, &former, &now) > 0) {
-        // The answer would tell the same, as otherwise another change came before it; or it fails.
-        self->mQuestion.reset();
-        self->mStatus = StatusCode::Ok;
-        RunContained([&] { self->SetOwner(now); }, message);
+        std::string_view(sender) == BUS_NAME) {
+        if (const int r = sd_bus_message_read(message, "sss", &name, &former, &now); r > 0) {
+            // The answer would tell the same, as otherwise another change came before it; or it fails.
+            self->mQuestion.reset();
+            self->mStatus = StatusCode::Ok;
+            RunContained([&] { self->SetOwner(now); }, message);
+        } else {
+            RunContained([&] { self->FailToRead(r); }, message);
+        }
     }
     return 0;
 }
@@ -171,6 +179,7 @@ int NameOwner::OnListening(sd_bus_message* reply, void* userdata, sd_bus_error*)
 int NameOwner::OnAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) {
     const auto self = static_cast<NameOwner*>(userdata)->shared_from_this();
     const char* owner = "";
+    int r = 1;
     self->mStatus = StatusCode::Ok;
     if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
         if (sd_bus_is_open(sd_bus_message_get_bus(reply)) <= 0) {
@@ -184,10 +193,9 @@ int NameOwner::OnAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) {
             RunContained([&] { self->mStatus = Error::FromReply(reply).GetStatus(); }, reply);
         }
     } else {
-        static_cast<void>(
-            sd_bus_message_read_basic(reply, 's', &owner));  // of the message bus: as it should be
+        r = sd_bus_message_read_basic(reply, 's', &owner);
     }
-    RunContained([&] { self->SetOwner(owner); }, reply);
+    RunContained([&] { r > 0 ? self->SetOwner(owner) : self->FailToRead(r); }, reply);
     return 0;
 }
 

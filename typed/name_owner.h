@@ -69,6 +69,7 @@ public:
 private:
     void Begin();
     void Fail(StatusCode status);
+    void FailToRead(int error);
     void SetOwner(std::string owner);
     void Tell();
     void OnStop() noexcept override;

@@ -51,20 +51,22 @@ bool IsOfEveryObject(std::string_view interface) {
 }
 
 /// Reads a sealed "a{sv}".
-void ReadProperties(sd_bus_message* message, ObjectMirror::Properties& properties) {
+int ReadProperties(sd_bus_message* message, ObjectMirror::Properties& properties, bool& isLeftOut) {
     unsigned leftOut = 0;
     std::size_t index = 0;
-    for (int r = sd_bus_message_enter_container(message, 'a', "{sv}");
-         r > 0 && sd_bus_message_enter_container(message, 'e', "sv") > 0; ++index) {
+    int r = sd_bus_message_enter_container(message, 'a', "{sv}");
+    for (; r > 0 && (r = sd_bus_message_enter_container(message, 'e', "sv")) > 0; ++index) {
         const char* name = nullptr;
         r = sd_bus_message_read_basic(message, 's', &name);
         Any value;
         Fault fault;
-        if (r > 0 && ReadAny(message, value, fault) >= 0) {
+        r = r > 0 ? ReadAny(message, value, fault) : r;
+        if (r >= 0) {
             properties.insert_or_assign(name, std::move(value));
             r = sd_bus_message_exit_container(message);
-        } else {
+        } else if (r != -ENOMEM) {
             // Somewhere in it: from the beginning to behind it.
+            isLeftOut = true;
             r = ++leftOut < LEFT_OUT ? sd_bus_message_rewind(message, 1) : -E2BIG;
             r = r >= 0 ? sd_bus_message_enter_container(message, 'a', "{sv}") : r;
             for (std::size_t i = 0; r > 0 && i <= index; ++i) {
@@ -73,6 +75,11 @@ void ReadProperties(sd_bus_message* message, ObjectMirror::Properties& propertie
         }
         r = r >= 0 ? 1 : r;
     }
+    if (r < 0 && r != -ENOMEM) {
+        isLeftOut = true;  // those that would follow
+        r = 0;
+    }
+    return r;
 }
 
 }  // namespace
@@ -214,13 +221,16 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             AskAgainLater(MakeStatusCodeFromReturnCode(r), ErrorText(-r));
         }
     }
-    void AskAgainLater(StatusCode failure, const char* why) {
-        status = failure;
+    [[gnu::cold]] void LogFailure(const char* why) {
         unsigned long others = 0;
         if (!std::exchange(hasLogged, true) && Bus().watching.limit.Allows(others)) {
             TERN_LOG_ERROR(LOGGER, "Failed to get the objects of %s %s: %s (%lu like it not logged)",
                            manager.GetDestination().c_str(), manager.GetPath().c_str(), why, others);
         }
+    }
+    void AskAgainLater(StatusCode failure, const char* why) {
+        status = failure;
+        LogFailure(why);
         if (const int r = retry.Begin(Bus().core->GetLoop(), OnRetry, this); r < 0) {
             TERN_LOG_ERROR(LOGGER, "Failed to wait for the objects of %s %s (%d, %s)",
                            manager.GetDestination().c_str(), manager.GetPath().c_str(), r, ErrorText(-r));
@@ -281,7 +291,22 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         }
     }
 
-    int OnInterfacesAdded(sd_bus_message* signal) { return AddObject(signal, false); }
+    int OnInterfacesAdded(sd_bus_message* signal) {
+        const int r = AddObject(signal, false);
+        if (r < 0 && !HasEnded()) {
+            AskAnew();
+        }
+        return r;
+    }
+    /// A change could not be read, which the subscription counts and logs: what there is is in an answer.
+    void AskAnew() {
+        status = StatusCode::Busy;
+        if (question != nullptr) {
+            isOld = true;
+        } else {
+            AskForAll();
+        }
+    }
     int OnInterfacesRemoved(sd_bus_message* signal) {
         const char* text = nullptr;
         int r = sd_bus_message_read_basic(signal, 'o', &text);
@@ -297,6 +322,13 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
                 }
             }
             RemoveOne(path, interface);
+        }
+        if (r < 0 && !HasEnded()) {
+            // An answer tells what there is only.
+            RemoveAll();
+            if (!HasEnded()) {
+                AskAnew();
+            }
         }
         return r;
     }
@@ -320,7 +352,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             Properties properties;
             isNew = isNew && AddOne(path, interface);
             if (isNew) {
-                r = TakeProperties(message, properties);
+                r = TakeProperties(message, path, interface, properties);
             } else {
                 r = r > 0 ? sd_bus_message_skip(message, "a{sv}") : r;
             }
@@ -334,7 +366,8 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         return r >= 0 && !HasEnded() ? sd_bus_message_exit_container(message) : r;
     }
     /// Reads "a{sv}" from a copy, so that a value that cannot be read costs no more than its interface.
-    int TakeProperties(sd_bus_message* message, Properties& properties) const {
+    int TakeProperties(sd_bus_message* message, const std::string& path, const std::string& interface,
+                       Properties& properties) {
         if (!onAdded) {
             return sd_bus_message_skip(message, "a{sv}");
         }
@@ -344,8 +377,13 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         r = r >= 0 ? sd_bus_message_copy(made, message, 0) : r;
         r = r >= 0 ? sd_bus_message_seal(made, 1, 0) : r;
         r = r >= 0 ? sd_bus_message_rewind(made, 1) : r;
-        if (r >= 0) {
-            ReadProperties(made, properties);
+        bool isLeftOut = false;
+        r = r >= 0 ? ReadProperties(made, properties, isLeftOut) : r;
+        unsigned long notLogged = 0;
+        if (isLeftOut && Bus().watching.limit.Allows(notLogged)) {
+            TERN_LOG_WARNING(
+                LOGGER, "Left out values of %s at %s of %s: they cannot be kept (%lu like it not logged)",
+                interface.c_str(), path.c_str(), manager.GetDestination().c_str(), notLogged);
         }
         return r;
     }

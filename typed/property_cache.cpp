@@ -3,6 +3,7 @@
 #include <tern/typed/property_cache.h>
 #include <tern/typed/subscription.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -223,10 +224,17 @@ struct CachedProperties::State final : Stoppable,
             Tell(0, before);
             return;
         }
-        status = StatusCode::Ok;
-        retry.Reset();
-        hasLogged = false;
-        Tell(ReadValues(reply, 0, touched), before);
+        int error = 0;
+        const std::uint64_t changed = ReadValues(reply, 0, touched, error);
+        if (error < 0) {
+            LogFailure(ErrorText(-error));
+            AskAgainLater(MakeStatusCodeFromReturnCode(error));
+        } else {
+            status = StatusCode::Ok;
+            retry.Reset();
+            hasLogged = false;
+        }
+        Tell(changed, before);
     }
 
     [[gnu::cold]] void LogFailure(const char* why) {
@@ -252,13 +260,19 @@ struct CachedProperties::State final : Stoppable,
 
     /// Of a known signature. Nobody's fault but the peer's where it is of another interface.
     int OnAnnounced(sd_bus_message* signal) {
+        const StatusCode before = status;
         const char* name = nullptr;
-        if (sd_bus_message_read_basic(signal, 's', &name) <= 0 || std::strcmp(name, interface) != 0) {
-            return 0;
+        std::uint64_t changed = 0;
+        int error = sd_bus_message_read_basic(signal, 's', &name);
+        if (error > 0) {
+            if (std::strcmp(name, interface) != 0) {
+                return 0;
+            }
+            changed = ReadValues(signal, 1, 0, error);
         }
-        std::uint64_t changed = ReadValues(signal, 1, 0);
-        if (sd_bus_message_enter_container(signal, 'a', "s") > 0) {
-            while (sd_bus_message_read_basic(signal, 's', &name) > 0) {
+        if (error >= 0) {
+            error = sd_bus_message_enter_container(signal, 'a', "s");
+            while (error > 0 && (error = sd_bus_message_read_basic(signal, 's', &name)) > 0) {
                 if (const std::size_t place = Find(name); place < count) {
                     touched |= Bit(place);
                     changed |= table[place].clear(values.get()) ? Bit(place) : 0;
@@ -266,7 +280,12 @@ struct CachedProperties::State final : Stoppable,
                 }
             }
         }
-        Tell(changed, status);
+        if (error < 0) {
+            // Whatever has changed is in the answer.
+            LogFailure(ErrorText(-error));
+            AskForAll();
+        }
+        Tell(changed, before);
         return 0;
     }
 
@@ -319,11 +338,11 @@ struct CachedProperties::State final : Stoppable,
     }
 
     /// Reads the dictionary that is behind `before` other values, but for the properties in `left`. Returns
-    /// those that are another now.
-    std::uint64_t ReadValues(sd_bus_message* message, unsigned before, std::uint64_t left) {
+    /// those that are another now. `error` is negative when not all could be read, else 0.
+    std::uint64_t ReadValues(sd_bus_message* message, unsigned before, std::uint64_t left, int& error) {
         std::uint64_t changed = 0;
         int r = sd_bus_message_enter_container(message, 'a', ENTRY);
-        for (std::size_t index = 0; r > 0 && sd_bus_message_enter_container(message, 'e', "sv") > 0;
+        for (std::size_t index = 0; r > 0 && (r = sd_bus_message_enter_container(message, 'e', "sv")) > 0;
              ++index) {
             const char* name = nullptr;
             r = sd_bus_message_read_basic(message, 's', &name);
@@ -336,6 +355,10 @@ struct CachedProperties::State final : Stoppable,
                 const bool wasThere = table[place].clear(values.get());
                 const int read = ReadValue(message, place);
                 changed |= wasThere || read >= 0 ? Bit(place) : 0;
+                if (read == -ENOMEM) {
+                    r = read;
+                    continue;
+                }
                 if (read < 0) {
                     // Somewhere in the value. Each property takes the way back once at most.
                     left |= Bit(place);
@@ -346,8 +369,9 @@ struct CachedProperties::State final : Stoppable,
             r = r >= 0 ? sd_bus_message_exit_container(message) : r;
         }
         if (r >= 0) {
-            static_cast<void>(sd_bus_message_exit_container(message));
+            r = sd_bus_message_exit_container(message);
         }
+        error = std::min(r, 0);
         return changed;
     }
     /// Goes from wherever it is to behind the entry `index` of the dictionary.
@@ -372,11 +396,12 @@ struct CachedProperties::State final : Stoppable,
         }
         r = sd_bus_message_enter_container(message, 'v', table[place].signature);
         r = r > 0 ? table[place].read(message, values.get()) : r;
+        r = r >= 0 ? sd_bus_message_exit_container(message) : r;
         if (r < 0) {
+            static_cast<void>(table[place].clear(values.get()));
             Drop(place, nullptr);
-            return r;
         }
-        return sd_bus_message_exit_container(message);
+        return r;
     }
     /// What is in the value is not for the log.
     [[gnu::cold]] void Drop(std::size_t place, const char* found) {

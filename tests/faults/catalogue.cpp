@@ -83,7 +83,9 @@ using CallMethodLater = int (*)(sd_bus*, sd_bus_slot**, const char*, const char*
 /// With two texts.
 using SetError = int (*)(sd_bus_error*, const char*, const char*, const char*, const char*);
 /// A variant of a number.
-using ReadMessage = int (*)(sd_bus_message*, const char*, const char*, void*);
+/// As many values as our libraries read at once.
+using ReadMessage = int (*)(sd_bus_message*, const char*, void*, void*, void*);
+using CreateParser = void* (*)(const char*);
 using New = void* (*)(std::size_t);
 using NewWithoutThrow = void* (*)(std::size_t, const void*);
 /// std::thread's own start: this, the address of the state's owner, a function of no interest here.
@@ -341,6 +343,9 @@ std::vector<Faultable> MakeCatalogue() {
                                                            {TERN_NEGATIVE(ENOMEM)}),
         MakeFaultable<"sd_notify">(&::sd_notify, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(EAGAIN)}),
 
+        // libexpat.
+        MakeFaultable<"XML_ParserCreate">(CreateParser{}, {TERN_ERRNO(ENOMEM)}),
+
         // libzip.
         MakeFaultable<"zip_close">(
             &::zip_close, {TERN_ZIP(ZIP_ER_WRITE), TERN_ZIP(ZIP_ER_RENAME), TERN_ZIP(ZIP_ER_MEMORY)}),
@@ -502,6 +507,17 @@ const std::map<std::string, const char*>& Exemptions() {
         {"sd_event_source_get_event", VALID_ARGUMENT},
         {"sd_event_source_unref", GOES_AWAY},
         {"sd_event_unref", GOES_AWAY},
+        {"XML_ParserFree", GOES_AWAY},
+        {"XML_SetUserData", ONLY_MEMORY},
+        {"XML_SetElementHandler", ONLY_MEMORY},
+        {"XML_SetStartDoctypeDeclHandler", ONLY_MEMORY},
+        {"XML_Parse", "what it refuses has its own tests"},
+        {"XML_StopParser", VALID_ARGUMENT},
+        {"XML_GetErrorCode", ONLY_MEMORY},
+        {"XML_ErrorString", ONLY_MEMORY},
+        {"XML_GetCurrentLineNumber", ONLY_MEMORY},
+        {"XML_GetCurrentByteIndex", ONLY_MEMORY},
+        {"XML_GetCurrentByteCount", ONLY_MEMORY},
         {"zip_discard", GOES_AWAY},
         {"zip_error_code_zip", ONLY_MEMORY},
         {"zip_error_fini", GOES_AWAY},
@@ -568,9 +584,9 @@ bool CatalogueIsComplete() {
         });
     }
     for (const Faultable& function : Catalogue()) {
-        // libzip is loaded when it is needed, and its functions are looked up by name.
+        // libzip and libexpat are loaded when they are needed, and their functions are looked up by name.
         const std::string name = function.name;
-        const bool isLookedUp = name.starts_with("zip_");
+        const bool isLookedUp = name.starts_with("zip_") || name.starts_with("XML_");
         const bool isCompilersChoice = name == "getline" || name == "__getdelim";
         if (!isLookedUp && !isCompilersChoice && !imported.contains(name)) {
             printf("%s is in the catalogue, but no library imports it\n", function.name);

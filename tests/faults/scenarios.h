@@ -20,5 +20,6 @@ std::vector<Scenario> FileScenarios();
 std::vector<Scenario> ArchiveScenarios();
 std::vector<Scenario> LoggerScenarios();
 std::vector<Scenario> TypedScenarios();
+std::vector<Scenario> TypedClientScenarios();
 
 }  // namespace tern::test
