@@ -142,7 +142,9 @@ libtern-dbus-service, and support for testing one on a private bus.")
 set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOC_DESCRIPTION "frame for services on the system D-Bus (documents)
-The guide to libtern-dbus-service and the sources of its example extension.")
+The guide to libtern-dbus-service, the reference of its headers, and the
+sources of its examples: a service, its client, the tutorial's result, every
+type that the typed layer carries, and a client that is made of XML.")
 
 set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SHLIBDEPS ON)

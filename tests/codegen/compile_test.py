@@ -300,7 +300,7 @@ def texts_of_started(name, program, folder):
     """As above, of a program that is started on a private bus for it."""
     bus, config = f"unix:path={folder}/bus", folder / "bus.conf"
     config.write_text(f'<busconfig><listen>{bus}</listen><policy context="default"><allow user="*"/><allow own="*"/>'
-                      '<allow send_type="method_call"/><allow receive_type="*"/></policy></busconfig>')
+                      '<allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>')
     read, write = os.pipe()
     daemon = subprocess.Popen(["dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
                                f"--print-address={write}"], pass_fds=[write])

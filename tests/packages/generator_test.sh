@@ -61,6 +61,7 @@ refused 2 "unknown option '--colour'$hint" --colour fan "$work/refused"
 refused 2 "--domain takes a domain$hint" --domain
 refused 2 "--interface takes a file$hint" --interface
 refused 2 "--open goes with --interface$hint" --open fan "$work/refused"
+refused 2 "--entities goes with --interface$hint" --entities fan "$work/refused"
 for name in "" Fan fan_control fan--control -fan fan- 2fan "fan control" "fan/control" "fan;rm" fän $'fan\nx'; do
     case $name in -*) continue ;; esac  # an option, above
     refused 2 "'$name' is not a name: *$hint" "$name" "$work/refused"
@@ -76,6 +77,13 @@ mkdir "$work/full" && touch "$work/full/mine" "$work/file"
 refused 1 "$work/full is not empty; nothing was written" fan "$work/full"
 [ "$(ls "$work/full")" = mine ] || fail "something was written into a folder that was not empty"
 refused 1 "$work/file is no folder" fan "$work/file"
+# Files that cannot be written, as on a full disk: neither files nor folders are left.
+mkdir "$work/empty"
+for folder in refused/deep empty; do
+    is=$(trap '' XFSZ; ulimit -f 1; new fan "$work/$folder" 2>&1)
+    [ $? -eq 1 ] && [[ $is == *"tern-new-extension: $work/$folder cannot be written; nothing was" ]] && [ ! -e "$work/refused" ] &&
+        [ -z "$(ls -A "$work/empty")" ] && ok "refused: a full disk, $folder" || fail "a full disk, $folder: $is"
+done
 new --help | grep -q '^Usage: tern-new-extension' && ok "help" || fail "help"
 
 # The longest name and a name that is a word of C++ build as well as any other.
@@ -111,9 +119,9 @@ done
 
 # From XML: each interface has a class, all are on the bus, and what is not written yet is refused.
 cat >"$work/fan.xml" <<'XML'
-<node>
+<!DOCTYPE node [<!ENTITY turn "Turn">]><node>
   <interface name="org.acme.Fan1">
-    <method name="Turn"><arg name="speed" type="u"/><arg name="before" type="u" direction="out"/></method>
+    <method name="&turn;"><arg name="speed" type="u"/><arg name="before" type="u" direction="out"/></method>
     <method name="Later"><annotation name="mwl.Typed.Deferred" value="true"/><arg name="reply" type="s"/></method>
     <method name="Files"><arg name="file" type="h"/></method>
     <property name="Speed" type="u" access="readwrite"/>
@@ -124,14 +132,14 @@ cat >"$work/fan.xml" <<'XML'
   <interface name="org.acme.Light1"><property name="mSpeed" type="as" access="readwrite"/></interface>
 </node>
 XML
-must "written from XML" new --interface "$work/fan.xml" --open xml-fan "$work/xml-fan"
+must "written from XML" new --interface "$work/fan.xml" --open --entities xml-fan "$work/xml-fan"
 must "configured: from XML" cmake -S "$work/xml-fan" -B "$work/xml-fan/build" -DCMAKE_PREFIX_PATH="$work/prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS=-Werror
 must "built without a warning: from XML" cmake --build "$work/xml-fan/build"
 must "its tests pass: from XML" ctest --test-dir "$work/xml-fan/build" --output-on-failure --no-tests=error
 "$work/xml-fan/build/xml-fan-test" --gtest_list_tests | grep -q HasItsInterfaces || fail "from XML: its interfaces are not tested"
 sed -i 's/type="u" access/type="uu" access/' "$work/fan.xml"
-is=$(new --interface "$work/fan.xml" xml-fan "$work/refused" 2>&1)
+is=$(new --interface "$work/fan.xml" --entities xml-fan "$work/refused" 2>&1)
 [ $? -eq 1 ] && [[ $is == "$work/fan.xml:6: org.acme.Fan1.Speed: "*"tern-new-extension: $work/fan.xml cannot be used" ]] &&
     [ ! -e "$work/refused" ] && ok "refused: XML with a mistake" || fail "XML with a mistake: $is"
 
