@@ -22,7 +22,10 @@ done
 declare -A of_their_own=()
 for name in dbus_message/hostile_messages dbus_message/key_rule service/stop_order service/hung_bus \
     utilities/file_system_copy_file typed/churn typed/guide typed/{calls,task,tools}_guide \
-    timer/short_period_timer_{callback,failures,thread}; do
+    timer/short_period_timer_{callback,failures,thread} timer/timer_{expiry,notification} \
+    process_execution/command_{children,failures,input,time_limit} \
+    utilities/zipper_{programs,unzip,unzip_whole} utilities/folder_monitor_stop \
+    service/message_pipe_close service/dbus_server_manager_objects typed/bus_{changes,objects} typed/task_end; do
     of_their_own[$name]=1
 done
 

@@ -597,6 +597,7 @@ TEST_F(ThreadPoolTest, ManyProducersManyWorkersLoseNothing) {
 }
 
 TEST(ThreadPoolWatched, WorkersAreWatchedUntilTheyLeave) {
+    ASSERT_EQ(StopSignal::Register(), StatusCode::Ok);  // by which the pool is stopped
     LogCapture log;
     NiceMock<MockMonitor> monitor;
     Signals signals;
