@@ -133,7 +133,7 @@ checked by the compiler, on top of libtern-dbus-service.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}, libsystemd-dev, pkg-config | pkgconf, python3:any")
+  "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}, libsystemd-dev, pkgconf | pkg-config, python3:any")
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libtern-dbus-service-doc)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "frame for services on the system D-Bus (development files)
 Headers, CMake and pkg-config files for building an extension on
