@@ -42,7 +42,7 @@ def main():
     write_results(
         "typed-client", "An asynchronous call", instructions + allocations,
         "By callgrind, and of malloc, calloc and realloc, of the whole client, which makes one call after the other, with the same "
-        f"key for libsystemd's hash tables on all sides. Medians of {ROUNDS} rounds; they do not depend on the load.",
+        f"key for libsystemd's hash tables on all sides. Medians of {ROUNDS} rounds; those in sd-event do not depend on the load.",
     )
 
 
