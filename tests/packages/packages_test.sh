@@ -186,6 +186,11 @@ check "the test support works" "$work/consumer/uses-test-support"
 flags=$(PKG_CONFIG_PATH=$root/$lib/pkgconfig pkg-config --define-variable=prefix="$root/usr" --cflags --libs \
     libtern-dbus-service)
 check "the generator finds its templates" "$root/usr/bin/tern-new-extension" fan-control "$work/generated"
+check "the generator of C++ is found by its link" "$root/usr/bin/tern-dbus-codegen" "$source/tests/consumer/generated/room.xml" \
+    "$work/room"
+[ -s "$work/room/room_contract.h" ] && [ -s "$work/room/room.md" ] && ok "C++ of XML" || fail "no C++ of XML"
+check "a project of XML" "$root/usr/bin/tern-new-extension" --interface "$source/tests/consumer/generated/room.xml" fan \
+    "$work/from-xml"
 [[ $flags == *"-I$root/usr/include"*"-L$root/$lib"* ]] && ok "pkg-config" || fail "pkg-config: $flags"
 unset LD_LIBRARY_PATH
 
