@@ -6,7 +6,7 @@ namespace mwl::Typed {
 
 bool LogLimit::Allows(unsigned long& omitted) noexcept {
     const auto now = std::chrono::steady_clock::now();
-    if (now - mBegin >= PERIOD) {
+    if (mWritten == 0 || now - mBegin >= PERIOD) {
         mBegin = now;
         mWritten = 0;
     }

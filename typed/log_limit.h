@@ -25,7 +25,7 @@ public:
 
 private:
     std::chrono::steady_clock::time_point mBegin{};
-    unsigned mWritten = MESSAGES;
+    unsigned mWritten = 0;
     unsigned long mOmitted = 0;
 };
 

@@ -125,13 +125,15 @@ def table(samples):
 
 def lives_table(lives):
     lines = ["| life | seconds | ready after ms | ended by | end took ms | watchdog fed | longest gap ms | programs | "
-             "archives | settings read | folder events / restarts | timer expiries |", "|" + "---|" * 12]
+             "archives | settings read | folder events / restarts | timer expiries | its own client: calls / signals / changes |",
+             "|" + "---|" * 13]
     for life in lives:
         lines.append(
             f"| {life['life']} | {life['end'] - life['begin']:.0f} | {life['start_ms']} | {life['ended_by']} | "
             f"{life['end_ms']} | {life['feedings']} | {life['longest_gap_ms']} | {life['Commands']} | {life['Archives']} | "
             f"{life['Reloads']} | {life['FolderEvents']} / {life['FolderRestarts']} | "
-            f"{life['TimerTicks'] + life['OnceTicks'] + life['ShortTicks']} |")
+            f"{life['TimerTicks'] + life['OnceTicks'] + life['ShortTicks']} | "
+            f"{life['ClientCalls']} / {life['ClientSignals']} / {life['ClientChanges']} |")
     return lines
 
 

@@ -38,6 +38,12 @@ TEST_F(LogLimitTest, LetsTheFirstMessagesOfAPeriodThrough) {
     EXPECT_EQ(mOmitted, 0U);
 }
 
+TEST_F(LogLimitTest, LetsMessagesThroughRightAfterTheStartOfTheSystem) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    MovedClock::Advance(std::chrono::seconds(1) - now);
+    EXPECT_EQ(Write(LogLimit::MESSAGES + 1), LogLimit::MESSAGES);
+}
+
 TEST_F(LogLimitTest, TellsOnceInTheNextPeriodWhatWasLeftOut) {
     Write(LogLimit::MESSAGES + 25);
     MovedClock::Advance(LogLimit::PERIOD);

@@ -18,6 +18,10 @@ struct Progress {
     Counter timerTicks{0};
     Counter onceTicks{0};
     Counter shortTicks{0};
+    Counter clientCalls{0};
+    Counter clientSignals{0};
+    Counter clientChanges{0};
+    Counter clientWatches{0};
     Counter failures{0};
 };
 

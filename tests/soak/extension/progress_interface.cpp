@@ -32,6 +32,10 @@ const sd_bus_vtable* ProgressInterface::GetVtable() const {
         SdBusProperty("TimerTicks", "t", &OnGetCounter, offsetof(Progress, timerTicks), 0),
         SdBusProperty("OnceTicks", "t", &OnGetCounter, offsetof(Progress, onceTicks), 0),
         SdBusProperty("ShortTicks", "t", &OnGetCounter, offsetof(Progress, shortTicks), 0),
+        SdBusProperty("ClientCalls", "t", &OnGetCounter, offsetof(Progress, clientCalls), 0),
+        SdBusProperty("ClientSignals", "t", &OnGetCounter, offsetof(Progress, clientSignals), 0),
+        SdBusProperty("ClientChanges", "t", &OnGetCounter, offsetof(Progress, clientChanges), 0),
+        SdBusProperty("ClientWatches", "t", &OnGetCounter, offsetof(Progress, clientWatches), 0),
         SdBusProperty("Failures", "t", &OnGetCounter, offsetof(Progress, failures), 0),
         SdBusSignal("Tick", "t", 0),
         SdBusVtableEnd()};

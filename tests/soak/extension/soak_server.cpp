@@ -34,7 +34,12 @@ StatusCode Show(mw::tern::DBusServerManager& manager, const std::string& path,
 
 SoakServer::SoakServer(unsigned int clients, Progress& progress, JobDesk& desk, mw::tern::MessagePipe& ticks,
                        Fault& fault)
-    : mClients(clients), mProgress(progress), mDesk(desk), mTicks(ticks), mFault(fault) {}
+    : mClients(clients),
+      mProgress(progress),
+      mDesk(desk),
+      mTicks(ticks),
+      mFault(fault),
+      mOwnClient(progress) {}
 
 StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) {
     mBus = manager.GetBus();
@@ -43,7 +48,13 @@ StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::Eve
         status = Show(manager, ClientPath(client), std::make_unique<ClientInterface>(mDesk, mFault));
     }
     if (status == StatusCode::Ok) {
+        status = Show(manager, ClientPath(mClients), std::make_unique<ClientInterface>(mDesk, mNoFault));
+    }
+    if (status == StatusCode::Ok) {
         status = mDesk.Open(loop);
+    }
+    if (status == StatusCode::Ok) {
+        status = mOwnClient.Open(manager, loop, ClientPath(mClients));
     }
     if (status == StatusCode::Ok) {
         status = loop.AddIo(mTicks.GetReadFd(), EPOLLIN,
@@ -53,6 +64,7 @@ StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::Eve
 }
 
 void SoakServer::Stop() {
+    mOwnClient.Close();
     mTicks.Close();
     mDesk.Close();
 }

@@ -7,6 +7,7 @@
 
 #include "fault.h"
 #include "job_desk.h"
+#include "own_client.h"
 #include "progress.h"
 
 namespace soak {
@@ -30,6 +31,9 @@ private:
     mw::tern::MessagePipe& mTicks;
     Fault& mFault;
     sd_bus* mBus = nullptr;
+    /// Of the object that the extension itself calls, as no count of calls is to depend on it.
+    Fault mNoFault{""};
+    OwnClient mOwnClient;
 };
 
 }  // namespace soak

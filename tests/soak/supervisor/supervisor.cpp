@@ -26,8 +26,10 @@ constexpr milliseconds WATCHDOG{4000};
 constexpr milliseconds STOP_LIMIT{5000};
 constexpr milliseconds LIVENESS_CHECK{50};
 
-constexpr const char* COUNTERS[] = {"Commands",   "Archives",  "Reloads",    "FolderEvents", "FolderRestarts",
-                                    "TimerTicks", "OnceTicks", "ShortTicks", "Failures"};
+constexpr const char* COUNTERS[] = {"Commands",       "Archives",      "Reloads",       "FolderEvents",
+                                    "FolderRestarts", "TimerTicks",    "OnceTicks",     "ShortTicks",
+                                    "ClientCalls",    "ClientSignals", "ClientChanges", "ClientWatches",
+                                    "Failures"};
 
 /// Shares of the whole time: short lives first, then one that takes half of it.
 struct Life {
