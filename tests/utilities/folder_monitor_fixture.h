@@ -3,6 +3,8 @@
 // What the tests of FolderMonitor share: a watched folder, and the system calls that they make fail. Include
 // it in the one source of a test program.
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <tern/utilities/folder_monitor.h>
 #include <time.h>

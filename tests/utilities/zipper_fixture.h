@@ -4,6 +4,8 @@
 // it in the one source of a test program.
 
 #include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <tern/utilities/zipper.h>
 #include <unistd.h>
