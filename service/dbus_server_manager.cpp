@@ -13,6 +13,7 @@
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "foundation/tell.h"
 #include "service/hang_up.h"
 #include "service/loop_guard.h"
 #include "service/vtable_fault.h"
@@ -61,6 +62,7 @@ int EndWhenDetached(sd_event_source* source, void* bus) {
     if (sd_bus_get_event(static_cast<sd_bus*>(bus)) != nullptr) {
         return 0;
     }
+    TERN_TELL_NAMED(StateChanged, state_changed, bus, 0, "lost-bus");
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
     return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
 }
