@@ -9,8 +9,8 @@
 /// CLOCK_MONOTONIC. Figures of events (calls, jobs, runs, expiries) count from when diagnostics were switched
 /// on in this process.
 ///
-///     auto proxy = ...;                                           // of Typed::Proxy or BlockingProxy
-///     const auto shown = proxy.Call<Diagnostics1::Snapshot>();    // mwl::Diagnostics::Figures
+///     const Typed::BlockingProxy<Diagnostics1> proxy("com.example.Thermostat", Diagnostics1::PATH);
+///     const Typed::Outcome<Figures> figures = proxy.Call(Diagnostics1::Snapshot);
 
 #include <tern/typed/contract.h>
 
@@ -82,12 +82,13 @@ struct BusThreadFigures {
     std::uint64_t handled = 0;   ///< messages: calls, signals and replies
     std::uint64_t turns = 0;     ///< of the event loop
     std::uint64_t longestTurnUs =
-        0;                         ///< longest time in which the loop did not come round, sleeping left out
-    std::string running;           ///< member that is being handled: in a snapshot its own, in a ring the one
-                                   ///< that hangs; empty for none
-    std::uint64_t runningUs = 0;   ///< for how long; 0 for none
-    std::uint64_t watchdogUs = 0;  ///< systemd's watchdog period (WatchdogSec=); 0 for none
-    std::uint64_t watchdogMarginUs = 0;  ///< smallest time that was left until its end; 0 without a watchdog
+        0;  ///< longest time in which the loop did not come round, sleeping left out
+    /// Member that is being handled: in a snapshot its own, or none where its caller's credentials had to be
+    /// asked for first.
+    std::string running;
+    std::uint64_t runningUs = 0;         ///< for how long; 0 for none
+    std::uint64_t watchdogUs = 0;        ///< systemd's watchdog period (WatchdogSec=); 0 for none
+    std::uint64_t watchdogMarginUs = 0;  ///< so much was left of it at least, always; 0 without a watchdog
     std::vector<MemberFigures> members;  ///< sorted by totalUs, largest first; at most 257
 
     /// The keys.
