@@ -234,20 +234,28 @@ TEST_F(DiagnosticsTest, ShowsComponentsAndSupervisedThreads) {
     EXPECT_THAT(Snapshot().threads, IsEmpty());
 }
 
-TEST_F(DiagnosticsTest, ShowsTimersAndPipes) {
+TEST_F(DiagnosticsTest, ShowsTimers) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer does not know the threads that the C library makes for expiries";
+#endif
     mwl::Timer::Timer timer(1, false, [] {});
     ASSERT_EQ(timer.Start(), StatusCode::Ok);
+    ASSERT_TRUE(WaitUntil([&] { return Snapshot().timers.at(0).expiries == 1; }));
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.timers[0].kind, "Timer");
+    EXPECT_EQ(figures.timers[0].periodUs, 1000U);
+    EXPECT_FALSE(figures.timers[0].isPeriodic);
+    EXPECT_GT(figures.timers[0].latestUs, 0U);
+}
+
+TEST_F(DiagnosticsTest, ShowsPipes) {
     mw::tern::MessagePipe pipe;
     ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
     char message[4] = {};
     ASSERT_EQ(pipe.WriteMessage(message, 4), StatusCode::Ok);
     ASSERT_EQ(pipe.WriteMessage(message, 4), StatusCode::Ok);
     ASSERT_EQ(pipe.ReadMessage(message, 4, 0), StatusCode::Ok);
-    ASSERT_TRUE(WaitUntil([&] { return Snapshot().timers.at(0).expiries == 1; }));
     const Figures figures = Snapshot();
-    EXPECT_EQ(figures.timers[0].kind, "Timer");
-    EXPECT_EQ(figures.timers[0].periodUs, 1000U);
-    EXPECT_FALSE(figures.timers[0].isPeriodic);
     ASSERT_THAT(figures.pipes, SizeIs(1));
     EXPECT_EQ(figures.pipes[0].written, 2U);
     EXPECT_EQ(figures.pipes[0].read, 1U);

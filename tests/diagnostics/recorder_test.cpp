@@ -146,15 +146,20 @@ TEST_F(RecorderTest, ObjectsMadeBeforeAreKnownByName) {
     component.Join();
 }
 
-TEST_F(RecorderTest, RecordsTimersPipesAndMessages) {
-    std::atomic<bool> isDone{false};
-    mwl::Timer::Timer timer(1, false, [&] { isDone = true; });
+TEST_F(RecorderTest, RecordsTimers) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer does not know the threads that the C library makes for expiries";
+#endif
+    mwl::Timer::Timer timer(1, false, [] {});
     ASSERT_EQ(timer.Start(), StatusCode::Ok);
+    ASSERT_TRUE(WaitUntil([&] { return Events("timer_ended").size() == 1; }));
+    EXPECT_GT(Events("timer_began")[0].value, 0U);
+}
+
+TEST_F(RecorderTest, RecordsPipesAndMessages) {
     MessagePipe pipe;
     ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
     ASSERT_EQ(pipe.WriteMessage("12345678", 8), StatusCode::Ok);
-    ASSERT_TRUE(WaitUntil([&] { return Events("timer_ended").size() == 1; }));
-    EXPECT_GT(Events("timer_began")[0].value, 0U);
     EXPECT_EQ(Events("pipe_written")[0].value, 8U);
     TERN_LOG_NOTICE(LOGGER, "not kept");
     TERN_LOG_WARNING(LOGGER, "the pump is %s", "slow");

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/told.h"
+#include "foundation/told.h"
 #include "support/wait_until.h"
 #include "threading/supervision_doubles.h"
 #include "threading/watching_doubles.h"
