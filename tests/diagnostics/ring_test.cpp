@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -36,9 +37,10 @@ using testing::IsEmpty;
 using testing::SizeIs;
 namespace Format = mwl::Diagnostics::Format;
 
-/// Never unmapped, as the recorder's.
+/// Its memory is never unmapped, as the recorder's is not.
 Ring& MakeRing(std::size_t bytes = 4096) {
-    Ring& ring = *new Ring;
+    static std::deque<Ring> rings;
+    Ring& ring = rings.emplace_back();
     int error = 0;
     Ring::Identity identity;
     identity.program = "tester";
