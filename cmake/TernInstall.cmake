@@ -12,7 +12,7 @@ set(TERN_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 set(TERN_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TernDBusService)
 
 set(TERN_INSTALLED_TARGETS tern-dbus-service)
-set(TERN_INSTALLED_PC libtern-dbus-service libtern-dbus-typed)
+set(TERN_INSTALLED_PC libtern-dbus-service libtern-dbus-typed libtern-diagnostics)
 set(TERN_PLATFORM_CONFIG "")
 if(TERN_PLATFORM STREQUAL bundled)
   list(APPEND TERN_INSTALLED_TARGETS tern-foundation tern-basic-log)
@@ -25,7 +25,7 @@ endif()
 
 # In a prefix of its own the library finds the ones beside it without LD_LIBRARY_PATH. The system's folders are searched
 # anyway; what the prefix is at installation decides, whatever was configured.
-set_target_properties(${TERN_INSTALLED_TARGETS} tern-dbus-typed PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(${TERN_INSTALLED_TARGETS} tern-dbus-typed tern-diagnostics PROPERTIES INSTALL_RPATH "$ORIGIN")
 # tern_no_rpath_in_usr(COMPONENT FILE): FILE as installed, below the prefix unless absolute.
 function(tern_no_rpath_in_usr component file)
   if(NOT IS_ABSOLUTE "${file}")
@@ -46,6 +46,10 @@ endforeach()
 install(TARGETS tern-dbus-typed EXPORT TernDBusServiceTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT typed NAMELINK_COMPONENT dev)
 tern_no_rpath_in_usr(typed ${CMAKE_INSTALL_LIBDIR}/libtern-dbus-typed.so.${PROJECT_VERSION})
+# So are the diagnostics.
+install(TARGETS tern-diagnostics EXPORT TernDBusServiceTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT diagnostics NAMELINK_COMPONENT dev)
+tern_no_rpath_in_usr(diagnostics ${CMAKE_INSTALL_LIBDIR}/libtern-diagnostics.so.${PROJECT_VERSION})
 install(DIRECTORY include/tern DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(EXPORT TernDBusServiceTargets NAMESPACE tern:: DESTINATION ${TERN_PACKAGE_DIR} COMPONENT dev)
 

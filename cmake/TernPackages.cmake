@@ -23,7 +23,8 @@ set(CPACK_COMPONENT_DEV_GROUP dev)
 set(CPACK_COMPONENT_TEST-SUPPORT_GROUP dev)
 
 # component:package
-set(TERN_PACKAGES runtime:libtern-dbus-service0 typed:libtern-dbus-typed0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
+set(TERN_PACKAGES runtime:libtern-dbus-service0 typed:libtern-dbus-typed0
+  diagnostics:libtern-diagnostics0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
 if(TERN_BUILD_EXAMPLES)
   list(APPEND TERN_PACKAGES thermostat:tern-thermostat)
 endif()
@@ -90,7 +91,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # Shared libraries' packages of the system are found by dpkg-shlibdeps, our own ones are named here.
 set(same_version "(= ${TERN_PACKAGE_VERSION})")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/platform/foundation
-  ${PROJECT_BINARY_DIR}/platform/basic_log ${PROJECT_BINARY_DIR}/typed)
+  ${PROJECT_BINARY_DIR}/platform/basic_log ${PROJECT_BINARY_DIR}/typed ${PROJECT_BINARY_DIR}/diagnostics)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # would be put before each description
@@ -131,9 +132,17 @@ set(CPACK_DEBIAN_TYPED_DESCRIPTION "typed interfaces on the system D-Bus (librar
 Interfaces of services on the system D-Bus, described once in C++20 and
 checked by the compiler, on top of libtern-dbus-service.")
 
+set(CPACK_DEBIAN_DIAGNOSTICS_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_DIAGNOSTICS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_DIAGNOSTICS_PACKAGE_DEPENDS
+  "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}")
+set(CPACK_DEBIAN_DIAGNOSTICS_DESCRIPTION "diagnostics of services on the system D-Bus (library)
+What a service built on libtern-dbus-service is doing now, shown on the bus, and
+how its former life ended, told by a flight recorder that systemd keeps.")
+
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}, libsystemd-dev, pkgconf | pkg-config, python3:any")
+  "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}, libtern-diagnostics0 ${same_version}, libsystemd-dev, pkgconf | pkg-config, python3:any")
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libtern-dbus-service-doc)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "frame for services on the system D-Bus (development files)
 Headers, CMake and pkg-config files for building an extension on

@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "foundation/known_objects.h"
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 
 namespace mwl::QueuedProcessings {
@@ -21,13 +23,16 @@ Component::Component(const std::string& name, const std::string& threadName,
     : mName(name),
       mThreadName(threadName),
       mExecutor(executor),
-      mThreadManager(std::make_shared<ThreadManager>(monitor, executor)) {}
+      mThreadManager(std::make_shared<ThreadManager>(monitor, executor)) {
+    KnownObjects::Add({.object = mThreadManager.get(), .kind = KnownObjects::Kind::Component}, mName);
+}
 
 Component::~Component() {
     TERN_LOG_TRACE(LOGGER, "%s: Destroy component [%p]", "~Component", static_cast<void*>(this));
     if (mThread != nullptr && mThread->joinable()) {
         mThread->detach();
     }
+    KnownObjects::Remove(KnownObjects::Kind::Component, mThreadManager.get());
 }
 
 StatusCode Component::Start() {
@@ -87,14 +92,18 @@ void Component::Join() {
 
 void Component::WakeUp() {
     TERN_LOG_TRACE(LOGGER, "%s: launch %s execution", "WakeUp", mName.c_str());
+    TERN_TELL_NAMED(WakeUp, wake_up, mThreadManager.get(), 0, mName.c_str());
     mThreadManager->Notify();
 }
 
 void Component::Execute(ThreadManager& threadManager, ExecutorInterface& executor) {
     threadManager.SetThreadId(pthread_self());
     threadManager.NotifyStarted();
+    const void* const manager = &threadManager;
     while (threadManager.Wait() == StatusCode::Ok) {
+        TERN_TELL(RunBegan, run_began, manager, 0);
         executor.Execute();
+        TERN_TELL(RunEnded, run_ended, manager, 0);
     }
 }
 

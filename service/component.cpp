@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "foundation/handle.h"
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 #include "service/loop_guard.h"
 #include "service/thrown.h"
@@ -24,6 +25,8 @@ using mw::tern::Thrown;
 namespace {
 
 const StaticText LOGGER("DBusService::Component");
+
+constexpr const void* NO_OBJECT = nullptr;
 
 /// Whether this process has a D-Bus thread.
 std::atomic<bool> gIsRunning{false};
@@ -63,12 +66,17 @@ private:
     mwl::Handle<sd_bus_slot, sd_bus_slot_unref> mSlot;
 };
 
+void TellState(const char* state) {
+    TERN_TELL_NAMED(StateChanged, state_changed, NO_OBJECT, 0, state);
+}
+
 // What is thrown in a step is logged and counts as its failure.
 
 StatusCode InitializeService(Service& service) {
     return Contain(
         StatusCode::Failure, [&] { return service.Initialize(); },
         [](const Thrown& thrown) {
+            mw::tern::TellThrown(thrown);
             TERN_LOG_CRITICAL(LOGGER, "Service::Initialize threw %s: %s", thrown.Type(), thrown.Text());
         });
 }
@@ -78,6 +86,7 @@ StatusCode StartServer(IpcServer& ipcServer, Service& service) {
         StatusCode::Failure,
         [&] { return ipcServer.Start(service.GetServerManager(), service.GetEventLoop()); },
         [](const Thrown& thrown) {
+            mw::tern::TellThrown(thrown);
             TERN_LOG_CRITICAL(LOGGER, "IpcServer::Start threw %s: %s", thrown.Type(), thrown.Text());
         });
 }
@@ -90,6 +99,7 @@ StatusCode StopServer(IpcServer& ipcServer) {
             return StatusCode::Ok;
         },
         [](const Thrown& thrown) {
+            mw::tern::TellThrown(thrown);
             TERN_LOG_CRITICAL(LOGGER, "IpcServer::Stop threw %s: %s", thrown.Type(), thrown.Text());
         });
 }
@@ -102,6 +112,7 @@ StatusCode StopWorkers(Threading::ThreadsMonitorInterface& monitor) {
             return StatusCode::Ok;
         },
         [](const Thrown& thrown) {
+            mw::tern::TellThrown(thrown);
             TERN_LOG_CRITICAL(LOGGER, "StopWorkerThreads threw %s: %s", thrown.Type(), thrown.Text());
         });
 }
@@ -167,6 +178,7 @@ void Component::JoinThread() {
 void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& startup,
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer) {
     TERN_LOG_INFO(LOGGER, "Start D-Bus thread");
+    TellState("starting");
     const mw::tern::UncaughtLog uncaughtLog;
     monitor.SetDBusThreadId(static_cast<unsigned long>(pthread_self()));
     std::optional<Service> service(std::in_place, name);
@@ -174,8 +186,12 @@ void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& st
     if (status == StatusCode::Ok) {
         status = StartServer(ipcServer, *service);
     }
+    TellState(status == StatusCode::Ok ? "running" : "failed");
     startup.set_value(status);
     const StatusCode runStatus = status == StatusCode::Ok ? service->Run() : StatusCode::Ok;
+    if (status == StatusCode::Ok) {
+        TellState(runStatus == StatusCode::Ok ? "stopping" : "failed");
+    }
     // The loop takes no SIGTERM any more. Where nobody blocked it, the monitor's would end the process before
     // the others have been stopped. Cannot fail with valid arguments.
     static_cast<void>(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread());

@@ -13,6 +13,7 @@
 
 #include "foundation/error_text.h"
 #include "foundation/handle.h"
+#include "foundation/tell.h"
 #include "service/hang_up.h"
 #include "service/loop_guard.h"
 #include "service/message_batch.h"
@@ -73,6 +74,7 @@ int BeforeEachWait(sd_event_source* source, void* userdata) {
         turn.batch.BeforeWait();
         return 0;
     }
+    TERN_TELL_NAMED(StateChanged, state_changed, bus, 0, "lost-bus");
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
     return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
 }

@@ -21,6 +21,7 @@ int Dispatch(sd_event_source* source, int fd, uint32_t revents, void* userdata) 
     const StatusCode status = Contain(
         StatusCode::Failure, [&] { return context->callback(source, fd, revents); },
         [&](const Thrown& thrown) {
+            TellThrown(thrown);
             TERN_LOG_CRITICAL(ServiceCommon::mLogger, "The callback of descriptor %d threw %s: %s", fd,
                               thrown.Type(), thrown.Text());
             sd_event_exit(sd_event_source_get_event(source), -ENOTRECOVERABLE);

@@ -60,6 +60,7 @@ void LogOfCall(sd_bus_message* message, const Thrown& thrown) {
 
 /// The message stays the connection's current one, as nothing was tidied up behind what was thrown.
 void LogThrown(const Thrown& thrown) {
+    TellThrown(thrown);
     sd_bus_message* const message = tBus == nullptr ? nullptr : sd_bus_get_current_message(tBus);
     uint8_t type = 0;
     if (message == nullptr || sd_bus_message_get_type(message, &type) < 0) {

@@ -12,6 +12,8 @@
 #include <new>
 
 #include "foundation/error_text.h"
+#include "foundation/known_objects.h"
+#include "foundation/tell.h"
 #include "platform/survive_sigpipe.h"
 
 using mwl::ErrorText;
@@ -26,6 +28,18 @@ int TransferError(ssize_t transferred, unsigned int size) {
         return errno;
     }
     return static_cast<std::size_t>(transferred) < size ? EIO : 0;
+}
+
+/// write(2) for a listener, who is told of a wait for room; finding that out takes a system call.
+ssize_t WriteAndTell(const void* pipe, int fd, const void* data, std::size_t size) {
+    pollfd room{fd, POLLOUT, 0};
+    if (poll(&room, 1, 0) != 0) {
+        return write(fd, data, size);
+    }
+    TERN_TELL(PipeFull, pipe_full, pipe, 0);
+    const ssize_t written = write(fd, data, size);
+    TERN_TELL(PipeWaited, pipe_waited, pipe, 0);
+    return written;
 }
 
 /// What Close takes out of a pipe and puts back.
@@ -68,6 +82,7 @@ private:
 }  // namespace
 
 MessagePipe::~MessagePipe() {
+    mwl::KnownObjects::Remove(mwl::KnownObjects::Kind::Pipe, this);
     for (const int fd : {mReadFd, mWriteFd.load()}) {
         if (fd != -1) {
             close(fd);
@@ -95,6 +110,7 @@ StatusCode MessagePipe::Initialize() {
         return MakeStatusCodeFromErrno(error);
     }
     mReadPoll = {mReadFd, POLLIN, 0};
+    mwl::KnownObjects::Add({.object = this, .kind = mwl::KnownObjects::Kind::Pipe});
     return StatusCode::Ok;
 }
 
@@ -110,7 +126,8 @@ StatusCode MessagePipe::WriteMessage(const void* data, unsigned int size) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] Pipe is not initialized yet");
         return StatusCode::NotInitialized;
     }
-    const ssize_t written = write(mWriteFd, data, size);
+    const ssize_t written =
+        mwl::Tell::IsOn() ? WriteAndTell(this, mWriteFd, data, size) : write(mWriteFd, data, size);
     const int error = TransferError(written, size);
     if (mIsClosed) {
         mOvertaken = static_cast<unsigned int>(std::max(written, static_cast<ssize_t>(0)));
@@ -127,6 +144,7 @@ StatusCode MessagePipe::WriteMessage(const void* data, unsigned int size) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] WriteMessage fails : %s", ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
+    TERN_TELL(PipeWritten, pipe_written, this, size);
     return StatusCode::Ok;
 }
 
@@ -162,6 +180,7 @@ StatusCode MessagePipe::ReadMessage(void* data, unsigned int size, unsigned int 
         TERN_LOG_ERROR(ServiceCommon::mLogger, "[MessagePipe] ReadMessage fails : %s", ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
+    TERN_TELL(PipeRead, pipe_read, this, size);
     return StatusCode::Ok;
 }
 

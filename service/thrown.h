@@ -26,6 +26,9 @@ private:
     const char* mText = "no text";
 };
 
+/// Tells the library's listener of it (foundation/tell.h).
+void TellThrown(const Thrown& thrown) noexcept;
+
 /// The result of `body`. What it throws ends here: `report` is called with it, and the result is `failure`.
 /// The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through, as it must.
 template <typename Result, typename Body, typename Report>

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "foundation/known_objects.h"
 #include "platform/static_text.h"
 
 namespace mwl::Threading {
@@ -15,7 +16,10 @@ const StaticText LOGGER("Threading::ThreadManager");
 
 ThreadManager::ThreadManager(ThreadsMonitorInterface& monitor) : mMonitor(monitor) {}
 
-ThreadManager::~ThreadManager() = default;
+// One that was never taken back is known no more either.
+ThreadManager::~ThreadManager() {
+    KnownObjects::RemoveAll(KnownObjects::Kind::Supervised, this);
+}
 
 void ThreadManager::NotifyStarted() {
     mMonitor.AddWorkerThread(*this);

@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "foundation/known_objects.h"
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 
 namespace mwl::Threading::ThreadPool {
@@ -19,10 +21,13 @@ constexpr int IDLE_LIMIT_MS = 10000;
 }  // namespace
 
 ThreadPool::ThreadPool(unsigned int threadCount, ThreadsWatcherInterface& watcher, SignalsInterface& signals)
-    : mThreadCount(threadCount), mWatcher(watcher), mSignals(signals) {}
+    : mThreadCount(threadCount), mWatcher(watcher), mSignals(signals) {
+    KnownObjects::Add({.object = this, .number = threadCount, .kind = KnownObjects::Kind::Pool});
+}
 
 ThreadPool::~ThreadPool() {
     Stop(false);
+    KnownObjects::Remove(KnownObjects::Kind::Pool, this);
 }
 
 void ThreadPool::Start() {
@@ -56,6 +61,7 @@ void ThreadPool::QueueJob(const std::function<void()>& job) {
     {
         const Lock lock(mMutex);
         mJobs.push_back(std::move(copy));
+        TERN_TELL(JobQueued, job_queued, this, mJobs.size());
     }
     mCondition.NotifyOne();
 }
@@ -69,6 +75,7 @@ void ThreadPool::QueueUnique(UniqueFunction<void()> job) {
     {
         const Lock lock(mMutex);
         mJobs.push_back(std::move(entry));
+        TERN_TELL(JobQueued, job_queued, this, mJobs.size());
     }
     mCondition.NotifyOne();
 }
@@ -119,6 +126,9 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
             if (status == StatusCode::Ok && !mStopping) {
                 job = std::move(mJobs.front());
                 mJobs.pop_front();
+                if (job) {
+                    TERN_TELL(JobBegan, job_began, this, mJobs.size());
+                }
             }
         }
         if (status == StatusCode::Timeout) {
@@ -130,6 +140,7 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
         notifyWork();
         if (job) {
             job();
+            TERN_TELL(JobEnded, job_ended, this, 0);
             notifyWork();
         }
     }

@@ -1,10 +1,13 @@
 #include <pthread.h>
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_watched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <limits>
 
+#include "foundation/known_objects.h"
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 
 namespace mwl::Threading {
@@ -23,6 +26,14 @@ steady_clock::rep Now() {
 /// No thread is taken as blocked sooner, however short its period.
 constexpr milliseconds SHORTEST_LIMIT{20000};
 
+/// For the listener: 0 for what is no period, the longest one for what does not fit.
+std::uint64_t NanosecondsOf(milliseconds period) {
+    constexpr std::uint64_t NANOSECONDS_PER_MILLISECOND = 1000000;
+    const auto count = static_cast<std::uint64_t>(std::max<milliseconds::rep>(period.count(), 0));
+    return std::min(count, std::numeric_limits<std::uint64_t>::max() / NANOSECONDS_PER_MILLISECOND) *
+           NANOSECONDS_PER_MILLISECOND;
+}
+
 milliseconds LimitOf(milliseconds period) {
     if (period > milliseconds::max() / 2) {
         return milliseconds::max();
@@ -40,17 +51,27 @@ milliseconds LimitOf(milliseconds period) {
 ThreadWatched::ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name)
     : mWatcher(watcher), mName(name), mStart(Now()) {}
 
-ThreadWatched::~ThreadWatched() = default;
+ThreadWatched::~ThreadWatched() {
+    KnownObjects::Remove(KnownObjects::Kind::Watched, this);
+}
 
 void ThreadWatched::StartWatch(milliseconds period) {
     mStart.store(Now(), std::memory_order_relaxed);
     mLastWorkMs.store(0, std::memory_order_release);
     mPeriodMs.store(period.count(), std::memory_order_release);
     mThreadId = pthread_self();
+    KnownObjects::Add({.object = this,
+                       .number = static_cast<std::uint64_t>(std::max<milliseconds::rep>(period.count(), 0)),
+                       .threadId = gettid(),
+                       .kind = KnownObjects::Kind::Watched},
+                      mName);
+    TERN_TELL_NAMED(WatchBegan, watch_began, this, NanosecondsOf(period), mName.c_str());
     try {
         mWatcher.Register(this);
     } catch (...) {
         mThreadId = 0;
+        TERN_TELL_NAMED(WatchEnded, watch_ended, this, 0, mName.c_str());
+        KnownObjects::Remove(KnownObjects::Kind::Watched, this);
         throw;
     }
 }
@@ -58,6 +79,8 @@ void ThreadWatched::StartWatch(milliseconds period) {
 void ThreadWatched::StopWatch() {
     mThreadId = 0;
     mWatcher.Unregister(this);
+    TERN_TELL_NAMED(WatchEnded, watch_ended, this, 0, mName.c_str());
+    KnownObjects::Remove(KnownObjects::Kind::Watched, this);
 }
 
 void ThreadWatched::NotifyWork() {
@@ -65,6 +88,7 @@ void ThreadWatched::NotifyWork() {
     const steady_clock::duration sinceStart(Now() - mStart.load(std::memory_order_relaxed));
     mLastWorkMs.store(std::chrono::duration_cast<milliseconds>(sinceStart).count(),
                       std::memory_order_release);
+    TERN_TELL_NAMED(WatchReported, watch_reported, this, 0, mName.c_str());
 }
 
 milliseconds ThreadWatched::GetPeriod() const {

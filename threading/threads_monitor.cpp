@@ -3,10 +3,13 @@
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_manager.h>
 #include <tern/threading/threads_monitor.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
 
+#include "foundation/known_objects.h"
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 #include "threading/thread_life.h"
 
@@ -26,12 +29,20 @@ void ThreadsMonitor::AddWorkerThread(ThreadManager& thread) {
     TERN_LOG_TRACE(LOGGER, "Add Worker thread [%lu]", thread.GetThreadId());
     const std::lock_guard lock(mMutex);
     mWorkers.Add(thread);
+    // As a rule the worker registers itself; the watcher does so without an id.
+    const unsigned long id = thread.GetThreadId();
+    KnownObjects::Add({.object = &thread,
+                       .threadId = id == 0 || id == pthread_self() ? gettid() : 0,
+                       .kind = KnownObjects::Kind::Supervised});
+    TERN_TELL(ThreadAdded, thread_added, &thread, 0);
 }
 
 void ThreadsMonitor::RemoveWorkerThread(ThreadManager& thread) {
     TERN_LOG_TRACE(LOGGER, "Remove Worker thread [%lu]", thread.GetThreadId());
     const std::lock_guard lock(mMutex);
     mWorkers.Remove(thread);
+    TERN_TELL(ThreadRemoved, thread_removed, &thread, 0);
+    KnownObjects::Remove(KnownObjects::Kind::Supervised, &thread);
 }
 
 void ThreadsMonitor::SetDBusThreadId(unsigned long threadId) {

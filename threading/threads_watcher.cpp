@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 
 namespace mwl::Threading {
@@ -332,7 +333,13 @@ bool ThreadsWatcher::IsRegistered(ThreadWatched* thread) {
 bool ThreadsWatcher::IsAnyBlockedAt(steady_clock::time_point now) {
     const std::lock_guard lock(mSetMutex);
     return std::any_of(mThreads.begin(), mThreads.end(), [now](const ThreadWatched* thread) {
-        return thread->GetThreadId() != 0 && thread->IsBlockedAt(now);
+        if (thread->GetThreadId() == 0 || !thread->IsBlockedAt(now)) {
+            return false;
+        }
+        // Told here and not where it is killed, as the log may be stuck on the way there.
+        TERN_TELL_NAMED(Blocked, blocked, thread, std::chrono::nanoseconds(thread->ElapsedAt(now)).count(),
+                        thread->mName.c_str());
+        return true;
     });
 }
 

@@ -11,6 +11,8 @@
 #include <thread>
 #include <utility>
 
+#include "foundation/known_objects.h"
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 #include "timer/posix_timer.h"
 
@@ -81,7 +83,12 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 // clang-format on
 struct __attribute__((visibility("hidden"))) ShortPeriodTimer::State : std::enable_shared_from_this<State> {
     State(unsigned int period, bool repeat, std::function<void()> function)
-        : signo(SIGRTMIN), periodMs(period), periodic(repeat), callback(std::move(function)) {}
+        : signo(SIGRTMIN), periodMs(period), periodic(repeat), callback(std::move(function)) {
+        KnownObjects::Add({.object = this,
+                           .number = period,
+                           .kind = KnownObjects::Kind::ShortPeriodTimer,
+                           .isPeriodic = repeat});
+    }
 
     StatusCode CreateThread();
     StatusCode CreateTimer(void* value);
@@ -226,7 +233,9 @@ void ShortPeriodTimer::State::RunThread() {
     const auto call = [this] {
         // Silent or Gone: an expiry was on its way when the timer was destroyed.
         if (const Phase now = phase; now != Phase::Silent && now != Phase::Gone) {
+            TERN_TELL(TimerBegan, timer_began, this, 0);
             callback();
+            TERN_TELL(TimerEnded, timer_ended, this, 0);
         }
     };
     ServeExpiries(startUp, threadId, look, call, signo);
@@ -341,6 +350,7 @@ bool ShortPeriodTimer::State::TryDeleteTimer() {
 void ShortPeriodTimer::State::Abandon() {
     const std::lock_guard lock(mutex);
     static_cast<void>(timer.Delete());  // there may be none
+    KnownObjects::Remove(KnownObjects::Kind::ShortPeriodTimer, this);
     if (thread != nullptr && thread->joinable()) {
         thread->detach();
     }

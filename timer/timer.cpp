@@ -1,10 +1,12 @@
 #include <tern/foundation/log.h>
 #include <tern/timer/timer.h>
 
+#include <chrono>
 #include <mutex>
 #include <optional>
 #include <utility>
 
+#include "foundation/known_objects.h"
 #include "platform/static_text.h"
 #include "timer/posix_timer.h"
 #include "timer/timer_calls.h"
@@ -28,7 +30,12 @@ const StaticText LOGGER("Timer::Timer");
 /// | none any more    | status Stopping; the same     | fails   |                 | finds no token      |
 struct Timer::State {
     State(unsigned int period, bool repeat, std::function<void()> callback)
-        : calls(std::make_shared<TimerCalls>(std::move(callback))), periodic(repeat), periodMs(period) {}
+        : calls(std::make_shared<TimerCalls>(std::move(callback))), periodic(repeat), periodMs(period) {
+        KnownObjects::Add({.object = calls.get(),
+                           .number = period,
+                           .kind = KnownObjects::Kind::Timer,
+                           .isPeriodic = repeat});
+    }
 
     StatusCode Start(std::optional<unsigned int> newPeriodMs);
     StatusCode Create();
@@ -90,7 +97,7 @@ StatusCode Timer::Execute() {
 }
 
 void Timer::Handler() {
-    std::shared_ptr(mState->calls)->Call();
+    std::shared_ptr(mState->calls)->Call(std::chrono::nanoseconds(0));
 }
 
 StatusCode Timer::State::Start(std::optional<unsigned int> newPeriodMs) {
@@ -194,6 +201,7 @@ void Timer::State::Abandon() {
     isDestroyed = true;
     TimerRegistry::GetInstance().Remove(token);
     static_cast<void>(timer.Delete());  // there may be none
+    KnownObjects::Remove(KnownObjects::Kind::Timer, calls.get());
 }
 
 }  // namespace mwl::Timer

@@ -2,6 +2,7 @@
 
 #include <tern/foundation/log.h>
 
+#include "foundation/tell.h"
 #include "platform/static_text.h"
 
 namespace mwl::Timer {
@@ -12,16 +13,18 @@ const StaticText LOGGER("Timer::Timer");
 
 }  // namespace
 
-void TimerCalls::Serve() {
+void TimerCalls::Serve(std::chrono::nanoseconds late) {
     if (Enter()) {
-        Call();
+        Call(late);
         Leave();
     }
 }
 
-void TimerCalls::Call() const {
+void TimerCalls::Call(std::chrono::nanoseconds late) const {
     if (mCallback) {
+        TERN_TELL(TimerBegan, timer_began, this, late.count());
         mCallback();
+        TERN_TELL(TimerEnded, timer_ended, this, 0);
     }
 }
 

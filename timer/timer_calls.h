@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <utility>
@@ -20,9 +21,10 @@ public:
 
     /// An expiry: calls back, unless so many calls run already. Then the expiry is dropped, which is logged
     /// once, and how many were, when the last of those calls has returned.
-    void Serve();
+    /// `late` is since when it was due.
+    void Serve(std::chrono::nanoseconds late);
     /// Calls back, unless the callback is empty.
-    void Call() const;
+    void Call(std::chrono::nanoseconds late) const;
 
 private:
     bool Enter();

@@ -92,8 +92,9 @@ sigval TimerRegistry::ToValue(Token token) {
 }
 
 void TimerRegistry::Notify(sigval token) noexcept {
-    if (const auto calls = GetInstance().Arrive(reinterpret_cast<Token>(token.sival_ptr))) {
-        calls->Serve();
+    std::chrono::nanoseconds late{0};
+    if (const auto calls = GetInstance().Arrive(reinterpret_cast<Token>(token.sival_ptr), late)) {
+        calls->Serve(late);
     }
 }
 
@@ -101,6 +102,7 @@ void TimerRegistry::Notify(sigval token) noexcept {
 void* TimerRegistry::ServeLost(void* token) noexcept {
     TimerRegistry& registry = GetInstance();
     std::shared_ptr<TimerCalls> calls;
+    std::chrono::nanoseconds late{0};
     {
         const std::lock_guard lock(registry.mMutex);
         const auto found = registry.mEntries.find(reinterpret_cast<Token>(token));
@@ -108,13 +110,15 @@ void* TimerRegistry::ServeLost(void* token) noexcept {
             return nullptr;
         }
         calls = found->second.calls;
+        late = found->second.late;
     }
-    calls->Serve();
+    calls->Serve(late);
     return nullptr;
 }
 
-/// An announcement of the system's has come. Nothing when nobody is to be called.
-std::shared_ptr<TimerCalls> TimerRegistry::Arrive(Token token) {
+/// An announcement of the system's has come. Nothing when nobody is to be called; else `late` is since when
+/// it was due, as far as that is known.
+std::shared_ptr<TimerCalls> TimerRegistry::Arrive(Token token, std::chrono::nanoseconds& late) {
     const std::lock_guard lock(mMutex);
     const auto found = mEntries.find(token);
     if (found == mEntries.end()) {
@@ -127,6 +131,7 @@ std::shared_ptr<TimerCalls> TimerRegistry::Arrive(Token token) {
     const auto now = Clock::now();
     // One that comes before the expiry is due is of the time to which the timer was set before.
     if (entry.expected && now >= entry.expected->due) {
+        late = now - entry.expected->due;
         Advance(entry, now);
     }
     return entry.calls;
@@ -201,6 +206,7 @@ std::optional<TimerRegistry::Lost> TimerRegistry::FindLost(Clock::time_point& ne
             nextLook = std::min(nextLook, now + PATIENCE);
             continue;
         }
+        entry.late = now - entry.expected->due;
         Lost lost{std::chrono::duration_cast<std::chrono::milliseconds>(now - entry.expected->due),
                   StartDetached(&ServeLost, ToValue(token).sival_ptr), !entry.isTold};
         if (lost.error == 0) {

@@ -70,6 +70,8 @@ private:
         bool isTold = false;
         /// It announced the only expiry: should the system still do so, this is not another one.
         bool isServed = false;
+        /// Of the expiry that is announced now: since when it was due.
+        std::chrono::nanoseconds late{0};
     };
     /// An expiry that was not announced, for the log.
     struct Lost {
@@ -79,7 +81,7 @@ private:
     };
 
     TimerRegistry() = default;
-    std::shared_ptr<TimerCalls> Arrive(Token token);
+    std::shared_ptr<TimerCalls> Arrive(Token token, std::chrono::nanoseconds& late);
     static void* ServeLost(void* token) noexcept;
     static void Advance(Entry& entry, Clock::time_point now);
     int StartGuard();

@@ -9,6 +9,7 @@
 
 #include "log_level.h"
 #include "log_sink.h"
+#include "observer.h"
 
 namespace mwl::Log {
 
@@ -32,10 +33,13 @@ __attribute__((format(printf, 2, 0))) void Write(TernLogLevel level, const char*
         char* const heap =
             length < STACK_MESSAGE ? nullptr : static_cast<char*>(malloc(length + 1 + 2 * FRAME_ROOM));
         if (heap != nullptr && vsnprintf(heap + FRAME_ROOM, length + 1, format, again) == needed) {
+            Observe(level, heap + FRAME_ROOM, length);
             WriteMessage(gSink, priority, heap + FRAME_ROOM, length);
         } else {
             // Without memory a long message is cut rather than lost.
-            WriteMessage(gSink, priority, stack + FRAME_ROOM, std::min(length, STACK_MESSAGE - 1));
+            const std::size_t kept = std::min(length, STACK_MESSAGE - 1);
+            Observe(level, stack + FRAME_ROOM, kept);
+            WriteMessage(gSink, priority, stack + FRAME_ROOM, kept);
         }
         free(heap);
     }

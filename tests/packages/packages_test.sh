@@ -31,9 +31,9 @@ check() {
 
 shopt -s nullglob
 debs=("$packages"/*.deb)
-names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 libtern-dbus-typed0 tern-thermostat)
+names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 libtern-dbus-typed0 libtern-diagnostics0 tern-thermostat)
 found=$(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Package; done | sort | tr '\n' ' ')
-[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "five packages" || fail "packages: $found"
+[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "six packages" || fail "packages: $found"
 version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")-1
 for deb in "${debs[@]}"; do
     is=$(dpkg-deb -f "$deb" Version)
@@ -44,7 +44,7 @@ done
 check "lintian finds neither error nor warning" lintian --allow-root --fail-on error,warning "${debs[@]}"
 
 # What was stripped is in packages of its own, found by the build id, and explains the very library that is shipped.
-for package in libtern-dbus-service0 libtern-dbus-typed0 tern-thermostat; do
+for package in libtern-dbus-service0 libtern-dbus-typed0 libtern-diagnostics0 tern-thermostat; do
     symbols=("$packages/$package-dbgsym_"*)
     [ ${#symbols[@]} -eq 1 ] && dpkg-deb -x "${symbols[0]}" "$work/symbols" || fail "$package has no debug symbols package"
 done
@@ -94,6 +94,7 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
 {
     content libtern-dbus-service0 $so_files
     content libtern-dbus-typed0 $lib/libtern-dbus-typed.so.0 $lib/libtern-dbus-typed.so.${version%-*}
+    content libtern-diagnostics0 $lib/libtern-diagnostics.so.0 $lib/libtern-diagnostics.so.${version%-*}
     content libtern-dbus-service-dev $so_links $pc_files $headers $lib/cmake/TernDBusService/TernDBusServiceConfig.cmake \
         $lib/libtern-test-support.a $lib/pkgconfig/libtern-test-support.pc usr/bin/tern-{new-extension,dbus-codegen} \
         usr/share/libtern-dbus-service/extension/CMakeLists.txt.in usr/share/man/man1/tern-{new-extension,dbus-codegen}.1.gz \
@@ -110,13 +111,15 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
         usr/lib/sysusers.d/tern-thermostat.conf etc/tern-thermostat.ini
 }
 only libtern-dbus-typed0 "$lib/libtern-dbus-typed\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-dbus-typed0}"
+only libtern-diagnostics0 "$lib/libtern-diagnostics\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-diagnostics0}"
 only libtern-dbus-service0 "$lib/libtern-(dbus-service|foundation|basic-log)\.so\.0(\.[0-9.]+)?|${documents//PACKAGE/libtern-dbus-service0}"
 [ -z "$(find "$root/usr" "$root/etc" \( ! -user root -o ! -group root -o -perm /o+w ! -type l \) -print -quit)" ] &&
     ok "everything is root's" || fail "owners or modes"
 
-for library in tern-dbus-service tern-dbus-typed tern-foundation tern-basic-log; do
+for library in tern-dbus-service tern-dbus-typed tern-diagnostics tern-foundation tern-basic-log; do
     package=libtern-dbus-service0
     [ $library != tern-dbus-typed ] || package=libtern-dbus-typed0
+    [ $library != tern-diagnostics ] || package=libtern-diagnostics0
     file=$root/$lib/lib$library.so.0
     readelf -d "$file" >"$work/dynamic"
     grep -q "SONAME.*\[lib$library\.so\.0\]" "$work/dynamic" && ok "$library: soname" || fail "$library: soname"
@@ -198,7 +201,7 @@ unset LD_LIBRARY_PATH
 mkdir -p "$root/var/lib/tern-thermostat"
 in_root -r tern-thermostat && [ -e "$root/etc/tern-thermostat.ini" ] && [ ! -e "$root/usr/bin/thermostatctl" ] &&
     ok "removed, settings kept" || fail "removal"
-in_root -P tern-thermostat libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-typed0 libtern-dbus-service0 && ok "purged" ||
+in_root -P tern-thermostat libtern-dbus-service-dev libtern-dbus-service-doc libtern-diagnostics0 libtern-dbus-typed0 libtern-dbus-service0 && ok "purged" ||
     { fail "purge"; cat "$work/dpkg.err"; }
 left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print | grep -iE 'tern' )
 [ -z "$left" ] && [ ! -e "$root/var/lib/tern-thermostat" ] && ok "nothing is left" || fail "left: $left"

@@ -55,7 +55,7 @@ check_subject() {
 
 checked=0
 for folder in foundation threading utilities dbus_message synchronizer timer parser process_execution \
-    queued_processings dbus_client service typed; do
+    queued_processings dbus_client service typed diagnostics; do
     for source in "$folder"/*.cpp; do
         [ -e "$source" ] || continue
         checked=$((checked + 1))

@@ -4,7 +4,7 @@ set -u
 cd "$1" || exit 1
 
 declare -A rank=([platform]=0 [foundation]=1 [threading]=2 [utilities]=2 [dbus_message]=2 [synchronizer]=2 [timer]=2
-    [parser]=3 [process_execution]=3 [queued_processings]=3 [dbus_client]=3 [service]=4 [typed]=5)
+    [parser]=3 [process_execution]=3 [queued_processings]=3 [dbus_client]=3 [service]=4 [typed]=5 [diagnostics]=6)
 failures=0
 checked=0
 for folder in "${!rank[@]}"; do

@@ -1,0 +1,433 @@
+#include "diagnostics/recording.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+
+#include "diagnostics/log_hooks.h"
+
+namespace mwl::Diagnostics {
+
+namespace {
+
+using Tell::Event;
+using Row = ObjectTable::Row;
+
+/// Which of a row's figures an event counts.
+enum class Figure : std::uint8_t { None, Asked, AskedIsValue, Begun, Done };
+
+/// What is done with an event.
+struct Rule {
+    enum class Kind : std::uint8_t {
+        Plain,   ///< written
+        Begin,   ///< written, and the thread is in it until its end
+        End,     ///< written with its duration
+        Rare,    ///< see OnRare
+        Report,  ///< of a watched thread: not written, as there are too many
+    };
+    Kind kind = Kind::Rare;
+    Figure figure = Figure::None;
+    Event begin{};  ///< of an End
+};
+
+constexpr std::array<Rule, Tell::EVENTS> MakeRules() {
+    std::array<Rule, Tell::EVENTS> rules{};
+    const auto set = [&](Event event, Rule rule) { rules[static_cast<std::size_t>(event)] = rule; };
+    using Kind = Rule::Kind;
+    set(Event::CallBegan, {Kind::Begin, Figure::None});
+    set(Event::CallEnded, {Kind::End, Figure::None, Event::CallBegan});
+    set(Event::JobQueued, {Kind::Plain, Figure::AskedIsValue});
+    set(Event::JobBegan, {Kind::Begin, Figure::Begun});
+    set(Event::JobEnded, {Kind::End, Figure::Done, Event::JobBegan});
+    set(Event::WakeUp, {Kind::Plain, Figure::Asked});
+    set(Event::RunBegan, {Kind::Begin, Figure::Begun});
+    set(Event::RunEnded, {Kind::End, Figure::Done, Event::RunBegan});
+    set(Event::TimerBegan, {Kind::Begin, Figure::Begun});
+    set(Event::TimerEnded, {Kind::End, Figure::Done, Event::TimerBegan});
+    set(Event::PipeFull, {Kind::Begin, Figure::Begun});
+    set(Event::PipeWaited, {Kind::End, Figure::None, Event::PipeFull});
+    set(Event::PipeWritten, {Kind::Plain, Figure::Asked});
+    set(Event::PipeRead, {Kind::Plain, Figure::Done});
+    set(Event::ThreadAdded, {Kind::Plain, Figure::None});
+    set(Event::ThreadRemoved, {Kind::Plain, Figure::None});
+    set(Event::WatchReported, {Kind::Report, Figure::None});
+    return rules;
+}
+constexpr std::array<Rule, Tell::EVENTS> RULES = MakeRules();
+
+constinit Ring gRing;
+constinit ObjectTable gObjects;
+constinit std::atomic<bool> gIsOn{false};
+constinit std::atomic<bool> gHasFailed{false};
+constinit std::atomic<int> gForks{0};
+/// What the threads are in, beside the ring's own table: an address is nobody else's business.
+constinit std::array<std::array<std::atomic<const void*>, Format::Thread::DEEPEST>, Format::THREADS> gDoing{};
+
+/// No entry yet, and none any more.
+constexpr std::uint16_t UNCLAIMED = Format::NO_THREAD - 1;
+
+// By the program's initial block, which is found without a call.
+__attribute__((tls_model("initial-exec"))) constinit thread_local std::uint16_t tThread = UNCLAIMED;
+
+/// Gives the thread's entry back when it ends.
+struct ThreadEntry {
+    ~ThreadEntry() {
+        const std::uint16_t number = std::exchange(tThread, Format::NO_THREAD);
+        if (number < Format::THREADS && gRing) {
+            gRing.ReleaseThread(number);
+        }
+    }
+    bool isClaimed = false;  ///< to have it made
+};
+
+[[gnu::noinline, gnu::cold]] std::uint16_t ClaimThread() noexcept {
+    thread_local ThreadEntry entry;
+    std::array<char, 16> name{};
+    static_cast<void>(prctl(PR_GET_NAME, name.data()));  // cannot fail with a valid address
+    entry.isClaimed = true;
+    const std::uint16_t number = gRing.ClaimThread(static_cast<std::uint32_t>(gettid()), name.data());
+    if (number < Format::THREADS) {
+        for (std::atomic<const void*>& object : gDoing[number]) {
+            object.store(nullptr, std::memory_order_relaxed);
+        }
+    }
+    tThread = number;
+    return number;
+}
+
+inline std::uint16_t OwnThread() noexcept {
+    const std::uint16_t number = tThread;
+    return __builtin_expect(number != UNCLAIMED, 1) ? number : ClaimThread();
+}
+
+void StoreLarger(std::atomic<std::uint64_t>& largest, std::uint64_t value) noexcept {
+    std::uint64_t former = largest.load(std::memory_order_relaxed);
+    while (value > former && !largest.compare_exchange_weak(former, value, std::memory_order_relaxed)) {
+    }
+}
+
+std::uint64_t PackDoing(Event event, std::uint16_t name) noexcept {
+    return static_cast<std::uint64_t>(event) | std::uint64_t{name} << 16U;
+}
+
+void EnterDoing(std::uint16_t number, Event event, std::uint16_t name, const void* object,
+                std::uint64_t ticks) noexcept {
+    if (number >= Format::THREADS) {
+        return;
+    }
+    Format::Thread& thread = gRing.GetThread(number);
+    const std::uint32_t depth = thread.depth.load(std::memory_order_relaxed);
+    if (depth < Format::Thread::DEEPEST) {
+        thread.doing[depth].ticks.store(ticks, std::memory_order_relaxed);
+        thread.doing[depth].what.store(PackDoing(event, name), std::memory_order_relaxed);
+        gDoing[number][depth].store(object, std::memory_order_relaxed);
+    }
+    thread.depth.store(depth + 1, std::memory_order_release);
+}
+
+/// The duration of what ends, in ticks; 0 when its begin was not seen.
+std::uint64_t LeaveDoing(std::uint16_t number, Event begin, std::uint64_t ticks) noexcept {
+    if (number >= Format::THREADS) {
+        return 0;
+    }
+    Format::Thread& thread = gRing.GetThread(number);
+    const std::uint32_t depth = thread.depth.load(std::memory_order_relaxed);
+    if (depth == 0) {
+        return 0;
+    }
+    const std::uint32_t top = depth - 1;
+    std::uint64_t duration = 0;
+    if (top < Format::Thread::DEEPEST) {
+        const Format::Doing& doing = thread.doing[top];
+        if ((doing.what.load(std::memory_order_relaxed) & 0xffffU) != static_cast<std::uint64_t>(begin)) {
+            return 0;  // it began before recording did
+        }
+        duration = ticks - doing.ticks.load(std::memory_order_relaxed);
+        gDoing[number][top].store(nullptr, std::memory_order_relaxed);
+    }
+    thread.depth.store(top, std::memory_order_release);
+    return duration;
+}
+
+void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
+    switch (rule.figure) {
+        case Figure::None:
+            break;
+        case Figure::Asked:
+            row.asked.fetch_add(1, std::memory_order_relaxed);
+            break;
+        case Figure::AskedIsValue:
+            row.asked.store(value, std::memory_order_relaxed);
+            break;
+        case Figure::Begun:
+            row.begun.fetch_add(1, std::memory_order_relaxed);
+            break;
+        case Figure::Done:
+            row.done.fetch_add(1, std::memory_order_relaxed);
+            break;
+    }
+}
+
+[[gnu::noinline, gnu::cold]] void OnRare(Event event, const void* object, std::uint64_t value,
+                                         const char* name, std::uint64_t ticks) noexcept {
+    const std::uint16_t nameId = name == nullptr || *name == '\0' ? Format::NO_NAME : gRing.Intern(name);
+    const std::uint16_t number = OwnThread();
+    const bool hasEntry = number < Format::THREADS;
+    switch (event) {
+        case Event::ObjectMade:
+            // A supervised thread has no figures, and may have the address of the component that it belongs
+            // to.
+            if (static_cast<KnownObjects::Kind>(value) != KnownObjects::Kind::Supervised) {
+                static_cast<void>(gObjects.Take(object, static_cast<KnownObjects::Kind>(value), nameId));
+            }
+            return;
+        case Event::ObjectGone:
+            if (static_cast<KnownObjects::Kind>(value) != KnownObjects::Kind::Supervised) {
+                gObjects.GiveBack(object);
+            }
+            return;
+        case Event::WatchBegan:
+            if (hasEntry) {
+                Format::Thread& thread = gRing.GetThread(number);
+                thread.watchNs.store(value, std::memory_order_relaxed);
+                thread.reportedTicks.store(ticks, std::memory_order_relaxed);
+                thread.watchName.store(nameId, std::memory_order_release);
+            }
+            break;
+        case Event::WatchEnded:
+            if (hasEntry && gRing.GetThread(number).watchName.load(std::memory_order_relaxed) == nameId) {
+                gRing.GetThread(number).watchName.store(Format::NO_NAME, std::memory_order_relaxed);
+            }
+            break;
+        case Event::StateChanged:
+            if (std::string_view(name) == "failed") {
+                gHasFailed.store(true, std::memory_order_relaxed);
+            }
+            break;
+        case Event::Thrown:
+            gHasFailed.store(true, std::memory_order_relaxed);
+            gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), name, true,
+                               static_cast<std::uint32_t>(gettid()));
+            break;
+        default:
+            break;
+    }
+    gRing.Write(ticks, event, number, nameId, value);
+    // Rare and telling: the clocks as well.
+    gRing.Calibrate();
+}
+
+void OnEvent(Event event, const void* object, std::uint64_t value, const char* name) noexcept {
+    const std::uint64_t ticks = gRing.Ticks();
+    const Rule& rule = RULES[static_cast<std::size_t>(event)];
+    if (rule.kind == Rule::Kind::Rare) {
+        OnRare(event, object, value, name, ticks);
+        return;
+    }
+    Row* const row = gObjects.Find(object);
+    const std::uint16_t number = OwnThread();
+    if (rule.kind == Rule::Kind::Report) {
+        if (row != nullptr) {
+            row->largest.store(ticks, std::memory_order_relaxed);
+        }
+        if (number < Format::THREADS) {
+            gRing.GetThread(number).reportedTicks.store(ticks, std::memory_order_relaxed);
+        }
+        return;
+    }
+    const std::uint16_t nameId = row == nullptr ? Format::NO_NAME : row->name.load(std::memory_order_relaxed);
+    if (rule.kind == Rule::Kind::Begin) {
+        EnterDoing(number, event, nameId, object, ticks);
+    } else if (rule.kind == Rule::Kind::End) {
+        value = LeaveDoing(number, rule.begin, ticks);
+    }
+    if (row != nullptr) {
+        Count(*row, rule, value);
+        if (event == Event::PipeWaited) {
+            StoreLarger(row->largest, value);
+        } else if (event == Event::TimerBegan) {
+            StoreLarger(row->largest, value);
+        } else if (event == Event::JobBegan) {
+            row->asked.store(value, std::memory_order_relaxed);
+        }
+        if (rule.kind == Rule::Kind::End) {
+            StoreLarger(row->longest, value);
+        }
+    }
+    gRing.Write(ticks, event, number, nameId, value);
+}
+
+constexpr Tell::Listener LISTENER{Tell::Listener::VERSION, &OnEvent};
+
+void OnMessage(TernLogLevel level, const char* text, std::size_t length) noexcept {
+    if (!gIsOn.load(std::memory_order_acquire) || gForks.load(std::memory_order_relaxed) != 0) {
+        return;
+    }
+    gRing.WriteMessage(static_cast<unsigned>(level), std::string_view(text, length), false,
+                       static_cast<std::uint32_t>(gettid()));
+    gRing.Write(gRing.Ticks(), Event::Message, OwnThread(), Format::NO_NAME,
+                static_cast<std::uint64_t>(level));
+    gRing.Calibrate();
+}
+
+// Around fork(2) nothing is told, so that the child, which has not got the memory, begins with nothing told;
+// what other threads do meanwhile is missing in the ring.
+void BeforeFork() {
+    if (gIsOn && gForks.fetch_add(1) == 0) {
+        Tell::SetListener(nullptr);
+    }
+}
+
+void AfterForkInParent() {
+    if (gIsOn && gForks.fetch_sub(1) == 1) {
+        Tell::SetListener(&LISTENER);
+    }
+}
+
+void AfterForkInChild() {
+    gIsOn = false;
+    gForks = 0;
+    tThread = UNCLAIMED;
+    gRing.Forget();
+}
+
+void MarkOrderlyEnd() {
+    Recording::Stop();
+}
+
+}  // namespace
+
+StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identity, int& error) {
+    if (gIsOn) {
+        return StatusCode::Ok;
+    }
+    static bool isRegistered = false;
+    if (!gRing) {
+        if (const StatusCode status = gRing.Create(eventBytes, identity, error); status != StatusCode::Ok) {
+            return status;
+        }
+    } else {
+        gRing.MarkEnd(Format::End::None);
+    }
+    if (!isRegistered) {
+        // Without them a child would write where it has no memory, so there is no recording then.
+        error = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+        if (error != 0) {
+            return mw::tern::MakeStatusCodeFromErrno(error);
+        }
+        isRegistered = true;
+        static_cast<void>(std::atexit(MarkOrderlyEnd));  // without it an orderly end looks like a sudden one
+    }
+    // What exists has its rows when its first event comes.
+    struct Seed {
+        std::array<KnownObjects::Known, KnownObjects::MOST> known{};
+        std::size_t count = 0;
+    };
+    const auto seed = std::make_unique<Seed>();
+    gIsOn.store(true, std::memory_order_release);
+    seed->count = KnownObjects::CopyAnd(
+        seed->known,
+        [](void* argument) noexcept {
+            // The rows of those that are known are filled from the copy, which is complete but for its
+            // number.
+            const auto& all = static_cast<Seed*>(argument)->known;
+            gObjects.Clear();
+            for (const KnownObjects::Known& known : all) {
+                if (known.object != nullptr && known.kind != KnownObjects::Kind::Supervised) {
+                    const std::string_view name = known.GetName();
+                    Row* const row = gObjects.Take(known.object, known.kind,
+                                                   name.empty() ? Format::NO_NAME : gRing.Intern(name));
+                    if (row != nullptr) {
+                        row->largest.store(known.kind == KnownObjects::Kind::Watched ? gRing.Ticks() : 0,
+                                           std::memory_order_relaxed);
+                    }
+                }
+            }
+            Tell::SetListener(&LISTENER);
+        },
+        seed.get());
+    if (Log::SetObserver != nullptr) {
+        Log::SetObserver(&OnMessage);
+    }
+    return StatusCode::Ok;
+}
+
+void Recording::Stop() noexcept {
+    if (!gIsOn) {
+        return;
+    }
+    Tell::SetListener(nullptr);
+    if (Log::SetObserver != nullptr) {
+        Log::SetObserver(nullptr);
+    }
+    gIsOn.store(false, std::memory_order_release);
+    gRing.MarkEnd(gHasFailed ? Format::End::Failed : Format::End::Stopped);
+}
+
+bool Recording::IsOn() noexcept {
+    return gIsOn.load(std::memory_order_acquire);
+}
+
+Ring& Recording::GetRing() noexcept {
+    return gRing;
+}
+
+ObjectTable& Recording::GetObjects() noexcept {
+    return gObjects;
+}
+
+std::uint16_t Recording::Intern(std::string_view name) noexcept {
+    return gRing.Intern(name);
+}
+
+void Recording::RecordCallBegan(std::uint16_t name) noexcept {
+    if (!IsOn()) {
+        return;
+    }
+    const std::uint64_t ticks = gRing.Ticks();
+    const std::uint16_t number = OwnThread();
+    EnterDoing(number, Event::CallBegan, name, nullptr, ticks);
+    gRing.Write(ticks, Event::CallBegan, number, name, 0);
+}
+
+void Recording::RecordCallEnded(std::uint16_t name) noexcept {
+    if (!IsOn()) {
+        return;
+    }
+    const std::uint64_t ticks = gRing.Ticks();
+    const std::uint16_t number = OwnThread();
+    gRing.Write(ticks, Event::CallEnded, number, name, LeaveDoing(number, Event::CallBegan, ticks));
+}
+
+void Recording::SetBusThread() noexcept {
+    if (IsOn()) {
+        gRing.SetBusThread(OwnThread());
+    }
+}
+
+std::uint64_t Recording::RunningTicks(const void* object) noexcept {
+    const std::uint64_t now = gRing.Ticks();
+    std::uint64_t longest = 0;
+    for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
+        for (std::size_t depth = 0; depth < Format::Thread::DEEPEST; ++depth) {
+            if (gDoing[number][depth].load(std::memory_order_relaxed) == object) {
+                const std::uint64_t since =
+                    gRing.GetThread(number).doing[depth].ticks.load(std::memory_order_relaxed);
+                longest = std::max(longest, now > since ? now - since : 1);
+            }
+        }
+    }
+    return longest;
+}
+
+bool Recording::HasMessages() noexcept {
+    return Log::SetObserver != nullptr;
+}
+
+}  // namespace mwl::Diagnostics

@@ -1,0 +1,464 @@
+#include <tern/diagnostics/diagnostics.h>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <systemd/sd-daemon.h>
+#include <tern/diagnostics/contract.h>
+#include <tern/diagnostics/ring_reader.h>
+#include <tern/foundation/process_logger.h>
+#include <tern/queued_processings/component.h>
+#include <tern/service/message_pipe.h>
+#include <tern/threading/signals.h>
+#include <tern/threading/thread_pool.h>
+#include <tern/threading/threads_monitor.h>
+#include <tern/timer/timer.h>
+#include <tern/typed/blocking_proxy.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <latch>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/unique_fd.h"
+#include "support/child.h"
+#include "support/interpose.h"
+#include "support/log_capture.h"
+#include "support/private_bus.h"
+#include "support/wait_until.h"
+#include "threading/watching_doubles.h"
+#include "typed/served_bus.h"
+
+TERN_INTERPOSE(int, sd_bus_add_filter,
+               (sd_bus * bus, sd_bus_slot** slot, sd_bus_message_handler_t handler, void* userdata),
+               (bus, slot, handler, userdata))
+TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
+
+namespace {
+
+using mw::tern::StatusCode;
+using mwl::Diagnostics::Diagnostics;
+using mwl::Diagnostics::Diagnostics1;
+using mwl::Diagnostics::Figures;
+using mwl::Diagnostics::MemberFigures;
+using mwl::Diagnostics::Recorder;
+using mwl::Diagnostics::RingReader;
+using mwl::Typed::BlockingProxy;
+using tern::test::FaultScope;
+using tern::test::LogCapture;
+using tern::test::Peer;
+using tern::test::PrivateBus;
+using tern::test::Room;
+using tern::test::Served;
+using tern::test::WaitUntil;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::NiceMock;
+using testing::Not;
+using testing::SizeIs;
+
+/// A service with diagnostics, and a client.
+class DiagnosticsTest : public testing::Test {
+protected:
+    DiagnosticsTest() {
+        mServed.emplace([this](Served& served) {
+            mRoom = &served.Export("/room");
+            mDiagnostics = Diagnostics::Export(*served.typed, {.recorder = {.version = "1.2.3"}});
+            EXPECT_EQ(mDiagnostics.GetStatus(), StatusCode::Ok);
+        });
+        mServed->onStop = [this] { mDiagnostics.Reset(); };
+        mProxy.emplace(tern::test::SERVICE, Diagnostics1::PATH);
+    }
+    ~DiagnosticsTest() override {
+        mServed.reset();
+        Recorder::End();
+    }
+
+    Figures Snapshot() {
+        auto figures = mProxy->Call(Diagnostics1::Snapshot);
+        EXPECT_TRUE(figures.IsOk()) << figures.GetError().GetText();
+        return figures.IsOk() ? std::move(*figures) : Figures();
+    }
+    std::optional<MemberFigures> Member(const std::string& name) {
+        for (MemberFigures& member : Snapshot().busThread.members) {
+            if (member.name == name) {
+                return std::move(member);
+            }
+        }
+        return std::nullopt;
+    }
+
+    PrivateBus mBus;
+    LogCapture mLog;
+    Room* mRoom = nullptr;
+    Diagnostics mDiagnostics;
+    std::optional<Served> mServed;
+    std::optional<BlockingProxy<Diagnostics1>> mProxy;
+};
+
+TEST_F(DiagnosticsTest, ShowsTheProcess) {
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.process.pid, static_cast<std::uint32_t>(getpid()));
+    EXPECT_EQ(figures.process.program, program_invocation_short_name);
+    EXPECT_EQ(figures.process.version, "1.2.3");
+    EXPECT_EQ(figures.process.libraryVersion, "0.1.0");
+    EXPECT_GT(figures.process.memoryBytes, 1000000U);
+    EXPECT_GE(figures.process.memoryPeakBytes, figures.process.memoryBytes);
+    EXPECT_GE(figures.process.threads, 2U);
+    EXPECT_GE(figures.process.descriptors, 5U);
+    EXPECT_GE(figures.process.descriptorLimit, figures.process.descriptors);
+    EXPECT_GT(figures.process.processorUs, 0U);
+    EXPECT_LT(figures.process.uptimeUs, 1000000000U);
+    EXPECT_EQ(figures.process.startedAtUs, *mProxy->Get(Diagnostics1::StartedAt));
+    EXPECT_NEAR(static_cast<double>(figures.takenAtUs), static_cast<double>(time(nullptr)) * 1e6, 60e6);
+}
+
+TEST_F(DiagnosticsTest, CountsWhatTheBusThreadHandles) {
+    Peer peer;
+    mRoom->onDo = [](Room&) { usleep(20000); };  // its length is what is measured
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    }
+    // The first one waits for the caller's credentials, and is answered in a turn without a message.
+    Snapshot();
+    const Figures figures = Snapshot();
+    const auto& members = figures.busThread.members;
+    ASSERT_THAT(members, Not(IsEmpty()));
+    EXPECT_EQ(members[0].name, "com.example.Room1.Do");
+    EXPECT_EQ(members[0].handled, 3U);
+    EXPECT_GE(members[0].totalUs, 60000U);
+    EXPECT_GE(members[0].longestUs, 20000U);
+    ASSERT_THAT(members[0].latency, SizeIs(mwl::Diagnostics::LATENCY_BUCKETS));
+    // 2^14 us are 16.4 ms.
+    EXPECT_EQ(std::accumulate(members[0].latency.begin() + 15, members[0].latency.end(), 0U), 3U);
+    EXPECT_EQ(std::accumulate(members[0].latency.begin(), members[0].latency.end(), 0U), 3U);
+    EXPECT_EQ(figures.busThread.running, "tern.Diagnostics1.Snapshot");
+    EXPECT_GT(figures.busThread.threadId, 0U);
+    EXPECT_GE(figures.busThread.turns, 4U);
+    EXPECT_GE(figures.busThread.longestTurnUs, 20000U);
+    EXPECT_LT(figures.busThread.longestTurnUs, 10000000U);
+    EXPECT_EQ(figures.busThread.watchdogUs, 0U);
+    EXPECT_GE(figures.busThread.handled, 4U);
+}
+
+TEST_F(DiagnosticsTest, TenThousandMembersTakeNoMoreThanTheTable) {
+    Peer peer;
+    for (int i = 0; i < 10000; ++i) {
+        EXPECT_GE(
+            sd_bus_call_method_async(peer.Get(), nullptr, tern::test::SERVICE, "/room", "com.example.Hostile",
+                                     ("Member" + std::to_string(i)).c_str(), nullptr, nullptr, nullptr),
+            0);
+        if (i % 100 == 99) {
+            peer.Ping();
+        }
+    }
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.busThread.members.size(), 257U);
+    const auto others = Member("(others)");
+    ASSERT_TRUE(others);
+    EXPECT_GE(others->handled, 9744U);
+}
+
+TEST_F(DiagnosticsTest, ShowsTheConnection) {
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.connection.uniqueName.front(), ':');
+    EXPECT_EQ(figures.connection.objects, 2U);
+    EXPECT_EQ(figures.connection.openCalls, 0U);
+}
+
+TEST_F(DiagnosticsTest, ShowsPools) {
+    NiceMock<mwl::Threading::MockWatcher> watcher;
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadPool::ThreadPool pool(1, watcher, signals);
+    pool.Start();
+    std::latch begun(1);
+    std::latch goOn(1);
+    pool.QueueJob([&] {
+        begun.count_down();
+        goOn.wait();
+    });
+    pool.QueueJob([] {});
+    pool.QueueJob([] {});
+    begun.wait();
+    Figures figures = Snapshot();
+    ASSERT_THAT(figures.pools, SizeIs(1));
+    EXPECT_EQ(figures.pools[0].threads, 1U);
+    EXPECT_EQ(figures.pools[0].busy, 1U);
+    EXPECT_EQ(figures.pools[0].queued, 2U);
+    EXPECT_EQ(figures.pools[0].done, 0U);
+    EXPECT_TRUE(WaitUntil([&] { return Snapshot().pools[0].runningUs > 0; }));
+    ASSERT_THAT(figures.watched, SizeIs(1));
+    EXPECT_EQ(figures.watched[0].name, "ThreadPool::Thread0");
+    EXPECT_EQ(figures.watched[0].periodUs, 60000000U);
+    EXPECT_EQ(figures.watched[0].limitUs, 120000000U);
+    EXPECT_EQ(figures.watched[0].marginUs, figures.watched[0].limitUs - figures.watched[0].silentUs);
+    EXPECT_GT(figures.watched[0].threadId, 0U);
+    goOn.count_down();
+    ASSERT_TRUE(WaitUntil([&] { return Snapshot().pools[0].done == 3; }));
+    figures = Snapshot();
+    EXPECT_EQ(figures.pools[0].busy, 0U);
+    EXPECT_EQ(figures.pools[0].queued, 0U);
+    EXPECT_EQ(figures.pools[0].runningUs, 0U);
+    EXPECT_GT(figures.pools[0].longestUs, 0U);
+    pool.Stop(false);
+}
+
+TEST_F(DiagnosticsTest, ShowsComponentsAndSupervisedThreads) {
+    class Executor : public mwl::QueuedProcessings::ExecutorInterface {
+        StatusCode Initialize() override { return StatusCode::Ok; }
+        void Execute() override {}
+        void Stop() override {}
+    } executor;
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    mwl::QueuedProcessings::Component component("Upload", "upload", monitor, executor);
+    ASSERT_EQ(component.Start(), StatusCode::Ok);
+    component.WakeUp();
+    ASSERT_TRUE(WaitUntil([&] { return Snapshot().components.at(0).runs == 1; }));
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.components[0].name, "Upload");
+    EXPECT_EQ(figures.components[0].wakeUps, 1U);
+    ASSERT_THAT(figures.threads, SizeIs(1));
+    EXPECT_EQ(figures.threads[0].name, "upload");
+    EXPECT_EQ(figures.threads[0].state, "sleeping");
+    component.Stop();
+    component.Join();
+    EXPECT_THAT(Snapshot().threads, IsEmpty());
+}
+
+TEST_F(DiagnosticsTest, ShowsTimers) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer does not know the threads that the C library makes for expiries";
+#endif
+    mwl::Timer::Timer timer(1, false, [] {});
+    ASSERT_EQ(timer.Start(), StatusCode::Ok);
+    ASSERT_TRUE(WaitUntil([&] { return Snapshot().timers.at(0).expiries == 1; }));
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.timers[0].kind, "Timer");
+    EXPECT_EQ(figures.timers[0].periodUs, 1000U);
+    EXPECT_FALSE(figures.timers[0].isPeriodic);
+    EXPECT_GT(figures.timers[0].latestUs, 0U);
+}
+
+TEST_F(DiagnosticsTest, ShowsPipes) {
+    mw::tern::MessagePipe pipe;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    char message[4] = {};
+    ASSERT_EQ(pipe.WriteMessage(message, 4), StatusCode::Ok);
+    ASSERT_EQ(pipe.WriteMessage(message, 4), StatusCode::Ok);
+    ASSERT_EQ(pipe.ReadMessage(message, 4, 0), StatusCode::Ok);
+    const Figures figures = Snapshot();
+    ASSERT_THAT(figures.pipes, SizeIs(1));
+    EXPECT_EQ(figures.pipes[0].written, 2U);
+    EXPECT_EQ(figures.pipes[0].read, 1U);
+    EXPECT_EQ(figures.pipes[0].full, 0U);
+}
+
+TEST_F(DiagnosticsTest, GivesEventsOnceAndInOrder) {
+    Peer peer;
+    mRoom->onDo = [](Room&) {};
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    const auto first = mProxy->Call(Diagnostics1::GetEvents, std::uint64_t{0}, 5U);
+    ASSERT_TRUE(first.IsOk());
+    const auto& [next, lost, events] = *first;
+    ASSERT_THAT(events, SizeIs(5));
+    EXPECT_EQ(next, events.back().sequence);
+    EXPECT_EQ(lost, 0U);
+    EXPECT_NEAR(static_cast<double>(events[0].atUs), static_cast<double>(time(nullptr)) * 1e6, 60e6);
+    const auto second = mProxy->Call(Diagnostics1::GetEvents, next, 0U);
+    ASSERT_TRUE(second.IsOk());
+    const auto& rest = std::get<2>(*second);
+    EXPECT_EQ(rest.front().sequence, next + 1);
+    EXPECT_TRUE(std::any_of(rest.begin(), rest.end(),
+                            [](const auto& event) {
+                                return event.event == "call_ended" && event.name == "com.example.Room1.Do" &&
+                                       event.value > 0;
+                            }) ||
+                std::any_of(events.begin(), events.end(),
+                            [](const auto& event) { return event.event == "call_ended"; }));
+    // A number of a former life begins anew.
+    const auto beyond = mProxy->Call(Diagnostics1::GetEvents, ~std::uint64_t{0}, 1U);
+    ASSERT_TRUE(beyond.IsOk());
+    EXPECT_LT(std::get<2>(*beyond).at(0).sequence, rest.back().sequence);
+}
+
+TEST_F(DiagnosticsTest, HandsTheMemoryOutForReadingOnly) {
+    const auto memory = mProxy->Call(Diagnostics1::OpenRecorder);
+    ASSERT_TRUE(memory.IsOk());
+    const auto flight = RingReader::Read(memory->Get());
+    ASSERT_TRUE(flight.IsOk());
+    EXPECT_EQ(flight->pid, static_cast<std::uint32_t>(getpid()));
+    EXPECT_EQ(fcntl(memory->Get(), F_GETFL) & O_ACCMODE, O_RDONLY);
+    EXPECT_EQ(pwrite(memory->Get(), "x", 1, 0), -1);
+    EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, memory->Get(), 0), MAP_FAILED);
+    // The D-Bus thread is marked, and is in the handler that answers.
+    const bool isMarked = std::any_of(flight->threads.begin(), flight->threads.end(),
+                                      [](const auto& thread) { return thread.isBusThread; });
+    EXPECT_TRUE(isMarked);
+}
+
+TEST_F(DiagnosticsTest, HangingHandlerIsSeenFromOutside) {
+    const int fd = Recorder::GetFd();
+    std::latch begun(1);
+    std::latch goOn(1);
+    mRoom->onDo = [&](Room&) {
+        begun.count_down();
+        goOn.wait();
+    };
+    Peer peer;
+    std::vector<std::string> answers;
+    peer.Send(answers, "/room", tern::test::ROOM, "Do");
+    EXPECT_GE(sd_bus_flush(peer.Get()), 0);
+    begun.wait();
+    const auto flight = RingReader::Read(fd);
+    ASSERT_TRUE(flight.IsOk());
+    const auto found = std::find_if(flight->threads.begin(), flight->threads.end(),
+                                    [](const auto& thread) { return thread.isBusThread; });
+    ASSERT_NE(found, flight->threads.end());
+    ASSERT_THAT(found->doing, SizeIs(1));
+    EXPECT_EQ(found->doing[0].event, "call_began");
+    EXPECT_EQ(found->doing[0].name, "com.example.Room1.Do");
+    goOn.count_down();
+    peer.Ping();
+}
+
+TEST_F(DiagnosticsTest, LogThresholdIsReadSetAndAnnounced) {
+    const std::string before = *mProxy->Get(Diagnostics1::LogLevel);
+    Peer peer;
+    peer.Listen();
+    ASSERT_TRUE(mProxy->Call(Diagnostics1::SetLogLevel, "warning").IsOk());
+    EXPECT_EQ(*mProxy->Get(Diagnostics1::LogLevel), "warning");
+    EXPECT_FALSE(mwl::ProcessLogger::Writes(5));
+    EXPECT_TRUE(mwl::ProcessLogger::Writes(4));
+    EXPECT_THAT(peer.Seen(), Contains(HasSubstr("LogLevel")));
+    const auto refused = mProxy->Call(Diagnostics1::SetLogLevel, "loud");
+    ASSERT_FALSE(refused.IsOk());
+    EXPECT_EQ(refused.GetError().GetName(), "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(refused.GetError().GetText(),
+              "'loud' is none of critical, error, warning, notice, info, debug");
+    EXPECT_TRUE(mProxy->Call(Diagnostics1::SetLogLevel, before).IsOk());
+}
+
+TEST_F(DiagnosticsTest, WithoutAFormerLifeThereIsNoReason) {
+    const auto why = mProxy->Call(Diagnostics1::Why);
+    ASSERT_TRUE(why.IsOk());
+    EXPECT_EQ(std::get<0>(*why), "none");
+    EXPECT_THAT(std::get<1>(*why), IsEmpty());
+    EXPECT_EQ(*mProxy->Get(Diagnostics1::Ended), "none");
+    EXPECT_EQ(*mProxy->Get(Diagnostics1::Restarts), 0U);
+    EXPECT_EQ(*mProxy->Get(Diagnostics1::Version), "1.2.3");
+}
+
+TEST_F(DiagnosticsTest, ResetTakesTheObjectBack) {
+    EXPECT_TRUE(mProxy->Call(Diagnostics1::Why).IsOk());
+    mServed->On([&] { mDiagnostics.Reset(); });
+    EXPECT_FALSE(mProxy->Call(Diagnostics1::Why).IsOk());
+    EXPECT_EQ(mDiagnostics.GetStatus(), StatusCode::NotInitialized);
+    EXPECT_FALSE(mDiagnostics);
+    // And again.
+    mServed->On([&] { mDiagnostics = Diagnostics::Export(*mServed->typed); });
+    EXPECT_TRUE(mProxy->Call(Diagnostics1::Why).IsOk());
+}
+
+TEST_F(DiagnosticsTest, APlaceThatIsTakenIsRefused) {
+    EXPECT_EQ(mServed->On([&] { return Diagnostics::Export(*mServed->typed).GetStatus(); }),
+              StatusCode::AlreadyExists);
+}
+
+TEST(DiagnosticsWithoutATypedBus, OpensOne) {
+    const PrivateBus bus;
+    mw::tern::MessagePipe end;
+    ASSERT_EQ(end.Initialize(), StatusCode::Ok);
+    Diagnostics diagnostics;
+    {
+        Served served([&](Served& it) {
+            it.typed->Close();
+            diagnostics = Diagnostics::Export(*it.manager, *it.loop);
+            EXPECT_EQ(diagnostics.GetStatus(), StatusCode::Ok);
+            // With its typed bus closed nothing can be posted to it.
+            EXPECT_EQ(it.loop->AddIo(end.GetReadFd(), EPOLLIN,
+                                     [&it](sd_event_source*, int, unsigned int) {
+                                         it.loop->End();
+                                         return StatusCode::Ok;
+                                     }),
+                      StatusCode::Ok);
+        });
+        served.onStop = [&] { diagnostics.Reset(); };
+        const BlockingProxy<Diagnostics1> proxy(tern::test::SERVICE, Diagnostics1::PATH);
+        EXPECT_TRUE(proxy.Call(Diagnostics1::Snapshot).IsOk());
+        EXPECT_EQ(end.WriteMessage("x", 1), StatusCode::Ok);
+    }
+    Recorder::End();
+}
+
+TEST(DiagnosticsFailures, AreLoggedAndShowNothing) {
+    const PrivateBus bus;
+    LogCapture log;
+    Served served;
+    served.On([&] {
+        mwl::Typed::Bus closed;
+        EXPECT_EQ(Diagnostics::Export(closed).GetStatus(), StatusCode::NotInitialized);
+        const FaultScope scope(fault_sd_bus_add_filter);
+        fault_sd_bus_add_filter.Fail(-ENOMEM, ENOMEM);
+        const Diagnostics diagnostics = Diagnostics::Export(*served.typed, {.isRecording = false});
+        EXPECT_FALSE(diagnostics);
+        EXPECT_NE(diagnostics.GetStatus(), StatusCode::Ok);
+    });
+    EXPECT_EQ(
+        log.Count(tern::test::Error("Diagnostics", "Refused to show diagnostics on a bus that is not open")),
+        1U);
+    EXPECT_EQ(log.Count(tern::test::Error("Diagnostics",
+                                          "Failed to watch the D-Bus thread (-12, Cannot allocate memory)")),
+              1U);
+}
+
+/// A life of this program to which a descriptor is handed on.
+tern::test::ChildResult LiveWith(int handedOn) {
+    return tern::test::RunInChild([handedOn] {
+        dup2(handedOn, SD_LISTEN_FDS_START);
+        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+        setenv("LISTEN_FDS", "1", 1);
+        setenv("LISTEN_FDNAMES", "tern-flight", 1);
+        return Recorder::Begin() == StatusCode::Ok ? 0 : 1;
+    });
+}
+
+TEST(DiagnosticsOfAFormerLife, AreLogged) {
+    ASSERT_EQ(Recorder::Begin(), StatusCode::Ok);
+    Recorder::End();
+    // The child closes the recorder's own.
+    const mwl::UniqueFd kept(dup(Recorder::GetFd()));
+    const auto after = LiveWith(kept.Get());
+    EXPECT_EQ(after.exitCode, 0);
+    EXPECT_THAT(after.log, Contains(tern::test::Notice("Diagnostics", "Former life: It stopped in order.")));
+    const mwl::UniqueFd nonsense(memfd_create("nonsense", MFD_CLOEXEC));
+    EXPECT_THAT(LiveWith(nonsense.Get()).log,
+                Contains(tern::test::Warning(
+                    "Diagnostics",
+                    "Former life: What the former life handed on cannot be read: these 0 bytes are "
+                    "too few for a flight recorder's memory.")));
+}
+
+TEST(DiagnosticsFailures, WithoutMemoryNothingIsRecordedAndTheRestWorks) {
+    const auto result = tern::test::RunInChild([] {
+        const FaultScope scope(fault_memfd_create);
+        fault_memfd_create.Fail(-1, ENFILE);
+        return Recorder::Begin() != StatusCode::Ok && !Recorder::IsRecording() && Recorder::GetFd() == -1 ? 0
+                                                                                                          : 1;
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.log,
+                Contains(tern::test::Error("Diagnostics",
+                                           "The flight recorder's memory cannot be made: Too many open files "
+                                           "in system (23)")));
+}
+
+}  // namespace
