@@ -62,6 +62,7 @@ public:
             mRestarts = 3;
         } else if (mMode == "young") {
             mEnded = "none";
+            mRestarts = 0;
         }
     }
 

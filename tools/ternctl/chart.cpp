@@ -143,7 +143,7 @@ public:
         for (std::size_t i = 0; i < panel.series.size(); ++i) {
             drawn += Stroke(x, top + 28, x + 28, top + 28, COLOURS.at(i), DASHES.at(i), 2);
             drawn += Text(x + 34, top + 32, panel.series[i].name, "start", "small");
-            x += 50 + 6.2 * static_cast<double>(panel.series[i].name.size());
+            x += 50 + 5.8 * static_cast<double>(panel.series[i].name.size());
         }
         for (const double tick : axis.ticks) {
             const double y = axis.Place(tick, lower, upper);
@@ -260,12 +260,12 @@ std::vector<Panel> MakePanels() {
                                : Format("%g s", us / 1e6);
          },
          true},
-        {"Queues (number that wait)",
-         {{"messages received", whole(&Sample::queuedIn)},
-          {"messages to be sent", whole(&Sample::queuedOut)},
+        {"Queues (messages and jobs that wait)",
+         {{"received", whole(&Sample::queuedIn)},
+          {"to be sent", whole(&Sample::queuedOut)},
           {"jobs of the D-Bus thread", whole(&Sample::waitingJobs)},
           {"jobs of pools", whole(&Sample::poolJobs)},
-          {"messages in pipes", whole(&Sample::pipeMessages)}},
+          {"in pipes", whole(&Sample::pipeMessages)}},
          CountLabel,
          false},
     };

@@ -56,6 +56,9 @@ void ParallelCalls::Send(sd_bus* bus, Call& call) {
                               static_cast<std::uint64_t>(mLimit.count()) * 1000);
         call.slot.reset(slot);
     }
+    if (r == -ECONNRESET || r == -ENOTCONN || r == -EPIPE || r == -ESTALE) {
+        throw Failure("the connection to the bus was lost");
+    }
     if (r < 0) {
         throw SystemFailure("a call cannot be sent", -r);
     }

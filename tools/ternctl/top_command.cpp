@@ -34,6 +34,9 @@ constexpr auto SURVEY_PERIOD = 5s;
 constexpr std::size_t WIDE = 10'000;
 /// As long as a name on a bus can be.
 constexpr std::size_t WIDEST_NAME = 255;
+constexpr std::size_t SHORTEST_NAME = 20;
+/// By the other columns, and some room for attention.
+constexpr std::size_t TAKEN = 52;
 
 /// A service between two looks.
 struct Row {
@@ -188,7 +191,7 @@ private:
         for (const Row& row : rows) {
             width = std::max(width, Width(mLook.Show(row.name)));
         }
-        width = std::min({width, std::max<std::size_t>(mLook.columns / 2, 20) - 12, WIDEST_NAME});
+        width = std::min({width, std::max(mLook.columns, TAKEN + SHORTEST_NAME) - TAKEN, WIDEST_NAME});
         std::vector<Line> lines{
             {DateTime(TimeOfDay()) + ", " + Count(rows.size()) +
                  (rows.size() == 1 ? " service" : " services"),
