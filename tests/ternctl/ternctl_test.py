@@ -903,6 +903,17 @@ class Chart(Case):
         _, _, series = self.read()
         self.assertGreaterEqual(len(series["memory"][0]), 3)
 
+    def test_what_was_seen_is_drawn_when_the_bus_goes(self):
+        bus = self.with_bus("calm")
+        drawing = Running(bus, "chart", "com.example.calm", "20", self.file)
+        drawing.wait_for("err", "2 s of 20 s")
+        bus.daemon.kill()
+        result = drawing.finish(None)
+        self.assertEqual(result.status, FAILED, result)
+        self.assertRegex(result.err, r"connection to the (bus was lost|system bus)")
+        _, _, series = self.read()
+        self.assertGreaterEqual(len(series["memory"][0]), 3)
+
     def test_a_place_that_cannot_be_written_is_told_at_once(self):
         bus = self.with_bus("calm")
         for file, text in (

@@ -40,17 +40,12 @@ public:
         // Before anything is waited for: is there somebody, and does he let us look?
         mService.emplace(session, mOptions.arguments[0]);
         Sample(session);
-        const Interrupt interrupt;
-        bool isStopped = false;
-        for (Clock::time_point next = mBegin + mStep; !isStopped && next <= mBegin + mTime; next += mStep) {
-            isStopped = interrupt.WaitUntil(next) == Interrupt::Reason::Stopped;
-            if (!isStopped) {
-                SampleIfThere(session);
-                ShowProgress();
-            }
-        }
+        const std::optional<Failure> failure = Look(session);
         EndProgress();
         if (mSampler.GetSamples().size() < 2) {
+            if (failure) {
+                throw *failure;
+            }
             throw Failure("there is nothing to draw: fewer than two looks at '" + mOptions.arguments[0] +
                           "'");
         }
@@ -59,10 +54,31 @@ public:
         if (mOptions.isJson) {
             PrintLine(MakeJson());
         }
+        if (failure) {
+            // What has been seen by then is drawn all the same.
+            throw *failure;
+        }
         return ExitStatus::Done;
     }
 
 private:
+    /// Until the time is over or the person interrupts it; the failure that ended it early, if one did.
+    std::optional<Failure> Look(const Session& session) {
+        const Interrupt interrupt;
+        try {
+            for (Clock::time_point next = mBegin + mStep; next <= mBegin + mTime; next += mStep) {
+                if (interrupt.WaitUntil(next) == Interrupt::Reason::Stopped) {
+                    break;
+                }
+                SampleIfThere(session);
+                ShowProgress();
+            }
+        } catch (const Failure& failure) {
+            return failure;
+        }
+        return std::nullopt;
+    }
+
     void Sample(const Session& session) {
         if (!mService) {
             mService.emplace(session, mOptions.arguments[0]);

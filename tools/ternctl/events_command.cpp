@@ -20,6 +20,10 @@ namespace {
 
 /// Events that one answer holds at most.
 constexpr std::uint32_t MOST = 1000;
+/// Answers at a stretch: twice what the largest recorder holds, and whoever records faster than this reads
+/// keeps nobody for ever.
+constexpr int MOST_ANSWERS = 1000;
+constexpr int MOST_ANSWERS_WHEN_FOLLOWING = 10;
 /// Of --follow unless --last says something else.
 constexpr std::uint64_t LAST_WHEN_FOLLOWING = 10;
 constexpr auto FOLLOW_PERIOD = 500ms;
@@ -58,38 +62,41 @@ bool ComesFromLooking(const RecordedEvent& event) {
     return event.name == std::string(Diagnostics::Diagnostics1::NAME) + ".GetEvents";
 }
 
-/// All that is there behind `after`: `take(events, lost)` gets it in pieces. Returns what to go on with.
+/// What is there behind `after`, up to `last`, in at most so many answers: `take(events, lost)` gets it in
+/// pieces. Returns what to go on with.
 template <class Take>
-std::uint64_t ReadAll(const Service& service, std::uint64_t after, Take take) {
-    for (;;) {
+std::uint64_t ReadAll(const Service& service, std::uint64_t after, std::uint64_t last, int answers,
+                      Take take) {
+    for (; answers > 0; --answers) {
         const auto [next, lost, events] = service.GetEvents(after, MOST);
         take(events, lost);
         // A service that stays where it is would keep us for ever.
-        if (events.size() < MOST || next <= after) {
+        if (events.size() < MOST || next <= after || next >= last) {
             return std::max(next, after);
         }
         after = next;
     }
+    return after;
 }
 
-/// Behind which the last `count` begin.
-std::uint64_t FindBeginOfLast(const Service& service, std::uint64_t count) {
-    const std::uint64_t written = service.TakeSnapshot().recorder.events;
+/// Behind which the last `count` of `written` events begin.
+std::uint64_t FindBeginOfLast(std::uint64_t written, std::uint64_t count) {
     return written > count ? written - count : 0;
 }
 
 ExitStatus PrintOnce(const Options& options, const Service& service) {
     std::deque<RecordedEvent> events;
     std::uint64_t lost = 0;
-    const std::uint64_t begin = options.last ? FindBeginOfLast(service, *options.last) : 0;
-    const std::uint64_t next =
-        ReadAll(service, begin, [&](const std::vector<RecordedEvent>& more, std::uint64_t moreLost) {
-            lost += moreLost;
-            events.insert(events.end(), more.begin(), more.end());
-            while (options.last && events.size() > *options.last) {
-                events.pop_front();
-            }
-        });
+    const std::uint64_t written = service.TakeSnapshot().recorder.events;
+    const std::uint64_t begin = options.last ? FindBeginOfLast(written, *options.last) : 0;
+    const std::uint64_t next = ReadAll(service, begin, written, MOST_ANSWERS,
+                                       [&](const std::vector<RecordedEvent>& more, std::uint64_t moreLost) {
+                                           lost += moreLost;
+                                           events.insert(events.end(), more.begin(), more.end());
+                                           while (options.last && events.size() > *options.last) {
+                                               events.pop_front();
+                                           }
+                                       });
     if (options.isJson) {
         JsonWriter json;
         json.Begin('{').Add("Service", service.GetName()).Add("Lost", lost).Add("Next", next).Key("Events");
@@ -117,7 +124,8 @@ public:
     ExitStatus Run() {
         const Interrupt interrupt;
         mService.emplace(mSession, mOptions.arguments[0]);
-        mAfter = FindBeginOfLast(*mService, mOptions.last.value_or(LAST_WHEN_FOLLOWING));
+        mAfter = FindBeginOfLast(mService->TakeSnapshot().recorder.events,
+                                 mOptions.last.value_or(LAST_WHEN_FOLLOWING));
         // What was overwritten before the first look is none that this one has missed.
         bool isFirst = true;
         do {
@@ -138,10 +146,10 @@ private:
             Complain("'" + mService->GetName() + "' is there again");
             mTold.clear();
         }
-        mAfter =
-            ReadAll(*mService, mAfter, [&](const std::vector<RecordedEvent>& events, std::uint64_t lost) {
-                PrintPiece(events, isFirst ? 0 : lost);
-            });
+        mAfter = ReadAll(*mService, mAfter, UINT64_MAX, MOST_ANSWERS_WHEN_FOLLOWING,
+                         [&](const std::vector<RecordedEvent>& events, std::uint64_t lost) {
+                             PrintPiece(events, isFirst ? 0 : lost);
+                         });
         mTold.clear();
     }
 

@@ -115,6 +115,10 @@ private:
             mSurvey = LookAround(mSession, mLimit, &interrupt);
             mSurveyedAt = Clock::now();
             mHasLeft = false;
+            std::erase_if(mFormer, [this](const auto& one) {
+                return std::none_of(mSurvey.services.begin(), mSurvey.services.end(),
+                                    [&one](const Found& service) { return service.owner == one.first; });
+            });
         }
         std::vector<Row> rows;
         ParallelCalls calls(mSession.GetBus(), mLimit);
