@@ -211,6 +211,7 @@ class Usage(Case):
             (("dance",), "unknown command 'dance'"),
             (("--dance", "list"), "unknown option '--dance'"),
             (("-x", "list"), "unknown option '-x'"),
+            (("events", "--pid", "1"), "unknown option '--pid'"),
             (("status",), "the use is: ternctl status NAME"),
             (("status", "a.b", "c.d"), "the use is: ternctl status NAME"),
             (("list", "a.b"), "the use is: ternctl list"),

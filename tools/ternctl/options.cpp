@@ -4,7 +4,6 @@
 
 #include <array>
 #include <charconv>
-#include <climits>
 #include <cstring>
 #include <string_view>
 
@@ -16,7 +15,7 @@ using namespace std::chrono_literals;
 namespace {
 
 /// What getopt_long(3) returns for those without a letter.
-enum Code : int { JSON = 256, USER, SYSTEM, ADDRESS, TIMEOUT, VERSION, PERIOD, COUNT, PID, FULL, NAMES };
+enum Code : int { JSON = 256, USER, SYSTEM, ADDRESS, TIMEOUT, VERSION, PERIOD, COUNT, FULL, NAMES };
 
 constexpr std::array LONG_OPTIONS{
     option{"help", no_argument, nullptr, 'h'},
@@ -29,7 +28,6 @@ constexpr std::array LONG_OPTIONS{
     option{"timeout", required_argument, nullptr, TIMEOUT},
     option{"follow", no_argument, nullptr, 'f'},
     option{"last", required_argument, nullptr, 'n'},
-    option{"pid", required_argument, nullptr, PID},
     option{"period", required_argument, nullptr, PERIOD},
     option{"count", required_argument, nullptr, COUNT},
     option{"full", no_argument, nullptr, FULL},
@@ -44,10 +42,9 @@ struct Special {
     std::array<std::string_view, 2> commands;
 };
 constexpr std::array SPECIALS{
-    Special{'f', "--follow", {"events"}}, Special{'n', "--last", {"events"}},
-    Special{PID, "--pid", {"events"}},    Special{PERIOD, "--period", {"top"}},
-    Special{COUNT, "--count", {"top"}},   Special{FULL, "--full", {"status", "events"}},
-    Special{NAMES, "--names", {"list"}},
+    Special{'f', "--follow", {"events"}},          Special{'n', "--last", {"events"}},
+    Special{PERIOD, "--period", {"top"}},          Special{COUNT, "--count", {"top"}},
+    Special{FULL, "--full", {"status", "events"}}, Special{NAMES, "--names", {"list"}},
 };
 
 /// How many arguments a command takes.
@@ -82,12 +79,8 @@ void CheckCommand(const Options& options) {
         if (command.name != options.command) {
             continue;
         }
-        const bool isOfProcess = options.pid.has_value();
-        const std::size_t least = isOfProcess ? 0 : command.least;
-        const std::size_t most = isOfProcess ? 0 : command.most;
-        if (options.arguments.size() < least || options.arguments.size() > most) {
-            throw WrongUse("the use is: ternctl " + options.command +
-                           (isOfProcess ? " --pid PID" : command.usage));
+        if (options.arguments.size() < command.least || options.arguments.size() > command.most) {
+            throw WrongUse("the use is: ternctl " + options.command + command.usage);
         }
         return;
     }
@@ -100,9 +93,6 @@ void CheckBus(const Options& options) {
     }
     if (options.isUserBus && options.address) {
         throw WrongUse("--user and --address are two buses");
-    }
-    if (options.pid && (options.host || options.isUserBus || options.address)) {
-        throw WrongUse("--pid reads a process of this machine, without a bus");
     }
 }
 
@@ -135,9 +125,6 @@ void Apply(Options& options, int code, const std::string& value) {
             break;
         case 'n':
             options.last = ReadWhole(value, 0, UINT64_MAX, "number of events");
-            break;
-        case PID:
-            options.pid = static_cast<std::uint32_t>(ReadWhole(value, 1, INT_MAX, "process id"));
             break;
         case PERIOD:
             options.period = ReadSeconds(value, 100ms, 1h, "period, 0.1 to 3600 seconds");

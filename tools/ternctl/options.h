@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -27,7 +25,6 @@ struct Options {
 
     bool isFollowing = false;                ///< events
     std::optional<std::uint64_t> last{};     ///< events
-    std::optional<std::uint32_t> pid{};      ///< events
     std::chrono::milliseconds period{1000};  ///< top
     std::optional<std::uint64_t> count{};    ///< top
     bool isFull = false;                     ///< status, events
