@@ -25,6 +25,9 @@ set(CPACK_COMPONENT_TEST-SUPPORT_GROUP dev)
 # component:package
 set(TERN_PACKAGES runtime:libtern-dbus-service0 typed:libtern-dbus-typed0
   diagnostics:libtern-diagnostics0 dev:libtern-dbus-service-dev doc:libtern-dbus-service-doc)
+if(TERN_BUILD_TOOLS)
+  list(APPEND TERN_PACKAGES ternctl:ternctl)
+endif()
 if(TERN_BUILD_EXAMPLES)
   list(APPEND TERN_PACKAGES thermostat:tern-thermostat)
 endif()
@@ -154,6 +157,15 @@ set(CPACK_DEBIAN_DOC_DESCRIPTION "frame for services on the system D-Bus (docume
 The guide to libtern-dbus-service, the reference of its headers, and the
 sources of its examples: a service, its client, the tutorial's result, every
 type that the typed layer carries, and a client that is made of XML.")
+
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS "libtern-dbus-typed0 ${same_version}")
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_SUGGESTS "bash-completion, openssh-client")
+set(CPACK_DEBIAN_TERNCTL_DESCRIPTION "looks into services on the system D-Bus
+What the services built on libtern-dbus-service are doing, live or as a
+page, what their flight recorders hold, how they ended before they were
+restarted, and the thresholds of their logs, here or over ssh.")
 
 set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SHLIBDEPS ON)

@@ -74,7 +74,7 @@ int BeforeEachWait(sd_event_source* source, void* userdata) {
         turn.batch.BeforeWait();
         return 0;
     }
-    TERN_TELL_NAMED(StateChanged, state_changed, bus, 0, "lost-bus");
+    TERN_TELL_NAMED(StateChanged, state_changed, turn.bus, 0, "lost-bus");
     // sd-bus's own exit-on-disconnect would give a positive code, which counts as success.
     return sd_event_exit(sd_event_source_get_event(source), -ECONNRESET);
 }

@@ -91,10 +91,13 @@ struct BlockingBus::State {
     Which which = Which::System;
     /// Of a third bus.
     std::optional<std::string> address;
+    /// Of another machine's system bus.
+    std::optional<std::string> host;
     Handle<sd_bus, sd_bus_close_unref> bus;
 
     std::string Describe() const {
-        return address                  ? "the message bus at '" + *address + "'"
+        return host                     ? "the system bus of '" + *host + "'"
+               : address                ? "the message bus at '" + *address + "'"
                : which == Which::System ? "the system bus"
                                         : "the user's bus";
     }
@@ -102,7 +105,10 @@ struct BlockingBus::State {
     int Open() {
         sd_bus* made = nullptr;
         int r = 0;
-        if (address) {
+        if (host) {
+            r = sd_bus_open_system_remote(&made, host->c_str());
+            bus.reset(made);
+        } else if (address) {
             r = sd_bus_new(&made);
             bus.reset(made);
             r = r < 0 ? r : sd_bus_set_address(made, address->c_str());
@@ -123,6 +129,9 @@ struct BlockingBus::State {
             case ENOMEM:
                 throw std::bad_alloc();
             case EINVAL:
+                if (host) {
+                    return Error::InvalidArgs("'" + *host + "' is no host, HOST or USER@HOST");
+                }
                 if (address) {
                     return Error::InvalidArgs("'" + *address + "' is no address of a message bus");
                 }
@@ -131,7 +140,8 @@ struct BlockingBus::State {
                 break;
         }
         std::string text = "there is no connection to " + Describe() + ": " + ErrorText(-error);
-        text += address                  ? "; is it running, is the address right?"
+        text += host                     ? "; does ssh reach it, is systemd-stdio-bridge there?"
+                : address                ? "; is it running, is the address right?"
                 : which == Which::System ? "; is dbus running, is DBUS_SYSTEM_BUS_ADDRESS right?"
                                          : "; has this user a session, is DBUS_SESSION_BUS_ADDRESS right?";
         return {SD_BUS_ERROR_NO_SERVER, text};
@@ -162,6 +172,12 @@ BlockingBus::BlockingBus(Which which) : mState(std::make_unique<State>()) {
 
 BlockingBus::BlockingBus(std::string address) : mState(std::make_unique<State>()) {
     mState->address = std::move(address);
+}
+
+std::shared_ptr<BlockingBus> BlockingBus::OnHost(std::string host) {
+    auto bus = std::make_shared<BlockingBus>();
+    bus->mState->host = std::move(host);
+    return bus;
 }
 
 BlockingBus::~BlockingBus() = default;

@@ -53,6 +53,7 @@ class TernDBusService(ConanFile):
         toolchain = CMakeToolchain(self)
         toolchain.cache_variables["TERN_BUILD_TESTS"] = False
         toolchain.cache_variables["TERN_BUILD_EXAMPLES"] = False
+        toolchain.cache_variables["TERN_BUILD_TOOLS"] = False
         toolchain.cache_variables["TERN_BUILD_TEST_SUPPORT"] = bool(self.options.test_support)
         toolchain.generate()
         CMakeDeps(self).generate()

@@ -295,6 +295,9 @@ std::vector<Faultable> MakeCatalogue() {
         MakeFaultable<"sd_bus_open_system">(
             &::sd_bus_open_system, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(ENOENT), TERN_NEGATIVE(ENOMEM),
                                     TERN_NEGATIVE(EMFILE)}),
+        MakeFaultable<"sd_bus_open_system_remote">(
+            &::sd_bus_open_system_remote,
+            {TERN_NEGATIVE(EINVAL), TERN_NEGATIVE(ENOMEM), TERN_NEGATIVE(EMFILE)}),
         MakeFaultable<"sd_bus_open_user">(
             &::sd_bus_open_user, {TERN_NEGATIVE(ECONNREFUSED), TERN_NEGATIVE(ENOENT), TERN_NEGATIVE(ENOMEM),
                                   TERN_NEGATIVE(EMFILE)}),

@@ -31,9 +31,9 @@ check() {
 
 shopt -s nullglob
 debs=("$packages"/*.deb)
-names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 libtern-dbus-typed0 libtern-diagnostics0 tern-thermostat)
+names=(libtern-dbus-service-dev libtern-dbus-service-doc libtern-dbus-service0 libtern-dbus-typed0 libtern-diagnostics0 tern-thermostat ternctl)
 found=$(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Package; done | sort | tr '\n' ' ')
-[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "six packages" || fail "packages: $found"
+[ "$found" = "$(printf '%s\n' "${names[@]}" | sort | tr '\n' ' ')" ] && ok "seven packages" || fail "packages: $found"
 version=$(sed -n 's/^project(.*VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")-1
 for deb in "${debs[@]}"; do
     is=$(dpkg-deb -f "$deb" Version)
@@ -44,7 +44,7 @@ done
 check "lintian finds neither error nor warning" lintian --allow-root --fail-on error,warning "${debs[@]}"
 
 # What was stripped is in packages of its own, found by the build id, and explains the very library that is shipped.
-for package in libtern-dbus-service0 libtern-dbus-typed0 libtern-diagnostics0 tern-thermostat; do
+for package in libtern-dbus-service0 libtern-dbus-typed0 libtern-diagnostics0 tern-thermostat ternctl; do
     symbols=("$packages/$package-dbgsym_"*)
     [ ${#symbols[@]} -eq 1 ] && dpkg-deb -x "${symbols[0]}" "$work/symbols" || fail "$package has no debug symbols package"
 done
@@ -105,6 +105,7 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/type-gallery/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/hostname-client/{CMakeLists.txt,hostname1.xml,main.cpp}
+    content ternctl usr/bin/ternctl usr/share/man/man1/ternctl.1.gz usr/share/bash-completion/completions/ternctl
     content tern-thermostat usr/libexec/tern-thermostat usr/bin/thermostatctl \
         usr/share/man/man1/thermostatctl.1.gz usr/share/man/man8/tern-thermostat.8.gz usr/share/dbus-1/system.d/com.example.Thermostat.conf \
         usr/share/dbus-1/system-services/com.example.Thermostat.service usr/lib/systemd/system/tern-thermostat.service \
@@ -131,7 +132,7 @@ for library in tern-dbus-service tern-dbus-typed tern-diagnostics tern-foundatio
     grep -q "^lib$library 0 $package " "$root/var/lib/dpkg/info/$package.shlibs" ||
         fail "$library: shlibs"
 done
-for program in usr/libexec/tern-thermostat usr/bin/thermostatctl; do
+for program in usr/libexec/tern-thermostat usr/bin/thermostatctl usr/bin/ternctl; do
     readelf -d "$root/$program" | grep -qE 'RPATH|RUNPATH' && fail "$program: search path inside"
 done
 
@@ -178,6 +179,7 @@ check "unit's exposure" systemd-analyze security --no-pager --offline=true --thr
 # Used from where it lies: the programs run, a foreign project builds and runs.
 export LD_LIBRARY_PATH=$root/$lib
 check "the client runs" "$root/usr/bin/thermostatctl" --help
+check "ternctl runs" "$root/usr/bin/ternctl" --version
 check "the extension runs" "$root/usr/libexec/tern-thermostat" --help
 check "a foreign project is configured" cmake -S "$source/tests/consumer" -B "$work/consumer" \
     -DCMAKE_PREFIX_PATH="$root/usr" -DCMAKE_LIBRARY_ARCHITECTURE="$triplet"
@@ -201,7 +203,7 @@ unset LD_LIBRARY_PATH
 mkdir -p "$root/var/lib/tern-thermostat"
 in_root -r tern-thermostat && [ -e "$root/etc/tern-thermostat.ini" ] && [ ! -e "$root/usr/bin/thermostatctl" ] &&
     ok "removed, settings kept" || fail "removal"
-in_root -P tern-thermostat libtern-dbus-service-dev libtern-dbus-service-doc libtern-diagnostics0 libtern-dbus-typed0 libtern-dbus-service0 && ok "purged" ||
+in_root -P tern-thermostat ternctl libtern-dbus-service-dev libtern-dbus-service-doc libtern-diagnostics0 libtern-dbus-typed0 libtern-dbus-service0 && ok "purged" ||
     { fail "purge"; cat "$work/dpkg.err"; }
 left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print | grep -iE 'tern' )
 [ -z "$left" ] && [ ! -e "$root/var/lib/tern-thermostat" ] && ok "nothing is left" || fail "left: $left"

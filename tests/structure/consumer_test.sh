@@ -36,6 +36,9 @@ if [ -e "$build/examples/thermostat/cmake_install.cmake" ]; then
     done
     echo "what is installed starts as it is"
 fi
+if [ -e "$build/tools/ternctl/cmake_install.cmake" ]; then
+    "$work/prefix/bin/ternctl" --version >"$work/version" || { echo "ternctl does not start"; exit 1; }
+fi
 # tells LIBRARY FEATURE LOADED: the note of what it loads while it runs.
 tells() {
     local library=$libdir/$1.so notes

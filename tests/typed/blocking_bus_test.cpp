@@ -1,10 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <tern/typed/blocking_proxy.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -96,6 +99,36 @@ TEST_F(BlockingBusTest, TakesAnAddress) {
     ASSERT_EQ(setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere/bus", 1), 0);
     EXPECT_THAT(Said(BlockingBus(BlockingBus::Which::User).Connect()),
                 HasSubstr("the user's bus: No such file or directory; has this user a session"));
+}
+
+TEST_F(BlockingBusTest, ReachesTheBusOfAHostThroughSsh) {
+    if (access("/usr/bin/systemd-stdio-bridge", X_OK) != 0) {
+        GTEST_SKIP() << "systemd-stdio-bridge is missing";
+    }
+    // Stands in for ssh: keeps what it was asked for, and bridges to the bus of this test.
+    const TempFolder folder;
+    const std::string path = folder.Path() + "/ssh";
+    std::ofstream(path) << "#!/bin/sh\necho \"$@\" >" << folder.Path() << "/asked\n"
+                        << "case $* in *unreachable*) exit 255 ;; esac\n"
+                        << "exec systemd-stdio-bridge -p '" << mBus.Address() << "'\n";
+    ASSERT_EQ(chmod(path.c_str(), 0700), 0);
+    const std::string former = getenv("PATH");
+    ASSERT_EQ(setenv("PATH", (folder.Path() + ":" + former).c_str(), 1), 0);
+    const auto bus = BlockingBus::OnHost("root@device");
+    EXPECT_EQ(bus->GetBus(), nullptr);
+    const BlockingProxy<Peer1> peer(bus, tern::test::PEER, tern::test::PEER_PATH);
+    const Outcome<std::uint32_t> sum = peer.Within(GENEROUS_LIMIT).Call(Peer1::Add, 2U, 3U);
+    EXPECT_TRUE(sum.IsOk() && *sum == 5U) << Said(sum);
+    std::string asked;
+    std::getline(std::ifstream(folder.Path() + "/asked"), asked);
+    EXPECT_THAT(asked, testing::AllOf(HasSubstr("root@device"), HasSubstr("systemd-stdio-bridge")));
+    EXPECT_THAT(Said(BlockingBus::OnHost("unreachable")->Connect(GENEROUS_LIMIT)),
+                testing::MatchesRegex("org.freedesktop.DBus.Error.NoServer: there is no connection to the "
+                                      "system bus of 'unreachable': .*; does ssh reach it, is "
+                                      "systemd-stdio-bridge there\\?"));
+    EXPECT_EQ(Said(BlockingBus::OnHost(":")->Connect()),
+              "org.freedesktop.DBus.Error.InvalidArgs: ':' is no host, HOST or USER@HOST");
+    ASSERT_EQ(setenv("PATH", former.c_str(), 1), 0);
 }
 
 TEST_F(BlockingBusTest, ABusThatDoesNotAnswerKeepsNobody) {

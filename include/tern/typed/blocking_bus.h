@@ -97,7 +97,7 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 /// "org.freedesktop.DBus.Error.NoServer": there is no such bus. The text says what a person can look at.
 /// "org.freedesktop.DBus.Error.AccessDenied": it refuses this process.
 /// "org.freedesktop.DBus.Error.Timeout": it lets connect, but did not answer in time.
-/// "org.freedesktop.DBus.Error.InvalidArgs": the address is none (sd_bus_set_address(3)).
+/// "org.freedesktop.DBus.Error.InvalidArgs": the address (sd_bus_set_address(3)) or the host is none.
 /// "mwl.StatusCode.Deadlock": this is the D-Bus thread of a service: a typed `Bus` is open on it. Nothing was
 /// done: while this waited, the service would answer nobody.
 /// Otherwise the error of sd-bus's error number.
@@ -113,6 +113,11 @@ public:
     explicit BlockingBus(Which which = Which::System);
     /// Of a D-Bus address, such as "unix:path=/run/other/bus", where a message bus listens.
     explicit BlockingBus(std::string address);
+    /// Of the system bus of another machine, reached through ssh(1), as busctl --host does: "HOST" or
+    /// "USER@HOST" (sd_bus_open_system_remote(3)). Connects to nothing yet. To connect runs ssh as a child of
+    /// this process, which may ask the person at the terminal, so the first limit has to leave time for it;
+    /// there, systemd-stdio-bridge(1) has to be installed. Never null. Throws std::bad_alloc.
+    static std::shared_ptr<BlockingBus> OnHost(std::string host);
     /// Closes the connection. Does not block.
     ~BlockingBus();
     BlockingBus(const BlockingBus&) = delete;

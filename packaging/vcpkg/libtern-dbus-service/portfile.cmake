@@ -6,7 +6,7 @@ vcpkg_cmake_configure(
   OPTIONS
     -DTERN_BUILD_TESTS=OFF
     -DTERN_BUILD_TEST_SUPPORT=OFF
-    -DTERN_BUILD_EXAMPLES=OFF)
+    -DTERN_BUILD_EXAMPLES=OFF -DTERN_BUILD_TOOLS=OFF)
 vcpkg_cmake_install()
 vcpkg_cmake_config_fixup(PACKAGE_NAME TernDBusService CONFIG_PATH lib/cmake/TernDBusService)
 vcpkg_fixup_pkgconfig()

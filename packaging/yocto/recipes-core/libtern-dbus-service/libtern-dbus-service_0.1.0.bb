@@ -17,6 +17,7 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 PACKAGECONFIG ??= "${@bb.utils.contains('PTEST_ENABLED', '1', 'tests', '', d)}"
 PACKAGECONFIG[tests] = "-DTERN_BUILD_TESTS=ON -DTERN_BUILD_TEST_SUPPORT=ON,-DTERN_BUILD_TESTS=OFF,googletest"
+PACKAGECONFIG[ternctl] = "-DTERN_BUILD_TOOLS=ON,-DTERN_BUILD_TOOLS=OFF"
 PACKAGECONFIG[thermostat] = "-DTERN_BUILD_EXAMPLES=ON,-DTERN_BUILD_EXAMPLES=OFF"
 
 # libzip is loaded with the first archive, which the list of linked libraries does not show.
@@ -33,7 +34,8 @@ do_install_ptest() {
     find ${B}/tests -maxdepth 2 -type f -perm -u+x -name '*_test' -exec install -m 0755 {} ${D}${PTEST_PATH}/tests/ \;
 }
 
-PACKAGES =+ "${PN}-thermostat"
+PACKAGES =+ "${PN}-thermostat ternctl"
+FILES:ternctl = "${bindir}/ternctl ${datadir}/bash-completion"
 FILES:${PN}-thermostat = "${libexecdir}/tern-thermostat ${bindir}/thermostatctl ${sysconfdir}/tern-thermostat.ini \
     ${nonarch_libdir}/systemd/system ${nonarch_libdir}/sysusers.d ${datadir}/dbus-1"
 FILES:${PN}-dev += "${bindir}/tern-new-extension ${bindir}/tern-dbus-codegen ${datadir}/libtern-dbus-service"
