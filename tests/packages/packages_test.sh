@@ -83,7 +83,8 @@ only() {
     [ -z "$extra" ] && ok "$package: nothing else" || fail "$package holds also: $extra"
 }
 documents="usr/share/doc/PACKAGE/(copyright|changelog(\.Debian)?\.gz)|usr/share/lintian/overrides/PACKAGE"
-so_files="" so_links=" $lib/libtern-dbus-typed.so" pc_files=" $lib/pkgconfig/libtern-dbus-typed.pc"
+so_files="" so_links=" $lib/libtern-dbus-typed.so $lib/libtern-diagnostics.so"
+pc_files=" $lib/pkgconfig/libtern-dbus-typed.pc $lib/pkgconfig/libtern-diagnostics.pc"
 for library in tern-dbus-service tern-foundation tern-basic-log; do
     so_files+=" $lib/lib$library.so.0 $lib/lib$library.so.${version%-*}"
     so_links+=" $lib/lib$library.so"
