@@ -92,6 +92,8 @@ private:
         figures.busThread.handled = 1'234'567;
         figures.busThread.turns = 2'345'678;
         figures.busThread.longestTurnUs = 12'345;
+        figures.busThread.running = "tern.Diagnostics1.Snapshot";
+        figures.busThread.runningUs = 120;
         figures.busThread.watchdogUs = 30'000'000;
         figures.busThread.watchdogMarginUs = 14'900'000;
         figures.busThread.members = {

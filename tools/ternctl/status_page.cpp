@@ -98,9 +98,11 @@ private:
         Add("D-Bus       thread " + std::to_string(thread.threadId) + ", handled " + Count(thread.handled) +
             ", turns " + Count(thread.turns) + ", longest turn " + Duration(thread.longestTurnUs));
         const std::string time = Duration(thread.runningUs);
-        Add(thread.running.empty()
-                ? "            idle"
-                : "            runs " + ShowEnd(thread.running, 22 + Width(time)) + " for " + time,
+        // The look itself is what runs while it is answered.
+        const bool isIdle = thread.running.empty() ||
+                            thread.running == std::string(Diagnostics::Diagnostics1::NAME) + ".Snapshot";
+        Add(isIdle ? "            idle"
+                   : "            runs " + ShowEnd(thread.running, 22 + Width(time)) + " for " + time,
             IsFound(Part::Handler));
         Add(thread.watchdogUs == 0 ? "            no watchdog"
                                    : "            watchdog " + Duration(thread.watchdogUs) +
