@@ -13,6 +13,14 @@ namespace mwl::ProcessExecution {
 
 namespace {
 
+/// ThreadSanitizer's stand-ins for the calls that the child makes keep books of descriptors, which the two
+/// would share: there the child gets a copy.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool IS_FORKED = true;
+#else
+constexpr bool IS_FORKED = false;
+#endif
+
 /// Far more than a few system calls take.
 constexpr std::size_t STACK_BYTES = std::size_t{64} * 1024;
 
@@ -100,16 +108,14 @@ pid_t CloneOnOwnStack(int (*run)(void* data), void* data) {
 }  // namespace
 
 pid_t StartSharing(int (*run)(void* data), void* data) {
-#if defined(__SANITIZE_THREAD__)
-    // Its stand-ins for the calls that the child makes keep books of descriptors, which the two would share.
+    if constexpr (!IS_FORKED) {
+        return CloneOnOwnStack(run, data);
+    }
     const pid_t pid = fork();
     if (pid == 0) {
         _exit(run(data));
     }
     return pid;
-#else
-    return CloneOnOwnStack(run, data);
-#endif
 }
 
 }  // namespace mwl::ProcessExecution
