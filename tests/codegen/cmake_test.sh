@@ -24,7 +24,7 @@ must() {
 }
 changed() { stat -c %Y.%y "$1"; }
 
-for component in runtime typed dev; do
+for component in runtime typed diagnostics dev; do
     must "installed: $component" cmake --install "$build" --prefix "$work/sysroot/usr" --component $component
 done
 "$work/sysroot/usr/bin/tern-dbus-codegen" --format >"$work/output" && [ "$(cat "$work/output")" = 1 ] && ok "the program runs" ||

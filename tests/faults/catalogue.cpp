@@ -503,6 +503,7 @@ const std::map<std::string, const char*>& Exemptions() {
         {"sd_bus_slot_set_floating", VALID_ARGUMENT},
         {"sd_bus_slot_unref", GOES_AWAY},
         {"sd_bus_unref", GOES_AWAY},
+        {"sd_event_get_exit_code", VALID_ARGUMENT},
         {"sd_event_get_watchdog", VALID_ARGUMENT},
         {"sd_watchdog_enabled", "a watchdog that is not announced well is none: the time-out stays"},
         {"sd_event_exit", "refuses a loop that has ended, and a forked child, only"},
