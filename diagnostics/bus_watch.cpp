@@ -39,7 +39,7 @@ bool IsPutTogetherOf(std::string_view name, std::string_view prefix, std::string
 }
 
 std::size_t BucketOf(std::uint64_t nanoseconds) {
-    return std::min<std::size_t>(std::bit_width(nanoseconds / NS_PER_US), LATENCY_BUCKETS - 1);
+    return std::min(static_cast<std::size_t>(std::bit_width(nanoseconds / NS_PER_US)), LATENCY_BUCKETS - 1);
 }
 
 int NeverCalled(sd_event_source*, uint64_t, void*) {

@@ -218,8 +218,8 @@ private:
 
     void AddTimes() {
         const std::uint64_t end = mFlight.end == FlightEnd::None ? mLatestNs : mFlight.endedNs;
-        const auto realtime =
-            static_cast<std::uint64_t>(static_cast<std::int64_t>(end) + mFlight.toRealtimeNs);
+        // Unsigned: a hostile ring's numbers may be anything.
+        const std::uint64_t realtime = end + static_cast<std::uint64_t>(mFlight.toRealtimeNs);
         std::string sentence = "Process " + std::to_string(mFlight.pid) + " (" + mFlight.program +
                                (mFlight.version.empty() ? "" : " " + mFlight.version) + ") " +
                                (mFlight.end == FlightEnd::None ? "was last heard of at " : "ended at ") +

@@ -292,7 +292,8 @@ Outcome<DiagnosticsInterface::Events> DiagnosticsInterface::GetEvents(std::uint6
         if (events.empty() && begin > 0) {
             lost = event.sequence - begin - 1;
         }
-        const auto realtimeNs = static_cast<std::int64_t>(event.monotonicNs) + flight->toRealtimeNs;
+        const auto realtimeNs =
+            static_cast<std::int64_t>(event.monotonicNs + static_cast<std::uint64_t>(flight->toRealtimeNs));
         events.push_back({event.sequence,
                           static_cast<std::uint64_t>(std::max<std::int64_t>(realtimeNs, 0)) / NS_PER_US,
                           event.threadId, event.event, event.name, event.value});

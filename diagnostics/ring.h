@@ -45,7 +45,7 @@ public:
     /// Borrowed; -1 before Create.
     int GetFd() const noexcept { return mFd; }
     std::size_t GetBytes() const noexcept { return mBytes; }
-    std::size_t GetCapacity() const noexcept { return mMask + 1; }
+    std::size_t GetCapacity() const noexcept { return static_cast<std::size_t>(mMask + 1); }
     const Format::Header& GetHeader() const noexcept { return *mHeader; }
     std::uint64_t Ticks() const noexcept { return ReadTicks(mIsCounter); }
     /// A duration of so many ticks in nanoseconds, by what has been measured so far.

@@ -128,8 +128,11 @@ private:
         if (id == OTHERS) {
             return "(others)";
         }
-        const std::size_t at = NAMES_AT + (id - 1) * sizeof(Name);
-        if (id == NO_NAME || id > NAMES || Load32(mBytes, at + offsetof(Name, state)) != READY) {
+        if (id == NO_NAME || id > NAMES) {
+            return {};
+        }
+        const std::size_t at = NAMES_AT + (static_cast<std::size_t>(id) - 1) * sizeof(Name);
+        if (Load32(mBytes, at + offsetof(Name, state)) != READY) {
             return {};
         }
         return LoadText(mBytes, at + offsetof(Name, text), sizeof(Name::text));
@@ -141,13 +144,17 @@ private:
             return "event-" + std::to_string(number);
         }
         constexpr std::size_t SIZE = sizeof(Header::eventNameList) / 64;
-        return LoadText(mBytes, offsetof(Header, eventNameList) + number * SIZE, SIZE);
+        return LoadText(mBytes, offsetof(Header, eventNameList) + static_cast<std::size_t>(number) * SIZE,
+                        SIZE);
     }
 
     /// Of an entry that is in use; else 0.
     std::uint32_t ThreadIdOf(std::uint64_t number) const {
-        const std::size_t at = THREADS_AT + number * sizeof(Thread);
-        return number < THREADS && Load32(mBytes, at + offsetof(Thread, state)) == READY
+        if (number >= THREADS) {
+            return 0;
+        }
+        const std::size_t at = THREADS_AT + static_cast<std::size_t>(number) * sizeof(Thread);
+        return Load32(mBytes, at + offsetof(Thread, state)) == READY
                    ? Load32(mBytes, at + offsetof(Thread, id))
                    : 0;
     }

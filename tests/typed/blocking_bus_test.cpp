@@ -224,7 +224,15 @@ TEST_F(BlockingBusTest, FindsASignalThatIsThereBehindOthers) {
 
 TEST_F(BlockingBusTest, OneThatDoesNotListenHasTheBusSendNothing) {
     ASSERT_EQ(Said(mPeer.Ping()), "");
-    const auto deaf = mPeer.Within(0ms).Listen(Peer1::Told);
+    // A message bus that is held still answers nobody in time.
+    sd_bus_creds* creds = nullptr;
+    pid_t daemon = 0;
+    ASSERT_GE(sd_bus_get_owner_creds(mPeer.GetBus()->GetBus(), SD_BUS_CREDS_PID, &creds), 0);
+    ASSERT_GE(sd_bus_creds_get_pid(creds, &daemon), 0);
+    sd_bus_creds_unref(creds);
+    ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    const auto deaf = mPeer.Within(1ms).Listen(Peer1::Told);
+    ASSERT_EQ(kill(daemon, SIGCONT), 0);
     EXPECT_EQ(deaf.GetState().GetError().GetStatus(), StatusCode::Timeout);
     int heard = 0;
     ASSERT_GE(sd_bus_add_filter(
