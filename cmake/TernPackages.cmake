@@ -140,8 +140,9 @@ set(CPACK_DEBIAN_DIAGNOSTICS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DIAGNOSTICS_PACKAGE_DEPENDS
   "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}")
 set(CPACK_DEBIAN_DIAGNOSTICS_DESCRIPTION "diagnostics of services on the system D-Bus (library)
-What a service built on libtern-dbus-service is doing now, shown on the bus, and
-how its former life ended, told by a flight recorder that systemd keeps.")
+What a service built on libtern-dbus-service is doing now, shown on the
+bus, and how its former life ended, from a flight recorder that systemd
+keeps.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
