@@ -176,7 +176,8 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
 
 [[gnu::noinline, gnu::cold]] void OnRare(Event event, const void* object, std::uint64_t value,
                                          const char* name, std::uint64_t ticks) noexcept {
-    const std::uint16_t nameId = name == nullptr || *name == '\0' ? Format::NO_NAME : gRing.Intern(name);
+    const std::string_view text = name == nullptr ? std::string_view() : name;
+    const std::uint16_t nameId = text.empty() ? Format::NO_NAME : gRing.Intern(text);
     const std::uint16_t number = OwnThread();
     const bool hasEntry = number < Format::THREADS;
     switch (event) {
@@ -206,13 +207,13 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
             }
             break;
         case Event::StateChanged:
-            if (std::string_view(name) == "failed") {
+            if (text == "failed") {
                 gHasFailed.store(true, std::memory_order_relaxed);
             }
             break;
         case Event::Thrown:
             gHasFailed.store(true, std::memory_order_relaxed);
-            gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), name, true,
+            gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true,
                                static_cast<std::uint32_t>(gettid()));
             break;
         default:
@@ -249,9 +250,7 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
     }
     if (row != nullptr) {
         Count(*row, rule, value);
-        if (event == Event::PipeWaited) {
-            StoreLarger(row->largest, value);
-        } else if (event == Event::TimerBegan) {
+        if (event == Event::PipeWaited || event == Event::TimerBegan) {
             StoreLarger(row->largest, value);
         } else if (event == Event::JobBegan) {
             row->asked.store(value, std::memory_order_relaxed);
