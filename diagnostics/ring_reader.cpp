@@ -26,8 +26,8 @@ using Bytes = std::span<const std::byte>;
 
 constexpr std::size_t MOST_BYTES = EVENTS_AT + MOST_EVENT_BYTES;
 
-Error Refuse(std::string text) {
-    return Error::Failed(std::move(text));
+Error Refuse(const std::string& text) {
+    return Error::Failed(text);
 }
 
 /// REQUIRES: it lies within the bytes.

@@ -114,16 +114,17 @@ Axis MakeAxis(const Panel& panel, const std::vector<Sample>& samples) {
     if (axis.isLogarithmic) {
         axis.low = std::pow(10.0, std::floor(std::log10(std::max(lowest.value_or(1), 1.0))));
         axis.high = std::pow(10.0, std::ceil(std::log10(std::max(highest, axis.low * 10))));
-        for (double tick = axis.low; tick <= axis.high * 1.001; tick *= 10) {
-            axis.ticks.push_back(tick);
+        const auto decades = static_cast<int>(std::lround(std::log10(axis.high / axis.low)));
+        for (int i = 0; i <= decades; ++i) {
+            axis.ticks.push_back(axis.low * std::pow(10.0, i));
         }
         return axis;
     }
     // From zero, so that what looks large is.
     const double step = StepOf(std::max(highest, 1.0), 4);
     axis.high = std::ceil(std::max(highest, 1.0) / step) * step;
-    for (double tick = 0; tick <= axis.high * 1.001; tick += step) {
-        axis.ticks.push_back(tick);
+    for (int i = 0; i * step <= axis.high * 1.001; ++i) {
+        axis.ticks.push_back(i * step);
     }
     return axis;
 }
@@ -182,8 +183,8 @@ private:
     std::vector<double> TimeTicks() const {
         std::vector<double> ticks;
         const double step = StepOf(mEnd, 10);
-        for (double tick = 0; tick <= mEnd * 1.001; tick += step) {
-            ticks.push_back(tick);
+        for (int i = 0; i * step <= mEnd * 1.001; ++i) {
+            ticks.push_back(i * step);
         }
         return ticks;
     }

@@ -1,6 +1,5 @@
 #include "look.h"
 
-#include <langinfo.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -22,7 +21,7 @@ std::string_view ValueOf(const char* variable) {
 
 Look Look::OfOutput() {
     Look look;
-    look.isUtf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
+    look.isUtf8 = IsUtf8();
     look.isTerminal = isatty(STDOUT_FILENO) == 1 && ValueOf("TERM") != "dumb";
     look.isColoured = look.isTerminal && ValueOf("NO_COLOR").empty();
     winsize size{};

@@ -181,9 +181,8 @@ Options ReadOptions(int argc, char* argv[]) {
     opterr = 0;
     for (;;) {
         const int next = optind;
-        // Only one thread runs in this program.
-        const int code = getopt_long(argc, argv, ":hH:fn:", LONG_OPTIONS.data(),
-                                     nullptr);  // NOLINT(concurrency-mt-unsafe)
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): only one thread runs in this program
+        const int code = getopt_long(argc, argv, ":hH:fn:", LONG_OPTIONS.data(), nullptr);
         if (code == -1) {
             break;
         }

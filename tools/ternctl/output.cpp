@@ -1,7 +1,5 @@
 #include "output.h"
 
-#include <langinfo.h>
-
 #include <cerrno>
 #include <cstdio>
 
@@ -21,8 +19,7 @@ void PrintLine(std::string_view text) {
 }
 
 void Complain(std::string_view text) {
-    const bool isUtf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
-    fprintf(stderr, "ternctl: %s\n", Printable(text, isUtf8).c_str());
+    fprintf(stderr, "ternctl: %s\n", Printable(text, IsUtf8()).c_str());
 }
 
 }  // namespace ternctl

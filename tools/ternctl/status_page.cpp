@@ -35,8 +35,7 @@ std::string Right(const std::string& text, std::size_t width) {
 
 class Page {
 public:
-    Page(const Status& status, const Look& look)
-        : mStatus(status), mFigures(status.figures), mLook(look), mLines(), mTables() {}
+    Page(const Status& status, const Look& look) : mStatus(status), mFigures(status.figures), mLook(look) {}
 
     std::vector<Line> Make(std::size_t rows) {
         Head();

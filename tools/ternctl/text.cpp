@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <langinfo.h>
+
 #include <array>
 #include <cinttypes>
 #include <cstdarg>
@@ -132,12 +134,17 @@ std::string FitEnd(std::string_view text, std::size_t width, std::string_view mo
     return reserved <= width ? std::string(more) + std::string(text) : std::string();
 }
 
+bool IsUtf8() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): only one thread runs in this program
+    return std::string_view(nl_langinfo(CODESET)) == "UTF-8";
+}
+
 std::string PadRight(std::string text, std::size_t width) {
     const std::size_t taken = Width(text);
     return taken < width ? std::move(text) + std::string(width - taken, ' ') : text;
 }
 
-std::string PadLeft(std::string text, std::size_t width) {
+std::string PadLeft(const std::string& text, std::size_t width) {
     const std::size_t taken = Width(text);
     return taken < width ? std::string(width - taken, ' ') + text : text;
 }

@@ -34,7 +34,10 @@ std::string FitBegin(std::string_view text, std::size_t width, std::string_view 
 std::string FitEnd(std::string_view text, std::size_t width, std::string_view more);
 /// Filled with blanks on the right, or on the left, up to `width` columns; never cut.
 std::string PadRight(std::string text, std::size_t width);
-std::string PadLeft(std::string text, std::size_t width);
+std::string PadLeft(const std::string& text, std::size_t width);
+
+/// Whether the locale's characters are UTF-8, as setlocale(3) has set it.
+bool IsUtf8();
 
 /// As of printf(3).
 [[gnu::format(printf, 1, 2)]] std::string Format(const char* format, ...);

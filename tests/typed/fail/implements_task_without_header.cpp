@@ -17,12 +17,8 @@ struct Room1 {
 };
 
 struct Room final : Implements<Room, Room1> {
-    Task<> Heat(int) {
-        co_return;
-    }
-    static constexpr auto Describe() {
-        return Bindings<Bind<Room1::Heat, &Room::Heat>>();
-    }
+    Task<> Heat(int) { co_return; }
+    static constexpr auto Describe() { return Bindings<Bind<Room1::Heat, &Room::Heat>>(); }
 };
 
 std::unique_ptr<InterfaceBase> Make() {

@@ -9,7 +9,8 @@ using mwl::Threading::ThreadPool::ThreadPool;
 
 Task<> Work(const Bus& bus, ThreadPool& pool) {
 #ifdef MENDED
-    static_cast<void>(co_await OnPool(bus, pool, [](int) {}, 1));
+    static_cast<void>(co_await OnPool(
+        bus, pool, [](int) {}, 1));
 #else
     static_cast<void>(co_await OnPool(bus, pool, [](int) {}));
 #endif
