@@ -1,4 +1,5 @@
 #include <systemd/sd-daemon.h>
+#include <tern/diagnostics/recorder.h>
 #include <tern/foundation/composite_runtime.h>
 #include <tern/foundation/log.h>
 #include <tern/service/component.h>
@@ -139,5 +140,7 @@ int main(int argc, char* argv[]) {
     if (!option.empty() && thermostat::LoadSettings(option, settings) != StatusCode::Ok) {
         return EXIT_FAILURE;
     }
+    // Before anything else, so that the start is recorded too. It says how the former life ended.
+    static_cast<void>(mwl::Diagnostics::Recorder::Begin());
     return Run(settings);
 }
