@@ -252,6 +252,7 @@ private:
             return false;
         }
         Say("hanging", words + (", after " + Span(state->monotonicNs)) + ".");
+        AddDoings();
         return true;
     }
 
@@ -262,7 +263,8 @@ private:
         }
     }
 
-    /// What the threads were in at the last moment, the latest first: where a crash has most likely been.
+    /// What the threads were in at the last moment, the latest first: where a crash has most likely been, and
+    /// what a start or stop waited for.
     void AddDoings() {
         std::vector<const FlightThread*> busy;
         for (const FlightThread& thread : mFlight.threads) {

@@ -210,6 +210,10 @@ void WriteThrown(std::string_view text) noexcept {
             }
             return;
         case Event::WatchBegan:
+            // Its silence counts from here, also if it never reports.
+            if (Row* const row = gObjects.Find(object)) {
+                row->largest.store(ticks, std::memory_order_relaxed);
+            }
             if (hasEntry) {
                 Format::Thread& thread = gRing.GetThread(number);
                 thread.watchNs.store(value, std::memory_order_relaxed);

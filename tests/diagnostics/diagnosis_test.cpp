@@ -164,7 +164,11 @@ TEST(Diagnosis, StopThatIsCutOffSoonIsTold) {
     EXPECT_EQ(diagnosis.kind, "cut-off");
     EXPECT_EQ(diagnosis.sentences[1], "It had not finished its stop when it ended.");
     flight.watchdogNs = 4 * S;
-    EXPECT_EQ(Diagnose(flight, LATEST + 2 * S).kind, "hanging");
+    flight.threads.push_back(MakeThread("job_began", "", LATEST));
+    const Diagnosis hanging = Diagnose(flight, LATEST + 2 * S);
+    EXPECT_EQ(hanging.kind, "hanging");
+    EXPECT_EQ(hanging.sentences[1],
+              "When it was last heard of, the thread 'worker' (7) was in a job of a thread pool.");
 }
 
 TEST(Diagnosis, ShortWorkIsNoHanging) {
