@@ -163,7 +163,8 @@ hold_up() {
     box systemctl restart $unit
 }
 ends "stop that a job holds up" 40 hanging \
-    "^The watched thread 'ThreadPool::Thread[01]' was in a job of a thread pool when it ended, for [0-9.]+ s at least and ([5-9]|1[0-9])\.[0-9] s at most\.$" \
+    '^It had not finished its stop when it ended, after [0-9.]+ s at least and ([5-9]|1[0-9])\.[0-9] s at most\.$' \
+    "^When it was last heard of, the watched thread 'ThreadPool::Thread[01]' was in a job of a thread pool\.$" \
     -- hold_up
 
 lives=$(on_bus ternctl why --json $name | python3 -c 'import json, sys; print(json.load(sys.stdin)["Restarts"])')
