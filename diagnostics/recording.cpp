@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -174,6 +175,21 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
     }
 }
 
+/// With the name of its thread, which may have ended when the ring is read; without where there is no room.
+void WriteThrown(std::string_view text) noexcept {
+    std::array<char, 16> name{};
+    static_cast<void>(prctl(PR_GET_NAME, name.data()));  // cannot fail with a valid address
+    std::array<char, Format::Message::LONGEST + 1> line{};
+    const int length =
+        std::snprintf(line.data(), line.size(), "%.*s, in the thread '%s'",
+                      static_cast<int>(std::min(text.size(), line.size())), text.data(), name.data());
+    if (length > 0 && static_cast<std::size_t>(length) < line.size()) {
+        text = line.data();
+    }
+    gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true,
+                       static_cast<std::uint32_t>(gettid()));
+}
+
 [[gnu::noinline, gnu::cold]] void OnRare(Event event, const void* object, std::uint64_t value,
                                          const char* name, std::uint64_t ticks) noexcept {
     const std::string_view text = name == nullptr ? std::string_view() : name;
@@ -194,6 +210,10 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
             }
             return;
         case Event::WatchBegan:
+            // Its silence counts from here, also if it never reports.
+            if (Row* const row = gObjects.Find(object)) {
+                row->largest.store(ticks, std::memory_order_relaxed);
+            }
             if (hasEntry) {
                 Format::Thread& thread = gRing.GetThread(number);
                 thread.watchNs.store(value, std::memory_order_relaxed);
@@ -213,8 +233,7 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
             break;
         case Event::Thrown:
             gHasFailed.store(true, std::memory_order_relaxed);
-            gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true,
-                               static_cast<std::uint32_t>(gettid()));
+            WriteThrown(text);
             break;
         default:
             break;
@@ -296,9 +315,28 @@ void AfterForkInChild() {
     gRing.Forget();
 }
 
+#ifdef __GLIBC__
+void MarkOrderlyEnd(int status, void*) {
+    if (status != EXIT_SUCCESS) {
+        gHasFailed = true;
+    }
+    Recording::Stop();
+}
+
+// Without it an orderly end looks like a sudden one.
+void RegisterEnd() {
+    static_cast<void>(on_exit(MarkOrderlyEnd, nullptr));
+}
+#else
 void MarkOrderlyEnd() {
     Recording::Stop();
 }
+
+// The same; only the C library above tells the exit status.
+void RegisterEnd() {
+    static_cast<void>(std::atexit(MarkOrderlyEnd));
+}
+#endif
 
 }  // namespace
 
@@ -321,7 +359,7 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
             return mw::tern::MakeStatusCodeFromErrno(error);
         }
         isRegistered = true;
-        static_cast<void>(std::atexit(MarkOrderlyEnd));  // without it an orderly end looks like a sudden one
+        RegisterEnd();
     }
     // What exists has its rows when its first event comes.
     struct Seed {

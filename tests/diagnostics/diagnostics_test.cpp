@@ -13,6 +13,7 @@
 #include <tern/service/message_pipe.h>
 #include <tern/threading/signals.h>
 #include <tern/threading/thread_pool.h>
+#include <tern/threading/thread_watched.h>
 #include <tern/threading/threads_monitor.h>
 #include <tern/timer/timer.h>
 #include <tern/typed/blocking_proxy.h>
@@ -172,6 +173,17 @@ TEST_F(DiagnosticsTest, ShowsTheConnection) {
     EXPECT_EQ(figures.connection.uniqueName.front(), ':');
     EXPECT_EQ(figures.connection.objects, 2U);
     EXPECT_EQ(figures.connection.openCalls, 0U);
+}
+
+TEST_F(DiagnosticsTest, SilenceOfAThreadThatNeverReportsGrows) {
+    NiceMock<mwl::Threading::MockWatcher> watcher;
+    mwl::Threading::ThreadWatched mute(watcher, "mute");
+    mute.StartWatch(std::chrono::milliseconds(1000));
+    EXPECT_TRUE(WaitUntil([&] {
+        const Figures figures = Snapshot();
+        return figures.watched.size() == 1 && figures.watched[0].silentUs >= 1000;
+    }));
+    mute.StopWatch();
 }
 
 TEST_F(DiagnosticsTest, ShowsPools) {

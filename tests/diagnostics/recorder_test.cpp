@@ -302,6 +302,13 @@ TEST(RecorderOfAChild, MarksAnOrderlyEnd) {
     EXPECT_EQ(flight.end, FlightEnd::Stopped);
 }
 
+TEST(RecorderOfAChild, MarksAnEndWithAFailure) {
+    int status = -1;
+    const Flight flight = FlightOfChild([] { std::exit(3); }, status);  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(flight.end, FlightEnd::Failed);
+}
+
 TEST(RecorderOfAChild, HasNoEndWhenItIsKilledOrAborts) {
     int status = -1;
     EXPECT_EQ(FlightOfChild([] { raise(SIGKILL); }, status).end, FlightEnd::None);
