@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "latency.h"
+#include "message_lines.h"
 #include "text.h"
 
 namespace ternctl {
@@ -45,6 +46,7 @@ public:
         Components();
         Timers();
         Pipes();
+        Messages();
         Members();
         Distribute(rows);
         for (Table& table : mTables) {
@@ -206,6 +208,17 @@ private:
                        Right(Count(BacklogOf(pipe)), 11) + Right(Count(pipe.full), 11) +
                        Right(Duration(pipe.longestWaitUs), 15),
                    IsFound(Part::Pipe, i));
+        }
+    }
+
+    /// The latest first: it is the one to begin with.
+    void Messages() {
+        Table& table = AddTable("Messages    TIME                 LEVEL     TEXT");
+        for (auto message = mStatus.messages.rbegin(); message != mStatus.messages.rend(); ++message) {
+            AddRow(table,
+                   "            " + DateTime(message->atUs) + "  " + PadRight(NameLevel(message->level), 8) +
+                       "  " + ShowText(*message, mLook),
+                   false);
         }
     }
 
