@@ -10,6 +10,7 @@
 namespace ternctl {
 
 using Diagnostics::ComponentFigures;
+using Diagnostics::LoggedMessage;
 using Diagnostics::MemberFigures;
 using Diagnostics::PipeFigures;
 using Diagnostics::PoolFigures;
@@ -32,6 +33,15 @@ std::string Percent(double part) {
 
 std::string Right(const std::string& text, std::size_t width) {
     return PadLeft(text, width);
+}
+
+/// Without the number of the thread that the library puts in front, for which a page has no room.
+LoggedMessage WithoutThread(LoggedMessage message) {
+    const std::size_t end = message.text.find_first_not_of("0123456789", 1);
+    if (message.text.starts_with('[') && end != std::string::npos && end > 1 && message.text[end] == ']') {
+        message.text.erase(0, end + 1);
+    }
+    return message;
 }
 
 class Page {
@@ -217,7 +227,7 @@ private:
         for (auto message = mStatus.messages.rbegin(); message != mStatus.messages.rend(); ++message) {
             AddRow(table,
                    "            " + DateTime(message->atUs) + "  " + PadRight(NameLevel(message->level), 8) +
-                       "  " + ShowText(*message, mLook),
+                       "  " + ShowText(WithoutThread(*message), mLook),
                    false);
         }
     }
