@@ -161,7 +161,8 @@ type that the typed layer carries, and a client that is made of XML.")
 
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS "libtern-dbus-typed0 ${same_version}")
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS
+  "libtern-dbus-typed0 ${same_version}, libtern-diagnostics0 ${same_version}")
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SUGGESTS "bash-completion, openssh-client")
 set(CPACK_DEBIAN_TERNCTL_DESCRIPTION "looks into services on the system D-Bus
 What the services built on libtern-dbus-service are doing, live or as a
