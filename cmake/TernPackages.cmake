@@ -56,17 +56,18 @@ foreach(pair IN LISTS TERN_PACKAGES)
   endforeach()
 endforeach()
 
-# The API reference, for reading without this project.
+# The site: guides and API reference, for reading without this project.
+find_program(SPHINX_BUILD sphinx-build REQUIRED)
 find_program(DOXYGEN doxygen REQUIRED)
-set(reference ${PROJECT_BINARY_DIR}/reference)
-file(GLOB_RECURSE described CONFIGURE_DEPENDS include/*.h platform/*/include/*.h tests/support/*.h)
-add_custom_command(OUTPUT ${reference}/html/index.html
-  COMMAND sh -c "{ cat docs/Doxyfile; echo OUTPUT_DIRECTORY = ${reference}; } | ${DOXYGEN} -"
-  DEPENDS docs/Doxyfile ${described} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM
-  COMMENT "Writing the API reference")
-add_custom_target(tern-reference ALL DEPENDS ${reference}/html/index.html)
-install(DIRECTORY ${reference}/html/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc/reference
-  COMPONENT doc)
+set(site ${PROJECT_BINARY_DIR}/site)
+file(GLOB_RECURSE described CONFIGURE_DEPENDS include/*.h platform/*/include/*.h tests/support/*.h docs/*)
+add_custom_command(OUTPUT ${site}/html/index.html
+  COMMAND scripts/build-docs --no-install ${site}
+  DEPENDS scripts/build-docs README.md CONTRIBUTING.md CHANGELOG.md ${described}
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM COMMENT "Making the documentation site")
+add_custom_target(tern-site ALL DEPENDS ${site}/html/index.html)
+install(DIRECTORY ${site}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc COMPONENT doc
+  PATTERN .buildinfo EXCLUDE PATTERN objects.inv EXCLUDE)
 
 if(TERN_BUILD_TEST_SUPPORT)
   list(APPEND CPACK_COMPONENTS_ALL test-support)

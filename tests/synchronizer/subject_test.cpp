@@ -377,7 +377,7 @@ TEST_F(SubjectTest, NotifyTakesNoMemory) {
     EXPECT_EQ(allocations.Get(), 0U);
 }
 
-// Meant: only the address tells observers apart.
+// Fixed by the interface: only the address tells observers apart.
 TEST_F(SubjectTest, ObserverMadeWhereACalledOneWasIsCalledFromTheNextWalkOn) {
     std::optional<Recorder> place(std::in_place, "first", calls);
     subject.Attach(*place, one);
