@@ -243,7 +243,7 @@ TEST_F(CommandTest, ALongOutputWhoseLinesAreLoggedFromItsMiddleOnIsWhole) {
         traced += entry.text.substr(("Line " + std::to_string(number++) + ": ").size());
     }
     EXPECT_GT(number, 0);
-    EXPECT_LT(traced.size(), 3 * MIB);
+    EXPECT_LT(traced.size(), text.size());
     EXPECT_TRUE(text.ends_with(traced));
 }
 
