@@ -68,7 +68,8 @@ endforeach()
 
 set(TERN_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc)
 install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT doc)
-install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc PATTERN Doxyfile EXCLUDE)
+install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc PATTERN Doxyfile EXCLUDE
+  PATTERN site EXCLUDE)
 # The examples build on their own against the installed package.
 install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery examples/hostname-client
   DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)

@@ -56,17 +56,18 @@ foreach(pair IN LISTS TERN_PACKAGES)
   endforeach()
 endforeach()
 
-# The API reference, for reading without this project.
+# The site: guides and API reference, for reading without this project.
+find_program(SPHINX_BUILD sphinx-build REQUIRED)
 find_program(DOXYGEN doxygen REQUIRED)
-set(reference ${PROJECT_BINARY_DIR}/reference)
-file(GLOB_RECURSE described CONFIGURE_DEPENDS include/*.h platform/*/include/*.h tests/support/*.h)
-add_custom_command(OUTPUT ${reference}/html/index.html
-  COMMAND sh -c "{ cat docs/Doxyfile; echo OUTPUT_DIRECTORY = ${reference}; } | ${DOXYGEN} -"
-  DEPENDS docs/Doxyfile ${described} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM
-  COMMENT "Writing the API reference")
-add_custom_target(tern-reference ALL DEPENDS ${reference}/html/index.html)
-install(DIRECTORY ${reference}/html/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc/reference
-  COMPONENT doc)
+set(site ${PROJECT_BINARY_DIR}/site)
+file(GLOB_RECURSE described CONFIGURE_DEPENDS include/*.h platform/*/include/*.h tests/support/*.h docs/*)
+add_custom_command(OUTPUT ${site}/html/index.html
+  COMMAND scripts/build-docs --no-install ${site}
+  DEPENDS scripts/build-docs README.md CONTRIBUTING.md CHANGELOG.md ${described}
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM COMMENT "Making the documentation site")
+add_custom_target(tern-site ALL DEPENDS ${site}/html/index.html)
+install(DIRECTORY ${site}/html DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtern-dbus-service-doc COMPONENT doc
+  PATTERN .buildinfo EXCLUDE PATTERN objects.inv EXCLUDE)
 
 if(TERN_BUILD_TEST_SUPPORT)
   list(APPEND CPACK_COMPONENTS_ALL test-support)
@@ -161,7 +162,8 @@ type that the typed layer carries, and a client that is made of XML.")
 
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS "libtern-dbus-typed0 ${same_version}")
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS
+  "libtern-dbus-typed0 ${same_version}, libtern-diagnostics0 ${same_version}")
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SUGGESTS "bash-completion, openssh-client")
 set(CPACK_DEBIAN_TERNCTL_DESCRIPTION "looks into services on the system D-Bus
 What the services built on libtern-dbus-service are doing, live or as a

@@ -28,8 +28,8 @@ int InterfacePropertiesGetAll::CallMethod(sd_bus* bus) {
                        "[InterfacePropertiesGetAll] Failed to call GetAll method (%d, %s)", r, ErrorText(-r));
         return r;
     }
-    // Meant: the parser stays pointed at the reply when that is released; it reads again only after the next
-    // call has given it another one.
+    // Fixed by the interface: the parser stays pointed at the reply when that is released; it reads again
+    // only after the next call has given it another one.
     mParser.SetMessage(reply.get());
     r = mParser.ParseMessage();
     if (r < 0) {

@@ -42,7 +42,7 @@ int RebootSystem::CallMethod(sd_bus* bus) {
         TERN_LOG_ERROR(ServiceCommon::mLogger,
                        "[Reboot] Failed to read SD_BUS_TYPE_BOOLEAN (%d, %s) from message", r, ErrorText(-r));
     } else {
-        // Meant: "false" is an answer, not a failure.
+        // "false" is an answer, not a failure.
         TERN_LOG_INFO(ServiceCommon::mLogger, "[Reboot] CallMethod returns %s",
                       accepted != 0 ? "true" : "false");
     }

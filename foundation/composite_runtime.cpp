@@ -26,7 +26,8 @@ CompositeRuntime::~CompositeRuntime() {
     static_cast<void>(CompositeRuntime::Destroy());
 }
 
-// Meant: "Initialize" with a capital here, "start" without one below, and the two blanks at the end of both.
+// Fixed by the interface: "Initialize" with a capital here, "start" without one below, and the two blanks at
+// the end of both.
 StatusCode CompositeRuntime::Initialize() {
     const StatusCode status = Advance(mSuccessInitializeCount, &ComponentRuntimeInterface::Initialize);
     if (status != StatusCode::Ok) {

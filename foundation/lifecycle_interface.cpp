@@ -38,7 +38,8 @@ void LifecycleInterface::Start() {
     }
 }
 
-// Meant: with a failure on record a repeated Stop runs again, and without one nothing but a Start allows it.
+// Fixed by the interface: with a failure on record a repeated Stop runs again, and without one nothing but a
+// Start allows it.
 void LifecycleInterface::Stop() {
     if (GetLastExecutedStep().first == LifecycleStep::Start || HasError()) {
         Execute(LifecycleStep::Stop, &LifecycleInterface::OnStop);

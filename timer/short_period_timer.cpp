@@ -155,7 +155,7 @@ StatusCode ShortPeriodTimer::ConfigureSigSet(sigset_t* set, int signo) {
     if (sigemptyset(set) != 0 || sigaddset(set, signo) != 0) {
         return StatusCode::Failure;
     }
-    // Meant for the calling thread, as Linux has it.
+    // For the calling thread alone, as on Linux.
     const int result = sigprocmask(SIG_BLOCK, set, nullptr);  // NOLINT(concurrency-mt-unsafe)
     return result == 0 ? StatusCode::Ok : StatusCode::Failure;
 }

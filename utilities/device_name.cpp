@@ -43,7 +43,7 @@ StatusCode DeviceName::Create(const std::string& productCode, const std::string&
                        productCode.c_str(), mac.c_str());
         return StatusCode::Failure;
     }
-    // Meant: an address that ends before its device part leaves as std::out_of_range.
+    // Fixed by the interface: an address that ends before its device part leaves as std::out_of_range.
     std::string name = productCode + SEPARATOR + mac.substr(DEVICE_PART_START, DEVICE_PART_LENGTH);
     std::transform(name.begin(), name.end(), name.begin(), ToUpper);
     hostname = std::move(name);

@@ -63,7 +63,7 @@ StatusCode ListEntries(const char* operation, const std::string& folder, unsigne
     }
     const StatusCode status = errno == 0 ? StatusCode::Ok : FailedToReadDirectory(operation, folder, errno);
     if (directory.Close() != 0) {
-        // Meant: the list is complete, so the caller has it as a success.
+        // The list is complete, so the caller has it as a success.
         const int error = errno;
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to close directory [%s], errno: %s", operation,
                        folder.c_str(), ErrorText(error));
@@ -204,7 +204,7 @@ StatusCode FileSystem::GetCurrentExecutableName(std::string& name) {
     if (status == StatusCode::Ok) {
         CutDeletedMark(name);
     }
-    // Meant: also after a failure, when `name` is what the caller had in it.
+    // Fixed by the interface: also after a failure, when `name` is what the caller had in it.
     name.erase(0, name.rfind(FOLDER_SEPARATOR) + 1);
     return status;
 }
@@ -217,7 +217,7 @@ StatusCode FileSystem::WriteContent(const std::string& path, const std::string& 
                        "WriteContent", path.c_str(), ErrorText(error));
         return MakeStatusCodeFromErrno(error);
     }
-    // Meant: what becomes of the writing is not looked at; WriteWholeContent does.
+    // Fixed by the interface: what becomes of the writing is not looked at; WriteWholeContent does.
     static_cast<void>(std::fwrite(content.data(), 1, content.size(), file.get()));
     TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "%s: Successfully wrote content to file %s", "WriteContent",
                   path.c_str());

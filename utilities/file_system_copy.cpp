@@ -39,7 +39,8 @@ private:
     struct Level {
         std::size_t fromLength;  // of the paths of the folder above
         std::size_t toLength;
-        // Meant: nothing copied is NotFound, and each entry's result covers the ones before it.
+        // Fixed by the interface: nothing copied is NotFound, and each entry's result covers the ones before
+        // it.
         StatusCode result = StatusCode::NotFound;
     };
 
@@ -98,7 +99,8 @@ StatusCode FolderCopy::Run(bool includeFolders, bool includeFiles) {
     while (true) {
         const FolderWalk::Entry* const entry = mFrom.Next();
         if (entry != nullptr) {
-            // Meant: what is below the first level is copied whole, whatever was chosen for that level.
+            // Fixed by the interface: what is below the first level is copied whole, whatever was chosen for
+            // that level.
             const bool isBelow = mLevels.size() > 1;
             if (!CopyEntry(*entry, includeFolders || isBelow, includeFiles || isBelow)) {
                 return mLevels.back().result;
@@ -169,7 +171,7 @@ StatusCode FolderCopy::CopyRegularFile(const char* name) {
                        mFromPath.c_str(), ConvertStatusCodeToString(status).c_str());
         return status;
     }
-    // Meant: a file that was copied is a success, whoever owns it.
+    // Fixed by the interface: a file that was copied is a success, whoever owns it.
     if (mOwner.SetOn(copy.Get(), mToPath) != StatusCode::Ok) {
         TERN_LOG_WARNING(FILE_SYSTEM_LOGGER, "%s: Failed to set meadow owner for %s", "CopyFolderContent",
                          mToPath.c_str());

@@ -179,7 +179,7 @@ StatusCode RemoveFolder(int at, const char* name, const std::string& path, const
 }
 
 StatusCode FailedToDelete(const std::string& path, int error) {
-    // Meant: info level, as callers often remove what may not be there.
+    // Info level, because callers often remove what may not be there.
     TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "DeleteFile: Failed to delete file: %s (errno=%s)", path.c_str(),
                   ErrorText(error));
     return MakeStatusCodeFromErrno(error);

@@ -135,14 +135,14 @@ StatusCode CreateFolderAt(const FolderRequest& request, UniqueFd& folder) {
     const bool isTooLong = request.path.size() >= PATH_MAX;
     const bool isNew = !isTooLong && mkdirat(request.at, request.name, FOLDER_MODE_WHILE_MADE) == 0;
     int error = isTooLong ? ENAMETOOLONG : errno;
-    // Meant: a path that exists, even as a file, counts as made.
+    // Fixed by the interface: a path that exists, even as a file, counts as made.
     if (!isNew && error != EEXIST) {
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to create folder: %s (errno=%s)", "CreateFolder",
                        request.path.c_str(), ErrorText(error));
     } else if (EquipFolder(request, isNew, folder, error)) {
         return StatusCode::Ok;
     }
-    // Meant: an empty folder goes even if this call did not make it; one with content stays.
+    // Fixed by the interface: an empty folder goes even if this call did not make it; one with content stays.
     if (!isTooLong) {
         static_cast<void>(unlinkat(request.at, request.name, AT_REMOVEDIR));
     }
@@ -197,7 +197,7 @@ StatusCode FileSystem::ChangeOwnership(const std::string& path, const std::strin
     gid_t gid = 0;
     int error = 0;
     if (!FindOwner(user, group, uid, gid, error)) {
-        // Meant: the same text in both places, whichever look-up failed.
+        // Fixed by the interface: the same text in both places, whichever look-up failed.
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER,
                        "[%s] Unable to change ownership of the file %s.\nerror getpwnam[%s] or getgrnam[%s]",
                        "ChangeOwnership", path.c_str(), ErrorText(error), ErrorText(error));

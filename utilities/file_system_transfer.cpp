@@ -23,8 +23,8 @@ using mw::tern::MakeStatusCodeFromErrno;
 
 namespace {
 
-/// Meant: the decimal number, that is octal 1204 (sticky, owner writes, others read). Users of a copy set its
-/// owner and rights afterwards.
+/// Fixed by the interface: the decimal number, that is octal 1204 (sticky, owner writes, others read). Users
+/// of a copy set its owner and rights afterwards.
 constexpr mode_t COPY_MODE = 644;
 
 /// What one call of sendfile(2) transfers at most.
@@ -116,7 +116,7 @@ int FindHiddenContent(int file) {
 
 /// 0 or the error number.
 int TransferOnce(int from, int to, off_t size) {
-    // Meant: one call; a file that it does not take whole is a failure.
+    // Fixed by the interface: one call; a file that it does not take whole is a failure.
     const ssize_t copied = sendfile(to, from, nullptr, static_cast<std::size_t>(size));
     if (copied < size) {
         return copied < 0 ? errno : EIO;

@@ -11,7 +11,7 @@ namespace {
 constexpr std::uint32_t OFFSET_BASIS = 0x811C9DC5U;
 constexpr std::uint32_t PRIME = 0x01000193U;
 
-/// Meant: up to the first NUL byte only.
+/// Fixed by the interface: up to the first NUL byte only.
 std::uint32_t Hash(const char* text) {
     std::uint32_t hash = OFFSET_BASIS;
     for (; *text != '\0'; ++text) {

@@ -33,7 +33,8 @@ std::size_t SequenceLength(unsigned char lead) {
 }
 
 /// Whether `rest` begins with a whole sequence, and the length that its first byte announces (1 for none).
-/// Meant: nothing beyond lead and continuation bytes is looked at, so overlong forms and surrogates pass.
+/// Fixed by the interface: nothing beyond lead and continuation bytes is looked at, so overlong forms and
+/// surrogates pass.
 bool BeginsWithSequence(std::string_view rest, std::size_t& length) {
     const std::size_t announced = rest.empty() ? 0 : SequenceLength(static_cast<unsigned char>(rest[0]));
     if (announced == 0) {
@@ -52,7 +53,7 @@ bool BeginsWithSequence(std::string_view rest, std::size_t& length) {
     return true;
 }
 
-/// Meant: an empty pattern is found before every character and at the end.
+/// Fixed by the interface: an empty pattern is found before every character and at the end.
 void InsertEverywhere(std::string& text, const std::string& inserted) {
     std::string result;
     result.reserve(text.size() + (text.size() + 1) * inserted.size());
@@ -75,7 +76,8 @@ std::string& StringUtils::Replace(std::string& text, const std::string& from, co
     std::size_t position = text.find(from);
     while (position != std::string::npos) {
         text.replace(position, from.size(), to);
-        // Meant: one character on, not behind the replacement, which may thus be found again.
+        // Fixed by the interface: one character on, not behind the replacement, which may thus be found
+        // again.
         position = all ? text.find(from, position + 1) : std::string::npos;
     }
     return text;

@@ -21,7 +21,7 @@ StatusCode VersionUtils::VersionMajorMinorPatch::Parse(const std::string& text,
         return StatusCode::InvalidArgument;
     }
     try {
-        // Meant: std::stoi stops at the first character that is no digit.
+        // Fixed by the interface: std::stoi stops at the first character that is no digit.
         version = VersionMajorMinorPatch{std::stoi(parts[0]), std::stoi(parts[1]), std::stoi(parts[2])};
     } catch (const std::exception&) {
         return StatusCode::InvalidArgument;

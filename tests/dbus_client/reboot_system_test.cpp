@@ -99,7 +99,7 @@ TEST_F(RebootSystemTest, AnswerTrueIsLogged) {
     EXPECT_THAT(log.Entries(), ElementsAre(Info("Service", "[Reboot] CallMethod returns true")));
 }
 
-// Meant: the service has answered, and that is all that the result tells.
+// The service has answered: the result says no more than that.
 TEST_F(RebootSystemTest, AnswerFalseIsLoggedAndASuccessAsWell) {
     const DeviceManagement device(Bool(false));
     EXPECT_EQ(reboot.Execute(), StatusCode::Ok);

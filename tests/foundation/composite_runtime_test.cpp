@@ -153,7 +153,7 @@ TEST_F(CompositeRuntimeTest, FailedStartNamesTheMemberAndIsResumedThere) {
     EXPECT_THAT(calls, ElementsAre("a.Start", "b.Start", "c.Start", "c.Start"));
 }
 
-// Meant: the order of the two is the caller's to keep.
+// Fixed by the interface: the order of the two is the caller's to keep.
 TEST_F(CompositeRuntimeTest, StartDoesNotAskForInitialize) {
     CompositeRuntime group{&a};
     EXPECT_EQ(group.Start(), StatusCode::Ok);

@@ -219,7 +219,7 @@ TEST(LifecycleInterface, FailedStartCanBeTriedAgain) {
     EXPECT_EQ(machine.GetLastContinuousSuccessfulStep(), LifecycleStep::Stop);
 }
 
-// Meant: what has not started has nothing to stop.
+// What has not started has nothing to stop.
 TEST(LifecycleInterface, StopIsRefusedBeforeStartWhenNothingFailed) {
     Machine machine;
     machine.Configure();
@@ -244,7 +244,7 @@ TEST(LifecycleInterface, FailedStopCanBeTriedAgain) {
     EXPECT_EQ(machine.calls.size(), 5U) << "a Stop after the successful one ran";
 }
 
-// Meant: the failure stays on record, and it is what allows a Stop.
+// Fixed by the interface: the failure stays on record, and it is what allows a Stop.
 TEST(LifecycleInterface, StopIsRepeatedWhileAFailureIsOnRecord) {
     Machine machine;
     machine.answers[LifecycleStep::Configure] = StatusCode::Failure;
@@ -255,7 +255,7 @@ TEST(LifecycleInterface, StopIsRepeatedWhileAFailureIsOnRecord) {
                 ElementsAre(LifecycleStep::Configure, LifecycleStep::Stop, LifecycleStep::Stop));
 }
 
-// Meant: a record is overwritten only by its own step, so the early Stop still counts.
+// Fixed by the interface: a record is overwritten only by its own step, so the early Stop still counts.
 TEST(LifecycleInterface, StopAfterAFailureMakesTheOneAfterTheRepeatRefused) {
     Machine machine;
     machine.answers[LifecycleStep::Configure] = StatusCode::Failure;

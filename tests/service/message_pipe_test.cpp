@@ -144,7 +144,7 @@ TEST(MessagePipe, DestructorClosesBothDescriptors) {
     EXPECT_EQ(CountDescriptors(), before);
 }
 
-// Meant: there is no guard against it.
+// Fixed by the interface: there is no guard against it.
 TEST_F(MessagePipeTest, SecondInitializeMakesANewPipeAndLeavesTheOldOneOpen) {
     Initialize();
     const int oldRead = pipe.GetReadFd();

@@ -105,7 +105,7 @@ TEST(Observer, LogsWhatItDoesNotSupport) {
     EXPECT_THAT(log.Entries(), ElementsAre(text("42"), text("0"), text("-1"), text("-2147483648")));
 }
 
-// Meant: a derived class does not exist yet when this class is constructed.
+// A derived class does not exist yet when this class is constructed.
 TEST(Observer, ConstructorDoesNotCallADerivedInit) {
     Subject subject;
     Listener listener(subject);

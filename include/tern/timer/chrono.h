@@ -27,8 +27,8 @@ public:
     explicit Chrono(const std::string& name);
     virtual ~Chrono();
 
-    /// Begins a measurement and returns its id. Meant: the id is always 0, as one measurement is open at a
-    /// time, and another Start before Stop begins it anew.
+    /// Begins a measurement and returns its id. Fixed by the interface: the id is always 0, as one
+    /// measurement is open at a time, and another Start before Stop begins it anew.
     unsigned int Start();
     /// Ends measurement `id` and adds its whole milliseconds, truncated, to the total; does nothing for an id
     /// that is not being measured. The label only tells the reader what was measured.
