@@ -185,7 +185,7 @@ class Buses(Case):
         with tempfile.TemporaryDirectory() as folder:
             with open(f"{folder}/ssh", "w", encoding="utf-8") as file:
                 file.write(
-                    f'#!/bin/sh\necho "$@" >{folder}/asked\ncase $* in *unreachable*) exit 255 ;; esac\n'
+                    f'#!/bin/sh\necho "$@" >{folder}/asked\nfor a; do echo "$a"; done >{folder}/words\ncase $* in *unreachable*) exit 255 ;; esac\n'
                     f"exec systemd-stdio-bridge -p '{bus.address}'\n"
                 )
             os.chmod(f"{folder}/ssh", 0o700)
@@ -196,6 +196,26 @@ class Buses(Case):
                 self.assertRegex(file.read(), "root@device.*systemd-stdio-bridge")
             result = run(None, "-H", "root@device", "status", "com.example.calm", **there)
             self.check(result, DONE, "(?s).*com.example.calm 1.4.2.*")
+            for command in (
+                ("top", "--count", "1"),
+                ("events", "com.example.calm", "-n", "1"),
+                ("log", "com.example.calm"),
+                ("why", "com.example.calm"),
+                ("log-level", "com.example.calm"),
+                ("chart", "com.example.calm", "1", f"{folder}/a.svg"),
+            ):
+                with self.subTest(command):
+                    self.check(run(None, "-H", "device", *command, **there), DONE, None, None)
+            # As busctl has it: a port, a container; and no word is an option of ssh.
+            for host, words in (
+                ("root@device:2222", ["-p", "2222", "--", "root@device", "systemd-stdio-bridge"]),
+                ("device/box", ["--", "device", "systemd-stdio-bridge", "--machine=box"]),
+                ("-oProxyCommand=x", ["--", "-oProxyCommand=x", "systemd-stdio-bridge"]),
+            ):
+                with self.subTest(host):
+                    self.check(run(None, f"--host={host}", "list", "--names", **there), DONE, "com.example.calm\n")
+                    with open(f"{folder}/words", encoding="utf-8") as file:
+                        self.assertEqual(file.read().splitlines()[-len(words) :], words)
             self.check(
                 run(None, "--host", "unreachable", "list", **there),
                 FAILED,
