@@ -89,6 +89,12 @@ std::string WordsOf(const FlightDoing& doing) {
     return "in " + doing.event + name;
 }
 
+/// Of what is going on now, and of what that is a part of.
+std::string WordsOf(const std::vector<FlightDoing>& doing) {
+    const std::string words = WordsOf(doing.back());
+    return doing.size() == 1 ? words : words + ", " + WordsOf(doing.front());
+}
+
 class Examination {
 public:
     Examination(const Flight& flight, std::uint64_t seenNs)
@@ -166,8 +172,8 @@ private:
         for (const FlightThread& thread : mFlight.threads) {
             if (thread.watchName == blocked->name && !thread.doing.empty()) {
                 const FlightDoing& doing = thread.doing.back();
-                sentence +=
-                    "; it had been " + WordsOf(doing) + " for " + Duration(Since(doing.sinceNs, mLatestNs));
+                sentence += "; it had been " + WordsOf(thread.doing) + " for " +
+                            Duration(Since(doing.sinceNs, mLatestNs));
                 break;
             }
         }
@@ -206,8 +212,9 @@ private:
                     : "The watched thread " + Quoted(thread.watchName);
             const std::uint64_t least = Since(doing.sinceNs, mLatestNs);
             const std::uint64_t most = Since(doing.sinceNs, mSeenNs);
-            std::string sentence =
-                who + " was " + WordsOf(doing) + " when it ended, for " + Duration(least) + " at least";
+            std::string sentence = who + " was " + WordsOf(thread.doing) +
+                                   (thread.doing.size() > 1 ? "," : "") + " when it ended, for " +
+                                   Duration(least) + " at least";
             if (most > least) {
                 sentence += " and " + Duration(most) + " at most";
             }

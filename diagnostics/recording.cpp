@@ -385,21 +385,13 @@ std::uint16_t Recording::Intern(std::string_view name) noexcept {
     return gRing.Intern(name);
 }
 
-void Recording::RecordCallBegan(std::uint16_t name) noexcept {
-    if (!IsOn()) {
-        return;
-    }
-    const std::uint64_t ticks = gRing.Ticks();
+void Recording::RecordCallBegan(std::uint16_t name, std::uint64_t ticks) noexcept {
     const std::uint16_t number = OwnThread();
     EnterDoing(number, Event::CallBegan, name, nullptr, ticks);
     gRing.Write(ticks, Event::CallBegan, number, name, 0);
 }
 
-void Recording::RecordCallEnded(std::uint16_t name) noexcept {
-    if (!IsOn()) {
-        return;
-    }
-    const std::uint64_t ticks = gRing.Ticks();
+void Recording::RecordCallEnded(std::uint16_t name, std::uint64_t ticks) noexcept {
     const std::uint16_t number = OwnThread();
     gRing.Write(ticks, Event::CallEnded, number, name, LeaveDoing(number, Event::CallBegan, ticks));
 }
