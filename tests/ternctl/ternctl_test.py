@@ -308,7 +308,7 @@ CALM_PAGE = """\
   Former life stopped, 1 restart: see ternctl why
   D-Bus       thread 4711, handled 1.23 M, turns 2.35 M, longest turn 12.3 ms
               idle
-              watchdog 30.0 s, smallest margin 14.9 s
+              watchdog 30.0 s, smallest margin 7.40 s
   Connection  :1.42, in 0, out 0, jobs 0, calls open 1, pending 2, objects 3
   Recorder    2500 events, keeps 2048 in 108.0 KiB, stored
   Threads            ID  STATE     NAME
