@@ -8,6 +8,7 @@
 #include <tern/threading/thread_manager.h>
 #include <tern/threading/threads_monitor.h>
 
+#include <atomic>
 #include <thread>
 
 #include "../scenario.h"
@@ -33,7 +34,12 @@ public:
     void Start() {
         mThread = std::thread([this] { Run(); });
     }
+    /// By the monitor.
     void Stop() override {
+        Promise(!mHasLeft, "one that has taken its registration back is not stopped any more");
+        StopByOwner();
+    }
+    void StopByOwner() {
         const Lock lock(mMutex);
         mIsStopped = true;
         mChanged.NotifyAll();
@@ -57,12 +63,14 @@ private:
             }
         }
         NotifyStopped();
+        mHasLeft = true;
     }
 
     const Course mCourse;
     Mutex mMutex;
     ConditionVariable mChanged;
     bool mIsStopped = false;
+    std::atomic<bool> mHasLeft{false};
     std::thread mThread;
 };
 
@@ -107,8 +115,8 @@ void RunService(Course first, Course second, bool terminate, bool hasFailed) {
         }
         loop.Join();
         // One that registered late was not among those that the monitor stopped.
-        one.Stop();
-        other.Stop();
+        one.StopByOwner();
+        other.StopByOwner();
         one.Join();
         other.Join();
     }
@@ -151,8 +159,8 @@ TERN_SCENARIO(monitor_done, "a worker is done and has the loop end, while anothe
         done.join();
         loop.Terminate();
         loop.Join();
-        one.Stop();
-        other.Stop();
+        one.StopByOwner();
+        other.StopByOwner();
         one.Join();
         other.Join();
     }
@@ -171,7 +179,7 @@ TERN_SCENARIO(monitor_loop_has_ended, "workers that fail when the loop's thread 
     one.Start();
     innocent.join();
     const Stopping stopping;
-    one.Stop();
+    one.StopByOwner();
     one.Join();
     Promise(monitor.HasFailure(), "the failure is known all the same");
 }

@@ -82,7 +82,6 @@ TERN_SCENARIO(queued_wake_up_before_start, "a wake-up before the start is follow
     Signals signals;
     ThreadsMonitor monitor(signals);
     Executor executor;
-    std::atomic<bool> hasRun{false};
     Component component("Queued", "queued", monitor, executor);
     executor.inRun = [&] { component.Stop(); };
     component.WakeUp();
@@ -163,6 +162,29 @@ TERN_SCENARIO(queued_destroyed_in_run, "the run destroys the component while the
     int signal = 0;
     sigwait(&stop, &signal);
     Promise(isGone && monitor.HasFailure(), "what the run throws is known");
+}
+
+// A wake-up for no reason would have it destroyed before the call that is about to wake it.
+TERN_SCENARIO(queued_destroyed_by_woken_run, "the run destroys the component that a call still wakes",
+              .limits = {.pointsAfterUnlock = true, .spuriousWakeUps = false}) {
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    Executor executor;
+    auto component = std::make_unique<Component>("Queued", "queued", monitor, executor);
+    executor.inRun = [&] {
+        component.reset();
+        throw std::runtime_error("the run has ended itself");
+    };
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    monitor.SetDBusThreadId(pthread_self());
+    Promise(component->Start() == StatusCode::Ok, "it starts");
+    component->WakeUp();
+    int signal = 0;
+    sigwait(&stop, &signal);
+    Promise(component == nullptr && monitor.HasFailure(), "what the run throws is known");
 }
 
 TERN_SCENARIO(queued_refuses, "an Initialize that fails, and a second start") {

@@ -104,7 +104,9 @@ TERN_SCENARIO(watcher_direct, "TaskWatch called by hand returns after a stop") {
     other.join();
 }
 
-TERN_SCENARIO(watcher_reports, "threads that report in time are left alone, however long it takes") {
+// Nine seconds of sleep and a period of five: eleven more and they would be taken as blocked, rightly.
+TERN_SCENARIO(watcher_reports, "threads that report in time are left alone, however long it takes",
+              .limits = {.heldUpMilliseconds = 10000}) {
     Signals signals;
     ThreadsMonitor monitor(signals);
     ThreadsWatcher watcher(monitor);
