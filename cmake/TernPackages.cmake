@@ -162,7 +162,8 @@ type that the typed layer carries, and a client that is made of XML.")
 
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS "libtern-dbus-typed0 ${same_version}")
+set(CPACK_DEBIAN_TERNCTL_PACKAGE_DEPENDS
+  "libtern-dbus-typed0 ${same_version}, libtern-diagnostics0 ${same_version}")
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SUGGESTS "bash-completion, openssh-client")
 set(CPACK_DEBIAN_TERNCTL_DESCRIPTION "looks into services on the system D-Bus
 What the services built on libtern-dbus-service are doing, live or as a
@@ -171,8 +172,9 @@ restarted, and the thresholds of their logs, here or over ssh.")
 
 set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_DEPENDS "libtern-dbus-service0 ${same_version}, dbus | dbus-system-bus, \
-systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_DEPENDS "libtern-dbus-service0 ${same_version}, libtern-dbus-typed0 ${same_version}, \
+libtern-diagnostics0 ${same_version}, dbus | dbus-system-bus, systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_THERMOSTAT_PACKAGE_SUGGESTS ternctl)
 set(CPACK_DEBIAN_THERMOSTAT_DESCRIPTION "example extension on the system D-Bus
 A thermostat that heats a simulated room: an extension built on
 libtern-dbus-service with its unit, bus policy and command-line client.")

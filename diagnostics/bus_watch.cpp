@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <new>
 
 #include "diagnostics/clean_text.h"
 #include "diagnostics/process_facts.h"
@@ -181,10 +182,15 @@ std::size_t BusWatch::FindMember(std::string_view prefix, std::string_view inter
     if (mMembers.size() > MEMBERS) {
         return 0;
     }
-    Member added;
-    added.hash = hash;
-    added.name.append(prefix).append(interface).append(member.empty() ? "" : ".").append(member);
-    mMembers.push_back(std::move(added));
+    // Called by sd-bus, which nothing may be thrown through.
+    try {
+        Member added;
+        added.hash = hash;
+        added.name.append(prefix).append(interface).append(member.empty() ? "" : ".").append(member);
+        mMembers.push_back(std::move(added));
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
     mPlaces[place] = static_cast<std::uint16_t>(mMembers.size() - 1);
     return mPlaces[place];
 }

@@ -89,17 +89,30 @@ std::string WordsOf(const FlightDoing& doing) {
     return "in " + doing.event + name;
 }
 
+/// A thread, as the subject of a sentence.
+std::string NameOf(const FlightThread& thread) {
+    if (thread.isBusThread) {
+        return "the D-Bus thread";
+    }
+    return thread.watchName.empty()
+               ? "the thread " + Quoted(thread.name) + " (" + std::to_string(thread.id) + ")"
+               : "the watched thread " + Quoted(thread.watchName);
+}
+
 class Examination {
 public:
     Examination(const Flight& flight, std::uint64_t seenNs)
         : mFlight(flight), mLatestNs(flight.latestNs), mSeenNs(std::max(seenNs, flight.latestNs)) {}
 
     Diagnosis Run() {
-        if (!FindException() && !FindLostBus() && !FindOrderlyEnd() && !FindBlocked() && !FindHanging()) {
+        if (!FindException() && !FindLostBus() && !FindOrderlyEnd() && !FindBlocked() && !FindHanging() &&
+            !FindUnfinished()) {
             Say("cut-off",
                 "It just ended, without a word: no thread was in anything for long, no exception was seen, "
                 "and nobody was "
                 "about to kill it. A signal from outside, a crash or the power may have been the cause.");
+            AddDoings();
+            AddUnfinished();
         }
         AddTimes();
         AddMessages();
@@ -129,10 +142,17 @@ private:
         }
         const auto found = std::find_if(mFlight.messages.rbegin(), mFlight.messages.rend(),
                                         [](const FlightMessage& message) { return message.isException; });
-        Say("exception", "An exception ended it: " +
-                             (found == mFlight.messages.rend() ? std::string("of a type that is not known")
-                                                               : found->text) +
-                             ".");
+        const bool isKnown = found != mFlight.messages.rend();
+        std::string sentence = "An exception ended it: ";
+        sentence += isKnown ? found->text : std::string("of a type that is not known");
+        for (const FlightThread& thread : mFlight.threads) {
+            // One that was caught has let its thread end.
+            if (isKnown && thread.id == found->threadId && !thread.doing.empty()) {
+                sentence += "; " + NameOf(thread) + " was " + WordsOf(thread.doing.back());
+                break;
+            }
+        }
+        Say("exception", sentence + ".");
         return true;
     }
 
@@ -175,18 +195,25 @@ private:
         return true;
     }
 
-    bool IsHanging(const FlightThread& thread, const FlightDoing& doing) const {
+    bool IsLong(std::uint64_t sinceNs, bool isBusThread) const {
         // A thread's loop that has systemd's watchdog fed is not waited for longer than its period.
-        const std::uint64_t longest = Since(doing.sinceNs, mSeenNs);
-        return Since(doing.sinceNs, mLatestNs) >= HANGING_NS || longest >= PERHAPS_HANGING_NS ||
-               (thread.isBusThread && mFlight.watchdogNs > 0 && longest >= mFlight.watchdogNs / 2);
+        const std::uint64_t longest = Since(sinceNs, mSeenNs);
+        return Since(sinceNs, mLatestNs) >= HANGING_NS || longest >= PERHAPS_HANGING_NS ||
+               (isBusThread && mFlight.watchdogNs > 0 && longest >= mFlight.watchdogNs / 2);
+    }
+
+    /// "9.0 s at least and 11.0 s at most".
+    std::string Span(std::uint64_t sinceNs) const {
+        const std::uint64_t least = Since(sinceNs, mLatestNs);
+        const std::uint64_t most = Since(sinceNs, mSeenNs);
+        return Duration(least) + " at least" + (most > least ? " and " + Duration(most) + " at most" : "");
     }
 
     /// Each thread that hung, the one that had done so for the longest time first.
     bool FindHanging() {
         std::vector<const FlightThread*> hanging;
         for (const FlightThread& thread : mFlight.threads) {
-            if (!thread.doing.empty() && IsHanging(thread, thread.doing.back())) {
+            if (!thread.doing.empty() && IsLong(thread.doing.back().sinceNs, thread.isBusThread)) {
                 hanging.push_back(&thread);
             }
         }
@@ -199,21 +226,64 @@ private:
         for (std::size_t i = 0; i < std::min(hanging.size(), MOST); ++i) {
             const FlightThread& thread = *hanging[i];
             const FlightDoing& doing = thread.doing.back();
-            const std::string who =
-                thread.isBusThread ? std::string("The D-Bus thread")
-                : thread.watchName.empty()
-                    ? "The thread " + Quoted(thread.name) + " (" + std::to_string(thread.id) + ")"
-                    : "The watched thread " + Quoted(thread.watchName);
-            const std::uint64_t least = Since(doing.sinceNs, mLatestNs);
-            const std::uint64_t most = Since(doing.sinceNs, mSeenNs);
-            std::string sentence =
-                who + " was " + WordsOf(doing) + " when it ended, for " + Duration(least) + " at least";
-            if (most > least) {
-                sentence += " and " + Duration(most) + " at most";
-            }
-            Say("hanging", sentence + ".");
+            Say("hanging", "T" + NameOf(thread).substr(1) + " was " + WordsOf(doing) +
+                               " when it ended, for " + Span(doing.sinceNs) + ".");
         }
         return !hanging.empty();
+    }
+
+    /// When the service began to start, where it never ran, or to stop; null for neither. `words` says which.
+    const FlightEvent* GetUnfinished(const char*& words) const {
+        const auto state =
+            std::find_if(mFlight.events.rbegin(), mFlight.events.rend(),
+                         [](const FlightEvent& event) { return event.event == "state_changed"; });
+        if (state == mFlight.events.rend() || (state->name != "starting" && state->name != "stopping")) {
+            return nullptr;
+        }
+        words = state->name == "starting" ? "It had not finished its start when it ended"
+                                          : "It had not finished its stop when it ended";
+        return &*state;
+    }
+
+    bool FindUnfinished() {
+        const char* words = nullptr;
+        const FlightEvent* const state = GetUnfinished(words);
+        if (state == nullptr || !IsLong(state->monotonicNs, true)) {
+            return false;
+        }
+        Say("hanging", words + (", after " + Span(state->monotonicNs)) + ".");
+        AddDoings();
+        return true;
+    }
+
+    void AddUnfinished() {
+        const char* words = nullptr;
+        if (GetUnfinished(words) != nullptr) {
+            mDiagnosis.sentences.push_back(words + std::string("."));
+        }
+    }
+
+    /// What the threads were in at the last moment, the latest first: where a crash has most likely been, and
+    /// what a start or stop waited for.
+    void AddDoings() {
+        std::vector<const FlightThread*> busy;
+        for (const FlightThread& thread : mFlight.threads) {
+            if (!thread.doing.empty()) {
+                busy.push_back(&thread);
+            }
+        }
+        std::sort(busy.begin(), busy.end(), [](const FlightThread* a, const FlightThread* b) {
+            return a->doing.back().sinceNs > b->doing.back().sinceNs;
+        });
+        constexpr std::size_t MOST = 3;
+        std::string sentence;
+        for (std::size_t i = 0; i < std::min(busy.size(), MOST); ++i) {
+            sentence += (i == 0 ? "When it was last heard of, " : "; ") + NameOf(*busy[i]) + " was " +
+                        WordsOf(busy[i]->doing.back());
+        }
+        if (!sentence.empty()) {
+            mDiagnosis.sentences.push_back(sentence + ".");
+        }
     }
 
     void AddTimes() {

@@ -188,8 +188,8 @@ ProcessFigures DiagnosticsInterface::GetProcess() const {
     process.version = mVersion;
     process.libraryVersion = TERN_VERSION;
     process.startedAtUs = mStartedAtUs;
-    const std::uint64_t nowUs = NanosecondsOf(CLOCK_REALTIME) / NS_PER_US;
-    process.uptimeUs = nowUs - std::min(nowUs, mStartedAtUs);
+    // Not by the time of day, which may have been set since.
+    process.uptimeUs = ReadProcessUptimeNs() / NS_PER_US;
     process.processorUs = NanosecondsOf(CLOCK_PROCESS_CPUTIME_ID) / NS_PER_US;
     const ProcessSizes sizes = ReadProcessSizes();
     process.memoryBytes = sizes.residentBytes;
@@ -272,6 +272,8 @@ Outcome<DiagnosticsInterface::Events> DiagnosticsInterface::GetEvents(std::uint6
     if (!Recording::GetRing()) {
         return NotRecording();
     }
+    // The time of day may have been set since the last time that was noted.
+    Recording::GetRing().Calibrate();
     const auto flight = RingReader::Read(Recorder::GetFd());
     if (!flight.IsOk()) {
         return flight.GetError();
@@ -289,7 +291,7 @@ Outcome<DiagnosticsInterface::Events> DiagnosticsInterface::GetEvents(std::uint6
         if (events.size() == room) {
             break;
         }
-        if (events.empty() && begin > 0) {
+        if (events.empty()) {
             lost = event.sequence - begin - 1;
         }
         const auto realtimeNs =

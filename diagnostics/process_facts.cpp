@@ -49,7 +49,7 @@ std::string_view BehindName(std::string_view stat) {
 
 }  // namespace
 
-std::uint64_t ReadProcessStartedNs() {
+std::uint64_t ReadProcessUptimeNs() {
     const std::string stat = ReadSmallFile("/proc/self/stat");
     std::string_view fields = BehindName(stat);
     // The state is field 3, the start field 22.
@@ -59,7 +59,13 @@ std::uint64_t ReadProcessStartedNs() {
     const auto ticksPerSecond = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
     const std::uint64_t sinceBoot = ParseNumber(fields) * (1000000000U / ticksPerSecond);
     const std::uint64_t uptime = NanosecondsOf(CLOCK_BOOTTIME);
-    return fields.empty() || sinceBoot > uptime ? 0 : NanosecondsOf(CLOCK_REALTIME) - (uptime - sinceBoot);
+    return fields.empty() || sinceBoot > uptime ? 0 : uptime - sinceBoot;
+}
+
+std::uint64_t ReadProcessStartedNs() {
+    const std::uint64_t uptime = ReadProcessUptimeNs();
+    const std::uint64_t now = NanosecondsOf(CLOCK_REALTIME);
+    return uptime == 0 || uptime > now ? 0 : now - uptime;
 }
 
 std::string ReadBootId() {

@@ -7,7 +7,9 @@ namespace mwl::Diagnostics {
 
 // What the system knows of this process, read from /proc; 0 or empty where it does not tell.
 
-/// The start of the process, CLOCK_REALTIME, nanoseconds, to a hundredth of a second.
+/// Since the start of the process, by a clock that nobody sets, nanoseconds, to a hundredth of a second.
+std::uint64_t ReadProcessUptimeNs();
+/// The start of the process by CLOCK_REALTIME as it is set now, likewise.
 std::uint64_t ReadProcessStartedNs();
 /// /proc/sys/kernel/random/boot_id, without the newline.
 std::string ReadBootId();

@@ -62,7 +62,8 @@ StatusCode Recorder::Begin(const RecorderOptions& options) {
     if (status != StatusCode::Ok) {
         TERN_LOG_ERROR(LOGGER, "The flight recorder's memory cannot be made: %s (%d)", ErrorText(error),
                        error);
-    } else if (options.isKept) {
+    } else if (options.isKept && !Recording::IsChildOfOne()) {
+        // What a child of the service left with systemd would be in the place of the service's own.
         HandOn(handedOn, GetFd());
     }
     return status;

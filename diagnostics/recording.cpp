@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -66,44 +67,58 @@ constinit ObjectTable gObjects;
 constinit std::atomic<bool> gIsOn{false};
 constinit std::atomic<bool> gHasFailed{false};
 constinit std::atomic<int> gForks{0};
+constinit std::atomic<bool> gIsOfRecording{false};
 /// What the threads are in, beside the ring's own table: an address is nobody else's business.
 constinit std::array<std::array<std::atomic<const void*>, Format::Thread::DEEPEST>, Format::THREADS> gDoing{};
 
 /// No entry yet, and none any more.
 constexpr std::uint16_t UNCLAIMED = Format::NO_THREAD - 1;
 
+/// What is known of the calling thread.
+struct OwnThread {
+    std::uint16_t number = UNCLAIMED;  ///< of its entry in the ring
+    std::uint32_t id = 0;              ///< the kernel's; known once the entry is claimed
+};
+
 // By the program's initial block, which is found without a call.
-__attribute__((tls_model("initial-exec"))) constinit thread_local std::uint16_t tThread = UNCLAIMED;
+__attribute__((tls_model("initial-exec"))) constinit thread_local OwnThread tThread{};
+
+/// What has the entry is in nothing any more.
+void ForgetDoing(std::uint16_t number) noexcept {
+    for (std::atomic<const void*>& object : gDoing[number]) {
+        object.store(nullptr, std::memory_order_relaxed);
+    }
+}
 
 /// Gives the thread's entry back when it ends.
 struct ThreadEntry {
     ~ThreadEntry() {
-        const std::uint16_t number = std::exchange(tThread, Format::NO_THREAD);
+        const std::uint16_t number = std::exchange(tThread.number, Format::NO_THREAD);
         if (number < Format::THREADS && gRing) {
+            ForgetDoing(number);
             gRing.ReleaseThread(number);
         }
     }
     bool isClaimed = false;  ///< to have it made
 };
 
-[[gnu::noinline, gnu::cold]] std::uint16_t ClaimThread() noexcept {
+[[gnu::noinline, gnu::cold]] void ClaimThread() noexcept {
     thread_local ThreadEntry entry;
     std::array<char, 16> name{};
     static_cast<void>(prctl(PR_GET_NAME, name.data()));  // cannot fail with a valid address
     entry.isClaimed = true;
-    const std::uint16_t number = gRing.ClaimThread(static_cast<std::uint32_t>(gettid()), name.data());
-    if (number < Format::THREADS) {
-        for (std::atomic<const void*>& object : gDoing[number]) {
-            object.store(nullptr, std::memory_order_relaxed);
-        }
+    tThread.id = static_cast<std::uint32_t>(gettid());
+    tThread.number = gRing.ClaimThread(tThread.id, name.data());
+    if (tThread.number < Format::THREADS) {
+        ForgetDoing(tThread.number);
     }
-    tThread = number;
-    return number;
 }
 
-inline std::uint16_t OwnThread() noexcept {
-    const std::uint16_t number = tThread;
-    return __builtin_expect(number != UNCLAIMED, 1) ? number : ClaimThread();
+inline OwnThread GetThread() noexcept {
+    if (__builtin_expect(tThread.number == UNCLAIMED, 0)) {
+        ClaimThread();
+    }
+    return tThread;
 }
 
 void StoreLarger(std::atomic<std::uint64_t>& largest, std::uint64_t value) noexcept {
@@ -148,7 +163,8 @@ std::uint64_t LeaveDoing(std::uint16_t number, Event begin, std::uint64_t ticks)
         if ((doing.what.load(std::memory_order_relaxed) & 0xffffU) != static_cast<std::uint64_t>(begin)) {
             return 0;  // it began before recording did
         }
-        duration = ticks - doing.ticks.load(std::memory_order_relaxed);
+        const std::uint64_t since = doing.ticks.load(std::memory_order_relaxed);
+        duration = ticks > since ? ticks - since : 0;  // no clock is trusted never to jump back
         gDoing[number][top].store(nullptr, std::memory_order_relaxed);
     }
     thread.depth.store(top, std::memory_order_release);
@@ -174,12 +190,26 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
     }
 }
 
+/// With the name of its thread, which may have ended when the ring is read; without where there is no room.
+void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
+    std::array<char, 16> name{};
+    static_cast<void>(prctl(PR_GET_NAME, name.data()));  // cannot fail with a valid address
+    std::array<char, Format::Message::LONGEST + 1> line{};
+    const int length =
+        std::snprintf(line.data(), line.size(), "%.*s, in the thread '%s'",
+                      static_cast<int>(std::min(text.size(), line.size())), text.data(), name.data());
+    if (length > 0 && static_cast<std::size_t>(length) < line.size()) {
+        text = line.data();
+    }
+    gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true, thread);
+}
+
 [[gnu::noinline, gnu::cold]] void OnRare(Event event, const void* object, std::uint64_t value,
                                          const char* name, std::uint64_t ticks) noexcept {
     const std::string_view text = name == nullptr ? std::string_view() : name;
     const std::uint16_t nameId = text.empty() ? Format::NO_NAME : gRing.Intern(text);
-    const std::uint16_t number = OwnThread();
-    const bool hasEntry = number < Format::THREADS;
+    const OwnThread own = GetThread();
+    const bool hasEntry = own.number < Format::THREADS;
     switch (event) {
         case Event::ObjectMade:
             // A supervised thread has no figures, and may have the address of the component that it belongs
@@ -194,16 +224,20 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
             }
             return;
         case Event::WatchBegan:
+            // Its silence counts from here, also if it never reports.
+            if (Row* const row = gObjects.Find(object)) {
+                row->largest.store(ticks, std::memory_order_relaxed);
+            }
             if (hasEntry) {
-                Format::Thread& thread = gRing.GetThread(number);
+                Format::Thread& thread = gRing.GetThread(own.number);
                 thread.watchNs.store(value, std::memory_order_relaxed);
                 thread.reportedTicks.store(ticks, std::memory_order_relaxed);
                 thread.watchName.store(nameId, std::memory_order_release);
             }
             break;
         case Event::WatchEnded:
-            if (hasEntry && gRing.GetThread(number).watchName.load(std::memory_order_relaxed) == nameId) {
-                gRing.GetThread(number).watchName.store(Format::NO_NAME, std::memory_order_relaxed);
+            if (hasEntry && gRing.GetThread(own.number).watchName.load(std::memory_order_relaxed) == nameId) {
+                gRing.GetThread(own.number).watchName.store(Format::NO_NAME, std::memory_order_relaxed);
             }
             break;
         case Event::StateChanged:
@@ -213,13 +247,12 @@ void Count(Row& row, const Rule& rule, std::uint64_t value) noexcept {
             break;
         case Event::Thrown:
             gHasFailed.store(true, std::memory_order_relaxed);
-            gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true,
-                               static_cast<std::uint32_t>(gettid()));
+            WriteThrown(text, own.id);
             break;
         default:
             break;
     }
-    gRing.Write(ticks, event, number, nameId, value);
+    gRing.Write(ticks, event, own.id, nameId, value);
     // Rare and telling: the clocks as well.
     gRing.Calibrate();
 }
@@ -232,21 +265,21 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
         return;
     }
     Row* const row = gObjects.Find(object);
-    const std::uint16_t number = OwnThread();
+    const OwnThread own = GetThread();
     if (rule.kind == Rule::Kind::Report) {
         if (row != nullptr) {
             row->largest.store(ticks, std::memory_order_relaxed);
         }
-        if (number < Format::THREADS) {
-            gRing.GetThread(number).reportedTicks.store(ticks, std::memory_order_relaxed);
+        if (own.number < Format::THREADS) {
+            gRing.GetThread(own.number).reportedTicks.store(ticks, std::memory_order_relaxed);
         }
         return;
     }
     const std::uint16_t nameId = row == nullptr ? Format::NO_NAME : row->name.load(std::memory_order_relaxed);
     if (rule.kind == Rule::Kind::Begin) {
-        EnterDoing(number, event, nameId, object, ticks);
+        EnterDoing(own.number, event, nameId, object, ticks);
     } else if (rule.kind == Rule::Kind::End) {
-        value = LeaveDoing(number, rule.begin, ticks);
+        value = LeaveDoing(own.number, rule.begin, ticks);
     }
     if (row != nullptr) {
         Count(*row, rule, value);
@@ -259,7 +292,7 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
             StoreLarger(row->longest, value);
         }
     }
-    gRing.Write(ticks, event, number, nameId, value);
+    gRing.Write(ticks, event, own.id, nameId, value);
 }
 
 constexpr Tell::Listener LISTENER{Tell::Listener::VERSION, &OnEvent};
@@ -268,10 +301,9 @@ void OnMessage(TernLogLevel level, const char* text, std::size_t length) noexcep
     if (!gIsOn.load(std::memory_order_acquire) || gForks.load(std::memory_order_relaxed) != 0) {
         return;
     }
-    gRing.WriteMessage(static_cast<unsigned>(level), std::string_view(text, length), false,
-                       static_cast<std::uint32_t>(gettid()));
-    gRing.Write(gRing.Ticks(), Event::Message, OwnThread(), Format::NO_NAME,
-                static_cast<std::uint64_t>(level));
+    const std::uint32_t id = GetThread().id;
+    gRing.WriteMessage(static_cast<unsigned>(level), std::string_view(text, length), false, id);
+    gRing.Write(gRing.Ticks(), Event::Message, id, Format::NO_NAME, static_cast<std::uint64_t>(level));
     gRing.Calibrate();
 }
 
@@ -290,15 +322,40 @@ void AfterForkInParent() {
 }
 
 void AfterForkInChild() {
+    // A child of one that never recorded may be the service itself, which its parent only started.
+    gIsOfRecording = gIsOfRecording || gRing;
     gIsOn = false;
+    gHasFailed = false;
     gForks = 0;
-    tThread = UNCLAIMED;
+    tThread = {};
+    for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
+        ForgetDoing(number);
+    }
     gRing.Forget();
 }
 
+#ifdef __GLIBC__
+void MarkOrderlyEnd(int status, void*) {
+    if (status != EXIT_SUCCESS) {
+        gHasFailed = true;
+    }
+    Recording::Stop();
+}
+
+// Without it an orderly end looks like a sudden one.
+void RegisterEnd() {
+    static_cast<void>(on_exit(MarkOrderlyEnd, nullptr));
+}
+#else
 void MarkOrderlyEnd() {
     Recording::Stop();
 }
+
+// The same; only the C library above tells the exit status.
+void RegisterEnd() {
+    static_cast<void>(std::atexit(MarkOrderlyEnd));
+}
+#endif
 
 }  // namespace
 
@@ -321,7 +378,7 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
             return mw::tern::MakeStatusCodeFromErrno(error);
         }
         isRegistered = true;
-        static_cast<void>(std::atexit(MarkOrderlyEnd));  // without it an orderly end looks like a sudden one
+        RegisterEnd();
     }
     // What exists has its rows when its first event comes.
     struct Seed {
@@ -373,6 +430,10 @@ bool Recording::IsOn() noexcept {
     return gIsOn.load(std::memory_order_acquire);
 }
 
+bool Recording::IsChildOfOne() noexcept {
+    return gIsOfRecording.load(std::memory_order_relaxed);
+}
+
 Ring& Recording::GetRing() noexcept {
     return gRing;
 }
@@ -390,9 +451,9 @@ void Recording::RecordCallBegan(std::uint16_t name) noexcept {
         return;
     }
     const std::uint64_t ticks = gRing.Ticks();
-    const std::uint16_t number = OwnThread();
-    EnterDoing(number, Event::CallBegan, name, nullptr, ticks);
-    gRing.Write(ticks, Event::CallBegan, number, name, 0);
+    const OwnThread own = GetThread();
+    EnterDoing(own.number, Event::CallBegan, name, nullptr, ticks);
+    gRing.Write(ticks, Event::CallBegan, own.id, name, 0);
 }
 
 void Recording::RecordCallEnded(std::uint16_t name) noexcept {
@@ -400,13 +461,13 @@ void Recording::RecordCallEnded(std::uint16_t name) noexcept {
         return;
     }
     const std::uint64_t ticks = gRing.Ticks();
-    const std::uint16_t number = OwnThread();
-    gRing.Write(ticks, Event::CallEnded, number, name, LeaveDoing(number, Event::CallBegan, ticks));
+    const OwnThread own = GetThread();
+    gRing.Write(ticks, Event::CallEnded, own.id, name, LeaveDoing(own.number, Event::CallBegan, ticks));
 }
 
 void Recording::SetBusThread() noexcept {
     if (IsOn()) {
-        gRing.SetBusThread(OwnThread());
+        gRing.SetBusThread(GetThread().number);
     }
 }
 

@@ -21,6 +21,8 @@ public:
     /// Listens no more and marks the end. One thread at a time.
     static void Stop() noexcept;
     static bool IsOn() noexcept;
+    /// Whether this process was forked by one that has recorded: it is not the service that systemd knows.
+    static bool IsChildOfOne() noexcept;
 
     /// REQUIRES of the following: Start has succeeded once in this process.
     static Ring& GetRing() noexcept;

@@ -62,16 +62,16 @@ public:
     Format::Thread& GetThread(std::uint16_t number) const noexcept { return mThreads[number]; }
     void SetBusThread(std::uint16_t number) noexcept;
 
-    /// Appends an event.
-    void Write(std::uint64_t ticks, Tell::Event event, std::uint16_t thread, std::uint16_t name,
+    /// Appends an event of the thread with this id, the kernel's.
+    void Write(std::uint64_t ticks, Tell::Event event, std::uint32_t threadId, std::uint16_t name,
                std::uint64_t value) noexcept {
         const std::uint64_t index = mHeader->eventHead.fetch_add(1, std::memory_order_relaxed);
         Format::Event& entry = mEvents[index & mMask];
         entry.sequence.store(0, std::memory_order_relaxed);
         // Released, so that nobody sees one of them beside the former sequence number.
         entry.ticks.store(ticks, std::memory_order_release);
-        entry.what.store(static_cast<std::uint64_t>(event) | static_cast<std::uint64_t>(thread) << 16U |
-                             static_cast<std::uint64_t>(name) << 32U,
+        entry.what.store(static_cast<std::uint64_t>(event) | static_cast<std::uint64_t>(name) << 16U |
+                             static_cast<std::uint64_t>(threadId) << 32U,
                          std::memory_order_release);
         entry.value.store(value, std::memory_order_release);
         entry.sequence.store(index + 1, std::memory_order_release);

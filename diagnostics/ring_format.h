@@ -18,7 +18,7 @@ namespace mwl::Diagnostics::Format {
 // and the last that is stored.
 
 inline constexpr std::uint32_t MAGIC = 0x4b435454;  ///< "TTCK" in little endian
-inline constexpr std::uint32_t VERSION = 1;
+inline constexpr std::uint32_t VERSION = 2;
 
 using Word = std::atomic<std::uint64_t>;
 static_assert(sizeof(Word) == 8, "the words of a ring are plain ones");
@@ -127,7 +127,9 @@ inline constexpr std::uint32_t MESSAGES = 100;
 struct Event {
     Word sequence;
     Word ticks;
-    Word what;  ///< event | thread's place << 16 | name << 32
+    /// event | name << 16 | thread << 32; of the thread the kernel's id, as its entry may be another one's by
+    /// now
+    Word what;
     Word value;
 };
 static_assert(sizeof(Event) == 32);

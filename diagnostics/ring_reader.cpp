@@ -68,6 +68,7 @@ public:
         clock.mTicks = first[0];
         clock.mMonotonicNs = first[1];
         clock.mToRealtimeNs = static_cast<std::int64_t>(last[2] - last[1]);
+        clock.mRealtimeJumpedNs = (last[2] - last[1]) - (first[2] - first[1]);
         if (Load32(bytes, offsetof(Header, tickSource)) == TICKS_ARE_COUNTS) {
             // Counters run at some MHz to some GHz.
             constexpr double SLOWEST = 1000;
@@ -99,11 +100,14 @@ public:
                    : mMonotonicNs + since;
     }
     std::int64_t ToRealtimeNs() const { return mToRealtimeNs; }
+    /// How far CLOCK_REALTIME has been set on or back since recording began, modulo 2^64.
+    std::uint64_t GetRealtimeJumpedNs() const { return mRealtimeJumpedNs; }
 
 private:
     std::uint64_t mTicks = 0;
     std::uint64_t mMonotonicNs = 0;
     std::int64_t mToRealtimeNs = 0;
+    std::uint64_t mRealtimeJumpedNs = 0;
     double mNsPerTick = 1;
 };
 
@@ -222,9 +226,9 @@ private:
             FlightEvent event;
             event.sequence = n + 1;
             event.monotonicNs = mClock.Monotonic(Load64(mBytes, at + offsetof(Event, ticks)));
-            event.threadId = ThreadIdOf(what >> 16U & 0xffffU);
+            event.threadId = static_cast<std::uint32_t>(what >> 32U);
             event.event = EventOf(what & 0xffffU);
-            event.name = NameOf(what >> 32U & 0xffffU);
+            event.name = NameOf(what >> 16U & 0xffffU);
             const std::uint64_t value = Load64(mBytes, at + offsetof(Event, value));
             event.value = EndsSomething(event.event) ? mClock.Duration(value) : value;
             Saw(event.monotonicNs);
@@ -277,6 +281,9 @@ Outcome<Flight> ParseCopies(Bytes bytes, Bytes again) {
     flight.version = LoadText(bytes, offsetof(Header, serviceVersion), sizeof(Header::serviceVersion));
     flight.bootId = LoadText(bytes, offsetof(Header, bootId), sizeof(Header::bootId));
     flight.processStartedNs = Load64(bytes, offsetof(Header, processStartedNs));
+    if (flight.processStartedNs > 0) {
+        flight.processStartedNs += clock->GetRealtimeJumpedNs();
+    }
     flight.watchdogNs = Load64(bytes, offsetof(Header, watchdogNs));
     flight.beganNs = Load64(bytes, offsetof(Header, first) + offsetof(Instant, monotonicNs));
     flight.latestNs =

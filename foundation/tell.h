@@ -6,15 +6,13 @@
 #include <cstdint>
 
 #include "foundation/tell_events.h"
-
-#ifdef TERN_STATIC_PROBES
-#include <sys/sdt.h>
-#endif
+#include "platform/static_probe.h"
 
 // The library tells what it does to one listener, if there is one (libtern-diagnostics'). While there is
 // none, a place that tells costs one load and one branch, and evaluates nothing. At each place is a static
-// probe as well, an instruction that does nothing until a tracer is attached: provider "tern", the event's
-// name, two arguments: the object, and the name as a text or 0.
+// probe as well (platform/static_probe.h), of the event's name, with two arguments: the object, and the name
+// as a text or 0. The probes of calls are the typed layer's (typed/call_probe.h), that of messages is the
+// logger's.
 
 namespace mwl::Tell {
 
@@ -52,12 +50,6 @@ inline bool IsOn() noexcept {
 }
 
 }  // namespace mwl::Tell
-
-#ifdef TERN_STATIC_PROBES
-#define TERN_PROBE(probe, object, name) STAP_PROBE2(tern, probe, object, name)
-#else
-#define TERN_PROBE(probe, object, name) static_cast<void>(0)
-#endif
 
 /// Tells of an event: enumerator and name of the event, the object, the value. The value is evaluated only
 /// for a listener, the object perhaps for the probe too: an address that is at hand.

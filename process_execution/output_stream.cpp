@@ -20,6 +20,8 @@ namespace {
 constexpr std::size_t CHUNK = 64UL * 1024;
 /// Bytes until the time limit is looked at again: about a millisecond's worth.
 constexpr std::size_t PASS_LIMIT = 1024UL * 1024;
+/// Bytes that are collected in the string itself.
+constexpr std::size_t STRING_LIMIT = 1024UL * 1024;
 /// Longest piece of a line in the log.
 constexpr std::size_t PIECE = 127;
 /// The log level of the lines.
@@ -28,7 +30,10 @@ constexpr int TRACE_LEVEL = 7;
 }  // namespace
 
 OutputStream::OutputStream(std::string& output)
-    : mOutput(output), mTraced(output.size()), mBuffer(std::make_unique_for_overwrite<char[]>(CHUNK)) {}
+    : mOutput(output),
+      mBegin(output.size()),
+      mTraced(output.size()),
+      mBuffer(std::make_unique_for_overwrite<char[]>(CHUNK)) {}
 
 StatusCode OutputStream::Open(UniqueFd pipe) {
     mStream.reset(fdopen(pipe.Get(), "r"));
@@ -54,11 +59,11 @@ StatusCode OutputStream::Open(UniqueFd pipe) {
 }
 
 void OutputStream::Read(Clock::time_point until) {
-    const std::size_t end = mOutput.size() + PASS_LIMIT;
+    const std::size_t end = GetSize() + PASS_LIMIT;
     // What an earlier call had no time for comes first.
     bool more = TraceLines(false, until);
-    while (more && mFd >= 0 && mOutput.size() < end) {
-        more = ReadChunk(end - mOutput.size());
+    while (more && mFd >= 0 && GetSize() < end) {
+        more = ReadChunk(end - GetSize());
         more = TraceLines(!more, until) && more;
     }
 }
@@ -68,10 +73,11 @@ void OutputStream::ReadRest(Clock::time_point until) {
     if (mFd >= 0) {
         // Not known how much: rather something that is written meanwhile than nothing.
         const bool isKnown = ioctl(mFd, FIONREAD, &available) == 0;
-        const std::size_t end = mOutput.size() + (isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
-        while (mFd >= 0 && mOutput.size() < end && ReadChunk(end - mOutput.size())) {
+        const std::size_t end = GetSize() + (isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
+        while (mFd >= 0 && GetSize() < end && ReadChunk(end - GetSize())) {
         }
     }
+    mPieces.MoveTo(mOutput);
     if (!TraceLines(true, until)) {
         TERN_LOG_TRACE(LOGGER, "Line %d and the following, %zu bytes, are not logged: the time is up", mLine,
                        mOutput.size() - mTraced);
@@ -79,12 +85,17 @@ void OutputStream::ReadRest(Clock::time_point until) {
 }
 
 bool OutputStream::ReadChunk(std::size_t limit) {
+    const bool isLong = mPieces.GetSize() > 0 || mOutput.size() - mBegin >= STRING_LIMIT;
+    const bool inPieces = isLong && !ProcessLogger::Writes(TRACE_LEVEL) && mPieces.MakeRoom();
     ssize_t count = 0;
     do {
-        count = read(mFd, mBuffer.get(), std::min(limit, CHUNK));
+        count = inPieces ? mPieces.Read(mFd, limit) : read(mFd, mBuffer.get(), std::min(limit, CHUNK));
     } while (count < 0 && errno == EINTR);
     if (count > 0) {
-        mOutput.append(mBuffer.get(), static_cast<std::size_t>(count));
+        if (!inPieces) {
+            mPieces.MoveTo(mOutput);  // they come first
+            mOutput.append(mBuffer.get(), static_cast<std::size_t>(count));
+        }
         return true;
     }
     if (count < 0 && errno == EAGAIN) {
@@ -99,9 +110,10 @@ bool OutputStream::ReadChunk(std::size_t limit) {
 
 bool OutputStream::TraceLines(bool all, Clock::time_point until) {
     if (!ProcessLogger::Writes(TRACE_LEVEL)) {
-        mTraced = mOutput.size();
+        mTraced = GetSize();
         return true;
     }
+    mPieces.MoveTo(mOutput);
     while (mTraced < mOutput.size()) {
         const char* const begin = mOutput.data() + mTraced;
         const std::size_t length = std::min(mOutput.size() - mTraced, PIECE);

@@ -121,6 +121,7 @@ void Component::ThreadMain(const std::string& name, const std::string& threadNam
         try {
             Execute(threadManager, executor);
         } catch (const std::exception& exception) {
+            TERN_TELL_NAMED(Thrown, thrown, static_cast<const void*>(&threadManager), 0, exception.what());
             TERN_LOG_ERROR(LOGGER, "%s: caught exception [%s], restart the extension", "ThreadMain",
                            exception.what());
             threadManager.NotifyFailure();

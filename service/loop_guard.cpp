@@ -84,9 +84,14 @@ void LogThrown(const Thrown& thrown) {
     if (std::exchange(tIsEnding, true)) {
         std::abort();
     }
-    if (tIsGuarded && std::current_exception() != nullptr) {
-        LogThrown(Thrown());
-        TERN_LOG_CRITICAL(ServiceCommon::mLogger, "Nothing can catch it: the process ends at once");
+    if (std::current_exception() != nullptr) {
+        const Thrown thrown;
+        if (tIsGuarded) {
+            LogThrown(thrown);
+            TERN_LOG_CRITICAL(ServiceCommon::mLogger, "Nothing can catch it: the process ends at once");
+        } else {
+            TellThrown(thrown);  // another thread's, whose log is the former handler's business
+        }
     }
     if (const std::terminate_handler former = gFormer) {
         former();

@@ -2,17 +2,12 @@
 #include <tern/synchronizer/subject.h>
 
 #include <algorithm>
-#include <atomic>
+#include <bit>
+#include <cstdint>
 
 namespace mwl::tern::Synchronizer {
 
 namespace {
-
-/// A number higher than all before. Of the whole process, so that a subject needs no counter.
-std::uint64_t NextNumber() {
-    static std::atomic<std::uint64_t> latest{0};
-    return latest.fetch_add(1, std::memory_order_relaxed) + 1;
-}
 
 /// Puts the pointer to something of this block in its place, and the former one back at the end of the block.
 template <typename Type>
@@ -28,80 +23,215 @@ private:
     Type* const mFormer;
 };
 
+/// What an entry of the list holds of the index. A link is a position plus one; none is 0.
+struct Links {
+    std::uint32_t first;  ///< of the chain that begins at this place
+    std::uint32_t next;   ///< behind this registration, in the chain that it is in
+};
+
+/// The list of a subject as an index to itself. Of as many places as the largest power of two within the
+/// list's length, each begins a chain of those whose observer leads to it; chains are made anew when the
+/// length reaches the next power. So nothing is kept beside the list, and a registration is found in a step
+/// or two, however many there are.
+template <typename Registration>
+class Index {
+public:
+    explicit Index(std::vector<Registration>& list) : mList(list) {}
+
+    /// The link to the newest of those whose observer leads to the same place. REQUIRES: the list is not
+    /// empty.
+    std::uint32_t First(const ObserverInterface* observer) const { return Get(Place(observer)).first; }
+
+    /// The link behind this one.
+    std::uint32_t Next(std::uint32_t link) const { return Get(link - 1).next; }
+
+    /// The link to this pair, 0 without one.
+    template <typename Pair>
+    std::uint32_t Find(const Pair& pair) const {
+        std::uint32_t link = mList.empty() ? 0 : First(pair.second);
+        while (link != 0 && mList[link - 1].pair != pair) {
+            link = Next(link);
+        }
+        return link;
+    }
+
+    /// Enters the last of the list.
+    void EnterLast() {
+        if (std::has_single_bit(mList.size())) {
+            EnterAll();
+        } else {
+            Enter(mList.size() - 1);
+        }
+    }
+
+    /// Takes one out; it stays in the list. REQUIRES: it has its observer still.
+    void TakeOut(std::size_t position) {
+        const auto own = static_cast<std::uint32_t>(position + 1);
+        const std::size_t place = Place(mList[position].pair.second);
+        std::uint32_t before = First(mList[position].pair.second);
+        if (before == own) {
+            Set(place, {Next(own), Get(place).next});
+            return;
+        }
+        while (Next(before) != own) {
+            before = Next(before);
+        }
+        Set(before - 1, {Get(before - 1).first, Next(own)});
+    }
+
+    /// Enters all anew that have an observer.
+    void EnterAll() {
+        for (std::size_t position = 0; position < mList.size(); ++position) {
+            Set(position, {0, 0});
+        }
+        for (std::size_t position = 0; position < mList.size(); ++position) {
+            if (mList[position].pair.second != nullptr) {
+                Enter(position);
+            }
+        }
+    }
+
+private:
+    /// Where the chain of this observer begins.
+    std::size_t Place(const ObserverInterface* observer) const {
+        // The lowest bits of an address are always the same; the multiplication spreads the rest.
+        const std::uint64_t spread =
+            (reinterpret_cast<std::uintptr_t>(observer) >> 3) * std::uint64_t{0x9E3779B97F4A7C15};
+        return static_cast<std::size_t>(spread >> 32) & (std::bit_floor(mList.size()) - 1);
+    }
+    Links Get(std::size_t position) const { return std::bit_cast<Links>(mList[position].links); }
+    void Set(std::size_t position, Links links) {
+        mList[position].links = std::bit_cast<std::uint64_t>(links);
+    }
+    void Enter(std::size_t position) {
+        const std::size_t place = Place(mList[position].pair.second);
+        Set(position, {Get(position).first, Get(place).first});
+        Set(place, {static_cast<std::uint32_t>(position + 1), Get(place).next});
+    }
+
+    std::vector<Registration>& mList;
+};
+
+/// How many of the first so many places are empty.
+template <typename Registration>
+std::size_t EmptyPlaces(const std::vector<Registration>& list, std::size_t count) {
+    const auto end = list.begin() + static_cast<std::ptrdiff_t>(count);
+    return static_cast<std::size_t>(std::count_if(
+        list.begin(), end, [](const Registration& entry) { return entry.pair.second == nullptr; }));
+}
+
+/// Leaves no place empty, and tells the walks how far they are then. Takes no memory.
+template <typename Registration, typename Walk>
+void CloseUp(std::vector<Registration>& list, Walk* innermost) {
+    for (Walk* walk = innermost; walk != nullptr; walk = walk->outer) {
+        walk->begun -= EmptyPlaces(list, walk->begun);
+        walk->reached -= EmptyPlaces(list, walk->reached);
+    }
+    std::erase_if(list, [](const Registration& entry) { return entry.pair.second == nullptr; });
+    Index(list).EnterAll();
+}
+
 }  // namespace
 
+// Where the list grows into the next power of two it is closed up instead, if half of it is empty by then: so
+// it grows no further than the observers do, and moving them costs each of them its share only.
 void Subject::Attach(ObserverInterface& observer, NotificationInterface& notification) {
     const Pair pair(notification.GetIdentifier(), &observer);
-    if (!Exist(pair)) {
-        mRegistrations.push_back({pair, NextNumber()});
+    if (Exist(pair)) {
+        return;
     }
+    const std::size_t size = mRegistrations.size();
+    if (std::has_single_bit(size + 1) && size != 0 && EmptyPlaces(mRegistrations, size) * 2 >= size) {
+        CloseUp(mRegistrations, mInnermostWalk);
+    }
+    mRegistrations.push_back({pair, 0});
+    Index(mRegistrations).EnterLast();
 }
 
 void Subject::Detach(const ObserverInterface& observer, NotificationInterface& notification) {
-    const auto found = std::find_if(mRegistrations.begin(), mRegistrations.end(), [&](const auto& entry) {
-        return entry.pair.first == notification.GetIdentifier() && entry.pair.second == &observer;
-    });
-    if (found != mRegistrations.end()) {
-        static_cast<void>(Remove(found));
+    const Pair pair(notification.GetIdentifier(), const_cast<ObserverInterface*>(&observer));
+    const std::uint32_t link = Index(mRegistrations).Find(pair);
+    if (link != 0) {
+        static_cast<void>(Remove(mRegistrations.begin() + (link - 1)));
     }
 }
 
 void Subject::Detach(const ObserverInterface& observer) {
-    for (auto entry = mRegistrations.begin(); entry != mRegistrations.end();) {
-        entry = entry->pair.second == &observer ? Remove(entry) : entry + 1;
+    if (mRegistrations.empty()) {
+        return;
+    }
+    const Index index(mRegistrations);
+    for (std::uint32_t link = index.First(&observer); link != 0;) {
+        const auto entry = mRegistrations.begin() + (link - 1);
+        link = index.Next(link);
+        if (entry->pair.second == &observer) {
+            static_cast<void>(Remove(entry));
+        }
     }
 }
 
-// Where a walk stands is told by the number of the registration that it called last: whatever an observer
-// does to the list while it is called, the walk goes on with the next higher number.
+// How far a walk is, the walk itself tells: whatever an observer does to the list while it is called, closing
+// it up included, the walk goes on behind the registration that it called last.
 void Subject::Notify(NotificationInterface& notification) {
-    Walk walk{NextNumber(), 0, {}, mInnermostWalk};
-    const ScopedPointer innermost(mInnermostWalk, &walk);
-    std::size_t position = 0;
-    while (position < mRegistrations.size()) {
-        const Registration& registration = mRegistrations[position];
-        if (registration.pair.first == notification.GetIdentifier() && registration.pair.second != nullptr &&
-            !walk.HasCalled(registration)) {
-            walk.reached = registration.number;
-            registration.pair.second->OnNotify(&notification);
-            if (position >= mRegistrations.size() || mRegistrations[position].number != walk.reached) {
-                position = FindAfter(walk.reached);
-                continue;
+    Walk walk{mRegistrations.size(), 0, {}, mInnermostWalk};
+    std::size_t empty = 0;
+    {
+        const ScopedPointer innermost(mInnermostWalk, &walk);
+        std::size_t position = 0;
+        while (position < mRegistrations.size()) {
+            const Registration& registration = mRegistrations[position];
+            if (registration.pair.second == nullptr) {
+                const std::size_t next = FindAfter(position);
+                empty += next - position;
+                position = next;
+            } else if (registration.pair.first == notification.GetIdentifier() &&
+                       // One that is newer than the walk may be one that it called, detached and attached
+                       // again.
+                       (position < walk.begun || !walk.HasCalled(registration))) {
+                walk.reached = position + 1;
+                registration.pair.second->OnNotify(&notification);
+                position = static_cast<std::size_t>(walk.reached);
+            } else {
+                ++position;
             }
         }
-        ++position;
+    }
+    if (empty * 2 > mRegistrations.size()) {
+        CloseUp(mRegistrations, mInnermostWalk);
     }
 }
 
 bool Subject::Exist(std::pair<NotificationIdentifier, ObserverInterface*> registration) const {
-    return std::any_of(mRegistrations.begin(), mRegistrations.end(),
-                       [&](const Registration& entry) { return entry.pair == registration; });
+    // What it needs of the list it only reads.
+    return Index(const_cast<std::vector<Registration>&>(mRegistrations)).Find(registration) != 0;
 }
 
-/// One attached since the walk began may be one that it called and that was detached and attached again.
 bool Subject::Walk::HasCalled(const Registration& registration) const {
-    return registration.number > begun &&
-           std::find(passed.begin(), passed.end(), registration.pair) != passed.end();
+    return std::find(passed.begin(), passed.end(), registration.pair) != passed.end();
 }
 
-/// The position of the first registration with a higher number.
-std::size_t Subject::FindAfter(std::uint64_t number) const {
-    const auto next = std::upper_bound(
-        mRegistrations.begin(), mRegistrations.end(), number,
-        [](std::uint64_t passed, const Registration& entry) { return passed < entry.number; });
-    return static_cast<std::size_t>(next - mRegistrations.begin());
+/// The first position behind this one whose place is not empty; the length of the list without one.
+std::size_t Subject::FindAfter(std::uint64_t position) const {
+    std::size_t next = static_cast<std::size_t>(position) + 1;
+    while (next < mRegistrations.size() && mRegistrations[next].pair.second == nullptr) {
+        ++next;
+    }
+    return next;
 }
 
-// What takes memory comes first: without it the list stays as it was.
+// What takes memory comes first: without it the list stays as it was. Returns the place behind.
 std::vector<Subject::Registration>::iterator Subject::Remove(std::vector<Registration>::iterator entry) {
+    const auto position = static_cast<std::size_t>(entry - mRegistrations.begin());
     for (Walk* walk = mInnermostWalk; walk != nullptr; walk = walk->outer) {
         // One that the walk is past does not come again when it is attached again, or an observer that
         // detaches and attaches itself would be called for ever.
-        if (entry->number <= walk->reached) {
+        if (position < walk->reached) {
             walk->passed.push_back(entry->pair);
         }
     }
-    return mRegistrations.erase(entry);
+    Index(mRegistrations).TakeOut(position);
+    entry->pair.second = nullptr;
+    return entry + 1;
 }
 
 }  // namespace mwl::tern::Synchronizer

@@ -58,7 +58,7 @@ Error ErrorOfReading(int result, const Fault& fault, unsigned index, unsigned co
     text.append(fault.where).append(": ").append(fault.text[0] != '\0' ? fault.text : ErrorText(-result));
     const StatusCode status = fault.text[0] != '\0' ? StatusCode::InvalidArgument : StatusOfReading(result);
     if (status == StatusCode::InvalidArgument || status == StatusCode::NotSupported) {
-        return WrongReply(text, "a reply that is of the wanted type and has no value of it", remote);
+        return WrongReply(text, "a reply with a value that the wanted type does not have", remote);
     }
     return {status, text};
 }

@@ -16,6 +16,7 @@
 #include "foundation/handle.h"
 #include "platform/static_text.h"
 #include "service/thrown.h"
+#include "typed/call_probe.h"
 #include "typed/interface_state.h"
 #include "typed/reading.h"
 #include "typed/reply_state.h"
@@ -92,13 +93,21 @@ int Handling::RunSetter(const char* path, const char* member, sd_bus_message* va
 }
 
 int Handling::Run(Body body) noexcept {
-    try {
-        const int result = body(*this);
-        // sd-bus answers the accesses to properties itself.
-        return result == 0 && mOf == Of::Method ? Answer(nullptr, nullptr) : result;
-    } catch (...) {
-        return RefuseException();
+    const auto run = [this, body]() noexcept {
+        try {
+            const int result = body(*this);
+            // sd-bus answers the accesses to properties itself.
+            return result == 0 && mOf == Of::Method ? Answer(nullptr, nullptr) : result;
+        } catch (...) {
+            return RefuseException();
+        }
+    };
+    if (CallProbe::IsWanted()) {
+        const Names names = GetNames();
+        const CallProbe probe(&mInterface, names.interface, names.member, names.sender);
+        return run();
     }
+    return run();
 }
 
 int Handling::Answer(Writer writer, const void* value) {

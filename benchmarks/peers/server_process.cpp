@@ -95,20 +95,33 @@ int Client::OnOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error
     const char* after = nullptr;
     RequireBus(sd_bus_message_read(message, "sss", &name, &before, &after), "NameOwnerChanged");
     if (*after != '\0') {
-        static_cast<Client*>(userdata)->mLastOwned = name;
+        static_cast<Client*>(userdata)->mOwned.insert(name);
     }
     return 0;
 }
 
 void Client::AwaitName(const std::string& name) {
     const double limit = Now() + PATIENCE_US * 1e-6;
-    while (mLastOwned != name) {
+    while (!mOwned.contains(name)) {
         const int r = sd_bus_process(mBus, nullptr);
         RequireBus(r, "sd_bus_process");
         if (r == 0) {
             RequireBus(sd_bus_wait(mBus, PATIENCE_US), "sd_bus_wait");
         }
         RequireBus(Now() < limit ? 0 : -ETIMEDOUT, name.c_str());
+    }
+}
+
+void Client::AwaitNameOrFindIt(const std::string& name) {
+    sd_bus_message* reply = nullptr;
+    int isOwned = 0;
+    RequireBus(sd_bus_call_method(mBus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                  "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s", name.c_str()),
+               "NameHasOwner");
+    RequireBus(sd_bus_message_read(reply, "b", &isOwned), "NameHasOwner");
+    sd_bus_message_unref(reply);
+    if (isOwned == 0) {
+        AwaitName(name);
     }
 }
 

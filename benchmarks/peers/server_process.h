@@ -4,6 +4,7 @@
 #include <systemd/sd-bus.h>
 #include <time.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,10 @@ public:
     Client& operator=(const Client&) = delete;
 
     sd_bus* Get() const { return mBus; }
-    /// Waits until somebody owns the name.
+    /// Waits until somebody owns the name who did not before this client was there.
     void AwaitName(const std::string& name);
+    /// Waits until somebody owns the name, who may have done so for long.
+    void AwaitNameOrFindIt(const std::string& name);
     /// Calls Echo and waits for the answer.
     void Call(const std::string& name, const std::string& path, const std::string& interface);
     /// Calls Echo so many times, with at most so many calls unanswered.
@@ -47,7 +50,7 @@ private:
     static int OnOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
     sd_bus* mBus = nullptr;
-    std::string mLastOwned;
+    std::set<std::string> mOwned;
 };
 
 /// A running server; ended by SIGTERM when it is destroyed.

@@ -1,4 +1,5 @@
 #include <systemd/sd-daemon.h>
+#include <tern/diagnostics/recorder.h>
 #include <tern/foundation/composite_runtime.h>
 #include <tern/foundation/log.h>
 #include <tern/service/component.h>
@@ -135,6 +136,8 @@ int main(int argc, char* argv[]) {
         fprintf(help ? stdout : stderr, "Usage: tern-thermostat [SETTINGS.ini]\n");
         return help ? EXIT_SUCCESS : EXIT_USAGE;
     }
+    // Before anything else, so that the start is recorded too. Its first lines say how the former life ended.
+    static_cast<void>(mwl::Diagnostics::Recorder::Begin());
     thermostat::Settings settings;
     if (!option.empty() && thermostat::LoadSettings(option, settings) != StatusCode::Ok) {
         return EXIT_FAILURE;

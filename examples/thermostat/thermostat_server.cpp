@@ -26,6 +26,8 @@ StatusCode ThermostatServer::Start(mw::tern::DBusServerManager& manager, mw::ter
     auto interface = std::make_unique<ThermostatInterface>(mRoom, mActions);
     mInterface = interface.get();
     mObject = mBus.Export(OBJECT_PATH, std::move(interface));
+    // A thermostat that cannot be looked into still heats: what goes wrong is logged, no more.
+    mDiagnostics = mwl::Diagnostics::Diagnostics::Export(mBus);
     return mObject.GetStatus();
 }
 
@@ -34,6 +36,7 @@ void ThermostatServer::Stop() {
     sd_notify(0, "STATUS=Stopping the workers");
     mBus.Close();
     mObject.Reset();
+    mDiagnostics.Reset();
 }
 
 bool ThermostatServer::Show(double celsius) {

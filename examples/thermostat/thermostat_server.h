@@ -1,5 +1,6 @@
 #pragma once
 
+#include <tern/diagnostics/diagnostics.h>
 #include <tern/service/ipc_server.h>
 #include <tern/typed/bus.h>
 
@@ -32,6 +33,7 @@ private:
     std::function<mw::tern::StatusCode()> mOpenFolders;
     ThermostatInterface* mInterface = nullptr;  ///< the exported object's
     mwl::Typed::Exported mObject;
+    mwl::Diagnostics::Diagnostics mDiagnostics;  ///< what ternctl(1) shows
 };
 
 }  // namespace thermostat

@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+#include <stdexcept>
+
 namespace thermostat {
 
 namespace {
@@ -26,6 +29,10 @@ bool Trials::Begin(const std::string& what) {
         mPool.Queue(HangForEver);
     } else if (what == "fail-control") {
         mLoop.Fail();
+    } else if (what == "fail-pool") {
+        mPool.Queue([] { throw std::runtime_error("the trial of a failing job"); });
+    } else if (what == "abort") {
+        std::abort();
     } else if (what == "exit") {
         _exit(EXIT_TRIAL);
     } else {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 
+#include "platform/static_probe.h"
+
 namespace mwl::Log {
 
 namespace {
@@ -29,6 +31,7 @@ void Observe(TernLogLevel level, const char* text, std::size_t length) noexcept 
     if (level > TernLogLevel::Warning) {
         return;
     }
+    TERN_PROBE_AND(message, static_cast<const void*>(nullptr), text, static_cast<int>(level));
     if (const Observer observer = gObserver.load(std::memory_order_acquire)) {
         observer(level, text, length);
     }

@@ -80,6 +80,19 @@ TEST(Diagnosis, ExceptionGoesBeforeEverything) {
     EXPECT_EQ(diagnosis.sentences[0], "An exception ended it: std::runtime_error: no heater.");
 }
 
+TEST(Diagnosis, ExceptionNamesWhatItsThreadWasIn) {
+    Flight flight = MakeFlight();
+    flight.threads.push_back(MakeThread("call_began", "a.B", LATEST));
+    flight.threads.push_back(MakeThread("job_began", "", LATEST - S));
+    flight.threads.back().id = 8;
+    flight.threads.back().watchName = "ThreadPool::Thread1";
+    AddEvent(flight, "thrown", "int: no te");
+    flight.messages.push_back({1, 999 * S, 2, 8, "int: no text, in the thread 'worker'", false, true});
+    EXPECT_EQ(Diagnose(flight, 0).sentences[0],
+              "An exception ended it: int: no text, in the thread 'worker'; the watched thread "
+              "'ThreadPool::Thread1' was in a job of a thread pool.");
+}
+
 TEST(Diagnosis, ExceptionOfLongAgoIsNoCause) {
     Flight flight = MakeFlight();
     AddEvent(flight, "thrown", "std::runtime_error: no he", 0, LATEST - 60 * S);
@@ -132,13 +145,53 @@ TEST(Diagnosis, HangingIsConcludedFromTheWatchdogToo) {
     EXPECT_EQ(Diagnose(flight, LATEST + 5 * S).kind, "hanging");
 }
 
+TEST(Diagnosis, StartThatDoesNotEndIsHanging) {
+    Flight flight = MakeFlight();
+    AddEvent(flight, "state_changed", "starting", 0, LATEST - S);
+    const Diagnosis diagnosis = Diagnose(flight, LATEST + 2 * S);
+    EXPECT_EQ(diagnosis.kind, "hanging");
+    EXPECT_EQ(diagnosis.sentences[0],
+              "It had not finished its start when it ended, after 1.0 s at least and 3.0 s at most.");
+    AddEvent(flight, "state_changed", "running");
+    EXPECT_EQ(Diagnose(flight, LATEST + 2 * S).kind, "cut-off");
+}
+
+TEST(Diagnosis, StopThatIsCutOffSoonIsTold) {
+    Flight flight = MakeFlight();
+    AddEvent(flight, "state_changed", "running", 0, LATEST - 9 * S);
+    AddEvent(flight, "state_changed", "stopping");
+    const Diagnosis diagnosis = Diagnose(flight, LATEST + 2 * S);
+    EXPECT_EQ(diagnosis.kind, "cut-off");
+    EXPECT_EQ(diagnosis.sentences[1], "It had not finished its stop when it ended.");
+    flight.watchdogNs = 4 * S;
+    flight.threads.push_back(MakeThread("job_began", "", LATEST));
+    const Diagnosis hanging = Diagnose(flight, LATEST + 2 * S);
+    EXPECT_EQ(hanging.kind, "hanging");
+    EXPECT_EQ(hanging.sentences[1],
+              "When it was last heard of, the thread 'worker' (7) was in a job of a thread pool.");
+}
+
 TEST(Diagnosis, ShortWorkIsNoHanging) {
     Flight flight = MakeFlight();
     flight.threads.push_back(MakeThread("job_began", "", LATEST - S / 2));
     const Diagnosis diagnosis = Diagnose(flight, LATEST + S);
     EXPECT_EQ(diagnosis.kind, "cut-off");
     EXPECT_THAT(diagnosis.sentences[0], HasSubstr("just ended"));
-    EXPECT_THAT(diagnosis.sentences[1], HasSubstr("its last event was job_ended"));
+    EXPECT_THAT(diagnosis.sentences.back(), HasSubstr("its last event was job_ended"));
+}
+
+TEST(Diagnosis, SuddenEndNamesWhatWasGoingOnLatestFirst) {
+    Flight flight = MakeFlight();
+    flight.threads.push_back(MakeThread("job_began", "", LATEST - S / 2));
+    flight.threads.push_back(MakeThread("call_began", "a.B", LATEST));
+    flight.threads.back().isBusThread = true;
+    flight.threads.emplace_back();  // in nothing
+    const Diagnosis diagnosis = Diagnose(flight, 0);
+    EXPECT_EQ(diagnosis.kind, "cut-off");
+    ASSERT_THAT(diagnosis.sentences, SizeIs(3));
+    EXPECT_EQ(diagnosis.sentences[1],
+              "When it was last heard of, the D-Bus thread was in the handler of 'a.B'; the thread 'worker' "
+              "(7) was in a job of a thread pool.");
 }
 
 TEST(Diagnosis, AnEmptyFlightIsCutOff) {

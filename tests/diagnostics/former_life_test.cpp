@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -24,9 +25,14 @@
 #include <vector>
 
 #include "foundation/unique_fd.h"
+#include "support/interpose.h"
 #include "support/temp_folder.h"
 
 // Lives are children; the real logger.
+
+TERN_INTERPOSE(int, sd_pid_notify_with_fds,
+               (pid_t pid, int unsetEnvironment, const char* state, const int* fds, unsigned count),
+               (pid, unsetEnvironment, state, fds, count))
 
 namespace {
 
@@ -34,6 +40,7 @@ using mw::tern::StatusCode;
 using mwl::UniqueFd;
 using mwl::Diagnostics::Recorder;
 using mwl::Diagnostics::RingReader;
+using tern::test::FaultScope;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -94,19 +101,29 @@ struct Life {
     std::string log;
 };
 
-/// A life to which systemd hands on `handedOn`, unless that is -1: begins its recorder, does `body`, and is
+/// A life to which systemd hands on `handedOn`, all of this name: begins its recorder, does `body`, and is
 /// over.
-Life Live(int handedOn, const std::function<void()>& body, const std::string& name = "tern-flight") {
+Life Live(const std::vector<int>& handedOn, const std::function<void()>& body,
+          const std::string& name = "tern-flight") {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     const pid_t child = fork();
     if (child == 0) {
         dup2(ends[1], STDERR_FILENO);
-        if (handedOn >= 0) {
-            dup2(handedOn, SD_LISTEN_FDS_START);
+        if (!handedOn.empty()) {
+            // First out of the way of each other.
+            constexpr int FAR = 100;
+            std::string names;
+            for (std::size_t i = 0; i < handedOn.size(); ++i) {
+                dup2(handedOn[i], FAR + static_cast<int>(i));
+                names += (i == 0 ? "" : ":") + name;
+            }
+            for (std::size_t i = 0; i < handedOn.size(); ++i) {
+                dup2(FAR + static_cast<int>(i), SD_LISTEN_FDS_START + static_cast<int>(i));
+            }
             setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-            setenv("LISTEN_FDS", "1", 1);
-            setenv("LISTEN_FDNAMES", name.c_str(), 1);
+            setenv("LISTEN_FDS", std::to_string(handedOn.size()).c_str(), 1);
+            setenv("LISTEN_FDNAMES", names.c_str(), 1);
         }
         if (Recorder::Begin() != StatusCode::Ok) {
             _exit(98);
@@ -138,7 +155,7 @@ UniqueFd TakeLeft(Manager& manager) {
 
 TEST(FormerLife, FirstLifeSaysNothingAndLeavesItsMemory) {
     Manager manager;
-    const Life life = Live(-1, [] {});
+    const Life life = Live({}, [] {});
     EXPECT_EQ(life.status, 0);
     EXPECT_THAT(life.log, Not(HasSubstr("Former life")));
     const UniqueFd left = TakeLeft(manager);
@@ -149,9 +166,9 @@ TEST(FormerLife, FirstLifeSaysNothingAndLeavesItsMemory) {
 
 TEST(FormerLife, OrderlyEndIsToldAsANotice) {
     Manager manager;
-    Live(-1, [] {});
+    Live({}, [] {});
     const UniqueFd left = TakeLeft(manager);
-    const Life second = Live(left.Get(), [] {});
+    const Life second = Live({left.Get()}, [] {});
     EXPECT_EQ(second.status, 0);
     EXPECT_THAT(second.log,
                 AllOf(HasSubstr("<5>"), HasSubstr("[Diagnostics] Former life: It stopped in order.")));
@@ -165,33 +182,88 @@ TEST(FormerLife, OrderlyEndIsToldAsANotice) {
 
 TEST(FormerLife, KilledOneIsToldWithItsLastWords) {
     Manager manager;
-    const Life first = Live(-1, [] {
+    const Life first = Live({}, [] {
         TERN_LOG_ERROR(LOGGER, "the pump is stuck");
         raise(SIGKILL);
     });
     EXPECT_EQ(WTERMSIG(first.status), SIGKILL);
     const UniqueFd left = TakeLeft(manager);
-    const Life second = Live(left.Get(), [] {});
+    const Life second = Live({left.Get()}, [] {});
     EXPECT_THAT(second.log, AllOf(HasSubstr("<4>"), HasSubstr("Former life: It just ended"),
                                   HasSubstr("[Test] the pump is stuck")));
 }
 
 TEST(FormerLife, WhatWasHandedOnIsThisLifesMemoryThen) {
     Manager manager;
-    Live(-1, [] {});
+    Live({}, [] {});
     const UniqueFd left = TakeLeft(manager);
-    const Life second = Live(left.Get(), [] {
+    const Life second = Live({left.Get()}, [] {
         const auto flight = RingReader::Read(SD_LISTEN_FDS_START);
         _exit(flight.IsOk() && flight->pid == static_cast<std::uint32_t>(getpid()) ? 0 : 1);
     });
     EXPECT_EQ(second.status, 0);
 }
 
+TEST(FormerLife, LatestOfSeveralIsTold) {
+    // As with a store that has room for more than one, in which former ones were left.
+    Manager manager;
+    Live({}, [] {});
+    const UniqueFd older = TakeLeft(manager);
+    Live({}, [] {
+        TERN_LOG_ERROR(LOGGER, "the pump is stuck");
+        raise(SIGKILL);
+    });
+    const UniqueFd newer = TakeLeft(manager);
+    for (const std::vector<int>& handedOn :
+         {std::vector<int>{older.Get(), newer.Get()}, std::vector<int>{newer.Get(), older.Get()}}) {
+        const Life life = Live(handedOn, [] {});
+        EXPECT_EQ(life.status, 0);
+        EXPECT_THAT(life.log, AllOf(HasSubstr("Former life: It just ended"), HasSubstr("the pump is stuck"),
+                                    Not(HasSubstr("stopped in order"))));
+        EXPECT_TRUE(TakeLeft(manager));
+    }
+}
+
+TEST(FormerLife, StoreThatRefusesTheMemoryCostsTheNextLifeOnlyTheReason) {
+    Manager manager;
+    const Life first = Live({}, [] {
+        TERN_LOG_ERROR(LOGGER, "the pump is stuck");
+        raise(Recorder::IsRecording() ? SIGKILL : SIGTERM);
+    });
+    EXPECT_EQ(WTERMSIG(first.status), SIGKILL);
+    // A store that is full closes what it is sent, and says nothing.
+    TakeLeft(manager).Reset();
+    const Life second = Live({}, [] { _exit(Recorder::IsRecording() ? 0 : 1); });
+    EXPECT_EQ(second.status, 0);
+    EXPECT_THAT(second.log, Not(HasSubstr("Former life")));
+    EXPECT_TRUE(TakeLeft(manager));
+}
+
+TEST(FormerLife, MemoryThatCannotBeSentIsToldAndTheRecorderWorksOn) {
+    Manager manager;
+    setenv("TERN_LOG_LEVEL", "debug", 1);
+    const FaultScope scope(fault_sd_pid_notify_with_fds);
+    // sd_notify may come this way too.
+    fault_sd_pid_notify_with_fds.Replace(
+        [](pid_t pid, int unsetEnvironment, const char* state, const int* fds, unsigned count) {
+            return count > 0 ? -ETOOMANYREFS
+                             : fault_sd_pid_notify_with_fds.Real(pid, unsetEnvironment, state, fds, count);
+        },
+        2);
+    const Life life = Live({}, [] { _exit(Recorder::IsRecording() ? 0 : 1); });
+    unsetenv("TERN_LOG_LEVEL");
+    EXPECT_EQ(life.status, 0);
+    EXPECT_THAT(life.log,
+                HasSubstr("The flight recorder ends with this process: Too many references: cannot splice"));
+    EXPECT_TRUE(manager.Receive());
+    EXPECT_FALSE(manager.Receive());
+}
+
 TEST(FormerLife, NonsenseIsToldAndDoesNotStandInTheWay) {
     Manager manager;
     const UniqueFd nonsense(memfd_create("nonsense", MFD_CLOEXEC));
     ASSERT_EQ(ftruncate(nonsense.Get(), 100000), 0);
-    const Life life = Live(nonsense.Get(), [] {});
+    const Life life = Live({nonsense.Get()}, [] {});
     EXPECT_EQ(life.status, 0);
     EXPECT_THAT(
         life.log,
@@ -203,7 +275,7 @@ TEST(FormerLife, DescriptorsOfOtherNamesAreLeftAlone) {
     Manager manager;
     const UniqueFd other(memfd_create("other", MFD_CLOEXEC));
     const Life life = Live(
-        other.Get(), [] { _exit(RingReader::Read(SD_LISTEN_FDS_START).IsOk() ? 1 : 0); }, "http");
+        {other.Get()}, [] { _exit(RingReader::Read(SD_LISTEN_FDS_START).IsOk() ? 1 : 0); }, "http");
     EXPECT_EQ(life.status, 0);
     EXPECT_THAT(life.log, Not(HasSubstr("Former life")));
 }
@@ -211,14 +283,14 @@ TEST(FormerLife, DescriptorsOfOtherNamesAreLeftAlone) {
 TEST(FormerLife, WithoutAManagerTheRecorderWorksOn) {
     unsetenv("NOTIFY_SOCKET");
     setenv("TERN_LOG_LEVEL", "debug", 1);
-    const Life life = Live(-1, [] { _exit(Recorder::IsRecording() ? 0 : 1); });
+    const Life life = Live({}, [] { _exit(Recorder::IsRecording() ? 0 : 1); });
     EXPECT_EQ(life.status, 0);
     EXPECT_THAT(
         life.log,
         HasSubstr(
             "[Diagnostics][trace] The flight recorder ends with this process: no service manager keeps it"));
     setenv("NOTIFY_SOCKET", "/nonexistent/socket", 1);
-    const Life deaf = Live(-1, [] { _exit(Recorder::IsRecording() ? 0 : 1); });
+    const Life deaf = Live({}, [] { _exit(Recorder::IsRecording() ? 0 : 1); });
     EXPECT_EQ(deaf.status, 0);
     EXPECT_THAT(deaf.log, HasSubstr("The flight recorder ends with this process: No such file or directory"));
     unsetenv("NOTIFY_SOCKET");

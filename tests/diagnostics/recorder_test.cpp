@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <tern/diagnostics/ring_reader.h>
 #include <tern/foundation/log.h>
@@ -16,20 +18,33 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <latch>
+#include <limits>
+#include <set>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "foundation/tell.h"
 #include "foundation/unique_fd.h"
+#include "support/interpose.h"
+#include "support/temp_folder.h"
 #include "support/wait_until.h"
 #include "threading/watching_doubles.h"
 
 // With the real logger.
+
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
+TERN_INTERPOSE_SYMBOL_(int, open, "open64", (const char* path, int flags, int mode), (path, flags, mode))
 
 namespace {
 
@@ -205,6 +220,79 @@ TEST_F(RecorderTest, NothingIsRecordedBehindTheEnd) {
     EXPECT_EQ(ReadNow().written, written);
 }
 
+TEST_F(RecorderTest, ThousandThreadsThatComeAndGoShareTheEntries) {
+    MessagePipe pipe;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    const std::uint64_t lostBefore = ReadNow().threadsLost;
+    const std::size_t threadsBefore = ReadNow().threads.size();
+    const auto writeOnce = [&] {
+        EXPECT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+        char byte = 0;
+        EXPECT_EQ(pipe.ReadMessage(&byte, 1, 0), StatusCode::Ok);
+        return gettid();
+    };
+    pid_t last = 0;
+    pid_t oneBefore = 0;
+    for (int i = 0; i < 1000; ++i) {
+        std::thread([&] { oneBefore = std::exchange(last, writeOnce()); }).join();
+    }
+    Flight flight = ReadNow();
+    EXPECT_EQ(flight.threadsLost, lostBefore);
+    EXPECT_EQ(flight.threads.size(), threadsBefore);
+    // Each event is its own thread's, though all of them had the same entry.
+    const std::vector<FlightEvent> written = Events("pipe_written");
+    ASSERT_GE(written.size(), 2U);
+    EXPECT_EQ(written.back().threadId, static_cast<std::uint32_t>(last));
+    EXPECT_EQ(written[written.size() - 2].threadId, static_cast<std::uint32_t>(oneBefore));
+    EXPECT_NE(last, oneBefore);
+}
+
+TEST_F(RecorderTest, ThreadsBeyondTheTableAreCountedAndTheirEventsKept) {
+    constexpr std::size_t COUNT = 100;
+    constexpr std::size_t ENTRIES = 64;
+    const std::uint64_t lostBefore = ReadNow().threadsLost;
+    MessagePipe pipe;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    std::latch written(COUNT);
+    std::latch goOn(1);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        threads.emplace_back([&] {
+            EXPECT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+            written.count_down();
+            goOn.wait();
+        });
+    }
+    written.wait();
+    EXPECT_EQ(ReadNow().threads.size(), ENTRIES);
+    EXPECT_GE(ReadNow().threadsLost, lostBefore + COUNT - ENTRIES);
+    EXPECT_LE(ReadNow().threadsLost, lostBefore + COUNT);
+    std::set<std::uint32_t> ids;
+    for (const FlightEvent& event : Events("pipe_written")) {
+        ids.insert(event.threadId);
+    }
+    EXPECT_EQ(ids.size(), COUNT);
+    EXPECT_EQ(ids.count(0), 0U);
+    goOn.count_down();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    // There is room again.
+    pid_t late = 0;
+    std::latch isIn(1);
+    std::latch isRead(1);
+    std::thread latecomer([&] {
+        late = gettid();
+        EXPECT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+        isIn.count_down();
+        isRead.wait();
+    });
+    isIn.wait();
+    EXPECT_NE(Find(ReadNow(), late), nullptr);
+    isRead.count_down();
+    latecomer.join();
+}
+
 /// Runs `body` in a forked child and returns how it ended.
 int StatusOf(const std::function<void()>& body) {
     const pid_t child = fork();
@@ -246,6 +334,154 @@ TEST_F(RecorderTest, ForkedChildMayHaveARecorderOfItsOwn) {
                       flight->pid == static_cast<std::uint32_t>(getpid())
                   ? 0
                   : 2);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(RecorderTest, ForkedChildThatExitsLeavesNoMarkInTheParentsMemory) {
+    const int status = StatusOf([] { std::exit(0); });  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(ReadNow().end, FlightEnd::None);
+}
+
+TEST_F(RecorderTest, ForkedChildAnnouncesNothingToTheServiceManager) {
+    const tern::test::TempFolder folder;
+    const std::string path = folder.Path() + "/notify";
+    const UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(manager.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    // Its own recorder works; but the service's memory is the one to be kept.
+    const int status =
+        StatusOf([] { _exit(Recorder::Begin() == StatusCode::Ok && Recorder::IsRecording() ? 0 : 1); });
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ(status, 0);
+    char byte = 0;
+    EXPECT_EQ(recv(manager.Get(), &byte, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(RecorderTest, ComponentsWithThousandNamesLeaveTheTableOfNamesBounded) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer does not let a forked child make threads";
+#endif
+    // In a process of its own: its table of names is full then.
+    const int status = StatusOf([] {
+        if (Recorder::Begin() != StatusCode::Ok) {
+            _exit(1);
+        }
+        class Executor : public mwl::QueuedProcessings::ExecutorInterface {
+            StatusCode Initialize() override { return StatusCode::Ok; }
+            void Execute() override {}
+            void Stop() override {}
+        } executor;
+        mwl::Threading::Signals signals;
+        mwl::Threading::ThreadsMonitor monitor(signals);
+        for (int i = 0; i < 1000; ++i) {
+            const mwl::QueuedProcessings::Component component("Churn" + std::to_string(i), "churn", monitor,
+                                                              executor);
+        }
+        mwl::QueuedProcessings::Component component("Latecomer", "late", monitor, executor);
+        component.WakeUp();
+        const Flight flight = ReadNow();
+        const auto found = std::find_if(flight.events.begin(), flight.events.end(),
+                                        [](const FlightEvent& event) { return event.event == "wake_up"; });
+        if (found == flight.events.end() || found->name != "(others)") {
+            _exit(2);
+        }
+        _exit(flight.namesLost >= 1000 - 512 && flight.namesLost < 2000 ? 0 : 3);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+/// Seconds that CLOCK_MONOTONIC and CLOCK_REALTIME are put on or back by.
+std::atomic<long> gMonotonicJump{0};
+std::atomic<long> gRealtimeJump{0};
+
+/// From now on clocks do as the two say, and the processor's counter is not to be trusted.
+void TakeClocksOver() {
+    fault_clock_gettime.Replace(
+        [](clockid_t clock, timespec* now) {
+            const int r = fault_clock_gettime.Real(clock, now);
+            now->tv_sec += clock == CLOCK_MONOTONIC  ? gMonotonicJump.load()
+                           : clock == CLOCK_REALTIME ? gRealtimeJump.load()
+                                                     : 0;
+            return r;
+        },
+        std::numeric_limits<int>::max());
+    fault_open.Replace(
+        [](const char* path, int flags, int mode) {
+            if (std::string_view(path).ends_with("current_clocksource")) {
+                errno = ENOENT;
+                return -1;
+            }
+            return fault_open.Real(path, flags, mode);
+        },
+        std::numeric_limits<int>::max());
+}
+
+/// Tells the recorder of an event, as the library would.
+void Tell(mwl::Tell::Event event, const void* object) {
+    const mwl::Tell::Listener* const listener = mwl::Tell::SetListener(nullptr);
+    mwl::Tell::SetListener(listener);
+    listener->onEvent(event, object, 0, nullptr);
+}
+
+TEST_F(RecorderTest, ClockThatJumpsBackMakesNoDurationsBeyondNumbers) {
+    const int status = StatusOf([] {
+        TakeClocksOver();
+        const int object = 0;
+        if (Recorder::Begin() != StatusCode::Ok) {
+            _exit(1);
+        }
+        Tell(mwl::Tell::Event::JobBegan, &object);
+        gMonotonicJump = -3600;
+        Tell(mwl::Tell::Event::JobEnded, &object);
+        Tell(mwl::Tell::Event::JobBegan, &object);
+        gMonotonicJump = 0;
+        Tell(mwl::Tell::Event::JobEnded, &object);
+        const Flight flight = ReadNow();
+        if (flight.events.size() != 4) {
+            _exit(2);
+        }
+        // What seems to have ended before it began took no time; what lasted an hour by the clock took that.
+        if (flight.events[1].value != 0 || flight.events[3].value < 3600000000000U ||
+            flight.events[3].value > 4200000000000U) {
+            _exit(3);
+        }
+        for (const FlightEvent& event : flight.events) {
+            if (event.monotonicNs > flight.latestNs) {
+                _exit(4);
+            }
+        }
+        _exit(0);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(RecorderTest, TimeOfDayThatIsSetDoesNotChangeHowLongALifeWas) {
+    const int status = StatusOf([] {
+        TakeClocksOver();
+        constexpr long YEARS = 50L * 365 * 86400;
+        // A device without a clock of its own: in 1970 or so, until somebody tells it the time.
+        gRealtimeJump = -YEARS;
+        if (Recorder::Begin() != StatusCode::Ok) {
+            _exit(1);
+        }
+        gRealtimeJump = 0;
+        TERN_LOG_WARNING(LOGGER, "the time has come");
+        Recorder::End();
+        const Flight flight = ReadNow();
+        const std::uint64_t ended = flight.endedNs + static_cast<std::uint64_t>(flight.toRealtimeNs);
+        const auto now = static_cast<std::uint64_t>(time(nullptr)) * 1000000000U;
+        if (ended + 60000000000U < now || ended > now + 60000000000U) {
+            _exit(2);
+        }
+        // The child is a minute old at most.
+        const std::uint64_t age = ended - flight.processStartedNs;
+        _exit(flight.processStartedNs != 0 && age < 60000000000U ? 0 : 3);
     });
     EXPECT_EQ(status, 0);
 }
@@ -300,6 +536,13 @@ TEST(RecorderOfAChild, MarksAnOrderlyEnd) {
     int status = -1;
     const Flight flight = FlightOfChild([] { std::exit(0); }, status);  // NOLINT(concurrency-mt-unsafe)
     EXPECT_EQ(flight.end, FlightEnd::Stopped);
+}
+
+TEST(RecorderOfAChild, MarksAnEndWithAFailure) {
+    int status = -1;
+    const Flight flight = FlightOfChild([] { std::exit(3); }, status);  // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(flight.end, FlightEnd::Failed);
 }
 
 TEST(RecorderOfAChild, HasNoEndWhenItIsKilledOrAborts) {

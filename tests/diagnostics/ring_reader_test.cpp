@@ -50,7 +50,7 @@ Bytes MakeBytes() {
         entry.doing[0].what = static_cast<std::uint64_t>(Event::JobBegan) | std::uint64_t{name} << 16;
         entry.depth = 1;
         for (int i = 0; i < 200; ++i) {
-            made->Write(made->Ticks(), Event::JobEnded, thread, name, 1000);
+            made->Write(made->Ticks(), Event::JobEnded, 12, name, 1000);
         }
         made->WriteMessage(3, "it is cold", false, 12);
         return made;
@@ -127,7 +127,7 @@ TEST(RingReader, RefusesWhatIsNoRing) {
 TEST(RingReader, RefusesAnotherVersion) {
     Bytes bytes = MakeBytes();
     Set(bytes, offsetof(Format::Header, version), Format::VERSION + 1);
-    EXPECT_THAT(ErrorOf(bytes), HasSubstr("version 2, not 1"));
+    EXPECT_THAT(ErrorOf(bytes), HasSubstr("version 3, not 2"));
 }
 
 TEST(RingReader, RefusesSizesThatDoNotFit) {
@@ -158,6 +158,26 @@ TEST(RingReader, AClockThatJumpedGivesNoTimesBeyondNumbers) {
     const auto flight = RingReader::Parse(bytes);
     ASSERT_TRUE(flight.IsOk());
     ExpectSound(*flight);
+}
+
+TEST(RingReader, StartOfTheProcessIsByTheClockAsItWasSetLast) {
+    constexpr std::size_t FIRST_REALTIME =
+        offsetof(Format::Header, first) + offsetof(Format::Instant, realtimeNs);
+    constexpr std::uint64_t LATER = 50ULL * 365 * 86400 * 1000000000;
+    Bytes bytes = MakeBytes();
+    std::uint64_t began = 0;
+    std::memcpy(&began, bytes.data() + FIRST_REALTIME, sizeof began);
+    // A device without a clock of its own: began in 1970 or so, two seconds after its start; then the time
+    // came.
+    Set(bytes, FIRST_REALTIME, began - LATER);
+    Set(bytes, offsetof(Format::Header, processStartedNs), began - LATER - 2000000000);
+    const auto flight = RingReader::Parse(bytes);
+    ASSERT_TRUE(flight.IsOk());
+    const auto beganRealtime = flight->beganNs + static_cast<std::uint64_t>(flight->toRealtimeNs);
+    EXPECT_NEAR(static_cast<double>(beganRealtime - flight->processStartedNs), 2e9, 1e8);
+    // What is not known stays so.
+    Set(bytes, offsetof(Format::Header, processStartedNs), std::uint64_t{0});
+    EXPECT_EQ(RingReader::Parse(bytes)->processStartedNs, 0U);
 }
 
 TEST(RingReader, LeavesOutEntriesThatWereBeingWritten) {

@@ -109,8 +109,11 @@ TEST(Ring, KeepsEventsInOrder) {
     const std::uint16_t name = ring.Intern("com.example.Thermostat1.Boost");
     const std::uint16_t thread = ring.ClaimThread(4711, "dbus");
     const std::uint64_t begin = ring.Ticks();
-    ring.Write(begin, Event::CallBegan, thread, name, 7);
-    ring.Write(ring.Ticks(), Event::CallEnded, thread, name, ring.Ticks() - begin);
+    ring.Write(begin, Event::CallBegan, 4711, name, 7);
+    ring.Write(ring.Ticks(), Event::CallEnded, 4711, name, ring.Ticks() - begin);
+    // Whose it is does not depend on who has the entry later.
+    ring.ReleaseThread(thread);
+    EXPECT_EQ(ring.ClaimThread(4712, "another"), thread);
     const Flight flight = ReadOf(ring);
     ASSERT_THAT(flight.events, SizeIs(2));
     EXPECT_EQ(flight.events[0].sequence, 1U);
@@ -137,7 +140,7 @@ TEST(Ring, TicksAreNanosecondsToThousandths) {
 TEST(Ring, OldestEventsAreOverwritten) {
     Ring& ring = MakeRing();
     for (std::uint64_t i = 1; i <= 1000; ++i) {
-        ring.Write(ring.Ticks(), Event::JobQueued, Format::NO_THREAD, Format::NO_NAME, i);
+        ring.Write(ring.Ticks(), Event::JobQueued, 0, Format::NO_NAME, i);
     }
     const Flight flight = ReadOf(ring);
     ASSERT_THAT(flight.events, SizeIs(128));
@@ -161,7 +164,7 @@ TEST(Ring, FullTableOfNamesCallsFurtherOnesOthersAndCountsThem) {
         EXPECT_EQ(ring.Intern("hostile" + std::to_string(i)), Format::OTHERS);
     }
     EXPECT_EQ(ids.count(ring.Intern("com.example.Member17")), 1U);
-    ring.Write(ring.Ticks(), Event::CallBegan, Format::NO_THREAD, Format::OTHERS, 0);
+    ring.Write(ring.Ticks(), Event::CallBegan, 0, Format::OTHERS, 0);
     const Flight flight = ReadOf(ring);
     EXPECT_EQ(flight.namesLost, 10001U);
     ASSERT_THAT(flight.events, SizeIs(1));
@@ -170,8 +173,7 @@ TEST(Ring, FullTableOfNamesCallsFurtherOnesOthersAndCountsThem) {
 
 TEST(Ring, LongNamesAreCutAtACharacter) {
     Ring& ring = MakeRing();
-    ring.Write(0, Event::StateChanged, Format::NO_THREAD, ring.Intern(std::string(54, 'x') + "\xc3\xa4tz"),
-               0);
+    ring.Write(0, Event::StateChanged, 0, ring.Intern(std::string(54, 'x') + "\xc3\xa4tz"), 0);
     EXPECT_EQ(ReadOf(ring).events.at(0).name, std::string(54, 'x'));
 }
 
@@ -247,7 +249,8 @@ TEST(Ring, ReaderSeesNoTornEventWhileAllWrite) {
             const std::uint16_t name = ring.Intern("writer" + std::to_string(w));
             const std::uint16_t thread = ring.ClaimThread(static_cast<std::uint32_t>(w), "writer");
             for (std::uint64_t n = 0; !isOver; ++n) {
-                ring.Write(ring.Ticks(), Event::WakeUp, thread, name, w * 1000000000 + n);
+                ring.Write(ring.Ticks(), Event::WakeUp, static_cast<std::uint32_t>(w), name,
+                           w * 1000000000 + n);
             }
             ring.ReleaseThread(thread);
         });
@@ -257,6 +260,7 @@ TEST(Ring, ReaderSeesNoTornEventWhileAllWrite) {
         std::uint64_t former = 0;
         for (const FlightEvent& event : ReadOf(ring).events) {
             ASSERT_EQ(event.name, "writer" + std::to_string(event.value / 1000000000));
+            ASSERT_EQ(event.threadId, event.value / 1000000000);
             ASSERT_GT(event.sequence, former);
             former = event.sequence;
             ++seen;
@@ -282,7 +286,7 @@ TEST(Ring, NamesOfAllThreadsAreThereWhenAllInternAtOnce) {
         thread.join();
     }
     const std::uint16_t id = ring.Intern("name50");
-    ring.Write(0, Event::WakeUp, Format::NO_THREAD, id, 0);
+    ring.Write(0, Event::WakeUp, 0, id, 0);
     EXPECT_EQ(ReadOf(ring).events.at(0).name, "name50");
 }
 

@@ -160,6 +160,21 @@ TEST(Tell, QueuedComponentTellsOfWakeUpsAndRuns) {
     EXPECT_EQ(Told::Count(Event::ThreadRemoved), 1U);
 }
 
+TEST(Tell, QueuedComponentTellsOfItsException) {
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    Worker worker;
+    worker.onExecute = [] { throw std::runtime_error("no network"); };
+    const Told told;
+    {
+        mwl::QueuedProcessings::Component component("Upload", "upload", monitor, worker);
+        ASSERT_EQ(component.Start(), StatusCode::Ok);
+        component.WakeUp();
+        component.Join();
+    }
+    EXPECT_THAT(Told::NamesOf(Event::Thrown), ElementsAre("no network"));
+}
+
 TEST(Tell, TimersTellOfTheirCallbacks) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "ThreadSanitizer does not know the threads that the C library makes for expiries";
@@ -346,6 +361,21 @@ TEST_F(TellOfTheService, ExceptionInACallbackOfTheLoop) {
     EXPECT_EQ(Told::Count(Event::Thrown), 1U);
     EXPECT_THAT(Told::NamesOf(Event::Thrown)[0], testing::EndsWith(": cold"));
     EXPECT_THAT(Told::NamesOf(Event::StateChanged), ElementsAre("starting", "running", "failed"));
+}
+
+TEST_F(TellOfTheService, ExceptionThatEndsTheProcessOnAnotherThread) {
+    Server server([](auto&, auto&) { return StatusCode::Ok; });
+    const tern::test::ChildResult result = RunInChild([&] {
+        // What the application has set takes its course after the telling.
+        std::set_terminate([] { _exit(Told::Count(Event::Thrown) == 1 ? 42 : 1); });
+        Run(server,
+            [](ThreadsMonitor&) { std::thread([] { throw std::runtime_error("no network"); }).join(); });
+        return 2;
+    });
+    EXPECT_EQ(result.exitCode, 42) << result.error;
+    for (const tern::test::LogEntry& entry : result.log) {
+        EXPECT_THAT(entry.text, testing::Not(testing::HasSubstr("no network")));
+    }
 }
 
 TEST_F(TellOfTheService, LossOfTheBus) {

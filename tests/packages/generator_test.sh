@@ -110,8 +110,10 @@ start=$(date +%s)
 [ "$(grep -c "/build/$name: process [0-9]* has ended with exit status 7" "$work/output")" -eq "$(cat "$work/count")" ] &&
     ok "a dead program is told of" || { cat "$work/output"; fail "a dead program is not told of"; }
 must "put back" mv "$work/kept" "$project/build/$name"
+! grep -rqi diagnos "$project" --include=*.cpp --include=*.h --include=CMakeLists.txt --exclude-dir=build &&
+    ok "no diagnostics that nobody asked for" || fail "diagnostics that nobody asked for"
 for name_of_cpp in switch a2345678901234567890123456789bc; do
-    must "written: $name_of_cpp" new $name_of_cpp "$work/$name_of_cpp"
+    must "written: $name_of_cpp" new $([ $name_of_cpp = switch ] && echo --diagnostics) $name_of_cpp "$work/$name_of_cpp"
     must "configured: $name_of_cpp" cmake -S "$work/$name_of_cpp" -B "$work/$name_of_cpp/build" -DBUILD_TESTING=OFF \
         -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS=-Werror
     must "built: $name_of_cpp" cmake --build "$work/$name_of_cpp/build"
@@ -132,12 +134,14 @@ cat >"$work/fan.xml" <<'XML'
   <interface name="org.acme.Light1"><property name="mSpeed" type="as" access="readwrite"/></interface>
 </node>
 XML
-must "written from XML" new --interface "$work/fan.xml" --open --entities xml-fan "$work/xml-fan"
+must "written from XML" new --interface "$work/fan.xml" --open --entities --diagnostics xml-fan "$work/xml-fan"
 must "configured: from XML" cmake -S "$work/xml-fan" -B "$work/xml-fan/build" -DCMAKE_PREFIX_PATH="$work/prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS=-Werror
 must "built without a warning: from XML" cmake --build "$work/xml-fan/build"
 must "its tests pass: from XML" ctest --test-dir "$work/xml-fan/build" --output-on-failure --no-tests=error
-"$work/xml-fan/build/xml-fan-test" --gtest_list_tests | grep -q HasItsInterfaces || fail "from XML: its interfaces are not tested"
+for test in HasItsInterfaces CanBeLookedInto; do
+    "$work/xml-fan/build/xml-fan-test" --gtest_list_tests | grep -q $test || fail "from XML: no test $test"
+done
 sed -i 's/type="u" access/type="uu" access/' "$work/fan.xml"
 is=$(new --interface "$work/fan.xml" --entities xml-fan "$work/refused" 2>&1)
 [ $? -eq 1 ] && [[ $is == "$work/fan.xml:6: org.acme.Fan1.Speed: "*"tern-new-extension: $work/fan.xml cannot be used" ]] &&
@@ -150,7 +154,7 @@ for file in libexec/$name lib/systemd/system/$name.service lib/sysusers.d/$name.
 done
 unit=$work/root/usr/lib/systemd/system/$name.service
 for line in Type=notify BusName=$bus WatchdogSec= Restart=on-failure StartLimitIntervalSec=0 RestartSteps= RestartMaxDelaySec= \
-    NoNewPrivileges=yes ProtectSystem=strict User=$name; do
+    FileDescriptorStoreMax=1 NoNewPrivileges=yes ProtectSystem=strict User=$name; do
     grep -q "^$line" "$unit" || fail "the unit has no $line"
 done
 # Systemd's own reading of it, with stand-ins for the units that it names.

@@ -208,6 +208,45 @@ TEST_F(CommandTest, FiftyMebibytesOfOutput) {
     EXPECT_EQ(outcome.output.find_first_not_of('x'), std::string::npos);
 }
 
+TEST_F(CommandTest, ALongOutputFollowsWhatWasThere) {
+    std::string expected = "before\n";
+    for (int number = 1; number <= 500000; ++number) {
+        expected += std::to_string(number) + "\n";
+    }
+    std::string output = "before\n";
+    int exitCode = -1;
+    EXPECT_EQ(Command("/bin/sh", 60000).Run({"-c", "seq 500000; exit 3"}, output, exitCode), StatusCode::Ok);
+    EXPECT_EQ(exitCode, 3);
+    EXPECT_TRUE(output == expected);
+}
+
+// What was read before was collected elsewhere than what follows; the logged lines are the end of the output.
+TEST_F(CommandTest, ALongOutputWhoseLinesAreLoggedFromItsMiddleOnIsWhole) {
+    const LogCapture log(6);
+    FaultScope scope(fault_read);
+    int chunks = 0;
+    fault_read.Replace(
+        [&](int fd, void* data, std::size_t size) {
+            if (size > 1000 && ++chunks == 50) {
+                tern::test::SetLogThreshold(7);
+            }
+            return fault_read.Real(fd, data, size > 1000 ? std::min<std::size_t>(size, 60000) : size);
+        },
+        1000000);
+    const std::string text = Text(4 * MIB);
+    const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, text);
+    ExpectText(outcome.output, text);
+    EXPECT_GT(chunks, 50);
+    std::string traced;
+    int number = 0;
+    for (const LogEntry& entry : Lines(log)) {
+        traced += entry.text.substr(("Line " + std::to_string(number++) + ": ").size());
+    }
+    EXPECT_GT(number, 0);
+    EXPECT_LT(traced.size(), text.size());
+    EXPECT_TRUE(text.ends_with(traced));
+}
+
 TEST_F(CommandTest, EverythingAnEndedProgramLeftIsRead) {
     FaultScope scope(fault_poll);
     fault_poll.Replace(PollAfterTheEnd);

@@ -5,10 +5,14 @@
 #include <tern/synchronizer/subject.h>
 #include <tern/synchronizer/subject_interface.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <new>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -415,4 +419,114 @@ TEST_F(SubjectTest, ExceptionOfAnObserverEndsTheWalkAndPasses) {
     b.action = nullptr;
     subject.Detach(a);
     EXPECT_THAT(CalledBy(one), ElementsAre("b", "c"));
+}
+
+// The plainest list there is says what the order has to be, while pairs come and go by the thousand.
+TEST_F(SubjectTest, KeepsOrderAndPairsHoweverManyComeAndGo) {
+    std::mt19937 random(4711);
+    std::vector<std::unique_ptr<Recorder>> observers;
+    std::map<const ObserverInterface*, std::string> nameOf;
+    for (int number = 0; number < 200; ++number) {
+        observers.push_back(std::make_unique<Recorder>(std::to_string(number), calls));
+        nameOf[observers.back().get()] = std::to_string(number);
+    }
+    NotificationInterface* const kinds[] = {&one, &two, &three};
+    std::vector<std::pair<NotificationIdentifier, ObserverInterface*>> expected;
+    for (int step = 0; step < 6000; ++step) {
+        // In long tides, so that the list is full at times and empty at others.
+        const bool rising = step / 500 % 2 == 0;
+        const std::size_t number = random() % observers.size();
+        Recorder& observer = *observers[number];
+        NotificationInterface& kind = *kinds[random() % 3];
+        const std::pair<NotificationIdentifier, ObserverInterface*> pair(kind.GetIdentifier(), &observer);
+        const auto choice = random() % 10;
+        if (choice < (rising ? 8 : 2)) {
+            subject.Attach(observer, kind);
+            if (std::find(expected.begin(), expected.end(), pair) == expected.end()) {
+                expected.push_back(pair);
+            }
+        } else if (choice < 9) {
+            subject.Detach(observer, kind);
+            std::erase(expected, pair);
+        } else {
+            subject.Detach(observer);
+            std::erase_if(expected, [&](const auto& entry) { return entry.second == &observer; });
+        }
+        ASSERT_EQ(subject.Exist(pair), std::find(expected.begin(), expected.end(), pair) != expected.end());
+        if (step % 97 == 0) {
+            std::vector<std::string> names;
+            for (const auto& [identifier, registered] : expected) {
+                if (identifier == kind.GetIdentifier()) {
+                    names.push_back(nameOf.at(registered));
+                }
+            }
+            ASSERT_EQ(CalledBy(kind), names) << "after step " << step;
+        }
+    }
+}
+
+TEST_F(SubjectTest, OneObserverOfManyKindsIsNotifiedOfEachAndEndsThemAll) {
+    std::vector<NotificationInterface> kinds;
+    for (int number = 0; number < 300; ++number) {
+        kinds.emplace_back(NotificationIdentifier{number});
+        subject.Attach(a, kinds.back());
+        subject.Attach(b, kinds.back());
+    }
+    for (NotificationInterface& kind : kinds) {
+        EXPECT_THAT(CalledBy(kind), ElementsAre("a", "b"));
+    }
+    subject.Detach(a);
+    for (NotificationInterface& kind : kinds) {
+        EXPECT_THAT(CalledBy(kind), ElementsAre("b"));
+    }
+}
+
+// So many that the list is closed up while both walks stand in the middle of it.
+TEST_F(SubjectTest, DetachingMostOfManyDuringAWalkInsideAWalkSkipsNobodyAndCallsNobodyTwice) {
+    std::vector<std::unique_ptr<Recorder>> early;
+    for (int number = 0; number < 100; ++number) {
+        early.push_back(std::make_unique<Recorder>("early", calls));
+        subject.Attach(*early.back(), two);
+    }
+    AttachAll();
+    std::vector<std::unique_ptr<Recorder>> late;
+    const auto churn = [&] {
+        for (const auto& observer : early) {
+            subject.Detach(*observer);
+        }
+        early.clear();
+        for (int number = 0; number < 500; ++number) {
+            Recorder passing("passing", calls);
+            subject.Attach(passing, one);
+            subject.Detach(passing);
+        }
+        late.push_back(std::make_unique<Recorder>("late", calls));
+        subject.Attach(*late.back(), one);
+    };
+    int turn = 0;
+    b.action = [&] {
+        ++turn;
+        if (turn == 1) {
+            subject.Notify(one);
+            churn();
+        } else if (turn == 2) {
+            churn();
+        }
+    };
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "a", "b", "c", "late", "c", "late", "late"));
+    EXPECT_THAT(CalledBy(one), ElementsAre("a", "b", "c", "late", "late"));
+    EXPECT_THAT(CalledBy(two), IsEmpty());
+}
+
+TEST_F(SubjectTest, ComingAndGoingTakesNoMoreMemoryThanThereAreObservers) {
+    AttachAll();
+    for (int round = 0; round < 10; ++round) {
+        Reattach(a);
+    }
+    const tern::test::AllocationCount allocations;
+    for (int round = 0; round < 1000; ++round) {
+        Reattach(a);
+        Reattach(c);
+    }
+    EXPECT_EQ(allocations.Get(), 0U);
 }

@@ -109,6 +109,9 @@ private:
                           {"Timer", 5'000'000, false, 1, 350, 20}};
         figures.pipes = {{500, 500, 2, 1500}};
         figures.recorder = {true, 110'592, EVENTS, CAPACITY, 0, 0, true, true};
+        if (mMode == "young") {
+            figures.recorder = {};
+        }
         return figures;
     }
 
@@ -184,7 +187,24 @@ private:
                                     : Calm();
     }
 
-    std::vector<LoggedMessage> GetMessages() const { return {{STARTED_AT, 4, "Fake: a warning", false}}; }
+    Typed::Outcome<std::vector<LoggedMessage>> GetMessages() const {
+        std::vector<LoggedMessage> messages{{STARTED_AT, 4, "Fake: a warning", false}};
+        if (mMode == "young") {
+            return Typed::Error(NOT_RECORDING_ERROR, "nothing is recorded");
+        }
+        if (mMode == "troubled") {
+            // As many as there are at most.
+            for (std::uint32_t i = 1; i < 100; ++i) {
+                messages.push_back({STARTED_AT + i * 1'000'000, 2 + i % 3,
+                                    "Fake: message " + std::to_string(i) + ' ' + std::string(70, 'x'), true});
+            }
+        } else if (mMode == "hostile") {
+            messages = {{UINT64_MAX, UINT32_MAX, HOSTILE, true}, {0, 0, std::string(3000, 'x'), false}};
+        } else if (mMode == "growing") {
+            messages.clear();
+        }
+        return messages;
+    }
 
     Typed::Outcome<Typed::Results<std::uint64_t, std::uint64_t, std::vector<RecordedEvent>>> GetEvents(
         std::uint64_t after, std::uint32_t most) {

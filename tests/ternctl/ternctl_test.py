@@ -23,89 +23,14 @@ import unittest
 import xml.etree.ElementTree as ET
 from fcntl import ioctl
 
-TERNCTL, FAKE, SOURCE = sys.argv[1:4]
-LIMIT = 60
-DONE, FAILED, WRONG_USE, NOBODY = 0, 1, 2, 3
+sys.dont_write_bytecode = True  # nothing into the folder of the sources
+
+# pylint: disable=wrong-import-position
+from harness import DONE, FAILED, LIMIT, NOBODY, SOURCE, TERNCTL, WRONG_USE, Bus, Case, Running, run, wait_for
+
 # Bytes that steer a terminal, and the characters that turn the direction of writing.
 HARMFUL = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069]")
 SVG = "{http://www.w3.org/2000/svg}"
-
-
-def wait_for(condition, what):
-    end = time.monotonic() + LIMIT
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError(f"did not happen: {what}")
-        time.sleep(0.02)
-
-
-class Bus:
-    """A message bus with services."""
-
-    def __init__(self, rules=""):
-        self.folder = tempfile.mkdtemp()
-        self.address = f"unix:path={self.folder}/bus"
-        os.mkdir(f"{self.folder}/startable")
-        with open(f"{self.folder}/bus.conf", "w", encoding="utf-8") as file:
-            file.write(
-                f"<busconfig><listen>{self.address}</listen><servicedir>{self.folder}/startable</servicedir>"
-                '<policy context="default"><allow user="*"/><allow own="*"/>'
-                f'<allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>{rules}</policy></busconfig>'
-            )
-        self.daemon = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={self.folder}/bus.conf", "--nofork", "--nopidfile", "--nosyslog", "--print-address"],
-            stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL,
-        )
-        # Told when it listens.
-        self.daemon.stdout.readline()
-        self.services = {}
-
-    def environment(self, **more):
-        return {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address, "TZ": "UTC", "LC_ALL": "C.UTF-8", **more}
-
-    def start(self, mode, name=None):
-        """A service in this mode, by default with its name; returns when it is on the bus."""
-        name = name or f"com.example.{mode}"
-        service = subprocess.Popen([FAKE, name, mode], env=self.environment(NOTIFY_SOCKET=""), stderr=subprocess.DEVNULL)
-        self.services[name] = service
-        # Where there are diagnostics they are there before the name.
-        wait_for(lambda: self.has(name), f"{name} on the bus")
-        return service
-
-    def has(self, name):
-        asked = subprocess.run([TERNCTL, "why", name], env=self.environment(), capture_output=True, check=False)
-        return b"is not on the bus" not in asked.stderr
-
-    def stop(self, name):
-        service = self.services.pop(name)
-        service.kill()
-        service.wait()
-
-    def close(self):
-        for name in list(self.services):
-            self.stop(name)
-        self.daemon.kill()
-        self.daemon.wait()
-        self.daemon.stdout.close()
-        shutil.rmtree(self.folder)
-
-
-class Result:
-    def __init__(self, status, out, err):
-        self.status, self.out, self.err = status, out, err
-
-    def __repr__(self):
-        return f"status {self.status}\n--- out\n{self.out}\n--- err\n{self.err}"
-
-
-def run(bus, *arguments, **more):
-    """ternctl, without a terminal."""
-    environment = bus.environment(**more) if bus else {**os.environ, "LC_ALL": "C.UTF-8", **more}
-    done = subprocess.run(
-        [TERNCTL, *arguments], env=environment, stdin=subprocess.DEVNULL, capture_output=True, timeout=LIMIT, check=False
-    )
-    return Result(done.returncode, done.stdout.decode(), done.stderr.decode())
 
 
 class Terminal:
@@ -142,51 +67,6 @@ class Terminal:
         return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
 
 
-class Running:
-    """ternctl that goes on until it is interrupted."""
-
-    def __init__(self, bus, *arguments):
-        self.folder = tempfile.mkdtemp()
-        with open(f"{self.folder}/out", "wb") as out, open(f"{self.folder}/err", "wb") as err:
-            self.process = subprocess.Popen(
-                [TERNCTL, *arguments], env=bus.environment(), stdin=subprocess.DEVNULL, stdout=out, stderr=err
-            )
-
-    def text(self, which):
-        with open(f"{self.folder}/{which}", encoding="utf-8") as file:
-            return file.read()
-
-    def wait_for(self, which, pattern):
-        wait_for(lambda: re.search(pattern, self.text(which)), f"{pattern} in:\n{self.text('out')}{self.text('err')}")
-
-    def finish(self, number=signal.SIGINT):
-        if number is not None:
-            self.process.send_signal(number)
-        status = self.process.wait(LIMIT)
-        result = Result(status, self.text("out"), self.text("err"))
-        shutil.rmtree(self.folder)
-        return result
-
-
-class Case(unittest.TestCase):
-    maxDiff = None
-
-    def check(self, result, status, out=None, err=""):
-        """Status, and patterns of all that was written; None for anything."""
-        self.assertEqual(result.status, status, result)
-        for text, pattern in ((result.out, out), (result.err, err)):
-            if pattern is not None:
-                flags = re.S if pattern.startswith("(?s)") else 0
-                self.assertRegex(text, re.compile(rf"\A{pattern.removeprefix('(?s)')}\Z", flags))
-
-    def with_bus(self, *modes, rules=""):
-        bus = Bus(rules)
-        self.addCleanup(bus.close)
-        for mode in modes:
-            bus.start(mode)
-        return bus
-
-
 class SharedBus(Case):
     """Tests that change nothing share a bus."""
 
@@ -211,7 +91,18 @@ class Usage(Case):
             (("dance",), "unknown command 'dance'"),
             (("--dance", "list"), "unknown option '--dance'"),
             (("-x", "list"), "unknown option '-x'"),
-            (("events", "--pid", "1"), "unknown option '--pid'"),
+            (("events", "--pid", "none"), "'none' is no process id"),
+            (("events", "--pid", "0"), "'0' is no process id"),
+            (("events", "--pid", "4294967297"), "'4294967297' is no process id"),
+            (("events", "a.b", "--pid", "1"), "the use is: ternctl events --pid PID"),
+            (("log", "--pid", "1", "a.b"), "the use is: ternctl log --pid PID"),
+            (("log",), "the use is: ternctl log NAME"),
+            (("log", "a.b", "--follow"), "--follow is not for 'log'"),
+            (("why", "a.b", "--pid", "1"), "--pid is not for 'why'"),
+            (
+                ("--host", "a", "events", "--pid", "1"),
+                "--pid is a process of this machine: without --host, --user and --address",
+            ),
             (("status",), "the use is: ternctl status NAME"),
             (("status", "a.b", "c.d"), "the use is: ternctl status NAME"),
             (("list", "a.b"), "the use is: ternctl list"),
@@ -227,7 +118,7 @@ class Usage(Case):
             (("--timeout", ".", "list"), "'.' is no time-out, 0.001 to 86400 seconds"),
             (("top", "--period", "0.01"), "'0.01' is no period, 0.1 to 3600 seconds"),
             (("top", "--count", "0"), "'0' is no number of pages"),
-            (("events", "a.b", "--last", "18446744073709551616"), "'18446744073709551616' is no number of events"),
+            (("events", "a.b", "--last", "18446744073709551616"), "'18446744073709551616' is no number of events or messages"),
             (("events", "a.b", "--last"), "'-n' takes a value"),
             (("list", "--last", "3"), "--last is not for 'list'"),
             (("status", "a.b", "-f"), "--follow is not for 'status'"),
@@ -252,14 +143,14 @@ class Usage(Case):
         options = set(re.findall(r"--[a-z]+", told))
         commands = re.findall(r"^  ([a-z-]+) ", told, re.M)
         self.assertGreater(len(options), 12)
-        self.assertEqual(len(commands), 7)
+        self.assertEqual(set(commands), {"list", "status", "top", "events", "log", "why", "log-level", "chart"})
         for word in [*options, *commands]:
             self.assertIn(word, page)
 
     def test_without_a_bus(self):
         nowhere = "unix:path=/nowhere/bus"
         tail = "No such file or directory; is dbus running, is DBUS_SYSTEM_BUS_ADDRESS right\\?\n"
-        for command in (("list",), ("status", "a.b"), ("top",), ("events", "a.b"), ("why", "a.b"), ("log-level", "a.b")):
+        for command in (("list",), ("status", "a.b"), ("top",), ("events", "a.b"), ("log", "a.b"), ("why", "a.b"), ("log-level", "a.b")):
             with self.subTest(command):
                 self.check(
                     run(None, *command, DBUS_SYSTEM_BUS_ADDRESS=nowhere),
@@ -383,8 +274,8 @@ class List(Case):
             check=True,
         )
         self.check(run(bus, "list", "--names"), DONE, "com.example.calm\n")
-        for command in (("status", "NAME"), ("events", "NAME"), ("why", "NAME"), ("log-level", "NAME")):
-            result = run(bus, command[0], "com.example.startable")
+        for command in ("status", "events", "log", "why", "log-level"):
+            result = run(bus, command, "com.example.startable")
             self.check(result, NOBODY, "", "ternctl: 'com.example.startable' is not on the bus\n")
         self.assertFalse(os.path.exists(f"{bus.folder}/started"))
 
@@ -414,6 +305,8 @@ CALM_PAGE = """\
                  5.00 s          1     350 us      20 us  Timer, once
   Pipes         WRITTEN       READ    WAITING       FULL   LONGEST WAIT
                     500        500          0          2        1.50 ms
+  Messages    TIME                 LEVEL     TEXT
+              2023-11-14 22:13:20  warning   Fake: a warning
   Members     MEAN     99 %  LONGEST   |1us      |1ms      |1s  NAME
      1000   350 us  1.02 ms  12.3 ms          █▁▁▁  ▁           …e.Fake1.Measure
       200    10 us    32 us    40 us     █▅▄                    ….Other1.Changed
@@ -448,6 +341,9 @@ class Status(SharedBus):
         )
         # What there is no room for is counted.
         timers = sum(bool(re.search(r"Timer(, once)?$", line)) for line in lines)
+        # The latest message is the first one.
+        heading = next(i for i, line in enumerate(lines) if line.startswith("  Messages "))
+        self.assertRegex(lines[heading + 1], r"^ +2023-11-14 22:14:59  critical  Fake: message 99 x+…$")
         left = [int(n) for n in re.findall(r"and (\d+) more: see --full", result.out)]
         self.assertEqual(timers + left[0], 62)
         full = run(self.bus, "status", "--full", "com.example.troubled")
@@ -475,7 +371,13 @@ class Status(SharedBus):
                 "a supervised thread has gone",
             ],
         )
-        self.assertEqual(self.run_json("status", "com.example.calm")["Attention"], [])
+        self.assertEqual(len(told["Messages"]), 100)
+        calm = self.run_json("status", "com.example.calm")
+        self.assertEqual(calm["Attention"], [])
+        self.assertEqual(calm["Messages"], [{"AtUs": 1700000000000000, "Level": 4, "Text": "Fake: a warning", "IsCut": False}])
+        # Where nothing is recorded there are none, and that is no failure.
+        young = self.run_json("status", "com.example.young")
+        self.assertEqual((young["Messages"], young["Figures"]["Recorder"]["IsRecording"]), ([], False))
 
     def test_a_narrow_terminal_is_kept_to(self):
         for columns, rows in ((40, 24), (20, 10), (1, 1)):
@@ -504,7 +406,7 @@ class Status(SharedBus):
 
     def test_errors(self):
         for name, text in (("com.example.none", "has no diagnostics"), ("com.example.away", "is not on the bus")):
-            for command in (("status",), ("events",), ("events", "--follow"), ("why",), ("log-level",), ("log-level", "info")):
+            for command in (("status",), ("events",), ("events", "--follow"), ("log",), ("why",), ("log-level",), ("log-level", "info")):
                 with self.subTest(name=name, command=command):
                     arguments = [command[0], name, *command[1:]]
                     self.check(run(self.bus, *arguments), NOBODY, "", f"ternctl: '{name}' {text}\n")
@@ -518,7 +420,13 @@ class Status(SharedBus):
             self.assertEqual(os.listdir(folder), [])
 
     def test_output_that_cannot_be_written_is_a_failure(self):
-        for command in (("list",), ("status", "com.example.calm"), ("top", "--count", "1"), ("events", "com.example.calm")):
+        for command in (
+            ("list",),
+            ("status", "com.example.calm"),
+            ("top", "--count", "1"),
+            ("events", "com.example.calm"),
+            ("log", "com.example.calm"),
+        ):
             with self.subTest(command), open("/dev/full", "wb") as full:
                 done = subprocess.run(
                     [TERNCTL, *command], env=self.bus.environment(), stdout=full, stderr=subprocess.PIPE, timeout=LIMIT, check=False
@@ -536,6 +444,7 @@ class Hostile(SharedBus):
             ("status", "--full", name),
             ("top", "--count", "1"),
             ("events", name, "--last", "3"),
+            ("log", name),
             ("why", name),
         ):
             for more in ((), ("--json",)):
@@ -577,7 +486,7 @@ class Refused(Case):
         denied = (
             "ternctl: access to 'com.example.calm' is denied: root may ask, others where the bus's policy and the service let them\n"
         )
-        for command in (("status",), ("events",), ("why",), ("log-level", "info")):
+        for command in (("status",), ("events",), ("log",), ("why",), ("log-level", "info")):
             with self.subTest(command):
                 self.check(run(bus, command[0], "com.example.calm", *command[1:]), FAILED, "", denied)
         # What everybody may read.
@@ -588,7 +497,7 @@ class Refused(Case):
     def test_a_service_that_hangs_is_told(self):
         bus = self.with_bus("calm")
         os.kill(bus.services["com.example.calm"].pid, signal.SIGSTOP)
-        for command in ("status", "events", "why", "log-level"):
+        for command in ("status", "events", "log", "why", "log-level"):
             with self.subTest(command):
                 begin = time.monotonic()
                 result = run(bus, command, "com.example.calm", "--timeout", "0.3")
@@ -710,7 +619,7 @@ class Events(Case):
             },
         )
         for more in ((), ("--last", "3"), ("--follow",)):
-            self.check(run(bus, "events", "com.example.young", *more), FAILED, "", "ternctl: 'com.example.young' records no events\n")
+            self.check(run(bus, "events", "com.example.young", *more), FAILED, "", "ternctl: 'com.example.young' records nothing\n")
 
     def test_follows_until_it_is_interrupted(self):
         bus = self.with_bus("growing")
@@ -763,6 +672,36 @@ class Events(Case):
         result = following.finish(None)
         self.assertEqual(result.status, FAILED, result)
         self.assertRegex(result.err, r"connection to the (bus was lost|system bus)")
+
+
+class Log(SharedBus):
+    def test_prints_the_messages(self):
+        result = run(self.bus, "log", "com.example.calm")
+        self.check(result, DONE, "2023-11-14 22:13:20.000000  warning   Fake: a warning\n")
+        whole = run(self.bus, "log", "com.example.troubled").out.splitlines()
+        self.assertEqual(len(whole), 100)
+        # What was cut has a mark.
+        self.assertEqual(whole[-1], f"2023-11-14 22:14:59.000000  critical  Fake: message 99 {'x' * 70}…")
+        self.assertEqual(whole[-2], f"2023-11-14 22:14:58.000000  warning   Fake: message 98 {'x' * 70}…")
+        self.assertEqual(whole[-3], f"2023-11-14 22:14:57.000000  error     Fake: message 97 {'x' * 70}…")
+        self.assertEqual(run(self.bus, "log", "com.example.troubled", "-n", "3").out.splitlines(), whole[-3:])
+        self.check(run(self.bus, "log", "com.example.troubled", "--last", "0"), DONE, "")
+        self.assertEqual(len(run(self.bus, "log", "com.example.troubled", "--last", "1000").out.splitlines()), 100)
+
+    def test_json(self):
+        self.assertEqual(
+            self.run_json("log", "com.example.calm"),
+            {
+                "Service": "com.example.calm",
+                "Messages": [{"AtUs": 1700000000000000, "Level": 4, "Text": "Fake: a warning", "IsCut": False}],
+            },
+        )
+        told = self.run_json("log", "com.example.troubled", "--last", "2")["Messages"]
+        self.assertEqual([one["AtUs"] for one in told], [1700000098000000, 1700000099000000])
+        self.assertEqual([one["Level"] for one in told], [4, 2])
+
+    def test_where_nothing_is_recorded(self):
+        self.check(run(self.bus, "log", "com.example.young"), FAILED, "", "ternctl: 'com.example.young' records nothing\n")
 
 
 class WhyAndLogLevel(SharedBus):
@@ -971,7 +910,11 @@ class Completion(SharedBus):
     def test_commands_names_levels_and_options(self):
         names = [f"com.example.{name}" for name in ("calm", "hostile", "troubled", "young")]
         for line, words in (
-            ("ternctl ", ["list", "status", "top", "events", "why", "log-level", "chart"]),
+            ("ternctl ", ["list", "status", "top", "events", "log", "why", "log-level", "chart"]),
+            ("ternctl log com.example.t", ["com.example.troubled"]),
+            ("ternctl log --l", ["--last"]),
+            ("ternctl events --p", ["--pid"]),
+            ("ternctl events --pid 1 ", []),
             ("ternctl --json st", ["status"]),
             ("ternctl status ", names),
             ("ternctl --timeout 3 why com.example.t", ["com.example.troubled"]),

@@ -180,14 +180,15 @@ TEST_F(DecodeTest, CountsAndLogsForTheBusOfTheObject) {
     static_cast<void>(Decode<Heat>(Reply(nullptr, "com.example.Error.TooHot").get(), &remote));
     static_cast<void>(Decode<Heat>(Of("u", 1U).get(), &remote));
     EXPECT_EQ(bus.GetCounters().wrongReplies, 2U);
-    EXPECT_THAT(log.Entries("Typed"),
-                testing::ElementsAre(
-                    tern::test::Warning("Typed",
-                                        "com.example.Peer /peer: a reply of 'u' where 's' is wanted (0 like "
-                                        "it not logged)"),
-                    tern::test::Warning("Typed",
-                                        "com.example.Peer /peer: a reply that is of the wanted type and has "
-                                        "no value of it (0 like it not logged)")));
+    EXPECT_THAT(
+        log.Entries("Typed"),
+        testing::ElementsAre(
+            tern::test::Warning("Typed",
+                                "com.example.Peer /peer: a reply of 'u' where 's' is wanted (0 like "
+                                "it not logged)"),
+            tern::test::Warning("Typed",
+                                "com.example.Peer /peer: a reply with a value that the wanted type does "
+                                "not have (0 like it not logged)")));
 }
 
 // What a client gets owns what it holds.

@@ -1,9 +1,9 @@
 #include <algorithm>
-#include <cinttypes>
 #include <deque>
 #include <optional>
 
 #include "commands.h"
+#include "event_lines.h"
 #include "interrupt.h"
 #include "json.h"
 #include "look.h"
@@ -27,35 +27,6 @@ constexpr int MOST_ANSWERS_WHEN_FOLLOWING = 10;
 /// Of --follow unless --last says something else.
 constexpr std::uint64_t LAST_WHEN_FOLLOWING = 10;
 constexpr auto FOLLOW_PERIOD = 500ms;
-
-void Write(JsonWriter& json, const RecordedEvent& event) {
-    json.Begin('{')
-        .Add("Sequence", event.sequence)
-        .Add("AtUs", event.atUs)
-        .Add("ThreadId", event.threadId)
-        .Add("Event", event.event)
-        .Add("Name", event.name)
-        .Add("Value", event.value)
-        .End('}');
-}
-
-std::string Describe(const RecordedEvent& event, const Look& look) {
-    std::string value;
-    if (event.event.ends_with("_ended")) {
-        value = event.value < 1000 ? Format("%" PRIu64 " ns", event.value) : Duration(event.value / 1000);
-    } else if (event.value != 0) {
-        value = Format("%" PRIu64, event.value);
-    }
-    std::string line =
-        ExactDateTime(event.atUs) + PadLeft(event.threadId != 0 ? std::to_string(event.threadId) : "-", 9) +
-        "  " + PadRight(look.Show(event.event), 15) + "  " + PadLeft(value, 9) + "  " + look.Show(event.name);
-    line.erase(line.find_last_not_of(' ') + 1);
-    return line;
-}
-
-std::string DescribeLost(std::uint64_t lost) {
-    return "-- " + Count(lost) + (lost == 1 ? " event was" : " events were") + " overwritten --";
-}
 
 /// Whether it is only there because somebody looks.
 bool ComesFromLooking(const RecordedEvent& event) {
@@ -202,6 +173,9 @@ private:
 }  // namespace
 
 ExitStatus RunEvents(const Options& options) {
+    if (options.pid) {
+        return RunProcessEvents(options);
+    }
     const Session session(options);
     if (options.isFollowing) {
         return Follower(options, session).Run();

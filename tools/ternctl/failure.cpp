@@ -28,7 +28,7 @@ Failure Explain(const Typed::Error& error, const std::string& name, std::chrono:
         return Failure(quoted + " has diagnostics of another version: " + error.GetText());
     }
     if (kind == "tern.Diagnostics1.Error.NotRecording") {
-        return Failure(quoted + " records no events");
+        return Failure(quoted + " records nothing");
     }
     switch (error.GetStatus()) {
         case StatusCode::AccessDenied:

@@ -21,6 +21,8 @@ constexpr const char* USAGE =
     "  status NAME                     a page about a service\n"
     "  top                             all services, the busiest first, until q or Ctrl-C\n"
     "  events NAME                     what the flight recorder holds\n"
+    "  events --pid PID                the same of a process here, without the bus, though it hangs\n"
+    "  log NAME                        the last messages of level warning and worse; also with --pid\n"
     "  why NAME                        how the service's former life ended\n"
     "  log-level NAME [LEVEL]          show or set the threshold of the service's log\n"
     "  chart NAME SECONDS FILE.svg     watch for a while and draw memory, calls, latency and queues\n"
@@ -37,12 +39,13 @@ constexpr const char* USAGE =
     "      --period SECONDS            top: time between two looks (1)\n"
     "      --count N                   top: end after so many pages\n"
     "  -f, --follow                    events: go on with what comes\n"
-    "  -n, --last N                    events: only the last N\n"
+    "  -n, --last N                    events, log: only the last N\n"
+    "      --pid PID                   events, log: of this process, in place of a name\n"
     "  -h, --help                      this text\n"
     "      --version                   the version\n"
     "\n"
     "Exit status: 0 done, 1 failed, 2 wrong use, 3 nobody there: the name is not on the bus, or has no\n"
-    "diagnostics. NO_COLOR=1 switches colours off.\n";
+    "diagnostics; there is no such process, or it has no flight recorder. NO_COLOR=1 switches colours off.\n";
 
 ExitStatus Run(const ternctl::Options& options) {
     if (options.isHelp) {
@@ -58,9 +61,9 @@ ExitStatus Run(const ternctl::Options& options) {
         ExitStatus (*run)(const ternctl::Options& options);
     };
     static constexpr Command COMMANDS[] = {
-        {"list", ternctl::RunList},     {"status", ternctl::RunStatus}, {"top", ternctl::RunTop},
-        {"events", ternctl::RunEvents}, {"why", ternctl::RunWhy},       {"log-level", ternctl::RunLogLevel},
-        {"chart", ternctl::RunChart},
+        {"list", ternctl::RunList},          {"status", ternctl::RunStatus}, {"top", ternctl::RunTop},
+        {"events", ternctl::RunEvents},      {"log", ternctl::RunLog},       {"why", ternctl::RunWhy},
+        {"log-level", ternctl::RunLogLevel}, {"chart", ternctl::RunChart},
     };
     for (const Command& command : COMMANDS) {
         if (options.command == command.name) {

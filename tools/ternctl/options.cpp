@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 namespace {
 
 /// What getopt_long(3) returns for those without a letter.
-enum Code : int { JSON = 256, USER, SYSTEM, ADDRESS, TIMEOUT, VERSION, PERIOD, COUNT, FULL, NAMES };
+enum Code : int { JSON = 256, USER, SYSTEM, ADDRESS, TIMEOUT, VERSION, PERIOD, COUNT, FULL, NAMES, PID };
 
 constexpr std::array LONG_OPTIONS{
     option{"help", no_argument, nullptr, 'h'},
@@ -32,6 +32,7 @@ constexpr std::array LONG_OPTIONS{
     option{"count", required_argument, nullptr, COUNT},
     option{"full", no_argument, nullptr, FULL},
     option{"names", no_argument, nullptr, NAMES},
+    option{"pid", required_argument, nullptr, PID},
     option{nullptr, 0, nullptr, 0},
 };
 
@@ -42,9 +43,10 @@ struct Special {
     std::array<std::string_view, 2> commands;
 };
 constexpr std::array SPECIALS{
-    Special{'f', "--follow", {"events"}},          Special{'n', "--last", {"events"}},
+    Special{'f', "--follow", {"events"}},          Special{'n', "--last", {"events", "log"}},
     Special{PERIOD, "--period", {"top"}},          Special{COUNT, "--count", {"top"}},
     Special{FULL, "--full", {"status", "events"}}, Special{NAMES, "--names", {"list"}},
+    Special{PID, "--pid", {"events", "log"}},
 };
 
 /// How many arguments a command takes.
@@ -53,12 +55,14 @@ struct Command {
     std::size_t least;
     std::size_t most;
     const char* usage;
+    const char* usageWithPid = nullptr;  ///< where a process is named in place of a service
 };
 constexpr std::array COMMANDS{
     Command{"list", 0, 0, ""},
     Command{"status", 1, 1, " NAME"},
     Command{"top", 0, 0, ""},
-    Command{"events", 1, 1, " NAME"},
+    Command{"events", 1, 1, " NAME", " --pid PID"},
+    Command{"log", 1, 1, " NAME", " --pid PID"},
     Command{"why", 1, 1, " NAME"},
     Command{"log-level", 1, 2, " NAME [LEVEL]"},
     Command{"chart", 3, 3, " NAME SECONDS FILE.svg"},
@@ -79,8 +83,12 @@ void CheckCommand(const Options& options) {
         if (command.name != options.command) {
             continue;
         }
-        if (options.arguments.size() < command.least || options.arguments.size() > command.most) {
-            throw WrongUse("the use is: ternctl " + options.command + command.usage);
+        const bool isOfProcess = options.pid.has_value() && command.usageWithPid != nullptr;
+        const std::size_t least = isOfProcess ? 0 : command.least;
+        const std::size_t most = isOfProcess ? 0 : command.most;
+        if (options.arguments.size() < least || options.arguments.size() > most) {
+            throw WrongUse("the use is: ternctl " + options.command +
+                           (isOfProcess ? command.usageWithPid : command.usage));
         }
         return;
     }
@@ -88,6 +96,9 @@ void CheckCommand(const Options& options) {
 }
 
 void CheckBus(const Options& options) {
+    if (options.pid && (options.host || options.isUserBus || options.address)) {
+        throw WrongUse("--pid is a process of this machine: without --host, --user and --address");
+    }
     if (options.host && (options.isUserBus || options.address)) {
         throw WrongUse("--host is the system bus of another machine: without --user and --address");
     }
@@ -124,7 +135,7 @@ void Apply(Options& options, int code, const std::string& value) {
             options.isFollowing = true;
             break;
         case 'n':
-            options.last = ReadWhole(value, 0, UINT64_MAX, "number of events");
+            options.last = ReadWhole(value, 0, UINT64_MAX, "number of events or messages");
             break;
         case PERIOD:
             options.period = ReadSeconds(value, 100ms, 1h, "period, 0.1 to 3600 seconds");
@@ -134,6 +145,9 @@ void Apply(Options& options, int code, const std::string& value) {
             break;
         case FULL:
             options.isFull = true;
+            break;
+        case PID:
+            options.pid = static_cast<std::uint32_t>(ReadWhole(value, 1, INT32_MAX, "process id"));
             break;
         default:
             options.isNamesOnly = true;

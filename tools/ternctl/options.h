@@ -24,7 +24,8 @@ struct Options {
     std::optional<std::chrono::milliseconds> limit{};  ///< of each call
 
     bool isFollowing = false;                ///< events
-    std::optional<std::uint64_t> last{};     ///< events
+    std::optional<std::uint64_t> last{};     ///< events, log
+    std::optional<std::uint32_t> pid{};      ///< events, log: in place of a name
     std::chrono::milliseconds period{1000};  ///< top
     std::optional<std::uint64_t> count{};    ///< top
     bool isFull = false;                     ///< status, events

@@ -46,6 +46,10 @@ Diagnostics::Figures Service::TakeSnapshot() const {
     return Take(mProxy.Call(Diagnostics1::Snapshot));
 }
 
+std::vector<Diagnostics::LoggedMessage> Service::GetMessages() const {
+    return Take(mProxy.Call(Diagnostics1::GetMessages));
+}
+
 Typed::Results<std::uint64_t, std::uint64_t, std::vector<Diagnostics::RecordedEvent>> Service::GetEvents(
     std::uint64_t after, std::uint32_t most) const {
     return Take(mProxy.Call(Diagnostics1::GetEvents, after, most));

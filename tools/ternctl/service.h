@@ -34,6 +34,7 @@ public:
     const std::string& GetOwner() const { return mOwner; }
 
     Diagnostics::Figures TakeSnapshot() const;
+    std::vector<Diagnostics::LoggedMessage> GetMessages() const;
     Typed::Results<std::uint64_t, std::uint64_t, std::vector<Diagnostics::RecordedEvent>> GetEvents(
         std::uint64_t after, std::uint32_t most) const;
     Typed::Results<std::string, std::vector<std::string>> Why() const;

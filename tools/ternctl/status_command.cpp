@@ -5,6 +5,7 @@
 #include "findings.h"
 #include "json.h"
 #include "look.h"
+#include "message_lines.h"
 #include "output.h"
 #include "service.h"
 #include "status_page.h"
@@ -21,7 +22,10 @@ constexpr auto SECOND_LOOK = 300ms;
 Status LookAt(const Options& options) {
     const Session session(options);
     const Service service(session, options.arguments[0]);
-    Status status{service.GetName(), service.GetFacts(), service.TakeSnapshot(), {}};
+    Status status{service.GetName(), service.GetFacts(), service.TakeSnapshot(), {}, {}};
+    if (status.figures.recorder.bytes > 0) {
+        status.messages = service.GetMessages();
+    }
     if (!HasQueues(status.figures)) {
         status.findings = FindTrouble(status.figures, nullptr);
         return status;
@@ -50,7 +54,9 @@ ExitStatus RunStatus(const Options& options) {
         for (const Finding& finding : status.findings) {
             json.Value(finding.text);
         }
-        json.End(']').End('}');
+        json.End(']').Key("Messages");
+        Write(json, status.messages);
+        json.End('}');
         PrintLine(json.GetText());
         return ExitStatus::Done;
     }

@@ -4,11 +4,13 @@
 #include <utility>
 
 #include "latency.h"
+#include "message_lines.h"
 #include "text.h"
 
 namespace ternctl {
 
 using Diagnostics::ComponentFigures;
+using Diagnostics::LoggedMessage;
 using Diagnostics::MemberFigures;
 using Diagnostics::PipeFigures;
 using Diagnostics::PoolFigures;
@@ -33,6 +35,15 @@ std::string Right(const std::string& text, std::size_t width) {
     return PadLeft(text, width);
 }
 
+/// Without the number of the thread that the library puts in front, for which a page has no room.
+LoggedMessage WithoutThread(LoggedMessage message) {
+    const std::size_t end = message.text.find_first_not_of("0123456789", 1);
+    if (message.text.starts_with('[') && end != std::string::npos && end > 1 && message.text[end] == ']') {
+        message.text.erase(0, end + 1);
+    }
+    return message;
+}
+
 class Page {
 public:
     Page(const Status& status, const Look& look) : mStatus(status), mFigures(status.figures), mLook(look) {}
@@ -45,6 +56,7 @@ public:
         Components();
         Timers();
         Pipes();
+        Messages();
         Members();
         Distribute(rows);
         for (Table& table : mTables) {
@@ -206,6 +218,17 @@ private:
                        Right(Count(BacklogOf(pipe)), 11) + Right(Count(pipe.full), 11) +
                        Right(Duration(pipe.longestWaitUs), 15),
                    IsFound(Part::Pipe, i));
+        }
+    }
+
+    /// The latest first: it is the one to begin with.
+    void Messages() {
+        Table& table = AddTable("Messages    TIME                 LEVEL     TEXT");
+        for (auto message = mStatus.messages.rbegin(); message != mStatus.messages.rend(); ++message) {
+            AddRow(table,
+                   "            " + DateTime(message->atUs) + "  " + PadRight(NameLevel(message->level), 8) +
+                       "  " + ShowText(WithoutThread(*message), mLook),
+                   false);
         }
     }
 

@@ -17,6 +17,7 @@ struct Status {
     Facts facts;
     Diagnostics::Figures figures;
     std::vector<Finding> findings;
+    std::vector<Diagnostics::LoggedMessage> messages;  ///< oldest first
 };
 
 /// The page of a service: at most `rows` lines of `look.columns`. Where there is more of something than

@@ -11,7 +11,7 @@ _ternctl_offer() {
 
 _ternctl() {
     local options="--json --system --user --address --host --timeout --help --version"
-    local words word former command="" bus=() is_remote="" position=0 i
+    local words word former command="" bus=() is_remote="" has_pid="" position=0 i
     # Bash breaks words at the colons and equal signs of an address; here only blanks do.
     read -ra words <<<"${COMP_LINE:0:COMP_POINT}"
     [[ ${COMP_LINE:0:COMP_POINT} != *[[:blank:]] ]] || words+=("")
@@ -28,12 +28,18 @@ _ternctl() {
         --host | -H) is_remote=yes && ((++i)) ;;
         --host=* | -H*) is_remote=yes ;;
         --timeout | --period | --count | --last | -n) ((++i)) ;;
+        --pid) has_pid=yes && ((++i)) ;;
+        --pid=*) has_pid=yes ;;
         -*) ;;
         *) if [ -z "$command" ]; then command=${words[i]}; else ((++position)); fi ;;
         esac
     done
 
     case $former in
+    --pid)
+        _ternctl_offer "$word" < <(cd /proc && printf '%s\n' [0-9]*)
+        return
+        ;;
     --address | --timeout | --period | --count | --last | -n | --host | -H) return ;;
     esac
     if [[ $word == -* ]]; then
@@ -41,16 +47,17 @@ _ternctl() {
         list) options+=" --names" ;;
         status) options+=" --full" ;;
         top) options+=" --period --count" ;;
-        events) options+=" --follow --last --full" ;;
+        events) options+=" --follow --last --full --pid" ;;
+        log) options+=" --last --pid" ;;
         esac
         _ternctl_offer "$word" <<<"${options// /$'\n'}"
         return
     fi
     case $command:$position in
-    :*) _ternctl_offer "$word" < <(printf '%s\n' list status top events why log-level chart) ;;
-    status:0 | events:0 | why:0 | log-level:0 | chart:0)
+    :*) _ternctl_offer "$word" < <(printf '%s\n' list status top events log why log-level chart) ;;
+    status:0 | events:0 | log:0 | why:0 | log-level:0 | chart:0)
         # Not the names of another machine: ssh may ask for a password.
-        [ -n "$is_remote" ] ||
+        [ -n "$is_remote$has_pid" ] ||
             _ternctl_offer "$word" < <(ternctl "${bus[@]}" --timeout 1 list --names 2>/dev/null)
         ;;
     log-level:1) _ternctl_offer "$word" < <(printf '%s\n' critical error warning notice info debug) ;;

@@ -292,7 +292,7 @@ struct LoggedMessage {
 struct RecordedEvent {
     std::uint64_t sequence = 0;  ///< counts from 1; what is missing in between has been overwritten
     std::uint64_t atUs = 0;      ///< of day
-    std::uint32_t threadId = 0;  ///< the kernel's id; 0 when the table of threads was full
+    std::uint32_t threadId = 0;  ///< the kernel's id, of a thread that may have ended since
     std::string event;           ///< its name, for example "job_ended"; see docs/diagnostics.md
     std::string name;            ///< whose: a member, a component, a thread; may be empty
     std::uint64_t value = 0;     ///< nanoseconds in events that end something, else what the event says

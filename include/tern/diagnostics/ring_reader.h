@@ -45,7 +45,7 @@ struct FlightEvent {
     std::uint64_t sequence =
         0;  ///< counts from 1; what is missing has been overwritten or was never finished
     std::uint64_t monotonicNs = 0;  ///< CLOCK_MONOTONIC
-    std::uint32_t threadId = 0;     ///< the kernel's, of a thread that lives still; else 0
+    std::uint32_t threadId = 0;     ///< the kernel's, of a thread that may have ended since
     std::string event;              ///< its name, for example "job_ended"
     std::string name;               ///< whose; may be empty
     std::uint64_t value = 0;        ///< nanoseconds where something ended, else what the event says
@@ -60,15 +60,16 @@ enum class FlightEnd {
 
 /// All that a flight recorder holds. Texts are valid UTF-8 without control characters.
 struct Flight {
-    std::uint32_t pid = 0;               ///< of the process, in its own namespace
-    std::uint32_t restarts = 0;          ///< lives before it
-    std::string program;                 ///< file name
-    std::string version;                 ///< the service's own
-    std::string bootId;                  ///< /proc/sys/kernel/random/boot_id
-    std::uint64_t processStartedNs = 0;  ///< CLOCK_REALTIME
-    std::uint64_t watchdogNs = 0;        ///< systemd's period; 0 for none
-    std::uint64_t beganNs = 0;           ///< recording, CLOCK_MONOTONIC
-    std::uint64_t latestNs = 0;          ///< the latest instant that it holds, CLOCK_MONOTONIC
+    std::uint32_t pid = 0;       ///< of the process, in its own namespace
+    std::uint32_t restarts = 0;  ///< lives before it
+    std::string program;         ///< file name
+    std::string version;         ///< the service's own
+    std::string bootId;          ///< /proc/sys/kernel/random/boot_id
+    /// CLOCK_REALTIME, as that was set at the last event; 0 when it is not known
+    std::uint64_t processStartedNs = 0;
+    std::uint64_t watchdogNs = 0;  ///< systemd's period; 0 for none
+    std::uint64_t beganNs = 0;     ///< recording, CLOCK_MONOTONIC
+    std::uint64_t latestNs = 0;    ///< the latest instant that it holds, CLOCK_MONOTONIC
     std::int64_t toRealtimeNs =
         0;  ///< what to add to CLOCK_MONOTONIC for CLOCK_REALTIME, as of the last event
     FlightEnd end = FlightEnd::None;      ///< see there

@@ -13,6 +13,9 @@ namespace mwl::tern::Synchronizer {
 
 /// Fans notifications out, on the caller's thread, to the observers registered for their identifier.
 ///
+/// Attaching, detaching and looking for a pair take as long among many observers as among few; what counts is
+/// for how many identifiers the one observer is attached. Notifying grows with the length of the list.
+///
 /// One thread at a time: there is no lock. An observer may, while it is being notified, attach and detach
 /// itself and others, notify again, and destroy itself or others; it must not destroy the subject. Observers
 /// are not owned. An Observer refers to its subject until its own end, so the subject outlives it.
@@ -43,22 +46,23 @@ public:
 
 private:
     using Pair = std::pair<NotificationIdentifier, ObserverInterface*>;
-    /// In the list by ascending number; a number is never given twice.
+    /// In the list in the order in which they were attached. One that was detached leaves its place empty,
+    /// with no observer, until the list is closed up.
     struct Registration {
         Pair pair;
-        std::uint64_t number;
+        std::uint64_t links;  ///< of the index, which the list is as well
     };
     /// A Notify under way.
     struct Walk {
         bool HasCalled(const Registration& registration) const;
 
-        std::uint64_t begun;       ///< registrations of higher numbers are newer than the walk
-        std::uint64_t reached;     ///< number of the registration called last
+        std::uint64_t begun;       ///< the length of the list when it began: what is behind that is newer
+        std::uint64_t reached;     ///< how far it is: up to and with the registration called last
         std::vector<Pair> passed;  ///< those detached since the walk was past them
         Walk* outer;               ///< the walk that this one interrupted
     };
 
-    std::size_t FindAfter(std::uint64_t number) const;
+    std::size_t FindAfter(std::uint64_t position) const;
     std::vector<Registration>::iterator Remove(std::vector<Registration>::iterator entry);
 
     std::vector<Registration> mRegistrations;

@@ -1,6 +1,7 @@
 // The extension of the soak test: everything that the library offers an extension, busy all the time.
 
 #include <systemd/sd-daemon.h>
+#include <tern/diagnostics/recorder.h>
 #include <tern/foundation/composite_runtime.h>
 #include <tern/service/component.h>
 #include <tern/service/message_pipe.h>
@@ -97,6 +98,7 @@ int main(int argc, char* argv[]) {
         fprintf(stderr, "Usage: tern-soak-extension FOLDER CLIENTS\n");
         return EXIT_USAGE;
     }
+    static_cast<void>(mwl::Diagnostics::Recorder::Begin());  // logged
     try {
         const char* const name = getenv("TERN_SOAK_FAULT");  // NOLINT(concurrency-mt-unsafe): no threads yet
         soak::Fault fault(name == nullptr ? "" : name);

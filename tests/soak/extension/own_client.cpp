@@ -1,6 +1,8 @@
 #include "own_client.h"
 
+#include <tern/diagnostics/contract.h>
 #include <tern/typed/sleep.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <utility>
@@ -20,6 +22,7 @@ constexpr const char* NOBODY = "com.example.SoakNobody";
 /// Of the rounds: what takes a program, and what nobody answers.
 constexpr std::uint64_t WORK_EVERY = 20;
 constexpr std::uint64_t NOBODY_EVERY = 10;
+constexpr std::uint64_t LOOK_EVERY = 25;
 
 }  // namespace
 
@@ -88,9 +91,33 @@ Task<> OwnClient::Talk() {
                 static_cast<void>(IsFine(none));
             }
         }
+        if (!mIsOver && round % LOOK_EVERY == 0) {
+            co_await Look();
+        }
         if (co_await Sleep(mBus, PAUSE) != StatusCode::Ok) {
             co_return;
         }
+    }
+}
+
+Task<> OwnClient::Look() {
+    using mwl::Diagnostics::Diagnostics1;
+    const Proxy<Diagnostics1> diagnostics(mBus, BUS_NAME, Diagnostics1::PATH);
+    const auto figures = co_await diagnostics.Call(Diagnostics1::Snapshot);
+    if (IsFine(figures) && (figures->process.pid != static_cast<std::uint32_t>(getpid()) ||
+                            !figures->recorder.isRecording || figures->components.empty())) {
+        ++mProgress.failures;
+    }
+    if (mIsOver) {
+        co_return;
+    }
+    const auto events = co_await diagnostics.Call(Diagnostics1::GetEvents, mLatestEvent, 0U);
+    if (IsFine(events)) {
+        const std::uint64_t former = std::exchange(mLatestEvent, std::get<0>(*events));
+        mProgress.failures += mLatestEvent > former ? 0 : 1;
+    }
+    if (!mIsOver) {
+        static_cast<void>(IsFine(co_await diagnostics.Call(Diagnostics1::Why)));
     }
 }
 

@@ -19,8 +19,8 @@
 namespace soak {
 
 /// What the extension asks of one of its own objects, over the message bus, as a typed client: calls that a
-/// coroutine awaits, a subscription, a property cache and a watch, all the time. Whatever is not as it is to
-/// be counts as a failure. D-Bus thread only.
+/// coroutine awaits, a subscription, a property cache, a watch and the diagnostics, all the time. Whatever is
+/// not as it is to be counts as a failure. D-Bus thread only.
 class OwnClient {
 public:
     /// com.example.SoakClient1 as far as it is asked.
@@ -46,9 +46,13 @@ public:
                               const std::string& path);
     /// Ends what is left.
     void Close();
+    /// The thread's only one.
+    mwl::Typed::Bus& GetBus() { return mBus; }
 
 private:
     mwl::Typed::Task<> Talk();
+    /// At the diagnostics.
+    mwl::Typed::Task<> Look();
     /// Whether it is as it is to be; otherwise it is counted, unless the bus closes.
     template <class R>
     bool IsFine(const mwl::Typed::Outcome<R>& outcome);
@@ -60,6 +64,7 @@ private:
     std::optional<mwl::Typed::PropertyCache<Client1>> mCache;
     mwl::Typed::Subscription mTicks;
     mwl::Typed::PeerWatch mWatch;
+    std::uint64_t mLatestEvent = 0;
     /// Of the tick before; 0 at first.
     std::uint64_t mTick = 0;
     bool mIsOver = false;

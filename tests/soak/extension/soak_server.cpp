@@ -60,11 +60,16 @@ StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::Eve
         status = loop.AddIo(mTicks.GetReadFd(), EPOLLIN,
                             [this](sd_event_source*, int, unsigned int) { return OnTick(); });
     }
+    if (status == StatusCode::Ok) {
+        mDiagnostics = mwl::Diagnostics::Diagnostics::Export(mOwnClient.GetBus());
+        status = mDiagnostics.GetStatus();
+    }
     return status;
 }
 
 void SoakServer::Stop() {
     mOwnClient.Close();
+    mDiagnostics.Reset();
     mTicks.Close();
     mDesk.Close();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <systemd/sd-bus.h>
+#include <tern/diagnostics/diagnostics.h>
 #include <tern/service/event_loop.h>
 #include <tern/service/ipc_server.h>
 #include <tern/service/message_pipe.h>
@@ -12,7 +13,8 @@
 
 namespace soak {
 
-/// Puts the soak's objects on the bus and sends the ticker's numbers as signals. D-Bus thread only.
+/// Puts the soak's objects and its diagnostics on the bus and sends the ticker's numbers as signals. D-Bus
+/// thread only.
 class SoakServer : public mwl::DBusService::IpcServer {
 public:
     /// All outlive the server; the pipe of the ticks is initialised.
@@ -34,6 +36,7 @@ private:
     /// Of the object that the extension itself calls, as no count of calls is to depend on it.
     Fault mNoFault{""};
     OwnClient mOwnClient;
+    mwl::Diagnostics::Diagnostics mDiagnostics;
 };
 
 }  // namespace soak
