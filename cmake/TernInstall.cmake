@@ -71,7 +71,7 @@ install(FILES README.md CONTRIBUTING.md DESTINATION ${TERN_DOC_DIR} COMPONENT do
 install(DIRECTORY docs DESTINATION ${TERN_DOC_DIR} COMPONENT doc PATTERN Doxyfile EXCLUDE
   PATTERN site EXCLUDE)
 # The examples build on their own against the installed package.
-install(DIRECTORY examples/thermostat examples/tutorial examples/type-gallery examples/hostname-client
+install(DIRECTORY examples/greeter examples/thermostat examples/tutorial examples/type-gallery examples/hostname-client
   DESTINATION ${TERN_DOC_DIR}/examples COMPONENT doc)
 
 # The generator of extension projects.

@@ -102,7 +102,7 @@ headers=$(cd "$source/include" && find tern -name '*.h' -printf 'usr/include/%p 
         usr/share/libtern-dbus-service/tern-dbus-codegen $lib/cmake/TernDBusService/TernGenerate.cmake usr/include/tern-test/private_bus.h usr/include/tern-foundation/status_code.h usr/include/tern-basic-log/root_logger.h
     content libtern-dbus-service-doc usr/share/doc/libtern-dbus-service-doc/{README.md,docs/{packaging,tutorial}.md} \
         usr/share/doc/libtern-dbus-service-doc/html/{index,search,docs/tutorial,reference/typed/bus}.html \
-        usr/share/doc/libtern-dbus-service-doc/examples/tutorial/{CMakeLists.txt,main.cpp} \
+        usr/share/doc/libtern-dbus-service-doc/examples/{greeter,tutorial}/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/thermostat/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/type-gallery/{CMakeLists.txt,main.cpp} \
         usr/share/doc/libtern-dbus-service-doc/examples/hostname-client/{CMakeLists.txt,hostname1.xml,main.cpp}

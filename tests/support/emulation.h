@@ -7,7 +7,7 @@
 
 namespace tern::test {
 
-/// Whether this program runs in an emulator; ctest tells it by TERN_EMULATED in the environment.
+/// Whether this program runs in an emulator; ctest sets TERN_EMULATED in the environment.
 inline bool IsEmulated() {
     return std::getenv("TERN_EMULATED") != nullptr;  // NOLINT(concurrency-mt-unsafe): nobody changes it
 }

@@ -143,8 +143,8 @@ private:
     TERN_INTERPOSE_SYMBOL_(result, name, #name, parameters, arguments)
 
 /// Defined where code with 64-bit time calls the C library by names of its own: the library's native time has
-/// 32 bits there. (`__USE_TIME_BITS64` alone does not tell: newer C libraries define it wherever time has 64
-/// bits.)
+/// 32 bits there. (`__USE_TIME_BITS64` alone does not say it: newer C libraries define it wherever time has
+/// 64 bits.)
 #if defined(__USE_TIME_BITS64) && __TIMESIZE == 32
 #define TERN_HAS_TIME64_NAMES
 #endif

@@ -24,8 +24,8 @@ public:
     /// The next notification, waiting at most `limit`; empty when none came.
     std::optional<std::string> Receive(std::chrono::milliseconds limit = GENEROUS_LIMIT);
     /// The same, but waiting no longer than `child` lives, a child of this process: empty as soon as it has
-    /// ended and nothing of what was sent is left, which is known in 10 ms; at once when there is no such
-    /// child. It is not reaped: DescribeChild tells how it ended.
+    /// ended and nothing of what was sent is left, which is known in 10 ms; immediately when there is no such
+    /// child. It is not reaped: DescribeChild says how it ended.
     std::optional<std::string> ReceiveFrom(pid_t child, std::chrono::milliseconds limit = GENEROUS_LIMIT);
     /// Takes what has already arrived, without waiting.
     std::optional<std::string> ReceiveNow() { return Receive(std::chrono::milliseconds(0)); }

@@ -16,22 +16,24 @@ namespace mw::tern::DBusCommand {
 /// D-Bus thread Typed::Proxy, which does not block. This class stays for C++17, for calls that are put
 /// together by hand, and for a connection that is supplied.
 ///
-/// One thread at a time. Execute blocks for the call's duration, at most for sd-bus's time-out (25 s, or what
-/// the environment variable SYSTEMD_BUS_TIMEOUT or, on a supplied bus, sd_bus_set_method_call_timeout(3)
-/// says). On a connection that is still being made, its own and a supplied one's first call, that comes on
-/// top: 90 s, which nothing changes, for a bus that lets connect but does not answer, and the time-out once
-/// more for its greeting. Failures are logged with the logger name "Service".
+/// One thread at a time. Failures are logged with the logger name "Service".
+///
+/// Execute blocks until the answer comes, at most:
+/// - for sd-bus's time-out: 25 s, or what the environment variable SYSTEMD_BUS_TIMEOUT says, or on a supplied
+///   bus sd_bus_set_method_call_timeout(3);
+/// - for the first call of a connection longer. A bus that accepts the connection and does not answer costs
+///   90 s, which nothing changes. The greeting of the bus may take the time-out once more.
 ///
 /// On a thread whose default event loop feeds a watchdog (a service's D-Bus thread under WatchdogSec=),
-/// Execute lets sd-bus wait no longer than a quarter of the watchdog's period for an answer, whatever
-/// time-out is set: the status is Timeout, and the process is not killed for a peer that does not answer. It
-/// is a limit for each sd-bus call that CallMethod makes; several in one callback add up. Other threads, and
-/// calls that give sd_bus_call(3) a time-out of their own, are not limited.
+/// Execute lets sd-bus wait for an answer no longer than a quarter of the watchdog's period, whatever
+/// time-out is set. The status is Timeout then, and the process is not killed for a peer that does not
+/// answer. The limit is for each sd-bus call that CallMethod makes; several in one callback add up. Other
+/// threads, and calls that give sd_bus_call(3) a time-out of their own, are not limited.
 ///
 /// While a call waits, sd-bus takes in and keeps whatever anybody sends to the same connection. With the
 /// service's own bus supplied on the D-Bus thread, a third party can make the process grow for as long as the
-/// answer is due, by hundreds of mebibytes in 25 s. Rather call from a worker's thread, without a supplied
-/// bus, or without waiting (sd_bus_call_async(3)).
+/// answer is due, by hundreds of mebibytes in 25 s. So call from a worker's thread without a supplied bus, or
+/// without waiting (sd_bus_call_async(3)).
 class TERN_API Command : public ICommand {
 public:
     Command() = default;

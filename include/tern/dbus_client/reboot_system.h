@@ -29,7 +29,7 @@ public:
     ~RebootSystem() override;
 
     /// Calls and reads the answer. Returns the sd-bus result: 0 or more when the service answered, also when
-    /// it answered "false" (which only the log tells, at info level); else a negative errno, logged.
+    /// it answered "false" (which only the log says, at info level); else a negative errno, logged.
     int CallMethod(sd_bus* bus) override;
 
 private:

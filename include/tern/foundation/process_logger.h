@@ -9,8 +9,8 @@ namespace mwl {
 /// The process's logger as the log macros (log.h) reach it. Any thread, at any time, also before main().
 ///
 /// RootLogger::GetInstance is compiled into each caller, with the guard of its first use. Here that is done
-/// once for a shared object, which keeps every log call small. Of the logger no more is used than that its
-/// first member points to the threshold, and its Print: the device maker's own may know no other operation.
+/// once for a shared object, which keeps every log call small. Two things of the logger are used, because a
+/// device maker's own may know no other: its first member points to the threshold, and it has Print.
 class ProcessLogger {
 public:
     /// The logger, built on first use. What its construction throws passes through.

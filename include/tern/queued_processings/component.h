@@ -27,8 +27,8 @@ namespace mwl::QueuedProcessings {
 /// | operation | no thread                           | thread started                   | joined            |
 /// |-----------|-------------------------------------|----------------------------------|-------------------|
 /// | Start     | Ok, or back to no thread            | Busy                             | Busy              |
-/// | WakeUp    | the first run comes at once         | one more run                     | nothing           |
-/// | Stop      | nothing                             | the thread leaves its loop       | executor told     |
+/// | WakeUp    | the first run comes immediately     | one more run                     | nothing           |
+/// | Stop      | nothing                             | the thread leaves its loop       | executor stopped  |
 /// | Join      | unregisters                         | waits for the end, unregisters   | std::system_error |
 ///
 /// Threads: `WakeUp` may be called from any thread, the executor included. All else belongs to one thread,
@@ -52,23 +52,27 @@ public:
 
     /// Starts the thread and blocks until the executor's `Initialize` has returned there. Failures are
     /// logged as errors.
-    /// Ok: the thread runs. Busy: there is a thread already, or was: a component is started once.
-    /// ResourceUnavailable: no memory for the thread object. Any other: the status of `Initialize`, and the
-    /// thread has ended. After the last two there is no thread, and Start may be called again; but what was
-    /// stopped meanwhile stays stopped, and runs nothing. A thread that the system refuses leaves as
-    /// std::system_error; there is none then either.
+    /// Ok: the thread runs.
+    /// Busy: there is a thread already, or was: a component is started once.
+    /// ResourceUnavailable: no memory for the thread object.
+    /// Any other: the status of `Initialize`, and the thread has ended.
+    /// Throws std::system_error when the system refuses a thread.
+    /// After the last three there is no thread, and Start may be called again. A component that was stopped
+    /// meanwhile stays stopped, and runs nothing.
     StatusCode Start() override;
     /// Calls the executor's `Stop` and asks the thread to leave its loop, which it does when the run in
-    /// progress returns. Returns at once; harmless to repeat. Does nothing without a thread.
+    /// progress returns. Returns immediately; harmless to repeat. Does nothing without a thread.
     void Stop() override;
     /// Waits, without limit, until the thread has ended, and takes its registration back. Without a thread
     /// only the latter, which the monitor then reports. REQUIRES: not on the component's thread. A second
     /// Join raises std::system_error.
     void Join() override;
-    /// Asks for one more run. Never blocks for the length of one, never lost: called before `Start`, the
-    /// first run comes as soon as the thread is initialised. A thread of real-time priority waits for no
-    /// thread of lower priority here, but for the log when its level is debug. Measured with the worker and
-    /// two threads that wake it at lowest priority, and three busy ones, on one processor: 0.1 ms at most.
+    /// Asks for one more run. It is never lost: called before `Start`, the first run comes as soon as the
+    /// thread is initialised. It never waits for a run to end.
+    ///
+    /// A thread of real-time priority waits for no thread of lower priority here, except in the log at debug
+    /// level. Measured on one processor, with the worker and two threads that wake it at lowest priority and
+    /// three busy ones: 0.1 ms at most.
     void WakeUp() override;
 
     /// The loop of the thread: registers it with the monitor, then runs the executor until the manager's

@@ -22,9 +22,9 @@ public:
     /// that leaves it ends the whole service on failure, so that it is started again; what is thrown besides
     /// ends the process.
     virtual void Execute() = 0;
-    /// Told that the component is stopping, before its thread is woken: cut a long run short. It may be told
-    /// more than once. It never waits for the component's thread and never calls the threads monitor, whose
-    /// mutex may be held.
+    /// Called when the component is stopping, before its thread is woken: cut a long run short. It may be
+    /// called more than once. It never waits for the component's thread and never calls the threads monitor,
+    /// whose mutex may be held.
     virtual void Stop() = 0;
 };
 

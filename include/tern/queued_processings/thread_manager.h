@@ -11,7 +11,7 @@
 
 namespace mwl::QueuedProcessings {
 
-/// The supervised side of a component's thread: puts it to sleep, wakes it, tells it to stop.
+/// The supervised side of a component's thread: puts it to sleep, wakes it, asks it to stop.
 ///
 /// `Wait` belongs to the worker's thread; `Notify` and `Stop` may be called from any thread, the threads
 /// monitor's included, before the worker waits too: neither is ever lost. Wake-ups that come before the next

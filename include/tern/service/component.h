@@ -24,7 +24,7 @@ namespace mwl::DBusService {
 /// REQUIRES: what belongs to the bus (sd_bus_message, sd_bus_slot, a DBusClientManager used on the D-Bus
 /// thread) is released on that thread, at the latest in the IPC server's `Stop`. Whoever releases the last of
 /// them later frees the connection on another thread, which writes into the memory of the dead one. What is
-/// still held when the thread ends is told by an error line.
+/// still held when the thread ends is reported by an error line.
 ///
 /// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
 /// One component for a monitor: a monitor knows one D-Bus thread, and a request to stop it is made once in
@@ -32,14 +32,14 @@ namespace mwl::DBusService {
 ///
 /// | state   | Initialize | Start          | JoinThread                      | destructor       |
 /// |---------|------------|----------------|---------------------------------|------------------|
-/// | created | yes        | starts, once   | logs, returns at once           | yes              |
+/// | created | yes        | starts, once   | logs, returns immediately       | yes              |
 /// | started | no effect  | refused (Busy) | waits for the end of the thread | ends the process |
 /// | joined  | no effect  | refused (Busy) | raises std::system_error        | yes              |
 class TERN_API Component : public ComponentInterface {
 public:
     /// `name` is the well-known bus name to request, empty for none. It is borrowed: keep it in a variable.
     Component(const std::string& name, Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer);
-    /// A name that is gone at once, a literal's included, does not compile.
+    /// A temporary name, a literal's included, does not compile.
     Component(std::string&&, Threading::ThreadsMonitorInterface&, IpcServer&) = delete;
     Component(const std::string&&, Threading::ThreadsMonitorInterface&, IpcServer&) = delete;
     ~Component() override;
@@ -62,7 +62,7 @@ public:
     /// A system that refuses the thread raises std::system_error.
     StatusCode Start() override;
 
-    /// Waits for the end of the D-Bus thread, without limit. Returns at once when there is none.
+    /// Waits for the end of the D-Bus thread, without limit. Returns immediately when there is none.
     void JoinThread() override;
 
     /// The body of the D-Bus thread: makes the service, delivers the start-up status, runs the loop, stops

@@ -47,7 +47,7 @@ public:
     /// Has the loop drive the connection (sd_bus_attach_event(3)) and end with the exit code -ECONNRESET when
     /// the connection is lost, so that a deaf service is restarted instead of running on: whatever filters
     /// and matches the application installs, and also when the connection is closed or taken from the loop on
-    /// this side. Whoever waits for a reply is told first, and "Disconnected" is dispatched.
+    /// this side. Whoever waits for a reply is notified first, and "Disconnected" is dispatched.
     /// When the loop ends, the bus gets two seconds to take what is queued for it; then the connection is
     /// closed, and what was not taken is lost (logged). Own exit sources that send are added with a priority
     /// before SD_EVENT_PRIORITY_NORMAL - 1.

@@ -62,14 +62,18 @@ public:
     /// std::bad_function_call, which leaves through sd-event; ServiceMainLoop::Run takes it up as it does
     /// what a handler throws, see DBusInterface.
     ///
-    /// Ok: watched. Otherwise nothing has changed and the callback is destroyed: the status of sd-event's
-    /// error, InvalidArgument for a bad descriptor or a loop not yet made, AlreadyExists for a descriptor
-    /// that is being watched, NotPermitted for one that cannot be polled (a regular file).
+    /// Ok: watched.
+    /// InvalidArgument: a bad descriptor, or the loop is not made yet.
+    /// AlreadyExists: the descriptor is being watched.
+    /// NotPermitted: the descriptor cannot be polled (a regular file).
+    /// Any other: the status of sd-event's error.
+    /// After all but Ok nothing has changed, and the callback is destroyed.
     ///
-    /// Remove a descriptor before adding it again. When the first watch of a descriptor has been switched
-    /// off, a second one succeeds, but RemoveIo still means the first; the second lives until the loop ends.
-    /// So does one for the number of a descriptor that was closed while it was watched; there the late
-    /// RemoveIo, meaning the closed one, silences the second as well. This is meant.
+    /// Remove a descriptor before adding it again. Fixed by the interface:
+    /// - When the first watch of a descriptor has been switched off, a second one succeeds. RemoveIo still
+    ///   removes the first; the second lives until the loop ends.
+    /// - A second watch also succeeds for the number of a descriptor that was closed while it was watched. A
+    ///   late RemoveIo for the closed one silences the second as well.
     StatusCode AddIo(int fd, unsigned int events, EventIoContext::Callback callback);
 
     /// Switches the watch of `fd` off and forgets it, with its callback. From within that very callback the

@@ -19,7 +19,7 @@ namespace mwl::DBusService {
 ///
 /// What they throw is logged with its type and text (critical, logger name "DBusService::Component") and goes
 /// no further. `Start` has failed then, as if it had returned Failure. After a `Stop` that threw, the workers
-/// are stopped all the same, and the monitor is told, so that the process ends as failed.
+/// are stopped all the same, and the monitor is notified, so that the process ends as failed.
 class TERN_API IpcServer {
 public:
     virtual ~IpcServer();

@@ -34,8 +34,8 @@ namespace mw::tern {
 ///
 /// | operation    | before Initialize | initialised     | closed                                      |
 /// |--------------|-------------------|-----------------|---------------------------------------------|
-/// | WriteMessage | NotInitialized    | writes, waits   | IoError at once                             |
-/// | ReadMessage  | NotInitialized    | reads, waits    | what was written, then IoError at once      |
+/// | WriteMessage | NotInitialized    | writes, waits   | IoError immediately                         |
+/// | ReadMessage  | NotInitialized    | reads, waits    | what was written, then IoError immediately  |
 /// | Close        | no effect         | closes          | no effect                                   |
 /// | Initialize   | makes the pipe    | makes a new one | makes a new one (both leave a descriptor)   |
 ///
@@ -97,7 +97,7 @@ public:
     /// Closes the pipe for writers: one that waits, in write(2) or for its turn, and every later one returns
     /// IoError, as at a pipe without a reader. Never waits for a reader, and never provokes SIGPIPE. What was
     /// written before stays to be read; then the read end is at end of file, which also ends the wait of a
-    /// reader. A loop that still runs is told of end of file again and again: remove the read descriptor from
+    /// reader. A loop that still runs sees end of file again and again: remove the read descriptor from
     /// it, or let the callback return the failure of ReadMessage, which switches the watch off.
     ///
     /// Any thread, the reader's included, and any number of times; before Initialize it has no effect. The

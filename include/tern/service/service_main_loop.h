@@ -25,7 +25,7 @@ public:
     /// When only the watchdog failed the loop is kept.
     StatusCode Init();
 
-    /// Runs the loop until SIGTERM, SIGINT or sd_event_exit(3); then, however it ended, tells systemd
+    /// Runs the loop until SIGTERM, SIGINT or sd_event_exit(3); then, however it ended, notifies systemd
     /// "STOPPING=1\nShutting down..." (sd_notify(3)).
     /// In between a connection that DBusServerManager::AttachLoop attached is flushed, for two seconds at
     /// most, and closed.

@@ -26,19 +26,21 @@ namespace mwl::Threading {
 /// Statuses of the waits: those of `GetStatusCode`.
 class TERN_API ConditionVariable {
 public:
-    /// Where the clock cannot be chosen, the two steps that can fail are logged, and the condition variable
-    /// stays on the default clock. Deadlines are of the monotonic clock all the same: while the wall clock is
-    /// ahead of it, as it is once the date is set, every timed wait ends with Timeout at once; otherwise it
-    /// lasts too long.
+    /// When the system refuses the monotonic clock, that is logged, and the condition variable stays on the
+    /// wall clock. Its deadlines are still counted by the monotonic one. While the wall clock is ahead of it,
+    /// as it is once the date is set, every timed wait ends immediately with Timeout; otherwise it lasts too
+    /// long.
     ConditionVariable() noexcept;
     virtual ~ConditionVariable();
     ConditionVariable(const ConditionVariable&) = delete;
     ConditionVariable& operator=(const ConditionVariable&) = delete;
 
-    /// Wakes one waiter, if there is one. The mutex need not be held. A thread of real-time priority may wait
-    /// here for one of low priority that is notifying too, or, where several wait, that was woken before and
-    /// has not got the processor yet (pthread_cond_signal(3)): let notifications come one after another,
-    /// under a mutex with priority inheritance, and one thread wait.
+    /// Wakes one waiter, if there is one. The mutex need not be held.
+    ///
+    /// A thread of real-time priority may wait here (pthread_cond_signal(3)) for a thread of low priority
+    /// that is notifying too, and, where several wait, for one that was woken before and has not got the
+    /// processor yet. So let notifications come one after another, under a mutex with priority inheritance,
+    /// and let one thread wait.
     virtual void NotifyOne();
     /// Wakes all who wait now. The mutex need not be held. As above for real-time priorities.
     virtual void NotifyAll();

@@ -33,10 +33,10 @@ public:
     ThreadWatched(const ThreadWatched&) = delete;
     ThreadWatched& operator=(const ThreadWatched&) = delete;
 
-    /// Counts from now and registers the calling thread with the watcher, which logs it. A thread already
-    /// watched counts anew. A period of 0 or less makes the watcher look without any pause; one so long that
-    /// its double does not fit never ends. What the watcher throws when it cannot start its thread
-    /// (std::system_error) leaves from here; the thread is not watched then.
+    /// Registers the calling thread with the watcher, which logs it, and counts from now; so does a repeated
+    /// call. A period of 0 or less makes the watcher look without any pause. One so long that its double does
+    /// not fit never ends.
+    /// Throws std::system_error when the watcher cannot start its thread; this one is not watched then.
     void StartWatch(std::chrono::milliseconds period);
     /// Takes the registration back; harmless when there is none.
     void StopWatch();
@@ -64,11 +64,11 @@ private:
 
     ThreadsWatcherInterface& mWatcher;
     const std::string mName;
-    // The watcher reads these while the watched thread may start anew; see the .cpp for the order of access.
+    // The watcher reads these while the watched thread may start again; see the .cpp for the order of access.
     std::atomic<std::int64_t> mPeriodMs{0};
     std::atomic<std::int64_t> mLastWorkMs{0};  ///< counted from the start instant
-    /// The start instant. A plain number, which 32-bit processors read and write at once too; the time point
-    /// that wraps it they would guard by a lock.
+    /// The start instant. A plain number, which 32-bit processors read and write in one access too; the time
+    /// point that wraps it they would guard by a lock.
     std::atomic<std::chrono::steady_clock::rep> mStart;
     std::atomic<unsigned long> mThreadId{0};
 };

@@ -51,7 +51,7 @@ private:
     bool mHasFailure = false;
     bool mDBusThreadNotified = false;
     unsigned int mDBusThreadNumber =
-        0;              ///< tells a D-Bus thread that gave its own id from later ones, else 0
+        0;              ///< distinguishes a D-Bus thread that gave its own id from later ones, else 0
     std::mutex mMutex;  ///< guards all of the above
 };
 

@@ -21,7 +21,7 @@ public:
     virtual void SetDBusThreadId(unsigned long threadId) = 0;
     /// Asks every registered worker to stop.
     virtual void StopWorkerThreads() = 0;
-    /// Asks the D-Bus thread to leave its event loop; `onFailure` tells whether something failed.
+    /// Asks the D-Bus thread to leave its event loop; `onFailure` says whether something failed.
     virtual void NotifyDBusThreadToStop(bool onFailure) = 0;
     /// The same as NotifyDBusThreadToStop(true).
     virtual void NotifyDBusThreadToStopOnFailure() = 0;

@@ -46,16 +46,16 @@ public:
     /// thread, repeatedly.
     void Stop() override;
     /// Adds the thread, once its message is written; null is ignored. The first one sets the watch period to
-    /// its own and starts the watch; each later one can only shorten it, at once, and it stays short until
-    /// all have left. When the threads of the watch cannot be created, std::system_error leaves and the
+    /// its own and starts the watch; each later one can only shorten it, immediately, and it stays short
+    /// until all have left. When the threads of the watch cannot be created, std::system_error leaves and the
     /// thread is not added. A third and later start of the watch takes the monitor's mutex: hold no lock that
     /// the `Stop` of a worker takes.
     void Register(ThreadWatched* thread) override;
     /// Removes the thread; one that is not there does no harm. When nobody is left, the watch is stopped.
     void Unregister(ThreadWatched* thread) override;
     /// The watch loop: what the watch thread runs. Called directly it watches on the calling thread, with a
-    /// second one that looks, until the next `Stop()`, and returns at once while the watch is stopped. Throws
-    /// std::system_error when that second thread cannot be created.
+    /// second one that looks, until the next `Stop()`, and returns immediately while the watch is stopped.
+    /// Throws std::system_error when that second thread cannot be created.
     void TaskWatch() override;
     /// Starts a watch, whether or not one is running; all of them end with the next `Stop()`. Throws
     /// std::system_error when a thread cannot be created; nothing has changed then.

@@ -28,10 +28,10 @@ public:
     virtual ~Chrono();
 
     /// Begins a measurement and returns its id. Fixed by the interface: the id is always 0, as one
-    /// measurement is open at a time, and another Start before Stop begins it anew.
+    /// measurement is open at a time, and another Start before Stop begins it again.
     unsigned int Start();
     /// Ends measurement `id` and adds its whole milliseconds, truncated, to the total; does nothing for an id
-    /// that is not being measured. The label only tells the reader what was measured.
+    /// that is not being measured. The label only says to the reader what was measured.
     void Stop(unsigned int id, const std::string& label);
     /// Adds to the total, which is truncated to whole milliseconds. A negative number takes away, not below
     /// 0; beyond the largest total it stays there; what is not a number adds nothing. Totals above 2^53 are

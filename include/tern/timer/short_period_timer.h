@@ -18,22 +18,25 @@ namespace mwl::Timer {
 ///     ...
 ///     timer.Stop();  // returns after the next expiry
 ///
-/// Threads: one thread at a time uses the timer; besides, the callback may call any operation of its own
-/// timer, and destroy it, also while that thread is in an operation. From then on each step of a Start
-/// returns Stopping, and Stop still waits until the callback has returned. A callback that stops its timer
-/// may start it again; the timer's thread then stays. Against a Stop that waits for the thread no Start
-/// helps: it returns Stopping and changes nothing, so that also a timer whose callback arms it anew each time
-/// can be stopped. The callback runs on the timer's thread only, one call at a time. It must not be empty: an
-/// empty one raises std::bad_function_call on the timer's thread, and what a callback throws ends the
-/// process. A callback that takes longer than the period misses expiries; they are not made up for.
+/// Threads: one thread at a time uses the timer. The callback may use it too, also while that thread is in an
+/// operation:
+/// - It may destroy its timer. From then on each step of a Start returns Stopping, and Stop still waits until
+///   the callback has returned.
+/// - It may stop its timer and start it again. The timer's thread then stays.
+/// - While a Stop of the owner waits for the thread, Start returns Stopping and changes nothing. So a timer
+///   whose callback arms it each time can be stopped as well.
 ///
-/// The signal is SIGRTMIN. Nothing else in the process may use it: a handler is not needed, and its default
-/// action is never taken as the signal is sent to the timer's thread alone, which blocks it.
+/// The callback runs on the timer's thread only, one call at a time. What it throws ends the process. An
+/// empty one raises std::bad_function_call there. One that takes longer than the period misses expiries, and
+/// nothing makes up for them.
+///
+/// The signal is SIGRTMIN. Nothing else in the process may use it. It needs no handler, and its default
+/// action is never taken, because it is sent to the timer's thread alone, which blocks it.
 ///
 /// Stop waits until the thread leaves its wait, and only an expiry of the timer makes it leave: so Stop lasts
 /// up to one period, and the callback runs once more. **For a timer that is not periodic, and whose one
 /// expiry has happened, Stop does not return.** End such a timer from inside its callback, or destroy it.
-/// When nothing has been armed (the period is 0, or Start failed half-way) Stop returns at once and the
+/// When nothing has been armed (the period is 0, or Start failed half-way) Stop returns immediately and the
 /// callback does not run. Stop sends no signal and needs none to be free: it returns also when the limit of
 /// queued signals is used up (RLIMIT_SIGPENDING, setrlimit(2)), as an armed timer has its own.
 ///
@@ -50,11 +53,11 @@ public:
     /// Deletes the timer and detaches a thread that was not joined; see above.
     ~ShortPeriodTimer() override;
 
-    /// CreateThread, CreateTimer, SetTimerTime: the first failure is returned, and what was made before it is
-    /// kept until Stop; Stopping, not logged, when the callback has destroyed the timer meanwhile. Blocks
-    /// until the thread runs; after the callback has stopped the timer, until that callback has returned or
-    /// has started it again. A timer that is running is armed anew, from now; one that was stopped starts
-    /// again.
+    /// CreateThread, CreateTimer, SetTimerTime. A timer that is running is armed again, from now; one that
+    /// was stopped starts again. Blocks until the thread runs. After the callback has stopped the timer it
+    /// blocks until that callback has returned or has started it again. Ok: armed. Stopping, not logged: the
+    /// callback has destroyed the timer meanwhile. Any other: the first failure of the three. What was made
+    /// before it is kept until Stop.
     StatusCode Start() override;
     /// StopThread, then deletes the timer. Failure, logged, when there is no timer or it cannot be deleted
     /// (timer_delete(2)); then it is kept. On the timer's own thread it does not wait: the thread ends when
@@ -84,7 +87,7 @@ public:
     /// Third step: arms the timer. Failure, logged, when there is none or it cannot be set
     /// (timer_settime(2)). Stopping as in CreateThread.
     StatusCode SetTimerTime();
-    /// Tells the thread to end and waits for it; see above. Does nothing when no thread was created.
+    /// Asks the thread to end and waits for it; see above. Does nothing when no thread was created.
     void StopThread();
 
 private:

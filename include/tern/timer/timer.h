@@ -13,12 +13,12 @@ namespace mwl::Timer {
 ///     Timer timer(1500, false, [&] { ... });  // once, 1.5 s after Start
 ///     if (timer.Start() != StatusCode::Ok) { ... }
 ///
-/// | operation            | no timer             | timer armed          | expired or disarmed  |
-/// |----------------------|----------------------|----------------------|----------------------|
-/// | Start                | made and armed       | armed anew, from now | armed anew, from now |
-/// | GetTimerActiveStatus | false                | true                 | false                |
-/// | DisarmActiveTimer    | logged, Failure      | disarmed, Ok         | Ok                   |
-/// | Stop                 | logged, Failure      | deleted, Ok          | deleted, Ok          |
+/// | operation            | no timer             | timer armed           | expired or disarmed   |
+/// |----------------------|----------------------|-----------------------|-----------------------|
+/// | Start                | made and armed       | armed again, from now | armed again, from now |
+/// | GetTimerActiveStatus | false                | true                  | false                 |
+/// | DisarmActiveTimer    | logged, Failure      | disarmed, Ok          | Ok                    |
+/// | Stop                 | logged, Failure      | deleted, Ok           | deleted, Ok           |
 ///
 /// Threads: every operation may be called from any thread, the callback's included; none of them blocks.
 /// The callback runs on a thread made for each expiry, concurrently with the owner and, when it takes longer
@@ -30,12 +30,12 @@ namespace mwl::Timer {
 /// At most 32 calls of one timer's callback run at a time. An expiry that comes while they do is dropped; the
 /// first one is logged as an error, and how many were, as a warning, when the last call has returned.
 ///
-/// When the system has no thread for an expiry (RLIMIT_NPROC, pids.max), it drops it and tells nobody. An
-/// expiry that was not announced two seconds after it was due is served then, on a thread of the library's,
-/// with a warning; without a thread for it, which is an error in the log, it is tried again every second. So
-/// a timer that fires once does so late and not never, and a periodic one whose expiries are all dropped
-/// fires about once in two seconds; the GNU C library loses a small block of memory with each that it drops.
-/// For this a process that creates a timer keeps one more thread, which waits.
+/// When the system has no thread for an expiry (RLIMIT_NPROC, pids.max), it drops it and reports it to
+/// nobody. An expiry that was not announced two seconds after it was due is served then, on a thread of the
+/// library's, with a warning; without a thread for it, which is an error in the log, it is tried again every
+/// second. So a timer that fires once does so late and not never, and a periodic one whose expiries are all
+/// dropped fires about once in two seconds; the GNU C library loses a small block of memory with each that it
+/// drops. For this a process that creates a timer keeps one more thread, which waits.
 ///
 /// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, as the C
 /// library makes them so. Threads and child programs that a callback starts inherit that: unblock first what
@@ -63,7 +63,7 @@ public:
 
     /// Replaces the period (milliseconds) for good, also when it then fails, and starts.
     StatusCode Start(unsigned int periodMs);
-    /// Whether an expiry is to come. False also when the system cannot tell (timer_gettime(2)), which is
+    /// Whether an expiry is to come. False also when the system cannot say (timer_gettime(2)), which is
     /// logged.
     bool GetTimerActiveStatus();
     /// Disarms the timer and keeps it, so that the next Start has less to do. An expiry that is already being

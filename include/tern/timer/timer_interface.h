@@ -11,7 +11,7 @@ public:
     virtual ~TimerInterface();
     /// Arms the timer, counting from now.
     virtual StatusCode Start() = 0;
-    /// Ends it; Start makes it anew.
+    /// Ends it; Start creates it again.
     virtual StatusCode Stop() = 0;
 
     TimerInterface(const TimerInterface&) = delete;

@@ -58,14 +58,14 @@ public:
 
 /// Waits until all are done, and gives their results as a tuple in this order; std::monostate stands for
 /// nothing. Tasks are taken over; anything else that can be awaited, as a call or Sleep, is moved into a
-/// coroutine of its own, which begins at once.
+/// coroutine of its own, which begins immediately.
 ///
 ///     auto [target, celsius] = co_await All(heater.Get(Heater1::Target), heater.Get(Heater1::Temperature));
 ///
 /// Where one throws, the others are destroyed, and its exception is rethrown. Where several have thrown, the
 /// others' exceptions are logged as errors (logger name "Typed"). An empty Task throws std::logic_error.
 ///
-/// D-Bus thread only. Await what it gives at once.
+/// D-Bus thread only. Await what it gives immediately.
 template <class... A>
 requires(sizeof...(A) > 0) auto All(A&&... awaitables) {
     return Detail::AllOf<typename Detail::ResultOfAwaiting<std::remove_cvref_t<A>>::Type...>{
@@ -73,7 +73,8 @@ requires(sizeof...(A) > 0) auto All(A&&... awaitables) {
 }
 
 /// The same for tasks of one kind. Gives a std::vector of the results in the order of the tasks, or nothing
-/// where they give nothing. Of no tasks it is done at once. Costs one allocation, and that of the results.
+/// where they give nothing. Of no tasks it is done immediately. Costs one allocation, and that of the
+/// results.
 template <class R>
 auto All(std::vector<Task<R>> tasks) {
     return Detail::AllOfList<R>(std::move(tasks));

@@ -82,7 +82,7 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 /// nothing else to do than to wait for an answer. Services use `Proxy`, which does not block.
 ///
 /// To make one does nothing; it connects with the first call. When the connection is lost, the call that
-/// waits ends, and the next one connects anew. While it waits it takes in what else is sent to it and drops
+/// waits ends, and the next one connects again. While it waits it takes in what else is sent to it and drops
 /// it, so that nobody can make the process grow by sending to it; between calls nothing is taken in.
 ///
 /// Every operation blocks, at most for its limit, the time for connecting included. It is no point of
@@ -91,7 +91,7 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 ///
 /// Held as `std::shared_ptr<BlockingBus>`, so that several proxies may use one connection. One thread at a
 /// time for all that use the same one; any thread but a D-Bus thread, see `Deadlock` below. Not across
-/// fork(2), but that the child connects anew.
+/// fork(2), but that the child connects again.
 ///
 /// Where there is no connection, the outcome of a call, or of Connect, is:
 /// "org.freedesktop.DBus.Error.NoServer": there is no such bus. The text says what a person can look at.
@@ -123,7 +123,7 @@ public:
     BlockingBus(const BlockingBus&) = delete;
     BlockingBus& operator=(const BlockingBus&) = delete;
 
-    /// Connects, if it is not. Never needed, but to tell the bus's failure from the peer's. Throws
+    /// Connects, if it is not. Never needed, but to distinguish the bus's failure from the peer's. Throws
     /// std::bad_alloc.
     Outcome<void> Connect(std::chrono::milliseconds limit = Remote::TIMEOUT);
     /// The connection; null without one. Borrowed until the next operation. For what nothing here does.
@@ -145,7 +145,7 @@ private:
 ///
 ///     auto exported = room.Listen(Thermostat1::LogExported);
 ///     const Outcome<void> begun = room.Call(Thermostat1::Begin);
-///     const auto end = exported.Next(60s);          // also when it was over at once
+///     const auto end = exported.Next(60s);          // also when it was over immediately
 ///     if (end.IsOk()) { const auto& [path, status] = *end; ... }
 ///
 /// Only signals of the peer itself count, of whoever owns its name at the time. Up to LIMIT of them wait to
@@ -154,7 +154,7 @@ template <class... T>
 class [[nodiscard]] Listening : public Detail::ListeningBase {
 public:
     /// How many signals wait. When there are more, those that come then are lost, and after those that wait
-    /// Next tells so once: "org.freedesktop.DBus.Error.LimitsExceeded".
+    /// Next reports so once: "org.freedesktop.DBus.Error.LimitsExceeded".
     static constexpr std::size_t LIMIT = 1024;
 
     /// Has the bus pass the signals on from now on; blocks until it has confirmed that, at most for `limit`.
@@ -165,7 +165,7 @@ public:
         : ListeningBase(std::move(bus), std::move(destination), path, interface, member, limit),
           mSignature(signature) {}
 
-    /// Whether it listens, or why it does not, which Next tells as well: the errors of BlockingBus, or what
+    /// Whether it listens, or why it does not, which Next reports as well: the errors of BlockingBus, or what
     /// the message bus refused it with.
     Outcome<void> GetState() const { return ListeningBase::GetState(); }
     /// The values of the next signal, waited for at most for `limit`; 0 for one that is there already, behind

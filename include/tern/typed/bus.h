@@ -27,9 +27,9 @@ struct ReplyState;
 
 /// Keeps an object on the bus; the object goes when this is destroyed. Made by Bus::Export.
 ///
-/// On the D-Bus thread the object is gone at once: its members are answered "unknown object" and its removal
-/// is announced. Its implementation is destroyed when the turn of the loop ends, so that a handler may
-/// end its own object and still use its members. On another thread all that is done on the D-Bus thread,
+/// On the D-Bus thread the object is gone immediately: its members are answered "unknown object" and its
+/// removal is announced. Its implementation is destroyed when the turn of the loop ends, so that a handler
+/// may end its own object and still use its members. On another thread all that is done on the D-Bus thread,
 /// after what this thread posted before; no limit refuses it.
 ///
 /// Once the bus has closed there is nothing to be taken from it any more. The implementation is then
@@ -63,8 +63,8 @@ private:
     StatusCode mStatus = StatusCode::NotInitialized;
 };
 
-/// The D-Bus thread's connection as the typed layer sees it: exports objects, tells the bus of their changes,
-/// keeps the calls that are answered later, and runs what other threads post. One for each D-Bus thread,
+/// The D-Bus thread's connection as the typed layer sees it: exports objects, announces their changes to the
+/// bus, keeps the calls that are answered later, and runs what other threads post. One for each D-Bus thread,
 /// beside the DBusServerManager, whose own objects stay as they are.
 ///
 ///     StatusCode ThermostatServer::Start(DBusServerManager& manager, EventLoop& loop) {
@@ -76,16 +76,17 @@ private:
 ///     }
 ///     void ThermostatServer::Stop() { mBus.Close(); }
 ///
-/// Order in a turn: signals and answers go at once. Changes of properties wait until the handler, or the
+/// Order in a turn: signals and answers go immediately. Changes of properties wait until the handler, or the
 /// share of jobs, is done; then new objects are announced with their values (InterfacesAdded; sd-bus leaves
-/// those out that only invalidate), and one PropertiesChanged for each interface tells all that has changed.
+/// those out that only invalidate), and one PropertiesChanged for each interface lists all that has changed.
 /// So a change is announced after the reply to the call that made it, and after signals of the same handler;
-/// who needs another order calls Flush. The removal of an object is announced at once. An object that comes
-/// and goes within a turn is never announced; changes of one that is being announced are in its announcement.
+/// who needs another order calls Flush. The removal of an object is announced immediately. An object that
+/// comes and goes within a turn is never announced; changes of one that is being announced are in its
+/// announcement.
 ///
 /// When the loop ends: changes are announced; open calls are answered "org.freedesktop.DBus.Error.NoReply",
 /// "the service is stopping"; what waits here as a client ends with `Stopping`, and what would wait from now
-/// on does so at once; jobs that wait are dropped, and from now on Post is refused; then sd-bus sends
+/// on does so immediately; jobs that wait are dropped, and from now on Post is refused; then sd-bus sends
 /// what is queued and closes, and IpcServer::Stop is called. The implementations live until their Exported
 /// goes, or until the destructor.
 ///
@@ -122,7 +123,7 @@ public:
         std::uint64_t wrongSignals = 0;     ///< signals of peers that are not what the contract says (logged)
         std::uint64_t wrongProperties = 0;  ///< the same, values of a PropertyCache
         std::uint64_t calls = 0;            ///< calls sent to peers
-        std::uint64_t unsentCalls = 0;      ///< calls to peers that were not sent, as their outcomes tell
+        std::uint64_t unsentCalls = 0;      ///< calls to peers that were not sent, as their outcomes say
         std::uint64_t wrongReplies = 0;     ///< replies of peers that are not what the contract says (logged)
         std::size_t objects = 0;            ///< exported now
         std::size_t openCalls = 0;          ///< taken over and not answered yet
@@ -195,8 +196,8 @@ public:
     /// as 0.
     void SetChangePeriod(std::chrono::milliseconds period);
     /// How many calls may be open, OPEN_CALLS at first. One more is answered
-    /// "org.freedesktop.DBus.Error.LimitsExceeded" at once. Calls that wait for their caller's credentials
-    /// count.
+    /// "org.freedesktop.DBus.Error.LimitsExceeded" immediately. Calls that wait for their caller's
+    /// credentials count.
     void SetOpenCalls(std::size_t limit);
     /// How many calls to peers may wait for their reply, PENDING_CALLS at first; a waiting one takes about
     /// half a kilobyte. One more is not sent, its outcome is "org.freedesktop.DBus.Error.LimitsExceeded". The

@@ -38,9 +38,9 @@ public:
     void Detach() && { SendUnasked(); }
 
     /// To append arguments by hand, as sd_bus_message_append(3) does. Null once it has been sent, or when
-    /// there is none, as without an open bus; then the outcome tells why. Borrowed.
+    /// there is none, as without an open bus; then the outcome says why. Borrowed.
     sd_bus_message* GetMessage() const noexcept { return mPhase == Phase::New ? mMessage.get() : nullptr; }
-    /// The argument number `index`, beginning with 0, cannot be sent, as `error` tells, a negative error
+    /// The argument number `index`, beginning with 0, cannot be sent, as `error` says, a negative error
     /// number: the call is not sent, its outcome is the error. `name` is that of the argument, null for none;
     /// it lives as long as the call.
     void RefuseArgument(unsigned index, const char* name, int error) noexcept;
@@ -55,7 +55,7 @@ public:
     CallBase& operator=(CallBase&&) = delete;
 
 protected:
-    /// Makes the message; where that fails, the outcome tells.
+    /// Makes the message; where that fails, the outcome says so.
     CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept;
     /// What has not been sent; `other` counts as sent then.
     CallBase(CallBase&& other) noexcept;
@@ -236,7 +236,7 @@ private:
 /// Where it waits, nothing else does: the D-Bus thread goes on with its work.
 ///
 /// The outcome is the result, or why there is none:
-/// - The peer's error, with its name and text. Error::GetStatus tells what it comes to, `NotFound` for a peer
+/// - The peer's error, with its name and text. Error::GetStatus says what it comes to, `NotFound` for a peer
 ///   that is not there or has gone meanwhile.
 /// - "mwl.Typed.Error.WrongReply": the reply is not what the contract says, see Decode. It is counted
 ///   (Bus::Counters) and logged, ten times in ten seconds at most.
@@ -317,7 +317,7 @@ public:
 
     /// Of the coroutine that awaits it: it always asks for what comes.
     bool await_ready() const noexcept { return false; }
-    /// Sends it. Where that fails the coroutine goes on at once.
+    /// Sends it. Where that fails the coroutine goes on immediately.
     bool await_suspend(std::coroutine_handle<> waiting) noexcept {
         if (!Send()) {
             return false;

@@ -22,7 +22,7 @@ namespace Detail {
 /// `data` and `size` in bytes are set; -EOPNOTSUPP with `fault.text`, refused; as Read else.
 TERN_API int ReadBulk(sd_bus_message* message, char code, std::size_t elementSize, const void*& data,
                       std::size_t& size, std::string* swapped, Fault& fault);
-/// Appends `count` elements at once.
+/// Appends `count` elements in one call.
 TERN_API int WriteBulk(sd_bus_message* message, char code, std::size_t elementSize, const void* data,
                        std::size_t count);
 /// Opens an array that is to have `count` elements; -E2BIG when that is too many.
@@ -151,8 +151,9 @@ struct MapCodec {
     using Key = typename Map::key_type;
     using Value = typename Map::mapped_type;
     static constexpr bool HAS_BASIC_KEY =
-        Codec<Key>::SIGNATURE.SIZE == 1 && (IsBasicCode(Codec<Key>::SIGNATURE.text[0]) ||
-                                            Codec<Key>::SIGNATURE.text[0] == '?');  // has been told already
+        Codec<Key>::SIGNATURE.SIZE == 1 &&
+        (IsBasicCode(Codec<Key>::SIGNATURE.text[0]) ||
+         Codec<Key>::SIGNATURE.text[0] == '?');  // has been reported already
     static_assert(HAS_BASIC_KEY, "the key of a D-Bus dictionary is a basic type");
     static constexpr auto CONTENTS = [] {
         if constexpr (HAS_BASIC_KEY) {

@@ -149,7 +149,7 @@ struct Method<R(A...)> {
 };
 
 /// A property that peers read. Flags that are given stand for themselves: EMITS is then to be among them if
-/// meant. One with none of EMITS, INVALIDATES and CONSTANT may change without anybody being told.
+/// meant. One with none of EMITS, INVALIDATES and CONSTANT may change without anybody being notified.
 template <class T>
 struct Property {
     static constexpr Kind KIND = Kind::Property;    ///< what it is
@@ -522,7 +522,7 @@ TERN_API StatusCode WriteIntrospectionOf(std::FILE* file, const char* interface,
 ///
 /// The file is not flushed. May block as the file does.
 ///
-/// Ok: written, as far as the file's buffer tells.
+/// Ok: written, as far as the file's buffer says.
 /// IoError: the file could not be written; how much of it was is unknown.
 template <class Contract>
 StatusCode WriteIntrospection(std::FILE* file) {

@@ -42,7 +42,7 @@ using Job = UniqueFunction<void()>;
 /// | operation        | before Open    | open             | closed           |
 /// |------------------|----------------|------------------|------------------|
 /// | Post             | false          | true, or at the limit false | false |
-/// | Open             | opens          | Busy             | opens anew       |
+/// | Open             | opens          | Busy             | opens again      |
 /// | Close            | nothing        | drops what waits | nothing          |
 ///
 /// Threads: `Post`, `Reserve`, `IsHere`, `GetStatus`, `SetLimit` and the figures from any thread; all else,

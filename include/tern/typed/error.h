@@ -56,7 +56,7 @@ public:
     static Error NoMemory(std::string_view text);
     /// "org.freedesktop.DBus.Error.Timeout": something that the service waited for did not come.
     static Error Timeout(std::string_view text);
-    /// "org.freedesktop.DBus.Error.LimitsExceeded": too much at once; later it may work.
+    /// "org.freedesktop.DBus.Error.LimitsExceeded": too much at a time; later it may work.
     static Error LimitsExceeded(std::string_view text);
     /// "org.freedesktop.DBus.Error.Failed": anything else.
     static Error Failed(std::string_view text);
@@ -91,7 +91,7 @@ public:
     /// FileExists, AddressInUse, ObjectPathInUse: AlreadyExists
     /// IOError, Disconnected, NoServer, NoNetwork: IoError
     /// NoReply: of an Error from FromReply Timeout when this process's own sd-bus gave up waiting, IoError
-    /// when it lost the connection meanwhile, otherwise NotFound, as the message bus tells so that the peer
+    /// when it lost the connection meanwhile, otherwise NotFound, as the message bus says so that the peer
     /// has gone. The name is the same for all. "System.Error.E…", which sd-bus makes from an error number:
     /// the status of that number. Any other, "org.freedesktop.DBus.Error.Failed" included: Failure
     StatusCode GetStatus() const;
@@ -104,7 +104,7 @@ public:
 private:
     std::string mName;
     std::string mText;
-    /// What NoReply means here, which the name does not tell.
+    /// What NoReply means here, which the name does not say.
     StatusCode mNoReply = StatusCode::NotFound;
 };
 

@@ -54,10 +54,11 @@ struct FieldList {
 ///     };
 ///
 /// Sent: every field, in this order, without the std::optional ones that are empty. Read, in any order:
-/// - A key that is missing: a std::optional field is empty; of another one it is told, "the key 'Seconds' is
+/// - A key that is missing: a std::optional field is empty; of another one it is reported, "the key 'Seconds'
+/// is
 ///   missing".
-/// - A value of another type: told, with the key, "'s' where 'u' is wanted".
-/// - A key that is not described: skipped, as it may be a later version's; with StrictFields it is told,
+/// - A value of another type: reported, with the key, "'s' where 'u' is wanted".
+/// - A key that is not described: skipped, as it may be a later version's; with StrictFields it is reported,
 ///   "the key 'Minutes' is unknown".
 /// - A key twice: the last one counts.
 ///

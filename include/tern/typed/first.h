@@ -72,7 +72,7 @@ private:
 /// std::monostate stands for nothing. The others are destroyed, which cancels what they wait for, before the
 /// coroutine goes on. Of several that are done already the first of the list counts. Tasks are taken over;
 /// anything else that can be awaited, as a call or Sleep, is moved into a coroutine of its own, which begins
-/// at once.
+/// immediately.
 ///
 ///     auto done = co_await First(Measure(bus), Sleep(bus, 10s));
 ///     if (done.index() == 0) {
@@ -82,7 +82,7 @@ private:
 /// Where the first one throws, its exception is rethrown. An exception of another that is done as well is
 /// logged as an error (logger name "Typed"). An empty Task counts as done and throws std::logic_error.
 ///
-/// D-Bus thread only. Await what it gives at once.
+/// D-Bus thread only. Await what it gives immediately.
 template <class... A>
 requires(sizeof...(A) > 0) auto First(A&&... awaitables) {
     return Detail::FirstOf<typename Detail::ResultOfAwaiting<std::remove_cvref_t<A>>::Type...>{

@@ -100,13 +100,11 @@ public:
     /// CLOCK_MONOTONIC.
     ///
     /// The outcome, as of Call; it is given out once. And:
-    /// Timeout: not within the limit; the call goes on, and may be waited for again. IsDone tells it from
-    /// the peer's.
-    /// Deadlock: this is the D-Bus thread, which would wait for itself; at once, also when the outcome is
-    /// there.
-    /// Stopping: the bus closes, or has closed.
-    /// NotInitialized: the bus has not been opened; or the outcome was given out already.
-    /// ResourceUnavailable: too many jobs wait for the D-Bus thread (Bus::SetWaitingJobs); it was not sent.
+    /// Timeout: not within the limit; the call goes on, and may be waited for again. IsDone distinguishes it
+    /// from the peer's. Deadlock: this is the D-Bus thread, which would wait for itself; immediately, also
+    /// when the outcome is there. Stopping: the bus closes, or has closed. NotInitialized: the bus has not
+    /// been opened; or the outcome was given out already. ResourceUnavailable: too many jobs wait for the
+    /// D-Bus thread (Bus::SetWaitingJobs); it was not sent.
     ///
     /// As with every wait of this library, the stop signal of a thread does not end it (StopSignal): a thread
     /// that is to stop soon waits in short pieces and looks in between, and one that is watched reports its
@@ -124,7 +122,7 @@ public:
         }
         return std::move(*state->outcome);
     }
-    /// Whether the outcome is there: a Wait gives it at once, but on the D-Bus thread.
+    /// Whether the outcome is there: a Wait gives it immediately, but on the D-Bus thread.
     bool IsDone() const noexcept { return mState != nullptr && mState->IsComplete(); }
     /// Whether there is a call, whose outcome has not been given out.
     explicit operator bool() const noexcept { return mState != nullptr; }

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What tern-dbus-codegen writes into the headers that it makes, so that a header of another time is told of
+/// What tern-dbus-codegen writes into the headers that it makes, so that a header of another time is noticed
 /// instead of being misunderstood. Applications do not need it.
 
 namespace mwl::Typed {

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What the type of a handler tells: whether it answers later, whether it wants to know the caller, what it
+/// What the type of a handler says: whether it answers later, whether it wants to know the caller, what it
 /// takes and what it gives. For `Implements`; applications do not need it.
 
 #include <tern/typed/codec.h>

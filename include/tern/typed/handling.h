@@ -29,7 +29,7 @@ class Task;
 /// "org.freedesktop.DBus.Error.Failed", "the service failed internally".
 ///
 /// Every failure is logged with the caller, the path, the interface and the member: what was refused for a
-/// reason that the caller is told as information, with the error's name alone, as the text may hold what the
+/// reason that the caller receives as information, with the error's name alone, as the text may hold what the
 /// caller sent; what failed inside the service as an error. Peers can provoke both at will, so an interface
 /// logs ten of each kind in ten seconds at most, and then how many it left out.
 ///
@@ -76,8 +76,8 @@ public:
     std::uint64_t Defer(std::shared_ptr<ReplyState>& state) noexcept;
     /// The interface keeps what answers a call that was taken over, and ends it when it leaves the bus.
     void Keep(Task<void>&& task) noexcept;
-    /// Answers a call that was taken over with the error, and logs as for one that is answered at once; does
-    /// nothing for one that has been answered.
+    /// Answers a call that was taken over with the error, and logs as for one that is answered immediately;
+    /// does nothing for one that has been answered.
     static void RefuseLater(ReplyToken& reply, InterfaceBase& interface, const Error& error) noexcept;
     /// The same with the exception that is handled now.
     static void RefuseExceptionLater(ReplyToken& reply, InterfaceBase& interface) noexcept;

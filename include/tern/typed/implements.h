@@ -213,7 +213,7 @@ int OnSet(sd_bus*, const char* path, const char*, const char* member, sd_bus_mes
     return Handling::RunSetter(path, member, value, userdata, error, &SetterBody<Self, F, CHANGE>);
 }
 
-// Checks, one for each kind of binding. The member and the class are in their names, which compilers tell.
+// Checks, one for each kind of binding. The member and the class are in their names, which compilers print.
 
 template <class Self, const auto& M, auto F>
 struct CheckedMethod {
@@ -478,7 +478,7 @@ struct Vtable {
 ///             if (seconds > 3600) return Error::InvalidArgs("more than an hour");
 ///             mTemperature += 1.0;
 ///             Changed<Thermostat1::Temperature>();          // one PropertiesChanged at the end of the turn
-///             Emit<Thermostat1::Measured>(mTemperature);    // at once
+///             Emit<Thermostat1::Measured>(mTemperature);    // immediately
 ///             return {};
 ///         }
 ///         double mTemperature = 0.0;
@@ -508,8 +508,8 @@ struct Vtable {
 /// `Describe` is a function, as its body sees the whole class. Lambdas in it only in sources, not in headers:
 /// each file that includes them would have other ones. What does not fit the contract does not compile.
 ///
-/// Exceptions: what a handler throws goes no further. The caller gets an error and the log tells; see
-/// `Handling`. A thread that is cancelled in a handler ends the process.
+/// Exceptions: what a handler throws goes no further. The caller gets an error and the log has what was
+/// thrown; see `Handling`. A thread that is cancelled in a handler ends the process.
 ///
 /// D-Bus thread only.
 template <class Self, class Contract>
@@ -541,7 +541,7 @@ public:
         MarkChanged((std::uint64_t{0} | ... | Detail::ChangeBit<M>(Contract::ALL)));
     }
 
-    /// Sends the signal at once, before anything that is marked as changed.
+    /// Sends the signal immediately, before anything that is marked as changed.
     ///
     /// Ok: it is in the connection's queue.
     /// NotInitialized: the object is not exported; logged once.

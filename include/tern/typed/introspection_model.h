@@ -1,7 +1,7 @@
 #pragma once
 
-/// What introspection tells of an object, as data: for programs that learn an interface while they run. Those
-/// that know it before need none of this: they have a contract.
+/// What introspection reports of an object, as data: for programs that learn an interface while they run.
+/// Those that know it before need none of this: they have a contract.
 ///
 ///     Outcome<Introspection::Node> room = Introspection::Parse(xml);
 ///     if (room.IsOk()) {
@@ -43,7 +43,7 @@ enum class Direction {
 
 /// An argument of a method or of a signal.
 struct Argument {
-    std::string name;                     ///< for people; empty when it was not told
+    std::string name;                     ///< for people; empty when it was not given
     std::string type;                     ///< one complete type, for example "a{sv}"
     Direction direction = Direction::In;  ///< of a signal always Out
     std::vector<Annotation> annotations;  ///< in order
@@ -89,7 +89,7 @@ enum class Access {
 struct Property {
     std::string name;                     ///< a member name
     std::string type;                     ///< one complete type
-    Access access = Access::Read;         ///< as told; the service may refuse nevertheless
+    Access access = Access::Read;         ///< as reported; the service may refuse nevertheless
     std::vector<Annotation> annotations;  ///< in order
 
     /// All is the same.

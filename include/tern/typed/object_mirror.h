@@ -25,9 +25,9 @@ namespace mwl::Typed {
 ///         },
 ///         [this](const std::string& path, const std::string& interface) { mProxies.erase(path); });
 ///
-/// It listens first and asks for the objects then, so that none is missed, and each is told once. When the
-/// owner of the peer's name goes, all go; when it comes back, or another comes, they are asked for anew, and
-/// what the former owner still says does not count. The peer is not started.
+/// It listens first and asks for the objects then, so that none is missed, and each is reported once. When
+/// the owner of the peer's name goes, all go; when it comes back, or another comes, they are asked for again,
+/// and what the former owner still says does not count. The peer is not started.
 ///
 /// The interfaces that every object has, those of D-Bus itself (org.freedesktop.DBus.Peer, .Introspectable,
 /// .Properties, .ObjectManager), are left out. An object is there as long as it has another one.
@@ -36,16 +36,16 @@ namespace mwl::Typed {
 /// characters of names, and what is not below the root, is left out, counted (GetOmitted) and, once for each
 /// owner, logged (error, logger name "Typed", ten in ten seconds). Values are handed over and not kept.
 ///
-/// When the peer refuses to tell its objects, does not answer within 5 seconds, or its answer cannot be read
+/// When the peer refuses to send its objects, does not answer within 5 seconds, or its answer cannot be read
 /// to the end, as when descriptors run out, it is logged once for each owner, GetStatus says so, and it is
 /// asked again after 1, 2, 4 and so on to 64 seconds, until it answers. What was read is there, and is not
-/// told again. A signal of the peer that cannot be read is counted (Bus::Counters::wrongSignals) and logged,
-/// see Subscription.
+/// reported again. A signal of the peer that cannot be read is counted (Bus::Counters::wrongSignals) and
+/// logged, see Subscription.
 ///
 /// Handlers run on the D-Bus thread, never within the constructor. One may destroy its own mirror, and is
 /// destroyed itself once it has returned. What one throws ends the loop in order, see Dispatcher.
 ///
-/// When the bus closes, and when the connection is lost, the list is emptied, and nothing is told.
+/// When the bus closes, and when the connection is lost, the list is emptied, and nothing is reported.
 ///
 /// D-Bus thread only; once the bus has closed any thread. Debug builds check that.
 class TERN_API ObjectMirror {
@@ -67,7 +67,7 @@ public:
                                         const Properties& properties)>;
     /// Called for each interface that is there no more.
     using OnRemoved = UniqueFunction<void(const std::string& path, const std::string& interface)>;
-    /// Called when all that the peer has was told.
+    /// Called when all that the peer has was reported.
     using OnReady = UniqueFunction<void()>;
 
     /// None; GetStatus is NotInitialized.
@@ -80,15 +80,15 @@ public:
     ObjectMirror(ObjectMirror&& other) noexcept;
     /// The mirror held before ends.
     ObjectMirror& operator=(ObjectMirror&& other) noexcept;
-    /// Nothing is told any more.
+    /// Nothing is reported any more.
     ~ObjectMirror();
 
-    /// What is there now; in a handler with what it is told, or without it. Valid until the next event of the
-    /// D-Bus thread.
+    /// What is there now; in a handler with what is reported, or without it. Valid until the next event of
+    /// the D-Bus thread.
     const Objects& GetObjects() const noexcept;
-    /// How many interfaces were left out since this owner came, as often as they were told.
+    /// How many interfaces were left out since this owner came, as often as they were reported.
     std::size_t GetOmitted() const noexcept;
-    /// Ok: the peer has told its objects, and what comes and goes is heard. Busy: it has been asked, or it is
+    /// Ok: the peer has sent its objects, and what comes and goes is heard. Busy: it has been asked, or it is
     /// not known yet whether it is there. NotFound: it is not there. NotInitialized: none, or made when the
     /// bus was not open. Stopping: the bus has closed. Otherwise what listening or asking failed with; what
     /// could not be listened to stays so until a new mirror is made.

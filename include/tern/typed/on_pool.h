@@ -219,7 +219,7 @@ public:
     }
 
     bool await_ready() const noexcept { return false; }
-    /// Where it cannot be queued the coroutine goes on at once.
+    /// Where it cannot be queued the coroutine goes on immediately.
     bool await_suspend(std::coroutine_handle<> waiting) {
         try {
             mJob = std::make_shared<Job>(std::move(mFunction));
@@ -297,8 +297,8 @@ private:
 ///     Outcome<Digest> digest = co_await job;
 ///
 /// Nothing happens before the co_await; once it waits the pool, too, may be destroyed. Destroying the
-/// coroutine cancels: a function that has not begun is destroyed at once and does not run; one that runs is
-/// left to come to its end, and its result is destroyed there, or here.
+/// coroutine cancels: a function that has not begun is destroyed immediately and does not run; one that runs
+/// is left to come to its end, and its result is destroyed there, or here.
 ///
 /// In the outcome, besides what the function returns:
 /// - An Error that it throws, as it is. OutOfMemory for std::bad_alloc; "org.freedesktop.DBus.Error.Failed",

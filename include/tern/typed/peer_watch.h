@@ -10,7 +10,7 @@
 
 namespace mwl::Typed {
 
-/// Tells when a peer comes to the bus and when it goes: who owns a name, a well-known one such as
+/// Reports when a peer comes to the bus and when it goes: who owns a name, a well-known one such as
 /// "com.example.Thermostat" or a unique one such as ":1.42".
 ///
 ///     mWatch = PeerWatch(
@@ -18,19 +18,19 @@ namespace mwl::Typed {
 ///         [this](const std::string& owner) { mRoom.Show(); },
 ///         [this] { mRoom.Hide(); });
 ///
-/// The first state is always told, once: the peer is there, or it is not. Then each change is told: when the
-/// name goes from one connection straight to another, `onVanish` is called and then `onAppear`. Nothing is
-/// missed, whenever the peer comes: the watch listens before it asks. A peer that the message bus could start
-/// is not started.
+/// The first state is always reported, once: the peer is there, or it is not. Then each change is reported:
+/// when the name goes from one connection straight to another, `onVanish` is called and then `onAppear`.
+/// Nothing is missed, whenever the peer comes: the watch listens before it asks. A peer that the message bus
+/// could start is not started.
 ///
 /// Handlers run on the D-Bus thread, never within the constructor. One may destroy its own watch, and is
-/// destroyed itself once it has returned; of an owner that follows the other handler is not told then. What
+/// destroyed itself once it has returned; of an owner that follows the other handler is not called then. What
 /// one throws ends the loop in order, see Dispatcher.
 ///
-/// A watch that cannot work tells once that the peer is not there, or that it has gone, and no more;
+/// A watch that cannot work reports once that the peer is not there, or that it has gone, and no more;
 /// GetStatus says why, and it is logged (error, logger name "Typed").
 ///
-/// When the bus closes, and when the connection is lost, nothing is told: the peer counts as absent, and
+/// When the bus closes, and when the connection is lost, nothing is reported: the peer counts as absent, and
 /// GetStatus is Stopping. Watches of the same name share what they need of the message bus.
 ///
 /// D-Bus thread only; once the bus has closed any thread. Debug builds check that.
@@ -45,14 +45,14 @@ public:
     PeerWatch() noexcept;
     /// Sends, and does not wait. Either handler may be empty. Throws std::bad_alloc.
     ///
-    /// The bus is not open: nothing is told, GetStatus is NotInitialized.
-    /// `name` is no name of a bus: told as absent, GetStatus is InvalidArgument.
+    /// The bus is not open: nothing is reported, GetStatus is NotInitialized.
+    /// `name` is no name of a bus: reported as absent, GetStatus is InvalidArgument.
     PeerWatch(const Bus& bus, const std::string& name, OnAppear onAppear, OnVanish onVanish);
     /// Takes the watch over; `other` is none then.
     PeerWatch(PeerWatch&& other) noexcept;
     /// The watch held before ends.
     PeerWatch& operator=(PeerWatch&& other) noexcept;
-    /// Nothing is told any more.
+    /// Nothing is reported any more.
     ~PeerWatch();
 
     /// Whether somebody owns the name, as far as is known.
@@ -61,7 +61,7 @@ public:
     /// event of the D-Bus thread.
     const std::string& GetOwner() const noexcept;
     /// Ok: it works. Busy: the message bus has not answered yet. Stopping: the bus has closed. Otherwise what
-    /// went wrong: the message bus refused to tell of changes, or, as long as no change has come, to say who
+    /// went wrong: the message bus refused to report changes, or, as long as no change has come, to say who
     /// owns the name.
     StatusCode GetStatus() const noexcept;
     /// Ends it, as if it were destroyed.

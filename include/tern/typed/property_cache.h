@@ -174,21 +174,21 @@ private:
 /// It listens to changes first and asks for all values then, so that none is missed; changes that come
 /// before the answer count, not what the answer says of those properties. A property that is announced
 /// as changed without its value has none until it has been asked for. When the owner of the peer's name
-/// goes, all values go; when it comes back, or another comes, they are asked for anew, and what the former
+/// goes, all values go; when it comes back, or another comes, they are asked for again, and what the former
 /// owner still says does not count. The peer is not started.
 ///
 /// Properties that the contract does not have are skipped; EXPLICIT ones are not kept. A value of another
 /// type than the contract's, or none of that type's, counts as none; it is counted
 /// (Bus::Counters::wrongProperties) and logged (warning, logger name "Typed", ten in ten seconds).
 ///
-/// When the peer refuses to tell its properties, or does not answer within the time-out of the Remote, it is
+/// When the peer refuses to send its properties, or does not answer within the time-out of the Remote, it is
 /// logged once for each owner (error, ten in ten seconds), GetStatus says so, and it is asked again after 1,
 /// 2, 4 and so on to 64 seconds, until it answers. What it announces meanwhile counts.
 ///
 /// Memory: one value for each property of the contract, of at most a message's size. At most one question
 /// for all properties and one for each is under way, however often the peer announces.
 ///
-/// When the bus closes, and when the connection is lost, the values go, and nothing is told.
+/// When the bus closes, and when the connection is lost, the values go, and nothing is reported.
 ///
 /// D-Bus thread only; once the bus has closed any thread. Debug builds check that.
 template <class Contract>
@@ -236,7 +236,7 @@ public:
         }
     }
 
-    /// Ok: the peer has told all its properties, and its changes are heard. Busy: it has been asked, or it is
+    /// Ok: the peer has sent all its properties, and its changes are heard. Busy: it has been asked, or it is
     /// not known yet whether it is there. NotFound: it is not there. NotInitialized: made when the bus was
     /// not open. Stopping: the bus has closed. Otherwise what listening or asking failed with; what could not
     /// be listened to stays so until a new cache is made.

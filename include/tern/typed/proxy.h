@@ -149,7 +149,7 @@ auto TakeAlong(V&& value) {
     using Given = std::remove_cvref_t<V>;
     if constexpr (std::is_array_v<Given> || std::is_same_v<Given, const char*> ||
                   std::is_same_v<Given, char*>) {
-        // A null one cannot be sent, as its call is to tell: text with a null character cannot either.
+        // A null one cannot be sent, as its call is to report: text with a null character cannot either.
         const char* const text = value;
         return text != nullptr ? std::string(text) : std::string(1, '\0');
     } else if constexpr (std::is_same_v<Given, std::string_view>) {

@@ -95,12 +95,12 @@ private:
 /// "org.freedesktop.DBus.Error.NoReply", "the service is stopping"; what comes later does nothing. To answer
 /// a call that wants no answer, or whose caller has left, sends nothing.
 ///
-/// Any thread, one at a time; moved, never copied. On the D-Bus thread the answer is sent at once, from
+/// Any thread, one at a time; moved, never copied. On the D-Bus thread the answer is sent immediately, from
 /// another it is sent after what that thread posted before (Bus::Post), and no limit refuses it. The answer's
 /// value is encoded on the D-Bus thread; a value that cannot be sent, such as text that is not UTF-8, is
 /// answered with "org.freedesktop.DBus.Error.Failed", "the service failed internally", and logged. Where an
 /// answer, or an error, is not sent for want of memory or room, the same is sent in its place, with
-/// "org.freedesktop.DBus.Error.NoMemory" for memory; where that fails too, the log and Bus::Counters tell.
+/// "org.freedesktop.DBus.Error.NoMemory" for memory; where that fails too, the log and Bus::Counters say so.
 template <class R>
 class [[nodiscard]] Reply : public ReplyToken {
     static_assert(

@@ -9,7 +9,7 @@ namespace mwl::Typed {
 class Stoppables;
 
 /// Something that waits for an event of the D-Bus thread, such as a call for its reply or a task for a timer,
-/// and that is told when the bus closes and the event will not come any more.
+/// and that is notified when the bus closes and the event will not come any more.
 ///
 /// It waits in a list without memory of its own, in the order of joining (Stoppables::Add), and leaves by
 /// itself when it is destroyed. D-Bus thread only.
@@ -20,7 +20,8 @@ public:
 
     /// Whether it is in a list.
     bool IsWaiting() const noexcept { return mList != nullptr; }
-    /// The event has come, or nobody waits for it any more: it will not be told. Harmless when in no list.
+    /// The event has come, or nobody waits for it any more: it will not be notified. Harmless when in no
+    /// list.
     void Leave() noexcept;
 
 protected:

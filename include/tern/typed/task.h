@@ -131,8 +131,8 @@ private:
 ///     }
 ///     mWarming = Warm(mBus, mHeater);  // runs to its first wait, then returns
 ///
-/// It begins at once: the call runs up to the first co_await that has to wait, as an ordinary function would.
-/// Then the caller goes on, and the loop runs the rest, piece by piece, always on this thread.
+/// It begins immediately: the call runs up to the first co_await that has to wait, as an ordinary function
+/// would. Then the caller goes on, and the loop runs the rest, piece by piece, always on this thread.
 ///
 /// Destroying the Task ends the coroutine where it waits: its variables are destroyed, and what it waits for
 /// is cancelled, the tasks that it awaits included. So a Task has to be kept: in a member, in a TaskSet, or

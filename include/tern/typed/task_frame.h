@@ -19,7 +19,7 @@ namespace Detail {
 
 class TaskFrame;
 
-/// Is told that a task is done. It owns the task, or outlives it.
+/// Is notified that a task is done. It owns the task, or outlives it.
 class TERN_API TaskObserver {
 public:
     /// `task` waits to be destroyed, which may be done here.
@@ -60,7 +60,7 @@ public:
     /// Whether it has ended with an exception.
     bool HasThrown() const noexcept { return mException != nullptr; }
 
-    /// Who is to be told when it is done, and the task, if it is one, that waits for it.
+    /// Who is to be notified when it is done, and the task, if it is one, that waits for it.
     void Observe(TaskObserver& observer, TaskFrame* parent) noexcept;
     /// Somebody waits for it, even if it is done already: its exception is not nobody's.
     void Claim() noexcept { mIsClaimed = true; }
@@ -144,7 +144,7 @@ private:
     /// While it runs: the one that runs below it on the stack, and what has been left to it.
     TaskFrame* mBelow = nullptr;
     TaskFrame* mLeft = nullptr;
-    /// Once it is done: its neighbours among those whose observers are to be told.
+    /// Once it is done: its neighbours among those whose observers are to be notified.
     TaskFrame* mNextDone = nullptr;
     TaskFrame* mPreviousDone = nullptr;
     bool mIsListed = false;

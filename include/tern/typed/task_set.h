@@ -15,9 +15,9 @@ namespace mwl::Typed {
 ///     }
 ///     TaskSet mTasks;  // behind what its tasks use: it is destroyed first
 ///
-/// A task that is done is destroyed at once, and its result with it. What a task throws is logged (critical)
-/// with its type and text, and ends the loop in order with the exit code -ENOTRECOVERABLE, as for any task
-/// that nobody awaits.
+/// A task that is done is destroyed immediately, and its result with it. What a task throws is logged
+/// (critical) with its type and text, and ends the loop in order with the exit code -ENOTRECOVERABLE, as for
+/// any task that nobody awaits.
 ///
 /// The destructor ends the tasks that are left where they wait, in the order of adding. It may run in one of
 /// them, as may Clear, see Task. When the bus closes they are resumed with `Stopping`, and most are done
@@ -33,7 +33,7 @@ public:
     TaskSet(const TaskSet&) = delete;
     TaskSet& operator=(const TaskSet&) = delete;
 
-    /// Takes the task over. One that is done already is destroyed at once, an empty one is nothing.
+    /// Takes the task over. One that is done already is destroyed immediately, an empty one is nothing.
     template <class R>
     void Add(Task<R> task) noexcept {
         if (Detail::TaskFrame* const frame = Detail::TaskAccess::TakeFrame(task)) {

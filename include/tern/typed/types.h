@@ -70,7 +70,7 @@ constexpr std::size_t EndOfType(std::string_view text, std::size_t at, unsigned 
     return 0;
 }
 
-/// Exactly one complete type; also what types without a codec have, which has been told already.
+/// Exactly one complete type; also what types without a codec have, which has been reported already.
 constexpr bool IsOneType(std::string_view text) {
     return text.find('?') != std::string_view::npos || (!text.empty() && EndOfType(text, 0) == text.size());
 }
@@ -180,7 +180,7 @@ public:
     }
     ~OwnedFd() { Reset(); }
 
-    /// A duplicate, close-on-exec and at least 3; none when that fails, `errno` tells why (fcntl(2)).
+    /// A duplicate, close-on-exec and at least 3; none when that fails, `errno` says why (fcntl(2)).
     TERN_API static OwnedFd Duplicate(int fd) noexcept;
 
     /// The descriptor; -1 for none.

@@ -49,7 +49,7 @@ public:
     /// Of an object that others know already. REQUIRES: not null.
     explicit UntypedProxy(std::shared_ptr<Remote> remote) noexcept;
 
-    /// A method's call. `signature` is that of its arguments, as introspection tells it
+    /// A method's call. `signature` is that of its arguments, as introspection reports it
     /// (Introspection::Method::GetInSignature). Each of `arguments` is of the type in its place; where that
     /// is "v" any value is put into a variant, unless it is one. The result has a value for each out
     /// argument, as it is: of one of type "v" a variant, whose content is `At(0)`.
@@ -66,8 +66,8 @@ public:
     Typed::Call<std::map<std::string, Any>> GetAll(const std::string& interface) const;
     /// Writes a property. `value` is of the property's type; of one of type "v" a variant.
     Typed::Call<void> Set(const std::string& interface, const std::string& property, const Any& value) const;
-    /// What there is, as the peer tells it. What it tells is read on this thread, which took some 80 ms for a
-    /// MiB on a desktop machine; usual objects tell a few KiB. A text that is not sound, or is larger than
+    /// What there is, as the peer reports it. The report is read on this thread, which took some 80 ms for a
+    /// MiB on a desktop machine; usual objects report a few KiB. A text that is not sound, or is larger than
     /// Introspection::MAX_SIZE, is "mwl.Typed.Error.WrongReply", with what is wrong with it; where libexpat
     /// cannot be loaded it is NotSupported; see Introspection::Parse.
     Typed::Call<Introspection::Node> Introspect() const;

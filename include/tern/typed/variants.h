@@ -12,7 +12,7 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// Tells the signature of the variant that stands here, without reading it. Outcomes: 1, `contents` is set
+/// Says which signature the variant that stands here has, without reading it. Outcomes: 1, `contents` is set
 /// and valid until the message is read; 0, at the end of the array around it; -ENXIO, another type or nothing
 /// stands here; another negative errno, sd-bus's own.
 TERN_API int PeekVariant(sd_bus_message* message, const char*& contents);

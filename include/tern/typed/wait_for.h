@@ -54,7 +54,7 @@ private:
 ///     Outcome<std::uint32_t> seen = co_await WaitFor(bus, gpio, EPOLLPRI, 2s);
 ///
 /// `events` are those of sd_event_add_io(3): EPOLLIN, EPOLLOUT, EPOLLPRI and the like; EPOLLHUP and EPOLLERR
-/// are told even if not asked for. The limit is counted as by Sleep. The descriptor is borrowed: it stays
+/// are reported even if not asked for. The limit is counted as by Sleep. The descriptor is borrowed: it stays
 /// open, and open it is to stay until then.
 ///
 /// In the outcome, besides the events, an error with the status (Error::GetStatus):

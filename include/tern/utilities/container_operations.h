@@ -23,10 +23,10 @@ public:
     /// The items of `before` that are missing from `after`.
     static void ItemsRemovedInSet(const std::set<std::string>& before, const std::set<std::string>& after,
                                   std::set<std::string>& removed);
-    /// As ItemsRemovedInSet; order and repetition have no say.
+    /// As ItemsRemovedInSet. Order and repeated items make no difference.
     static void ItemsRemovedInVector(const std::vector<std::string>& before,
                                      const std::vector<std::string>& after, std::set<std::string>& removed);
-    /// As ItemsCommonInSet; order and repetition have no say.
+    /// As ItemsCommonInSet. Order and repeated items make no difference.
     static void ItemsCommonInVector(const std::vector<std::string>& a, const std::vector<std::string>& b,
                                     std::set<std::string>& common);
 };

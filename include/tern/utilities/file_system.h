@@ -16,7 +16,7 @@ namespace mwl::Utilities {
 /// Some operations do what they are described to do and may lose data without a word. Each has a twin that
 /// answers `Ok` only when everything arrived on its medium:
 /// - `WriteContent` is `Ok` on a full disk: `WriteWholeContent`.
-/// - `CopyFile` does not know files over 2 GiB and those without a size, and tells so (`IoError`):
+/// - `CopyFile` does not know files over 2 GiB and those without a size, and reports so (`IoError`):
 ///   `CopyWholeFile`.
 /// - `CopyFolderContent` may cover a failure by a later success: `CopyWholeFolderContent`.
 ///
@@ -55,7 +55,7 @@ public:
     /// Inserts into `files` the bare names of the regular files of `folder` whose text behind the last "."
     /// is `extension`, given without its dot, whole and case-sensitively; every regular file when `extension`
     /// is empty. Earlier content of `files` stays. Links, also to regular files, are not listed, nor are
-    /// entries whose type the file system does not tell (DT_UNKNOWN of readdir(3)).
+    /// entries whose type the file system does not report (DT_UNKNOWN of readdir(3)).
     /// Returns `Ok`, also when closing fails (logged); `Failure` when `folder` cannot be opened (opendir(3));
     /// the status of errno when it cannot be read to its end, with what was read inserted.
     virtual StatusCode ListFilesWithFileNameExtension(const std::string& folder, const std::string& extension,
@@ -63,7 +63,7 @@ public:
     /// `ListFilesWithFileNameExtension` with an empty extension.
     virtual StatusCode ListFiles(const std::string& folder, std::set<std::string>& files);
     /// Inserts into `folders` the bare names of the folders in `folder`. Links to folders and entries whose
-    /// type the file system does not tell are not listed. Results as ListFilesWithFileNameExtension.
+    /// type the file system does not report are not listed. Results as ListFilesWithFileNameExtension.
     virtual StatusCode ListDirectories(const std::string& folder,
                                        std::unordered_set<std::string>& folders) const;
     /// `CheckFileExist`.
@@ -91,19 +91,19 @@ public:
     /// (ESTALE). `quiet` leaves out the concluding message, not that of an entry.
     static StatusCode DeleteFolder(const std::string& path, bool quiet);
     /// Copies the content of one file by one call of sendfile(2), which transfers at most 2147479552 bytes:
-    /// for larger files, and for those in /proc, whose size is told as 0, use `CopyWholeFile`.
+    /// for larger files, and for those in /proc, whose size is reported as 0, use `CopyWholeFile`.
     ///
     /// An existing destination is replaced and keeps its mode and owner. A new one gets mode 1204 (octal)
     /// less the umask, with which even its owner may only write it: give it its rights afterwards.
     ///
-    /// - Ok: all of it is copied, as far as the system tells without fsync(2).
+    /// - Ok: all of it is copied, as far as the system reports without fsync(2).
     /// - IoError: less was copied than the source held, and then the destination is incomplete.
     /// - InvalidArgument: the source is no regular file (a FIFO is not waited for), or is the destination,
     ///   and stays whole; or the destination is a FIFO that nobody reads.
     /// - the status of errno: what else failed, closing the destination included.
     static StatusCode CopyFile(const std::string& source, const std::string& destination);
-    /// As CopyFile, but copies a file of any size to its end, whatever its size is told as, and sees it onto
-    /// its medium (fsync(2)) before it answers `Ok`. Messages are those of CopyFile.
+    /// As CopyFile, but copies a file of any size to its end, whatever its size is reported as, and sees it
+    /// onto its medium (fsync(2)) before it answers `Ok`. Messages are those of CopyFile.
     static StatusCode CopyWholeFile(const std::string& source, const std::string& destination);
     /// Makes `link` a symbolic link to `target` (symlink(2)). `Ok`, or the status of errno.
     static StatusCode CreateSymbolicLink(const std::string& target, const std::string& link);
@@ -151,7 +151,8 @@ public:
     static StatusCode CheckFileExist(const std::string& path);
     /// `Ok` when there is a folder at `path`, links followed; else `NotFound`. Says so at info level.
     static StatusCode CheckDirectoryExist(const std::string& path);
-    /// rename(2): within one file system, an existing `to` is replaced at once. `Ok`, or the status of errno.
+    /// rename(2): within one file system, an existing `to` is replaced atomically. `Ok`, or the status of
+    /// errno.
     static StatusCode Rename(const std::string& from, const std::string& to);
     /// Stores the text of the link in `target` (readlink(2), at most 4095 bytes). `Ok`, or the status of
     /// errno.

@@ -25,9 +25,12 @@ namespace mwl::Utilities {
 /// | watching | `Start` gave Ok | no-op, Ok | ends the thread | ends the thread |
 /// | finished | callback returned, or read error | ends the process | trace message only | ends the process |
 ///
-/// The last row is meant: a thread that has finished by itself is never joined, and a joinable std::thread
-/// that is destroyed or assigned to calls std::terminate. So stop a monitor while it is still watching, call
-/// `Stop` from inside the callback (which leads to idle), or let the monitor live as long as the process.
+/// The last row is fixed by the interface: a thread that has finished by itself is never joined, and
+/// std::terminate is what becomes of a joinable std::thread that is destroyed or assigned to. So do one of
+/// these:
+/// - stop a monitor while it is watching;
+/// - call `Stop` from inside the callback, which leads to idle;
+/// - let the monitor live as long as the process.
 ///
 /// Thread-safe, except that the destructor must not run beside another operation than a `Stop` called from
 /// inside the callback.
@@ -43,7 +46,7 @@ namespace mwl::Utilities {
 /// What is watched is the file or folder that had the path at `Start`. When that has been removed, or its
 /// file system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps
 /// watching for something new at the path: it looks every 100 ms, and what happens in between is missed. A
-/// warning tells that the path is gone, an info line that it is watched again. A folder that was moved away,
+/// warning says that the path is gone, an info line that it is watched again. A folder that was moved away,
 /// or that a process still holds open, is not gone: it remains the one that is watched.
 class TERN_API FolderMonitor {
 public:
@@ -73,7 +76,7 @@ public:
 
     /// Ends the watch. Blocks until the watching thread has left, usually not more than 100 ms, or as long as
     /// a running callback takes, also one that has called `Stop` itself. From inside the callback it returns
-    /// at once, with the watch removed; the thread leaves when the callback returns. Harmless when the
+    /// immediately, with the watch removed; the thread leaves when the callback returns. Harmless when the
     /// monitor is not watching.
     void Stop();
 

@@ -33,7 +33,7 @@ public:
 
     /// Writes the archive `zipFile`, replacing an existing file, with the regular files that are directly in
     /// `folder`, under their bare names, encrypted with AES-128 unless `password` is empty. Sub-folders,
-    /// links and entries whose type the file system does not tell (DT_UNKNOWN of readdir(3)) are left out
+    /// links and entries whose type the file system does not report (DT_UNKNOWN of readdir(3)) are left out
     /// with an info message each.
     ///
     /// - Ok: the archive is written. Also when `folder` or `zipFile` is empty, and then nothing is done.
@@ -58,8 +58,8 @@ public:
     /// (stays). Where that matters, or somebody less privileged writes in `folder`, use `UnzipWhole`.
     ///
     /// The files come into `folder`, which is made when it is missing (its parent is not) and whose mode and
-    /// owner are set anew in any case (`FileSystem::CreateFolder`). An empty `password` opens entries without
-    /// decryption; with a password, entries in clear are extracted as well.
+    /// owner are set again in any case (`FileSystem::CreateFolder`). An empty `password` opens entries
+    /// without decryption; with a password, entries in clear are extracted as well.
     ///
     /// Stops at the first entry that fails; files written before stay.
     ///
@@ -70,7 +70,7 @@ public:
     /// - `GetStatusZipError` of libzip's code: the archive or an entry cannot be opened; `NotPermitted` when
     ///   a password is needed, `AccessDenied` when it is wrong (one wrong password in 65536 is noticed only
     ///   by the authentication code), `NotSupported` for an unknown compression or encryption.
-    /// - NotFound: the number of entries cannot be told.
+    /// - NotFound: the number of entries is not known.
     /// - InvalidArgument: the name of an entry holds `RELATIVE_PATH_STRING`; or reading an entry failed and
     ///   libzip did not keep the error.
     /// - OutOfMemory: an entry claims to be larger than the memory that can be had.

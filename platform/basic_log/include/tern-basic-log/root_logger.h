@@ -24,11 +24,11 @@ namespace mwl::Log {
 /// terminal. A backslash stays as it is.
 ///
 /// A sink that takes nothing (a journal that does not read, a full pipe, a terminal held by Ctrl-S) is waited
-/// for, a second for one message; then that message is dropped, and so are further ones, at once, until the
-/// sink takes some again. A warning, "Messages dropped, as the log did not take them: N", then comes before
-/// the next message. Messages that cannot be written for another reason (a full disk) are counted likewise. A
-/// reader of standard error that has gone does not end the process: where SIGPIPE has its default action and
-/// standard error is a pipe, the first message gives it a handler that does nothing.
+/// for, a second for one message; then that message is dropped, and so are further ones, immediately, until
+/// the sink takes some again. A warning, "Messages dropped, as the log did not take them: N", then comes
+/// before the next message. Messages that cannot be written for another reason (a full disk) are counted
+/// likewise. A reader of standard error that has gone does not end the process: where SIGPIPE has its default
+/// action and standard error is a pipe, the first message gives it a handler that does nothing.
 ///
 /// Loading this library takes those of the descriptors 0, 1 and 2 that are closed, so that messages never go
 /// into a file or pipe that the process opens later: reading from 0 and writing to 1 and 2 fails with EBADF
