@@ -152,7 +152,7 @@ void Subject::Detach(const ObserverInterface& observer, NotificationInterface& n
     const Pair pair(notification.GetIdentifier(), const_cast<ObserverInterface*>(&observer));
     const std::uint32_t link = Index(mRegistrations).Find(pair);
     if (link != 0) {
-        static_cast<void>(Remove(mRegistrations.begin() + (link - 1)));
+        static_cast<void>(Remove(mRegistrations.begin() + static_cast<std::ptrdiff_t>(link - 1)));
     }
 }
 
@@ -162,7 +162,7 @@ void Subject::Detach(const ObserverInterface& observer) {
     }
     const Index index(mRegistrations);
     for (std::uint32_t link = index.First(&observer); link != 0;) {
-        const auto entry = mRegistrations.begin() + (link - 1);
+        const auto entry = mRegistrations.begin() + static_cast<std::ptrdiff_t>(link - 1);
         link = index.Next(link);
         if (entry->pair.second == &observer) {
             static_cast<void>(Remove(entry));

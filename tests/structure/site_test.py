@@ -91,10 +91,12 @@ def check_links(browser, site, pages):
 
 def search(browser, site, words):
     browser.get((site / "search.html").as_uri() + "?q=" + urllib.parse.quote(words))
-    found = WebDriverWait(browser, 60).until(
-        lambda one: one.find_elements(By.CSS_SELECTOR, "#search-results ul.search li a") or
-        ([] if "Searching" in one.find_element(By.ID, "search-results").text else [None]))
-    return [one.get_attribute("href") for one in found if one is not None]
+    # Results come one by one; the sum below them says that all are there, or that there are none.
+    WebDriverWait(browser, 60).until(
+        lambda one: "Searching" not in one.find_element(By.ID, "search-results").text
+        and one.find_elements(By.CSS_SELECTOR, "#search-results p.search-summary")
+        and one.find_element(By.CSS_SELECTOR, "#search-results p.search-summary").text.strip())
+    return [one.get_attribute("href") for one in browser.find_elements(By.CSS_SELECTOR, "#search-results ul.search li a")]
 
 
 def background(browser):
