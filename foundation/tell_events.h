@@ -25,9 +25,9 @@ namespace mwl::Tell {
 //  watch_began                   watched thread; value: its period in nanoseconds
 //  watch_reported, watch_ended   watched thread
 //  state_changed                 service; name: starting, running, stopping, failed, lost-bus
-//  blocked                       a watched thread, which the watcher is about to kill; value: nanoseconds of
-//  silence thrown                        an exception that ends the service; name: type and text message of
-//  the log, warning or worse; value: its level
+//  blocked                       a watched thread, which the watcher kills; value: nanoseconds of silence
+//  thrown                        an exception that ends the service; name: type and text, or the text
+//  message                       of the log, warning or worse; value: its level
 #define TERN_TELL_EVENTS(X)          \
     X(ObjectMade, object_made)       \
     X(ObjectGone, object_gone)       \

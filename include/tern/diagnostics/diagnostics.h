@@ -31,9 +31,10 @@ struct Options {
 /// former life ended: the interface tern.Diagnostics1 (contract.h). In IpcServer::Start, when the bus is
 /// open, a line is all:
 ///
-///     mDiagnostics = mwl::Diagnostics::Diagnostics::Export(mBus);   // or Export(manager, loop), without a
-///     typed bus return mDiagnostics.GetStatus();
+///     mDiagnostics = mwl::Diagnostics::Diagnostics::Export(mBus);
+///     return mDiagnostics.GetStatus();
 ///
+/// or Export(manager, loop), where there is no typed bus;
 /// and in IpcServer::Stop, when the bus has been closed, or at the latest before the bus is destroyed:
 ///
 ///     mDiagnostics.Reset();

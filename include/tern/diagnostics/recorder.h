@@ -29,8 +29,7 @@ struct RecorderOptions {
 /// keeps it (RecorderOptions).
 ///
 ///     int main() {
-///         static_cast<void>(mwl::Diagnostics::Recorder::Begin());  // as the first of all; without it,
-///         Diagnostics begins it
+///         static_cast<void>(mwl::Diagnostics::Recorder::Begin());  // first of all; else Diagnostics does it
 ///         ...
 ///
 /// One for a process. It goes on until the process ends, so that a stop that hangs is seen too; what exit(3)
