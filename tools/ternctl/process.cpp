@@ -34,7 +34,7 @@ constexpr std::uint64_t NS_PER_US = 1000;
 /// What /proc says of a descriptor of such a memory.
 constexpr std::string_view LINK = "/memfd:tern-flight (deleted)";
 /// Whoever has more of them wants to keep us busy.
-constexpr std::size_t MOST_MEMORIES = 256;
+constexpr std::size_t MOST_MEMORIES = 16;
 
 std::string Named(std::uint32_t pid) {
     return "process " + std::to_string(pid);
