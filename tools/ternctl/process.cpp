@@ -34,7 +34,7 @@ constexpr std::uint64_t NS_PER_US = 1000;
 /// What /proc says of a descriptor of such a memory.
 constexpr std::string_view LINK = "/memfd:tern-flight (deleted)";
 /// Whoever has more of them wants to keep us busy.
-constexpr std::size_t MOST_MEMORIES = 256;
+constexpr std::size_t MOST_MEMORIES = 16;
 
 std::string Named(std::uint32_t pid) {
     return "process " + std::to_string(pid);
@@ -118,10 +118,12 @@ Process::Recorder Process::OpenRecorder() const {
     if (!descriptors) {
         throw SystemFailure("the descriptors of " + Named(mPid) + " cannot be looked at", error);
     }
-    const Handle<DIR, closedir> list(fdopendir(fcntl(descriptors.Get(), F_DUPFD_CLOEXEC, 0)));
+    UniqueFd listed(fcntl(descriptors.Get(), F_DUPFD_CLOEXEC, 0));
+    const Handle<DIR, closedir> list(fdopendir(listed.Get()));
     if (list == nullptr) {
         throw SystemFailure("the descriptors of " + Named(mPid) + " cannot be looked at", errno);
     }
+    static_cast<void>(listed.Release());  // the list's from now on
     const std::uint32_t ownId = ReadOwnId();
     std::vector<std::pair<dev_t, ino_t>> seen;
     std::optional<Recorder> own;
