@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <memory>
 #include <utility>
 
 #include "diagnostics/descriptor_store.h"
 #include "diagnostics/former_life.h"
+#include "diagnostics/known_copy.h"
 #include "diagnostics/log_hooks.h"
 #include "diagnostics/process_facts.h"
 #include "diagnostics/recording.h"
@@ -224,7 +224,7 @@ ConnectionFigures DiagnosticsInterface::GetConnection() const {
 }
 
 void DiagnosticsInterface::AddObjects(Figures& figures) const {
-    const auto all = std::make_unique<std::array<Known, KnownObjects::MOST>>();
+    const KnownCopy all;
     const std::size_t count = KnownObjects::Copy(*all);
     for (std::size_t i = 0; i < count; ++i) {
         const Known& known = (*all)[i];

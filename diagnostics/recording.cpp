@@ -9,8 +9,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
+#include "diagnostics/known_copy.h"
 #include "diagnostics/log_hooks.h"
 
 namespace mwl::Diagnostics {
@@ -381,33 +381,27 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
         RegisterEnd();
     }
     // What exists has its rows when its first event comes.
-    struct Seed {
-        std::array<KnownObjects::Known, KnownObjects::MOST> known{};
-        std::size_t count = 0;
-    };
-    const auto seed = std::make_unique<Seed>();
+    const KnownCopy known;
     gIsOn.store(true, std::memory_order_release);
-    seed->count = KnownObjects::CopyAnd(
-        seed->known,
+    static_cast<void>(KnownObjects::CopyAnd(
+        *known,
         [](void* argument) noexcept {
-            // The rows of those that are known are filled from the copy, which is complete but for its
-            // number.
-            const auto& all = static_cast<Seed*>(argument)->known;
+            // The rows of those that are known are filled from the copy, which is complete by now.
             gObjects.Clear();
-            for (const KnownObjects::Known& known : all) {
-                if (known.object != nullptr && known.kind != KnownObjects::Kind::Supervised) {
-                    const std::string_view name = known.GetName();
-                    Row* const row = gObjects.Take(known.object, known.kind,
+            for (const KnownObjects::Known& each : *static_cast<const KnownCopy::All*>(argument)) {
+                if (each.object != nullptr && each.kind != KnownObjects::Kind::Supervised) {
+                    const std::string_view name = each.GetName();
+                    Row* const row = gObjects.Take(each.object, each.kind,
                                                    name.empty() ? Format::NO_NAME : gRing.Intern(name));
                     if (row != nullptr) {
-                        row->largest.store(known.kind == KnownObjects::Kind::Watched ? gRing.Ticks() : 0,
+                        row->largest.store(each.kind == KnownObjects::Kind::Watched ? gRing.Ticks() : 0,
                                            std::memory_order_relaxed);
                     }
                 }
             }
             Tell::SetListener(&LISTENER);
         },
-        seed.get());
+        &*known));
     if (Log::SetObserver != nullptr) {
         Log::SetObserver(&OnMessage);
     }
