@@ -35,6 +35,8 @@ bool Write(MessagePipe& pipe, char content) {
 bool Read(MessagePipe& pipe, unsigned timeoutMs) {
     Message message;
     const StatusCode status = pipe.ReadMessage(message.data(), message.size(), timeoutMs);
+    Promise(status == StatusCode::Ok || status == StatusCode::Timeout || status == StatusCode::IoError,
+            "read, nothing there in time, or closed: a look that found something is not in vain");
     if (status == StatusCode::Ok) {
         Promise(std::all_of(message.begin(), message.end(), [&](char byte) { return byte == message[0]; }),
                 "a message arrives whole");

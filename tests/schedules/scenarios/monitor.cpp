@@ -51,6 +51,7 @@ private:
         Call("worker");
         mThreadId = pthread_self();
         NotifyStarted();
+        Meet();
         if (mCourse == Course::Fails) {
             NotifyFailure();
         } else if (mCourse == Course::IsDone) {
