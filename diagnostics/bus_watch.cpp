@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 #include <new>
+#include <utility>
 
 #include "diagnostics/clean_text.h"
 #include "diagnostics/process_facts.h"
@@ -17,30 +19,40 @@ namespace {
 
 constexpr std::uint64_t NS_PER_US = 1000;
 
-constexpr std::uint32_t HASH_BASIS = 2166136261U;
-std::uint32_t Hash(std::uint32_t hash, std::string_view text) {
-    for (const char c : text) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+/// Of texts that come from peers, as many as there is room for: mixed well enough for a table.
+std::uint64_t Hash(std::uint64_t hash, std::string_view text) {
+    constexpr std::uint64_t FACTOR = 0x9e3779b97f4a7c15;
+    const auto mix = [&hash](std::uint64_t word) {
+        hash = (hash ^ word) * FACTOR;
+        hash ^= hash >> 32U;
+    };
+    std::uint64_t word = 0;
+    for (; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
+        std::memcpy(&word, text.data(), sizeof word);
+        mix(word);
     }
+    word = std::uint64_t{text.size()} << 56U;
+    std::memcpy(&word, text.data(), text.size());
+    mix(word);
     return hash;
 }
 
 std::string_view OrEmpty(const char* text) {
-    return text == nullptr ? std::string_view() : std::string_view(text);
+    return text == nullptr ? "" : text;
 }
 
 /// Whether `name` is the three with a dot between the last two.
 bool IsPutTogetherOf(std::string_view name, std::string_view prefix, std::string_view interface,
                      std::string_view member) {
     const std::size_t dot = member.empty() ? 0 : 1;
-    return name.size() == prefix.size() + interface.size() + dot + member.size() &&
-           name.substr(0, prefix.size()) == prefix &&
-           name.substr(prefix.size(), interface.size()) == interface &&
-           name.substr(name.size() - member.size()) == member;
+    // The end first, as it is what members differ in.
+    return name.size() == prefix.size() + interface.size() + dot + member.size() && name.ends_with(member) &&
+           name.starts_with(prefix) &&
+           std::memcmp(name.data() + prefix.size(), interface.data(), interface.size()) == 0;
 }
 
-std::size_t BucketOf(std::uint64_t nanoseconds) {
-    return std::min(static_cast<std::size_t>(std::bit_width(nanoseconds / NS_PER_US)), LATENCY_BUCKETS - 1);
+std::size_t BucketOf(std::uint64_t us) {
+    return std::min(static_cast<std::size_t>(std::bit_width(us)), LATENCY_BUCKETS - 1);
 }
 
 int NeverCalled(sd_event_source*, uint64_t, void*) {
@@ -58,6 +70,13 @@ int BusWatch::Begin(sd_bus* bus) {
     mThreadId = static_cast<std::uint32_t>(gettid());
     mWatchdogNs = ReadWatchdogNs();
     Recording::SetBusThread();
+    if (Ring& ring = Recording::GetRing()) {
+        ring.Calibrate();
+        constexpr std::uint64_t MANY = std::uint64_t{1} << 40U;
+        mIsCounter = ring.IsCounter();
+        mIsRecordersClock = true;
+        mUsPerTick = static_cast<double>(ring.ToNanoseconds(MANY)) / static_cast<double>(MANY * NS_PER_US);
+    }
     sd_event_source* source = nullptr;
     int r =
         sd_event_add_time(sd_bus_get_event(bus), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, this);
@@ -82,21 +101,21 @@ BusThreadFigures BusWatch::GetFigures() const {
     figures.threadId = mThreadId;
     figures.handled = mHandled;
     figures.turns = mTurns;
-    figures.longestTurnUs = mLongestTurnNs / NS_PER_US;
+    figures.longestTurnUs = mLongestTurnUs;
     if (mRunning != NOTHING) {
         figures.running = mMembers[mRunning].name;
-        figures.runningUs = (NanosecondsOf(CLOCK_MONOTONIC) - mRunningSinceNs) / NS_PER_US;
+        figures.runningUs = ToUs(Now() - mRunningSince);
     }
     figures.watchdogUs = mWatchdogNs / NS_PER_US;
     // The loop reports at three quarters of the period at the latest, if no turn is in its way.
-    const std::uint64_t spare = mWatchdogNs / 4;
-    figures.watchdogMarginUs = (spare - std::min(spare, mLongestTurnNs)) / NS_PER_US;
+    const std::uint64_t spare = mWatchdogNs / 4 / NS_PER_US;
+    figures.watchdogMarginUs = spare - std::min(spare, mLongestTurnUs);
     for (const Member& member : mMembers) {
         if (member.handled > 0) {
             figures.members.push_back({member.name,
                                        member.handled,
-                                       member.totalNs / NS_PER_US,
-                                       member.longestNs / NS_PER_US,
+                                       ToUs(member.totalTicks),
+                                       ToUs(member.longestTicks),
                                        {member.latency.begin(), member.latency.end()}});
         }
     }
@@ -112,7 +131,7 @@ int BusWatch::OnMessage(sd_bus_message* message, void* userdata, sd_bus_error*) 
 
 int BusWatch::OnTurn(sd_event_source* source, void* userdata) {
     auto& self = *static_cast<BusWatch*>(userdata);
-    const std::uint64_t now = NanosecondsOf(CLOCK_MONOTONIC);
+    const std::uint64_t now = self.Now();
     if (self.mRunning != NOTHING) {
         self.EndMessage(now);
     }
@@ -129,49 +148,63 @@ void BusWatch::BeginMessage(sd_bus_message* message) {
                            OrEmpty(sd_bus_message_get_interface(message)),
                            OrEmpty(sd_bus_message_get_member(message)));
     } else {
-        index = FindMember("replies", {}, {});
+        index = FindMember("replies", "", "");
     }
-    const std::uint64_t now = NanosecondsOf(CLOCK_MONOTONIC);
+    const std::uint64_t now = Now();
     if (mRunning != NOTHING) {
         EndMessage(now);
     }
     Member& member = mMembers[index];
     mRunning = index;
-    mRunningSinceNs = now;
+    mRunningSince = now;
     ++mHandled;
     if (Recording::IsOn()) {
         if (member.recorded == 0) {
             member.recorded = Recording::Intern(member.name);
             Recording::SetBusThread();
         }
-        Recording::RecordCallBegan(member.recorded);
+        Recording::RecordCallBegan(member.recorded, mIsRecordersClock ? now : Recording::GetRing().Ticks());
     }
 }
 
-void BusWatch::EndMessage(std::uint64_t nowNs) {
+void BusWatch::EndMessage(std::uint64_t now) {
     Member& member = mMembers[mRunning];
-    const std::uint64_t duration = nowNs - mRunningSinceNs;
+    const std::uint64_t duration = now - mRunningSince;
     mRunning = NOTHING;
     ++member.handled;
-    member.totalNs += duration;
-    member.longestNs = std::max(member.longestNs, duration);
-    ++member.latency[BucketOf(duration)];
-    if (member.recorded != 0) {
-        Recording::RecordCallEnded(member.recorded);
+    member.totalTicks += duration;
+    member.longestTicks = std::max(member.longestTicks, duration);
+    ++member.latency[BucketOf(ToUs(duration))];
+    if (member.recorded != 0 && Recording::IsOn()) {
+        Recording::RecordCallEnded(member.recorded, mIsRecordersClock ? now : Recording::GetRing().Ticks());
     }
 }
 
-void BusWatch::CountTurn(sd_event* event, std::uint64_t nowNs) {
+void BusWatch::CountTurn(sd_event* event, std::uint64_t now) {
+    const std::uint64_t between = now - std::exchange(mTurnBegan, now);
+    // What has passed since the last one contains the turn: it is looked at only when it may be the longest.
+    if (mTurns++ == 0 || ToUs(between) <= mLongestTurnUs) {
+        return;
+    }
     // The loop's own time is that of the end of its last sleep.
     std::uint64_t awakeUs = 0;
-    if (mTurns++ > 0 && sd_event_now(event, CLOCK_MONOTONIC, &awakeUs) == 0 && nowNs > awakeUs * NS_PER_US) {
-        mLongestTurnNs = std::max(mLongestTurnNs, nowNs - awakeUs * NS_PER_US);
+    const std::uint64_t nowUs = NanosecondsOf(CLOCK_MONOTONIC) / NS_PER_US;
+    if (sd_event_now(event, CLOCK_MONOTONIC, &awakeUs) == 0 && nowUs > awakeUs) {
+        mLongestTurnUs = std::max(mLongestTurnUs, nowUs - awakeUs);
     }
 }
 
 std::size_t BusWatch::FindMember(std::string_view prefix, std::string_view interface,
                                  std::string_view member) {
-    const std::uint32_t hash = Hash(Hash(Hash(HASH_BASIS, prefix), interface), member);
+    if (!IsPutTogetherOf(mMembers[mLast].name, prefix, interface, member)) {
+        mLast = LookUpMember(prefix, interface, member);
+    }
+    return mLast;
+}
+
+std::size_t BusWatch::LookUpMember(std::string_view prefix, std::string_view interface,
+                                   std::string_view member) {
+    const std::uint64_t hash = Hash(Hash(Hash(0, prefix), interface), member);
     std::size_t place = hash % PLACES;
     for (; mPlaces[place] != 0; place = (place + 1) % PLACES) {
         const Member& known = mMembers[mPlaces[place]];

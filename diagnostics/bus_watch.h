@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "diagnostics/ticks.h"
 #include "foundation/handle.h"
 
 namespace mwl::Diagnostics {
@@ -33,11 +34,11 @@ private:
     /// One of those that are told apart.
     struct Member {
         std::string name;
-        std::uint32_t hash = 0;
+        std::uint64_t hash = 0;
         std::uint16_t recorded = 0;  ///< name in the recorder; 0 before it is known
         std::uint64_t handled = 0;
-        std::uint64_t totalNs = 0;
-        std::uint64_t longestNs = 0;
+        std::uint64_t totalTicks = 0;
+        std::uint64_t longestTicks = 0;
         std::array<std::uint32_t, LATENCY_BUCKETS> latency{};
     };
     static constexpr std::size_t MEMBERS = 256;
@@ -48,17 +49,30 @@ private:
     static int OnTurn(sd_event_source* source, void* userdata);
 
     void BeginMessage(sd_bus_message* message);
-    void EndMessage(std::uint64_t nowNs);
-    void CountTurn(sd_event* event, std::uint64_t nowNs);
+    void EndMessage(std::uint64_t now);
+    void CountTurn(sd_event* event, std::uint64_t now);
     std::size_t FindMember(std::string_view prefix, std::string_view interface, std::string_view member);
+    std::size_t LookUpMember(std::string_view prefix, std::string_view interface, std::string_view member);
+    std::uint64_t Now() const noexcept { return ReadTicks(mIsCounter); }
+    std::uint64_t ToUs(std::uint64_t ticks) const noexcept {
+        // Signed, as processors convert no others; nothing takes three centuries.
+        return static_cast<std::uint64_t>(static_cast<double>(static_cast<std::int64_t>(ticks)) * mUsPerTick);
+    }
 
+    // All durations are in ticks of the recorder where there is one, else in nanoseconds: reading a clock is
+    // a good part of what this costs.
+    bool mIsCounter = false;
+    bool mIsRecordersClock = false;
+    double mUsPerTick = 0.001;
     std::vector<Member> mMembers;                 ///< the first one is "(others)"
     std::array<std::uint16_t, PLACES> mPlaces{};  ///< by hash: index into mMembers, 0 for none
+    std::size_t mLast = 0;                        ///< found last
     std::size_t mRunning = NOTHING;
-    std::uint64_t mRunningSinceNs = 0;
+    std::uint64_t mRunningSince = 0;
     std::uint64_t mHandled = 0;
     std::uint64_t mTurns = 0;
-    std::uint64_t mLongestTurnNs = 0;
+    std::uint64_t mTurnBegan = 0;
+    std::uint64_t mLongestTurnUs = 0;
     std::uint32_t mThreadId = 0;
     std::uint64_t mWatchdogNs = 0;
     Handle<sd_bus_slot, sd_bus_slot_unref> mFilter;

@@ -99,6 +99,12 @@ std::string NameOf(const FlightThread& thread) {
                : "the watched thread " + Quoted(thread.watchName);
 }
 
+/// Of what is going on now, and of what that is a part of.
+std::string WordsOf(const std::vector<FlightDoing>& doing) {
+    const std::string words = WordsOf(doing.back());
+    return doing.size() == 1 ? words : words + ", " + WordsOf(doing.front());
+}
+
 class Examination {
 public:
     Examination(const Flight& flight, std::uint64_t seenNs)
@@ -186,8 +192,8 @@ private:
         for (const FlightThread& thread : mFlight.threads) {
             if (thread.watchName == blocked->name && !thread.doing.empty()) {
                 const FlightDoing& doing = thread.doing.back();
-                sentence +=
-                    "; it had been " + WordsOf(doing) + " for " + Duration(Since(doing.sinceNs, mLatestNs));
+                sentence += "; it had been " + WordsOf(thread.doing) + " for " +
+                            Duration(Since(doing.sinceNs, mLatestNs));
                 break;
             }
         }
@@ -226,8 +232,9 @@ private:
         for (std::size_t i = 0; i < std::min(hanging.size(), MOST); ++i) {
             const FlightThread& thread = *hanging[i];
             const FlightDoing& doing = thread.doing.back();
-            Say("hanging", "T" + NameOf(thread).substr(1) + " was " + WordsOf(doing) +
-                               " when it ended, for " + Span(doing.sinceNs) + ".");
+            Say("hanging", "T" + NameOf(thread).substr(1) + " was " + WordsOf(thread.doing) +
+                               (thread.doing.size() > 1 ? "," : "") + " when it ended, for " +
+                               Span(doing.sinceNs) + ".");
         }
         return !hanging.empty();
     }

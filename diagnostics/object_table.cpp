@@ -34,7 +34,10 @@ ObjectTable::Row* ObjectTable::Take(const void* object, KnownObjects::Kind kind,
 
 void ObjectTable::Clear() noexcept {
     for (Row& row : mRows) {
-        row.object.store(nullptr, std::memory_order_relaxed);
+        // Memory that nobody has written to takes none.
+        if (row.object.load(std::memory_order_relaxed) != nullptr) {
+            row.object.store(nullptr, std::memory_order_relaxed);
+        }
     }
 }
 

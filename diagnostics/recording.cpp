@@ -446,21 +446,13 @@ std::uint16_t Recording::Intern(std::string_view name) noexcept {
     return gRing.Intern(name);
 }
 
-void Recording::RecordCallBegan(std::uint16_t name) noexcept {
-    if (!IsOn()) {
-        return;
-    }
-    const std::uint64_t ticks = gRing.Ticks();
+void Recording::RecordCallBegan(std::uint16_t name, std::uint64_t ticks) noexcept {
     const OwnThread own = GetThread();
     EnterDoing(own.number, Event::CallBegan, name, nullptr, ticks);
     gRing.Write(ticks, Event::CallBegan, own.id, name, 0);
 }
 
-void Recording::RecordCallEnded(std::uint16_t name) noexcept {
-    if (!IsOn()) {
-        return;
-    }
-    const std::uint64_t ticks = gRing.Ticks();
+void Recording::RecordCallEnded(std::uint16_t name, std::uint64_t ticks) noexcept {
     const OwnThread own = GetThread();
     gRing.Write(ticks, Event::CallEnded, own.id, name, LeaveDoing(own.number, Event::CallBegan, ticks));
 }

@@ -30,8 +30,9 @@ public:
 
     /// The D-Bus thread's: a message is handled from now on, or is done. The name is one that Intern gave.
     static std::uint16_t Intern(std::string_view name) noexcept;
-    static void RecordCallBegan(std::uint16_t name) noexcept;
-    static void RecordCallEnded(std::uint16_t name) noexcept;
+    /// `ticks` are the ring's. REQUIRES: IsOn.
+    static void RecordCallBegan(std::uint16_t name, std::uint64_t ticks) noexcept;
+    static void RecordCallEnded(std::uint16_t name, std::uint64_t ticks) noexcept;
     /// The calling thread is the D-Bus thread.
     static void SetBusThread() noexcept;
 

@@ -48,6 +48,8 @@ public:
     std::size_t GetCapacity() const noexcept { return static_cast<std::size_t>(mMask + 1); }
     const Format::Header& GetHeader() const noexcept { return *mHeader; }
     std::uint64_t Ticks() const noexcept { return ReadTicks(mIsCounter); }
+    /// What ticks are of: ReadTicks.
+    bool IsCounter() const noexcept { return mIsCounter; }
     /// A duration of so many ticks in nanoseconds, by what has been measured so far.
     std::uint64_t ToNanoseconds(std::uint64_t ticks) const noexcept;
 

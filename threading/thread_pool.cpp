@@ -3,6 +3,7 @@
 #include <tern/threading/thread_pool.h>
 
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "foundation/known_objects.h"
@@ -17,6 +18,11 @@ const StaticText LOGGER("Threading::ThreadPool");
 
 /// How long an idle worker sleeps between two reports to the watcher.
 constexpr int IDLE_LIMIT_MS = 10000;
+
+/// How often a worker that finds no job lets others run and looks again before it sleeps. Where jobs are
+/// queued one after another the next one is there by then, and going to sleep and being woken costs far more
+/// than it.
+constexpr int LOOKS_BEFORE_SLEEP = 2;
 
 }  // namespace
 
@@ -111,18 +117,23 @@ void ThreadPool::ForceThreadsTermination() {
 // By value, as it always was: callers' calls are compiled against this signature.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
+    int looks = 0;  // in vain, since the last pass
     while (true) {
         std::function<void()> job;
         StatusCode status = StatusCode::Failure;
+        bool looksAgain = false;
         {
             Lock lock(mMutex);
             if (mStopping) {
                 return;
             }
-            // With work at hand not even the clock is read.
-            status = mJobs.empty() ? mCondition.WaitFor(lock, IDLE_LIMIT_MS,
-                                                        [this] { return mStopping || !mJobs.empty(); })
-                                   : StatusCode::Ok;
+            looksAgain = mJobs.empty() && looks < LOOKS_BEFORE_SLEEP;
+            if (!looksAgain) {
+                // With work at hand not even the clock is read.
+                status = mJobs.empty() ? mCondition.WaitFor(lock, IDLE_LIMIT_MS,
+                                                            [this] { return mStopping || !mJobs.empty(); })
+                                       : StatusCode::Ok;
+            }
             if (status == StatusCode::Ok && !mStopping) {
                 job = std::move(mJobs.front());
                 mJobs.pop_front();
@@ -131,6 +142,12 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
                 }
             }
         }
+        if (looksAgain) {
+            ++looks;
+            std::this_thread::yield();
+            continue;
+        }
+        looks = 0;
         if (status == StatusCode::Timeout) {
             TERN_LOG_TRACE(LOGGER, "%s: Timeout waiting for work", "ThreadLoop");
         } else if (status != StatusCode::Ok) {

@@ -79,7 +79,7 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 ///
 /// (a) Leaving when it could not block the signal: then it ends by itself. The thread looks before each wait
 /// for a signal, in Silent that is once after its callback has returned. `refused` is status Stopping, which
-/// the last three phases have for every step of Start.
+/// the last four phases have for every step of Start.
 // clang-format on
 struct __attribute__((visibility("hidden"))) ShortPeriodTimer::State : std::enable_shared_from_this<State> {
     State(unsigned int period, bool repeat, std::function<void()> function)
@@ -106,6 +106,8 @@ private:
     bool IsDestroyed() const {
         return phase == Phase::Silent || phase == Phase::Finishing || phase == Phase::Gone;
     }
+    /// Also when the Stop has come between two steps of the callback's Start.
+    bool IsRefusing() const { return phase == Phase::Stopping || IsDestroyed(); }
     void Enter(Phase next);
     void ForgetExpiries() const;
     bool TryDeleteTimer();
@@ -271,7 +273,7 @@ void ShortPeriodTimer::State::ForgetExpiries() const {
 
 StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
     const std::lock_guard lock(mutex);
-    if (IsDestroyed()) {
+    if (IsRefusing()) {
         return StatusCode::Stopping;
     }
     if (timer.Exists()) {
@@ -291,7 +293,7 @@ StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
 
 StatusCode ShortPeriodTimer::State::SetTimerTime() {
     const std::lock_guard lock(mutex);
-    if (IsDestroyed()) {
+    if (IsRefusing()) {
         return StatusCode::Stopping;
     }
     if (const int error = timer.Arm(periodMs, periodic); error != 0) {

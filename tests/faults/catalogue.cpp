@@ -564,8 +564,8 @@ const char* ReasonForExemption(const std::string& name) {
                "threads, is in the catalogue";
     }
     for (const char* const prefix :
-         {"__cxa_", "__asan_", "__ubsan_", "__sanitizer_", "__gcov_", "__once_proxy", "_ITM_", "_Unwind_",
-          "__gmon_start__", "__gxx_personality", "__errno_location", "__libc_single_threaded",
+         {"__cxa_", "__popcount", "__asan_", "__ubsan_", "__sanitizer_", "__gcov_", "__once_proxy", "_ITM_",
+          "_Unwind_", "__gmon_start__", "__gxx_personality", "__errno_location", "__libc_single_threaded",
           "__assert_fail", "__tls_get_addr", "___tls_get_addr", "__stack_chk_fail"}) {
         if (name.starts_with(prefix)) {
             return RUNTIME;

@@ -150,7 +150,7 @@ grep -q '^tern-thermostat:' /etc/passwd && fail "the user was made outside the s
 # Closed by default: what the unit leaves open, by systemd's own measure (0 nothing, 100 all).
 unit=$root/usr/lib/systemd/system/tern-thermostat.service
 for line in Type=notify WatchdogSec= Restart=on-failure StartLimitIntervalSec=0 RestartSteps= RestartMaxDelaySec= \
-    NoNewPrivileges=yes ProtectSystem=strict; do
+    FileDescriptorStoreMax=1 NoNewPrivileges=yes ProtectSystem=strict; do
     grep -q "^$line" "$unit" && ok "unit has $line" || fail "unit has no $line"
 done
 # Systemd's own reading of the unit, with the units and programs that it names; a mistake has to be noticed.

@@ -239,6 +239,11 @@ Thread* Engine::Decide(Thread& me) {
     while (true) {
         mOptions.clear();
         const bool goesOn = !me.hasEnded && IsEnabled(me);
+        if (Thread* const starved = goesOn ? FindStarved(me) : nullptr; starved != nullptr) {
+            Release(*starved);
+            Note(Step::Kind::Runs, Action::Mark, *starved, nullptr, nullptr);
+            return starved;
+        }
         if (goesOn) {
             mOptions.push_back({Option::Kind::Run, static_cast<std::uint8_t>(me.number), 0});
         }
@@ -265,7 +270,7 @@ Thread* Engine::Decide(Thread& me) {
             Note(Step::Kind::TimerExpires, Action::Mark, timer.target == nullptr ? me : *timer.target,
                  nullptr, nullptr);
             PassTime(timer.end, isIdle);
-            if (timer.target == nullptr || !IsEnabled(*timer.target)) {
+            if (timer.target == nullptr || timer.target->hasEnded || !IsEnabled(*timer.target)) {
                 continue;
             }
             Release(*timer.target);
@@ -291,6 +296,22 @@ Thread* Engine::Decide(Thread& me) {
         }
         return &thread;
     }
+}
+
+/// One that could run, and has not for so long that no real scheduler would do that: threads that look again
+/// and again must not hold up the one that they look for.
+Thread* Engine::FindStarved(const Thread& me) {
+    constexpr std::size_t PATIENCE = 300;
+    Thread* starved = nullptr;
+    for (Thread& thread : mThreads) {
+        if (thread.hasEnded || &thread == &me || !IsEnabled(thread) ||
+            thread.wait == Thread::Wait::Condition) {
+            thread.couldRunSince = mRecord.stepCount;
+        } else if (mRecord.stepCount - thread.couldRunSince > PATIENCE) {
+            starved = &thread;
+        }
+    }
+    return starved;
 }
 
 /// The waits and timers that end next by time.
@@ -371,7 +392,9 @@ bool Engine::IsEnabled(Thread& thread) {
             return mOnce.count(thread.object) == 0;
         case Thread::Wait::Others:
             return std::all_of(mThreads.begin(), mThreads.end(), [&](Thread& other) {
-                return &other == &thread || other.hasEnded || (other.mayStay && !IsEnabled(other));
+                const bool mayStay =
+                    other.mayStay || (mLimits.signalWaitersMayStay && other.wait == Thread::Wait::Signal);
+                return &other == &thread || other.hasEnded || (mayStay && !IsEnabled(other));
             });
     }
     return true;

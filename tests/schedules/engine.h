@@ -34,10 +34,12 @@ public:
 
     /// What a scenario may have different.
     struct Limits {
-        std::size_t steps = 20000;
+        std::size_t steps = 60000;
         std::int64_t virtualSeconds = 3600;
         bool pointsAfterUnlock = false;  ///< for code that uses atomics between its locks
         bool spuriousWakeUps = true;
+        /// At the end of the run, as threads of timers that are destroyed do.
+        bool signalWaitersMayStay = false;
         /// For how long threads that could run are held up together, while waits end by their limits. Beyond
         /// it time passes only when everybody waits. 0: never.
         std::int64_t heldUpMilliseconds = 15000;
@@ -136,6 +138,7 @@ private:
     Timer* FindTimer(timer_t id);
     void EndLeftovers();
     bool AddTimed(unsigned cost);
+    Thread* FindStarved(const Thread& me);
     int StartThread(Thread& thread, pthread_t* handle, const pthread_attr_t* attributes);
 
     Record& mRecord;

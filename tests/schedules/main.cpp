@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -19,8 +20,8 @@ constexpr const char* USAGE =
     "Usage: schedules --list\n"
     "       schedules --self-test\n"
     "       schedules NAME --suite [SECONDS]\n"
-    "       schedules NAME --depth-first [--bound N] [--limit SCHEDULES]\n"
-    "       schedules NAME --random COUNT [--seed N]\n"
+    "       schedules NAME --depth-first [--bound N] [--limit SCHEDULES] [--seconds N]\n"
+    "       schedules NAME --random COUNT [--seed N] [--seconds N]\n"
     "       schedules NAME --seed N\n"
     "       schedules NAME --replay CHOICES\n";
 
@@ -74,6 +75,9 @@ int Run(const Scenario& scenario, int count, char** arguments) {
             ++index;
         } else if (option == "--limit" && hasNumber) {
             bounds.schedules = number;
+            ++index;
+        } else if (option == "--seconds" && hasNumber) {
+            bounds.time = std::chrono::seconds(number);
             ++index;
         } else if (option == "--seed" && hasNumber) {
             seed = number;

@@ -42,6 +42,8 @@ struct Thread {
     bool mayStay = false;    ///< need not have ended at the end of the run
     bool isToLeave = false;  ///< at the end of the run
 
+    std::size_t couldRunSince = 0;  ///< step
+
     Wait wait = Wait::Nothing;
     Reason reason = Reason::Come;
     const void* object = nullptr;      ///< what it waits for

@@ -21,7 +21,7 @@ done
 # Tests of a rule that several classes keep, or of one operation or side of a class, which its own test leaves out.
 declare -A of_their_own=()
 for name in dbus_message/hostile_messages dbus_message/key_rule service/stop_order service/hung_bus \
-    utilities/file_system_copy_file typed/churn typed/guide typed/{calls,task,tools}_guide \
+    utilities/file_system_copy_file typed/churn typed/guide diagnostics/guide typed/{calls,task,tools}_guide \
     timer/short_period_timer_{callback,failures,thread} timer/timer_{expiry,notification} \
     process_execution/command_{children,failures,input,time_limit} \
     utilities/zipper_{programs,unzip,unzip_whole} utilities/folder_monitor_stop \

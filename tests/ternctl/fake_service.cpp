@@ -95,7 +95,7 @@ private:
         figures.busThread.running = "tern.Diagnostics1.Snapshot";
         figures.busThread.runningUs = 120;
         figures.busThread.watchdogUs = 30'000'000;
-        figures.busThread.watchdogMarginUs = 14'900'000;
+        figures.busThread.watchdogMarginUs = 7'400'000;
         figures.busThread.members = {
             {"com.example.Fake1.Measure", 1000, 350'000, 12'345, Histogram(8, {900, 80, 15, 4, 0, 0, 1})},
             {"signal com.example.Other1.Changed", 200, 2000, 40, Histogram(3, {100, 60, 40})},

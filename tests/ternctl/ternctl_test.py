@@ -185,7 +185,7 @@ class Buses(Case):
         with tempfile.TemporaryDirectory() as folder:
             with open(f"{folder}/ssh", "w", encoding="utf-8") as file:
                 file.write(
-                    f'#!/bin/sh\necho "$@" >{folder}/asked\ncase $* in *unreachable*) exit 255 ;; esac\n'
+                    f'#!/bin/sh\necho "$@" >{folder}/asked\nfor a; do echo "$a"; done >{folder}/words\ncase $* in *unreachable*) exit 255 ;; esac\n'
                     f"exec systemd-stdio-bridge -p '{bus.address}'\n"
                 )
             os.chmod(f"{folder}/ssh", 0o700)
@@ -196,6 +196,26 @@ class Buses(Case):
                 self.assertRegex(file.read(), "root@device.*systemd-stdio-bridge")
             result = run(None, "-H", "root@device", "status", "com.example.calm", **there)
             self.check(result, DONE, "(?s).*com.example.calm 1.4.2.*")
+            for command in (
+                ("top", "--count", "1"),
+                ("events", "com.example.calm", "-n", "1"),
+                ("log", "com.example.calm"),
+                ("why", "com.example.calm"),
+                ("log-level", "com.example.calm"),
+                ("chart", "com.example.calm", "1", f"{folder}/a.svg"),
+            ):
+                with self.subTest(command):
+                    self.check(run(None, "-H", "device", *command, **there), DONE, None, None)
+            # As busctl has it: a port, a container; and no word is an option of ssh.
+            for host, words in (
+                ("root@device:2222", ["-p", "2222", "--", "root@device", "systemd-stdio-bridge"]),
+                ("device/box", ["--", "device", "systemd-stdio-bridge", "--machine=box"]),
+                ("-oProxyCommand=x", ["--", "-oProxyCommand=x", "systemd-stdio-bridge"]),
+            ):
+                with self.subTest(host):
+                    self.check(run(None, f"--host={host}", "list", "--names", **there), DONE, "com.example.calm\n")
+                    with open(f"{folder}/words", encoding="utf-8") as file:
+                        self.assertEqual(file.read().splitlines()[-len(words) :], words)
             self.check(
                 run(None, "--host", "unreachable", "list", **there),
                 FAILED,
@@ -288,7 +308,7 @@ CALM_PAGE = """\
   Former life stopped, 1 restart: see ternctl why
   D-Bus       thread 4711, handled 1.23 M, turns 2.35 M, longest turn 12.3 ms
               idle
-              watchdog 30.0 s, smallest margin 14.9 s
+              watchdog 30.0 s, smallest margin 7.40 s
   Connection  :1.42, in 0, out 0, jobs 0, calls open 1, pending 2, objects 3
   Recorder    2500 events, keeps 2048 in 108.0 KiB, stored
   Threads            ID  STATE     NAME

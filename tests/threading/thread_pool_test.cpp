@@ -44,6 +44,7 @@ TERN_INTERPOSE(int, pthread_create,
                (thread, attributes, body, argument))
 TERN_INTERPOSE(int, pthread_cond_signal, (pthread_cond_t * condition), (condition))
 TERN_INTERPOSE(int, pthread_cond_broadcast, (pthread_cond_t * condition), (condition))
+TERN_INTERPOSE(int, sched_yield, (), ())
 
 namespace mwl::Threading::ThreadPool {
 namespace {
@@ -437,6 +438,30 @@ TEST_F(ThreadPoolTest, IdleWorkerReportsEveryTenSeconds) {
     RunLoop(pool, 1, events);
     EXPECT_THAT(MovedClock::Waits(), ElementsAre(10000));
     EXPECT_THAT(mLog.Entries(), ElementsAre(Trace(LOGGER, "ThreadLoop: Timeout waiting for work")));
+}
+
+TEST_F(ThreadPoolTest, WorkerThatFindsNothingLetsOthersRunAndLooksAgainBeforeItSleeps) {
+    std::vector<std::string> events;
+    ThreadPool pool(1, mWatcher, mSignals);
+    const FaultScope scope(fault_sched_yield);
+    fault_sched_yield.Replace([&] {
+        pool.QueueJob([&] { events.emplace_back("job"); });
+        return 0;
+    });
+    MovedClock::ForgetWaits();
+    RunLoop(pool, 2, events);
+    EXPECT_THAT(events, ElementsAre("report", "job", "report"));
+    EXPECT_THAT(MovedClock::Waits(), IsEmpty());
+    EXPECT_EQ(fault_sched_yield.Calls(), 1);
+    // Twice in vain, then it sleeps; and again after that.
+    fault_sched_yield.Replace([] { return 0; }, 1000);
+    for (const int calls : {2, 4}) {
+        events.clear();
+        MovedClock::FailNextWait(ETIMEDOUT);
+        RunLoop(pool, 1, events);
+        EXPECT_EQ(fault_sched_yield.Calls(), calls);
+    }
+    EXPECT_THAT(MovedClock::Waits(), ElementsAre(10000, 10000));
 }
 
 TEST_F(ThreadPoolTest, FailingWaitIsLoggedAndTheLoopGoesOn) {

@@ -42,7 +42,8 @@ private:
                     "thread " + thread.name + " is " + Duration(thread.marginUs) + " before its kill");
             }
         }
-        if (IsShort(mNow.busThread.watchdogMarginUs, mNow.busThread.watchdogUs)) {
+        // At best a quarter is left, as the loop reports at three quarters of the period.
+        if (IsShort(mNow.busThread.watchdogMarginUs, mNow.busThread.watchdogUs / 2)) {
             Add(Part::Watchdog, 0,
                 "the watchdog was " + Duration(mNow.busThread.watchdogMarginUs) + " from its end");
         }

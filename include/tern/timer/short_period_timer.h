@@ -82,10 +82,10 @@ public:
     StatusCode CreateThread();
     /// Second step: makes the timer, aimed at the thread. Ok also when there is one. Failure, logged, when
     /// the system refuses (timer_create(2)), as it does without a thread, with one that was stopped, and
-    /// without a free signal (RLIMIT_SIGPENDING). Stopping as in CreateThread when the timer was destroyed.
+    /// without a free signal (RLIMIT_SIGPENDING). Stopping as in CreateThread.
     StatusCode CreateTimer();
     /// Third step: arms the timer. Failure, logged, when there is none or it cannot be set
-    /// (timer_settime(2)). Stopping as in CreateThread when the timer was destroyed.
+    /// (timer_settime(2)). Stopping as in CreateThread.
     StatusCode SetTimerTime();
     /// Asks the thread to end and waits for it; see above. Does nothing when no thread was created.
     void StopThread();

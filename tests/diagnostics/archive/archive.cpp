@@ -51,7 +51,7 @@ public:
             return;
         }
         Record record{};
-        while (records.ReadMessage(record.data(), record.size(), 0) == StatusCode::Ok) {
+        while (records.ReadMessage(record.data(), record.size(), PATIENCE_MS) == StatusCode::Ok) {
             if (!mFile.write(record.data(), record.size()).flush()) {
                 TERN_LOG_ERROR(LOGGER, "the disk is full, nothing is packed any more");
                 mHasGivenUp = true;
@@ -64,6 +64,8 @@ public:
     mw::tern::MessagePipe records;
 
 private:
+    static constexpr unsigned PATIENCE_MS = 1;
+
     std::ofstream mFile;
     bool mHasGivenUp = false;
 };

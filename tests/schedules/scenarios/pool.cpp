@@ -74,6 +74,22 @@ TERN_SCENARIO(pool_runs_all, "every job that is queued runs, without anybody wai
     Promise(runs == 1, "the job that was queued before the start has run before the later one's stop");
 }
 
+TERN_SCENARIO(pool_one_worker, "the one worker is told of each job, however far it is on its way to sleep") {
+    NoWatcher watcher;
+    Signals signals;
+    std::atomic<int> runs{0};
+    Pool pool(1, watcher, signals);
+    pool.Start();
+    pool.QueueJob([&] { ++runs; });
+    while (runs == 0) {
+        const timespec pause{0, 1000000};
+        nanosleep(&pause, nullptr);
+        Promise(Engine::Get()->IdleTime() < 100000000, "a queued job is run at once");
+    }
+    const Stopping stopping;
+    pool.Stop(false);
+}
+
 TERN_SCENARIO(pool_job_queues, "a job queues another one while the pool is stopped") {
     NoWatcher watcher;
     Signals signals;

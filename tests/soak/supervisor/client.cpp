@@ -276,6 +276,9 @@ int Client::OnTick(sd_bus_message* message, void* userdata, sd_bus_error*) {
         return 0;
     }
     const std::uint64_t expected = self.mTick == 0 ? number : self.mTick + 1;
+    if (number != expected && self.IsInterrupted()) {
+        return 0;  // of the next life, which began while this thread was held up
+    }
     self.mTick = number;
     {
         const std::lock_guard lock(self.mMutex);
