@@ -99,10 +99,10 @@ def check_links(browser, site, pages):
 
 def search(browser, site, words):
     browser.get((site / "search.html").as_uri() + "?q=" + urllib.parse.quote(words))
-    found = WebDriverWait(browser, 60).until(
-        lambda one: one.find_elements(By.CSS_SELECTOR, "#search-results ul.search li a") or
-        ([] if "Searching" in one.find_element(By.ID, "search-results").text else [None]))
-    return [one.get_attribute("href") for one in found if one is not None]
+    # Results come one after another; the summary comes when all are there.
+    WebDriverWait(browser, 120).until(
+        lambda one: any(text.text.strip() for text in one.find_elements(By.CSS_SELECTOR, "#search-results p.search-summary")))
+    return [one.get_attribute("href") for one in browser.find_elements(By.CSS_SELECTOR, "#search-results ul.search li a")]
 
 
 def background(browser):
