@@ -6,13 +6,19 @@
 The interpreter is the system's, for which Debian's packages are. Exit status 77 where the browser or its driver is missing,
 with the reason.
 """
+import contextlib
+import os
 import pathlib
 import shutil
+import signal
+import subprocess
 import sys
 import urllib.parse
 
 try:
+    import urllib3.exceptions
     from selenium import webdriver
+    from selenium.common.exceptions import InvalidSessionIdException
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.common.by import By
     from selenium.webdriver.support.wait import WebDriverWait
@@ -20,6 +26,8 @@ except ImportError:
     print("SKIPPED: python3-selenium is missing: scripts/install-packages browser")
     sys.exit(77)
 
+# A browser that dies, as it does on a machine that is busy for minutes, is no fault of the site.
+BROWSER_LOST, ATTEMPTS = 3, 3
 failures = 0
 DESKTOP, PHONE = (1280, 900), (390, 844)
 
@@ -91,11 +99,9 @@ def check_links(browser, site, pages):
 
 def search(browser, site, words):
     browser.get((site / "search.html").as_uri() + "?q=" + urllib.parse.quote(words))
-    # Results come one by one; the sum below them says that all are there, or that there are none.
-    WebDriverWait(browser, 60).until(
-        lambda one: "Searching" not in one.find_element(By.ID, "search-results").text
-        and one.find_elements(By.CSS_SELECTOR, "#search-results p.search-summary")
-        and one.find_element(By.CSS_SELECTOR, "#search-results p.search-summary").text.strip())
+    # Results come one after another; the summary comes when all are there.
+    WebDriverWait(browser, 120).until(
+        lambda one: any(text.text.strip() for text in one.find_elements(By.CSS_SELECTOR, "#search-results p.search-summary")))
     return [one.get_attribute("href") for one in browser.find_elements(By.CSS_SELECTOR, "#search-results ul.search li a")]
 
 
@@ -165,5 +171,26 @@ def main():
     return 1 if failures else 0
 
 
+def attempt():
+    """One run in a process group of its own, of which nothing outlives it."""
+    process = subprocess.Popen([sys.executable, __file__, *sys.argv[1:]], start_new_session=True,
+                               env=os.environ | {"SITE_TEST_ATTEMPT": "1"})
+    try:
+        return process.wait()
+    finally:
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+
+
 if __name__ == "__main__":
-    sys.exit(main())
+    if "SITE_TEST_ATTEMPT" in os.environ:
+        try:
+            sys.exit(main())
+        except (InvalidSessionIdException, urllib3.exceptions.HTTPError) as lost:
+            print(f"the browser is lost: {lost}")
+            sys.exit(BROWSER_LOST)
+    for _ in range(ATTEMPTS):
+        status = attempt()
+        if status != BROWSER_LOST:
+            break
+    sys.exit(status)
