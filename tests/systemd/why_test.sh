@@ -38,13 +38,15 @@ messages() {
     box journalctl --no-pager -o cat -t tern-thermostat "_SYSTEMD_INVOCATION_ID=$(property InvocationID)" | sed 's/^\[[0-9]*\]//'
 }
 
-# tells WHAT KIND PATTERN...: the life that runs says so of its former one: to who asks, and at its beginning.
+# tells WHAT KIND PATTERN...: the life that runs says so of its former one: to who asks, and at its beginning. KIND may be
+# two, as "cut-off|hanging".
 tells() {
-    local what=$1 kind=$2 why logged sentence count
+    local what=$1 kinds=$2 kind why logged sentence count
     shift 2
     why=$(on_bus ternctl why --json $name 2>&1)
     mapfile -t sentences < <(python3 -c 'import json, sys; print(*json.load(sys.stdin)["Sentences"], sep="\n")' <<<"$why")
-    is "$what: kind" "$kind" "$(python3 -c 'import json, sys; print(json.load(sys.stdin)["Ended"])' <<<"$why")"
+    kind=$(python3 -c 'import json, sys; print(json.load(sys.stdin)["Ended"])' <<<"$why")
+    if [[ "|$kinds|" == *"|$kind|"* ]]; then ok "$what: kind"; else fail "$what: kind: '$kind' instead of '$kinds'"; fi
     for sentence in "$@"; do
         if grep -qE -- "$sentence" < <(printf '%s\n' "${sentences[@]}"); then ok "$what: $sentence"; else
             fail "$what: nothing like '$sentence' in:"
@@ -139,10 +141,10 @@ ends "orderly stop" 10 stopped '^It stopped in order\.$' \
     -- box systemctl restart $unit
 ends "SIGKILL from outside" 10 cut-off '^It just ended, without a word' "^$times" \
     -- box systemctl kill -s KILL --kill-who=main $unit
-ends "abort in a handler" 10 cut-off '^It just ended, without a word' \
-    "^When it was last heard of, .*the D-Bus thread was in the handler of '$interface\.Trial'" "^$times" \
-    -- trial abort
-ends "exit in a handler" 10 cut-off "the D-Bus thread was in the handler of '$interface\.Trial'" -- trial exit
+# A restart that takes longer than half of the watchdog's two seconds, as on a busy machine, leaves open whether the handler hung.
+ends "abort in a handler" 10 'cut-off|hanging' '^It just ended, without a word|, for 0\.[0-9]+ s at least and ' \
+    "[Tt]he D-Bus thread was in the handler of '$interface\.Trial'" "^$times" -- trial abort
+ends "exit in a handler" 10 'cut-off|hanging' "[Tt]he D-Bus thread was in the handler of '$interface\.Trial'" -- trial exit
 ends "exception in a job of the pool" 10 exception \
     "^An exception ended it: std::runtime_error: the trial of a failing job, in the thread '.*'; the watched thread 'ThreadPool::Thread[01]' was in a job of a thread pool\.$" \
     -- trial fail-pool
