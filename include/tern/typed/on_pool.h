@@ -141,14 +141,13 @@ private:
             mIsOutOfMemory = true;
         } catch (const std::exception& error) {
             LogThrownOnPool(error.what());
-        } catch (...) {
-            if (abi::__cxa_current_exception_type() == nullptr) {
-                // No exception: the thread is ended, as pthread_cancel(3) does, and has to be.
-                if (Go(State::Running, State::Dropped)) {
-                    Wake();
-                }
-                throw;
+        } catch (const abi::__forced_unwind&) {
+            // The thread is ended, as pthread_cancel(3) does, and has to be.
+            if (Go(State::Running, State::Dropped)) {
+                Wake();
             }
+            throw;
+        } catch (...) {
             LogThrownOnPool("no text");
         }
     }
