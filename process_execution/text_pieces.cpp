@@ -18,11 +18,11 @@ constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 /// A system that knows no such advice makes them one by one.
 void MakePages(char* begin, std::size_t size) {
 #ifdef MADV_POPULATE_WRITE
-    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(begin) + page - 1) / page * page;
-    const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(begin) + size) / page * page;
-    if (first < end) {
-        static_cast<void>(madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE));
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t skipped = (page - reinterpret_cast<std::uintptr_t>(begin) % page) % page;
+    const std::size_t length = size > skipped ? (size - skipped) / page * page : 0;
+    if (length > 0) {
+        static_cast<void>(madvise(begin + skipped, length, MADV_POPULATE_WRITE));
     }
 #else
     static_cast<void>(begin);

@@ -8,17 +8,17 @@ using namespace mwl::Typed;
 
 struct Greeter1 {  // the interface: names and types, for server, client and introspection
     static constexpr const char* NAME = "com.example.Greeter1";
-    static constexpr Method<std::string(std::string)> Greet{"Greet", {"name", "greeting"}, OPEN};
+    static constexpr Method<std::string(std::string_view)> Greet{"Greet", {"name", "greeting"}, OPEN};
     static constexpr Members<Greet> ALL{};
 };
 
 struct Greeter final : Implements<Greeter, Greeter1> {
     static constexpr auto Describe() { return Bindings<Bind<Greeter1::Greet, &Greeter::Greet>>(); }
-    Outcome<std::string> Greet(std::string name) {
+    Outcome<std::string> Greet(std::string_view name) {
         if (name.empty()) {
             return Error::InvalidArgs("whom?");
         }
-        return "Hello, " + name;
+        return "Hello, " + std::string(name);
     }
 };
 
