@@ -141,13 +141,14 @@ private:
             mIsOutOfMemory = true;
         } catch (const std::exception& error) {
             LogThrownOnPool(error.what());
-        } catch (const abi::__forced_unwind&) {
-            // The thread is ended, as pthread_cancel(3) does, and has to be.
-            if (Go(State::Running, State::Dropped)) {
-                Wake();
-            }
-            throw;
         } catch (...) {
+            if (std::current_exception() == nullptr) {
+                // None: the thread is ended, as pthread_cancel(3) does, and has to be.
+                if (Go(State::Running, State::Dropped)) {
+                    Wake();
+                }
+                throw;
+            }
             LogThrownOnPool("no text");
         }
     }
