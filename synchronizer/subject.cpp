@@ -114,7 +114,7 @@ private:
 
 /// How many of the first so many places are empty.
 template <typename Registration>
-std::size_t EmptyPlaces(const std::vector<Registration>& list, std::size_t count) {
+std::size_t EmptyPlaces(const std::vector<Registration>& list, std::uint64_t count) {
     const auto end = list.begin() + static_cast<std::ptrdiff_t>(count);
     return static_cast<std::size_t>(std::count_if(
         list.begin(), end, [](const Registration& entry) { return entry.pair.second == nullptr; }));

@@ -39,8 +39,9 @@ private:
     /// Neither of the two parts of a name is longer on a bus.
     static constexpr std::size_t LONGEST_PART = 255;
 
-    const void* const mObject;
-    const char* const mSender;
+    // Unused where there are no probes.
+    [[maybe_unused]] const void* const mObject;
+    [[maybe_unused]] const char* const mSender;
     std::array<char, 2 * LONGEST_PART + 2> mName;
 };
 
