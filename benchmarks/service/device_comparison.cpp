@@ -91,9 +91,8 @@ int main(int argc, char* argv[]) {
     Comparison comparison("device", "A device with 50 extensions");
     comparison.SetNote(
         "All started at once on one bus, servers on one processor, client and bus on the other. A start "
-        "ends when the last one has answered its first call. Memory is proportional: what all of a kind "
-        "share "
-        "counts once.");
+        "ends when the last one has answered its first call. Memory is proportional: what all of a "
+        "kind share counts once.");
     auto started = comparison.MakeRow("50 started, until the last one answers", "ms");
     auto used = comparison.MakeRow("50 started, their processor time", "ms");
     auto memory = comparison.MakeRow("50 running, proportional memory of all", "KiB");

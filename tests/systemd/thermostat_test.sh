@@ -4,30 +4,13 @@
 set -u
 build=$1
 . "$2/box.sh"
+. "$2/checks.sh"
 unit=tern-thermostat name=com.example.Thermostat path=/com/example/Thermostat interface=com.example.Thermostat1
-failures=0
-
-ok() { echo "ok $*"; }
-fail() {
-    echo "FAILED $*"
-    failures=$((failures + 1))
-}
-# is WHAT EXPECTED ACTUAL
-is() { [ "$2" = "$3" ] && ok "$1" || fail "$1: '$3' instead of '$2'"; }
 property() { box systemctl show "$unit" -p "$1" --value; }
 call() { box busctl --system call $name $path $interface "$@"; }
 trial() { call Trial s "$1" >/dev/null 2>&1; }
 answers() { box busctl --system get-property $name $path $interface Target >/dev/null 2>&1; }
 
-wait_for() {
-    local seconds=$1
-    shift
-    for _ in $(seq $((seconds * 20))); do
-        "$@" && return 0
-        sleep 0.05
-    done
-    return 1
-}
 # A start after the one that has this invocation id.
 is_new_start() { [ "$(property InvocationID)" != "$1" ] && [ "$(property SubState)" = running ] && answers; }
 # recovers WHAT SECONDS RESULT_PATTERN COMMAND...: the command breaks the service; systemd restarts it within the time

@@ -5,25 +5,8 @@
 set -u
 build=$1
 . "$2/box.sh"
+. "$2/checks.sh"
 path=/com/example/Thermostat interface=com.example.Thermostat1 name=com.example.Thermostat
-failures=0
-
-ok() { echo "ok $*"; }
-fail() {
-    echo "FAILED $*"
-    failures=$((failures + 1))
-}
-# is WHAT EXPECTED ACTUAL
-is() { [ "$2" = "$3" ] && ok "$1" || fail "$1: '$3' instead of '$2'"; }
-wait_for() {
-    local seconds=$1
-    shift
-    for _ in $(seq $((seconds * 20))); do
-        "$@" && return 0
-        sleep 0.05
-    done
-    return 1
-}
 
 # There are two thermostats, each on a bus of its own: one of them takes two minutes for one of its ends.
 unit=tern-thermostat bus=unix:path=/run/dbus/system_bus_socket
