@@ -136,13 +136,17 @@ TEST(StartSharing, WithoutMemoryForItsStackThereIsNoChild) {
 }
 #endif
 
+// A stack left behind would be a mapping, or two with its guard page, for each start. The allocators map some
+// memory of their own meanwhile, AddressSanitizer's one more than others: a few, however many starts there
+// are.
 TEST(StartSharing, LeavesNoMemoryBehind) {
+    constexpr std::size_t starts = 100;
     EXPECT_EQ(WaitFor(StartShell("exit 0")), 0);
     const std::size_t before = CountMappings();
-    for (int i = 0; i < 50; ++i) {
+    for (std::size_t i = 0; i < starts; ++i) {
         EXPECT_EQ(WaitFor(StartShell("exit 0")), 0);
     }
-    EXPECT_LE(CountMappings(), before + 2);
+    EXPECT_LT(CountMappings(), before + starts / 2);
 }
 
 // The limit does not hold for root.
