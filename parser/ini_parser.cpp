@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/parser/ini_parser.h>
+
+#include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
 
 #include <fstream>

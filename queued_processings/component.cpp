@@ -1,6 +1,7 @@
+#include <tern/queued_processings/component.h>
+
 #include <pthread.h>
 #include <tern/foundation/log.h>
-#include <tern/queued_processings/component.h>
 
 #include <exception>
 #include <new>

@@ -1,6 +1,7 @@
+#include <tern/synchronizer/observer.h>
+
 #include <tern/foundation/log.h>
 #include <tern/synchronizer/notification_interface.h>
-#include <tern/synchronizer/observer.h>
 #include <tern/synchronizer/subject_interface.h>
 
 #include <string>

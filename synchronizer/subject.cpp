@@ -1,5 +1,6 @@
-#include <tern/synchronizer/observer_interface.h>
 #include <tern/synchronizer/subject.h>
+
+#include <tern/synchronizer/observer_interface.h>
 
 #include <algorithm>
 #include <bit>

@@ -1,6 +1,7 @@
+#include <tern/threading/thread_pool.h>
+
 #include <signal.h>
 #include <tern/foundation/log.h>
-#include <tern/threading/thread_pool.h>
 
 #include <string>
 #include <thread>

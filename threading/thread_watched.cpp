@@ -1,6 +1,7 @@
+#include <tern/threading/thread_watched.h>
+
 #include <pthread.h>
 #include <tern/foundation/log.h>
-#include <tern/threading/thread_watched.h>
 #include <unistd.h>
 
 #include <algorithm>

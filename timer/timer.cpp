@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/timer/timer.h>
+
+#include <tern/foundation/log.h>
 
 #include <chrono>
 #include <mutex>

@@ -1,7 +1,8 @@
+#include <tern/utilities/file_system.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <tern/foundation/log.h>
-#include <tern/utilities/file_system.h>
 #include <unistd.h>
 
 #include <cerrno>
