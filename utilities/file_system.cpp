@@ -15,7 +15,7 @@
 #include "foundation/unique_fd.h"
 #include "platform/static_text.h"
 #include "utilities/directory.h"
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_write.h"
 
 namespace mwl::Utilities {
