@@ -24,7 +24,7 @@ Observer::~Observer() {
     mSubject.Detach(*this);
 }
 
-// Meant: the spelling of the text.
+// Fixed by the interface: the spelling of the text, for which logs are searched.
 void Observer::OnNotify(NotificationInterface* notification) {
     TERN_LOG_ERROR(LOGGER,
                    "[%s] Unsuppored Nofitication ID: %d. You need to implement OnNotify on your object",
