@@ -1,5 +1,6 @@
-#include <systemd/sd-bus.h>
 #include <tern/dbus_client/command.h>
+
+#include <systemd/sd-bus.h>
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "dbus_message/message_position.h"
+#include "dbus_message/skip_content.h"
 #include "dbus_message/values_list_writer.h"
 #include "foundation/error_text.h"
 #include "platform/static_text.h"

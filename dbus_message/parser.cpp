@@ -20,7 +20,7 @@ const char* Required(const char* name) {
 /// One call of a reader: a walk with a budget of its own.
 class Walk {
 public:
-    // Not inlined: the readers are seventeen.
+    // Not inlined: each of the seventeen readers would hold a copy.
     [[gnu::noinline]] Walk(sd_bus_message* message, ValuesList& values, const std::string& prefix)
         : mWalk(message, values, mBudget, prefix) {}
     MessageWalk* operator->() { return &mWalk; }

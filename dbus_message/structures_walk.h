@@ -9,9 +9,9 @@
 #include <cstring>
 #include <string>
 
-#include "dbus_message/message_position.h"
 #include "dbus_message/message_walk.h"
 #include "dbus_message/parse_budget.h"
+#include "dbus_message/skip_content.h"
 #include "foundation/error_text.h"
 
 namespace mw::tern::DBusMessage {

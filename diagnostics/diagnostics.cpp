@@ -1,4 +1,5 @@
 #include <tern/diagnostics/diagnostics.h>
+
 #include <tern/foundation/log.h>
 #include <tern/typed/bus.h>
 

@@ -1,4 +1,5 @@
 #include <tern/diagnostics/recorder.h>
+
 #include <tern/foundation/log.h>
 #include <unistd.h>
 

@@ -1,6 +1,7 @@
+#include <tern/diagnostics/ring_reader.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <tern/diagnostics/ring_reader.h>
 #include <unistd.h>
 
 #include <algorithm>

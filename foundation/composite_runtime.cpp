@@ -1,4 +1,5 @@
 #include <tern/foundation/composite_runtime.h>
+
 #include <tern/foundation/log.h>
 
 #include <string>

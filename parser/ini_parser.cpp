@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/parser/ini_parser.h>
+
+#include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
 
 #include <fstream>
@@ -30,7 +31,7 @@ mw::tern::StatusCode IniParser::Parse(const std::string& path, std::map<std::str
     std::string attribute;
     std::string value;
     while (std::getline(file, line)) {
-        // Anywhere in the line, a value included: that is meant, and documented.
+        // Fixed by the interface: anywhere in the line, a value included. The header says so.
         const std::size_t opener = line.find(SECTION_OPENER);
         if (opener != std::string::npos) {
             if (line.find(SECTION_CLOSER, opener) == std::string::npos) {

@@ -1,6 +1,7 @@
+#include <tern/process_execution/command.h>
+
 #include <sys/wait.h>
 #include <tern/foundation/log.h>
-#include <tern/process_execution/command.h>
 #include <tern/utilities/file_system.h>
 
 #include "process_execution/child_process.h"

@@ -1,6 +1,7 @@
+#include <tern/queued_processings/component.h>
+
 #include <pthread.h>
 #include <tern/foundation/log.h>
-#include <tern/queued_processings/component.h>
 
 #include <exception>
 #include <new>
@@ -18,6 +19,14 @@ const StaticText LOGGER("QueuedProcessings::Component");
 
 }  // namespace
 
+// Who outlives whom: the thread holds the manager and copies of the names, and is lent monitor and executor.
+// It touches nothing of the component, so that the executor may destroy it during a run. mThread belongs to
+// the owner's thread. Stop, which the executor may call as well, looks only whether it is set: it is, from
+// before the thread begins until after it has ended or the component is destroyed.
+//
+// The manager's address stands for the component in the events that are reported: it stays taken for as long
+// as the thread may tell of a run.
+
 Component::Component(const std::string& name, const std::string& threadName,
                      Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor)
     : mName(name),
@@ -27,6 +36,7 @@ Component::Component(const std::string& name, const std::string& threadName,
     KnownObjects::Add({.object = mThreadManager.get(), .kind = KnownObjects::Kind::Component}, mName);
 }
 
+// The thread may be this one, in a run that destroys the component: it is never waited for here.
 Component::~Component() {
     TERN_LOG_TRACE(LOGGER, "%s: Destroy component [%p]", "~Component", static_cast<void*>(this));
     if (mThread != nullptr && mThread->joinable()) {
@@ -58,10 +68,13 @@ StatusCode Component::Start() {
         mThread.reset();
         throw;
     }
+    // Blocks until Initialize has returned on the thread. Whether the thread has registered with the monitor
+    // by then is open: a stop of all workers that comes before that misses it, so the owner stops it itself.
     const StatusCode status = started.get();
     if (status != StatusCode::Ok) {
         TERN_LOG_ERROR(LOGGER, "%s: Failed to initialize %s, wait for completion (%s)", "Start",
                        mName.c_str(), mw::tern::ConvertStatusCodeToString(status).c_str());
+        // It leaves by itself, and was never registered. Without it Start may be called again.
         mThread->join();
         mThread.reset();
         return status;
@@ -74,6 +87,7 @@ StatusCode Component::Start() {
 void Component::Stop() {
     TERN_LOG_TRACE(LOGGER, "%s: Stop %s thread mThread=[%p]", "Stop", mName.c_str(),
                    static_cast<void*>(mThread.get()));
+    // Without a thread nobody is to stop, and a stop is for good: a later Start would run nothing.
     if (mThread != nullptr) {
         mThreadManager->Stop();
     }
@@ -82,21 +96,26 @@ void Component::Stop() {
 void Component::Join() {
     TERN_LOG_TRACE(LOGGER, "%s: Join %s thread mThread=[%p]", "Join", mName.c_str(),
                    static_cast<void*>(mThread.get()));
+    // Kept when it has been joined, so that Start stays Busy: a component is started once.
     if (mThread != nullptr) {
         mThread->join();
         TERN_LOG_TRACE(LOGGER, "%s: %s thread execution has completed, %s service stopped", "Join",
                        mName.c_str(), mName.c_str());
     }
+    // Behind the thread's end: as long as it runs the monitor has to be able to stop it.
     mThreadManager->NotifyStopped();
 }
 
 void Component::WakeUp() {
     TERN_LOG_TRACE(LOGGER, "%s: launch %s execution", "WakeUp", mName.c_str());
+    // Reported first, and the notification is the last thing done: the run may begin, and end, before it
+    // returns.
     TERN_TELL_NAMED(WakeUp, wake_up, mThreadManager.get(), 0, mName.c_str());
     mThreadManager->Notify();
 }
 
 void Component::Execute(ThreadManager& threadManager, ExecutorInterface& executor) {
+    // The id first: the monitor reads it when the thread registers.
     threadManager.SetThreadId(pthread_self());
     threadManager.NotifyStarted();
     const void* const manager = &threadManager;
@@ -112,6 +131,7 @@ void Component::ThreadMain(const std::string& name, const std::string& threadNam
                            ExecutorInterface& executor) {
     TERN_LOG_TRACE(LOGGER, "%s: Start %s thread", "ThreadMain", name.c_str());
     static_cast<void>(pthread_setname_np(pthread_self(), threadName.c_str()));  // may be too long
+    // Answered before it registers, in Execute: a start that fails leaves nothing registered.
     const StatusCode status = executor.Initialize();
     startUp.set_value(status);
     if (status != StatusCode::Ok) {
@@ -121,6 +141,7 @@ void Component::ThreadMain(const std::string& name, const std::string& threadNam
         try {
             Execute(threadManager, executor);
         } catch (const std::exception& exception) {
+            // What is no std::exception is not caught: it ends the process (std::terminate).
             TERN_TELL_NAMED(Thrown, thrown, static_cast<const void*>(&threadManager), 0, exception.what());
             TERN_LOG_ERROR(LOGGER, "%s: caught exception [%s], restart the extension", "ThreadMain",
                            exception.what());

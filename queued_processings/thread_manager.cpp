@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/queued_processings/thread_manager.h>
+
+#include <tern/foundation/log.h>
 #include <tern/threading/lock.h>
 
 #include "platform/static_text.h"

@@ -1,7 +1,8 @@
+#include <tern/service/component.h>
+
 #include <pthread.h>
 #include <systemd/sd-bus.h>
 #include <tern/foundation/log.h>
-#include <tern/service/component.h>
 #include <tern/service/service.h>
 #include <tern/service/service_main_loop.h>
 

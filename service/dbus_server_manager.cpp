@@ -1,7 +1,8 @@
+#include <tern/service/dbus_server_manager.h>
+
 #include <systemd/sd-event.h>
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
-#include <tern/service/dbus_server_manager.h>
 
 #include <cerrno>
 #include <chrono>

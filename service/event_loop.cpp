@@ -1,7 +1,8 @@
+#include <tern/service/event_loop.h>
+
 #include <systemd/sd-event.h>
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
-#include <tern/service/event_loop.h>
 
 #include <cerrno>
 

@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/service/service.h>
+
+#include <tern/foundation/log.h>
 
 #include "platform/static_text.h"
 

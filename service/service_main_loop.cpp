@@ -1,8 +1,9 @@
+#include <tern/service/service_main_loop.h>
+
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
-#include <tern/service/service_main_loop.h>
 
 #include <cerrno>
 #include <csignal>

@@ -1,6 +1,7 @@
+#include <tern/synchronizer/observer.h>
+
 #include <tern/foundation/log.h>
 #include <tern/synchronizer/notification_interface.h>
-#include <tern/synchronizer/observer.h>
 #include <tern/synchronizer/subject_interface.h>
 
 #include <string>
@@ -23,7 +24,7 @@ Observer::~Observer() {
     mSubject.Detach(*this);
 }
 
-// Meant: the spelling of the text.
+// Fixed by the interface: the spelling of the text, for which logs are searched.
 void Observer::OnNotify(NotificationInterface* notification) {
     TERN_LOG_ERROR(LOGGER,
                    "[%s] Unsuppored Nofitication ID: %d. You need to implement OnNotify on your object",

@@ -1,5 +1,6 @@
-#include <tern/synchronizer/observer_interface.h>
 #include <tern/synchronizer/subject.h>
+
+#include <tern/synchronizer/observer_interface.h>
 
 #include <algorithm>
 #include <bit>
@@ -30,7 +31,7 @@ struct Links {
 };
 
 /// The list of a subject as an index to itself. Of as many places as the largest power of two within the
-/// list's length, each begins a chain of those whose observer leads to it; chains are made anew when the
+/// list's length, each begins a chain of those whose observer leads to it; chains are made again when the
 /// length reaches the next power. So nothing is kept beside the list, and a registration is found in a step
 /// or two, however many there are.
 template <typename Registration>
@@ -79,7 +80,7 @@ public:
         Set(before - 1, {Get(before - 1).first, Next(own)});
     }
 
-    /// Enters all anew that have an observer.
+    /// Enters all again that have an observer.
     void EnterAll() {
         for (std::size_t position = 0; position < mList.size(); ++position) {
             Set(position, {0, 0});

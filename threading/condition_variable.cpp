@@ -1,6 +1,7 @@
+#include <tern/threading/condition_variable.h>
+
 #include <tern/foundation/log.h>
 #include <tern/threading/common.h>
-#include <tern/threading/condition_variable.h>
 
 #include <algorithm>
 #include <cerrno>

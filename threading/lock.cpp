@@ -1,6 +1,7 @@
+#include <tern/threading/lock.h>
+
 #include <tern/foundation/log.h>
 #include <tern/threading/common.h>
-#include <tern/threading/lock.h>
 
 namespace mwl::Threading {
 

@@ -1,6 +1,7 @@
+#include <tern/threading/mutex.h>
+
 #include <tern/foundation/log.h>
 #include <tern/threading/common.h>
-#include <tern/threading/mutex.h>
 
 #include <array>
 #include <cerrno>

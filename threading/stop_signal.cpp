@@ -1,6 +1,7 @@
+#include <tern/threading/stop_signal.h>
+
 #include <signal.h>
 #include <tern/foundation/log.h>
-#include <tern/threading/stop_signal.h>
 
 #include <cerrno>
 #include <string>

@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/threading/thread_manager.h>
+
+#include <tern/foundation/log.h>
 
 #include <string>
 

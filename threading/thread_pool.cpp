@@ -1,6 +1,7 @@
+#include <tern/threading/thread_pool.h>
+
 #include <signal.h>
 #include <tern/foundation/log.h>
-#include <tern/threading/thread_pool.h>
 
 #include <string>
 #include <thread>
@@ -26,6 +27,12 @@ constexpr int LOOKS_BEFORE_SLEEP = 2;
 
 }  // namespace
 
+// Two sides. The owner's thread starts, stops and destroys; mRunning and mThreads are its alone, without a
+// lock. Everybody queues and asks, and the workers take: mJobs and mStopping change under mMutex only, the
+// mutex of the workers' wait. So each change falls before a worker's test or wakes the wait behind it, and
+// neither a job nor a stop is lost. No job is copied, run or destroyed under that mutex: jobs are the
+// caller's code, and may queue and ask themselves.
+
 ThreadPool::ThreadPool(unsigned int threadCount, ThreadsWatcherInterface& watcher, SignalsInterface& signals)
     : mThreadCount(threadCount), mWatcher(watcher), mSignals(signals) {
     KnownObjects::Add({.object = this, .number = threadCount, .kind = KnownObjects::Kind::Pool});
@@ -41,6 +48,7 @@ void ThreadPool::Start() {
         return;
     }
     TERN_LOG_TRACE(LOGGER, "%s: Starting ThreadPool with %u threads", "Start", mThreadCount);
+    // Before the first worker, which leaves when it finds the former stop.
     {
         const Lock lock(mMutex);
         mStopping = false;
@@ -48,12 +56,15 @@ void ThreadPool::Start() {
     mRunning = true;
     try {
         for (unsigned int index = 0; index < mThreadCount; ++index) {
+            // Kept before it is started. A worker that runs and cannot be kept, for lack of memory, would be
+            // joined before anybody has asked it to leave.
             mThreads.push_back(std::make_unique<Thread>(
                 mWatcher, [this](std::function<void()> notifyWork) { ThreadLoop(std::move(notifyWork)); },
                 mSignals, index));
             mThreads.back()->Start();
         }
     } catch (...) {
+        // Without it the joins below would wait for workers that have no reason to leave.
         LetWorkersLeave();
         mThreads.clear();  // joins
         mRunning = false;
@@ -69,6 +80,7 @@ void ThreadPool::QueueJob(const std::function<void()>& job) {
         mJobs.push_back(std::move(copy));
         TERN_TELL(JobQueued, job_queued, this, mJobs.size());
     }
+    // Without the mutex, which the woken worker needs first of all.
     mCondition.NotifyOne();
 }
 
@@ -95,7 +107,11 @@ void ThreadPool::Stop(bool force) {
     if (!mRunning) {
         return;
     }
+    // The watcher first: the joins last as long as the current jobs, and one that takes long to end must not
+    // get the process killed on its way to an orderly stop.
     mWatcher.Stop();
+    // Then the order to leave, and only then the signal: the job that it brings out of a system call is to be
+    // the last one that its worker takes.
     LetWorkersLeave();
     if (force) {
         ForceThreadsTermination();
@@ -138,6 +154,7 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
                 job = std::move(mJobs.front());
                 mJobs.pop_front();
                 if (job) {
+                    // Under the mutex, with what is left: behind job_queued of the same job.
                     TERN_TELL(JobBegan, job_began, this, mJobs.size());
                 }
             }
@@ -154,6 +171,7 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
             TERN_LOG_ERROR(LOGGER, "%s: Error waiting for work %s", "ThreadLoop",
                            mw::tern::ConvertStatusCodeToString(status).c_str());
         }
+        // Before the job, whose time begins now and not with the wait for it, and after it.
         notifyWork();
         if (job) {
             job();
@@ -163,6 +181,8 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
     }
 }
 
+// All, as each has to see it. Jobs that are queued stay where they are: a worker that is woken looks for the
+// order first.
 void ThreadPool::LetWorkersLeave() {
     {
         const Lock lock(mMutex);

@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/threading/thread_pool_thread.h>
+
+#include <tern/foundation/log.h>
 
 #include <chrono>
 #include <exception>

@@ -1,6 +1,7 @@
+#include <tern/threading/thread_watched.h>
+
 #include <pthread.h>
 #include <tern/foundation/log.h>
-#include <tern/threading/thread_watched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,10 +44,10 @@ milliseconds LimitOf(milliseconds period) {
 
 }  // namespace
 
-// A thread that starts anew while the watcher looks at it must never seem blocked by a mixture of old and new
-// values. So the writer stores start instant, last work, period, each released; the reader loads in the other
-// order, after it has read the clock: now, period, last work, start instant. Whatever it meets half-way then
-// only makes the silence look shorter.
+// A thread that starts again while the watcher looks at it must never seem blocked by a mixture of old and
+// new values. So the writer stores start instant, last work, period, each released; the reader loads in the
+// other order, after it has read the clock: now, period, last work, start instant. Whatever it meets half-way
+// then only makes the silence look shorter.
 
 ThreadWatched::ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name)
     : mWatcher(watcher), mName(name), mStart(Now()) {}

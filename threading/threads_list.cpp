@@ -1,6 +1,7 @@
+#include <tern/threading/threads_list.h>
+
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_manager.h>
-#include <tern/threading/threads_list.h>
 
 #include <algorithm>
 #include <string>

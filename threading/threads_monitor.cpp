@@ -1,8 +1,9 @@
+#include <tern/threading/threads_monitor.h>
+
 #include <pthread.h>
 #include <signal.h>
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_manager.h>
-#include <tern/threading/threads_monitor.h>
 #include <unistd.h>
 
 #include <cerrno>

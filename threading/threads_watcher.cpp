@@ -1,7 +1,8 @@
+#include <tern/threading/threads_watcher.h>
+
 #include <signal.h>
 #include <tern/foundation/log.h>
 #include <tern/threading/thread_watched.h>
-#include <tern/threading/threads_watcher.h>
 
 #include <algorithm>
 #include <limits>

@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/timer/chrono.h>
+
+#include <tern/foundation/log.h>
 #include <time.h>
 
 #include <limits>

@@ -1,6 +1,7 @@
+#include <tern/timer/short_period_timer.h>
+
 #include <pthread.h>
 #include <tern/foundation/log.h>
-#include <tern/timer/short_period_timer.h>
 #include <unistd.h>
 
 #include <atomic>

@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/timer/timer.h>
+
+#include <tern/foundation/log.h>
 
 #include <chrono>
 #include <mutex>
@@ -100,8 +101,18 @@ void Timer::Handler() {
     std::shared_ptr(mState->calls)->Call(std::chrono::nanoseconds(0));
 }
 
+// Each of these holds the state's mutex from its first look to its last change, so that others see it done or
+// not begun. The registry's mutex is taken inside of it, never the other way round: an announcement takes the
+// registry's alone, and calls back with none held. That is why the callback may call every operation.
+//
+// An expiry may be announced between any two lines below. The registry and the system are changed in the
+// order in which a failure half-way leaves them agreed: Create enters the token that the notification
+// carries, then creates; Execute says what to expect, then arms; Disarm and Stop ask the system first, since
+// a timer that it refused to stop still fires and must find its token. Only the destructor begins with the
+// registry: nothing may call back any more, whatever the system says.
+
 StatusCode Timer::State::Start(std::optional<unsigned int> newPeriodMs) {
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(mutex);  // one for both halves: no Stop comes between them
     periodMs = newPeriodMs.value_or(periodMs);
     const StatusCode status = CreateLocked();
     return status == StatusCode::Ok ? ExecuteLocked() : status;
@@ -113,6 +124,7 @@ StatusCode Timer::State::Create() {
 }
 
 StatusCode Timer::State::CreateLocked() {
+    // An operation that gets the mutex after the destructor: nobody would take out what it enters.
     if (isDestroyed) {
         return StatusCode::Stopping;
     }
@@ -128,6 +140,7 @@ StatusCode Timer::State::CreateLocked() {
         notification.sigev_notify_function = &TimerRegistry::Notify;
         error = timer.Create(notification);
         if (error != 0) {
+            // Token and timer come and go together.
             registry.Remove(std::exchange(token, 0));
         }
     }
@@ -147,10 +160,12 @@ StatusCode Timer::State::ExecuteLocked() {
     if (isDestroyed) {
         return StatusCode::Stopping;
     }
-    // Told before, as the expiry may come before the call returns.
+    // Before it is armed: an expiry that comes before the call returns has to find itself expected. Entered
+    // behind it, one that was served would look lost, and the guard would serve it once more.
     TimerRegistry& registry = TimerRegistry::GetInstance();
     const auto former = registry.Expect(token, TimerRegistry::ExpiryIn(periodMs, periodic));
     if (const int error = timer.Arm(periodMs, periodic); error != 0) {
+        // The system keeps the time that was set before, and so does the guard.
         static_cast<void>(registry.Expect(token, former));
         TERN_LOG_ERROR(LOGGER, "%s: Failed to Execute a timer: %d", "Execute", error);
         return StatusCode::Failure;
@@ -168,6 +183,8 @@ StatusCode Timer::State::Stop() {
         TERN_LOG_ERROR(LOGGER, "%s: Failed to delete the timer: %d", "Stop", error);
         return StatusCode::Failure;
     }
+    // What is announced from here on finds nothing. What has found the timer before may be calling back:
+    // nobody waits for that, as it may be this very thread.
     TimerRegistry::GetInstance().Remove(std::exchange(token, 0));
     return StatusCode::Ok;
 }
@@ -192,6 +209,7 @@ StatusCode Timer::State::Disarm() {
                        timer.GetId(), error);
         return StatusCode::Failure;
     }
+    // Only now: an expiry that was not cancelled stays expected, and is served late if it gets lost.
     static_cast<void>(TimerRegistry::GetInstance().Expect(token, std::nullopt));
     return StatusCode::Ok;
 }
@@ -201,6 +219,7 @@ void Timer::State::Abandon() {
     isDestroyed = true;
     TimerRegistry::GetInstance().Remove(token);
     static_cast<void>(timer.Delete());  // there may be none
+    // Here and not when the state goes: an operation under way may keep that for longer.
     KnownObjects::Remove(KnownObjects::Kind::Timer, calls.get());
 }
 

@@ -1,4 +1,5 @@
 #include <tern/typed/basic.h>
+
 #include <tern/typed/types.h>
 
 #include <cstring>

@@ -1,4 +1,5 @@
 #include <tern/typed/blocking_untyped_proxy.h>
+
 #include <tern/typed/decode.h>
 
 #include <optional>

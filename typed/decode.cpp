@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/typed/decode.h>
+
+#include <tern/foundation/log.h>
 #include <tern/typed/remote.h>
 
 #include <string>

@@ -1,3 +1,5 @@
+#include <tern/typed/dispatcher.h>
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <systemd/sd-event.h>
@@ -5,7 +7,6 @@
 #include <tern/service/event_loop.h>
 #include <tern/threading/lock.h>
 #include <tern/threading/mutex.h>
-#include <tern/typed/dispatcher.h>
 
 #include <atomic>
 #include <cerrno>

@@ -1,5 +1,6 @@
-#include <tern/typed/basic.h>
 #include <tern/typed/fault.h>
+
+#include <tern/typed/basic.h>
 
 #include <array>
 #include <charconv>

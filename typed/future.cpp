@@ -1,5 +1,6 @@
-#include <tern/threading/lock.h>
 #include <tern/typed/future.h>
+
+#include <tern/threading/lock.h>
 
 #include <algorithm>
 #include <limits>

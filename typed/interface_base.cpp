@@ -1,6 +1,7 @@
+#include <tern/typed/interface_base.h>
+
 #include <tern/foundation/log.h>
 #include <tern/typed/attachment.h>
-#include <tern/typed/interface_base.h>
 
 #include <utility>
 

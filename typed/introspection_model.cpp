@@ -1,5 +1,6 @@
-#include <tern/typed/contract.h>
 #include <tern/typed/introspection_model.h>
+
+#include <tern/typed/contract.h>
 #include <tern/typed/types.h>
 
 #include <algorithm>

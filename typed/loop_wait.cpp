@@ -1,4 +1,5 @@
 #include <tern/typed/loop_wait.h>
+
 #include <tern/typed/task_frame.h>
 #include <time.h>
 

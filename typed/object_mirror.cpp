@@ -1,7 +1,8 @@
+#include <tern/typed/object_mirror.h>
+
 #include <tern/foundation/log.h>
 #include <tern/typed/codec.h>
 #include <tern/typed/error.h>
-#include <tern/typed/object_mirror.h>
 #include <tern/typed/remote.h>
 #include <tern/typed/subscription.h>
 

@@ -1,6 +1,7 @@
+#include <tern/typed/property_cache.h>
+
 #include <tern/foundation/log.h>
 #include <tern/typed/error.h>
-#include <tern/typed/property_cache.h>
 #include <tern/typed/subscription.h>
 
 #include <algorithm>

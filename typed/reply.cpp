@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/typed/reply.h>
+
+#include <tern/foundation/log.h>
 
 #include <cerrno>
 #include <utility>

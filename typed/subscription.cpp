@@ -1,6 +1,7 @@
+#include <tern/typed/subscription.h>
+
 #include <tern/foundation/log.h>
 #include <tern/typed/error.h>
-#include <tern/typed/subscription.h>
 
 #include <string>
 #include <utility>

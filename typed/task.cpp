@@ -1,5 +1,6 @@
-#include <tern/foundation/log.h>
 #include <tern/typed/task.h>
+
+#include <tern/foundation/log.h>
 
 #include <cassert>
 #include <cerrno>

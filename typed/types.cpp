@@ -1,5 +1,6 @@
-#include <fcntl.h>
 #include <tern/typed/types.h>
+
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -1,6 +1,7 @@
+#include <tern/utilities/device_name.h>
+
 #include <tern-foundation/unit_path.h>
 #include <tern/foundation/log.h>
-#include <tern/utilities/device_name.h>
 #include <unistd.h>
 
 #include <algorithm>

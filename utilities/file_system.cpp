@@ -1,7 +1,8 @@
+#include <tern/utilities/file_system.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <tern/foundation/log.h>
-#include <tern/utilities/file_system.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,7 +15,7 @@
 #include "foundation/unique_fd.h"
 #include "platform/static_text.h"
 #include "utilities/directory.h"
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_write.h"
 
 namespace mwl::Utilities {

@@ -13,9 +13,9 @@
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
 #include "utilities/file_system_at.h"
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_walk.h"
-#include "utilities/meadow_owner.h"
+#include "utilities/service_files_owner.h"
 
 namespace mwl::Utilities {
 
@@ -85,7 +85,7 @@ private:
     bool mIsDestinationOpen = false;
     FolderIdentity mDestination;
     std::vector<Level> mLevels;
-    MeadowOwner mOwner;
+    ServiceFilesOwner mOwner;
     StatusCode mFirstFailure = StatusCode::Ok;
 };
 

@@ -12,7 +12,7 @@
 
 #include "foundation/error_text.h"
 #include "utilities/directory.h"
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_place.h"
 #include "utilities/file_system_walk.h"
 

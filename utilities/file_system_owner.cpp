@@ -13,9 +13,9 @@
 #include "foundation/unique_fd.h"
 #include "platform/static_text.h"
 #include "utilities/file_system_at.h"
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_place.h"
-#include "utilities/meadow_owner.h"
+#include "utilities/service_files_owner.h"
 #include "utilities/user_database.h"
 
 namespace mwl::Utilities {
@@ -157,15 +157,15 @@ StatusCode FileSystem::CreateFolder(const std::string& path) {
 }
 
 StatusCode FileSystem::SetMeadowOwner(const std::string& path) {
-    return MeadowOwner().SetBy([&](uid_t user, gid_t group) { return chown(path.c_str(), user, group); },
-                               path);
+    return ServiceFilesOwner().SetBy(
+        [&](uid_t user, gid_t group) { return chown(path.c_str(), user, group); }, path);
 }
 
-StatusCode MeadowOwner::SetOn(int file, const std::string& path) {
+StatusCode ServiceFilesOwner::SetOn(int file, const std::string& path) {
     return SetBy([&](uid_t user, gid_t group) { return fchown(file, user, group); }, path);
 }
 
-StatusCode MeadowOwner::SetBy(const std::function<int(uid_t, gid_t)>& change, const std::string& path) {
+StatusCode ServiceFilesOwner::SetBy(const std::function<int(uid_t, gid_t)>& change, const std::string& path) {
     int error = 0;
     mFound = mFound || FindOwner(MEADOW, MEADOW, mUser, mGroup, error);
     if (!mFound) {

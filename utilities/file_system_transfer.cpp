@@ -14,7 +14,7 @@
 #include "foundation/error_text.h"
 #include "foundation/unique_fd.h"
 #include "utilities/file_system_at.h"
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_write.h"
 
 namespace mwl::Utilities {

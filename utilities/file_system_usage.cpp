@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "utilities/file_system_logger.h"
+#include "utilities/file_system_messages.h"
 #include "utilities/file_system_walk.h"
 
 namespace mwl::Utilities {

@@ -1,6 +1,7 @@
+#include <tern/utilities/folder_monitor.h>
+
 #include <sys/inotify.h>
 #include <tern/foundation/log.h>
-#include <tern/utilities/folder_monitor.h>
 #include <unistd.h>
 
 #include <algorithm>

@@ -1,5 +1,6 @@
-#include <tern/utilities/string_utils.h>
 #include <tern/utilities/version_utils.h>
+
+#include <tern/utilities/string_utils.h>
 
 #include <exception>
 #include <tuple>

@@ -1,8 +1,9 @@
+#include <tern/utilities/zipper.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
-#include <tern/utilities/zipper.h>
 #include <unistd.h>
 #include <zip.h>
 

@@ -58,7 +58,7 @@ cmake --build "$work/package" >"$work/output" 2>&1 && fail "a mistake does not s
 grep -q "room.xml:8: com.example.Room1.Temperature: the signature 'dd' is of several types; one is wanted" "$work/output" &&
     ok "a mistake stops the build and is told" || fail "mistake: $(tail -20 "$work/output")"
 cp "$source/tests/consumer/generated/room.xml" "$xml"
-must "built when mended" cmake --build "$work/package"
+must "built when fixed" cmake --build "$work/package"
 
 # wrong TEXT CALL: the project is not configured.
 wrong() {

@@ -2,10 +2,10 @@
 """The generator alone: what it writes for golden/*.xml, what it refuses and how, and that nothing brings it down.
 
   codegen_test.py TOOL [unittest's arguments]
-  codegen_test.py TOOL --update     writes golden/ anew; look at the difference before it is committed
+  codegen_test.py TOOL --update     writes golden/ again; look at the difference before it is committed
   codegen_test.py TOOL --fuzz SECONDS [FOLDER]
                                     tries texts changed by chance for so long; one that brings the generator down is left in
-                                    FOLDER and ends it with status 1. What it finds is kept in corpus/ when it is mended.
+                                    FOLDER and ends it with status 1. What it finds is kept in corpus/ when it is fixed.
 
 TERN_SEED is the chance's, TERN_ROUNDS how many texts the test tries.
 """

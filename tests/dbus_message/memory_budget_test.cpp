@@ -102,9 +102,9 @@ TEST(MemoryBudget, ShortTextsAreInTheirObject) {
 }
 
 /// For a message of tens of mebibytes.
-#define SKIP_WHERE_LARGE_MESSAGES_TAKE_MINUTES()                                                     \
-    if (IS_OTHER_ALLOCATOR) {                                                                        \
-        GTEST_SKIP() << "the sanitizer's realloc copies a message anew for each part that comes in"; \
+#define SKIP_WHERE_LARGE_MESSAGES_TAKE_MINUTES()                                                      \
+    if (IS_OTHER_ALLOCATOR) {                                                                         \
+        GTEST_SKIP() << "the sanitizer's realloc copies a message again for each part that comes in"; \
     }
 
 /// What stands in the dictionary, again and again, and the reader that gives up.

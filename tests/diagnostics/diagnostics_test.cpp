@@ -360,7 +360,7 @@ TEST_F(DiagnosticsTest, GivesEventsOnceAndInOrder) {
                             }) ||
                 std::any_of(events.begin(), events.end(),
                             [](const auto& event) { return event.event == "call_ended"; }));
-    // A number of a former life begins anew.
+    // A number of a former life begins again.
     const auto beyond = mProxy->Call(Diagnostics1::GetEvents, ~std::uint64_t{0}, 1U);
     ASSERT_TRUE(beyond.IsOk());
     EXPECT_LT(std::get<2>(*beyond).at(0).sequence, rest.back().sequence);

@@ -13,7 +13,7 @@ namespace tern::test {
 
 /// What a typed extension puts on its bus: an object below an object manager, with a member of each kind, and
 /// others that come and go. It is in a library of its own, so that what the headers make of it, in each
-/// program anew, is swept as well.
+/// program again, is swept as well.
 class TERN_API TypedServer : public mwl::DBusService::IpcServer {
 public:
     static constexpr const char* ROOT = "/com/example";

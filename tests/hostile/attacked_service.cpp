@@ -70,7 +70,7 @@ void AttackedService::BeginCount() {
     if (!tern::test::WaitUntil([this] { return mIsUp.load(); })) {
         throw std::runtime_error("the service does not come up");
     }
-    std::ofstream("/proc/" + std::to_string(mPid) + "/clear_refs") << 5;  // the peak begins anew
+    std::ofstream("/proc/" + std::to_string(mPid) + "/clear_refs") << 5;  // the peak begins again
     mMemoryBefore = Memory("VmRSS:");
     mLinesBefore = mLines;
     mBytesBefore = mBytes;

@@ -1,7 +1,8 @@
 #!/bin/bash
 # Checks that what is written in one folder is found by name in the others: every source that implements a public
 # header has its test, every test its header or source; exceptions are named below, with their reason. Every source and
-# test is listed in its CMakeLists.txt, every public header has its include guard.
+# test is listed in its CMakeLists.txt, every public header has its include guard. Every source includes its own header
+# first, so that the compiler sees for each header that it needs nothing before it.
 set -u
 cd "$1" || exit 1
 
@@ -90,6 +91,41 @@ for test in tests/platform/*_test.cpp; do
     stem=$(basename "$test" _test.cpp)
     check_subject "platform/$stem" platform/*/include/*/"$stem.h" platform/*/"$stem.cpp" platform/"$stem.h"
 done
+
+# own_header SOURCE: how the source may name its own header; nothing when it has none.
+own_header() {
+    local folder=${1%/*} stem=${1##*/}
+    stem=${stem%.cpp}
+    [ ! -e "$folder/$stem.h" ] || printf '"%s"\n' "$folder/$stem.h" "${folder#*/}/$stem.h" "$stem.h"
+    [ ! -e "include/tern/$folder/$stem.h" ] || echo "<tern/$folder/$stem.h>"
+    case $folder in
+    platform/*)
+        for header in "$folder"/include/*/"$stem.h"; do
+            [ ! -e "$header" ] || echo "<${header#"$folder"/include/}>"
+        done
+        ;;
+    esac
+}
+with_header=0
+while IFS= read -r source; do
+    source=${source#./}
+    names=$(own_header "$source")
+    [ -n "$names" ] || continue
+    with_header=$((with_header + 1))
+    # The first include, and the line after it: the formatter sorts what stands in one block.
+    { read -r first && read -r second; } < <(grep -A 1 -m 1 '^#[[:space:]]*include' "$source")
+    first=${first#*include}
+    first=${first%%//*}
+    first=${first//[[:space:]]/}
+    if ! grep -qxF -- "$first" <<<"$names"; then
+        fail "$source includes ${first:-nothing} before its own header"
+    elif [[ $second == '#include'* ]]; then
+        fail "$source: its own header needs a block of its own, or the formatter moves it"
+    fi
+done < <(find . \( -path ./build -o -path './.*' \) -prune -o -name '*.cpp' -print)
+[ "$with_header" -gt 200 ] || fail "only $with_header sources have a header of their own"
+checked=$((checked + with_header))
+
 for name in "${!untested[@]}" "${!of_their_own[@]}"; do
     fail "$name is named as an exception and is not there"
 done

@@ -18,7 +18,7 @@ struct FlightDoing {
     std::uint64_t sinceNs = 0;  ///< CLOCK_MONOTONIC, nanoseconds
 };
 
-/// A thread that has told of something and that has not ended.
+/// A thread of which at least one event was recorded, and which has not ended.
 struct FlightThread {
     std::uint32_t id = 0;             ///< the kernel's
     std::string name;                 ///< the kernel's

@@ -43,7 +43,7 @@ public:
     ThreadPool(const ThreadPool&) = delete;
     ThreadPool& operator=(const ThreadPool&) = delete;
 
-    /// Creates the workers, also anew after `Stop`, and returns when the watcher has them all. Throws
+    /// Creates the workers, also again after `Stop`, and returns when the watcher has them all. Throws
     /// std::system_error when the system refuses a thread, the watcher's own included: the workers that had
     /// started are joined, and the pool is not running. It may be started again.
     void Start();

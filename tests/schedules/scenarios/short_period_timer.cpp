@@ -63,14 +63,14 @@ TERN_SCENARIO(timer_stop_in_callback, "the callback stops it, and its owner star
 }
 
 TERN_SCENARIO(timer_restart_in_callback,
-              "the callback stops and starts it anew each time, its owner stops it",
+              "the callback stops and starts it again each time, its owner stops it",
               .limits = {.signalWaitersMayStay = true}, .kept = {"6:2,15:1"}) {
     std::unique_ptr<ShortPeriodTimer> timer;
     timer = std::make_unique<ShortPeriodTimer>(10, true, [&] {
         Call("callback");
         static_cast<void>(timer->Stop());
         const StatusCode status = timer->Start();
-        Promise(status == StatusCode::Ok || status == StatusCode::Stopping, "anew, or a stop waits");
+        Promise(status == StatusCode::Ok || status == StatusCode::Stopping, "again, or a stop waits");
     });
     Promise(timer->Start() == StatusCode::Ok, "it starts");
     const Stopping stopping(20);

@@ -1,4 +1,4 @@
-#include "dbus_message/message_position.h"
+#include "dbus_message/skip_content.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -72,7 +72,7 @@ BusMessage Between(TestMessages& messages, const Row& row) {
 }
 
 // Element by element, bytes of a message's largest size took five seconds, in which nobody else was answered.
-TEST(MessagePosition, ArraysOfNumbersAreSteppedOverWhole) {
+TEST(SkipContent, ArraysOfNumbersAreSteppedOverWhole) {
     const Row rows[] = {
         {"ay", 1, AppendArray('y', 1000001)},
         {"an", 1, AppendArray('n', 1000002)},
@@ -124,7 +124,7 @@ public:
     std::vector<std::string> names;
 };
 
-TEST(MessagePosition, WhatIsLeftUnreadIsSteppedOverAlike) {
+TEST(SkipContent, WhatIsLeftUnreadIsSteppedOverAlike) {
     TestMessages messages;
     const BusMessage message =
         messages.Make("a(oa{sv})", 2, "/first", 2, "A", "ay", 3, 1, 2, 3, "B", "s", "text", "/second", 0);
@@ -156,7 +156,7 @@ std::string ArrayOfBytes(const char* signature, std::size_t alignment, std::size
     return writer.Bytes();
 }
 
-TEST(MessagePosition, HalfANumberAtTheEndIsRefused) {
+TEST(SkipContent, HalfANumberAtTheEndIsRefused) {
     RawMessages messages;
     for (const auto& [signature, alignment] :
          {std::pair("an", 2U), std::pair("ai", 4U), std::pair("ax", 8U), std::pair("ad", 8U)}) {
@@ -170,7 +170,7 @@ TEST(MessagePosition, HalfANumberAtTheEndIsRefused) {
     }
 }
 
-TEST(MessagePosition, AnArrayLongerThanTheMessageIsRefused) {
+TEST(SkipContent, AnArrayLongerThanTheMessageIsRefused) {
     WireWriter writer;
     const WireWriter::Array array = writer.BeginArray(8);
     writer.String("A");
@@ -183,7 +183,7 @@ TEST(MessagePosition, AnArrayLongerThanTheMessageIsRefused) {
     EXPECT_EQ(ASVsignatureParser(message.get()).ParseMessage(), -EBADMSG);
 }
 
-TEST(MessagePosition, AFailureToReadAnArrayIsTheResult) {
+TEST(SkipContent, AFailureToReadAnArrayIsTheResult) {
     TestMessages messages;
     const BusMessage message = Between(messages, {"(say)", 1, Append("(say)", "text", 1, 1)});
     const FaultScope scope(fault_sd_bus_message_read_array);
@@ -193,7 +193,7 @@ TEST(MessagePosition, AFailureToReadAnArrayIsTheResult) {
     EXPECT_THAT(parser.GetValuesList().Keys(), ElementsAre("_Before"));
 }
 
-TEST(MessagePosition, SeveralTypesAndTypesThatAreNotThereAreLeftToSdBus) {
+TEST(SkipContent, SeveralTypesAndTypesThatAreNotThereAreLeftToSdBus) {
     TestMessages messages;
     const BusMessage several = messages.Make("ayi", 2, 1, 2, 5);
     Parser parser(several.get());

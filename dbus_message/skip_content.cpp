@@ -1,4 +1,4 @@
-#include "dbus_message/message_position.h"
+#include "dbus_message/skip_content.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -10,7 +10,7 @@ namespace mwl::Utilities {
 
 /// Gives entries to the user of the service files. One object looks the user and the group up until they are
 /// found, then no more: a tree of many files costs one look-up. One thread at a time.
-class MeadowOwner {
+class ServiceFilesOwner {
 public:
     /// As FileSystem::SetMeadowOwner, messages included, for an open file that messages call `path`.
     StatusCode SetOn(int file, const std::string& path);
