@@ -68,6 +68,21 @@ bool WriteToTerminal(int level, char* text, std::size_t length, Patience& patien
                        patience);
 }
 
+/// The program's name as log daemons get it: whoever starts a program chooses it, and it must begin neither a
+/// field nor a line of its own.
+class Identifier {
+public:
+    Identifier() noexcept
+        : mLength(Escape(program_invocation_short_name, strlen(program_invocation_short_name), mText,
+                         sizeof mText)) {}
+    int Length() const noexcept { return static_cast<int>(mLength); }
+    const char* Text() const noexcept { return mText; }
+
+private:
+    char mText[200];  // without a zero at the end
+    std::size_t mLength;
+};
+
 /// A message too large for a datagram goes as a sealed memory file, as the journal's native protocol has it.
 Sent SendAsMemoryFile(const iovec* parts, std::size_t count, Patience& patience) noexcept {
     const int file = memfd_create("journal-message", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -89,10 +104,11 @@ Sent SendAsMemoryFile(const iovec* parts, std::size_t count, Patience& patience)
 
 /// Sends the entry by the journal's native protocol; the message carries its length, as it may hold newlines.
 Sent SendToJournal(int level, const char* text, std::size_t length, Patience& patience) noexcept {
+    const Identifier identifier;
     char fields[512];
     const int fieldsLength =
-        snprintf(fields, sizeof fields, "PRIORITY=%d\nSYSLOG_IDENTIFIER=%.200s\nTID=%ld\nMESSAGE\n", level,
-                 program_invocation_short_name, static_cast<long>(gettid()));
+        snprintf(fields, sizeof fields, "PRIORITY=%d\nSYSLOG_IDENTIFIER=%.*s\nTID=%ld\nMESSAGE\n", level,
+                 identifier.Length(), identifier.Text(), static_cast<long>(gettid()));
     std::uint64_t size = length;
     unsigned char littleEndian[sizeof size];
     for (unsigned char& byte : littleEndian) {
@@ -114,10 +130,11 @@ Sent SendToSyslog(int level, const char* text, std::size_t length, Patience& pat
     static constexpr const char* MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     const LocalTime time = NowInLocalTime();
+    const Identifier identifier;
     char header[256];
     const int headerLength = snprintf(
-        header, sizeof header, "<%d>%s %2d %02d:%02d:%02d %.200s: ", LOG_USER | level, MONTHS[time.month],
-        time.day, time.hour, time.minute, time.second, program_invocation_short_name);
+        header, sizeof header, "<%d>%s %2d %02d:%02d:%02d %.*s: ", LOG_USER | level, MONTHS[time.month],
+        time.day, time.hour, time.minute, time.second, identifier.Length(), identifier.Text());
     iovec parts[] = {{header, static_cast<std::size_t>(headerLength)}, {const_cast<char*>(text), length}};
     constexpr std::size_t COUNT = sizeof parts / sizeof parts[0];
     const Sent sent = SendToLogSocket(SYSLOG_SOCKET, parts, COUNT, -1, patience);

@@ -636,6 +636,28 @@ TEST(ThreadPoolWatched, WorkersAreWatchedUntilTheyLeave) {
               100U / tern::test::SLOWNESS);
 }
 
+TEST(ThreadPool, StopLeavesNoWorkersBehind) {
+    constexpr int RESTARTS = 200;
+    const LogCapture log(2);
+    NiceMock<MockWatcher> watcher;
+    NiceMock<MockSignals> signals;
+    ThreadPool pool(1, watcher, signals);
+    const auto restart = [&] {
+        pool.Start();
+        pool.Stop(false);
+    };
+    const auto living = [] {
+        return static_cast<std::ptrdiff_t>(tern::test::CountAllocations() - tern::test::CountReleases());
+    };
+    restart();
+    const std::ptrdiff_t before = living();
+    for (int i = 0; i < RESTARTS; ++i) {
+        restart();
+    }
+    // Some counts may get lost; a worker is more than one each time.
+    EXPECT_LT(living() - before, RESTARTS / 2);
+}
+
 /// Starts a pool of three with a real watcher while threads are refused, `lift`s that, and starts it once
 /// more. 7: the first start threw with the workers joined, 8: it did not throw, and in both cases the pool
 /// worked in the end.

@@ -15,6 +15,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -28,6 +29,7 @@
 #include "support/wait_until.h"
 #include "threading/moved_clock.h"
 #include "threading/supervision_doubles.h"
+#include "threading/thread_state.h"
 #include "threading/watching_doubles.h"
 
 TERN_INTERPOSE(int, pthread_kill, (pthread_t thread, int number), (thread, number))
@@ -48,6 +50,7 @@ using tern::test::LogCapture;
 using tern::test::LogEntry;
 using tern::test::MovedClock;
 using tern::test::Notice;
+using tern::test::OtherThread;
 using tern::test::RunInChild;
 using tern::test::WaitUntil;
 using ::testing::AnyOf;
@@ -298,6 +301,28 @@ TEST_F(ThreadsWatcherTest, RefusedStartLeavesTheRunningWatchAlone) {
     EXPECT_TRUE(HasWaited(2));
     mFan.StopWatch();
     mPump.StopWatch();
+}
+
+// Of two that come at the same time one starts the watch, and the other one's period counts.
+TEST_F(ThreadsWatcherTest, OthersWaitWhileTheFirstRegistrationStartsTheWatch) {
+    std::optional<OtherThread> other;
+    FaultScope scope(fault_pthread_create);
+    // The second thread is made without the lock of the watch's own state.
+    fault_pthread_create.Replace(
+        [&](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+            other.emplace([&] { mFan.StartWatch(milliseconds(1)); });
+            EXPECT_TRUE(other->IsHeldUp());
+            return fault_pthread_create.Real(thread, attributes, body, argument);
+        },
+        1, 1);
+    mPump.StartWatch(hours(1));
+    other.reset();
+    MovedClock::ForgetWaits();
+    EXPECT_TRUE(HasWaited(2));
+    EXPECT_EQ(mLog.Count(STARTED), 1U);
+    mFan.StopWatch();
+    mPump.StopWatch();
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
 }
 
 // The former entry was never taken out, so that the monitor had one more to stop with every restart.
