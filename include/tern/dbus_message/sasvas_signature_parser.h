@@ -33,7 +33,7 @@ public:
     const ValuesList& GetValuesList() const;
     /// As above, to be changed.
     ValuesList& GetValuesList();
-    /// Always empty, as the array of strings is left unread.
+    /// Always empty, because the array of strings is left unread.
     const std::vector<std::string>& GetStrings() const;
 
 private:

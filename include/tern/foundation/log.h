@@ -22,7 +22,7 @@
 
 // The prefix is joined to the literal by the compiler, and its arguments come before the caller's. Without
 // __VA_OPT__, which C++17 lacks, a call without and one with arguments need a macro each. Levels are numbers,
-// as what a device maker's logger calls them is not known.
+// because the names in a device maker's logger are not known.
 #define TERN_LOG_WRITE_(level, tag, loggerName, ...)                                               \
     TERN_LOG_PICK_(__VA_ARGS__, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_,    \
                    TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, \

@@ -18,9 +18,9 @@ public:
     /// Anything but Ok ends the thread. What it throws ends the process: catch what StartWatch throws when
     /// the watcher gets no thread, and return a status.
     virtual StatusCode Initialize() = 0;
-    /// One run of the processing: everything that is there to do, as wake-ups are folded. A std::exception
-    /// that leaves it ends the whole service on failure, so that it is started again; what is thrown besides
-    /// ends the process.
+    /// One run of the processing: everything that is there to do, because wake-ups are folded. A
+    /// std::exception that leaves it ends the whole service on failure, so that it is started again; what is
+    /// thrown besides ends the process.
     virtual void Execute() = 0;
     /// Called when the component is stopping, before its thread is woken: cut a long run short. It may be
     /// called more than once. It never waits for the component's thread and never calls the threads monitor,

@@ -27,8 +27,8 @@ namespace mwl::DBusService {
 /// still held when the thread ends is reported by an error line.
 ///
 /// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
-/// One component for a monitor: a monitor knows one D-Bus thread, and a request to stop it is made once in
-/// its life, so a later component needs a monitor of its own. That is not looked at.
+/// One component for a monitor: a monitor knows one D-Bus thread and requests its stop once in its life, so a
+/// later component needs a monitor of its own. This is not checked.
 ///
 /// | state   | Initialize | Start          | JoinThread                      | destructor       |
 /// |---------|------------|----------------|---------------------------------|------------------|

@@ -35,8 +35,8 @@ public:
 
     /// The service is connected, owns its name and is attached to the loop, which does not run yet: add
     /// objects, matches and I/O sources here, and no client ever meets a half-made service. Both arguments
-    /// live until the thread ends, after `Stop`; use them on this thread only. What is returned becomes the
-    /// result of the component's `Start`; anything but Ok ends the thread.
+    /// live until the thread ends, after `Stop`; use them on this thread only. The returned status becomes
+    /// the result of the component's `Start`; anything but Ok ends the thread.
     virtual mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop);
 };
 

@@ -110,7 +110,7 @@ public:
 private:
     StatusCode FailClosed(int error);
 
-    // Plain numbers: what Initialize made stays with the object however it ended.
+    // Plain numbers: descriptors that Initialize created stay with the object however it ended.
     int mReadFd = -1;
     std::atomic<int> mWriteFd{-1};  // changed by Close under both locks
     std::mutex mWriteMutex;

@@ -57,7 +57,7 @@ public:
 }  // namespace Detail
 
 /// Waits until all are done, and gives their results as a tuple in this order; std::monostate stands for
-/// nothing. Tasks are taken over; anything else that can be awaited, as a call or Sleep, is moved into a
+/// nothing. Tasks are taken over; anything else that can be awaited, such as a call or Sleep, is moved into a
 /// coroutine of its own, which begins immediately.
 ///
 ///     auto [target, celsius] = co_await All(heater.Get(Heater1::Target), heater.Get(Heater1::Temperature));

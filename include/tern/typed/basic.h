@@ -152,8 +152,8 @@ int Read(sd_bus_message* message, T& value, Fault& fault) {
 /// that are reserved as no characters, without a null character.
 TERN_API bool IsText(std::string_view text) noexcept;
 
-/// Appends text of the type `code`: 's', 'o' or 'g'. Nothing is appended unless it is well-formed, as a
-/// message bus ends the connection of whoever sends text that is not.
+/// Appends text of the type `code`: 's', 'o' or 'g'. Nothing is appended unless the text is well-formed,
+/// because a message bus ends the connection of whoever sends other text.
 ///
 /// Outcomes: 0 or more, appended; -EINVAL, not IsText, or no object path or signature; -ENOMEM; another
 /// negative errno, sd-bus's own.

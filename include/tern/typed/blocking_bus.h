@@ -28,7 +28,7 @@ namespace Detail {
 
 using OwnedMessage = std::unique_ptr<sd_bus_message, Unref>;
 
-/// A call that is to be made.
+/// A call that is to be sent.
 struct BlockingRequest {
     const char* destination;
     const char* path;
@@ -140,8 +140,9 @@ private:
     const std::unique_ptr<State> mState;
 };
 
-/// The signals of one kind from one object of a peer, from when it was made, by BlockingProxy::Listen, until
-/// it is destroyed: for those that are to be seen whatever they come with, as the end of what a call begins.
+/// The signals of one kind from one object of a peer, from its creation, by BlockingProxy::Listen, until it
+/// is destroyed: for signals that are to be seen whatever they come with, such as the end of what a call
+/// begins.
 ///
 ///     auto exported = room.Listen(Thermostat1::LogExported);
 ///     const Outcome<void> begun = room.Call(Thermostat1::Begin);

@@ -25,7 +25,7 @@ namespace mwl::Typed {
 struct BusAccess;
 struct ReplyState;
 
-/// Keeps an object on the bus; the object goes when this is destroyed. Made by Bus::Export.
+/// Keeps an object on the bus; the object goes when this is destroyed. Created by Bus::Export.
 ///
 /// On the D-Bus thread the object is gone immediately: its members are answered "unknown object" and its
 /// removal is announced. Its implementation is destroyed when the turn of the loop ends, so that a handler
@@ -80,9 +80,8 @@ private:
 /// share of jobs, is done; then new objects are announced with their values (InterfacesAdded; sd-bus leaves
 /// those out that only invalidate), and one PropertiesChanged for each interface lists all that has changed.
 /// So a change is announced after the reply to the call that made it, and after signals of the same handler;
-/// who needs another order calls Flush. The removal of an object is announced immediately. An object that
-/// comes and goes within a turn is never announced; changes of one that is being announced are in its
-/// announcement.
+/// call Flush for another order. The removal of an object is announced immediately. An object that comes and
+/// goes within a turn is never announced; changes of one that is being announced are in its announcement.
 ///
 /// When the loop ends: changes are announced; open calls are answered "org.freedesktop.DBus.Error.NoReply",
 /// "the service is stopping"; what waits here as a client ends with `Stopping`, and what would wait from now
@@ -141,8 +140,8 @@ public:
 
     /// In IpcServer::Start: the manager is connected and attached to the loop.
     /// Ok. Busy: this one, or another of this thread, is open. InvalidArgument: the manager is not connected,
-    /// or the loop not made. NotInitialized: it has been closed; a bus is opened once. Otherwise the status
-    /// of the failing call, logged; nothing has changed.
+    /// or there is no loop yet. NotInitialized: it has been closed; a bus is opened once. Otherwise the
+    /// status of the failing call, logged; nothing has changed.
     StatusCode Open(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop);
     /// What the end of the loop does by itself, see above; for when the loop never ran: call it in
     /// IpcServer::Stop. REQUIRES: not in a handler. Harmless to repeat.
@@ -187,12 +186,12 @@ public:
     bool Post(Job job);
 
     /// Sends now what would wait for the end of the turn: announcements of new objects, and all changes,
-    /// those that the period holds back included. Does nothing while it is at it already, as when a getter
-    /// calls it.
+    /// those that the period holds back included. Does nothing while it is at it already, for example when a
+    /// getter calls it.
     void Flush();
 
     /// Against floods: the first change of an interface is announced at the end of its turn, later ones once
-    /// per period, all together. 0, as it is at first, announces them at the end of each turn; below 0 counts
+    /// per period, all together. 0, the initial value, announces them at the end of each turn; below 0 counts
     /// as 0.
     void SetChangePeriod(std::chrono::milliseconds period);
     /// How many calls may be open, OPEN_CALLS at first. One more is answered

@@ -1,8 +1,8 @@
 #pragma once
 
 /// A D-Bus interface described in C++: its name and its members with their types, argument names, flags and
-/// documentation. Servers (`Implements`), clients (`Proxy`) and documents (`WriteIntrospection`) are made
-/// from the one description.
+/// documentation. Servers (`Implements`), clients (`Proxy`) and documents (`WriteIntrospection`) are
+/// generated from this one description.
 ///
 ///     struct Thermostat1 {
 ///         static constexpr const char* NAME = "com.example.Thermostat1";
@@ -148,8 +148,9 @@ struct Method<R(A...)> {
     const char* documentation = "";  ///< for WriteIntrospection
 };
 
-/// A property that peers read. Flags that are given stand for themselves: EMITS is then to be among them if
-/// meant. One with none of EMITS, INVALIDATES and CONSTANT may change without anybody being notified.
+/// A property that peers read. Flags that are given replace the default ones: add EMITS to them when changes
+/// are to be signalled. A property with none of EMITS, INVALIDATES and CONSTANT may change without anybody
+/// being notified.
 template <class T>
 struct Property {
     static constexpr Kind KIND = Kind::Property;    ///< what it is
@@ -189,8 +190,8 @@ struct Signal {
     const char* documentation = "";                 ///< for WriteIntrospection
 };
 
-/// A member as a type: members are compared by it, as compilers do not fold comparisons of their addresses
-/// under every option.
+/// A member as a type: members are compared by it, because compilers do not fold comparisons of their
+/// addresses under every option.
 template <const auto& M>
 struct Tag {};
 

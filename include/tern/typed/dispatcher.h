@@ -27,7 +27,8 @@ using Job = UniqueFunction<void()>;
 /// Jobs run one at a time in the order of posting, between the bus's messages: after 64 of them the bus has
 /// its turn, so that a thread that posts without a pause delays the bus but does not silence it. No more than
 /// 4096 ordinary jobs wait (SetLimit); one more is refused. A job posted through a `Place` taken in advance
-/// is never refused: that is for what is bounded by something else, as replies are by the calls they answer.
+/// is never refused: it is for jobs whose number is bounded by something else, as the number of replies is by
+/// the calls they answer.
 ///
 /// Posting never waits for the D-Bus thread, nor for anything but the other threads that post at the same
 /// moment, each for well below a microsecond; those of real-time priority may post (the mutex inherits it).

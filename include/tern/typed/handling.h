@@ -29,9 +29,9 @@ class Task;
 /// "org.freedesktop.DBus.Error.Failed", "the service failed internally".
 ///
 /// Every failure is logged with the caller, the path, the interface and the member: what was refused for a
-/// reason that the caller receives as information, with the error's name alone, as the text may hold what the
-/// caller sent; what failed inside the service as an error. Peers can provoke both at will, so an interface
-/// logs ten of each kind in ten seconds at most, and then how many it left out.
+/// reason that the caller receives as information, with the error's name alone, because the text may hold
+/// what the caller sent; what failed inside the service as an error. Peers can provoke both at will, so an
+/// interface logs ten of each kind in ten seconds at most, and then how many it left out.
 ///
 /// D-Bus thread only.
 class TERN_API Handling {
@@ -58,7 +58,7 @@ public:
     static int RunSetter(const char* path, const char* member, sd_bus_message* value, void* userdata,
                          sd_bus_error* error, Body body) noexcept;
 
-    /// The call; where a property is read the reply that is being made.
+    /// The call; where a property is read the reply that is being written.
     sd_bus_message* GetMessage() const noexcept { return mMessage; }
     /// Whose member it is.
     InterfaceBase& GetInterface() const noexcept { return mInterface; }

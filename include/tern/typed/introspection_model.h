@@ -1,7 +1,7 @@
 #pragma once
 
-/// What introspection reports of an object, as data: for programs that learn an interface while they run.
-/// Those that know it before need none of this: they have a contract.
+/// What introspection reports of an object, as data: for programs that learn an interface while they run. A
+/// program that knows it before needs none of this: it has a contract.
 ///
 ///     Outcome<Introspection::Node> room = Introspection::Parse(xml);
 ///     if (room.IsOk()) {
@@ -24,7 +24,7 @@ namespace mwl::Typed::Introspection {
 
 /// A note on the element that it stands in, such as "org.freedesktop.DBus.Deprecated", "true".
 struct Annotation {
-    std::string name;   ///< with dots, as an interface's name
+    std::string name;   ///< with dots, like an interface's name
     std::string value;  ///< any text; may be empty
 
     /// All is the same.
@@ -96,7 +96,7 @@ struct Property {
     bool operator==(const Property&) const = default;
 };
 
-/// An interface. Names may come more than once, as some services overload their methods.
+/// An interface. Names may come more than once, because some services overload their methods.
 struct Interface {
     std::string name;                     ///< an interface name
     std::vector<Method> methods;          ///< in order

@@ -37,10 +37,10 @@ namespace mwl::Typed {
 /// owner, logged (error, logger name "Typed", ten in ten seconds). Values are handed over and not kept.
 ///
 /// When the peer refuses to send its objects, does not answer within 5 seconds, or its answer cannot be read
-/// to the end, as when descriptors run out, it is logged once for each owner, GetStatus says so, and it is
-/// asked again after 1, 2, 4 and so on to 64 seconds, until it answers. What was read is there, and is not
-/// reported again. A signal of the peer that cannot be read is counted (Bus::Counters::wrongSignals) and
-/// logged, see Subscription.
+/// to the end, for example because descriptors run out, it is logged once for each owner, GetStatus says so,
+/// and it is asked again after 1, 2, 4 and so on to 64 seconds, until it answers. What was read is there, and
+/// is not reported again. A signal of the peer that cannot be read is counted (Bus::Counters::wrongSignals)
+/// and logged, see Subscription.
 ///
 /// Handlers run on the D-Bus thread, never within the constructor. One may destroy its own mirror, and is
 /// destroyed itself once it has returned. What one throws ends the loop in order, see Dispatcher.
@@ -89,9 +89,9 @@ public:
     /// How many interfaces were left out since this owner came, as often as they were reported.
     std::size_t GetOmitted() const noexcept;
     /// Ok: the peer has sent its objects, and what comes and goes is heard. Busy: it has been asked, or it is
-    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: none, or made when the
-    /// bus was not open. Stopping: the bus has closed. Otherwise what listening or asking failed with; what
-    /// could not be listened to stays so until a new mirror is made.
+    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: none, or created when
+    /// the bus was not open. Stopping: the bus has closed. Otherwise what listening or asking failed with;
+    /// what could not be listened to stays so until a new mirror is created.
     StatusCode GetStatus() const noexcept;
     /// Ends it, as if it were destroyed.
     void Reset() noexcept;

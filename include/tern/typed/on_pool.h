@@ -121,7 +121,7 @@ private:
         return mState.compare_exchange_strong(from, to, std::memory_order_acq_rel);
     }
     void Wake() const noexcept {
-        // Cannot fail, as nothing else is in it.
+        // Cannot fail, because nothing else is in it.
         static_cast<void>(eventfd_write(mEvent, 1));
     }
     void Call() {
@@ -289,9 +289,9 @@ private:
 /// the D-Bus thread, so it touches neither the bus nor what belongs to that thread; and it works with what it
 /// is given: the coroutine, and what is the coroutine's, may be gone before it has ended.
 ///
-/// A lambda whose captures have destructors, as a std::string, gets them as arguments instead, or is awaited
-/// by name: g++ 12 destroys the captures of a lambda that is written within a co_await twice, and so does not
-/// compile it here.
+/// A lambda whose captures have destructors, such as a std::string, gets them as arguments instead, or is
+/// awaited by name: g++ 12 destroys the captures of a lambda that is written within a co_await twice, and so
+/// does not compile it here.
 ///
 ///     OnPool job(mBus, mPool, [file = std::move(file)] { return ComputeDigest(file); });
 ///     Outcome<Digest> digest = co_await job;

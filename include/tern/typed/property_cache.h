@@ -140,7 +140,7 @@ concept HasRemote = requires(const P& proxy) {
 template <class Contract>
 class PropertyChanges {
 public:
-    /// From bits by place; made by PropertyCache.
+    /// From bits by place; created by PropertyCache.
     explicit PropertyChanges(std::uint64_t bits) noexcept : mBits(bits) {}
     /// Whether a value of the property has come, be it the same as before, or it has none any more.
     template <const auto& M>
@@ -237,9 +237,9 @@ public:
     }
 
     /// Ok: the peer has sent all its properties, and its changes are heard. Busy: it has been asked, or it is
-    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: made when the bus was
+    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: created when the bus was
     /// not open. Stopping: the bus has closed. Otherwise what listening or asking failed with; what could not
-    /// be listened to stays so until a new cache is made.
+    /// be listened to stays so until a new cache is created.
     StatusCode GetStatus() const noexcept { return mProperties.GetStatus(); }
     /// Whether GetStatus is Ok.
     bool IsReady() const noexcept { return GetStatus() == StatusCode::Ok; }

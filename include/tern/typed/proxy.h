@@ -149,7 +149,8 @@ auto TakeAlong(V&& value) {
     using Given = std::remove_cvref_t<V>;
     if constexpr (std::is_array_v<Given> || std::is_same_v<Given, const char*> ||
                   std::is_same_v<Given, char*>) {
-        // A null one cannot be sent, as its call is to report: text with a null character cannot either.
+        // A null one cannot be sent, and its call is to report this: text with a null character cannot be
+        // sent either.
         const char* const text = value;
         return text != nullptr ? std::string(text) : std::string(1, '\0');
     } else if constexpr (std::is_same_v<Given, std::string_view>) {
@@ -309,7 +310,7 @@ public:
     /// Of an object that others know already. REQUIRES: not null.
     explicit Proxy(std::shared_ptr<Remote> remote) noexcept : mRemote(std::move(remote)) {}
 
-    /// How long replies are waited for, of calls made from now on, here and with copies; 5 s at first, see
+    /// How long replies are waited for, of calls created from now on, here and with copies; 5 s at first, see
     /// Remote::SetTimeout.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mRemote->SetTimeout(timeout); }
     /// Asks whether the peer answers at all; the object need not be there. It starts a service that can be

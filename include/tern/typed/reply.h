@@ -60,7 +60,7 @@ protected:
     /// Fills a reply and returns a negative error number when it could not.
     using Writer = UniqueFunction<int(sd_bus_message* reply)>;
 
-    /// REQUIRES: `id` is from TakeOver with this state, and no token has been made from it yet.
+    /// REQUIRES: `id` is from TakeOver with this state, and no token has been created from it yet.
     ReplyToken(std::shared_ptr<ReplyState> state, std::uint64_t id) noexcept;
     /// Takes the call over; `other` has none then.
     ReplyToken(ReplyToken&& other) noexcept;
@@ -108,7 +108,7 @@ class [[nodiscard]] Reply : public ReplyToken {
         "the answer is sent later: its value must own what it holds, std::string for std::string_view");
 
 public:
-    /// REQUIRES: `id` is from TakeOver with this state, and no Reply has been made from it yet.
+    /// REQUIRES: `id` is from TakeOver with this state, and no Reply has been created from it yet.
     Reply(std::shared_ptr<ReplyState> state, std::uint64_t id) noexcept : ReplyToken(std::move(state), id) {}
     /// Takes the call over; `other` has none then.
     Reply(Reply&& other) noexcept = default;

@@ -37,7 +37,7 @@ protected:
 
 }  // namespace Detail
 
-/// Signals of one kind from one object of a peer, for a handler, until this is destroyed. Made by
+/// Signals of one kind from one object of a peer, for a handler, until this is destroyed. Created by
 /// `Proxy::On`, or by SubscribeTo.
 ///
 ///     mMeasured = room.On(Thermostat1::Measured, [this](double celsius) { Show(celsius); });
@@ -71,9 +71,9 @@ public:
 
     /// Whether there is one, whatever its status.
     explicit operator bool() const noexcept { return mState != nullptr; }
-    /// Ok: signals arrive. Busy: the message bus has not confirmed yet. NotInitialized: none, or made when
+    /// Ok: signals arrive. Busy: the message bus has not confirmed yet. NotInitialized: none, or created when
     /// the bus was not open. Stopping: the bus has closed. InvalidArgument: the destination, the path or the
-    /// interface is none. Otherwise what the message bus, or sending to it, failed with; nothing arrives
+    /// interface is not valid. Otherwise what the message bus, or sending to it, failed with; nothing arrives
     /// then. Every failure is logged (error, logger name "Typed").
     TERN_API StatusCode GetStatus() const noexcept;
     /// Ends it, as if it were destroyed.
@@ -145,7 +145,7 @@ template <class F, class... A>
 class SignalRunner final : public SignalHandler {
 public:
     template <class Given>
-    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): made by SubscribeTo alone
+    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): created by SubscribeTo alone
     explicit SignalRunner(Given&& handler) : mHandler(std::forward<Given>(handler)) {}
 
     int Run(sd_bus_message* signal) override {

@@ -155,15 +155,15 @@ private:
 /// destroyed or given to a TaskSet. So who begins several tasks and wants their exceptions awaits them
 /// together, with All.
 ///
-/// When the bus closes, what waits is resumed with `Stopping`, and what is awaited from then on gives it at
-/// once. A task that does not heed it does not hang the service: at its 1000th co_await from then on it is
-/// logged and left where it is, until it is destroyed.
+/// When the bus closes, a task that waits is resumed with `Stopping`, and every co_await from then on returns
+/// that status immediately. A task that ignores it does not hang the service: at its 1000th co_await from
+/// then on it is logged and left where it is, until it is destroyed.
 ///
 /// The call costs one allocation, the coroutine's frame, and throws std::bad_alloc when there is no memory
 /// for it. A co_await costs none.
 ///
 /// D-Bus thread only: debug builds of the library check it at each co_await. A Task that waits for nothing
-/// any more, as the bus has closed, may be destroyed on any thread.
+/// any more, because the bus has closed, may be destroyed on any thread.
 template <class R = void>
 class [[nodiscard]] Task {
     static_assert(!std::is_reference_v<R>, "a Task gives a value, not a reference");

@@ -6,7 +6,7 @@
 namespace mwl::Typed {
 
 /// A text of N characters that the compiler computes: how D-Bus signatures are put together. Ends with a null
-/// character, which N does not count. Immutable once made.
+/// character, which N does not count. Immutable once created.
 ///
 ///     constexpr auto entry = Text("{") + Text("sv") + Text("}");   // entry.text is "{sv}", entry.SIZE is 4
 template <std::size_t N>

@@ -102,7 +102,7 @@ public:
 
     /// A literal of the right form; every other one is an error of the compiler.
     struct Literal {
-        /// Implicit, as a literal is meant to be given.
+        /// Implicit, because a literal is to be passed here.
         consteval Literal(const char* literal) : text(literal) {
             if (!Check(text)) {
                 throw "this literal is no object path, or no signature";  // never reached: the compiler stops
@@ -229,8 +229,8 @@ struct Codec<BorrowedFd> : Detail::OfCode<'h'> {
 template <>
 inline constexpr bool BORROWS<BorrowedFd> = true;
 
-/// Several output arguments of a method, in order. It is a result only: as an argument or in a container
-/// std::tuple is meant, which is one structure.
+/// Several output arguments of a method, in order. It is a result only: for an argument, or in a container,
+/// use std::tuple, which is one structure.
 template <class... T>
 struct Results : std::tuple<T...> {
     using std::tuple<T...>::tuple;

@@ -76,7 +76,7 @@ public:
     Subscription On(const std::string& interface, const std::string& signal,
                     std::function<void(const std::vector<Any>& values)> handler) const;
 
-    /// How long replies are waited for, of calls made from now on, here and with copies; 5 s at first, see
+    /// How long replies are waited for, of calls created from now on, here and with copies; 5 s at first, see
     /// Remote::SetTimeout.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mRemote->SetTimeout(timeout); }
     /// What calls and subscriptions share. Any thread.

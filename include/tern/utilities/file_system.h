@@ -120,10 +120,10 @@ public:
     /// (where it is met it is left out with `InvalidArgument`).
     ///
     /// At the first level `includeFolders` and `includeFiles` choose what is copied; below it everything is.
-    /// Files are given to "meadow" with mode 0644, folders are made as by CreateFolder; a failure of that is
-    /// a warning for a file. Links and special files are left out, with an info message. In `destination` a
-    /// link in the place of a file or folder is a failure (ELOOP: `Failure`), and so is another kind of entry
-    /// in the place of a file (`InvalidArgument`).
+    /// Files are given to "meadow" with mode 0644, folders are created as by CreateFolder; a failure of that
+    /// is a warning for a file. Links and special files are left out, with an info message. In `destination`
+    /// a link in the place of a file or folder is a failure (ELOOP: `Failure`), and so is another kind of
+    /// entry in the place of a file (`InvalidArgument`).
     ///
     /// The copy goes on after a failure and returns what the last entry gave that was copied or failed: an
     /// earlier failure may be covered by a later success. `NotFound` when there was nothing to copy; empty

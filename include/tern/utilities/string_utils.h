@@ -31,7 +31,7 @@ public:
     /// when it is none. REQUIRES: `index` lies in `text`; otherwise false with length 1. `index` is not
     /// changed.
     static bool IsValidUtf8(const std::string& text, unsigned int& index, unsigned int& length);
-    /// Whether `text` is made of sequences that IsValidUtf8 accepts; an empty one is.
+    /// Whether `text` consists of sequences that IsValidUtf8 accepts; an empty text does.
     static bool ValidateUTF8Sequence(const std::string& text);
     /// The number at the start of `text`, as strtoul(3) reads it in base 10: leading white space and a sign
     /// are accepted, what follows the digits is not looked at, a negative number wraps ("-1" is 4294967295).
