@@ -11,7 +11,7 @@
 
 namespace mw::tern::DBusMessage {
 
-/// What was read from a D-Bus message: a flat list of typed values by key, ordered by the keys' bytes.
+/// The content read from a D-Bus message: a flat list of typed values by key, ordered by the keys' bytes.
 ///
 /// A parser fills it (its keys are built by Parser::CreatePrefix), the application reads it:
 ///

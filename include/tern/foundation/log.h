@@ -3,8 +3,8 @@
 /// The framework's log macros: TERN_LOG_ERROR(loggerName, "format", arguments...).
 ///
 /// `loggerName` is a std::string, the format a string literal without the common prefix; the prefix "[thread
-/// id][logger name] " is put in front here, for TERN_LOG_TRACE with "[trace]" behind it. Below the threshold
-/// a call costs one byte read and a branch: the arguments are not evaluated. The compiler checks format and
+/// id][logger name] " is put in front here, for TERN_LOG_TRACE followed by "[trace]". Below the threshold a
+/// call costs one byte read and a branch: the arguments are not evaluated. The compiler checks format and
 /// arguments. Messages carry no newline at their end. `errno` is preserved. Any thread may log at any time.
 ///
 ///     TERN_LOG_ERROR(mLogger, "Failed to open %s (%d)", path.c_str(), errno);

@@ -69,7 +69,7 @@ public:
 
     /// Installs a match rule (sd_bus_add_match(3)). With `slot` null it lasts as long as the connection;
     /// otherwise the caller owns *slot and ends the match with sd_bus_slot_unref(3), on this thread, before
-    /// the manager ends. What the handler throws ends the service, see DBusInterface. Ok or the status of
+    /// the manager ends. An exception of the handler ends the service, see DBusInterface. Ok or the status of
     /// sd-bus's error; nothing is logged.
     StatusCode AddMatch(sd_bus_slot** slot, std::string match, sd_bus_message_handler_t handler,
                         void* userdata);

@@ -56,11 +56,11 @@ public:
     /// the watch off (sd-event's rule for failing handlers); it stays registered until RemoveIo. It may
     /// remove its own watch.
     ///
-    /// What the callback throws goes no further: it is logged (critical) with its type and text, the watch is
-    /// switched off, and the loop ends in order with the exit code -ENOTRECOVERABLE, so that the process ends
-    /// as failed. An empty callback is logged (critical) when the descriptor becomes ready and raises
-    /// std::bad_function_call, which leaves through sd-event; ServiceMainLoop::Run takes it up as it does
-    /// what a handler throws, see DBusInterface.
+    /// An exception of the callback goes no further: it is logged (critical) with its type and text, the
+    /// watch is switched off, and the loop ends in order with the exit code -ENOTRECOVERABLE, so that the
+    /// process ends as failed. An empty callback is logged (critical) when the descriptor becomes ready and
+    /// raises std::bad_function_call, which leaves through sd-event; ServiceMainLoop::Run treats it like an
+    /// exception of a handler, see DBusInterface.
     ///
     /// Ok: watched.
     /// InvalidArgument: a bad descriptor, or there is no loop yet.

@@ -17,9 +17,9 @@ namespace mwl::DBusService {
 /// called on the D-Bus thread: `Stop` once, `Start` before it once, or never when the service could not be
 /// initialised.
 ///
-/// What they throw is logged with its type and text (critical, logger name "DBusService::Component") and goes
-/// no further. `Start` has failed then, as if it had returned Failure. After a `Stop` that threw, the workers
-/// are stopped all the same, and the monitor is notified, so that the process ends as failed.
+/// An exception of either is logged with its type and text (critical, logger name "DBusService::Component")
+/// and goes no further. `Start` has then failed, as if it had returned Failure. After a `Stop` that threw,
+/// the workers are stopped all the same, and the monitor is notified, so that the process ends as failed.
 class TERN_API IpcServer {
 public:
     virtual ~IpcServer();

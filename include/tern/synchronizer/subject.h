@@ -46,8 +46,8 @@ public:
 
 private:
     using Pair = std::pair<NotificationIdentifier, ObserverInterface*>;
-    /// In the list in the order in which they were attached. One that was detached leaves its place empty,
-    /// with no observer, until the list is closed up.
+    /// In the list in the order in which they were attached. A registration that was detached leaves its
+    /// place empty, with no observer, until the list is closed up.
     struct Registration {
         Pair pair;
         std::uint64_t links;  ///< of the index, which the list is as well

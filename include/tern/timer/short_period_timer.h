@@ -26,9 +26,9 @@ namespace mwl::Timer {
 /// - While a Stop of the owner waits for the thread, Start returns Stopping and changes nothing. So a timer
 ///   whose callback arms it each time can be stopped as well.
 ///
-/// The callback runs on the timer's thread only, one call at a time. What it throws ends the process. An
-/// empty one raises std::bad_function_call there. One that takes longer than the period misses expiries, and
-/// nothing makes up for them.
+/// The callback runs on the timer's thread only, one call at a time. An exception of it ends the process. An
+/// empty callback raises std::bad_function_call there. A callback that takes longer than the period misses
+/// expiries, and nothing makes up for them.
 ///
 /// The signal is SIGRTMIN. Nothing else in the process may use it. It needs no handler, and its default
 /// action is never taken, because it is sent to the timer's thread alone, which blocks it.

@@ -24,7 +24,7 @@ namespace mwl::Timer {
 /// callback runs on a thread created for each expiry, concurrently with the owner and, when it takes longer
 /// than the period, with itself: it synchronises what it touches. It may stop, start or destroy its own
 /// timer, also while another thread is in an operation; from then on Start, Create and Execute return
-/// Stopping, not logged, and do nothing. What it throws ends the process. Each expiry costs a thread: for
+/// Stopping, not logged, and do nothing. An exception of it ends the process. Each expiry costs a thread: for
 /// periods of a few milliseconds take `ShortPeriodTimer`.
 ///
 /// At most 32 calls of one timer's callback run at a time. An expiry that comes while they do is dropped; the
@@ -38,8 +38,8 @@ namespace mwl::Timer {
 /// drops. For this a process that creates a timer keeps one more thread, which waits.
 ///
 /// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, because the C
-/// library creates them so. Threads and child programs that a callback starts inherit that: unblock first
-/// what they are to receive (pthread_sigmask(3)).
+/// library creates them so. Threads and child programs that a callback starts inherit the blocked signals:
+/// first unblock those that they are to receive (pthread_sigmask(3)).
 ///
 /// Lifetime: Stop and the destructor delete the timer and do not wait. No expiry that is announced after them
 /// calls back. A callback that has begun, or whose announcement had already found its timer, may still run,

@@ -13,7 +13,7 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// What All gives: waits for a tuple of tasks.
+/// The result of All: waits for a tuple of tasks.
 template <class... R>
 class [[nodiscard]] AllOf final : public GroupAwaiter<std::tuple<Task<R>...>> {
     using Base = GroupAwaiter<std::tuple<Task<R>...>>;

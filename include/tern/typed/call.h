@@ -30,7 +30,7 @@ struct Unref {
 
 }  // namespace Detail
 
-/// What of a Call does not depend on its result; see there.
+/// The part of a Call that does not depend on its result; see there.
 class TERN_API CallBase : protected Stoppable {
 public:
     /// Sends it, and does not want to know what comes of it: the message says that no reply is expected, so
@@ -51,13 +51,13 @@ public:
     /// Its memory is erased when it is released, see sd_bus_message_sensitive(3). Before it is sent.
     void SetSensitive() noexcept;
 
-    /// What is sent stays where it is.
+    /// A call that is sent stays where it is.
     CallBase& operator=(CallBase&&) = delete;
 
 protected:
     /// Makes the message; where that fails, the outcome says so.
     CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept;
-    /// What has not been sent; `other` counts as sent then.
+    /// Takes a call that has not been sent; `other` counts as sent then.
     CallBase(CallBase&& other) noexcept;
     ~CallBase();
 
@@ -240,7 +240,7 @@ private:
 ///   that is not there or has gone meanwhile.
 /// - "mwl.Typed.Error.WrongReply": the reply is not what the contract says, see Decode. It is counted
 ///   (Bus::Counters) and logged, ten times in ten seconds at most.
-/// - GetStatus() is `Timeout`: no reply in time. One that comes later is dropped.
+/// - GetStatus() is `Timeout`: no reply in time. A reply that comes later is dropped.
 /// - "org.freedesktop.DBus.Error.InvalidArgs": not sent, because a value cannot be sent, such as text that is
 ///   not UTF-8, or because the destination or the path is not valid. The text names it.
 /// - "mwl.StatusCode.Stopping": the bus closes or has closed, so it was not sent or its reply will not come.
@@ -261,7 +261,7 @@ private:
 template <class R>
 class [[nodiscard]] Call final : public CallBase {
 public:
-    /// What the outcome holds.
+    /// The type in the outcome.
     using Result = R;
     /// Reads the reply.
     using Decoder = Outcome<R> (*)(sd_bus_message* reply, const Remote* remote);
@@ -297,8 +297,9 @@ public:
     /// is logged; nor do those that a chain of handlers, each of which calls again, makes without end while
     /// the bus closes.
     ///
-    /// What it throws is treated as what any callback of the loop throws, see EventLoop::AddIo: it is logged
-    /// (critical, logger name "Typed"), and the loop ends in order with the exit code -ENOTRECOVERABLE.
+    /// An exception of it is treated like that of any callback of the loop, see EventLoop::AddIo: it is
+    /// logged (critical, logger name "Typed"), and the loop ends in order with the exit code
+    /// -ENOTRECOVERABLE.
     ///
     /// Throws std::bad_alloc, and what moving the handler does; nothing has been sent then.
     template <class F>

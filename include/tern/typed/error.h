@@ -1,6 +1,6 @@
 #pragma once
 
-/// What a D-Bus call ends with when it does not end well: `Error`, and `Outcome<T>`, a value or an error.
+/// The outcome of a D-Bus call: `Error`, and `Outcome<T>`, a value or an error.
 
 #include <systemd/sd-bus.h>
 #include <tern/foundation/api.h>
@@ -104,7 +104,7 @@ public:
 private:
     std::string mName;
     std::string mText;
-    /// What NoReply means here, which the name does not say.
+    /// The meaning of NoReply here, which the name does not show.
     StatusCode mNoReply = StatusCode::NotFound;
 };
 

@@ -16,7 +16,7 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// What First gives: waits for one of a tuple of tasks.
+/// The result of First: waits for one of a tuple of tasks.
 template <class... R>
 class [[nodiscard]] FirstOf final : public GroupAwaiter<std::tuple<Task<R>...>> {
     using Base = GroupAwaiter<std::tuple<Task<R>...>>;

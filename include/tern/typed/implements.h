@@ -31,7 +31,7 @@ struct Bind {};
 template <class... B>
 struct Bindings {};
 
-/// What the compiler names when `Self` has no binding for the member `M`.
+/// The compiler's message names this when `Self` has no binding for the member `M`.
 template <class Self, const auto& M>
 struct Unbound {
     static_assert(
@@ -107,7 +107,7 @@ decltype(auto) CallHandler(Handling& call, Self& self, typename S::Arguments& ar
     }
 }
 
-/// What a method that is a coroutine needs besides; in task_handler.h.
+/// The further part of a method that is a coroutine; in task_handler.h.
 template <class Self, auto F>
 struct TaskHandler;
 template <class Self, auto F>
@@ -506,8 +506,8 @@ struct Vtable {
 /// property as changed, one that returns false does not.
 ///
 /// `Describe` is a function, because its body sees the whole class. Write lambdas in it only in sources, not
-/// in headers: each file that includes the header would have lambdas of its own. What does not fit the
-/// contract does not compile.
+/// in headers: each file that includes the header would have lambdas of its own. A handler that does not fit
+/// the contract does not compile.
 ///
 /// Exceptions: what a handler throws goes no further. The caller gets an error and the log has what was
 /// thrown; see `Handling`. A thread that is cancelled in a handler ends the process.

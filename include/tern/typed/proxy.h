@@ -164,8 +164,8 @@ auto TakeAlong(V&& value) {
     }
 }
 
-/// What a proxy has for each type of method. The overloads differ in the member's type alone, so that a
-/// member of the contract finds its own.
+/// The operations of a proxy for each type of method. The overloads differ in the member's type alone, so
+/// that a member of the contract finds its own.
 template <class Contract, class M>
 class MethodCalls;
 template <class Contract, class R, class... A>
@@ -281,8 +281,8 @@ using ProxyCallsOf = ProxyCalls<
 ///     mMeasured = room.On(Thermostat1::Measured, [this](double celsius) { Show(celsius); });
 ///     Future<void> boost = room.CallFromWorker(Thermostat1::Boost, 60u);  // on any thread
 ///
-/// What it offers is made for the members of the contract; what is a member of another one, or no constant,
-/// does not compile, nor do values of other D-Bus types than the contract's.
+/// Its operations are for the members of the contract. A member of another contract, or one that is no
+/// constant, does not compile, nor do values of other D-Bus types than the contract's.
 ///
 /// - `Call(method, values...) -> Call<R>`: nothing is sent yet, see `Call`. A value that cannot be sent is in
 ///   the outcome. A method that is NO_REPLY has its outcome as soon as it has been sent.
@@ -323,7 +323,7 @@ public:
     Proxy& operator=(const Proxy&) = default;
     ~Proxy() = default;
 
-    /// What calls and subscriptions share. Any thread.
+    /// The state that calls and subscriptions share. Any thread.
     const std::shared_ptr<Remote>& GetRemote() const noexcept { return mRemote; }
 
 private:

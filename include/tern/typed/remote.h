@@ -45,7 +45,7 @@ public:
     /// For calls that are created from now on. 0 or less counts as the shortest time there is.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout.count(); }
 
-    /// What the bus shares with its clients. Never null. Applications do not need it.
+    /// The state that the bus shares with its clients. Never null. Applications do not need it.
     const std::shared_ptr<ReplyState>& GetState() const noexcept { return mState; }
 
 private:

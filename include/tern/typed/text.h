@@ -32,7 +32,7 @@ struct Text {
 template <std::size_t N>
 Text(const char (&)[N]) -> Text<N - 1>;
 
-/// One text behind the other.
+/// One text after the other.
 template <std::size_t A, std::size_t B>
 constexpr Text<A + B> operator+(const Text<A>& first, const Text<B>& second) {
     Text<A + B> sum;

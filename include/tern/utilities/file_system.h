@@ -21,10 +21,11 @@ namespace mwl::Utilities {
 /// - `CopyFolderContent` may cover a failure by a later success: `CopyWholeFolderContent`.
 ///
 /// Links. An operation follows a link in the place of a path that it is given, as the system calls do, unless
-/// it says otherwise: as root, do not give it paths in folders where somebody less privileged writes. What
-/// works on a tree (`DeleteFolder`, `DeleteFolderContent`, `CopyFolderContent`, `CopyWholeFolderContent`) may
-/// be used there. Below the folders that it is given it follows no link, and nothing that is planted or
-/// exchanged meanwhile leads it elsewhere. Hard links are the kernel's matter (fs.protected_hardlinks).
+/// it says otherwise: as root, do not give it paths in folders where somebody less privileged writes. The
+/// operations on a tree (`DeleteFolder`, `DeleteFolderContent`, `CopyFolderContent`,
+/// `CopyWholeFolderContent`) may be used there. Below the folders that it is given it follows no link, and
+/// nothing that is planted or exchanged meanwhile leads it elsewhere. Hard links are the kernel's matter
+/// (fs.protected_hardlinks).
 ///
 /// Trees may be of any depth: a walk holds 6 descriptors at most, a copy 12. Copying ends at paths of 4096
 /// bytes (ENAMETOOLONG), as system calls do.
@@ -157,9 +158,9 @@ public:
     /// Stores the text of the link in `target` (readlink(2), at most 4095 bytes). `Ok`, or the status of
     /// errno.
     static StatusCode ReadLink(const std::string& link, std::string& target);
-    /// Stores the bare file name of the running program in `name`: the one that it was started by, also when
-    /// the file has been removed or replaced since (an update in place). Results as ReadLink; when that
-    /// fails, `name` is still cut to what stands behind its last "/".
+    /// Stores the bare file name of the running program in `name`: the name that it was started by, also when
+    /// the file has been removed or replaced since (an update in place). Results as ReadLink; when it fails,
+    /// `name` is still cut to the text after its last "/".
     static StatusCode GetCurrentExecutableName(std::string& name);
     /// Gives `path` to the named user and group (chown(2), links followed). `Ok`; `Failure` when either is
     /// unknown; else the status of errno.

@@ -13,9 +13,9 @@ class TERN_API StringUtils {
 public:
     /// Replaces in `text` the first, with `all` every, occurrence of `from` by `to`. Returns `text`.
     ///
-    /// Each search begins one character after the start of the last replacement, not behind it. So a `to`
-    /// that holds `from` behind its first character is found again and again: such a call with `all` ends
-    /// only when memory does ("a" by "aa" is one). With an empty `to` the character behind each gap is passed
+    /// Each search begins one character after the start of the last replacement, not after its end. So a `to`
+    /// that holds `from` after its first character is found again and again: such a call with `all` ends only
+    /// when memory is used up ("a" by "aa" is one). With an empty `to` the character after each gap is passed
     /// over ("aaaa" without "a" leaves "aa").
     ///
     /// An empty `from` inserts `to` before every character and once at the end; without `all` at the start

@@ -25,8 +25,8 @@ namespace mwl::Utilities {
 /// libzip is loaded when an archive is first opened (dlopen(3)) and stays; where it is not installed, or is
 /// older than 1.7, both operations fail with Failure.
 ///
-/// Thread-safe: nothing is shared. What happens to an archive or folder that another thread changes
-/// meanwhile is decided by libzip and the file system.
+/// Thread-safe: nothing is shared. When another thread changes an archive or folder meanwhile, libzip and the
+/// file system decide the result.
 class TERN_API Zipper {
 public:
     static const std::string RELATIVE_PATH_STRING;  ///< "../", which no entry's name may hold
