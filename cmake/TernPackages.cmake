@@ -1,4 +1,4 @@
-# The Debian packages, made by cpack from the install components; scripts/build-packages is the command.
+# The Debian packages, built by cpack from the install components; scripts/build-packages is the command.
 # Included with TERN_DEBIAN_PACKAGES only: it installs what Debian alone wants.
 set(TERN_PACKAGE_MAINTAINER "libtern-dbus-service developers <tern-dbus-service@example.com>" CACHE STRING
   "Maintainer of the Debian packages, NAME <ADDRESS>")

@@ -71,7 +71,7 @@ struct BasicType;
         }                                                                                             \
     };
 
-// A byte is shown in octal and an INT16 at info level: both are meant.
+// Fixed by the interface: a byte is shown in octal, and an INT16 at info level.
 TERN_BASIC_TYPE('s', "ReadString", const char*, ValueString,
                 "[%s] Failed to read SD_BUS_TYPE_STRING (%d, %s)", TRACE, "[%s] keyName=%s, value=%s",
                 log.Text(value).Get())
@@ -177,7 +177,7 @@ int MessageWalk::ReadISI(const char* keyName) {
     ParseLog& log = mBudget.Log();
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_STRUCT, "isi");
     if (entered < 0) {
-        // The text of another type, as it is everywhere known.
+        // Fixed by the interface: the text of another type.
         TERN_PARSE_LOG(log, ERROR, LOGGER, "[%s] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", "ReadISI",
                        entered, ErrorText(-entered));
     }

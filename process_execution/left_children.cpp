@@ -36,7 +36,7 @@ void Push(LeftChild* child) noexcept {
 }
 
 /// When the process with this number was started, in ticks since the system's own start; 0 with errno set
-/// when that cannot be told.
+/// when it cannot be found out.
 unsigned long long StartTimeOf(pid_t pid) noexcept {
     char buffer[512];
     snprintf(buffer, sizeof buffer, "/proc/%d/stat", static_cast<int>(pid));

@@ -46,7 +46,7 @@ private:
     const Clock::time_point mStart = Clock::now();
     StatusCode mStatus = StatusCode::Ok;
     int mWaitStatus = 0;
-    int mBackOffMs = 1;  ///< next wait of a program that nothing tells the end of
+    int mBackOffMs = 1;  ///< next wait for a program whose end nothing reports
 };
 
 }  // namespace mwl::ProcessExecution

@@ -47,8 +47,8 @@ StatusCode ThreadManager::Wait() {
     return StatusCode::Ok;
 }
 
-// A burst asks once: what the others would do has been done. Nothing is touched behind that look, as the run
-// may destroy the manager.
+// A burst asks once: what the others would do has been done. Nothing is touched after that look, because the
+// run may destroy the manager.
 void ThreadManager::Notify() {
     if (mWait.fetch_add(0, std::memory_order_acq_rel) != 0) {
         WakeUp(true);

@@ -233,7 +233,7 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
             TERN_LOG_ERROR(ServiceCommon::mLogger,
                            "sd_bus_add_object_vtable FAILED for interface: %s in DBus object: %s",
                            interface->GetName().c_str(), path.c_str());
-            // Wording and newline are meant.
+            // Fixed by the interface: wording and newline.
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to issue method call: %s\n", ErrorText(-r));
             if (fault.kind != nullptr) {
                 TERN_LOG_ERROR(ServiceCommon::mLogger,

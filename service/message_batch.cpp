@@ -18,7 +18,7 @@ bool IsEnding(sd_event* loop) {
 
 // A post source, which becomes pending when another has run, and then waits for its turn behind those that
 // have been pending for longer. A defer source would always be the first one: sd-event counts its age from
-// when it was made. It begins disabled.
+// its creation. It begins disabled.
 int MessageBatch::Open(sd_event* loop) noexcept {
     sd_event_source* source = nullptr;
     int r = sd_event_add_post(loop, &source, OnTurn, this);

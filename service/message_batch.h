@@ -39,7 +39,7 @@ public:
     void BeforeWait() noexcept;
 
     /// The loop has its turn before the next message is handled: for a defer source of the connection's own
-    /// priority that a handler of this thread has enabled, and that was made before this one.
+    /// priority that a handler of this thread has enabled, and that was created before this one.
     TERN_API static void EndAfterThisMessage() noexcept;
 
 private:

@@ -30,7 +30,7 @@ int TransferError(ssize_t transferred, unsigned int size) {
     return static_cast<std::size_t>(transferred) < size ? EIO : 0;
 }
 
-/// write(2) for a listener, who is told of a wait for room; finding that out takes a system call.
+/// write(2) for a listener, to whom a wait for room is reported; finding that out takes a system call.
 ssize_t WriteAndTell(const void* pipe, int fd, const void* data, std::size_t size) {
     pollfd room{fd, POLLOUT, 0};
     if (poll(&room, 1, 0) != 0) {

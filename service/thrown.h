@@ -8,8 +8,8 @@
 
 namespace mw::tern {
 
-/// What has been thrown, for a line of the log. Made where there is a current exception: in a catch block or
-/// a terminate handler; the texts live as long as that exception and this object.
+/// What has been thrown, for a line of the log. Created where there is a current exception: in a catch block
+/// or a terminate handler; the texts live as long as that exception and this object.
 class Thrown {
 public:
     Thrown();
@@ -26,11 +26,11 @@ private:
     const char* mText = "no text";
 };
 
-/// Tells the library's listener of it (foundation/tell.h).
+/// Reports it to the library's listener (foundation/tell.h).
 void TellThrown(const Thrown& thrown) noexcept;
 
 /// The result of `body`. What it throws ends here: `report` is called with it, and the result is `failure`.
-/// The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through, as it must.
+/// The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through, because it must.
 template <typename Result, typename Body, typename Report>
 Result Contain(Result failure, Body body, Report report) {
     try {

@@ -31,7 +31,7 @@ struct Links {
 };
 
 /// The list of a subject as an index to itself. Of as many places as the largest power of two within the
-/// list's length, each begins a chain of those whose observer leads to it; chains are made again when the
+/// list's length, each begins a chain of those whose observer leads to it; chains are built again when the
 /// length reaches the next power. So nothing is kept beside the list, and a registration is found in a step
 /// or two, however many there are.
 template <typename Registration>
@@ -121,7 +121,7 @@ std::size_t EmptyPlaces(const std::vector<Registration>& list, std::uint64_t cou
         list.begin(), end, [](const Registration& entry) { return entry.pair.second == nullptr; }));
 }
 
-/// Leaves no place empty, and tells the walks how far they are then. Takes no memory.
+/// Leaves no place empty, and corrects the position of each walk. Takes no memory.
 template <typename Registration, typename Walk>
 void CloseUp(std::vector<Registration>& list, Walk* innermost) {
     for (Walk* walk = innermost; walk != nullptr; walk = walk->outer) {
@@ -171,8 +171,8 @@ void Subject::Detach(const ObserverInterface& observer) {
     }
 }
 
-// How far a walk is, the walk itself tells: whatever an observer does to the list while it is called, closing
-// it up included, the walk goes on behind the registration that it called last.
+// Each walk keeps its own position: whatever an observer does to the list while it is called, closing it up
+// included, the walk goes on behind the registration that it called last.
 void Subject::Notify(NotificationInterface& notification) {
     Walk walk{mRegistrations.size(), 0, {}, mInnermostWalk};
     std::size_t empty = 0;

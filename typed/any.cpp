@@ -501,7 +501,7 @@ Any Any::Compose(std::string_view signature, const std::vector<Any>& parts) {
         const std::vector<Any>& parts;
     };
     const Given given{container, contents, parts};
-    // An entry is written as a structure, as there is none without its array.
+    // An entry is written as a structure, because there is no entry without its array.
     const std::string written = container == 'e' ? "(" + contents + ")" : whole;
     Any made = FromMessage(written.c_str(), &given, [](sd_bus_message* message, const void* value) {
         const Given& its = *static_cast<const Given*>(value);

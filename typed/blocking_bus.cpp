@@ -349,7 +349,7 @@ struct ListeningBase::State {
         if (IsUnique()) {
             sender = destination;
         } else {
-            // First what tells of changes, then the question.
+            // First the watch for changes, then the question.
             const std::string rule =
                 "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
                 "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +

@@ -282,7 +282,7 @@ void BusCore::Remove(std::uint64_t id) noexcept {
     }
     if (object.state == Object::State::Announced && !IsRoot(object.path)) {
         const int r = sd_bus_emit_interfaces_removed_strv(mBus, object.path.c_str(), object.names.data());
-        // Without an object manager above there is nobody to be told.
+        // Without an object manager above there is nobody to notify.
         if (r >= 0) {
             ++mRemoved;
         } else if (r != -ESRCH) {

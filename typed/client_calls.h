@@ -19,7 +19,7 @@ struct ClientCalls {
     std::size_t limit = Bus::PENDING_CALLS;
     /// Of wrong replies.
     LogLimit wrongLog;
-    /// Of calls whose failure nobody else is told.
+    /// Of calls whose failure is reported to nobody else.
     LogLimit unsentLog;
 };
 

@@ -34,7 +34,7 @@ public:
     /// Called with the identity, null when it cannot be found out.
     using WhenKnown = UniqueFunction<void(const Identity*)>;
 
-    /// The connection outlives this. `whenKept` is called after each that is kept anew.
+    /// The connection outlives this. `whenKept` is called after each new entry.
     Credentials(sd_bus* bus, std::function<void()> whenKept);
     /// What waits is dropped uncalled.
     ~Credentials();

@@ -89,8 +89,8 @@ bool IsCompleteType(const std::string& type) {
     return !type.empty() && Detail::EndOfType(type, 0) == type.size();
 }
 
-/// The reading of one text. What is made stands in `mRoot`, where a place, once taken, stays until its
-/// element ends.
+/// The reading of one text. The result stands in `mRoot`, where a place, once taken, stays until its element
+/// ends.
 class Reader {
 public:
     Reader(const Expat& expat, std::string_view xml) : mExpat(expat), mXml(xml) {}
@@ -347,8 +347,8 @@ private:
         Refuse("'" + Shown(value) + "' " + complaint);
     }
 
-    /// An entity in the attributes that XML itself does not know. libexpat leaves such ones out of an
-    /// attribute without a word, as they might be declared in the document type that is not fetched.
+    /// An entity in the attributes that XML itself does not know. libexpat leaves it out of an attribute
+    /// without a word, because it might be declared in the document type, which is not fetched.
     std::optional<std::string> FindEntity() const {
         const auto from = static_cast<std::size_t>(mExpat.getByteIndex(mParser));
         std::string_view tag = mXml.substr(from, static_cast<std::size_t>(mExpat.getByteCount(mParser)));

@@ -63,7 +63,7 @@ struct CachedProperties::State final : Stoppable,
 
     enum class Phase {
         Listening,  ///< or about to begin
-        Deaf,       ///< what changes is not told, so that nothing is kept; `status` says why
+        Deaf,       ///< changes are not reported, so that nothing is kept; `status` says why
         Ended,
     };
 
@@ -211,7 +211,7 @@ struct CachedProperties::State final : Stoppable,
             return;
         }
         if (announced.GetStatus() != StatusCode::Ok) {
-            // Logged by the subscription. What is not told of changes is not kept.
+            // Logged by the subscription. Without reports of changes nothing is kept.
             status = announced.GetStatus();
             phase = Phase::Deaf;
             announced.Reset();
@@ -443,7 +443,7 @@ struct CachedProperties::State final : Stoppable,
     std::uint64_t touched = 0;
     std::vector<Question> questions;
     Retry retry;
-    /// That this owner does not tell. Names can come and go fast: a limit bounds what is logged besides.
+    /// That this owner does not answer. Names can come and go fast: a limit bounds what is logged besides.
     bool hasLogged = false;
 };
 

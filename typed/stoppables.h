@@ -8,17 +8,17 @@ namespace mwl::Typed {
 class Stoppables {
 public:
     Stoppables() = default;
-    /// What still waits is in no list any more, and is not told.
+    /// What still waits is in no list any more, and is not notified.
     ~Stoppables();
     Stoppables(const Stoppables&) = delete;
     Stoppables& operator=(const Stoppables&) = delete;
 
     /// Puts it at the end. False, and it does not wait: StopAll has been called. REQUIRES: it is in no list.
     bool Add(Stoppable& waiting) noexcept;
-    /// Tells each, first the one that has waited longest, and takes it out; nothing waits from now on.
+    /// Notifies each, first the one that has waited longest, and takes it out; nothing waits from now on.
     void StopAll() noexcept;
-    /// Tells each that is in the list now, in the same order; those that join meanwhile are left for the next
-    /// time.
+    /// Notifies each that is in the list now, in the same order; those that join meanwhile are left for the
+    /// next time.
     void TellAll() noexcept;
     bool IsEmpty() const noexcept { return mFirst == nullptr; }
 

@@ -26,7 +26,7 @@ struct Local {
     /// The tasks that run, as they lie on the stack, and how many they are.
     Detail::TaskFrame* top = nullptr;
     unsigned depth = 0;
-    /// Those that are done and whose observers are to be told, in order; whether that is under way.
+    /// Those that are done and whose observers are to be notified, in order; whether that is under way.
     Detail::TaskFrame* firstDone = nullptr;
     Detail::TaskFrame* lastDone = nullptr;
     bool isTelling = false;

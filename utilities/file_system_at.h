@@ -37,7 +37,7 @@ enum class CopyAmount {
     OneTransfer,  ///< what a single sendfile(2) transfers, which must be all
     Whole,        ///< until the end of the source
 };
-/// CopyFile. `copy` is the destination, still open; what closing it could tell has been told.
+/// CopyFile. `copy` is the destination, still open; a failure that closing it could report has been reported.
 StatusCode CopyFileAt(const CopyEnd& from, const CopyEnd& to, CopyAmount amount, UniqueFd& copy);
 
 }  // namespace mwl::Utilities

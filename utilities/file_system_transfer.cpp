@@ -99,8 +99,8 @@ StatusCode OpenDestination(const CopyEnd& end, const struct stat& source, Unique
     return StatusCode::Ok;
 }
 
-/// Why a file that tells no size is not the empty one that it seems to be, as those in /proc; 0 when it is.
-/// One that is just being written to has told its size by now.
+/// Why a file that reports no size is not empty as it seems to be, such as a file in /proc; 0 when it is
+/// empty. A file that is just being written to has reported its size by now.
 int FindHiddenContent(int file) {
     char byte = 0;
     const ssize_t count = read(file, &byte, 1);
@@ -165,7 +165,7 @@ StatusCode CopyFileAt(const CopyEnd& from, const CopyEnd& to, CopyAmount amount,
     }
     int error = amount == CopyAmount::Whole ? TransferAll(source.Get(), copy.Get())
                                             : TransferOnce(source.Get(), copy.Get(), information.st_size);
-    // Closing is the last chance of some file systems to tell of a failure. It is told for a second
+    // Closing is the last chance of some file systems to report a failure. They report it for a second
     // descriptor as well, and the source's number is free for that.
     if (error == 0 && (dup3(copy.Get(), source.Get(), O_CLOEXEC) < 0 || close(source.Release()) != 0)) {
         error = errno;

@@ -1,5 +1,5 @@
 // The shared libraries as such, beside sdbus-c++'s: size when stripped, relocations, and what loading costs a
-// program that links one and ends at once. The programs are run in turn.
+// program that links one and ends immediately. The programs are run in turn.
 //   library_comparison [RESULT.json]
 
 #include <elf.h>

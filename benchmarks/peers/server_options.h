@@ -38,7 +38,7 @@ struct ServerOptions {
     int sources = 0;     ///< descriptors watched, which never become ready
 };
 
-/// Processor time of the thread that puts everything on the bus; tells the microseconds on standard output
+/// Processor time of the thread that puts everything on the bus; prints the microseconds on standard output
 /// when it ends.
 class ExportClock {
 public:

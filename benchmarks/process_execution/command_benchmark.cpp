@@ -44,7 +44,7 @@ const Program NOTHING{"/bin/true", {}};
 const Program READER{"/usr/bin/wc", {"-c"}};
 const std::string READER_OUTPUT = std::to_string(AMOUNT) + "\n";
 
-/// The file that the writing program writes: a text, as one of the peers tells no length.
+/// The file that the writing program writes: a text, because one of the peers reports no length.
 class TextFile {
 public:
     TextFile() { std::ofstream(mPath) << std::string(AMOUNT, 'x'); }
@@ -59,7 +59,7 @@ private:
         std::filesystem::temp_directory_path() / ("tern-benchmark-" + std::to_string(getpid()));
 };
 
-// Each runs the program with the input, and tells whether it ended well with an output of so many bytes.
+// Each runs the program with the input, and returns whether it ended well with an output of so many bytes.
 
 /// Writes the input, reads the output to its end and waits; for an input or an output, not for large ones
 /// both.

@@ -1,5 +1,5 @@
-// A device with many extensions on one bus: all of one kind, started at once, then called in turn, then idle.
-// 1, 10 and 50 of them, to see how it grows.
+// A device with many extensions on one bus: all of one kind, started simultaneously, then called in turn,
+// then idle. 1, 10 and 50 of them, to see how it grows.
 //   device_comparison [RESULT.json]
 
 #include <unistd.h>

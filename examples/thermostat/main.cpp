@@ -121,7 +121,7 @@ int Run(const thermostat::Settings& settings) {
         }
     }
     service.JoinThread();
-    // The D-Bus thread has told the workers to stop; one that started late is told here.
+    // The D-Bus thread has asked the workers to stop; a worker that started late is asked here.
     static_cast<void>(workers.Stop());
     static_cast<void>(workers.Destroy());
     return serving && !monitor.HasFailure() ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -81,8 +81,8 @@ std::string Reason(StatusCode status) {
     return status == StatusCode::Timeout ? NO_ANSWER : ConvertStatusCodeToString(status);
 }
 
-/// The same for the outcome of a call: the bus's own errors are told by their cause, the service's as it puts
-/// them.
+/// The same for the outcome of a call: the bus's own errors are described by their cause, the service's are
+/// printed as it puts them.
 std::string Reason(const Typed::Error& error) {
     if (error.GetName() == SD_BUS_ERROR_NO_REPLY && error.GetStatus() == StatusCode::IoError) {
         return NO_BUS;  // it went meanwhile

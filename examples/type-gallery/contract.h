@@ -251,7 +251,7 @@ struct TypeGallery1 {
     static constexpr Typed::Method<void()> Closed{
         "Closed", {}, Typed::Checked(), "For root and for the user of the service."};
 
-    /// The order in which introspection tells them.
+    /// The order in which introspection reports them.
     static constexpr Typed::Members<
         EchoByte, Byte, GotByte, EchoInt16, Int16, GotInt16, EchoUInt16, UInt16, GotUInt16, EchoInt32, Int32,
         GotInt32, EchoUInt32, UInt32, GotUInt32, EchoInt64, Int64, GotInt64, EchoUInt64, UInt64, GotUInt64,

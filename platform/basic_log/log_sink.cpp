@@ -28,11 +28,11 @@ namespace {
 constexpr const char* JOURNAL_SOCKET = "/run/systemd/journal/socket";
 constexpr const char* SYSLOG_SOCKET = "/dev/log";
 
-/// Messages that the sink did not take, as far as nobody was told.
+/// Messages that the sink did not take and that were not reported yet.
 constinit std::atomic<unsigned long> gDropped{0};
 
-/// JOURNAL_STREAM is "device:inode" of the stream that the journal reads; sd_journal_stream_fd(3) tells the
-/// rest.
+/// JOURNAL_STREAM is "device:inode" of the stream that the journal reads; sd_journal_stream_fd(3) describes
+/// the rest.
 bool IsJournalStream() noexcept {
     const char* stream = getenv("JOURNAL_STREAM");  // NOLINT(concurrency-mt-unsafe): once, at first use
     unsigned long long device = 0;
@@ -42,7 +42,7 @@ bool IsJournalStream() noexcept {
            fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-/// Puts `prefix` right in front of the text and `suffix` right behind it, then writes all of it at once.
+/// Puts `prefix` right in front of the text and `suffix` right behind it, then writes all of it in one piece.
 bool WriteFramed(const char* prefix, std::size_t prefixLength, const char* suffix, std::size_t suffixLength,
                  char* text, std::size_t length, Patience& patience) noexcept {
     memcpy(text - prefixLength, prefix, prefixLength);
@@ -102,7 +102,8 @@ Sent SendAsMemoryFile(const iovec* parts, std::size_t count, Patience& patience)
     return sent;
 }
 
-/// Sends the entry by the journal's native protocol; the message carries its length, as it may hold newlines.
+/// Sends the entry by the journal's native protocol; the message carries its length, because it may hold
+/// newlines.
 Sent SendToJournal(int level, const char* text, std::size_t length, Patience& patience) noexcept {
     const Identifier identifier;
     char fields[512];
@@ -183,12 +184,12 @@ bool Deliver(Sink sink, int level, char* text, std::size_t length, Patience& pat
                                    : WriteEscaped(sink, level, text, length, escapedLength, patience);
 }
 
-/// Tells how many messages are missing before the next one. Returns false when the sink does not take that
+/// Reports how many messages are missing before the next one. Returns false when the sink does not take that
 /// either.
 bool TellDropped(Sink sink, Patience& patience) noexcept {
     const unsigned long dropped = gDropped.exchange(0);
     if (dropped == 0) {
-        return true;  // another thread has told it
+        return true;  // another thread has reported it
     }
     char line[FRAME_ROOM + 128 + FRAME_ROOM];
     const int length =

@@ -126,7 +126,7 @@ ssize_t Write(Way way, const char* data, std::size_t size) noexcept {
     return write(STDERR_FILENO, data, size);
 }
 
-/// A file would not say that it has become a pipe: it is looked at once a second.
+/// Nothing reports that a file has been replaced by a pipe: it is looked at every second.
 Way CurrentWay() noexcept {
     const Way way = gWay.load(std::memory_order_relaxed);
     const bool look =

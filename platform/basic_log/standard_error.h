@@ -13,7 +13,8 @@ namespace mwl::Log {
 /// newline, so that it does not continue this one. The byte in front of `line` is writable, for that newline.
 ///
 /// What standard error is (a file, a pipe...) is looked at by the first line, and again when it turns out to
-/// be something else by now, as after dup2(2). Thread-safe without locks or memory, in a forked child too.
+/// be something else by now, for example after dup2(2). Thread-safe without locks or memory, in a forked
+/// child too.
 bool WriteToStandardError(char* line, std::size_t size, Patience& patience) noexcept;
 
 }  // namespace mwl::Log

@@ -145,7 +145,7 @@ private:
         Print(text);
     }
 
-    /// A service may go and come back, or not answer for a while; each state is told once.
+    /// A service may go and come back, or not answer for a while; each state is reported once.
     void Bear(const Failure& failure) {
         const Cause cause = failure.GetCause();
         const bool hasLeft =

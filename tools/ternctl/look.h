@@ -8,7 +8,7 @@ namespace ternctl {
 
 /// What standard output can show.
 struct Look {
-    bool isTerminal = false;  ///< a person sees it at once, and lines can be rewritten
+    bool isTerminal = false;  ///< a person sees it immediately, and lines can be rewritten
     bool isColoured = false;  ///< a terminal, and the person has not set NO_COLOR
     bool isUtf8 = false;      ///< by the locale
     std::size_t columns = 80;

@@ -24,7 +24,7 @@ struct Facts {
 /// Of a reply to GetAll; nothing where it is not of an object with diagnostics.
 std::optional<Facts> ReadFacts(const std::map<std::string, Typed::Any>& properties);
 
-/// A service with diagnostics, by the connection that has its name when this is made: its next life is
+/// A service with diagnostics, by the connection that has its name when this is created: its next life is
 /// another one. Nothing here starts a service. Every operation throws Failure.
 class Service {
 public:

@@ -15,7 +15,7 @@ namespace ternctl {
 struct Found {
     std::string name{};
     std::string owner{};    ///< its connection
-    std::uint32_t pid = 0;  ///< 0: the bus does not tell
+    std::uint32_t pid = 0;  ///< 0: the bus does not report it
     Facts facts{};
 };
 

@@ -22,7 +22,7 @@ class TERN_API CompositeRuntime : public ComponentRuntimeInterface {
 public:
     /// The members in this order. A null one is left out, with an error line, and has no number.
     CompositeRuntime(std::initializer_list<ComponentRuntimeInterface*> members);
-    /// Stops, then destroys; a failing member ends the one pass and the other is made all the same.
+    /// Stops, then destroys; a failing member ends the one pass, and the other pass runs all the same.
     ~CompositeRuntime() override;
     CompositeRuntime(const CompositeRuntime&) = delete;
     CompositeRuntime& operator=(const CompositeRuntime&) = delete;

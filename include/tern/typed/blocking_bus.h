@@ -28,7 +28,7 @@ namespace Detail {
 
 using OwnedMessage = std::unique_ptr<sd_bus_message, Unref>;
 
-/// A call that is to be made.
+/// A call that is to be sent.
 struct BlockingRequest {
     const char* destination;
     const char* path;
@@ -43,7 +43,7 @@ struct BlockingRequest {
 /// Appends the arguments; `index` is that of the one that could not be.
 using ArgumentsWriter = std::function<int(sd_bus_message* message, unsigned& index)>;
 
-/// What of a Listening does not depend on types.
+/// The part of a Listening that does not depend on types.
 class TERN_API ListeningBase {
 protected:
     ListeningBase(std::shared_ptr<BlockingBus> bus, std::string destination, const std::string& path,
@@ -91,7 +91,7 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 ///
 /// Held as `std::shared_ptr<BlockingBus>`, so that several proxies may use one connection. One thread at a
 /// time for all that use the same one; any thread but a D-Bus thread, see `Deadlock` below. Not across
-/// fork(2), but that the child connects again.
+/// fork(2), except that the child connects again.
 ///
 /// Where there is no connection, the outcome of a call, or of Connect, is:
 /// "org.freedesktop.DBus.Error.NoServer": there is no such bus. The text says what a person can look at.
@@ -129,8 +129,8 @@ public:
     /// The connection; null without one. Borrowed until the next operation. For what nothing here does.
     sd_bus* GetBus() const noexcept;
 
-    /// What the calls of BlockingProxy do. The reply, which may be an error; null where none is expected.
-    /// Applications do not need it.
+    /// Used by the calls of BlockingProxy. Returns the reply, which may be an error; null where none is
+    /// expected. Applications do not need it.
     Outcome<Detail::OwnedMessage> Ask(const Detail::BlockingRequest& request,
                                       const Detail::ArgumentsWriter& write);
 
@@ -140,8 +140,9 @@ private:
     const std::unique_ptr<State> mState;
 };
 
-/// The signals of one kind from one object of a peer, from when it was made, by BlockingProxy::Listen, until
-/// it is destroyed: for those that are to be seen whatever they come with, as the end of what a call begins.
+/// The signals of one kind from one object of a peer, from its creation, by BlockingProxy::Listen, until it
+/// is destroyed: for signals that are to be seen whatever they come with, such as the end of what a call
+/// begins.
 ///
 ///     auto exported = room.Listen(Thermostat1::LogExported);
 ///     const Outcome<void> begun = room.Call(Thermostat1::Begin);

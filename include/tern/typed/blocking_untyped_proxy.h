@@ -18,9 +18,9 @@
 
 namespace mwl::Typed {
 
-/// What UntypedProxy is, for command-line tools, main programs and workers: each operation waits for its
-/// answer. Its operations, with their arguments and errors, are those of UntypedProxy, its connection,
-/// threads and limits those of BlockingProxy.
+/// The UntypedProxy of command-line tools, main programs and workers: each operation waits for its answer.
+/// Its operations, with their arguments and errors, are those of UntypedProxy; its connection, threads and
+/// limits are those of BlockingProxy.
 ///
 ///     const BlockingUntypedProxy room("com.example.Thermostat", "/com/example/Thermostat");
 ///     const Outcome<Introspection::Node> what = room.Introspect();

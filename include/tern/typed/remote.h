@@ -14,7 +14,7 @@ class Bus;
 struct ReplyState;
 
 /// An object of a peer: which bus it is on, who has it and where, and how long its answers are waited for.
-/// What a `Proxy` and the calls, futures and subscriptions made with it share; whichever of them is left
+/// Shared by a `Proxy` and the calls, futures and subscriptions created with it; whichever of them is left
 /// keeps it. Held as `std::shared_ptr<Remote>`.
 ///
 /// To make one sends nothing, and nothing is checked: where the name or the path is none, the outcome of a
@@ -42,10 +42,10 @@ public:
 
     /// How long an answer is waited for; TIMEOUT at first.
     std::chrono::milliseconds GetTimeout() const noexcept { return std::chrono::milliseconds(mTimeout); }
-    /// For calls that are made from now on. 0 or less counts as the shortest time there is.
+    /// For calls that are created from now on. 0 or less counts as the shortest time there is.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout.count(); }
 
-    /// What the bus shares with its clients. Never null. Applications do not need it.
+    /// The state that the bus shares with its clients. Never null. Applications do not need it.
     const std::shared_ptr<ReplyState>& GetState() const noexcept { return mState; }
 
 private:

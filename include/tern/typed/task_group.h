@@ -128,7 +128,7 @@ Task<std::remove_cvref_t<AwaitedBy<A>>> AwaitAsTask(A awaitable) {
     co_return co_await std::move(awaitable);
 }
 
-/// A task as it is; whatever else can be awaited gets a coroutine of its own.
+/// A task as it is; any other awaitable gets a coroutine of its own.
 template <class A>
 auto ToTask(A&& awaitable) {
     using Value = std::remove_cvref_t<A>;
