@@ -40,7 +40,7 @@ public:
     /// As given.
     const std::string& GetPath() const noexcept { return mPath; }
 
-    /// How long an answer is waited for; TIMEOUT at first.
+    /// How long an answer is waited for; initially TIMEOUT.
     std::chrono::milliseconds GetTimeout() const noexcept { return std::chrono::milliseconds(mTimeout); }
     /// For calls that are created from now on. 0 or less counts as the shortest time there is.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout.count(); }
