@@ -58,9 +58,9 @@ struct Method {
     std::vector<Argument> arguments;      ///< in order; those in and those out may stand mixed
     std::vector<Annotation> annotations;  ///< in order
 
-    /// Of what a caller sends: the types of the arguments in, one behind the other.
+    /// Of a caller's arguments: their types, one after the other.
     TERN_API std::string GetInSignature() const;
-    /// Of what it answers with.
+    /// Of the results.
     TERN_API std::string GetOutSignature() const;
     /// All is the same.
     bool operator==(const Method&) const = default;
