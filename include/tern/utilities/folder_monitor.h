@@ -40,7 +40,8 @@ namespace mwl::Utilities {
 ///
 /// When `Stop` or the destructor has returned, no callback runs and none is going to, whoever stopped the
 /// watch: objects that the callback uses may be freed. This does not hold when the callback itself made the
-/// call. REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
+/// call.
+/// REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
 ///
 /// The watch is on the file or folder that had the path at `Start`. When it has been removed, or its file
 /// system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps watching
