@@ -201,7 +201,7 @@ def _kind(unit):
 
 
 def _points(item):
-    """(amount, cost) with times in seconds. What is not above zero has no place on a logarithmic scale."""
+    """(amount, cost) with times in seconds. A figure that is not above zero has no place on a logarithmic scale."""
     factor = SECONDS.get(item["unit"], 1)
     pairs = [(float(amount), value * factor) for amount, value in item["points"].items() if value is not None]
     return [(amount, cost) for amount, cost in pairs if amount > 0 and cost > 0]

@@ -43,13 +43,13 @@ private:
     const std::size_t mLength;
 };
 
-/// What a basic type is read into, stored as, and how it is logged.
+/// Of a basic type: what it is read into and stored as, and how it is logged.
 template <char Type>
 struct BasicType;
 
-// The operation, and the two messages, whole but for its name, so that a logged line is found here. `shown`
-// is the value as the second one takes it. The log calls are not inlined: they hold texts, and readers call
-// each other.
+// The operation, and the two messages, whole except for its name, so that a logged line is found here.
+// `shown` is the value as the second one takes it. The log calls are not inlined: they hold texts, and
+// readers call each other.
 #define TERN_BASIC_TYPE(letter, operation, Wire, Stored, failureFormat, LEVEL, valueFormat, shown)    \
     template <>                                                                                       \
     struct BasicType<letter> {                                                                        \

@@ -13,7 +13,7 @@ namespace mwl::KnownObjects {
 // Kept always, because creating and destroying them is rare: a lock and a row, no memory from the heap.
 // Nobody follows the addresses.
 
-/// What an object is.
+/// The kind of an object.
 enum class Kind : std::uint8_t { Supervised = 1, Watched, Pool, Component, Timer, ShortPeriodTimer, Pipe };
 
 /// The number of rows. An object that is created while all are taken is not known; see GetMissed.

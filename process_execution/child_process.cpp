@@ -23,13 +23,13 @@ constexpr int START_LIMIT_MS = 100;
 
 enum class Stage : int { Stdin, Stdout, Stderr, Execute };
 
-/// What a child that cannot execute sends to its parent.
+/// The message of a child that cannot execute to its parent.
 struct StartFailure {
     Stage stage;
     int error;
 };
 
-/// What the child works with.
+/// The data of the child.
 struct Plan {
     const char* path;
     char* const* argv;

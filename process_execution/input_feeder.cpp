@@ -22,13 +22,13 @@ namespace {
 /// cache when it is written.
 constexpr std::size_t WINDOW = 1024UL * 1024;
 
-/// What a pipe holds by default.
+/// The capacity of a pipe by default.
 constexpr std::size_t PIPE_SIZE = 64UL * 1024;
 /// The capacity that it gets for a longer input, so that feeder and program wait for each other more seldom.
 constexpr int LARGE_PIPE_SIZE = 256 * 1024;
 
 /// write(2) that answers EPIPE without a SIGPIPE: the signal, which goes to the writing thread, is held off
-/// and taken back. One that was pending before is not ours and stays. No other thread and no handler is
+/// and taken back. A signal that was pending before is not ours and stays. No other thread and no handler is
 /// touched.
 ssize_t WriteWithoutSigpipe(int fd, const char* data, std::size_t size) {
     sigset_t sigpipe;

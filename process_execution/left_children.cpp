@@ -23,7 +23,7 @@ constexpr int FIELDS_BEFORE_START_TIME = 19;
 
 std::atomic<LeftChild*> gFirst{nullptr};
 
-/// What has been taken is the caller's: nobody else looks at it.
+/// The list that has been taken is the caller's: nobody else looks at it.
 LeftChild* TakeAll() noexcept {
     return gFirst.exchange(nullptr, std::memory_order_acquire);
 }

@@ -13,8 +13,8 @@
 namespace mwl::ProcessExecution {
 
 /// Watches a started program until it has ended or its time is up, feeding its input and reading its output
-/// meanwhile. The time limit counts from the construction. What it refers to must outlive it. One thread at a
-/// time.
+/// meanwhile. The time limit counts from the construction. The objects that it refers to must outlive it. One
+/// thread at a time.
 class Supervisor {
 public:
     /// `name` is for the messages.

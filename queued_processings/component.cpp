@@ -141,7 +141,7 @@ void Component::ThreadMain(const std::string& name, const std::string& threadNam
         try {
             Execute(threadManager, executor);
         } catch (const std::exception& exception) {
-            // What is no std::exception is not caught: it ends the process (std::terminate).
+            // Any other exception is not caught: it ends the process (std::terminate).
             TERN_TELL_NAMED(Thrown, thrown, static_cast<const void*>(&threadManager), 0, exception.what());
             TERN_LOG_ERROR(LOGGER, "%s: caught exception [%s], restart the extension", "ThreadMain",
                            exception.what());

@@ -27,7 +27,7 @@ StatusCode ThreadManager::Wait() {
     {
         Threading::Lock lock(mMutex);
         if ((mWait.load(std::memory_order_relaxed) & WAIT_NEEDED) != 0) {
-            // No loop: a wake-up for no reason costs one run with nothing to do.
+            // No loop: a wake-up without a reason costs one run with nothing to do.
             status = mCondition.Wait(lock);
         }
         mWait.fetch_or(WAIT_NEEDED, std::memory_order_acq_rel);

@@ -48,7 +48,7 @@ Run BeginRun() {
 class BusWitness {
 public:
     explicit BusWitness(sd_bus* bus) {
-        // One that an exception passed through has lost references of its own.
+        // A connection that an exception passed through has lost references of its own.
         if (bus == nullptr || sd_bus_get_current_message(bus) != nullptr) {
             return;
         }
@@ -71,7 +71,7 @@ void TellState(const char* state) {
     TERN_TELL_NAMED(StateChanged, state_changed, NO_OBJECT, 0, state);
 }
 
-// What is thrown in a step is logged and counts as its failure.
+// An exception of a step is logged and counts as the failure of the step.
 
 StatusCode InitializeService(Service& service) {
     return Contain(

@@ -125,7 +125,7 @@ UncaughtLog::UncaughtLog() {
 UncaughtLog::~UncaughtLog() {
     tIsGuarded = false;
     const std::lock_guard lock(gMutex);
-    // One that the application has set meanwhile stays.
+    // A handler that the application has set meanwhile stays.
     if (--gThreads == 0 && std::get_terminate() == OnTerminate) {
         std::set_terminate(gFormer);
     }

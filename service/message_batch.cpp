@@ -46,7 +46,7 @@ void MessageBatch::Handle(sd_event* loop) {
     tIsLast = false;
     while (r > 0 && handled < MESSAGES &&
            (handled == 0 || (!tIsLast && Clock::now() < end && !IsEnding(loop)))) {
-        // What a handler throws passes through.
+        // Exceptions of a handler pass through.
         r = sd_bus_process(mBus, nullptr);
         handled += r > 0 ? 1 : 0;
     }

@@ -42,7 +42,7 @@ ssize_t WriteAndTell(const void* pipe, int fd, const void* data, std::size_t siz
     return written;
 }
 
-/// What Close takes out of a pipe and puts back.
+/// The messages that Close takes out of a pipe and puts back.
 class Content {
 public:
     /// Holds nothing. Has room for two takings: what was in the pipe, and what one more write added.
@@ -133,8 +133,8 @@ StatusCode MessagePipe::WriteMessage(const void* data, unsigned int size) {
     if (mIsClosed) {
         mOvertaken = static_cast<unsigned int>(std::max(written, static_cast<ssize_t>(0)));
         lock.unlock();
-        // Close is under way and has the last word. Whoever waited in write(2) was let go by it, so success
-        // means nothing yet.
+        // Close is under way and has the last word. It has let go every writer that waited in write(2), so
+        // success means nothing yet.
         std::unique_lock closing(mReadMutex);
         const bool isWritten = error == 0 && !mIsRevoked;
         closing.unlock();

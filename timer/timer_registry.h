@@ -56,8 +56,8 @@ public:
     static std::optional<Expiry> ExpiryIn(unsigned int periodMs, bool periodic);
     /// The token as it travels with a notification.
     static sigval ToValue(Token token);
-    /// The notification function to be given to timer_create(2), with the token as its value. What the
-    /// callback throws ends the process, as on any thread: there is no caller to whom it could go.
+    /// The notification function to be given to timer_create(2), with the token as its value. An exception of
+    /// the callback ends the process, as on any thread: there is no caller to whom it could go.
     static void Notify(sigval token) noexcept;
 
 private:

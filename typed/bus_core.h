@@ -26,9 +26,9 @@
 
 namespace mwl::Typed {
 
-/// What a Bus is inside: the objects, the end of a turn, and the end of the loop.
+/// The inside of a Bus: the objects, the end of a turn, and the end of the loop.
 ///
-/// D-Bus thread only, but for the constructor and the destructor of one that is closed.
+/// D-Bus thread only, except for the constructor and the destructor of a closed one.
 class BusCore final : public Attachment {
 public:
     BusCore();
@@ -96,7 +96,7 @@ private:
     };
     using Objects = std::list<Object>;
 
-    /// What belongs to connection and loop.
+    /// The objects that belong to connection and loop.
     struct Session {
         Session(BusCore& core, sd_event* loop);
 
@@ -136,7 +136,7 @@ private:
     Objects mObjects;
     std::unordered_map<std::uint64_t, Objects::iterator> mById;
     std::uint64_t mNextId = 1;
-    /// Those to be announced, in order; some may have gone.
+    /// The objects to be announced, in order; some may have gone.
     std::vector<std::uint64_t> mNew;
     /// Removed in this turn: one of their handlers may be running.
     Objects mGraves;

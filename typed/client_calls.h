@@ -9,7 +9,7 @@
 
 namespace mwl::Typed {
 
-/// What the calls count that go from here to peers. D-Bus thread only.
+/// The counters of calls from here to peers. D-Bus thread only.
 struct ClientCalls {
     std::uint64_t sent = 0;
     std::uint64_t unsent = 0;

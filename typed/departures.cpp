@@ -74,7 +74,7 @@ void Departures::Release() noexcept {
         r = r < 0 ? r : sd_event_source_set_enabled(mLinger.get(), SD_EVENT_ONESHOT);
     }
     if (r < 0) {
-        mMatch.reset();  // as good, but for the cost of the next one
+        mMatch.reset();  // as good, except for the cost of the next one
     } else {
         mIsLingering = true;
     }

@@ -54,7 +54,7 @@ const NamedElement& Describe(Element element) {
     return ELEMENTS[static_cast<std::size_t>(element)];  // of Other there is none, and nobody asks
 }
 
-/// What a peer wrote, as an error shows it: its beginning, without control characters.
+/// A peer's text, as an error shows it: its beginning, without control characters.
 std::string Shown(std::string_view text) {
     constexpr std::size_t LONGEST = 60;
     std::string shown(text.substr(0, LONGEST));
@@ -81,7 +81,7 @@ bool IsAnyInterfaceName(const std::string& name) {
 bool IsRelativePath(const std::string& name) {
     return IsObjectPath("/" + name) && !name.empty();
 }
-/// Those in use are named like interfaces, but for their '-'.
+/// The annotations in use are named like interfaces, except for their '-'.
 bool IsAnnotationName(const std::string& name) {
     return !name.empty() && name.size() <= 255 && name.find_first_of(" \t\r\n") == std::string::npos;
 }

@@ -122,7 +122,7 @@ void NameOwner::SetOwner(std::string owner) {
 }
 
 void NameOwner::Tell() {
-    // Those that begin meanwhile know the state already.
+    // Listeners that begin meanwhile know the state already.
     const std::uint64_t end = mNextId;
     for (auto next = mListeners.begin(); next != mListeners.end() && next->first < end;) {
         const std::uint64_t id = next->first;

@@ -17,8 +17,8 @@ namespace mwl::Typed {
 /// Debug builds check that the calling thread is the D-Bus thread, as long as the bus is open.
 void AssertDBusThread(const ReplyState& state) noexcept;
 
-/// Who owns a name of the bus, a well-known or a unique one. One for each name of a connection, shared by all
-/// that need to know.
+/// The owner of a name of the bus, a well-known or a unique one. There is one NameOwner for each name of a
+/// connection, shared by all that need it.
 ///
 /// The connection listens first and asks then, and both only send. The message bus answers in order: so
 /// whoever subscribes to signals of the name after Of() knows the owner before the first of them arrives, and

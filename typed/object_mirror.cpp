@@ -38,7 +38,7 @@ constexpr std::size_t REMEMBERED = 4096;
 /// beginning of its interface.
 constexpr unsigned LEFT_OUT = 64;
 
-/// What every object has. Peers name these when objects come, but not when they go.
+/// The interfaces of every object. Peers name these when objects come, but not when they go.
 bool IsOfEveryObject(std::string_view interface) {
     constexpr std::array<std::string_view, 4> ALL{"org.freedesktop.DBus.Peer",
                                                   "org.freedesktop.DBus.Introspectable",
@@ -280,7 +280,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             return;
         }
         if (r < 0) {
-            // Those that were read are there, and will not be reported again.
+            // Objects that were read are there, and will not be reported again.
             AskAgainLater(StatusOfReading(r), ErrorText(-r));
             return;
         }
@@ -334,8 +334,8 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         return r;
     }
 
-    /// Reads "oa{sa{sv}}". What is gone since it was asked for is not in an answer any more. Negative: from
-    /// there on it cannot be read, and an interface whose values cannot be read is not reported.
+    /// Reads "oa{sa{sv}}". An object that has gone since the question is not in an answer any more. Negative:
+    /// from there on it cannot be read, and an interface whose values cannot be read is not reported.
     int AddObject(sd_bus_message* message, bool isAnswer) {
         const char* text = nullptr;
         int r = sd_bus_message_read_basic(message, 'o', &text);
@@ -460,7 +460,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     Subscription added;
     Subscription removed;
     BusSlot question;
-    /// What was removed since the question.
+    /// Interfaces that were removed since the question.
     std::set<std::pair<std::string, std::string>> gone;
     /// More was removed than is remembered.
     bool isOld = false;

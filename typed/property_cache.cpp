@@ -338,8 +338,8 @@ struct CachedProperties::State final : Stoppable,
         return place;
     }
 
-    /// Reads the dictionary that is behind `before` other values, but for the properties in `left`. Returns
-    /// those that are another now. `error` is negative when not all could be read, else 0.
+    /// Reads the dictionary that comes after `before` other values, except for the properties in `left`.
+    /// Returns the properties that have changed. `error` is negative when not all could be read, else 0.
     std::uint64_t ReadValues(sd_bus_message* message, unsigned before, std::uint64_t left, int& error) {
         std::uint64_t changed = 0;
         int r = sd_bus_message_enter_container(message, 'a', ENTRY);
@@ -404,7 +404,7 @@ struct CachedProperties::State final : Stoppable,
         }
         return r;
     }
-    /// What is in the value is not for the log.
+    /// The content of the value is not for the log.
     [[gnu::cold]] void Drop(std::size_t place, const char* found) {
         ++Bus().watching.wrongProperties;
         unsigned long omitted = 0;

@@ -15,8 +15,9 @@ namespace mwl::Typed {
 
 class BusCore;
 
-/// What the bus shares with the tokens that other threads hold: of calls (Reply) and of objects (Exported).
-/// The dispatcher and the calls have their own locks; all else is the D-Bus thread's.
+/// The state that the bus shares with the tokens that other threads hold: of calls (Reply) and of objects
+/// (Exported). The dispatcher and the calls have their own locks; everything else belongs to the D-Bus
+/// thread.
 struct ReplyState {
     Dispatcher dispatcher;
     PendingCalls calls;

@@ -7,7 +7,7 @@
 
 namespace mwl::Typed {
 
-/// What sd-bus could not do with a message or a connection, a negative error number.
+/// A failure of sd-bus with a message or a connection, a negative error number.
 StatusCode StatusOfSending(int error) noexcept;
 /// The call could not be sent; `error` says why.
 Error ErrorOfSending(int error);

@@ -4,11 +4,11 @@
 
 namespace mwl::Typed {
 
-/// What waits on a bus, in the order in which it began to. D-Bus thread only.
+/// The waiting objects of a bus, in the order in which they began to wait. D-Bus thread only.
 class Stoppables {
 public:
     Stoppables() = default;
-    /// What still waits is in no list any more, and is not notified.
+    /// Objects that still wait are in no list any more, and are not notified.
     ~Stoppables();
     Stoppables(const Stoppables&) = delete;
     Stoppables& operator=(const Stoppables&) = delete;

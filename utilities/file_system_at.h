@@ -9,8 +9,8 @@
 
 namespace mwl::Utilities {
 
-/// What operations of FileSystem do, on descriptors, for those that work in a tree. `path` is what messages
-/// call the entry; messages and results are those of the operation of that name.
+/// The operations of FileSystem on descriptors, for those that work in a tree. `path` is the entry's name in
+/// messages; messages and results are those of the operation of that name.
 
 struct FolderRequest {
     int at;

@@ -30,7 +30,7 @@ public:
     FolderCopy(const std::string& source, const std::string& destination, CopyAmount amount)
         : mAmount(amount), mFromPath(source), mToPath(destination), mIsSourceFolder(source.ends_with('/')) {}
 
-    /// What CopyFolderContent returns.
+    /// The result of CopyFolderContent.
     StatusCode Run(bool includeFolders, bool includeFiles);
     /// Of everything that was to be copied: the first failure, or Ok.
     StatusCode FirstFailure() const { return mFirstFailure; }

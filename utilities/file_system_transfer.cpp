@@ -27,7 +27,7 @@ namespace {
 /// of a copy set its owner and rights afterwards.
 constexpr mode_t COPY_MODE = 644;
 
-/// What one call of sendfile(2) transfers at most.
+/// The most that one call of sendfile(2) transfers.
 constexpr std::size_t LARGEST_TRANSFER = 0x7ffff000;
 constexpr std::size_t CHUNK_SIZE = 16384;
 
@@ -89,7 +89,7 @@ StatusCode OpenDestination(const CopyEnd& end, const struct stat& source, Unique
         return FailedToOpen(end.path, EINVAL);
     }
     if (!S_ISREG(former.st_mode)) {
-        // What is no regular file has no content to lose, and takes what comes as slowly as it likes.
+        // A special file has no content to lose, and takes data as slowly as it likes.
         const bool isTaken = end.isTrusted && fcntl(file.Get(), F_SETFL, 0) == 0;
         return isTaken ? StatusCode::Ok : FailedToOpen(end.path, end.isTrusted ? errno : EINVAL);
     }
@@ -133,7 +133,7 @@ int TransferAll(int from, int to) {
     if (count < 0 && errno != EINVAL && errno != ENOSYS) {
         return errno;
     }
-    // What sendfile(2) cannot take, and the proof that it took everything.
+    // For the rest that sendfile(2) cannot take, and as the proof that it took everything.
     std::array<char, CHUNK_SIZE> chunk;
     while (true) {
         count = read(from, chunk.data(), chunk.size());

@@ -70,7 +70,7 @@ double CountPacked(const char* table, std::size_t size) {
     return count;
 }
 
-/// What the sections that a program needs at run time end at, as strip(1) leaves it but for the section
+/// The end of the sections that a program needs at run time, as strip(1) leaves it except for the section
 /// headers, and the entries of the relocation tables.
 Library Inspect(const std::string& path) {
     std::ifstream file(path, std::ios::binary);

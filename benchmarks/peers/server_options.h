@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-/// What a server of the comparisons is asked to be: SERVER BUS-NAME [OBJECTS INTERFACES MATCHES SOURCES]. All
+/// The arguments of a server of the comparisons: SERVER BUS-NAME [OBJECTS INTERFACES MATCHES SOURCES]. All
 /// servers answer the same method, Echo(s) -> s, on each interface of each object, and end on SIGTERM.
 struct ServerOptions {
     ServerOptions(int argc, char* argv[]) {

@@ -1,4 +1,4 @@
-// What a run of a program costs beside posix_spawn(3) with a plain loop, GLib and Boost.Process: a program
+// The cost of a run of a program beside posix_spawn(3) with a plain loop, GLib and Boost.Process: a program
 // that does nothing, 100 MiB of output, 100 MiB of input. A large process forks slowly, so the first is
 // measured with 256 MiB of memory in use as well.
 
@@ -138,7 +138,7 @@ bool RunGlib(const Program& program, const std::string& /*input*/, std::size_t o
     return done;
 }
 
-/// What GLib has for an input: GSubprocess.
+/// GLib's way for an input: GSubprocess.
 bool RunGlibWithInput(const Program& program, const std::string& input, std::size_t outputSize) {
     const std::vector<char*> argv = GlibArguments(program);
     constexpr auto FLAGS = static_cast<GSubprocessFlags>(

@@ -129,7 +129,7 @@ public:
     bool TryRun() { return sd_event_run(mEvent, 0) > 0; }
 
 private:
-    /// What a pipe of 64 KiB holds.
+    /// The number of messages that a pipe of 64 KiB holds.
     static constexpr std::size_t PIPE_MESSAGES = 65536 / sizeof(Message);
 
     void Take() {

@@ -72,7 +72,7 @@ int Run(const thermostat::Settings& settings) {
     thermostat::Sampling sampling(settings.samplingMs, [&control] { control.WakeUp(); });
     mw::tern::CompositeRuntime workers{&pool, &control, &sampling};
 
-    // What the bus shows and may ask for; all of it runs on the D-Bus thread.
+    // The extension's side of the bus: all of it runs on the D-Bus thread.
     mwl::Typed::Bus bus;
     thermostat::LogExporter exporter(pool, bus, settings.logFolder, settings.stateFolder);
     thermostat::ThermostatInterface::Actions actions;

@@ -64,7 +64,7 @@ constexpr const char* REFUSED_BY_POLICY =
     "the bus's policy refuses it: root and members of the group tern-thermostat may";
 constexpr const char* NO_ANSWER = "the thermostat does not answer";
 
-/// What a person can act on, where there is only a status: most failures have one of a few causes.
+/// A hint to act on, where there is only a status: most failures have one of a few causes.
 std::string Reason(StatusCode status) {
     mw::tern::DBusClientManager manager;
     std::set<std::string> names;

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the gallery offers on the bus, described once: the values, then the interface. The compiler makes the
+// The gallery's interface on the bus, described once: the values, then the interface. The compiler makes the
 // service's vtable from it, and a client that includes this header is checked against it as well.
 
 #include <tern/typed/codec.h>
@@ -267,7 +267,7 @@ struct TypeGallery1 {
         ALL{};
 };
 
-/// What the objects are that Add makes.
+/// The interface of the objects that Add creates.
 struct TypeGalleryItem1 {
     static constexpr const char* NAME = "com.example.TypeGalleryItem1";
 

@@ -13,7 +13,7 @@ namespace {
 constexpr int MOST_MS = 1000;
 constexpr int LEAST_MS = 10;
 
-/// What a message may wait; 0 after a wait in vain.
+/// The time that a message may wait; 0 after a wait in vain.
 constinit std::atomic<int> gLimitMs{MOST_MS};
 
 std::int64_t NowMs() noexcept {

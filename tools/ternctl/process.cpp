@@ -31,9 +31,9 @@ using mwl::Diagnostics::RingReader;
 namespace {
 
 constexpr std::uint64_t NS_PER_US = 1000;
-/// What /proc says of a descriptor of such a memory.
+/// The text of /proc for a descriptor of such a memory.
 constexpr std::string_view LINK = "/memfd:tern-flight (deleted)";
-/// Whoever has more of them wants to keep us busy.
+/// A process that has more of them wants to keep us busy.
 constexpr std::size_t MOST_MEMORIES = 16;
 
 std::string Named(std::uint32_t pid) {

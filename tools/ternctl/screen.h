@@ -9,7 +9,8 @@
 namespace ternctl {
 
 /// The whole terminal, as long as it exists: pages replace each other, and keys arrive immediately and
-/// unseen. REQUIRES: standard input and output are a terminal.
+/// unseen.
+/// REQUIRES: standard input and output are a terminal.
 class Screen {
 public:
     /// Throws Failure.

@@ -13,7 +13,7 @@ namespace ternctl {
 
 namespace Diagnostics = mwl::Diagnostics;
 
-/// What everybody may read of a service.
+/// The figures of a service that everybody may read.
 struct Facts {
     std::string version{};
     std::string ended{};  ///< kind of the former life's end

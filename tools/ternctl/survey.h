@@ -19,7 +19,7 @@ struct Found {
     Facts facts{};
 };
 
-/// Who is on the bus.
+/// The services on the bus.
 struct Survey {
     std::vector<Found> services{};          ///< with diagnostics, by name
     std::vector<std::string> unanswered{};  ///< names that did not answer in time: nobody knows

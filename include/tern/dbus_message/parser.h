@@ -9,8 +9,8 @@ struct sd_bus_message;
 
 namespace mw::tern::DBusMessage {
 
-/// Reads a sealed sd-bus message and flattens what it finds into a ValuesList; base of the signature parsers,
-/// which read a whole body at once and are what most code wants.
+/// Reads a sealed sd-bus message and flattens its values into a ValuesList; base of the signature parsers,
+/// which read a whole body in one call and suit most code.
 ///
 /// Every value's key is the names on the way to it, each behind KEY_SEPARATOR: an entry "Volume" of a
 /// top-level a{sv} is stored as "_Volume", an entry "Port" of a dictionary in the entry "Network" as

@@ -34,8 +34,8 @@ public:
     /// Destroys the initialised members, last first. The first failure ends the pass and its status is
     /// returned without a message; the member stays counted, and another call tries it again.
     StatusCode Destroy() override;
-    /// As Initialize, for starting. Whether the members were initialised is not looked at: that is the
-    /// caller's order to keep.
+    /// As Initialize, for starting. It does not check whether the members were initialised: the caller keeps
+    /// this order.
     StatusCode Start() override;
     /// As Destroy, for stopping.
     StatusCode Stop() override;

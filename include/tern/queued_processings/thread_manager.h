@@ -55,7 +55,7 @@ private:
     bool mRunning = true;  ///< guarded by mMutex
     Threading::Mutex mMutex{Protocol::PriorityInheritance};
     Threading::ConditionVariable mCondition;
-    /// Set and cleared under mMutex, but for the end of WAKING. Each change and each look is a
+    /// Set and cleared under mMutex, except for the end of WAKING. Each change and each look is a
     /// read-modify-write, so that the run sees what was done before every wake-up that it answers.
     std::atomic<unsigned char> mWait{WAIT_NEEDED};
     /// Held by a wake-up from before the change that it is about until the thread is signalled; locked before

@@ -65,8 +65,8 @@ public:
     /// -1 before Initialize and after Close. Borrowed.
     int GetWriteFd() const { return mWriteFd; }
 
-    /// Writes one message of `size` bytes with one write(2), which blocks while the pipe is full (64 KiB as a
-    /// rule, see pipe(7)) and holds up the other writers meanwhile. Beware of a reader that writes to its own
+    /// Writes one message of `size` bytes with one write(2), which blocks while the pipe is full (usually 64
+    /// KiB, see pipe(7)) and holds up the other writers meanwhile. Beware of a reader that writes to its own
     /// full pipe: it waits for itself.
     ///
     /// A signal ends only the wait of the writer that is in write(2): one that comes a moment before, or to a

@@ -11,7 +11,7 @@ namespace mw::tern {
 ///
 /// Order: `BlockSignalsForRunningThread` on the main thread before any other thread exists, so that all
 /// inherit the mask; then on the D-Bus thread `Init`, whatever is to be attached, and `Run`, once. Loop
-/// thread only, but for the first. Failures are logged with the logger name "Service".
+/// thread only, except for the first. Failures are logged with the logger name "Service".
 class TERN_API ServiceMainLoop : public EventLoop {
 public:
     /// Blocks SIGTERM and SIGINT for the calling thread (pthread_sigmask(3)), because sd-event takes signals

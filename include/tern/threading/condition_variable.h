@@ -54,8 +54,8 @@ public:
     /// Waits until the predicate holds, at most `timeoutMs` milliseconds in all; 0 and below do not wait. The
     /// predicate is called with the mutex held, the first time before any waiting. Ok when it holds; Timeout
     /// when the time is up: the predicate is not called again then, so the end of the time wins over a
-    /// predicate that came true at the same moment. Another failure of the wait is returned as it is. Throws
-    /// std::bad_function_call for an empty predicate; exceptions of the predicate pass through.
+    /// predicate that came true at the same moment. Another failure of the wait is returned as it is.
+    /// Throws std::bad_function_call for an empty predicate; exceptions of the predicate pass through.
     StatusCode WaitFor(Lock& lock, int timeoutMs, std::function<bool()> predicate);
 
     /// The instant of CLOCK_MONOTONIC that lies `timeoutMs` milliseconds ahead; a negative number counts as

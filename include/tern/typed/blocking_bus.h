@@ -81,9 +81,9 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 /// A connection of one's own to a message bus, for command-line tools, main programs and workers that have
 /// nothing else to do than to wait for an answer. Services use `Proxy`, which does not block.
 ///
-/// To make one does nothing; it connects with the first call. When the connection is lost, the call that
-/// waits ends, and the next one connects again. While it waits it takes in what else is sent to it and drops
-/// it, so that nobody can make the process grow by sending to it; between calls nothing is taken in.
+/// Its creation does nothing; it connects with the first call. When the connection is lost, the call that
+/// waits ends, and the next one connects again. While it waits it takes in other messages to it and drops
+/// them, so that nobody can make the process grow by sending to it; between calls nothing is taken in.
 ///
 /// Every operation blocks, at most for its limit, the time for connecting included. It is no point of
 /// cancellation, and that the calling thread is to stop does not end it: in a supervised thread the limit has
@@ -166,8 +166,8 @@ public:
         : ListeningBase(std::move(bus), std::move(destination), path, interface, member, limit),
           mSignature(signature) {}
 
-    /// Whether it listens, or why it does not, which Next reports as well: the errors of BlockingBus, or what
-    /// the message bus refused it with.
+    /// Whether it listens, or why it does not, which Next reports as well: the errors of BlockingBus, or the
+    /// error with which the message bus refused it.
     Outcome<void> GetState() const { return ListeningBase::GetState(); }
     /// The values of the next signal, waited for at most for `limit`; 0 for one that is there already, behind
     /// 64 other messages at most.

@@ -193,7 +193,7 @@ public:
     BlockingProxy(std::shared_ptr<BlockingBus> bus, std::string destination, std::string path)
         : mTarget{std::move(bus), std::move(destination), std::move(path)} {}
 
-    /// The same with another limit for each of its operations; Remote::TIMEOUT at first, 5 s. 0 or less
+    /// The same with another limit for each of its operations; initially Remote::TIMEOUT, 5 s. 0 or less
     /// counts as the shortest time there is, Remote::NO_LIMIT as none.
     [[nodiscard]] BlockingProxy Within(std::chrono::milliseconds limit) const {
         BlockingProxy other(*this);

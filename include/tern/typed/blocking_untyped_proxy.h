@@ -45,7 +45,7 @@ public:
     /// As UntypedProxy::Introspect.
     Outcome<Introspection::Node> Introspect() const;
 
-    /// The same with another limit for each of its operations; Remote::TIMEOUT at first, 5 s. 0 or less
+    /// The same with another limit for each of its operations; initially Remote::TIMEOUT, 5 s. 0 or less
     /// counts as the shortest time there is, Remote::NO_LIMIT as none.
     [[nodiscard]] BlockingUntypedProxy Within(std::chrono::milliseconds limit) const;
     /// The limit of this one's operations from now on.

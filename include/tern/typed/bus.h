@@ -97,8 +97,8 @@ private:
 /// | Flush                                     | nothing        | yes  | nothing        |
 /// | Close                                     | nothing        | yes  | nothing        |
 ///
-/// D-Bus thread only, but for Post, the constructor, and the destructor of one that is closed. Debug builds
-/// check that. Manager and loop outlive the time until Close.
+/// D-Bus thread only, except Post, the constructor, and the destructor of a closed bus. Debug builds check
+/// this. Manager and loop outlive the time until Close.
 class TERN_API Bus {
 public:
     /// Limits, unless set otherwise.

@@ -61,7 +61,7 @@ protected:
     CallBase(CallBase&& other) noexcept;
     ~CallBase();
 
-    /// Of one that has not been sent.
+    /// Of a call that has not been sent.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept {
         if (mPhase == Phase::New) {
             mTimeout = timeout;
@@ -128,9 +128,9 @@ private:
     Error GetFailure() const;
 
     std::shared_ptr<const Remote> mRemote;
-    /// Of a new one the call; of one that is answered the reply, if it was kept.
+    /// Of a new call: the call's message. Of an answered one: the reply, if it was kept.
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
-    /// Of one that waits.
+    /// Of a call that waits.
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
     /// Of Cause::Reason.
     std::unique_ptr<Error> mReason;
@@ -277,8 +277,8 @@ public:
     Call& operator=(Call&&) = delete;
     ~Call() = default;
 
-    /// How long the reply is waited for, instead of what the proxy says. 0 or less counts as the shortest
-    /// time there is, above ten years as no limit.
+    /// How long the reply is waited for, instead of the proxy's limit. 0 or less counts as the shortest time
+    /// there is, above ten years as no limit.
     Call& Within(std::chrono::milliseconds limit) & noexcept {
         SetTimeout(limit);
         return *this;
@@ -316,7 +316,7 @@ public:
         return Pending(std::move(call));
     }
 
-    /// Of the coroutine that awaits it: it always asks for what comes.
+    /// Of the coroutine that awaits it, which always asks for the outcome.
     bool await_ready() const noexcept { return false; }
     /// Sends it. Where that fails the coroutine goes on immediately.
     bool await_suspend(std::coroutine_handle<> waiting) noexcept {

@@ -98,8 +98,7 @@ public:
     /// Takes a place. Throws std::bad_alloc.
     static Place Reserve();
 
-    /// Whether the calling thread is the one that opened this, also after Close; false for every thread
-    /// before.
+    /// Whether the calling thread has opened this, also after Close; false for every thread before.
     bool IsHere() const noexcept;
 
     /// Ok while it is open; NotInitialized before; Stopping once it has closed.

@@ -26,7 +26,7 @@ using mw::tern::StatusCode;
 /// "org.freedesktop.DBus.Error.Failed" and put in front of the text; in the text each byte that is not part
 /// of UTF-8 text is replaced by a question mark, as is NUL.
 ///
-/// A value: immutable but for assignment, any thread. Making one allocates and may throw std::bad_alloc.
+/// A value: immutable except by assignment, any thread. Its creation allocates and may throw std::bad_alloc.
 class TERN_API Error {
 public:
     /// `name` has at least two parts, of letters, digits and underscores, as in "com.example.Error.TooHot".

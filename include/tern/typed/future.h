@@ -69,8 +69,8 @@ public:
 }  // namespace Detail
 
 /// The outcome of a call that another thread makes (Proxy::CallFromWorker): a worker waits for it while the
-/// D-Bus thread sends the call and takes the reply. To destroy it cancels the call in each of its states,
-/// also one that waits to be sent; no limit refuses that.
+/// D-Bus thread sends the call and takes the reply. Its destruction cancels the call in each of its states,
+/// also while the call waits to be sent; no limit refuses this.
 ///
 ///     Future<std::string> path = mRoom.CallFromWorker(Thermostat1::ExportLog, "pw");
 ///     Outcome<std::string> outcome = path.Wait(3s);

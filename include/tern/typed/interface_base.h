@@ -21,7 +21,7 @@ class Attachment;
 /// attached to, and the properties whose changes wait to be announced. Applications derive from `Implements`,
 /// which derives from this.
 ///
-/// D-Bus thread only. The owner is whoever exports it; it is detached by then when it is destroyed.
+/// D-Bus thread only. The owner is whoever exports it, and detaches it before it is destroyed.
 class TERN_API InterfaceBase : public mw::tern::DBusInterface {
 public:
     /// An interface has at most so many properties that announce their changes.

@@ -58,9 +58,9 @@ struct Method {
     std::vector<Argument> arguments;      ///< in order; those in and those out may stand mixed
     std::vector<Annotation> annotations;  ///< in order
 
-    /// Of what a caller sends: the types of the arguments in, one behind the other.
+    /// Of a caller's arguments: their types, one after the other.
     TERN_API std::string GetInSignature() const;
-    /// Of what it answers with.
+    /// Of the results.
     TERN_API std::string GetOutSignature() const;
     /// All is the same.
     bool operator==(const Method&) const = default;
@@ -138,7 +138,7 @@ inline constexpr std::size_t MAX_NESTING = 64;
 /// Reads introspection data (XML in UTF-8), which may come from a peer that nobody trusts: memory is bounded
 /// by some twenty times the size of the text, and nothing is fetched. An element or attribute that D-Bus does
 /// not know is left out, with all that is in it. REQUIRES libexpat at run time; it is loaded by the first
-/// call and stays. Does not block but for that. Throws std::bad_alloc.
+/// call and stays. Does not block otherwise. Throws std::bad_alloc.
 ///
 /// In the result:
 /// the outermost node.

@@ -66,7 +66,7 @@ public:
     /// Called for each interface that is there now.
     using OnAdded = UniqueFunction<void(const std::string& path, const std::string& interface,
                                         const Properties& properties)>;
-    /// Called for each interface that is there no more.
+    /// Called for each interface that has gone.
     using OnRemoved = UniqueFunction<void(const std::string& path, const std::string& interface)>;
     /// Called when all that the peer has was reported.
     using OnReady = UniqueFunction<void()>;

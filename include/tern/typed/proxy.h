@@ -297,8 +297,7 @@ using ProxyCallsOf = ProxyCalls<
 ///
 /// A result owns what it holds: where the contract says `std::string_view` it is a `std::string`, see Owned.
 ///
-/// D-Bus thread, but for CallFromWorker and GetRemote. It may outlive the bus: calls end with `Stopping`
-/// then.
+/// D-Bus thread, except CallFromWorker and GetRemote. It may outlive the bus: calls end with `Stopping` then.
 template <class Contract>
 class Proxy : public Detail::ProxyCallsOf<Contract> {
     static_assert(CheckedContract<Contract>::IS_SOUND);
@@ -310,8 +309,8 @@ public:
     /// Of an object that others know already. REQUIRES: not null.
     explicit Proxy(std::shared_ptr<Remote> remote) noexcept : mRemote(std::move(remote)) {}
 
-    /// How long replies are waited for, of calls created from now on, here and with copies; 5 s at first, see
-    /// Remote::SetTimeout.
+    /// How long replies are waited for, of calls created from now on, here and with copies; initially 5 s,
+    /// see Remote::SetTimeout.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mRemote->SetTimeout(timeout); }
     /// Asks whether the peer answers at all; the object need not be there. It starts a service that can be
     /// started.

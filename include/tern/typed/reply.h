@@ -52,7 +52,7 @@ public:
 
     /// Whether somebody still waits for the answer: it has not been given, the caller asked for one (a call
     /// may say that it wants none, see sd_bus_message_get_expect_reply(3)), it has not left the bus as far as
-    /// that is known by now, and the bus has not closed. A long job looks at it now and then, and stops when
+    /// that is known by now, and the bus has not closed. A long job calls this now and then, and stops when
     /// it works for nobody.
     bool IsWanted() const noexcept;
 

@@ -36,7 +36,7 @@ protected:
 /// ends the loop.
 TERN_API void ResumeContained(std::coroutine_handle<> waiting) noexcept;
 
-/// The promise of a Task but for its result.
+/// The promise of a Task except its result.
 ///
 /// A coroutine that runs cannot be destroyed, and those that wait for it hold what it works with. So a task
 /// that is released meanwhile is left to the one that runs: that goes on to its next co_await, or to its end,
@@ -53,7 +53,7 @@ public:
     TaskFrame(const TaskFrame&) = delete;
     TaskFrame& operator=(const TaskFrame&) = delete;
 
-    /// The owner needs it no more: destroys it, now, or when nobody runs any more who needs it.
+    /// The owner does not need it any more: destroys it now, or as soon as no running coroutine needs it.
     void Release() noexcept;
     /// Whether it has come to its end.
     bool IsDone() const noexcept { return mState == State::Done; }

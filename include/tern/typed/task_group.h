@@ -81,7 +81,7 @@ std::vector<TaskFrame*> GetFrames(const std::vector<Task<R>>& tasks) {
     return frames;
 }
 
-/// A co_await of several tasks, which it owns, but for its result: All and First have their own. `Tasks` is a
+/// A co_await of several tasks, which it owns, without its result: All and First have their own. `Tasks` is a
 /// tuple of tasks, or a vector of those of one kind.
 template <class Tasks>
 class GroupAwaiter : protected TaskGroup {

@@ -28,7 +28,7 @@ class TERN_API TaskSet final : private Detail::TaskObserver {
 public:
     /// Empty.
     TaskSet() noexcept = default;
-    /// As Clear; what is added meanwhile is ended too.
+    /// As Clear; tasks that are added meanwhile are ended too.
     ~TaskSet();
     TaskSet(const TaskSet&) = delete;
     TaskSet& operator=(const TaskSet&) = delete;

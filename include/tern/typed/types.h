@@ -212,7 +212,7 @@ struct BorrowedFd {
 template <>
 struct Codec<OwnedFd> : Detail::OfCode<'h'> {
     TERN_API static int Write(sd_bus_message* message, const OwnedFd& value);
-    /// Also -EMFILE and what else fcntl(2) says.
+    /// Also -EMFILE and other errors of fcntl(2).
     TERN_API static int Read(sd_bus_message* message, OwnedFd& value, Fault& fault);
 };
 

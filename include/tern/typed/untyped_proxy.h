@@ -77,8 +77,8 @@ public:
     Subscription On(const std::string& interface, const std::string& signal,
                     std::function<void(const std::vector<Any>& values)> handler) const;
 
-    /// How long replies are waited for, of calls created from now on, here and with copies; 5 s at first, see
-    /// Remote::SetTimeout.
+    /// How long replies are waited for, of calls created from now on, here and with copies; initially 5 s,
+    /// see Remote::SetTimeout.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mRemote->SetTimeout(timeout); }
     /// The state that calls and subscriptions share. Any thread.
     const std::shared_ptr<Remote>& GetRemote() const noexcept { return mRemote; }

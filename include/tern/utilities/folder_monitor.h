@@ -25,9 +25,8 @@ namespace mwl::Utilities {
 /// | watching | `Start` gave Ok | no-op, Ok | ends the thread | ends the thread |
 /// | finished | callback returned, or read error | ends the process | trace message only | ends the process |
 ///
-/// The last row is fixed by the interface: a thread that has finished by itself is never joined, and
-/// std::terminate is what becomes of a joinable std::thread that is destroyed or assigned to. So do one of
-/// these:
+/// The last row is fixed by the interface: a thread that has finished by itself is never joined, and the
+/// destruction of a joinable std::thread, or an assignment to it, calls std::terminate. So do one of these:
 /// - stop a monitor while it is watching;
 /// - call `Stop` from inside the callback, which leads to idle;
 /// - let the monitor live as long as the process.
@@ -41,7 +40,8 @@ namespace mwl::Utilities {
 ///
 /// When `Stop` or the destructor has returned, no callback runs and none is going to, whoever stopped the
 /// watch: objects that the callback uses may be freed. This does not hold when the callback itself made the
-/// call. REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
+/// call.
+/// REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
 ///
 /// The watch is on the file or folder that had the path at `Start`. When it has been removed, or its file
 /// system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps watching

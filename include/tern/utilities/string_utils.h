@@ -34,7 +34,7 @@ public:
     /// Whether `text` consists of sequences that IsValidUtf8 accepts; an empty text does.
     static bool ValidateUTF8Sequence(const std::string& text);
     /// The number at the start of `text`, as strtoul(3) reads it in base 10: leading white space and a sign
-    /// are accepted, what follows the digits is not looked at, a negative number wraps ("-1" is 4294967295).
+    /// are accepted, text after the digits is ignored, a negative number wraps ("-1" is 4294967295).
     /// `defaultValue` when there are no digits or the number without its sign is above 4294967295.
     static unsigned int ToUint32(const std::string& text, unsigned int defaultValue);
     /// Whether `text` begins with `prefix`; an empty one always does.
