@@ -229,7 +229,16 @@ def run(arguments, command):
         if os.getuid() != 0:
             namespaces += ["--user", "--map-root-user"]
         inside = [sys.executable, os.path.abspath(__file__), "--inside", *command]
-        return subprocess.call(["unshare", *namespaces, *inside], preexec_fn=processes.join)
+
+        def prepare():
+            LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0)  # the box does not outlive its maker
+            processes.join()
+
+        with subprocess.Popen(["unshare", *namespaces, *inside], preexec_fn=prepare) as unshare:
+            try:
+                return unshare.wait()
+            finally:
+                unshare.kill()
     finally:
         processes.close()
 
@@ -247,6 +256,7 @@ def main():
     if not arguments.program:
         parser.error("no program")
     if not arguments.inside:
+        signal.signal(signal.SIGTERM, lambda number, frame: sys.exit(128 + number))  # tidies up
         return run(arguments, sys.argv[1:])
     try:
         return first_process(arguments)

@@ -144,6 +144,14 @@ class BoxTest(unittest.TestCase):
         running = subprocess.run(["ps", "-eo", "args"], stdout=subprocess.PIPE, text=True).stdout
         self.assertNotIn("\nsleep 98765", running)
 
+    def test_a_box_that_is_ended_leaves_nothing(self):
+        with subprocess.Popen([sys.executable, SOURCE / "tests/mutation/box.py", "sh", "-c", "echo begun; sleep 87654"],
+                              stdout=subprocess.PIPE, text=True) as running:
+            self.assertEqual("begun\n", running.stdout.readline())
+            running.terminate()
+            self.assertEqual("", running.stdout.read())  # until everybody who has it is gone
+        self.assertFalse(list(pathlib.Path("/sys/fs/cgroup").glob(f"**/tern-box-{running.pid}")))
+
     def test_too_much_memory_is_an_end(self):
         done = boxed(sys.executable, "-c", "import time; kept = b'x' * (300 << 20); time.sleep(1000)", options=("--memory", "200"))
         self.assertEqual(box.TOO_MUCH, done.returncode, done.stdout)
