@@ -150,7 +150,7 @@ std::string MemoryGroupOf(pid_t pid) {
 bool EnterMemoryGroup(std::string& /*folder*/) {
     const std::string group = MemoryGroupOf(getpid());
     std::error_code failed;
-    if (!std::filesystem::create_directory(group, failed)) {
+    if (MemoryGroup().empty() || !std::filesystem::create_directory(group, failed)) {
         return false;
     }
     std::ofstream(group + "/cgroup.procs") << getpid() << std::flush;

@@ -3,11 +3,32 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <sstream>
+#include <system_error>
 
 namespace tern::test {
 
-RunLog::RunLog() : mFd(memfd_create("log", MFD_CLOEXEC)) {
+LogFile::LogFile() : mFd(memfd_create("log", MFD_CLOEXEC)) {
+    if (mFd < 0) {
+        throw std::system_error(errno, std::generic_category(), "memfd_create");
+    }
+}
+
+LogFile::~LogFile() {
+    close(mFd);
+}
+
+std::string LogFile::GetEnd(std::size_t most) const {
+    std::string end(most, '\0');
+    const off_t size = lseek(mFd, 0, SEEK_END);
+    const off_t from = size > static_cast<off_t>(most) ? size - static_cast<off_t>(most) : 0;
+    const ssize_t count = pread(mFd, end.data(), most, from);
+    end.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return end;
+}
+
+RunLog::RunLog(const LogFile& file) : mFd(file.GetFd()) {
     dup2(mFd, STDERR_FILENO);
 }
 

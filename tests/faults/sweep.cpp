@@ -106,8 +106,8 @@ struct RunResult {
 class Runner {
 public:
     /// In a folder of its own in `folder`, or in that of another process.
-    Runner(const Scenario& scenario, const std::string& folder, pid_t owner = getpid())
-        : mScenario(scenario), mFolder(folder + "/" + std::to_string(owner)) {
+    Runner(const Scenario& scenario, const LogFile& log, const std::string& folder, pid_t owner = getpid())
+        : mScenario(scenario), mFolder(folder + "/" + std::to_string(owner)), mLog(log) {
         Intercept::WatchLogger(scenario.isLoggers);
     }
 
@@ -203,9 +203,7 @@ Sweep::Sweep(unsigned limitSeconds)
 }
 
 std::vector<Case> Sweep::FindCases(const Scenario& scenario) {
-    mReport->Set(Outcome::Died, "");
-    fflush(nullptr);
-    const pid_t pid = fork();
+    const pid_t pid = Fork();
     if (pid == 0) {
         RecordMain(scenario);
     }
@@ -231,16 +229,14 @@ std::vector<Case> Sweep::FindCases(const Scenario& scenario) {
 }
 
 Outcome Sweep::Run(const Case& theCase) {
-    mReport->Set(Outcome::Died, "");
-    fflush(nullptr);
-    const pid_t pid = fork();
+    const pid_t pid = Fork();
     if (pid == 0) {
         CaseMain(theCase);
     }
     Attend(pid, theCase.scenario->name);
     if (theCase.limit != nullptr && theCase.limit->hasKilled != nullptr && theCase.limit->hasKilled(pid) &&
         mReport->outcome == Outcome::Died) {
-        const pid_t successor = fork();
+        const pid_t successor = Fork();
         if (successor == 0) {
             SuccessorMain(*theCase.scenario, pid);
         }
@@ -259,7 +255,7 @@ Outcome Sweep::Run(const Case& theCase) {
 
 void Sweep::RecordMain(const Scenario& scenario) {
     PrepareChild(mLimitSeconds);
-    Runner runner(scenario, mFolder.Path());
+    Runner runner(scenario, *mLog, mFolder.Path());
     RunResult result = runner.Run();
     if (result.IsClean()) {
         result = runner.Run();
@@ -270,7 +266,7 @@ void Sweep::RecordMain(const Scenario& scenario) {
 
 void Sweep::SuccessorMain(const Scenario& scenario, int former) {
     PrepareChild(mLimitSeconds);
-    const RunResult result = Runner(scenario, mFolder.Path(), former).Run();
+    const RunResult result = Runner(scenario, *mLog, mFolder.Path(), former).Run();
     mReport->Set(result.IsClean() ? Outcome::Killed : Outcome::Lasting,
                  "after the kernel had killed the former process:\n" + result.Describe());
     _exit(0);
@@ -284,7 +280,7 @@ void Sweep::CaseMain(const Case& theCase) {
         mReport->Set(Outcome::Skipped, "");
         _exit(0);
     }
-    Runner runner(*theCase.scenario, folder);
+    Runner runner(*theCase.scenario, *mLog, folder);
     const RunResult clean = runner.Run();
     if (!clean.IsClean()) {
         mReport->Set(Outcome::Broken, clean.Describe());
@@ -329,7 +325,15 @@ void Sweep::CaseMain(const Case& theCase) {
     _exit(0);
 }
 
+int Sweep::Fork() {
+    mReport->Set(Outcome::Died, "");
+    mLog.emplace();
+    fflush(nullptr);
+    return fork();
+}
+
 void Sweep::Attend(int pid, const std::string& name) {
+    constexpr std::size_t END_OF_LOG = 3000;
     if (pid < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
@@ -338,9 +342,11 @@ void Sweep::Attend(int pid, const std::string& name) {
     }
     if (WIFSIGNALED(status)) {
         const bool hung = WTERMSIG(status) == SIGALRM;
-        mReport->Set(hung ? Outcome::Hung : Outcome::Died, name + ": signal " + strsignal(WTERMSIG(status)));
+        mReport->Set(hung ? Outcome::Hung : Outcome::Died,
+                     name + ": signal " + strsignal(WTERMSIG(status)) + "\n" + mLog->GetEnd(END_OF_LOG));
     } else if (WEXITSTATUS(status) != 0) {
-        mReport->Set(Outcome::Died, name + ": exit status " + std::to_string(WEXITSTATUS(status)));
+        mReport->Set(Outcome::Died, name + ": exit status " + std::to_string(WEXITSTATUS(status)) + "\n" +
+                                        mLog->GetEnd(END_OF_LOG));
     }
 }
 

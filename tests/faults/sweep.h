@@ -2,12 +2,14 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "failure.h"
 #include "intercept.h"
 #include "limits.h"
+#include "run_log.h"
 #include "stage.h"
 #include "support/temp_folder.h"
 #include "support/wait_until.h"
@@ -75,12 +77,15 @@ private:
     [[noreturn]] void CaseMain(const Case& theCase);
     /// In the folder of the process `former`, which was killed.
     [[noreturn]] void SuccessorMain(const Scenario& scenario, int former);
-    /// Waits for the child; false when it died or was hung.
+    /// Begins with no report and no log; as fork(2).
+    int Fork();
+    /// Waits for the child; when it died or was hung that is the report, with the end of what it had logged.
     void Attend(int pid, const std::string& name);
 
     const unsigned mLimitSeconds;
     TempFolder mFolder;
-    Report* mReport;  ///< shared with the children
+    std::optional<LogFile> mLog;  ///< of the child that runs, or ran last
+    Report* mReport;              ///< shared with the children
 };
 
 /// For the table at the end.

@@ -30,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/wait_until.h"
 #include "typed_peer.h"
 
 namespace tern::test {
@@ -40,8 +41,9 @@ using namespace mwl::Typed;
 using namespace std::chrono_literals;
 using mw::tern::StatusCode;
 
-/// Shorter than what the scenarios wait for, so that a reply that is lost is told.
-constexpr std::chrono::milliseconds TIMEOUT{1000};
+/// Shorter than what the scenarios wait for, so that a reply that is lost is told. Some cases wait for all of
+/// it.
+constexpr std::chrono::milliseconds TIMEOUT{SLOWNESS == 1 ? 1000 : 3000};
 constexpr const char* LONG_TEXT = "one that does not fit into the string itself";
 
 struct Options {
