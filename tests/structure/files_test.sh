@@ -26,7 +26,9 @@ for name in dbus_message/hostile_messages dbus_message/key_rule service/stop_ord
     timer/short_period_timer_{callback,failures,thread} timer/timer_{expiry,notification} \
     process_execution/command_{children,failures,input,time_limit} \
     utilities/zipper_{programs,unzip,unzip_whole} utilities/folder_monitor_stop \
-    service/message_pipe_close service/dbus_server_manager_objects typed/bus_{changes,objects} typed/task_end; do
+    service/message_pipe_close service/dbus_server_manager_objects typed/bus_{changes,objects} typed/task_end \
+    dbus_message/parser_{dictionaries,variants} queued_processings/component_stop \
+    threading/thread_pool_{loop,stop,watched} threading/threads_watcher_{kill,look}; do
     of_their_own[$name]=1
 done
 
