@@ -59,12 +59,12 @@ int WaitFor(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-/// The lines of /proc/PID/status that tell of signals.
+/// The lines of /proc/PID/status with masks of signals. SigQ is none: it counts what is queued for the user.
 std::map<std::string, std::string> ParseSignals(const std::string& path) {
     std::map<std::string, std::string> signals;
     std::ifstream status(path);
     for (std::string line; std::getline(status, line);) {
-        if (line.rfind("Sig", 0) == 0) {
+        if (line.rfind("Sig", 0) == 0 && line.rfind("SigQ", 0) != 0) {
             std::istringstream words(line);
             std::string name;
             words >> name >> signals[name];
@@ -197,7 +197,7 @@ TEST(StartSharing, TheProgramHasTheSignalsThatAForkedOneWouldHave) {
             return 3;
         }
         const auto found = ParseSignals(file);
-        if (expected.size() < 5 || found != expected) {
+        if (expected.size() != 4 || found != expected) {
             for (const auto& [name, value] : found) {
                 fprintf(stderr, "%s %s instead of %s\n", name.c_str(), value.c_str(),
                         expected.at(name).c_str());

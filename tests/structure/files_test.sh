@@ -22,11 +22,15 @@ done
 # Tests of a rule that several classes keep, or of one operation or side of a class, which its own test leaves out.
 declare -A of_their_own=()
 for name in dbus_message/hostile_messages dbus_message/key_rule service/stop_order service/hung_bus \
-    utilities/file_system_copy_file typed/churn typed/guide diagnostics/guide typed/{calls,task,tools}_guide \
+    utilities/file_system_copy_file typed/churn typed/guide diagnostics/guide typed/{calls,task,tools,watch}_guide \
     timer/short_period_timer_{callback,failures,thread} timer/timer_{expiry,notification} \
     process_execution/command_{children,failures,input,time_limit} \
     utilities/zipper_{programs,unzip,unzip_whole} utilities/folder_monitor_stop \
-    service/message_pipe_close service/dbus_server_manager_objects typed/bus_{changes,objects} typed/task_end; do
+    service/message_pipe_close service/dbus_server_manager_objects typed/bus_{changes,objects} typed/task_end \
+    dbus_message/parser_{dictionaries,variants} queued_processings/component_stop \
+    threading/thread_pool_{loop,stop,watched} threading/threads_watcher_{kill,look} \
+    typed/call_{end,failures} typed/implements_{properties,vtable} typed/{object_mirror,property_cache,subscription}_failures \
+    utilities/file_system_copy_{links,trees}; do
     of_their_own[$name]=1
 done
 

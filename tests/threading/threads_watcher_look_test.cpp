@@ -1,0 +1,141 @@
+// What a look at the watched threads finds, and whom it leaves alone.
+
+#include "threading/threads_watcher_fixture.h"
+
+namespace mwl::Threading::Tests {
+namespace {
+
+// Takes SIGKILL from the watcher. One that a thread sends itself is left out: on a machine that is very busy
+// the watch thread's messages may take too long.
+class KillRecorder {
+public:
+    KillRecorder() {
+        fault_pthread_kill.Replace(
+            [this](pthread_t thread, int number) {
+                EXPECT_EQ(number, SIGKILL);
+                const std::lock_guard lock(mMutex);
+                if (thread != pthread_self()) {
+                    mKilled.push_back(thread);
+                }
+                return 0;
+            },
+            INT_MAX);
+    }
+    std::vector<unsigned long> Killed() {
+        const std::lock_guard lock(mMutex);
+        return mKilled;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<unsigned long> mKilled;
+    FaultScope<int(pthread_t, int)> mScope{fault_pthread_kill};
+};
+
+TEST_F(ThreadsWatcherTest, OneThreadIsKilledALookTheFirstInTheOrderOfTheSet) {
+    KillRecorder recorder;
+    ThreadWatched& first = std::min(&mPump, &mFan)[0];
+    ThreadWatched& second = std::max(&mPump, &mFan)[0];
+    // The second one from a thread with another id.
+    std::atomic<bool> over{false};
+    std::thread other([&] {
+        second.StartWatch(milliseconds(1));
+        WaitUntil([&] { return over.load(); });
+        second.StopWatch();
+    });
+    first.StartWatch(milliseconds(1));
+    ASSERT_TRUE(WaitUntil([&] { return second.GetThreadId() != 0; }));
+    MovedClock::Advance(milliseconds(20100));
+    EXPECT_TRUE(WaitUntil([&] { return recorder.Killed().size() >= 3; }));
+    for (const unsigned long killed : recorder.Killed()) {
+        EXPECT_EQ(killed, pthread_self());
+    }
+    over = true;
+    other.join();
+    first.StopWatch();
+    EXPECT_TRUE(
+        mLog.Contains(Error(LOGGER, "TaskWatch Thread [" + first.GetName() +
+                                        "] is blocked, send kill on PID " + std::to_string(pthread_self()))));
+}
+
+/// Passes the registration on, but loses the end of it, as if it had not come yet.
+class ForgetfulWatcher : public NiceMock<MockWatcher> {
+public:
+    explicit ForgetfulWatcher(ThreadsWatcherInterface& watcher) {
+        ON_CALL(*this, Register).WillByDefault([&](ThreadWatched* thread) { watcher.Register(thread); });
+    }
+};
+
+TEST_F(ThreadsWatcherTest, ThreadThatIsLeavingIsPassedOver) {
+    KillRecorder recorder;
+    ForgetfulWatcher forgetful(mWatcher);
+    ThreadWatched leaving(forgetful, "leaving");
+    leaving.StartWatch(milliseconds(1));
+    leaving.StopWatch();
+    MovedClock::Advance(milliseconds(20100));
+    MovedClock::ForgetWaits();
+    EXPECT_TRUE(HasWaited(3));
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+    EXPECT_THAT(mLog.Entries("Threading::ThreadWatched"), IsEmpty());
+    mWatcher.Unregister(&leaving);
+}
+
+TEST_F(ThreadsWatcherTest, ThreadThatReportsIsLeftAlone) {
+    KillRecorder recorder;
+    mPump.StartWatch(milliseconds(1));
+    for (int i = 0; i < 5; ++i) {
+        MovedClock::Advance(milliseconds(15000));
+        mPump.NotifyWork();
+        MovedClock::ForgetWaits();
+        EXPECT_TRUE(HasWaited(2));
+    }
+    mPump.StopWatch();
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+}
+
+// All have been silent for the time that the whole process stood still. Whoever reports then is healthy.
+TEST_F(ThreadsWatcherTest, LookThatWasHeldUpIsLeftOut) {
+    KillRecorder recorder;
+    mPump.StartWatch(milliseconds(500));
+    ASSERT_TRUE(HasWaited(1));
+    MovedClock::Advance(milliseconds(21000));
+    ASSERT_TRUE(HasWaited(2));
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+    mPump.NotifyWork();
+    ASSERT_TRUE(HasWaited(3));
+    EXPECT_THAT(recorder.Killed(), IsEmpty());
+    // And who does not report is not.
+    MovedClock::Advance(milliseconds(21000));
+    EXPECT_TRUE(WaitUntil([&] { return !recorder.Killed().empty(); }));
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, EverybodyHasASecondToReportAfterAHoldUp) {
+    mPump.StartWatch(milliseconds(1));
+    ASSERT_TRUE(HasWaited(1));
+    mPump.NotifyWork();
+    MovedClock::ForgetWaits();
+    MovedClock::Advance(milliseconds(15000));
+    EXPECT_TRUE(WaitUntil([] {
+        const std::vector<std::int64_t> waits = MovedClock::Waits();
+        return std::find(waits.begin(), waits.end(), 1000) != waits.end();
+    }));
+    mPump.StopWatch();
+}
+
+TEST_F(ThreadsWatcherTest, MonitorStopsItWithTheOtherWorkers) {
+    Signals signals;
+    ThreadsMonitor monitor(signals);
+    ThreadsWatcher watcher(monitor);
+    ThreadWatched watched(watcher, "pump");
+    watched.StartWatch(hours(1));
+    // Its thread registers some time after its start; once it has, the monitor alone stops it.
+    EXPECT_TRUE(WaitUntil([&] {
+        monitor.StopWorkerThreads();
+        return mLog.Contains(STOPPED);
+    }));
+    watched.StopWatch();
+}
+
+}  // namespace
+}  // namespace mwl::Threading::Tests
