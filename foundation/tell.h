@@ -19,7 +19,7 @@ namespace mwl::Tell {
 /// Is told everything; lives for ever, as a thread may still be on its way to one that was taken out.
 struct Listener {
     /// Of this structure and the list of events.
-    static constexpr unsigned VERSION = 1;
+    static constexpr unsigned VERSION = 2;
 
     unsigned version = VERSION;
     /// On the thread where it happens, perhaps with a lock of the library's held: takes no lock that is held
