@@ -419,6 +419,22 @@ SECTIONS = [
         ],
         rounds=7,
     ),
+    Section(
+        "recorder",
+        "The flight recorder",
+        "diagnostics/recorder_benchmark",
+        [
+            Row(
+                f"an event, {writers} thread{'s' if writers > 1 else ''}: processor time",
+                "ns",
+                "event_ns",
+                {OURS: f"Event/writers:{writers}"},
+                "at most 25 ns",
+                most=25,
+            )
+            for writers in (1, 4)
+        ],
+    ),
     Section("timers", "Periodic timers", "timer/timer_benchmark", timer_rows(), rounds=3, repetitions=1),
     Section(
         "commands",

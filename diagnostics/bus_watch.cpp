@@ -17,8 +17,6 @@ namespace mwl::Diagnostics {
 
 namespace {
 
-constexpr std::uint64_t NS_PER_US = 1000;
-
 /// Of texts that come from peers, as many as there is room for: mixed well enough for a table.
 std::uint64_t Hash(std::uint64_t hash, std::string_view text) {
     constexpr std::uint64_t FACTOR = 0x9e3779b97f4a7c15;
@@ -37,7 +35,7 @@ std::uint64_t Hash(std::uint64_t hash, std::string_view text) {
     return hash;
 }
 
-std::string_view OrEmpty(const char* text) {
+const char* OrEmpty(const char* text) {
     return text == nullptr ? "" : text;
 }
 
@@ -66,7 +64,14 @@ BusWatch::BusWatch() {
     mMembers[0].name = "(others)";
 }
 
+BusWatch::~BusWatch() {
+    if (mIsTold) {
+        Recording::ForgetTurns(mBus);
+    }
+}
+
 int BusWatch::Begin(sd_bus* bus) {
+    mBus = bus;
     mThreadId = static_cast<std::uint32_t>(gettid());
     mWatchdogNs = ReadWatchdogNs();
     Recording::SetBusThread();
@@ -77,51 +82,31 @@ int BusWatch::Begin(sd_bus* bus) {
         mIsRecordersClock = true;
         mUsPerTick = static_cast<double>(ring.ToNanoseconds(MANY)) / static_cast<double>(MANY * NS_PER_US);
     }
+    sd_bus_slot* slot = nullptr;
+    int r = sd_bus_add_filter(bus, &slot, OnMessage, this);
+    mFilter.reset(slot);
+    if (r >= 0) {
+        mIsTold = Recording::IsOn() && Recording::WatchTurns(bus, OnTurnTold, this);
+        r = mIsTold ? 0 : AddTurnSource();
+    }
+    if (r < 0) {
+        mFilter.reset();
+    }
+    return std::min(r, 0);
+}
+
+int BusWatch::AddTurnSource() {
     sd_event_source* source = nullptr;
     int r =
-        sd_event_add_time(sd_bus_get_event(bus), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, this);
-    decltype(mTurn) turn(source);
+        sd_event_add_time(sd_bus_get_event(mBus), &source, CLOCK_MONOTONIC, UINT64_MAX, 0, NeverCalled, this);
+    mTurn.reset(source);
     if (r >= 0) {
         r = sd_event_source_set_prepare(source, OnTurn);
     }
-    sd_bus_slot* slot = nullptr;
-    if (r >= 0) {
-        r = sd_bus_add_filter(bus, &slot, OnMessage, this);
-    }
     if (r < 0) {
-        return r;
+        mTurn.reset();
     }
-    mFilter.reset(slot);
-    mTurn = std::move(turn);
-    return 0;
-}
-
-BusThreadFigures BusWatch::GetFigures() const {
-    BusThreadFigures figures;
-    figures.threadId = mThreadId;
-    figures.handled = mHandled;
-    figures.turns = mTurns;
-    figures.longestTurnUs = mLongestTurnUs;
-    if (mRunning != NOTHING) {
-        figures.running = mMembers[mRunning].name;
-        figures.runningUs = ToUs(Now() - mRunningSince);
-    }
-    figures.watchdogUs = mWatchdogNs / NS_PER_US;
-    // The loop reports at three quarters of the period at the latest, if no turn is in its way.
-    const std::uint64_t spare = mWatchdogNs / 4 / NS_PER_US;
-    figures.watchdogMarginUs = spare - std::min(spare, mLongestTurnUs);
-    for (const Member& member : mMembers) {
-        if (member.handled > 0) {
-            figures.members.push_back({member.name,
-                                       member.handled,
-                                       ToUs(member.totalTicks),
-                                       ToUs(member.longestTicks),
-                                       {member.latency.begin(), member.latency.end()}});
-        }
-    }
-    std::sort(figures.members.begin(), figures.members.end(),
-              [](const MemberFigures& a, const MemberFigures& b) { return a.totalUs > b.totalUs; });
-    return figures;
+    return r;
 }
 
 int BusWatch::OnMessage(sd_bus_message* message, void* userdata, sd_bus_error*) {
@@ -129,26 +114,37 @@ int BusWatch::OnMessage(sd_bus_message* message, void* userdata, sd_bus_error*) 
     return 0;  // for whom it is meant
 }
 
-int BusWatch::OnTurn(sd_event_source* source, void* userdata) {
+int BusWatch::OnTurn(sd_event_source*, void* userdata) {
     auto& self = *static_cast<BusWatch*>(userdata);
-    const std::uint64_t now = self.Now();
-    if (self.mRunning != NOTHING) {
-        self.EndMessage(now);
-    }
-    self.CountTurn(sd_event_source_get_event(source), now);
+    self.EndTurn(self.Now());
     return 0;
 }
 
+void BusWatch::OnTurnTold(void* argument, std::uint64_t ticks) {
+    auto& self = *static_cast<BusWatch*>(argument);
+    self.mTurn.reset();  // of a time without a recorder
+    self.EndTurn(self.mIsRecordersClock ? ticks : self.Now());
+}
+
+void BusWatch::EndTurn(std::uint64_t now) {
+    if (mRunning != NOTHING) {
+        EndMessage(now);
+    }
+    CountTurn(now);
+}
+
 void BusWatch::BeginMessage(sd_bus_message* message) {
-    uint8_t type = 0;
+    std::uint8_t type = 0;
     static_cast<void>(sd_bus_message_get_type(message, &type));  // a message has one
-    std::size_t index = 0;
-    if (type == SD_BUS_MESSAGE_METHOD_CALL || type == SD_BUS_MESSAGE_SIGNAL) {
-        index = FindMember(type == SD_BUS_MESSAGE_SIGNAL ? "signal " : "",
-                           OrEmpty(sd_bus_message_get_interface(message)),
-                           OrEmpty(sd_bus_message_get_member(message)));
-    } else {
-        index = FindMember("replies", "", "");
+    const bool isNamed = type == SD_BUS_MESSAGE_METHOD_CALL || type == SD_BUS_MESSAGE_SIGNAL;
+    const std::size_t index = isNamed ? FindMember(type, OrEmpty(sd_bus_message_get_interface(message)),
+                                                   OrEmpty(sd_bus_message_get_member(message)))
+                                      : FindMember(SD_BUS_MESSAGE_METHOD_RETURN, "", "");
+    const bool isRecording = Recording::IsOn();
+    if (__builtin_expect(!isRecording && mTurn == nullptr, 0)) {
+        // Nobody has told of the end of the former message since the recorder was switched off.
+        mRunning = NOTHING;
+        static_cast<void>(AddTurnSource());  // without memory now, perhaps with the next message
     }
     const std::uint64_t now = Now();
     if (mRunning != NOTHING) {
@@ -158,7 +154,7 @@ void BusWatch::BeginMessage(sd_bus_message* message) {
     mRunning = index;
     mRunningSince = now;
     ++mHandled;
-    if (Recording::IsOn()) {
+    if (isRecording) {
         if (member.recorded == 0) {
             member.recorded = Recording::Intern(member.name);
             Recording::SetBusThread();
@@ -180,7 +176,7 @@ void BusWatch::EndMessage(std::uint64_t now) {
     }
 }
 
-void BusWatch::CountTurn(sd_event* event, std::uint64_t now) {
+void BusWatch::CountTurn(std::uint64_t now) {
     const std::uint64_t between = now - std::exchange(mTurnBegan, now);
     // What has passed since the last one contains the turn: it is looked at only when it may be the longest.
     if (mTurns++ == 0 || ToUs(between) <= mLongestTurnUs) {
@@ -189,17 +185,36 @@ void BusWatch::CountTurn(sd_event* event, std::uint64_t now) {
     // The loop's own time is that of the end of its last sleep.
     std::uint64_t awakeUs = 0;
     const std::uint64_t nowUs = NanosecondsOf(CLOCK_MONOTONIC) / NS_PER_US;
-    if (sd_event_now(event, CLOCK_MONOTONIC, &awakeUs) == 0 && nowUs > awakeUs) {
+    sd_event* const event = sd_bus_get_event(mBus);
+    if (event != nullptr && sd_event_now(event, CLOCK_MONOTONIC, &awakeUs) == 0 && nowUs > awakeUs) {
         mLongestTurnUs = std::max(mLongestTurnUs, nowUs - awakeUs);
     }
 }
 
-std::size_t BusWatch::FindMember(std::string_view prefix, std::string_view interface,
-                                 std::string_view member) {
-    if (!IsPutTogetherOf(mMembers[mLast].name, prefix, interface, member)) {
-        mLast = LookUpMember(prefix, interface, member);
+std::size_t BusWatch::FindMember(int type, const char* interface, const char* member) {
+    // As a rule it is the same again. The member first, as it is what members differ in.
+    if (type != mLast.type || std::strcmp(member, mLast.member.c_str()) != 0 ||
+        std::strcmp(interface, mLast.interface.c_str()) != 0) {
+        return LookUpMember(type, interface, member);
     }
-    return mLast;
+    return mLast.index;
+}
+
+std::size_t BusWatch::LookUpMember(int type, const char* interface, const char* member) {
+    mLast.type = 0;
+    // Called by sd-bus, which nothing may be thrown through.
+    try {
+        mLast.interface = interface;
+        mLast.member = member;
+        mLast.index =
+            type == SD_BUS_MESSAGE_METHOD_RETURN
+                ? LookUpMember("replies", "", "")
+                : LookUpMember(type == SD_BUS_MESSAGE_SIGNAL ? "signal " : "", mLast.interface, mLast.member);
+        mLast.type = type;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+    return mLast.index;
 }
 
 std::size_t BusWatch::LookUpMember(std::string_view prefix, std::string_view interface,
@@ -215,15 +230,10 @@ std::size_t BusWatch::LookUpMember(std::string_view prefix, std::string_view int
     if (mMembers.size() > MEMBERS) {
         return 0;
     }
-    // Called by sd-bus, which nothing may be thrown through.
-    try {
-        Member added;
-        added.hash = hash;
-        added.name.append(prefix).append(interface).append(member.empty() ? "" : ".").append(member);
-        mMembers.push_back(std::move(added));
-    } catch (const std::bad_alloc&) {
-        return 0;
-    }
+    Member added;
+    added.hash = hash;
+    added.name.append(prefix).append(interface).append(member.empty() ? "" : ".").append(member);
+    mMembers.push_back(std::move(added));
     mPlaces[place] = static_cast<std::uint16_t>(mMembers.size() - 1);
     return mPlaces[place];
 }

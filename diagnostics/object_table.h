@@ -10,8 +10,11 @@
 namespace mwl::Diagnostics {
 
 /// What has been counted of each of the library's objects, found by its address, which is never followed.
-/// Rows are taken and given back by one thread at a time (under the lock of the known objects); everything
-/// else by all threads at once.
+/// Rows stand one behind the other, so that few objects take little memory; their numbers are in a table by
+/// address.
+///
+/// Rows are taken and given back by one thread at a time (under the lock of the known objects), which is rare
+/// and may walk the table; everything else by all threads at once.
 class ObjectTable {
 public:
     /// Of one object. What the figures are depends on its kind.
@@ -36,17 +39,9 @@ public:
 
     /// Null for an object that has no row.
     Row* Find(const void* object) noexcept {
-        std::size_t place = PlaceOf(object);
-        for (std::size_t i = 0; i < PROBES; ++i, place = (place + 1) % ROWS) {
-            const void* const found = mRows[place].object.load(std::memory_order_acquire);
-            if (found == object) {
-                return &mRows[place];
-            }
-            if (found == nullptr) {
-                return nullptr;
-            }
-        }
-        return nullptr;
+        std::uint16_t number = NONE;
+        static_cast<void>(FindPlace(object, number));
+        return number == NONE ? nullptr : &mRows[number - 1U];
     }
 
     /// A row, all figures 0; the one that the object has already. Null when there is no room.
@@ -56,19 +51,37 @@ public:
     void Clear() noexcept;
 
 private:
-    static constexpr std::size_t ROWS = 512;
-    static_assert(ROWS >= 2 * KnownObjects::MOST);
+    static constexpr std::size_t ROWS = KnownObjects::MOST;
+    /// By address. Numbers of rows are their indexes + 1.
+    static constexpr std::size_t PLACES = 2 * ROWS;
     static constexpr std::size_t PROBES = 64;
+    static constexpr std::uint16_t NONE = 0;
+    /// Of a place whose row was given back, behind which others may be found.
+    static constexpr std::uint16_t GONE = 0xffff;
 
     static std::size_t PlaceOf(const void* object) noexcept {
         // Objects lie apart by 16 bytes at least.
         const std::uint64_t mixed =
             (reinterpret_cast<std::uintptr_t>(object) >> 4U) * std::uint64_t{0x9e3779b97f4a7c15};
-        return static_cast<std::size_t>(mixed >> 55U) % ROWS;
+        return static_cast<std::size_t>(mixed >> 55U) % PLACES;
     }
-    /// Stands for a row that was given back, behind which others may be found.
-    static const void* Gone() noexcept;
+    /// Where the object's number is, with it; NONE when it has no row.
+    std::size_t FindPlace(const void* object, std::uint16_t& number) const noexcept {
+        std::size_t place = PlaceOf(object);
+        for (std::size_t i = 0; i < PROBES; ++i, place = (place + 1) % PLACES) {
+            const std::uint16_t found = mPlaces[place].load(std::memory_order_acquire);
+            if (found == NONE) {
+                break;
+            }
+            if (found != GONE && mRows[found - 1U].object.load(std::memory_order_acquire) == object) {
+                number = found;
+                break;
+            }
+        }
+        return place;
+    }
 
+    std::array<std::atomic<std::uint16_t>, PLACES> mPlaces{};
     std::array<Row, ROWS> mRows;
 };
 

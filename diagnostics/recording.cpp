@@ -31,6 +31,7 @@ struct Rule {
         End,     ///< written with its duration
         Rare,    ///< see OnRare
         Report,  ///< of a watched thread: not written, as there are too many
+        Turn,    ///< of the loop: the same, and for who watches them
     };
     Kind kind = Kind::Rare;
     Figure figure = Figure::None;
@@ -58,6 +59,7 @@ constexpr std::array<Rule, Tell::EVENTS> MakeRules() {
     set(Event::ThreadAdded, {Kind::Plain, Figure::None});
     set(Event::ThreadRemoved, {Kind::Plain, Figure::None});
     set(Event::WatchReported, {Kind::Report, Figure::None});
+    set(Event::TurnEnded, {Kind::Turn, Figure::None});
     return rules;
 }
 constexpr std::array<Rule, Tell::EVENTS> RULES = MakeRules();
@@ -70,6 +72,15 @@ constinit std::atomic<int> gForks{0};
 constinit std::atomic<bool> gIsOfRecording{false};
 /// What the threads are in, beside the ring's own table: an address is nobody else's business.
 constinit std::array<std::array<std::atomic<const void*>, Format::Thread::DEEPEST>, Format::THREADS> gDoing{};
+
+/// Who watches the turns of which bus. The other two are read by the thread of that bus only, which also
+/// writes them.
+struct TurnWatch {
+    std::atomic<const void*> bus{nullptr};
+    Recording::TurnHandler handler = nullptr;
+    void* argument = nullptr;
+};
+constinit TurnWatch gTurnWatch;
 
 /// No entry yet, and none any more.
 constexpr std::uint16_t UNCLAIMED = Format::NO_THREAD - 1;
@@ -257,9 +268,19 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
     gRing.Calibrate();
 }
 
+void OnTurnEnded(const void* bus, std::uint64_t ticks) noexcept {
+    if (gTurnWatch.bus.load(std::memory_order_relaxed) == bus) {
+        gTurnWatch.handler(gTurnWatch.argument, ticks);
+    }
+}
+
 void OnEvent(Event event, const void* object, std::uint64_t value, const char* name) noexcept {
     const std::uint64_t ticks = gRing.Ticks();
     const Rule& rule = RULES[static_cast<std::size_t>(event)];
+    if (rule.kind == Rule::Kind::Turn) {
+        OnTurnEnded(object, ticks);
+        return;
+    }
     if (rule.kind == Rule::Kind::Rare) {
         OnRare(event, object, value, name, ticks);
         return;
@@ -295,7 +316,15 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
     gRing.Write(ticks, event, own.id, nameId, value);
 }
 
+/// While the process is being forked: nothing is written, but a turn that ends ends a call.
+void OnEventOfForking(Event event, const void* object, std::uint64_t, const char*) noexcept {
+    if (event == Event::TurnEnded) {
+        OnTurnEnded(object, gRing.Ticks());
+    }
+}
+
 constexpr Tell::Listener LISTENER{Tell::Listener::VERSION, &OnEvent};
+constexpr Tell::Listener FORKING{Tell::Listener::VERSION, &OnEventOfForking};
 
 void OnMessage(TernLogLevel level, const char* text, std::size_t length) noexcept {
     if (!gIsOn.load(std::memory_order_acquire) || gForks.load(std::memory_order_relaxed) != 0) {
@@ -307,11 +336,11 @@ void OnMessage(TernLogLevel level, const char* text, std::size_t length) noexcep
     gRing.Calibrate();
 }
 
-// Around fork(2) nothing is told, so that the child, which has not got the memory, begins with nothing told;
-// what other threads do meanwhile is missing in the ring.
+// Around fork(2) next to nothing is told, so that the child, which has not got the memory, begins so; what
+// other threads do meanwhile is missing in the ring.
 void BeforeFork() {
     if (gIsOn && gForks.fetch_add(1) == 0) {
-        Tell::SetListener(nullptr);
+        Tell::SetListener(&FORKING);
     }
 }
 
@@ -322,11 +351,15 @@ void AfterForkInParent() {
 }
 
 void AfterForkInChild() {
+    if (gIsOn) {
+        Tell::SetListener(nullptr);
+    }
     // A child of one that never recorded may be the service itself, which its parent only started.
     gIsOfRecording = gIsOfRecording || gRing;
     gIsOn = false;
     gHasFailed = false;
     gForks = 0;
+    gTurnWatch.bus = nullptr;
     tThread = {};
     for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
         ForgetDoing(number);
@@ -455,6 +488,20 @@ void Recording::SetBusThread() noexcept {
     if (IsOn()) {
         gRing.SetBusThread(GetThread().number);
     }
+}
+
+bool Recording::WatchTurns(const void* bus, TurnHandler handler, void* argument) noexcept {
+    const void* nobody = nullptr;
+    if (!gTurnWatch.bus.compare_exchange_strong(nobody, bus, std::memory_order_acquire)) {
+        return false;
+    }
+    gTurnWatch.handler = handler;
+    gTurnWatch.argument = argument;
+    return true;
+}
+
+void Recording::ForgetTurns(const void* bus) noexcept {
+    static_cast<void>(gTurnWatch.bus.compare_exchange_strong(bus, nullptr, std::memory_order_release));
 }
 
 std::uint64_t Recording::RunningTicks(const void* object) noexcept {

@@ -36,6 +36,13 @@ public:
     /// The calling thread is the D-Bus thread.
     static void SetBusThread() noexcept;
 
+    /// What is called at the end of each turn of a bus's loop, with the ring's ticks; does not throw.
+    using TurnHandler = void (*)(void* argument, std::uint64_t ticks);
+    /// From now on, while recording is on, until ForgetTurns. The bus is an address that is not followed.
+    /// False when another bus has its turns watched. The loop's thread only, as ForgetTurns.
+    static bool WatchTurns(const void* bus, TurnHandler handler, void* argument) noexcept;
+    static void ForgetTurns(const void* bus) noexcept;
+
     /// How long the oldest job or run of the object has been running, in ticks; 0 for none.
     static std::uint64_t RunningTicks(const void* object) noexcept;
     /// Whether messages reach the ring: the process's logger can be observed.

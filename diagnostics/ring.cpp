@@ -69,6 +69,10 @@ StatusCode Ring::Create(std::size_t eventBytes, const Identity& identity, int& e
     mThreads = reinterpret_cast<Thread*>(base + THREADS_AT);
     mMessages = reinterpret_cast<Message*>(base + MESSAGES_AT);
     mEvents = reinterpret_cast<Event*>(base + EVENTS_AT);
+    for (std::atomic<std::uint16_t>& place : mPlaces) {
+        place.store(NO_NAME, std::memory_order_relaxed);
+    }
+    mNamesTaken.store(0, std::memory_order_relaxed);
     mMask = kept / sizeof(Event) - 1;
     mBytes = bytes;
     mIsCounter = HasConstantCounter();
@@ -126,24 +130,42 @@ std::uint64_t Ring::ToNanoseconds(std::uint64_t ticks) const noexcept {
 std::uint16_t Ring::Intern(std::string_view text) noexcept {
     text = text.substr(0, FittingLength(text, Name::LONGEST));
     const std::uint32_t hash = HashOf(text);
-    for (std::uint32_t i = 0; i < NAMES; ++i) {
-        const std::uint32_t place = (hash + i) % NAMES;
-        Name& name = mNames[place];
-        std::uint32_t state = name.state.load(std::memory_order_acquire);
-        if (state == FREE && name.state.compare_exchange_strong(state, CLAIMED, std::memory_order_acquire)) {
-            name.hash = hash;
-            SetText(name.text, text);
-            name.state.store(READY, std::memory_order_release);
-            state = READY;
+    std::uint16_t added = NO_NAME;
+    for (std::size_t place = hash % PLACES;; place = (place + 1) % PLACES) {
+        std::uint16_t number = mPlaces[place].load(std::memory_order_acquire);
+        if (number == NO_NAME) {
+            added = added == NO_NAME ? AddName(text, hash) : added;
+            if (added == OTHERS) {
+                mHeader->namesLost.fetch_add(1, std::memory_order_relaxed);
+                return OTHERS;
+            }
+            if (mPlaces[place].compare_exchange_strong(number, added, std::memory_order_acq_rel,
+                                                       std::memory_order_acquire)) {
+                return added;
+            }
+            // Another thread has just put a name here. Where it is the same one, it stands in the table
+            // twice, which does no harm.
         }
-        // One that another thread is just writing may be the same: then it stands in the table twice, which
-        // does no harm.
-        if (state == READY && name.hash == hash && text == name.text.data()) {
-            return static_cast<std::uint16_t>(place + 1);
+        const Name& name = mNames[number - 1];
+        if (name.hash == hash && text == name.text.data()) {
+            return number;
         }
     }
-    mHeader->namesLost.fetch_add(1, std::memory_order_relaxed);
-    return OTHERS;
+}
+
+/// OTHERS when the table is full.
+std::uint16_t Ring::AddName(std::string_view text, std::uint32_t hash) noexcept {
+    std::uint32_t taken = mNamesTaken.load(std::memory_order_relaxed);
+    do {
+        if (taken == NAMES) {
+            return OTHERS;
+        }
+    } while (!mNamesTaken.compare_exchange_weak(taken, taken + 1, std::memory_order_relaxed));
+    Name& name = mNames[taken];
+    name.hash = hash;
+    SetText(name.text, text);
+    name.state.store(READY, std::memory_order_release);
+    return static_cast<std::uint16_t>(taken + 1);
 }
 
 std::uint16_t Ring::ClaimThread(std::uint32_t id, std::string_view name) noexcept {

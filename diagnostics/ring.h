@@ -2,6 +2,8 @@
 
 #include <tern/foundation/status_code.h>
 
+#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -54,7 +56,8 @@ public:
     std::uint64_t ToNanoseconds(std::uint64_t ticks) const noexcept;
 
     /// Number of the name, which is cut at Name::LONGEST bytes; OTHERS when the table is full, which is
-    /// counted.
+    /// counted. Names stand one behind the other, so that a page of the table is memory once the ones before
+    /// are full.
     std::uint16_t Intern(std::string_view name) noexcept;
 
     /// An entry for the calling thread; NO_THREAD when all are taken, which is counted.
@@ -92,9 +95,17 @@ public:
 
 private:
     static constexpr std::uint64_t CALIBRATE_EVERY = 0x3ff;
+    /// By hash; more than there are names, so that a search ends soon and finds an empty one.
+    static constexpr std::size_t PLACES = 1024;
+    static_assert(PLACES > Format::NAMES);
+
+    std::uint16_t AddName(std::string_view text, std::uint32_t hash) noexcept;
 
     Format::Header* mHeader = nullptr;
     Format::Name* mNames = nullptr;
+    /// Numbers of names, NO_NAME where nothing is. Nobody else's business, so beside the ring.
+    std::array<std::atomic<std::uint16_t>, PLACES> mPlaces{};
+    std::atomic<std::uint32_t> mNamesTaken{0};
     Format::Thread* mThreads = nullptr;
     Format::Message* mMessages = nullptr;
     Format::Event* mEvents = nullptr;

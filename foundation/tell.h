@@ -20,7 +20,7 @@ namespace mwl::Tell {
 /// taken out.
 struct Listener {
     /// Of this structure and the list of events.
-    static constexpr unsigned VERSION = 1;
+    static constexpr unsigned VERSION = 2;
 
     unsigned version = VERSION;
     /// On the thread where it happens, perhaps with a lock of the library's held: takes no lock that is held

@@ -71,6 +71,7 @@ int FlushWithinTheLimit(sd_event_source*, void* userdata) {
 /// does not show.
 int BeforeEachWait(sd_event_source* source, void* userdata) {
     auto& turn = *static_cast<Turn*>(userdata);
+    TERN_TELL(TurnEnded, turn_ended, turn.bus, 0);
     if (sd_bus_get_event(turn.bus) != nullptr) {
         turn.batch.BeforeWait();
         return 0;

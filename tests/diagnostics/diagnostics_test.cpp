@@ -158,6 +158,35 @@ TEST_F(DiagnosticsTest, CountsWhatTheBusThreadHandles) {
     EXPECT_GE(figures.busThread.handled, 4U);
 }
 
+TEST_F(DiagnosticsTest, GoesOnCountingWhileTheRecorderIsOff) {
+    Peer peer;
+    const auto call = [&] { EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), ""); };
+    mRoom->onDo = [](Room&) { Recorder::End(); };
+    call();
+    usleep(100000);  // is not to be taken for the handler's time, of which nobody has told the end
+    Snapshot();
+    EXPECT_FALSE(Member("com.example.Room1.Do"));
+
+    mRoom->onDo = nullptr;
+    const std::uint64_t turns = Snapshot().busThread.turns;
+    call();
+    call();
+    EXPECT_GE(Snapshot().busThread.turns, turns + 2);
+    EXPECT_EQ(Member("com.example.Room1.Do")->handled, 2U);
+
+    // On again, each message is counted once, and the turns are told.
+    ASSERT_EQ(Recorder::Begin({.isKept = false}), StatusCode::Ok);
+    call();
+    const Figures before = Snapshot();
+    for (int i = 0; i < 10; ++i) {
+        call();
+    }
+    const Figures after = Snapshot();
+    EXPECT_EQ(Member("com.example.Room1.Do")->handled, 13U);
+    EXPECT_GT(after.busThread.turns, before.busThread.turns);
+    EXPECT_TRUE(Recorder::IsRecording());
+}
+
 TEST_F(DiagnosticsTest, TenThousandMembersTakeNoMoreThanTheTable) {
     Peer peer;
     std::size_t before = 0;

@@ -171,6 +171,14 @@ TEST(Ring, FullTableOfNamesCallsFurtherOnesOthersAndCountsThem) {
     EXPECT_EQ(flight.events[0].name, "(others)");
 }
 
+TEST(Ring, NamesStandOneBehindTheOther) {
+    Ring& ring = MakeRing();
+    for (std::uint16_t i = 1; i <= 60; ++i) {
+        EXPECT_EQ(ring.Intern("com.example.Member" + std::to_string(i)), i);
+    }
+    EXPECT_EQ(ring.Intern("com.example.Member42"), 42);
+}
+
 TEST(Ring, LongNamesAreCutAtACharacter) {
     Ring& ring = MakeRing();
     ring.Write(0, Event::StateChanged, 0, ring.Intern(std::string(54, 'x') + "\xc3\xa4tz"), 0);
