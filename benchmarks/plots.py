@@ -3,7 +3,7 @@
 import math
 from xml.sax.saxutils import escape, quoteattr
 
-# Told apart by those who see fewer colours too, and all dark enough for white paper.
+# People who see fewer colours can distinguish these too, and all are dark enough for white paper.
 COLOURS = ["#0072b2", "#e08214", "#009e73", "#b5548c", "#5c5c5c", "#3f9fdc", "#c23b00", "#8a6d00"]
 # With five markers and eight colours forty combinations come before the first repetition.
 DASHES = ["", "7 3", "2 3", "9 3 2 3"]
@@ -17,7 +17,7 @@ MARGIN = 10
 LINE = 18
 # Bars end here, in multiples of what they are compared with; a longer one is cut and marked.
 LONGEST = 3.0
-# More lines than this in one picture are not told apart by anyone.
+# Nobody can distinguish more lines than this in one picture.
 LINES_TOGETHER = 6
 SECONDS = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 
@@ -201,7 +201,7 @@ def _kind(unit):
 
 
 def _points(item):
-    """(amount, cost) with times in seconds. What is not above zero has no place on a logarithmic scale."""
+    """(amount, cost) with times in seconds. A figure that is not above zero has no place on a logarithmic scale."""
     factor = SECONDS.get(item["unit"], 1)
     pairs = [(float(amount), value * factor) for amount, value in item["points"].items() if value is not None]
     return [(amount, cost) for amount, cost in pairs if amount > 0 and cost > 0]

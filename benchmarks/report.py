@@ -71,7 +71,7 @@ def ratio_of(values, against, more):
 
 
 def median_ratio(rounds, against, more):
-    """Of the rounds' ratios, as the sides of a round ran under the same load; None where there is nothing to compare."""
+    """Of the rounds' ratios, because the sides of a round ran under the same load; None where there is nothing to compare."""
     ratios = [ratio for values in rounds if (ratio := ratio_of(values, against, more)) is not None]
     return statistics.median(ratios) if ratios else None
 
@@ -480,7 +480,7 @@ def main():
             run_comparison(comparisons[name], options, environment)
             results.append(comparison_result(folder / f"{name}.json"))
         print_result(results[-1])
-        # At once, so that a run that is cut short has told what it had.
+        # Immediately, so that a run that is cut short has reported what it had.
         write_document(results[-1:], folder if options.quick else ROOT / "docs", machine)
     print_missed(results)
 

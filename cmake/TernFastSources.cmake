@@ -2,7 +2,8 @@
 # rarely or waits for the kernel, is small. Each folder names its fast sources next to all of its sources.
 
 # tern_fast_sources(TARGET FILE...): these sources of the calling folder are to be fast. Each has to be a source of the
-# target already: a name that matches nothing, as after a file was renamed, would make a file slow and nobody would notice.
+# target already: a name that matches nothing, for example after a file was renamed, would make a file slow and nobody
+# would notice.
 function(tern_fast_sources target)
   get_target_property(sources ${target} SOURCES)
   foreach(file IN LISTS ARGN)

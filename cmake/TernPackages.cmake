@@ -1,4 +1,4 @@
-# The Debian packages, made by cpack from the install components; scripts/build-packages is the command.
+# The Debian packages, built by cpack from the install components; scripts/build-packages is the command.
 # Included with TERN_DEBIAN_PACKAGES only: it installs what Debian alone wants.
 set(TERN_PACKAGE_MAINTAINER "libtern-dbus-service developers <tern-dbus-service@example.com>" CACHE STRING
   "Maintainer of the Debian packages, NAME <ADDRESS>")
@@ -158,7 +158,7 @@ set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOC_DESCRIPTION "frame for services on the system D-Bus (documents)
 The guide to libtern-dbus-service, the reference of its headers, and the
 sources of its examples: a service, its client, the tutorial's result, every
-type that the typed layer carries, and a client that is made of XML.")
+type that the typed layer carries, and a client that is generated from XML.")
 
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TERNCTL_PACKAGE_SHLIBDEPS ON)

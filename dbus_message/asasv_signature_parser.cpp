@@ -11,7 +11,7 @@ namespace {
 
 using mwl::ErrorText;
 
-/// Structures that begin with a string. Its name is logged at info level, as is meant.
+/// Structures that begin with a string. Its name is logged at info level. Fixed by the interface.
 struct StringForm {
     static constexpr const char* OPERATION = "ReadStringAndArrayASV";
     static constexpr char NAME_TYPE = SD_BUS_TYPE_STRING;

@@ -10,14 +10,14 @@ namespace mw::tern::DBusMessage {
 /// the walk keeps. A message makes far more of it than it is long itself: one long name above many short
 /// entries is in every key below it, and an empty string of eight bytes becomes a node, an object and a key.
 ///
-/// What is counted is what the allocator hands out for a request, not the request alone; for many small
-/// things that is much the larger part.
+/// It counts the memory that the allocator hands out for a request, not the request alone; for many small
+/// requests the difference is the larger part.
 class MemoryBudget {
 public:
     static constexpr std::size_t LIMIT = std::size_t{64} * 1024 * 1024;
 
-    /// What an allocation of so many bytes takes: the C library puts a size before each, rounds up to its
-    /// alignment, and has a smallest piece.
+    /// The memory that an allocation of so many bytes takes: the C library puts a size before each, rounds up
+    /// to its alignment, and has a smallest piece.
     static constexpr std::size_t Allocation(std::size_t bytes) noexcept {
 #ifdef __i386__
         constexpr std::size_t ALIGNMENT = 16;  // the C library's, stricter than any type's
@@ -27,7 +27,7 @@ public:
         constexpr std::size_t SMALLEST = 4 * sizeof(void*);
         return std::max(SMALLEST, (bytes + sizeof(void*) + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT);
     }
-    /// What a string of so many bytes takes besides its object: nothing when it fits in there.
+    /// The memory that a string of so many bytes takes outside its object: none when it fits in there.
     static std::size_t Text(std::size_t length) noexcept {
         return length <= std::string().capacity() ? 0 : Allocation(length + 1);
     }

@@ -43,13 +43,13 @@ private:
     const std::size_t mLength;
 };
 
-/// What a basic type is read into, stored as, and how it is logged.
+/// Of a basic type: what it is read into and stored as, and how it is logged.
 template <char Type>
 struct BasicType;
 
-// The operation, and the two messages, whole but for its name, so that a logged line is found here. `shown`
-// is the value as the second one takes it. The log calls are not inlined: they hold texts, and readers call
-// each other.
+// The operation, and the two messages, whole except for its name, so that a logged line is found here.
+// `shown` is the value as the second one takes it. The log calls are not inlined: they hold texts, and
+// readers call each other.
 #define TERN_BASIC_TYPE(letter, operation, Wire, Stored, failureFormat, LEVEL, valueFormat, shown)    \
     template <>                                                                                       \
     struct BasicType<letter> {                                                                        \
@@ -71,7 +71,7 @@ struct BasicType;
         }                                                                                             \
     };
 
-// A byte is shown in octal and an INT16 at info level: both are meant.
+// Fixed by the interface: a byte is shown in octal, and an INT16 at info level.
 TERN_BASIC_TYPE('s', "ReadString", const char*, ValueString,
                 "[%s] Failed to read SD_BUS_TYPE_STRING (%d, %s)", TRACE, "[%s] keyName=%s, value=%s",
                 log.Text(value).Get())
@@ -177,7 +177,7 @@ int MessageWalk::ReadISI(const char* keyName) {
     ParseLog& log = mBudget.Log();
     const int entered = sd_bus_message_enter_container(mMessage, SD_BUS_TYPE_STRUCT, "isi");
     if (entered < 0) {
-        // The text of another type, as it is everywhere known.
+        // Fixed by the interface: the text of another type.
         TERN_PARSE_LOG(log, ERROR, LOGGER, "[%s] Failed to read SD_BUS_TYPE_UNIX_FD (%d, %s)", "ReadISI",
                        entered, ErrorText(-entered));
     }

@@ -12,17 +12,17 @@
 
 namespace mw::tern::DBusMessage {
 
-/// What stands before each name in a key.
+/// The text before each name in a key.
 inline constexpr char SEPARATOR = '_';
 
-/// What Parser does: one walk over (a part of) a message, into a list. It keeps the path to where it is in
+/// The work of Parser: one walk over (a part of) a message, into a list. It keeps the path to where it is in
 /// one buffer, which grows and shrinks with each step; a key is copied only into the list.
 ///
 /// Results, messages and keys are described at Parser, whose operations have the same names. Names are never
 /// null here.
 class MessageWalk {
 public:
-    /// All are borrowed, but for the prefix, which is copied.
+    /// All are borrowed, except for the prefix, which is copied.
     MessageWalk(sd_bus_message* message, ValuesList& values, ParseBudget& budget, const std::string& prefix)
         : mMessage(message), mValues(values), mBudget(budget), mPath(prefix) {}
     ~MessageWalk() { mBudget.GiveBack(mPathCost); }

@@ -7,8 +7,8 @@
 
 namespace mw::tern::DBusMessage {
 
-/// What one parse may take and may log, shared by all that is read in it. The outermost reader has it, on its
-/// stack; when it goes, the parse is over.
+/// The memory and the log that one parse may use, shared by all reads in it. The outermost reader has it, on
+/// its stack; when it goes, the parse is over.
 class ParseBudget {
 public:
     /// Takes so much memory. False, and logged, when it is not there: then the reader `operation` gives up

@@ -28,7 +28,7 @@ bool ParseLog::Count(int level) {
 }
 
 void ParseLog::SumUp() const {
-    // One format each, as the level is part of a log call.
+    // One format each, because the level is part of a log call.
     switch (mMostSevere) {
         case ERROR:
             TERN_LOG_ERROR(LOGGER, "%zu more lines of one message left out", mLeftOut);

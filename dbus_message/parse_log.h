@@ -9,7 +9,7 @@
 
 namespace mw::tern::DBusMessage {
 
-/// What one parse logs, held within bounds: a message of megabytes would otherwise write as many lines as it
+/// The log of one parse, held within bounds: a message of megabytes would otherwise write as many lines as it
 /// has entries, and keep the thread for as long as the log takes them. Lines past the bounds are counted, and
 /// summed up in one line when the parse ends, at the level of the most severe among them.
 ///

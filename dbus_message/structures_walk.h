@@ -16,7 +16,7 @@
 
 namespace mw::tern::DBusMessage {
 
-/// One walk over an array of structures, each a name and an a{sv}. `Form` tells the signature and logs what
+/// One walk over an array of structures, each a name and an a{sv}. `Form` gives the signature and logs what
 /// is different; `Receiver` has the callback OnEntry.
 template <typename Form, typename Receiver>
 class StructuresWalk {

@@ -22,7 +22,7 @@ const ValueISI& ContentOf(const ValueISI& value) {
     return value;
 }
 
-/// What an accessor of the class hands out, and how its adder takes it.
+/// The type that an accessor of the class hands out, and the type that its adder takes.
 template <typename ConcreteValue>
 using HeldBy = std::remove_cvref_t<decltype(ContentOf(std::declval<const ConcreteValue&>()))>;
 template <typename ConcreteValue>

@@ -52,10 +52,10 @@ private:
     using Map = std::map<std::string, Value*>;
     using Position = Map::iterator;
 
-    /// What the map makes for an entry: the entry behind a colour and three pointers.
+    /// The map's node for an entry: the entry after a colour and three pointers.
     static constexpr std::size_t NODE = MemoryBudget::Allocation(4 * sizeof(void*) + sizeof(Map::value_type));
 
-    /// What an argument needs besides the object.
+    /// The memory that an argument needs beside the object.
     static std::size_t TextOf(const char* text) { return MemoryBudget::Text(strlen(text)); }
     template <typename Number>
     static std::size_t TextOf(const Number&) {
@@ -70,7 +70,7 @@ private:
         static_cast<void>(value.release());  // the list's now
     }
 
-    // What is the same for every type, compiled once.
+    // The part that is the same for every type, compiled once.
     /// Where `key` belongs; false when it is there already.
     static bool FindPlace(ValuesList& list, const std::string& key, Position& position);
     static void Insert(ValuesList& list, Position position, const std::string& key, Value& value);

@@ -22,7 +22,7 @@ CompositeRuntime::CompositeRuntime(std::initializer_list<ComponentRuntimeInterfa
 }
 
 CompositeRuntime::~CompositeRuntime() {
-    // Nobody is left to be told; each pass undoes as much as it can.
+    // Nobody is left to notify; each pass undoes as much as it can.
     static_cast<void>(CompositeRuntime::Stop());
     static_cast<void>(CompositeRuntime::Destroy());
 }

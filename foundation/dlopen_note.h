@@ -5,9 +5,9 @@
 
 namespace mwl {
 
-/// Tells those who make packages and images what a library loads while it runs, which its list of linked
-/// libraries does not name: a note of the ELF file in the form that systemd's own libraries use (readelf
-/// --notes shows it). `content` is a JSON array.
+/// Reports to those who make packages and images what a library loads while it runs. Its list of linked
+/// libraries does not name that. It is a note of the ELF file in the form that systemd's own libraries use
+/// (readelf --notes shows it). `content` is a JSON array.
 ///
 ///     TERN_DLOPEN_NOTE constexpr auto NOTE =
 ///     MakeDlopenNote(R"([{"feature":...,"soname":["libzip.so.4"]}])");

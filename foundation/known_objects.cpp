@@ -13,7 +13,7 @@ namespace {
 
 // Nothing of it is ever destroyed: objects may outlive main.
 constinit std::mutex gMutex;
-constinit std::array<Known, MOST> gRows{};  ///< guarded by gMutex, as the rest
+constinit std::array<Known, MOST> gRows{};  ///< guarded by gMutex, like the rest
 constinit std::size_t gCount = 0;
 constinit std::uint64_t gMissed = 0;
 

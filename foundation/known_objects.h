@@ -9,14 +9,14 @@
 
 namespace mwl::KnownObjects {
 
-// What of the library's objects exists, for who begins to listen (tell.h) when they are long made. Kept
-// always, as making and ending them is rare: a lock and a row, no memory from the heap. Nobody follows the
-// addresses.
+// Which of the library's objects exist, for a listener (tell.h) that begins long after they were created.
+// Kept always, because creating and destroying them is rare: a lock and a row, no memory from the heap.
+// Nobody follows the addresses.
 
-/// What an object is.
+/// The kind of an object.
 enum class Kind : std::uint8_t { Supervised = 1, Watched, Pool, Component, Timer, ShortPeriodTimer, Pipe };
 
-/// Rows that there are. What is made while all are taken is not known; see GetMissed.
+/// The number of rows. An object that is created while all are taken is not known; see GetMissed.
 inline constexpr std::size_t MOST = 256;
 
 /// One object.
@@ -33,10 +33,10 @@ struct Known {
     std::string_view GetName() const noexcept { return name.data(); }
 };
 
-/// Adds the object and tells of it (object_made). One of the same address and kind that is there already is
-/// replaced, but for supervised threads, which may be there several times. Any thread.
+/// Adds the object and reports it (object_made). An object of the same address and kind that is there already
+/// is replaced, except for supervised threads, which may be there several times. Any thread.
 void Add(const Known& known, std::string_view name = {}) noexcept;
-/// Takes the latest of this kind and address out and tells of it (object_gone); nothing when there is none.
+/// Takes the latest of this kind and address out and reports it (object_gone); nothing when there is none.
 /// Any thread.
 void Remove(Kind kind, const void* object) noexcept;
 /// The same for all of this kind and address.
@@ -44,11 +44,11 @@ void RemoveAll(Kind kind, const void* object) noexcept;
 
 /// All that are known now, in the order in which they were added. Returns their number.
 TERN_API std::size_t Copy(std::array<Known, MOST>& all) noexcept;
-/// As Copy; meanwhile nothing is added or removed, and `begin` is called: what is told afterwards is of
-/// objects that come or go afterwards. `begin` waits for nothing.
+/// As Copy; meanwhile nothing is added or removed, and `begin` is called: reports after it are of objects
+/// that come or go after it. `begin` waits for nothing.
 TERN_API std::size_t CopyAnd(std::array<Known, MOST>& all, void (*begin)(void*) noexcept,
                              void* argument) noexcept;
-/// How many objects were not added, as all rows were taken.
+/// How many objects were not added because all rows were taken.
 TERN_API std::uint64_t GetMissed() noexcept;
 
 }  // namespace mwl::KnownObjects

@@ -8,23 +8,25 @@
 #include "foundation/tell_events.h"
 #include "platform/static_probe.h"
 
-// The library tells what it does to one listener, if there is one (libtern-diagnostics'). While there is
-// none, a place that tells costs one load and one branch, and evaluates nothing. At each place is a static
+// The library reports what it does to one listener, if there is one (libtern-diagnostics'). While there is
+// none, a place that reports costs one load and one branch, and evaluates nothing. At each place is a static
 // probe as well (platform/static_probe.h), of the event's name, with two arguments: the object, and the name
-// as a text or 0. The probes of calls are the typed layer's (typed/call_probe.h), that of messages is the
-// logger's.
+// as a text or 0. The probes of calls are the typed layer's (typed/call_probe.h); the probe of messages is
+// the logger's.
 
 namespace mwl::Tell {
 
-/// Is told everything; lives for ever, as a thread may still be on its way to one that was taken out.
+/// Receives every report. Lives for ever, because a thread may still be on its way to a listener that was
+/// taken out.
 struct Listener {
     /// Of this structure and the list of events.
     static constexpr unsigned VERSION = 1;
 
     unsigned version = VERSION;
     /// On the thread where it happens, perhaps with a lock of the library's held: takes no lock that is held
-    /// while the library is called, waits for nothing, tells nothing itself. `object` is what it happens to,
-    /// or null: an address that is not followed. `name` is valid during the call, or null. Preserves errno.
+    /// while the library is called, waits for nothing, reports nothing itself. `object` is what it happens
+    /// to, or null: an address that is not followed. `name` is valid during the call, or null. Preserves
+    /// errno.
     void (*onEvent)(Event event, const void* object, std::uint64_t value,
                     const char* name) noexcept = nullptr;
 };
@@ -52,8 +54,8 @@ __attribute__((visibility("hidden"), cold, noinline)) void Pass(Event event, con
 
 }  // namespace mwl::Tell
 
-/// Tells of an event: enumerator and name of the event, the object, the value. The value is evaluated only
-/// for a listener, the object perhaps for the probe too: an address that is at hand.
+/// Reports an event: enumerator and name of the event, the object, the value. The value is evaluated only for
+/// a listener, the object perhaps for the probe too: so it is to be an address that is at hand.
 #define TERN_TELL(event, probe, object, value) \
     TERN_TELL_NAMED(event, probe, object, value, static_cast<const char*>(nullptr))
 

@@ -8,8 +8,8 @@
 namespace mwl::Tell {
 
 // Each event: its enumerator, and its name in probes, rings and tools. Numbers are the places in this list
-// and stand in rings that a later version may read: new ones come at the end. What "value" and "name" are
-// without a word is 0 and none; a name is the object's own where that has one. All times are of
+// and stand in rings that a later version may read: new ones come at the end. Where nothing is said, "value"
+// is 0 and "name" is none; a name is the object's own where the object has one. All times are of
 // CLOCK_MONOTONIC.
 //
 //  object_made, object_gone      an object that is known (known_objects.h); value: its kind
@@ -55,7 +55,7 @@ namespace mwl::Tell {
     X(Thrown, thrown)                \
     X(Message, message)
 
-/// What has happened; see above.
+/// The event; see above.
 enum class Event : std::uint16_t {
 #define TERN_TELL_EVENT_(enumerator, name) enumerator,
     TERN_TELL_EVENTS(TERN_TELL_EVENT_)

@@ -22,7 +22,7 @@ using mwl::Utilities::Zipper;
 namespace fs = std::filesystem;
 
 /// A folder for one input. The target is two levels down, and every level holds known entries only. libFuzzer
-/// ends without running static destructors, so it is made and removed every time.
+/// ends without running static destructors, so it is created and removed every time.
 class Workspace {
 public:
     Workspace() {

@@ -10,9 +10,9 @@
 
 // Reads messages of arbitrary signature and body with every kind of codec. An input is one byte that picks
 // the byte order and the type, the signature and a null byte, the body. The message goes over a socket, so
-// that the codecs see what sd-bus makes of what arrived, malformed bodies included. What was read has to be
-// written and read again to the same, what was refused with a text has to have one that can be sent as an
-// error.
+// that the codecs see what sd-bus makes of what arrived, malformed bodies included. A value that was read has
+// to be the same after it is written and read again. A refusal with a text has to have one that can be sent
+// as an error.
 
 namespace {
 
@@ -76,7 +76,7 @@ void Read(tern::test::TestMessages& messages, sd_bus_message* message) {
     }
 }
 
-/// What points into the message, and descriptors: only read.
+/// Values that point into the message, and descriptors: only read.
 template <class T>
 void Look(sd_bus_message* message) {
     T value{};

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string_view>
 
-// Reads arbitrary text as introspection data. What was read is sound: no name, type or depth in it that D-Bus
-// does not have. What was refused has a text that can be sent as an error.
+// Reads arbitrary text as introspection data. A text that was read is sound: no name, type or depth in it
+// that D-Bus does not have. A refusal has a text that can be sent as an error.
 
 namespace {
 

@@ -18,12 +18,12 @@
 
 // Flattens messages of arbitrary signature and body. An input is one byte that picks the reader, the
 // signature and a null byte, the body. The message goes over a socket, so that the readers see what sd-bus
-// makes of what arrived, malformed bodies included. What one call stores and logs is held against the limits
-// that Parser's header states; longer inputs (-max_len) come nearer to them.
+// makes of what arrived, malformed bodies included. The memory and the log of one call are held against the
+// limits that Parser's header states; longer inputs (-max_len) come nearer to them.
 
 namespace {
 
-/// What was logged since it was looked at last.
+/// The lines that were logged since the last look.
 std::size_t gLines = 0;
 std::size_t gBytes = 0;
 std::size_t gLongest = 0;

@@ -35,8 +35,8 @@ private:
 /// Defines `object`, a static or namespace-scope `const std::string` that a public header declares, so that
 /// its type would have it destroyed. Stands outside of every namespace. `symbol` is the object's name as the
 /// linker knows it, without the tag and the E at its end: plain storage takes that name, and the text is
-/// built there by its public name, as a program that is not position-independent holds the one copy itself. A
-/// wrong symbol does not link.
+/// built there by its public name, because a program that is not position-independent holds the one copy
+/// itself. A wrong symbol does not link.
 ///
 ///     TERN_STATIC_TEXT(mwl::Threading::Common::mLogger, _ZN3mwl9Threading6Common7mLogger, "Threading");
 // NOLINTBEGIN(bugprone-reserved-identifier)

@@ -23,13 +23,13 @@ constexpr int START_LIMIT_MS = 100;
 
 enum class Stage : int { Stdin, Stdout, Stderr, Execute };
 
-/// What a child that cannot execute sends to its parent.
+/// The message of a child that cannot execute to its parent.
 struct StartFailure {
     Stage stage;
     int error;
 };
 
-/// What the child works with.
+/// The data of the child.
 struct Plan {
     const char* path;
     char* const* argv;
@@ -64,7 +64,7 @@ int RunChild(void* data) {
     return FailInChild(plan, Stage::Execute);
 }
 
-/// By number, as C libraries before 2.36 have no function for it. A kernel before 5.3 answers ENOSYS.
+/// By number, because C libraries before 2.36 have no function for it. A kernel before 5.3 answers ENOSYS.
 int OpenPidFd(pid_t pid) {
 #ifdef SYS_pidfd_open
     return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
@@ -153,7 +153,7 @@ void ChildProcess::LogStartFailure() {
             TERN_LOG_ERROR(LOGGER, "Duplicate Stderr failed with error code: [%s]", ErrorText(failure.error));
             break;
         case Stage::Execute:
-            // 0 is meant: it is the number that the child's own side knows it by.
+            // 0 is intended: the child's own side knows itself by this number.
             TERN_LOG_ERROR(LOGGER, "PID[%d] Failed to execute command with error [%s]", 0,
                            ErrorText(failure.error));
             break;

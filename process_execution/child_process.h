@@ -51,7 +51,7 @@ public:
 private:
     pid_t mPid = -1;
     UniqueFd mPidFd;
-    std::unique_ptr<LeftChild> mLeft;  ///< as long as the child is to be reaped; made before it is
+    std::unique_ptr<LeftChild> mLeft;  ///< as long as the child is to be reaped; created before the child
     Pipe mInput;
     Pipe mOutput;
     Pipe mFailure;

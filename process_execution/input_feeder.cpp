@@ -18,17 +18,17 @@ namespace mwl::ProcessExecution {
 
 namespace {
 
-/// How far ahead the end of the text is looked for: more than a pipe takes at once, and still in the cache
-/// when it is written.
+/// How far ahead the end of the text is looked for: more than a pipe takes in one write, and still in the
+/// cache when it is written.
 constexpr std::size_t WINDOW = 1024UL * 1024;
 
-/// What a pipe holds by default.
+/// The capacity of a pipe by default.
 constexpr std::size_t PIPE_SIZE = 64UL * 1024;
-/// What it is made to hold for a longer input, so that feeder and program wait for each other more seldom.
+/// The capacity that it gets for a longer input, so that feeder and program wait for each other more seldom.
 constexpr int LARGE_PIPE_SIZE = 256 * 1024;
 
 /// write(2) that answers EPIPE without a SIGPIPE: the signal, which goes to the writing thread, is held off
-/// and taken back. One that was pending before is not ours and stays. No other thread and no handler is
+/// and taken back. A signal that was pending before is not ours and stays. No other thread and no handler is
 /// touched.
 ssize_t WriteWithoutSigpipe(int fd, const char* data, std::size_t size) {
     sigset_t sigpipe;
@@ -61,7 +61,8 @@ InputFeeder::InputFeeder(UniqueFd pipe, const char* text, pid_t pid)
         mPipe.Reset();
         return;
     }
-    // Only this end: the program's own stays blocking, as programs expect. It cannot fail on a pipe.
+    // Only this end: the program's own stays blocking, because programs expect that. It cannot fail on a
+    // pipe.
     int on = 1;
     static_cast<void>(ioctl(mPipe.Get(), FIONBIO, &on));
     if (mLeft > PIPE_SIZE) {

@@ -12,7 +12,7 @@ namespace mwl::ProcessExecution {
 /// must outlive it. One thread at a time.
 class InputFeeder {
 public:
-    /// `pid` is for the message. With an empty text the pipe is closed at once.
+    /// `pid` is for the message. With an empty text the pipe is closed immediately.
     InputFeeder(UniqueFd pipe, const char* text, pid_t pid);
 
     /// The descriptor to be polled for writing, -1 when everything is written or nobody reads any more.

@@ -23,7 +23,7 @@ constexpr int FIELDS_BEFORE_START_TIME = 19;
 
 std::atomic<LeftChild*> gFirst{nullptr};
 
-/// What has been taken is the caller's: nobody else looks at it.
+/// The list that has been taken is the caller's: nobody else looks at it.
 LeftChild* TakeAll() noexcept {
     return gFirst.exchange(nullptr, std::memory_order_acquire);
 }
@@ -36,7 +36,7 @@ void Push(LeftChild* child) noexcept {
 }
 
 /// When the process with this number was started, in ticks since the system's own start; 0 with errno set
-/// when that cannot be told.
+/// when it cannot be found out.
 unsigned long long StartTimeOf(pid_t pid) noexcept {
     char buffer[512];
     snprintf(buffer, sizeof buffer, "/proc/%d/stat", static_cast<int>(pid));

@@ -11,7 +11,7 @@ namespace mwl::ProcessExecution {
 struct LeftChild {
     pid_t pid = -1;
     pid_t parent = -1;
-    unsigned long long startTime = 0;  ///< tells it from a later process of the same number; 0: not known
+    unsigned long long startTime = 0;  ///< distinguishes it from a later process of this number; 0: not known
     LeftChild* next = nullptr;
 };
 
@@ -24,8 +24,8 @@ class LeftChildren {
 public:
     /// `child` has its numbers; the start time is looked up here.
     static void Remember(std::unique_ptr<LeftChild> child) noexcept;
-    /// Reaps those that have ended by now (waitpid(2), WNOHANG) and forgets them, as it does those that the
-    /// application has reaped itself.
+    /// Reaps those that have ended by now (waitpid(2), WNOHANG) and forgets them, together with those that
+    /// the application has reaped itself.
     static void Reap() noexcept;
 };
 

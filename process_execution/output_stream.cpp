@@ -16,7 +16,7 @@ namespace mwl::ProcessExecution {
 
 namespace {
 
-/// What a pipe holds by default: one read empties it.
+/// The capacity of a pipe by default: one read empties it.
 constexpr std::size_t CHUNK = 64UL * 1024;
 /// Bytes until the time limit is looked at again: about a millisecond's worth.
 constexpr std::size_t PASS_LIMIT = 1024UL * 1024;
@@ -60,7 +60,7 @@ StatusCode OutputStream::Open(UniqueFd pipe) {
 
 void OutputStream::Read(Clock::time_point until) {
     const std::size_t end = GetSize() + PASS_LIMIT;
-    // What an earlier call had no time for comes first.
+    // Lines that an earlier call had no time for come first.
     bool more = TraceLines(false, until);
     while (more && mFd >= 0 && GetSize() < end) {
         more = ReadChunk(end - GetSize());

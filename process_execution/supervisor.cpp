@@ -77,7 +77,7 @@ bool Supervisor::WaitForEvent() {
 
 int Supervisor::NextWaitMs() {
     std::int64_t waitMs = PASS_MS;
-    // A program that has closed its output is mostly about to end. Where no descriptor tells of that, it is
+    // A program that has closed its output is mostly about to end. Where no descriptor reports the end, it is
     // looked for soon, then ever more seldom.
     if (mOutput.GetDescriptor() < 0 && mChild.GetPidFd() < 0) {
         waitMs = mBackOffMs;

@@ -13,8 +13,8 @@
 namespace mwl::ProcessExecution {
 
 /// Watches a started program until it has ended or its time is up, feeding its input and reading its output
-/// meanwhile. The time limit counts from the construction. What it refers to must outlive it. One thread at a
-/// time.
+/// meanwhile. The time limit counts from the construction. The objects that it refers to must outlive it. One
+/// thread at a time.
 class Supervisor {
 public:
     /// `name` is for the messages.
@@ -46,7 +46,7 @@ private:
     const Clock::time_point mStart = Clock::now();
     StatusCode mStatus = StatusCode::Ok;
     int mWaitStatus = 0;
-    int mBackOffMs = 1;  ///< next wait of a program that nothing tells the end of
+    int mBackOffMs = 1;  ///< next wait for a program whose end nothing reports
 };
 
 }  // namespace mwl::ProcessExecution

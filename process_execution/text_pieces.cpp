@@ -14,8 +14,8 @@ namespace {
 /// Length of a piece: sixteen times what a pipe holds by default.
 constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
 
-/// Has the pages that lie within this memory made at once rather than one by one at the first write to each.
-/// A system that knows no such advice makes them one by one.
+/// Has all pages that lie within this memory created in one call rather than one by one at the first write to
+/// each. A system that does not know this advice creates them one by one.
 void MakePages(char* begin, std::size_t size) {
 #ifdef MADV_POPULATE_WRITE
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));

@@ -9,7 +9,7 @@
 namespace mwl::ProcessExecution {
 
 /// Collects a long text of unknown length from a descriptor, in pieces that stay where they are: a string
-/// that grows is moved each time, and has its pages made again, twice as much in the end as its text is long.
+/// that grows is moved each time, and gets new pages each time, in the end twice as much as its text is long.
 /// One thread at a time.
 class TextPieces {
 public:

@@ -25,7 +25,7 @@ const StaticText LOGGER("QueuedProcessings::Component");
 // before the thread begins until after it has ended or the component is destroyed.
 //
 // The manager's address stands for the component in the events that are reported: it stays taken for as long
-// as the thread may tell of a run.
+// as the thread may report a run.
 
 Component::Component(const std::string& name, const std::string& threadName,
                      Threading::ThreadsMonitorInterface& monitor, ExecutorInterface& executor)
@@ -56,7 +56,7 @@ StatusCode Component::Start() {
     std::future<StatusCode> started = startUp->get_future();
     auto body = [name = mName, threadName = mThreadName, threadManager = mThreadManager, startUp,
                  &executor = mExecutor] { ThreadMain(name, threadName, *threadManager, *startUp, executor); };
-    // In its place before it runs: the executor may call Stop from there at once.
+    // In its place before it runs: the executor may call Stop from there immediately.
     mThread.reset(new (std::nothrow) std::thread);
     if (mThread == nullptr) {
         TERN_LOG_ERROR(LOGGER, "%s: Failed to create %s thread", "Start", mName.c_str());
@@ -141,7 +141,7 @@ void Component::ThreadMain(const std::string& name, const std::string& threadNam
         try {
             Execute(threadManager, executor);
         } catch (const std::exception& exception) {
-            // What is no std::exception is not caught: it ends the process (std::terminate).
+            // Any other exception is not caught: it ends the process (std::terminate).
             TERN_TELL_NAMED(Thrown, thrown, static_cast<const void*>(&threadManager), 0, exception.what());
             TERN_LOG_ERROR(LOGGER, "%s: caught exception [%s], restart the extension", "ThreadMain",
                            exception.what());

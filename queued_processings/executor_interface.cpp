@@ -2,7 +2,7 @@
 
 namespace mwl::QueuedProcessings {
 
-// Here, so that the virtual table is made once, in the library.
+// Here, so that the virtual table exists once, in the library.
 ExecutorInterface::~ExecutorInterface() = default;
 
 }  // namespace mwl::QueuedProcessings

@@ -27,7 +27,7 @@ StatusCode ThreadManager::Wait() {
     {
         Threading::Lock lock(mMutex);
         if ((mWait.load(std::memory_order_relaxed) & WAIT_NEEDED) != 0) {
-            // No loop: a wake-up for no reason costs one run with nothing to do.
+            // No loop: a wake-up without a reason costs one run with nothing to do.
             status = mCondition.Wait(lock);
         }
         mWait.fetch_or(WAIT_NEEDED, std::memory_order_acq_rel);
@@ -47,8 +47,8 @@ StatusCode ThreadManager::Wait() {
     return StatusCode::Ok;
 }
 
-// A burst asks once: what the others would do has been done. Nothing is touched behind that look, as the run
-// may destroy the manager.
+// A burst asks once: what the others would do has been done. Nothing is touched after that look, because the
+// run may destroy the manager.
 void ThreadManager::Notify() {
     if (mWait.fetch_add(0, std::memory_order_acq_rel) != 0) {
         WakeUp(true);

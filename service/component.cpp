@@ -43,12 +43,12 @@ Run BeginRun() {
     return Run(gIsRunning.exchange(true) ? nullptr : &gIsRunning);
 }
 
-/// Tells whether a connection has gone with its last reference: a slot that the connection owns and that is
-/// looked at from outside. It costs the connection nothing, as nothing is dispatched any more.
+/// Reports whether a connection has gone with its last reference: a slot that the connection owns and that is
+/// looked at from outside. It costs the connection nothing, because nothing is dispatched any more.
 class BusWitness {
 public:
     explicit BusWitness(sd_bus* bus) {
-        // One that an exception passed through has lost references of its own.
+        // A connection that an exception passed through has lost references of its own.
         if (bus == nullptr || sd_bus_get_current_message(bus) != nullptr) {
             return;
         }
@@ -71,7 +71,7 @@ void TellState(const char* state) {
     TERN_TELL_NAMED(StateChanged, state_changed, NO_OBJECT, 0, state);
 }
 
-// What is thrown in a step is logged and counts as its failure.
+// An exception of a step is logged and counts as the failure of the step.
 
 StatusCode InitializeService(Service& service) {
     return Contain(
@@ -196,8 +196,8 @@ void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& st
     // The loop takes no SIGTERM any more. Where nobody blocked it, the monitor's would end the process before
     // the others have been stopped. Cannot fail with valid arguments.
     static_cast<void>(mw::tern::ServiceMainLoop::BlockSignalsForRunningThread());
-    // The first failure is the thread's status. A running service's is told before anything else stops: the
-    // process has to end as failed, or nobody would restart it.
+    // The first failure is the thread's status. A running service's failure is reported before anything else
+    // stops: the process has to end as failed, or nobody would restart it.
     bool isFailureTold = false;
     const auto settle = [&](StatusCode outcome) {
         status = status == StatusCode::Ok ? outcome : status;

@@ -27,12 +27,12 @@ using mwl::DBusService::HangUp;
 
 namespace {
 
-/// How long a bus that has not answered yet may still do so once the process has been asked to stop. One that
-/// works at all does it in this time, and the process then starts and stops in order.
+/// How long a bus that has not answered yet may still do so once the process has been asked to stop. A bus
+/// that works at all answers in this time, and the process then starts and stops in order.
 constexpr std::chrono::seconds AFTER_STOP_SIGNAL{1};
 
-/// How long the end of the loop waits for the bus to take what is queued for it. One that reads at all takes
-/// megabytes in this time, and the rest of a unit's TimeoutStopSec=5 is for the workers.
+/// How long the end of the loop waits for the bus to take what is queued for it. A bus that reads at all
+/// takes megabytes in this time, and the rest of a unit's TimeoutStopSec=5 is for the workers.
 constexpr std::chrono::seconds FLUSH_LIMIT{2};
 
 /// Goes before sd-bus's own part in the end of the loop, which flushes without a limit and closes.
@@ -63,7 +63,7 @@ int FlushWithinTheLimit(sd_event_source*, void* userdata) {
     return 0;
 }
 
-/// What runs before each wait of the loop.
+/// Runs before each wait of the loop.
 ///
 /// A connection that is lost, or closed by anybody, has left its loop by then; so none of the filters and
 /// matches that see the signal of it can keep the service alive. A filter, from which one of the
@@ -91,7 +91,7 @@ struct DBusServerManager::State {
     /// The texts are the objects' own.
     std::unordered_map<std::string_view, DBusObjectSkeleton*> objects;
     std::unordered_set<const DBusInterface*> interfaces;
-    /// Those that sd-bus has accepted.
+    /// The vtables that sd-bus has accepted.
     std::unordered_set<const sd_bus_vtable*> soundTables;
     std::unique_ptr<Turn> turn;
     /// Has the loop look at the connection before it waits: a timer that never expires.
@@ -107,7 +107,7 @@ DBusServerManager::~DBusServerManager() {
     if (mState->beforeWait != nullptr) {
         SetLoopBus(nullptr);
     }
-    // The bus before the loop, of which the sources hold a reference; they cannot fire in between.
+    // The bus before the loop, of which the sources hold a reference; they cannot fire between the two.
     sd_bus_unref(mBus);
     mState.reset();
 }
@@ -233,7 +233,7 @@ StatusCode DBusServerManager::ExportObject(const std::string& path) {
             TERN_LOG_ERROR(ServiceCommon::mLogger,
                            "sd_bus_add_object_vtable FAILED for interface: %s in DBus object: %s",
                            interface->GetName().c_str(), path.c_str());
-            // Wording and newline are meant.
+            // Fixed by the interface: wording and newline.
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to issue method call: %s\n", ErrorText(-r));
             if (fault.kind != nullptr) {
                 TERN_LOG_ERROR(ServiceCommon::mLogger,

@@ -12,7 +12,8 @@ namespace mw::tern {
 
 namespace {
 
-/// What a callback throws ends here, as sd-event is C. Not so what an empty one raises: that has to leave.
+/// An exception of a callback ends here, because sd-event is C. The one that an empty callback raises has to
+/// leave.
 int Dispatch(sd_event_source* source, int fd, uint32_t revents, void* userdata) {
     const std::shared_ptr<EventIoContext> context = static_cast<EventIoContext*>(userdata)->self.lock();
     if (!context->callback) {

@@ -19,14 +19,14 @@ class HangUp {
 public:
     /// When the limit begins to run.
     enum class From {
-        Now,         ///< at once
+        Now,         ///< immediately
         StopSignal,  ///< when the process is sent SIGTERM or SIGINT, which stay pending; they are to be
                      ///< blocked
     };
 
     /// Without the means for it (descriptors, a thread) nothing happens: see IsArmed.
     HangUp(sd_bus* bus, From from, std::chrono::milliseconds limit) noexcept;
-    /// Ends the thread, at once.
+    /// Ends the thread, immediately.
     ~HangUp();
     HangUp(const HangUp&) = delete;
     HangUp& operator=(const HangUp&) = delete;

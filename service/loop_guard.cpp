@@ -58,7 +58,7 @@ void LogOfCall(sd_bus_message* message, const Thrown& thrown) {
                       member, path, thrown.Type(), thrown.Text());
 }
 
-/// The message stays the connection's current one, as nothing was tidied up behind what was thrown.
+/// The message stays the connection's current one, because nothing was tidied up behind the exception.
 void LogThrown(const Thrown& thrown) {
     TellThrown(thrown);
     sd_bus_message* const message = tBus == nullptr ? nullptr : sd_bus_get_current_message(tBus);
@@ -125,7 +125,7 @@ UncaughtLog::UncaughtLog() {
 UncaughtLog::~UncaughtLog() {
     tIsGuarded = false;
     const std::lock_guard lock(gMutex);
-    // One that the application has set meanwhile stays.
+    // A handler that the application has set meanwhile stays.
     if (--gThreads == 0 && std::get_terminate() == OnTerminate) {
         std::set_terminate(gFormer);
     }

@@ -18,8 +18,8 @@ void SetLoopBus(sd_bus* bus);
 
 /// While it lives, an exception that ends the process on this thread is logged before it does: one that
 /// leaves a noexcept function, and any that would have to pass a C library without tables to unwind by, as on
-/// 32-bit ARM. One that ends it on another thread is only told (TellThrown). Then whatever terminate handler
-/// there was before takes its course. Loop thread only.
+/// 32-bit ARM. An exception that ends it on another thread is only reported (TellThrown). Then whatever
+/// terminate handler there was before takes its course. Loop thread only.
 class UncaughtLog {
 public:
     UncaughtLog();

@@ -18,7 +18,7 @@ bool IsEnding(sd_event* loop) {
 
 // A post source, which becomes pending when another has run, and then waits for its turn behind those that
 // have been pending for longer. A defer source would always be the first one: sd-event counts its age from
-// when it was made. It begins disabled.
+// its creation. It begins disabled.
 int MessageBatch::Open(sd_event* loop) noexcept {
     sd_event_source* source = nullptr;
     int r = sd_event_add_post(loop, &source, OnTurn, this);
@@ -46,7 +46,7 @@ void MessageBatch::Handle(sd_event* loop) {
     tIsLast = false;
     while (r > 0 && handled < MESSAGES &&
            (handled == 0 || (!tIsLast && Clock::now() < end && !IsEnding(loop)))) {
-        // What a handler throws passes through.
+        // Exceptions of a handler pass through.
         r = sd_bus_process(mBus, nullptr);
         handled += r > 0 ? 1 : 0;
     }

@@ -14,9 +14,9 @@ namespace mw::tern {
 /// itself polls before each message.
 ///
 /// In one turn of the loop at most MESSAGES messages are handled so, and none is begun once PERIOD has
-/// passed: so signals, the watchdog, timers and other descriptors have their turn however many messages
-/// come. Their order is the connection's, as ever. A message whose handler ends the loop is the last one, and
-/// so is one after which something has to be done first: see EndAfterThisMessage.
+/// passed: so signals, the watchdog, timers and other descriptors have their turn however many messages come.
+/// Their order stays the connection's. A message whose handler ends the loop is the last one, and so is one
+/// after which something has to be done first: see EndAfterThisMessage.
 ///
 /// Whether more has come is seen by reading, a system call. Where the last look found nothing the next PAUSE
 /// turns do not look, so that calls that come one at a time hardly pay for it.
@@ -39,7 +39,7 @@ public:
     void BeforeWait() noexcept;
 
     /// The loop has its turn before the next message is handled: for a defer source of the connection's own
-    /// priority that a handler of this thread has enabled, and that was made before this one.
+    /// priority that a handler of this thread has enabled, and that was created before this one.
     TERN_API static void EndAfterThisMessage() noexcept;
 
 private:

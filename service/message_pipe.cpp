@@ -30,7 +30,7 @@ int TransferError(ssize_t transferred, unsigned int size) {
     return static_cast<std::size_t>(transferred) < size ? EIO : 0;
 }
 
-/// write(2) for a listener, who is told of a wait for room; finding that out takes a system call.
+/// write(2) for a listener, to whom a wait for room is reported; finding that out takes a system call.
 ssize_t WriteAndTell(const void* pipe, int fd, const void* data, std::size_t size) {
     pollfd room{fd, POLLOUT, 0};
     if (poll(&room, 1, 0) != 0) {
@@ -42,7 +42,7 @@ ssize_t WriteAndTell(const void* pipe, int fd, const void* data, std::size_t siz
     return written;
 }
 
-/// What Close takes out of a pipe and puts back.
+/// The messages that Close takes out of a pipe and puts back.
 class Content {
 public:
     /// Holds nothing. Has room for two takings: what was in the pipe, and what one more write added.
@@ -133,8 +133,8 @@ StatusCode MessagePipe::WriteMessage(const void* data, unsigned int size) {
     if (mIsClosed) {
         mOvertaken = static_cast<unsigned int>(std::max(written, static_cast<ssize_t>(0)));
         lock.unlock();
-        // Close is under way and has the last word. Whoever waited in write(2) was let go by it, so success
-        // means nothing yet.
+        // Close is under way and has the last word. It has let go every writer that waited in write(2), so
+        // success means nothing yet.
         std::unique_lock closing(mReadMutex);
         const bool isWritten = error == 0 && !mIsRevoked;
         closing.unlock();

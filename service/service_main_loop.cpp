@@ -45,7 +45,7 @@ StatusCode ServiceMainLoop::Init() {
     }
     int r = sd_event_default(&mEvent);
     if (r < 0) {
-        // The missing parenthesis is meant.
+        // Fixed by the interface: the missing parenthesis.
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to init event loop (%d, %s", r, ErrorText(-r));
         return MakeStatusCodeFromReturnCode(r);
     }
@@ -73,7 +73,7 @@ StatusCode ServiceMainLoop::Run() {
     }
     TERN_LOG_INFO(ServiceCommon::mLogger, "sd_event_loop exited with %d", r);
     static_cast<void>(
-        sd_notify(0, "STOPPING=1\nShutting down..."));  // without systemd there is nobody to tell
+        sd_notify(0, "STOPPING=1\nShutting down..."));  // without systemd there is nobody to notify
     return MakeStatusCodeFromReturnCode(r);
 }
 

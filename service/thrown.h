@@ -8,7 +8,7 @@
 
 namespace mw::tern {
 
-/// What has been thrown, for a line of the log. Made where there is a current exception: in a catch block or
+/// A thrown exception, for a line of the log. Created where there is a current exception: in a catch block or
 /// a terminate handler; the texts live as long as that exception and this object.
 class Thrown {
 public:
@@ -16,7 +16,7 @@ public:
 
     /// As it is written in C++, for example "std::runtime_error".
     const char* Type() const { return mType; }
-    /// What std::exception::what says, or the text itself where one was thrown; "no text" for everything
+    /// The text of std::exception::what, or the text itself where a text was thrown; "no text" for everything
     /// else.
     const char* Text() const { return mText; }
 
@@ -26,11 +26,12 @@ private:
     const char* mText = "no text";
 };
 
-/// Tells the library's listener of it (foundation/tell.h).
+/// Reports it to the library's listener (foundation/tell.h).
 void TellThrown(const Thrown& thrown) noexcept;
 
-/// The result of `body`. What it throws ends here: `report` is called with it, and the result is `failure`.
-/// The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through, as it must.
+/// The result of `body`. An exception of it ends here: `report` is called with it, and the result is
+/// `failure`. The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through,
+/// because it must.
 template <typename Result, typename Body, typename Report>
 Result Contain(Result failure, Body body, Report report) {
     try {

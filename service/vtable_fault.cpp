@@ -68,7 +68,7 @@ VtableFault FindVtableFault(const sd_bus_vtable* table) {
     if (fault.error == 0) {
         return fault;
     }
-    // Made with another sd-bus's header, how its entries look is not known here.
+    // It was built with another sd-bus's header: the form of its entries is not known here.
     const bool isReadable = table != nullptr && (table->type != _SD_BUS_VTABLE_START ||
                                                  table->x.start.element_size == sizeof(sd_bus_vtable));
     const Bus bus = MakeBus();

@@ -19,9 +19,9 @@ struct VtableFault {
 /// to take the members back that it has registered before it refuses one, and a peer that calls them has it
 /// use freed memory. So a table is registered with the service's connection only when it is sound.
 ///
-/// Which entry is at fault is found by registering ever longer beginnings of the table: so it is sd-bus that
-/// tells, a second member of the same name included. No error when the table is accepted, or when there is no
-/// memory to find out. The texts are the table's own.
+/// Which entry is at fault is found by registering ever longer beginnings of the table: so sd-bus itself
+/// finds the fault, a second member of the same name included. No error when the table is accepted, or when
+/// there is no memory to find out. The texts are the table's own.
 VtableFault FindVtableFault(const sd_bus_vtable* table);
 
 }  // namespace mw::tern

@@ -24,14 +24,14 @@ private:
     Type* const mFormer;
 };
 
-/// What an entry of the list holds of the index. A link is a position plus one; none is 0.
+/// The part of the index in an entry of the list. A link is a position plus one; none is 0.
 struct Links {
     std::uint32_t first;  ///< of the chain that begins at this place
     std::uint32_t next;   ///< behind this registration, in the chain that it is in
 };
 
 /// The list of a subject as an index to itself. Of as many places as the largest power of two within the
-/// list's length, each begins a chain of those whose observer leads to it; chains are made again when the
+/// list's length, each begins a chain of those whose observer leads to it; chains are built again when the
 /// length reaches the next power. So nothing is kept beside the list, and a registration is found in a step
 /// or two, however many there are.
 template <typename Registration>
@@ -121,7 +121,7 @@ std::size_t EmptyPlaces(const std::vector<Registration>& list, std::uint64_t cou
         list.begin(), end, [](const Registration& entry) { return entry.pair.second == nullptr; }));
 }
 
-/// Leaves no place empty, and tells the walks how far they are then. Takes no memory.
+/// Leaves no place empty, and corrects the position of each walk. Takes no memory.
 template <typename Registration, typename Walk>
 void CloseUp(std::vector<Registration>& list, Walk* innermost) {
     for (Walk* walk = innermost; walk != nullptr; walk = walk->outer) {
@@ -171,8 +171,8 @@ void Subject::Detach(const ObserverInterface& observer) {
     }
 }
 
-// How far a walk is, the walk itself tells: whatever an observer does to the list while it is called, closing
-// it up included, the walk goes on behind the registration that it called last.
+// Each walk keeps its own position: whatever an observer does to the list while it is called, closing it up
+// included, the walk goes on behind the registration that it called last.
 void Subject::Notify(NotificationInterface& notification) {
     Walk walk{mRegistrations.size(), 0, {}, mInnermostWalk};
     std::size_t empty = 0;
@@ -186,8 +186,8 @@ void Subject::Notify(NotificationInterface& notification) {
                 empty += next - position;
                 position = next;
             } else if (registration.pair.first == notification.GetIdentifier() &&
-                       // One that is newer than the walk may be one that it called, detached and attached
-                       // again.
+                       // A registration that is newer than the walk may be one that the walk called, detached
+                       // and attached again.
                        (position < walk.begun || !walk.HasCalled(registration))) {
                 walk.reached = position + 1;
                 registration.pair.second->OnNotify(&notification);
@@ -203,7 +203,7 @@ void Subject::Notify(NotificationInterface& notification) {
 }
 
 bool Subject::Exist(std::pair<NotificationIdentifier, ObserverInterface*> registration) const {
-    // What it needs of the list it only reads.
+    // It only reads the list.
     return Index(const_cast<std::vector<Registration>&>(mRegistrations)).Find(registration) != 0;
 }
 
@@ -220,12 +220,13 @@ std::size_t Subject::FindAfter(std::uint64_t position) const {
     return next;
 }
 
-// What takes memory comes first: without it the list stays as it was. Returns the place behind.
+// The step that takes memory comes first: when there is none, the list stays as it was. Returns the place
+// after it.
 std::vector<Subject::Registration>::iterator Subject::Remove(std::vector<Registration>::iterator entry) {
     const auto position = static_cast<std::size_t>(entry - mRegistrations.begin());
     for (Walk* walk = mInnermostWalk; walk != nullptr; walk = walk->outer) {
-        // One that the walk is past does not come again when it is attached again, or an observer that
-        // detaches and attaches itself would be called for ever.
+        // A registration that the walk has passed is not called again when it is attached again, or an
+        // observer that detaches and attaches itself would be called for ever.
         if (position < walk->reached) {
             walk->passed.push_back(entry->pair);
         }

@@ -67,7 +67,7 @@ StatusCode ConditionVariable::WaitFor(Lock& lock, int timeoutMs) {
     return WaitUntil(lock, deadline);
 }
 
-// By value, as it always was: callers' calls are compiled against this signature.
+// By value. Fixed by the interface: callers' calls are compiled against this signature.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 StatusCode ConditionVariable::WaitFor(Lock& lock, int timeoutMs, std::function<bool()> predicate) {
     timespec deadline{};

@@ -4,8 +4,8 @@
 
 namespace mwl::Threading {
 
-/// Threads told apart for longer than they live. Their ids cannot do that: pthread_self(3) and gettid(2) are
-/// given again to the next thread, and may not be asked about a thread that has been joined.
+/// Distinguishes threads for longer than they live. Their ids cannot do that: pthread_self(3) and gettid(2)
+/// are given again to the next thread, and may not be asked about a thread that has been joined.
 ///
 /// Thread-safe. A thread counts as ended as soon as its function has returned or it has called
 /// pthread_exit(3), while its thread-local objects are destroyed.

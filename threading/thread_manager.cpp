@@ -17,7 +17,7 @@ const StaticText LOGGER("Threading::ThreadManager");
 
 ThreadManager::ThreadManager(ThreadsMonitorInterface& monitor) : mMonitor(monitor) {}
 
-// One that was never taken back is known no more either.
+// A worker whose registration was never taken back is not known any more either.
 ThreadManager::~ThreadManager() {
     KnownObjects::RemoveAll(KnownObjects::Kind::Supervised, this);
 }

@@ -130,7 +130,7 @@ void ThreadPool::ForceThreadsTermination() {
     }
 }
 
-// By value, as it always was: callers' calls are compiled against this signature.
+// By value. Fixed by the interface: callers' calls are compiled against this signature.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
     int looks = 0;  // in vain, since the last pass
@@ -181,8 +181,8 @@ void ThreadPool::ThreadLoop(std::function<void()> notifyWork) {
     }
 }
 
-// All, as each has to see it. Jobs that are queued stay where they are: a worker that is woken looks for the
-// order first.
+// All, because each has to see it. Jobs that are queued stay where they are: a worker that is woken looks for
+// the order first.
 void ThreadPool::LetWorkersLeave() {
     {
         const Lock lock(mMutex);

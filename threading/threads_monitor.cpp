@@ -64,7 +64,7 @@ void ThreadsMonitor::NotifyDBusThreadToStop(bool onFailure) {
         return;
     }
     TERN_LOG_INFO(LOGGER, "Notify D-Bus thread to stop [%lu]", mDBusThreadId);
-    // Before the signal, and whatever becomes of it: the D-Bus thread may end at once.
+    // Before the signal, and whatever becomes of it: the D-Bus thread may end immediately.
     mHasFailure = onFailure;
     const int error = SendSignalToDBusThread();
     if (error != 0) {

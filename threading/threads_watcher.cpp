@@ -35,7 +35,8 @@ constexpr milliseconds HELD_UP{1000};
 /// A watch loop and its two threads. The watch thread, the one in TaskWatch, writes the messages and kills.
 /// All that may hang for ever in a log that is stuck. So the sleeping and looking is done by the loop's
 /// lookout, a thread that stands ready from the start, logs nothing, and waits for no lock that anybody holds
-/// while logging: it tells the watch thread of a blocked thread, and kills when that does not get it done.
+/// while logging: it reports a blocked thread to the watch thread, and kills when the watch thread does not
+/// get it done.
 ///
 /// | state    | TaskWatch begins | a thread is blocked      | the watch thread is done |
 /// |----------|------------------|--------------------------|--------------------------|
@@ -47,7 +48,8 @@ constexpr milliseconds HELD_UP{1000};
 /// by the watcher's mMutex.
 class ThreadsWatcher::Loop {
 public:
-    /// What makes it: a start, or a call of TaskWatch, which is to return at once while the watch is stopped.
+    /// What makes it: a start, or a call of TaskWatch, which is to return immediately while the watch is
+    /// stopped.
     enum class Origin { Start, Call };
 
     /// Stands in the watcher's list as long as it lives. Throws std::system_error when the system refuses the
@@ -70,7 +72,7 @@ public:
     void EndAlarm();
     bool IsStopRequested();
 
-    /// With mMutex held, as the caller goes through the list.
+    /// With mMutex held, because the caller goes through the list.
     void RequestStop();
 
 private:
@@ -197,7 +199,7 @@ void ThreadsWatcher::Loop::RaiseAlarm() {
     mChanged.NotifyAll();
     static_cast<void>(mChanged.WaitFor(lock, REPORT_LIMIT_MS, [this] { return mState != State::Alarm; }));
     if (mState == State::Alarm) {
-        // By this thread's id, as the blocked one may have gone meanwhile: it ends the whole process.
+        // By this thread's id, because the blocked one may have gone meanwhile: it ends the whole process.
         static_cast<void>(mWatcher.mSignals.SendSignal(pthread_self(), SIGKILL));
     }
 }
@@ -337,15 +339,15 @@ bool ThreadsWatcher::IsAnyBlockedAt(steady_clock::time_point now) {
         if (thread->GetThreadId() == 0 || !thread->IsBlockedAt(now)) {
             return false;
         }
-        // Told here and not where it is killed, as the log may be stuck on the way there.
+        // Reported here and not where it is killed, because the log may be stuck on the way there.
         TERN_TELL_NAMED(Blocked, blocked, thread, std::chrono::nanoseconds(thread->ElapsedAt(now)).count(),
                         thread->mName.c_str());
         return true;
     });
 }
 
-// With the set's mutex held to the end, as the thread must not go before its id is used. No one waits for it
-// long: the lookout does not look during the alarm, and if the log is stuck it ends the process.
+// With the set's mutex held to the end, because the thread must not go before its id is used. No one waits
+// for it long: the lookout does not look during the alarm, and if the log is stuck it ends the process.
 void ThreadsWatcher::KillFirstBlocked() {
     const std::lock_guard lock(mSetMutex);
     for (const ThreadWatched* thread : mThreads) {

@@ -12,7 +12,7 @@ constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
 }  // namespace
 
 PosixTimer::~PosixTimer() {
-    static_cast<void>(Delete());  // nobody is left to be told
+    static_cast<void>(Delete());  // nobody is left to notify
 }
 
 int PosixTimer::Create(sigevent& notification) {
@@ -46,7 +46,7 @@ int PosixTimer::Disarm() {
 
 int PosixTimer::GetRemaining(timespec& remaining) const {
     if (!mExists) {
-        return EINVAL;  // GCOVR_EXCL_LINE: its one caller looks first, as it has nothing to report then
+        return EINVAL;  // GCOVR_EXCL_LINE: its one caller looks first, because it has nothing to report then
     }
     itimerspec time{};
     if (timer_gettime(mId, &time) != 0) {

@@ -5,8 +5,8 @@
 
 namespace mwl::Timer {
 
-/// Owner of one POSIX timer on CLOCK_MONOTONIC (timer_create(2)). Whether it exists is told by a flag beside
-/// the id, as the id of an existing timer can be null.
+/// Owner of one POSIX timer on CLOCK_MONOTONIC (timer_create(2)). A flag beside the id says whether it
+/// exists, because the id of an existing timer can be null.
 ///
 /// Each operation returns 0 or the error number, and leaves everything as it was when it fails; without a
 /// timer that is EINVAL, and the system is not called. Thread-safety: one thread at a time.

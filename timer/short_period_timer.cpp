@@ -52,11 +52,11 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 }  // namespace
 
 // clang-format off
-/// All that the timer is. Its thread is a co-owner, as it may outlive the timer.
+/// All that the timer is. Its thread is a co-owner, because it may outlive the timer.
 ///
-/// There is one thread at most, and a new one only when the former has ended. The phase tells what becomes of
-/// it; the last three are of a timer that its callback has destroyed, perhaps while its owner was in an
-/// operation, which then still comes by.
+/// There is one thread at most, and a new one only when the former has ended. The phase says what becomes of
+/// the thread. The last three phases are of a timer that its callback has destroyed, perhaps while its owner
+/// was in an operation, which then still comes by.
 ///
 /// | phase     | thread                                                                             |
 /// |-----------|------------------------------------------------------------------------------------|
@@ -163,7 +163,7 @@ StatusCode ShortPeriodTimer::ConfigureSigSet(sigset_t* set, int signo) {
     return result == 0 ? StatusCode::Ok : StatusCode::Failure;
 }
 
-// The callback is taken by value, as the signature has it.
+// The callback is taken by value. Fixed by the interface.
 void ShortPeriodTimer::ThreadMain(std::promise<StatusCode>& startUp, int& threadId, bool& running,
                                   std::function<void()> callback,  // NOLINT(performance-*)
                                   int signo) {

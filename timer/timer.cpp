@@ -21,7 +21,7 @@ const StaticText LOGGER("Timer::Timer");
 
 }  // namespace
 
-/// All that the timer is. The operations that are running are co-owners, as the callback may destroy the
+/// All that the timer is. The operations that are running are co-owners, because the callback may destroy the
 /// timer meanwhile.
 ///
 /// | POSIX timer      | Create, then Execute in Start | Stop    | timer destroyed | an expiry announced |
@@ -183,8 +183,8 @@ StatusCode Timer::State::Stop() {
         TERN_LOG_ERROR(LOGGER, "%s: Failed to delete the timer: %d", "Stop", error);
         return StatusCode::Failure;
     }
-    // What is announced from here on finds nothing. What has found the timer before may be calling back:
-    // nobody waits for that, as it may be this very thread.
+    // An expiry that is announced from here on finds nothing. One that has found the timer before may be
+    // calling back: nobody waits for it, because it may be on this very thread.
     TimerRegistry::GetInstance().Remove(std::exchange(token, 0));
     return StatusCode::Ok;
 }

@@ -2,7 +2,7 @@
 
 namespace mwl::Timer {
 
-// Here, so that the virtual table is made once, in the library.
+// Here, so that the virtual table exists once, in the library.
 TimerInterface::~TimerInterface() = default;
 
 }  // namespace mwl::Timer

@@ -129,7 +129,8 @@ std::shared_ptr<TimerCalls> TimerRegistry::Arrive(Token token, std::chrono::nano
         return nullptr;
     }
     const auto now = Clock::now();
-    // One that comes before the expiry is due is of the time to which the timer was set before.
+    // A notification that comes before the expiry is due belongs to the time to which the timer was set
+    // before.
     if (entry.expected && now >= entry.expected->due) {
         late = now - entry.expected->due;
         Advance(entry, now);

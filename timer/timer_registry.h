@@ -18,13 +18,13 @@ namespace mwl::Timer {
 /// The timers whose expiries the system may announce, and what is to come of them.
 ///
 /// The system announces an expiry on a thread of its own, which may get to run only after the timer was
-/// deleted, its object destroyed, and another one made at the same address. So what travels with it is a
-/// token that no two timers share, by which a notification finds its timer here, or nothing.
+/// deleted, its object destroyed, and another one created at the same address. So the expiry carries a token
+/// that no two timers share. By it a notification finds its timer here, or nothing.
 ///
-/// Without a thread for it the system drops an expiry and tells nobody. So a guard, one thread of a process
-/// that has such timers, looks a while after an expiry was due whether it was announced, and announces it
-/// itself, again and again until it gets a thread. It looks twice, as threads that were all stopped or had no
-/// processor for long go on in any order.
+/// Without a thread for it the system drops an expiry and notifies nobody. So there is a guard, one thread of
+/// a process that has such timers. Some time after an expiry was due it looks whether the expiry was
+/// announced, and otherwise announces it itself, again and again until it gets a thread. It looks twice,
+/// because threads that were all stopped, or had no processor for long, go on in any order.
 ///
 /// One per process, never destroyed: notifications may come while the process is leaving. Thread-safe; no
 /// lock is held while a callback runs or a message is written.
@@ -48,7 +48,7 @@ public:
     /// Announcements that come later find nothing; one that has found the timer may still call back. Harmless
     /// for one that is not entered.
     void Remove(Token token);
-    /// Tells when the next expiry is due, before the timer is armed; nothing when it is disarmed. Returns
+    /// Notes when the next expiry is due, before the timer is armed; nothing when it is disarmed. Returns
     /// what was expected before, to be put back when arming fails.
     std::optional<Expiry> Expect(Token token, std::optional<Expiry> expiry);
 
@@ -56,8 +56,8 @@ public:
     static std::optional<Expiry> ExpiryIn(unsigned int periodMs, bool periodic);
     /// The token as it travels with a notification.
     static sigval ToValue(Token token);
-    /// The notification function to be given to timer_create(2), with the token as its value. What the
-    /// callback throws ends the process, as on any thread: there is no caller to whom it could go.
+    /// The notification function to be given to timer_create(2), with the token as its value. An exception of
+    /// the callback ends the process, as on any thread: there is no caller to whom it could go.
     static void Notify(sigval token) noexcept;
 
 private:
@@ -89,7 +89,7 @@ private:
     std::optional<Lost> FindLost(Clock::time_point& nextLook);
 
     std::mutex mMutex;                 ///< guards the rest
-    std::condition_variable mEarlier;  ///< the guard must look earlier than it meant to
+    std::condition_variable mEarlier;  ///< the guard must look earlier than it planned
     Clock::time_point mNextLook = Clock::time_point::max();
     pid_t mGuarded = 0;  ///< the process that has the guard: a forked child has not
     Token mLastToken = 0;

@@ -394,9 +394,17 @@ private:
 };
 
 Any::Any() noexcept = default;
-Any::Any(const Any& other) = default;
+Any::Any(const Any& other) : mSignature(other.mSignature) {
+    // Assigned: when the copy of a variant of texts and vectors throws, the library of g++ destroys a value
+    // that was never made, as it takes such a variant to have one always.
+    mValue = other.mValue;
+}
 Any::Any(Any&& other) noexcept = default;
-Any& Any::operator=(const Any& other) = default;
+Any& Any::operator=(const Any& other) {
+    Any copy(other);  // or signature and value would not fit together, where memory is short
+    *this = std::move(copy);
+    return *this;
+}
 Any& Any::operator=(Any&& other) noexcept = default;
 Any::~Any() = default;
 
@@ -493,7 +501,7 @@ Any Any::Compose(std::string_view signature, const std::vector<Any>& parts) {
         const std::vector<Any>& parts;
     };
     const Given given{container, contents, parts};
-    // An entry is written as a structure, as there is none without its array.
+    // An entry is written as a structure, because there is no entry without its array.
     const std::string written = container == 'e' ? "(" + contents + ")" : whole;
     Any made = FromMessage(written.c_str(), &given, [](sd_bus_message* message, const void* value) {
         const Given& its = *static_cast<const Given*>(value);

@@ -284,7 +284,7 @@ struct ListeningBase::State {
         bus.reset();
     }
 
-    /// What sd-bus calls: nothing that is thrown crosses it. What could not be kept is lost.
+    /// Called by sd-bus: no exception crosses it. A signal that could not be kept is lost.
     template <typename Work>
     static int Guard(void* userdata, Work work) noexcept {
         State& state = *static_cast<State*>(userdata);
@@ -349,7 +349,7 @@ struct ListeningBase::State {
         if (IsUnique()) {
             sender = destination;
         } else {
-            // First what tells of changes, then the question.
+            // First the watch for changes, then the question.
             const std::string rule =
                 "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
                 "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +

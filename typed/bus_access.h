@@ -8,7 +8,7 @@
 
 namespace mwl::Typed {
 
-/// What clients of the same connection need of a bus.
+/// The services of a bus for clients of the same connection.
 struct BusAccess {
     /// Outlives the bus; its `core` is null once the bus has gone. Any thread.
     static const std::shared_ptr<ReplyState>& GetState(const Bus& bus) noexcept;

@@ -48,7 +48,7 @@ BusCore::BusCore() : mReplies(std::make_shared<ReplyState>()), mChanges([this] {
 
 BusCore::~BusCore() {
     Close();
-    // What dies from now on finds nothing to be removed from.
+    // An object that dies from now on finds nothing to be removed from.
     mReplies->core = nullptr;
     ClearGraves();
     while (!mObjects.empty()) {
@@ -197,12 +197,12 @@ std::uint64_t BusCore::Export(std::string path, std::vector<std::unique_ptr<Inte
         status = MakeStatusCodeFromReturnCode(r);
         return 0;
     }
-    // What needs memory; where it fails, the object goes with its slots, and nothing knows of it.
+    // The steps that need memory; where one fails, the object goes with its slots, and nothing knows of it.
     std::vector<std::string> paths(object.interfaces.size(), object.path);
     mChanges.ReserveInterfaces(object.interfaces.size());
     mNew.push_back(object.id);
     mById.emplace(object.id, added.begin());
-    // What does not.
+    // The steps that need none.
     for (std::size_t i = 0; i < paths.size(); ++i) {
         mChanges.AddInterface();
         object.interfaces[i]->Attach(*this, std::move(paths[i]));
@@ -282,7 +282,7 @@ void BusCore::Remove(std::uint64_t id) noexcept {
     }
     if (object.state == Object::State::Announced && !IsRoot(object.path)) {
         const int r = sd_bus_emit_interfaces_removed_strv(mBus, object.path.c_str(), object.names.data());
-        // Without an object manager above there is nobody to be told.
+        // Without an object manager above there is nobody to notify.
         if (r >= 0) {
             ++mRemoved;
         } else if (r != -ESRCH) {

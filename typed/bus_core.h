@@ -26,9 +26,9 @@
 
 namespace mwl::Typed {
 
-/// What a Bus is inside: the objects, the end of a turn, and the end of the loop.
+/// The inside of a Bus: the objects, the end of a turn, and the end of the loop.
 ///
-/// D-Bus thread only, but for the constructor and the destructor of one that is closed.
+/// D-Bus thread only, except for the constructor and the destructor of a closed one.
 class BusCore final : public Attachment {
 public:
     BusCore();
@@ -53,10 +53,11 @@ public:
     // For the clients of this connection.
     /// The loop; null unless open.
     sd_event* GetLoop() const noexcept { return mSession ? mSession->loop : nullptr; }
-    /// It waits from now on, and is told when the bus closes. False: the bus is not open, or closes already.
+    /// It waits from now on, and is notified when the bus closes. False: the bus is not open, or closes
+    /// already.
     bool AddStoppable(Stoppable& waiting) noexcept { return IsOpen() && mStoppables.Add(waiting); }
-    /// It is told at the end of the turn, or, when the bus closes, before it has closed. False, and it is
-    /// not: the bus is not open, or it closes and handlers go on postponing all the same.
+    /// It is notified at the end of the turn, or, when the bus closes, before it has closed. False, and it is
+    /// not notified: the bus is not open, or it closes and handlers go on postponing all the same.
     bool AddPostponed(Stoppable& postponed) noexcept;
 
     // For the tokens.
@@ -81,7 +82,7 @@ private:
         enum class State {
             Waiting,    ///< sd-bus frees its place when the running handler has returned
             New,        ///< on the bus since this turn, not announced
-            Announced,  ///< or nobody was to be told of it
+            Announced,  ///< or nobody was to be notified
         };
 
         std::uint64_t id = 0;
@@ -95,7 +96,7 @@ private:
     };
     using Objects = std::list<Object>;
 
-    /// What belongs to connection and loop.
+    /// The objects that belong to connection and loop.
     struct Session {
         Session(BusCore& core, sd_event* loop);
 
@@ -128,14 +129,14 @@ private:
     Changes mChanges;
     Stoppables mStoppables;
     Stoppables mPostponed;
-    /// How often those are still told once the bus closes.
+    /// How often mPostponed is still emptied once the bus closes.
     unsigned mLastTurns = 100;
     std::unordered_set<InterfaceBase*> mAdopted;
 
     Objects mObjects;
     std::unordered_map<std::uint64_t, Objects::iterator> mById;
     std::uint64_t mNextId = 1;
-    /// Those to be announced, in order; some may have gone.
+    /// The objects to be announced, in order; some may have gone.
     std::vector<std::uint64_t> mNew;
     /// Removed in this turn: one of their handlers may be running.
     Objects mGraves;

@@ -39,7 +39,7 @@ CallBase::CallBase(std::shared_ptr<const Remote> remote, const char* interface, 
 }
 
 CallBase::CallBase(CallBase&& other) noexcept
-    // A copy: what becomes of `other` is told with it.
+    // A copy: the outcome of `other` is still reported with it.
     : mRemote(other.mRemote),  // NOLINT(performance-move-constructor-init)
       mMessage(std::move(other.mMessage)),
       mTimeout(0),

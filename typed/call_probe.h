@@ -15,9 +15,9 @@ extern volatile unsigned short tern_call_ended_semaphore __attribute__((visibili
 
 namespace mwl::Typed {
 
-/// The static probes call_began and call_ended, around the handler of a member: made before it runs,
-/// destroyed behind it. Their arguments: the interface's address, "interface.member", and who asks, by unique
-/// name. The text has to be made, so this is for when somebody looks only.
+/// The static probes call_began and call_ended, around the handler of a member: created before it runs,
+/// destroyed after it. Their arguments: the interface's address, "interface.member", and who asks, by unique
+/// name. The text has to be composed, so use this only while somebody looks.
 class CallProbe {
 public:
     /// Whether a tracer looks at one of the two. Never without static probes.

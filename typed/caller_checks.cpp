@@ -41,7 +41,7 @@ int CallerChecks::Check(InterfaceBase& interface, sd_bus_message* call, int capa
         const int r = sd_bus_query_sender_privilege(call, capability);
         return r > 0 ? r : r < 0 ? sd_bus_error_set_errno(error, r) : Refuse(interface, call, error);
     }
-    // A message bus tells nobody's capabilities, so that for sd-bus too the user decides.
+    // A message bus reports nobody's capabilities, so that for sd-bus too the user decides.
     const bool isContinued = call == mContinued;
     const Identity* const known = isContinued ? mSender : mCredentials.Find(sender);
     if (known != nullptr || isContinued) {

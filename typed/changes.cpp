@@ -125,7 +125,7 @@ void Changes::Send(sd_bus* bus, const InterfaceBase& interface, char** names, st
         return;
     }
     if (count > 1 && interface.GetAttachment() != nullptr) {
-        // One that cannot be read must not hold back the others.
+        // A property that cannot be read must not hold back the others.
         for (std::size_t i = 0; i < count; ++i) {
             char* one[] = {names[i], nullptr};
             Send(bus, interface, one, 1);

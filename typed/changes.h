@@ -39,10 +39,11 @@ public:
 
     /// Attachment::OnChanged.
     void Add(InterfaceBase& interface) noexcept;
-    /// What is noted of the interface needs no announcement.
+    /// The noted changes of the interface need no announcement.
     void Forget(InterfaceBase& interface) noexcept;
 
-    /// Microseconds; 0 for none. What the former period holds back is announced at the end of this turn.
+    /// Microseconds; 0 for none. Changes that the former period holds back are announced at the end of this
+    /// turn.
     void SetPeriod(std::uint64_t period);
     /// Announces; what is not due wakes the turn again when it is. Getters run meanwhile, which may do
     /// anything; a call by one of them does nothing.

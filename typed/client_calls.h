@@ -9,7 +9,7 @@
 
 namespace mwl::Typed {
 
-/// What the calls count that go from here to peers. D-Bus thread only.
+/// The counters of calls from here to peers. D-Bus thread only.
 struct ClientCalls {
     std::uint64_t sent = 0;
     std::uint64_t unsent = 0;
@@ -19,7 +19,7 @@ struct ClientCalls {
     std::size_t limit = Bus::PENDING_CALLS;
     /// Of wrong replies.
     LogLimit wrongLog;
-    /// Of calls whose failure nobody else is told.
+    /// Of calls whose failure is reported to nobody else.
     LogLimit unsentLog;
 };
 

@@ -12,7 +12,7 @@ namespace {
 constexpr const char* BUS_NAME = "org.freedesktop.DBus";
 constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 
-/// One for a D-Bus thread, as there is one connection.
+/// One for a D-Bus thread, because there is one connection.
 constinit thread_local Credentials* tCredentials = nullptr;
 
 /// The entries of interest of "a{sv}"; false when it is something else.

@@ -18,7 +18,7 @@
 
 namespace mwl::Typed {
 
-/// What the message bus knows of a connection.
+/// The message bus's knowledge of a connection.
 struct Identity {
     std::optional<uid_t> uid;
     std::optional<pid_t> pid;
@@ -34,17 +34,18 @@ public:
     /// Called with the identity, null when it cannot be found out.
     using WhenKnown = UniqueFunction<void(const Identity*)>;
 
-    /// The connection outlives this. `whenKept` is called after each that is kept anew.
+    /// The connection outlives this. `whenKept` is called after each new entry.
     Credentials(sd_bus* bus, std::function<void()> whenKept);
-    /// What waits is dropped uncalled.
+    /// Callbacks that wait are dropped uncalled.
     ~Credentials();
     Credentials(const Credentials&) = delete;
     Credentials& operator=(const Credentials&) = delete;
 
-    /// Those of this connection; null when it has none on this thread. With null those of any.
+    /// The credentials of this connection; null when it has none on this thread. With null those of any
+    /// connection.
     static Credentials* Of(sd_bus* bus) noexcept;
 
-    /// Null when not known. Valid until the next operation that is not const, but for Find.
+    /// Null when not known. Valid until the next operation that is not const, except Find.
     const Identity* Find(std::string_view sender) noexcept;
     /// Keeps what was found out elsewhere. Throws std::bad_alloc.
     const Identity* Keep(std::string_view sender, const Identity& identity);

@@ -74,7 +74,7 @@ void Departures::Release() noexcept {
         r = r < 0 ? r : sd_event_source_set_enabled(mLinger.get(), SD_EVENT_ONESHOT);
     }
     if (r < 0) {
-        mMatch.reset();  // as good, but for the cost of the next one
+        mMatch.reset();  // as good, except for the cost of the next one
     } else {
         mIsLingering = true;
     }
@@ -109,7 +109,7 @@ int Departures::OnListening(sd_bus_message* reply, void* userdata, sd_bus_error*
     return 0;
 }
 
-/// Those who left before the bus began to tell are not told of any more.
+/// Connections that left before the bus began to report are not reported any more.
 void Departures::AskForEach() {
     for (const std::string& name : mNames()) {
         Question& question = mQuestions.emplace_back();

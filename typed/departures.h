@@ -13,7 +13,7 @@
 
 namespace mwl::Typed {
 
-/// Tells which connections leave the bus. It listens only while somebody needs to know, and five seconds
+/// Reports which connections leave the bus. It listens only while somebody needs to know, and five seconds
 /// longer: each departure of any connection of the system wakes the service meanwhile.
 ///
 /// D-Bus thread only. Failures are logged (logger name "Typed"); departures are then not seen, and nothing
@@ -32,7 +32,7 @@ public:
     Departures(const Departures&) = delete;
     Departures& operator=(const Departures&) = delete;
 
-    /// Listens from now on. Who leaves before the bus has begun to tell is found out as well.
+    /// Listens from now on. A connection that leaves before the bus has begun to report is found out as well.
     void Need() noexcept;
     /// Nobody needs it any more, for now.
     void Release() noexcept;

@@ -95,7 +95,7 @@ struct Dispatcher::State {
         }
         queue.Push(std::move(node));
         if (!std::exchange(isAwake, true)) {
-            // Cannot wait, as nothing else is in it.
+            // Cannot wait, because nothing else is in it.
             static_cast<void>(eventfd_write(wake.Get(), 1));
         }
         return true;

@@ -35,7 +35,7 @@ struct NamedStatus {
     StatusCode status;
 };
 
-/// What other services' errors mean here.
+/// The meaning of other services' errors here.
 constexpr std::array NAMED{
     NamedStatus{SD_BUS_ERROR_ACCESS_DENIED, StatusCode::AccessDenied},
     NamedStatus{SD_BUS_ERROR_AUTH_FAILED, StatusCode::AccessDenied},

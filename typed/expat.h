@@ -25,8 +25,8 @@ struct Expat {
     XML_Index (*getByteIndex)(XML_Parser) = nullptr;
     int (*getByteCount)(XML_Parser) = nullptr;
 
-    /// Loads it unless it is there already. Null when it cannot be loaded or lacks a function; `fault` tells
-    /// why then. The next call tries again. Throws std::bad_alloc.
+    /// Loads it unless it is there already. Null when it cannot be loaded or lacks a function; `fault` then
+    /// says why. The next call tries again. Throws std::bad_alloc.
     static const Expat* Load(std::string& fault);
 
 private:

@@ -19,7 +19,7 @@ struct InterfaceBase::State {
     TaskSet tasks;
     bool hasLoggedThatItIsAlone = false;
     LogLimit failures;  ///< of the service
-    LogLimit refusals;  ///< for a reason that the caller is told
+    LogLimit refusals;  ///< for a reason that is reported to the caller
 };
 
 }  // namespace mwl::Typed

@@ -54,7 +54,7 @@ const NamedElement& Describe(Element element) {
     return ELEMENTS[static_cast<std::size_t>(element)];  // of Other there is none, and nobody asks
 }
 
-/// What a peer wrote, as an error shows it: its beginning, without control characters.
+/// A peer's text, as an error shows it: its beginning, without control characters.
 std::string Shown(std::string_view text) {
     constexpr std::size_t LONGEST = 60;
     std::string shown(text.substr(0, LONGEST));
@@ -81,7 +81,7 @@ bool IsAnyInterfaceName(const std::string& name) {
 bool IsRelativePath(const std::string& name) {
     return IsObjectPath("/" + name) && !name.empty();
 }
-/// Those in use are named like interfaces, but for their '-'.
+/// The annotations in use are named like interfaces, except for their '-'.
 bool IsAnnotationName(const std::string& name) {
     return !name.empty() && name.size() <= 255 && name.find_first_of(" \t\r\n") == std::string::npos;
 }
@@ -89,8 +89,8 @@ bool IsCompleteType(const std::string& type) {
     return !type.empty() && Detail::EndOfType(type, 0) == type.size();
 }
 
-/// The reading of one text. What is made stands in `mRoot`, where a place, once taken, stays until its
-/// element ends.
+/// The reading of one text. The result stands in `mRoot`, where a place, once taken, stays until its element
+/// ends.
 class Reader {
 public:
     Reader(const Expat& expat, std::string_view xml) : mExpat(expat), mXml(xml) {}
@@ -347,8 +347,8 @@ private:
         Refuse("'" + Shown(value) + "' " + complaint);
     }
 
-    /// An entity in the attributes that XML itself does not know. libexpat leaves such ones out of an
-    /// attribute without a word, as they might be declared in the document type that is not fetched.
+    /// An entity in the attributes that XML itself does not know. libexpat leaves it out of an attribute
+    /// without a word, because it might be declared in the document type, which is not fetched.
     std::optional<std::string> FindEntity() const {
         const auto from = static_cast<std::size_t>(mExpat.getByteIndex(mParser));
         std::string_view tag = mXml.substr(from, static_cast<std::size_t>(mExpat.getByteCount(mParser)));

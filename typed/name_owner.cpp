@@ -122,7 +122,7 @@ void NameOwner::SetOwner(std::string owner) {
 }
 
 void NameOwner::Tell() {
-    // Those that begin meanwhile know the state already.
+    // Listeners that begin meanwhile know the state already.
     const std::uint64_t end = mNextId;
     for (auto next = mListeners.begin(); next != mListeners.end() && next->first < end;) {
         const std::uint64_t id = next->first;
@@ -152,7 +152,8 @@ int NameOwner::OnChanged(sd_bus_message* message, void* userdata, sd_bus_error*)
     if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && sender != nullptr &&
         std::string_view(sender) == BUS_NAME) {
         if (const int r = sd_bus_message_read(message, "sss", &name, &former, &now); r > 0) {
-            // The answer would tell the same, as otherwise another change came before it; or it fails.
+            // The answer would say the same, because otherwise another change would have come before it; or
+            // it fails.
             self->mQuestion.reset();
             self->mStatus = StatusCode::Ok;
             RunContained([&] { self->SetOwner(now); }, message);
@@ -165,7 +166,7 @@ int NameOwner::OnChanged(sd_bus_message* message, void* userdata, sd_bus_error*)
 
 int NameOwner::OnListening(sd_bus_message* reply, void* userdata, sd_bus_error*) {
     const auto self = static_cast<NameOwner*>(userdata)->shared_from_this();
-    // Of a lost connection the end of the loop tells.
+    // A lost connection is reported by the end of the loop.
     if (sd_bus_message_is_method_error(reply, nullptr) > 0 &&
         sd_bus_is_open(sd_bus_message_get_bus(reply)) > 0) {
         const sd_bus_error* const error = sd_bus_message_get_error(reply);

@@ -17,24 +17,24 @@ namespace mwl::Typed {
 /// Debug builds check that the calling thread is the D-Bus thread, as long as the bus is open.
 void AssertDBusThread(const ReplyState& state) noexcept;
 
-/// Who owns a name of the bus, a well-known or a unique one. One for each name of a connection, shared by all
-/// that need to know.
+/// The owner of a name of the bus, a well-known or a unique one. There is one NameOwner for each name of a
+/// connection, shared by all that need it.
 ///
 /// The connection listens first and asks then, and both only send. The message bus answers in order: so
 /// whoever subscribes to signals of the name after Of() knows the owner before the first of them arrives, and
 /// what it knows while a message is handled is what the message bus knew when it passed the message on.
 ///
-/// D-Bus thread only. Once the bus closes nobody is told anything any more.
+/// D-Bus thread only. Once the bus closes nobody is notified any more.
 class NameOwner final : private Stoppable, public std::enable_shared_from_this<NameOwner> {
 public:
     enum class State {
         Asking,   ///< not known yet
-        Known,    ///< GetOwner tells, and changes are told
-        Failed,   ///< changes are not told; there counts as no owner
+        Known,    ///< GetOwner returns the owner, and changes are reported
+        Failed,   ///< changes are not reported; there counts as no owner
         Stopped,  ///< the bus has closed
     };
 
-    /// Who wants to be told. May end itself and others and begin with others while it is told.
+    /// A listener. During its notification it may remove itself and others and add others.
     class Listener {
     public:
         Listener(const Listener&) = delete;
@@ -61,8 +61,8 @@ public:
     /// The unique name; empty when there is none, or it is not known.
     const std::string& GetOwner() const noexcept { return mOwner; }
 
-    /// In the order of Add; the first state is not told again when it is known already. Returns the number
-    /// for Remove. The listener is held weakly. Throws std::bad_alloc.
+    /// In the order of Add; the first state is not reported again when it is known already. Returns the
+    /// number for Remove. The listener is held weakly. Throws std::bad_alloc.
     std::uint64_t Add(std::weak_ptr<Listener> listener);
     void Remove(std::uint64_t id) noexcept { mListeners.erase(id); }
 

@@ -38,7 +38,7 @@ constexpr std::size_t REMEMBERED = 4096;
 /// beginning of its interface.
 constexpr unsigned LEFT_OUT = 64;
 
-/// What every object has. Peers tell of them when objects come, but not when they go.
+/// The interfaces of every object. Peers name these when objects come, but not when they go.
 bool IsOfEveryObject(std::string_view interface) {
     constexpr std::array<std::string_view, 4> ALL{"org.freedesktop.DBus.Peer",
                                                   "org.freedesktop.DBus.Introspectable",
@@ -104,7 +104,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
 
     enum class Phase {
         Listening,  ///< or about to begin
-        Deaf,       ///< what comes or goes is not told, so that nothing is kept; `status` says why
+        Deaf,       ///< what comes or goes is not reported, so that nothing is kept; `status` says why
         Ended,
     };
 
@@ -141,7 +141,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         owner = NameOwner::Of(manager.GetState(), manager.GetDestination());
         id = owner->Add(weak_from_this());
         if (owner->GetState() != NameOwner::State::Asking) {
-            // Nothing is told here: there is nothing yet.
+            // Nothing is reported here: there is nothing yet.
             OnOwner();
         }
     }
@@ -250,14 +250,14 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     void HandleAnswer(sd_bus_message* reply) {
         const BusSlot asked = std::move(question);
         if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
-            // Of a lost connection the end of the loop tells.
+            // A lost connection is reported by the end of the loop.
             if (sd_bus_is_open(GetBus()) > 0) {
                 AskAgainLater(Error::FromReply(reply).GetStatus(), sd_bus_message_get_error(reply)->name);
             }
             return;
         }
         if (!IsHearing(StatusCode::Ok)) {
-            // Logged by the subscription. What is not told of changes is not kept.
+            // Logged by the subscription. Without reports of changes nothing is kept.
             RemoveAll();
             return;
         }
@@ -280,7 +280,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             return;
         }
         if (r < 0) {
-            // Those that were read are there, and will not be told again.
+            // Objects that were read are there, and will not be reported again.
             AskAgainLater(StatusOfReading(r), ErrorText(-r));
             return;
         }
@@ -325,7 +325,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
             RemoveOne(path, interface);
         }
         if (r < 0 && !HasEnded()) {
-            // An answer tells what there is only.
+            // An answer reports only what there is.
             RemoveAll();
             if (!HasEnded()) {
                 AskAnew();
@@ -334,8 +334,8 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
         return r;
     }
 
-    /// Reads "oa{sa{sv}}". What is gone since it was asked for is not in an answer any more. Negative: from
-    /// there on it cannot be read, and of the interface whose values cannot nothing is told.
+    /// Reads "oa{sa{sv}}". An object that has gone since the question is not in an answer any more. Negative:
+    /// from there on it cannot be read, and an interface whose values cannot be read is not reported.
     int AddObject(sd_bus_message* message, bool isAnswer) {
         const char* text = nullptr;
         int r = sd_bus_message_read_basic(message, 'o', &text);
@@ -460,7 +460,7 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     Subscription added;
     Subscription removed;
     BusSlot question;
-    /// What was removed since the question.
+    /// Interfaces that were removed since the question.
     std::set<std::pair<std::string, std::string>> gone;
     /// More was removed than is remembered.
     bool isOld = false;
@@ -471,8 +471,8 @@ struct ObjectMirror::State final : Stoppable, NameOwner::Listener, std::enable_s
     /// Of all names in `objects`.
     std::size_t bytes = 0;
     std::size_t omitted = 0;
-    /// That this owner does not tell, or tells too much. Names can come and go fast: a limit bounds what is
-    /// logged besides.
+    /// That this owner does not answer, or reports too much. Names can come and go fast: a limit bounds what
+    /// is logged besides.
     bool hasLogged = false;
     bool hasLoggedLimit = false;
 };
@@ -503,7 +503,7 @@ ObjectMirror::~ObjectMirror() {
 }
 
 const ObjectMirror::Objects& ObjectMirror::GetObjects() const noexcept {
-    /// Lives for ever, as StaticText does.
+    /// Lives for ever, like StaticText.
     union Forever {
         Objects objects;
         Forever() : objects() {}

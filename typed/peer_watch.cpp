@@ -35,7 +35,7 @@ struct PeerWatch::State final : NameOwner::Listener, std::enable_shared_from_thi
             owner->Remove(id);
         }
     }
-    /// Tells what has not been told. REQUIRES: something else holds this.
+    /// Reports what has not been reported. REQUIRES: something else holds this.
     void OnOwner() override {
         const std::string now = owner->GetOwner();
         if (isEnded || owner->GetState() == NameOwner::State::Stopped || told == now) {
@@ -58,7 +58,7 @@ struct PeerWatch::State final : NameOwner::Listener, std::enable_shared_from_thi
     std::shared_ptr<NameOwner> owner;
     std::uint64_t id = 0;
     bool isEnded = false;
-    /// The owner that was told last, empty for none; nothing before the first time.
+    /// The owner that was reported last, empty for none; nothing before the first time.
     std::optional<std::string> told;
 };
 

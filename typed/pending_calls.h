@@ -16,9 +16,9 @@
 namespace mwl::Typed {
 
 /// The calls that were taken over to be answered later, under numbers that are never used again. The messages
-/// stay here, as nobody but the D-Bus thread may hold one.
+/// stay here, because nobody but the D-Bus thread may hold one.
 ///
-/// D-Bus thread only, but for `TakePlace` and `IsWanted`, which any thread may call.
+/// D-Bus thread only, except `TakePlace` and `IsWanted`, which any thread may call.
 class PendingCalls {
 public:
     using Message = Handle<sd_bus_message, sd_bus_message_unref>;

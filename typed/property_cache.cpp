@@ -63,7 +63,7 @@ struct CachedProperties::State final : Stoppable,
 
     enum class Phase {
         Listening,  ///< or about to begin
-        Deaf,       ///< what changes is not told, so that nothing is kept; `status` says why
+        Deaf,       ///< changes are not reported, so that nothing is kept; `status` says why
         Ended,
     };
 
@@ -211,7 +211,7 @@ struct CachedProperties::State final : Stoppable,
             return;
         }
         if (announced.GetStatus() != StatusCode::Ok) {
-            // Logged by the subscription. What is not told of changes is not kept.
+            // Logged by the subscription. Without reports of changes nothing is kept.
             status = announced.GetStatus();
             phase = Phase::Deaf;
             announced.Reset();
@@ -338,8 +338,8 @@ struct CachedProperties::State final : Stoppable,
         return place;
     }
 
-    /// Reads the dictionary that is behind `before` other values, but for the properties in `left`. Returns
-    /// those that are another now. `error` is negative when not all could be read, else 0.
+    /// Reads the dictionary that comes after `before` other values, except for the properties in `left`.
+    /// Returns the properties that have changed. `error` is negative when not all could be read, else 0.
     std::uint64_t ReadValues(sd_bus_message* message, unsigned before, std::uint64_t left, int& error) {
         std::uint64_t changed = 0;
         int r = sd_bus_message_enter_container(message, 'a', ENTRY);
@@ -404,7 +404,7 @@ struct CachedProperties::State final : Stoppable,
         }
         return r;
     }
-    /// What is in the value is not for the log.
+    /// The content of the value is not for the log.
     [[gnu::cold]] void Drop(std::size_t place, const char* found) {
         ++Bus().watching.wrongProperties;
         unsigned long omitted = 0;
@@ -443,7 +443,7 @@ struct CachedProperties::State final : Stoppable,
     std::uint64_t touched = 0;
     std::vector<Question> questions;
     Retry retry;
-    /// That this owner does not tell. Names can come and go fast: a limit bounds what is logged besides.
+    /// That this owner does not answer. Names can come and go fast: a limit bounds what is logged besides.
     bool hasLogged = false;
 };
 

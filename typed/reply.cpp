@@ -25,7 +25,7 @@ const char* OrEmpty(const char* text) {
     return text == nullptr ? "" : text;
 }
 
-/// As for what a handler throws that answers at once.
+/// As for an exception of a handler that answers immediately.
 void SendFailedInside(ReplyState& state, const PendingCalls::Call& call, int error) {
     if (error == -ENOMEM) {
         state.SendError(call, SD_BUS_ERROR_NO_MEMORY, OUT_OF_MEMORY);

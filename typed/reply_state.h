@@ -15,8 +15,9 @@ namespace mwl::Typed {
 
 class BusCore;
 
-/// What the bus shares with the tokens that other threads hold: of calls (Reply) and of objects (Exported).
-/// The dispatcher and the calls have their own locks; all else is the D-Bus thread's.
+/// The state that the bus shares with the tokens that other threads hold: of calls (Reply) and of objects
+/// (Exported). The dispatcher and the calls have their own locks; everything else belongs to the D-Bus
+/// thread.
 struct ReplyState {
     Dispatcher dispatcher;
     PendingCalls calls;
@@ -28,12 +29,12 @@ struct ReplyState {
     ClientCalls clients;
     Watching watching;
 
-    /// The call, which is no longer open; tells the bus when it was the last one.
+    /// The call, which is no longer open; notifies the bus when it was the last one.
     PendingCalls::Call Take(std::uint64_t id) noexcept;
     /// Sends the error as the call's answer, if one is wanted.
     void SendError(const PendingCalls::Call& call, const char* name, const char* text) noexcept;
     /// The call's answer was not sent: an error without any contents goes in its place, so that the caller
-    /// does not wait for nothing. Logged and counted, as is that one where it fails too.
+    /// does not wait for nothing. Logged and counted; so is the error when it cannot be sent either.
     void OnUnsent(sd_bus_message* call, int error) noexcept;
     /// Logs, and counts, that the call's answer was not sent.
     void LogUnsent(sd_bus_message* call, int error) noexcept;

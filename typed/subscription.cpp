@@ -118,7 +118,7 @@ struct Subscription::State final : Stoppable, std::enable_shared_from_this<State
             Drop(signal, r);
         }
     }
-    /// What is in the signal is not for the log.
+    /// The content of the signal is not for the log.
     [[gnu::cold]] void Drop(sd_bus_message* signal, int error) {
         ++bus->watching.wrongSignals;
         unsigned long omitted = 0;

@@ -26,7 +26,7 @@ struct Local {
     /// The tasks that run, as they lie on the stack, and how many they are.
     Detail::TaskFrame* top = nullptr;
     unsigned depth = 0;
-    /// Those that are done and whose observers are to be told, in order; whether that is under way.
+    /// The tasks that are done and whose observers are to be notified, in order; whether this is under way.
     Detail::TaskFrame* firstDone = nullptr;
     Detail::TaskFrame* lastDone = nullptr;
     bool isTelling = false;
@@ -89,7 +89,7 @@ TaskFrame::~TaskFrame() {
         Report();
         return;
     }
-    // Who waited has ended another way, by another exception or another's result.
+    // The coroutine that waited has ended another way, by another exception or another's result.
     Inspect(mException, [](const mw::tern::Thrown& thrown) {
         TERN_LOG_ERROR(LOGGER, "A task threw %s, and who awaited it did not look: %s", thrown.Type(),
                        thrown.Text());
@@ -119,7 +119,7 @@ void TaskFrame::Release() noexcept {
     mObserver = nullptr;
     mParent = nullptr;
     Leave();
-    // One that is done awaits nobody.
+    // A task that is done awaits nobody.
     for (TaskFrame* running = mState == State::Done ? nullptr : tLocal.top; running != nullptr;
          running = running->mBelow) {
         if (IsNeededBy(*running)) {

@@ -11,7 +11,7 @@ TaskSet::~TaskSet() {
 }
 
 void TaskSet::Clear() noexcept {
-    // What a task adds while it is destroyed comes behind.
+    // A task that is added while another is destroyed comes after it.
     for (std::size_t left = mSize; left > 0 && mFirst != nullptr; --left) {
         TaskFrame& frame = *mFirst;
         Take(frame);

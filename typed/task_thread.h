@@ -4,7 +4,7 @@
 
 namespace mwl::Typed {
 
-/// What the tasks of the calling thread have to know of its bus. D-Bus thread only.
+/// The facts about its bus that the tasks of the calling thread need. D-Bus thread only.
 struct TaskThread {
     /// The bus is open from now on.
     static void Open(sd_event* loop) noexcept;

@@ -34,7 +34,7 @@ int WriteGet(sd_bus_message* message, unsigned& index, const std::string& interf
 int WriteSet(sd_bus_message* message, unsigned& index, const std::string& interface,
              const std::string& property, const Any& value);
 
-/// What a reply holds, as Decode has it.
+/// The content of a reply, like Decode.
 Outcome<std::vector<Any>> DecodeAnyEach(sd_bus_message* reply, const Remote* remote);
 Outcome<Introspection::Node> DecodeIntrospection(sd_bus_message* reply, const Remote* remote);
 

@@ -9,7 +9,7 @@ int PeekVariant(sd_bus_message* message, const char*& contents) {
     const char* found = nullptr;
     const int result = sd_bus_message_peek_type(message, &type, &found);
     if (result == 0) {
-        // At an end, which entering tells apart: 0 of an array, -ENXIO of anything else. Nothing is there to
+        // At an end. Entering finds out of what: 0 of an array, -ENXIO of anything else. Nothing is there to
         // enter.
         return sd_bus_message_enter_container(message, 'v', "y");
     }

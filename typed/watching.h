@@ -11,7 +11,7 @@ namespace mwl::Typed {
 
 class NameOwner;
 
-/// What the clients of a bus share that watch peers. D-Bus thread only.
+/// The common state of a bus's clients that watch peers. D-Bus thread only.
 struct Watching {
     /// By name; one that nobody needs any more takes itself out.
     std::map<std::string, std::weak_ptr<NameOwner>> owners;

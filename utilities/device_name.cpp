@@ -23,7 +23,7 @@ const StaticText LOGGER("mwl::Utilities::DeviceName");
 const StaticText HOSTNAME_FILE(Unit::Path::MWL_LIB + Unit::Path::ETC + "/hostname");
 
 constexpr std::size_t HOSTNAME_BUFFER = 64;
-/// The half of a MAC address that tells one device of a maker from another.
+/// The half of a MAC address that distinguishes the devices of one maker.
 constexpr std::size_t DEVICE_PART_START = 6;
 constexpr std::size_t DEVICE_PART_LENGTH = 6;
 const char* const SEPARATOR = "-";

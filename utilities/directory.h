@@ -17,10 +17,10 @@ class Directory {
 public:
     /// No folder: the object is false.
     Directory() = default;
-    /// Opens the folder; on failure the object is false and `errno` tells why.
+    /// Opens the folder; on failure the object is false and `errno` says why.
     explicit Directory(const std::string& path) : mStream(opendir(path.c_str())) {}
-    /// Walks a folder that is open for reading; on failure the object is false, `errno` tells why and
-    /// `folder` stays as it is.
+    /// Walks a folder that is open for reading; on failure the object is false, `errno` says why and `folder`
+    /// stays as it is.
     explicit Directory(UniqueFd& folder) : mStream(fdopendir(folder.Get())) {
         if (mStream != nullptr) {
             static_cast<void>(folder.Release());  // the stream's now
@@ -40,7 +40,7 @@ public:
         return readdir(mStream.get());  // NOLINT(concurrency-mt-unsafe)
     }
 
-    /// The next entry other than "." and "..", as NextOfAll: look at `errno` behind a loop.
+    /// The next entry other than "." and "..", otherwise like NextOfAll: look at `errno` after a loop.
     const dirent* Next() {
         while (const dirent* entry = NextOfAll()) {
             const std::string_view name = entry->d_name;
@@ -51,7 +51,7 @@ public:
         return nullptr;
     }
 
-    /// Closes early, for callers that look at the result of closedir(3); `errno` tells why it is not 0.
+    /// Closes early, for callers that look at the result of closedir(3); `errno` says why it is not 0.
     int Close() { return closedir(mStream.release()); }
 
 private:

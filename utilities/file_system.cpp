@@ -195,7 +195,7 @@ StatusCode FileSystem::ReadLink(const std::string& link, std::string& target) {
     }
     buffer[length] = '\0';
     TERN_LOG_INFO(FILE_SYSTEM_LOGGER, "ReadLink: Successful '%s' to '%s'", link.c_str(), buffer);
-    // Last, as both arguments may be the same string.
+    // Last, because both arguments may be the same string.
     target.assign(buffer, static_cast<std::size_t>(length));
     return StatusCode::Ok;
 }

@@ -9,8 +9,8 @@
 
 namespace mwl::Utilities {
 
-/// What operations of FileSystem do, on descriptors, for those that work in a tree. `path` is what messages
-/// call the entry; messages and results are those of the operation of that name.
+/// The operations of FileSystem on descriptors, for those that work in a tree. `path` is the entry's name in
+/// messages; messages and results are those of the operation of that name.
 
 struct FolderRequest {
     int at;
@@ -37,7 +37,7 @@ enum class CopyAmount {
     OneTransfer,  ///< what a single sendfile(2) transfers, which must be all
     Whole,        ///< until the end of the source
 };
-/// CopyFile. `copy` is the destination, still open; what closing it could tell has been told.
+/// CopyFile. `copy` is the destination, still open; a failure that closing it could report has been reported.
 StatusCode CopyFileAt(const CopyEnd& from, const CopyEnd& to, CopyAmount amount, UniqueFd& copy);
 
 }  // namespace mwl::Utilities

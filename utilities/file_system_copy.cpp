@@ -30,7 +30,7 @@ public:
     FolderCopy(const std::string& source, const std::string& destination, CopyAmount amount)
         : mAmount(amount), mFromPath(source), mToPath(destination), mIsSourceFolder(source.ends_with('/')) {}
 
-    /// What CopyFolderContent returns.
+    /// The result of CopyFolderContent.
     StatusCode Run(bool includeFolders, bool includeFiles);
     /// Of everything that was to be copied: the first failure, or Ok.
     StatusCode FirstFailure() const { return mFirstFailure; }
@@ -126,7 +126,7 @@ void FolderCopy::OpenDestination() {
     if (mIsDestinationOpen) {
         mDestination = mTo.Identity();
     } else {
-        mTo.OpenNowhere();  // every entry will tell what is wrong with it
+        mTo.OpenNowhere();  // every entry will report what is wrong with it
     }
 }
 
@@ -189,7 +189,7 @@ bool FolderCopy::CopySubFolder(const char* name, const Level& above) {
     const bool isTooLong = mFromPath.size() + 1 >= PATH_MAX;
     UniqueFd source =
         isTooLong ? UniqueFd() : mFrom.OpenFolder(from.at, from.name, FolderWalk::Links::NotFollowed);
-    // Looked at before anything is made: it may be the copy itself, which would never end.
+    // Looked at before anything is created: it may be the copy itself, which would never end.
     FolderIdentity identity;
     if (source && mIsDestinationOpen && identity.Read(source.Get()) && identity == mDestination) {
         Record(FailedToCopySubFolder(StatusCode::InvalidArgument));
@@ -268,7 +268,8 @@ void FolderCopy::TellUnclosed(int error) {
     }
 }
 
-/// Sees what was copied onto its medium: at once for all files, as one by one takes many times as long.
+/// Brings what was copied onto its medium: for all files in one call, because one by one takes many times as
+/// long.
 StatusCode StoreFolder(const std::string& destination) {
     const std::string path = destination.substr(0, destination.rfind('/') + 1);
     const UniqueFd folder(open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -290,7 +291,7 @@ StatusCode FileSystem::CopyFolderContent(const std::string& source, const std::s
 
 StatusCode FileSystem::CopyWholeFolderContent(const std::string& source, const std::string& destination) {
     FolderCopy copy(source, destination, CopyAmount::Whole);
-    static_cast<void>(copy.Run(true, true));  // what FirstFailure tells covers it
+    static_cast<void>(copy.Run(true, true));  // what FirstFailure reports covers it
     return copy.FirstFailure() == StatusCode::Ok ? StoreFolder(destination) : copy.FirstFailure();
 }
 

@@ -61,7 +61,7 @@ public:
     }
 
 private:
-    /// False with `errno`. Of a link the link itself is told, and nothing is mounted by looking at it.
+    /// False with `errno`. Of a link the link itself is described, and nothing is mounted by looking at it.
     static bool Look(int at, const char* name, struct statx& entry) {
         return statx(at, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &entry) == 0;
     }
@@ -70,7 +70,7 @@ private:
         return entry.stx_dev_major != mMajor || entry.stx_dev_minor != mMinor;
     }
 
-    /// Also what is mounted from the same device, as far as the kernel tells (since 5.8).
+    /// Also what is mounted from the same device, as far as the kernel reports it (since 5.8).
     bool IsOtherMount(const struct statx& entry) const {
         return IsOnOtherDevice(entry) || (entry.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
     }
@@ -96,7 +96,7 @@ private:
         const char* const name = mPath.c_str() + nameBegin;
         struct statx entry {};
         if (!Look(mWalk.Descriptor(), name, entry)) {
-            // It is removed all the same, or its removal tells what is wrong with it.
+            // It is removed all the same, or its removal reports what is wrong with it.
             return errno == EACCES || errno == ENOENT ? Remove(mWalk.Descriptor(), name, 0) : errno;
         }
         if (!S_ISDIR(entry.stx_mode)) {

@@ -135,7 +135,7 @@ StatusCode CreateFolderAt(const FolderRequest& request, UniqueFd& folder) {
     const bool isTooLong = request.path.size() >= PATH_MAX;
     const bool isNew = !isTooLong && mkdirat(request.at, request.name, FOLDER_MODE_WHILE_MADE) == 0;
     int error = isTooLong ? ENAMETOOLONG : errno;
-    // Fixed by the interface: a path that exists, even as a file, counts as made.
+    // Fixed by the interface: a path that exists, even as a file, counts as created.
     if (!isNew && error != EEXIST) {
         TERN_LOG_ERROR(FILE_SYSTEM_LOGGER, "%s: Failed to create folder: %s (errno=%s)", "CreateFolder",
                        request.path.c_str(), ErrorText(error));

@@ -17,7 +17,7 @@ inline std::string WithoutTrailingSeparators(const std::string& path) {
 
 /// The folder in which the last name of a path stands, held open, and that name: for what uses a path more
 /// than once, so that all of it happens in the same folder. When the folder cannot be opened, the name is the
-/// whole path, and what is done with it next tells why.
+/// whole path, and the next operation on it reports why.
 struct Place {
     /// `path` has no separator at its end.
     explicit Place(const std::string& path) : name(path) {

@@ -27,7 +27,7 @@ namespace {
 /// of a copy set its owner and rights afterwards.
 constexpr mode_t COPY_MODE = 644;
 
-/// What one call of sendfile(2) transfers at most.
+/// The most that one call of sendfile(2) transfers.
 constexpr std::size_t LARGEST_TRANSFER = 0x7ffff000;
 constexpr std::size_t CHUNK_SIZE = 16384;
 
@@ -89,7 +89,7 @@ StatusCode OpenDestination(const CopyEnd& end, const struct stat& source, Unique
         return FailedToOpen(end.path, EINVAL);
     }
     if (!S_ISREG(former.st_mode)) {
-        // What is no regular file has no content to lose, and takes what comes as slowly as it likes.
+        // A special file has no content to lose, and takes data as slowly as it likes.
         const bool isTaken = end.isTrusted && fcntl(file.Get(), F_SETFL, 0) == 0;
         return isTaken ? StatusCode::Ok : FailedToOpen(end.path, end.isTrusted ? errno : EINVAL);
     }
@@ -99,8 +99,8 @@ StatusCode OpenDestination(const CopyEnd& end, const struct stat& source, Unique
     return StatusCode::Ok;
 }
 
-/// Why a file that tells no size is not the empty one that it seems to be, as those in /proc; 0 when it is.
-/// One that is just being written to has told its size by now.
+/// Why a file that reports no size is not empty as it seems to be, such as a file in /proc; 0 when it is
+/// empty. A file that is just being written to has reported its size by now.
 int FindHiddenContent(int file) {
     char byte = 0;
     const ssize_t count = read(file, &byte, 1);
@@ -133,7 +133,7 @@ int TransferAll(int from, int to) {
     if (count < 0 && errno != EINVAL && errno != ENOSYS) {
         return errno;
     }
-    // What sendfile(2) cannot take, and the proof that it took everything.
+    // For the rest that sendfile(2) cannot take, and as the proof that it took everything.
     std::array<char, CHUNK_SIZE> chunk;
     while (true) {
         count = read(from, chunk.data(), chunk.size());
@@ -165,7 +165,7 @@ StatusCode CopyFileAt(const CopyEnd& from, const CopyEnd& to, CopyAmount amount,
     }
     int error = amount == CopyAmount::Whole ? TransferAll(source.Get(), copy.Get())
                                             : TransferOnce(source.Get(), copy.Get(), information.st_size);
-    // Closing is the last chance of some file systems to tell of a failure. It is told for a second
+    // Closing is the last chance of some file systems to report a failure. They report it for a second
     // descriptor as well, and the source's number is free for that.
     if (error == 0 && (dup3(copy.Get(), source.Get(), O_CLOEXEC) < 0 || close(source.Release()) != 0)) {
         error = errno;

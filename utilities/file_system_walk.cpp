@@ -9,7 +9,7 @@ namespace mwl::Utilities {
 
 namespace {
 
-/// Folders that a walk keeps open at once, those of links that it followed not counted.
+/// Folders that a walk keeps open simultaneously, not counting those of links that it followed.
 constexpr std::size_t OPEN_FOLDERS = 4;
 
 }  // namespace

@@ -25,8 +25,8 @@ inline int WriteAll(int file, const char* data, std::size_t size) {
     return 0;
 }
 
-/// Sees what was written onto its medium (fsync(2)) and closes the file. 0 or the error number. What knows no
-/// fsync, as a pipe, has nothing to be seen to.
+/// Brings what was written onto its medium (fsync(2)) and closes the file. 0 or the error number. For a file
+/// that knows no fsync, such as a pipe, there is nothing to be done.
 inline int StoreAndClose(UniqueFd& file) {
     int error = fsync(file.Get()) == 0 || errno == EINVAL || errno == EROFS ? 0 : errno;
     if (close(file.Release()) != 0 && error == 0) {

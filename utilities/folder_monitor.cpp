@@ -57,7 +57,7 @@ std::optional<Event> FindEvent(const char* bytes, std::size_t size, std::uint32_
     return std::nullopt;
 }
 
-/// A watching thread, as those see it that wait for its end.
+/// A watching thread, as seen by the threads that wait for its end.
 struct WatchThread {
     std::thread::id id;  ///< guarded by the monitor's mutex
     /// Open when the thread touches nothing of the application's any more, the callback included.
@@ -104,7 +104,7 @@ private:
     // The watching thread's alone, as soon as it runs.
     UniqueFd inotify;
     int watchDescriptor;   ///< -1 while there is nothing at the path
-    int refusal = ENOENT;  ///< why there is no watch, as told last
+    int refusal = ENOENT;  ///< why there is no watch, as reported last
 };
 
 void FolderMonitor::Watch::ThreadLoop() {
@@ -164,7 +164,7 @@ void FolderMonitor::Watch::WatchAgain() {
 /// On the watching thread, the only one that uses the descriptor.
 void FolderMonitor::Watch::Cleanup() {
     if (inotify && watchDescriptor >= 0) {
-        // Refused when the path has been deleted, as the kernel has removed the watch then.
+        // Refused when the path has been deleted, because the kernel has removed the watch then.
         static_cast<void>(inotify_rm_watch(inotify.Get(), watchDescriptor));
     }
     inotify.Reset();
@@ -222,7 +222,7 @@ StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned 
     // assignment waits for the lock.
     mThread = std::thread([watch, thread]() mutable {
         watch->ThreadLoop();
-        // Before it is told of: what the callback holds may be destroyed with it.
+        // Before it is reported: what the callback holds may be destroyed with it.
         watch.reset();
         thread->left.count_down();
     });

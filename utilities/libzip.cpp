@@ -65,7 +65,7 @@ TERN_DLOPEN_NOTE constexpr auto NOTE = MakeDlopenNote(
     R"([{"feature":"archive","description":"Packing and unpacking of zip archives","priority":"recommended",)"
     R"("soname":[")" TERN_LIBZIP R"("]}])");
 
-/// The first of this name in the process, as for a library that is linked: a test can step in.
+/// The first function of this name in the process, as with a library that is linked: a test can step in.
 template <typename Function>
 Function* Find(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));

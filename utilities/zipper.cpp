@@ -34,7 +34,8 @@ const StaticText LOGGER("mwl::Utilities::Zipper");
 constexpr mode_t EXTRACTED_FILE_MODE = 0744;
 constexpr std::size_t SURPLUS_SIZE = 4096;
 
-/// libzip's text for one of its codes. It takes errno along, so it is made right after the call that failed.
+/// libzip's text for one of its codes. It takes errno along, so it is created right after the call that
+/// failed.
 class ZipErrorText {
 public:
     explicit ZipErrorText(int code) { zip_error_init_with_code(&mError, code); }
@@ -52,8 +53,8 @@ StatusCode GetArchiveStatus(zip_t* archive) {
     return Zipper::GetStatusZipError(zip_error_code_zip(zip_get_error(archive)));
 }
 
-/// Marks the entry for encryption. One that cannot be encrypted is taken back, as closing the archive would
-/// write it in clear; an archive that does not even let go of it is discarded.
+/// Marks the entry for encryption. An entry that cannot be encrypted is taken back, because closing the
+/// archive would write it in clear; an archive that does not even let go of it is discarded.
 StatusCode Encrypt(ZipArchive& archive, zip_uint64_t index, const std::string& password) {
     if (zip_file_set_encryption(archive.get(), index, ZIP_EM_AES_128, password.c_str()) == 0) {
         return StatusCode::Ok;
@@ -174,9 +175,9 @@ ZipEntry OpenEntry(zip_t* archive, zip_uint64_t index, const ZipEntryMethods& me
 enum class ReadResult { Whole, ChecksumDiffers, Failed };
 
 /// Reads the entry into `buffer` of `size` bytes, and on to its end, where libzip compares size and checksum.
-/// Without a checksum, as encrypted entries may be, libzip 1.11 does not compare the size either:
-/// `comparesSize` has that done here. An entry shorter than it claims leaves the rest of the buffer as it is,
-/// which `isShort` tells.
+/// Encrypted entries may have no checksum: then libzip 1.11 does not compare the size either, and
+/// `comparesSize` has this done here. An entry shorter than it claims leaves the rest of the buffer as it is
+/// and sets `isShort`.
 ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool comparesSize, bool& isShort) {
     const zip_int64_t count = zip_fread(entry, buffer, size);
     if (count < 0) {
@@ -326,7 +327,7 @@ public:
         return StatusCode::Ok;
     }
 
-    /// Sees all files onto their medium at once, as one by one takes many times as long.
+    /// Brings all files onto their medium in one call, because one by one takes many times as long.
     StatusCode Finish() override {
         if (mFolder && syncfs(mFolder.Get()) == 0) {
             return StatusCode::Ok;
@@ -442,7 +443,7 @@ StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, Target& ta
     return StatusCode::Ok;
 }
 
-/// Unzip into a target that is made when there is a folder for it.
+/// Unzip into a target that is created when there is a folder for it.
 template <typename TargetKind>
 StatusCode UnzipTo(const std::string& zipFile, const std::string& folder, const std::string& password) {
     if (zipFile.empty() || folder.empty()) {
@@ -501,7 +502,8 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
     if (result != 0) {
         TERN_LOG_INFO(LOGGER, "Zip: Unexpected zip error code: %d", result);
     } else {
-        // Fixed by the interface: told of every archive that is written, also when a file is missing from it.
+        // Fixed by the interface: reported for every archive that is written, also when a file is missing
+        // from it.
         TERN_LOG_INFO(LOGGER, "Zip: Zip successful for %s", zipFile.c_str());
     }
     return status;

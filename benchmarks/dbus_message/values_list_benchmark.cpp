@@ -323,7 +323,7 @@ void FlattenWithSdbusCpp(benchmark::State& state, bool nested) {
 #endif
 
 #ifdef TERN_HAVE_GIO
-/// What GLib allocates is not by operator new and so not counted.
+/// GLib does not allocate by operator new, so its memory is not counted.
 void FlattenGVariantGiven(benchmark::State& state, bool nested) {
     const VariantOwner body = GVariantBody(static_cast<int>(state.range(0)), nested);
     for (auto _ : state) {

@@ -1,5 +1,5 @@
 // The shared libraries as such, beside sdbus-c++'s: size when stripped, relocations, and what loading costs a
-// program that links one and ends at once. The programs are run in turn.
+// program that links one and ends immediately. The programs are run in turn.
 //   library_comparison [RESULT.json]
 
 #include <elf.h>
@@ -70,7 +70,7 @@ double CountPacked(const char* table, std::size_t size) {
     return count;
 }
 
-/// What the sections that a program needs at run time end at, as strip(1) leaves it but for the section
+/// The end of the sections that a program needs at run time, as strip(1) leaves it except for the section
 /// headers, and the entries of the relocation tables.
 Library Inspect(const std::string& path) {
     std::ifstream file(path, std::ios::binary);

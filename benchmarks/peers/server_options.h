@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-/// What a server of the comparisons is asked to be: SERVER BUS-NAME [OBJECTS INTERFACES MATCHES SOURCES]. All
+/// The arguments of a server of the comparisons: SERVER BUS-NAME [OBJECTS INTERFACES MATCHES SOURCES]. All
 /// servers answer the same method, Echo(s) -> s, on each interface of each object, and end on SIGTERM.
 struct ServerOptions {
     ServerOptions(int argc, char* argv[]) {
@@ -38,7 +38,7 @@ struct ServerOptions {
     int sources = 0;     ///< descriptors watched, which never become ready
 };
 
-/// Processor time of the thread that puts everything on the bus; tells the microseconds on standard output
+/// Processor time of the thread that puts everything on the bus; prints the microseconds on standard output
 /// when it ends.
 class ExportClock {
 public:

@@ -68,7 +68,7 @@ public:
     /// Seconds of processor time used so far by all of its threads.
     double ProcessorTime() const;
     /// Microseconds of processor time for putting everything on the bus (ExportClock); waits for the server
-    /// to tell.
+    /// to report.
     double ExportTime();
     /// KiB of one line of /proc/PID/smaps_rollup.
     double Memory(const std::string& field) const;

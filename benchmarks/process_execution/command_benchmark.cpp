@@ -1,4 +1,4 @@
-// What a run of a program costs beside posix_spawn(3) with a plain loop, GLib and Boost.Process: a program
+// The cost of a run of a program beside posix_spawn(3) with a plain loop, GLib and Boost.Process: a program
 // that does nothing, 100 MiB of output, 100 MiB of input. A large process forks slowly, so the first is
 // measured with 256 MiB of memory in use as well.
 
@@ -44,7 +44,7 @@ const Program NOTHING{"/bin/true", {}};
 const Program READER{"/usr/bin/wc", {"-c"}};
 const std::string READER_OUTPUT = std::to_string(AMOUNT) + "\n";
 
-/// The file that the writing program writes: a text, as one of the peers tells no length.
+/// The file that the writing program writes: a text, because one of the peers reports no length.
 class TextFile {
 public:
     TextFile() { std::ofstream(mPath) << std::string(AMOUNT, 'x'); }
@@ -59,7 +59,7 @@ private:
         std::filesystem::temp_directory_path() / ("tern-benchmark-" + std::to_string(getpid()));
 };
 
-// Each runs the program with the input, and tells whether it ended well with an output of so many bytes.
+// Each runs the program with the input, and returns whether it ended well with an output of so many bytes.
 
 /// Writes the input, reads the output to its end and waits; for an input or an output, not for large ones
 /// both.
@@ -138,7 +138,7 @@ bool RunGlib(const Program& program, const std::string& /*input*/, std::size_t o
     return done;
 }
 
-/// What GLib has for an input: GSubprocess.
+/// GLib's way for an input: GSubprocess.
 bool RunGlibWithInput(const Program& program, const std::string& input, std::size_t outputSize) {
     const std::vector<char*> argv = GlibArguments(program);
     constexpr auto FLAGS = static_cast<GSubprocessFlags>(

@@ -23,7 +23,7 @@ constexpr int CALLS = 150;
 constexpr int CALLS_TOGETHER = 640;
 constexpr int IN_FLIGHT = 64;
 
-/// What one side did in one round.
+/// The figures of one side in one round.
 struct Turn {
     std::vector<double> roundTrips;
     double oneByOne = 0;  ///< processor time of the server, waiting calls

@@ -1,5 +1,5 @@
-// A device with many extensions on one bus: all of one kind, started at once, then called in turn, then idle.
-// 1, 10 and 50 of them, to see how it grows.
+// A device with many extensions on one bus: all of one kind, started simultaneously, then called in turn,
+// then idle. 1, 10 and 50 of them, to see how it grows.
 //   device_comparison [RESULT.json]
 
 #include <unistd.h>
@@ -25,10 +25,11 @@ constexpr int SIZES[] = {1, 10, DEVICE};
 constexpr int CALLS_EACH = 40;
 constexpr unsigned int SETTLE_SECONDS = 1;
 constexpr unsigned int IDLE_SECONDS = 10;
-/// What grows in proportion has the exponent 1; the rest is for what the bus itself has to look through.
+/// A cost that grows in proportion has the exponent 1; the rest is for the lists that the bus itself has to
+/// look through.
 constexpr double LINEAR = 1.05;
 
-/// What so many of one kind did.
+/// The figures of so many of one kind.
 struct Device {
     double started = 0;  ///< ms until the last one has answered its first call
     double used = 0;     ///< ms of processor time of all until then

@@ -88,7 +88,7 @@ void Measure(Comparison& comparison, const Dimension& dimension, const std::vect
             for (const auto& [work, row] : rows) {
                 points[work] = row.Value(side.name);
             }
-            // What plain sd-bus itself needs is no matter of ours.
+            // The cost of plain sd-bus itself is no matter of ours.
             const bool isOurs = side.name == Comparison::OURS;
             comparison.AddGrowth(what + " of " + dimension.what + (isOurs ? "" : ", " + side.name), "us",
                                  points, isOurs ? N_LOG_N : 0);

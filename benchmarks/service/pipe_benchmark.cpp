@@ -1,5 +1,5 @@
 // One message through a pipe into the event loop: MessagePipe with EventLoop beside a raw pipe with sd-event,
-// and beside a locked queue that an eventfd tells about. Target: at most 1.05 of the raw pipe.
+// and beside a locked queue that an eventfd announces. Target: at most 1.05 of the raw pipe.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -129,7 +129,7 @@ public:
     bool TryRun() { return sd_event_run(mEvent, 0) > 0; }
 
 private:
-    /// What a pipe of 64 KiB holds.
+    /// The number of messages that a pipe of 64 KiB holds.
     static constexpr std::size_t PIPE_MESSAGES = 65536 / sizeof(Message);
 
     void Take() {

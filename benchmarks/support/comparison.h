@@ -74,7 +74,7 @@ public:
 
     /// Prints the row and keeps it for the file.
     void Finish(const Row& row);
-    /// What so much work costs; the exponent is to be at most `limit`, 0 for none.
+    /// The cost of so much work; the exponent is to be at most `limit`, 0 for none.
     void AddGrowth(const std::string& what, const std::string& unit, const std::map<int, double>& points,
                    double limit);
     /// A sentence below the table.

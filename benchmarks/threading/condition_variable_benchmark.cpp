@@ -39,7 +39,7 @@ struct Std {
     void Notify() { condition.notify_one(); }
 };
 
-/// A timed wait whose time is up at once: everything but the sleep.
+/// A timed wait whose time is up immediately: everything but the sleep.
 template <typename Kind>
 void BM_ExpiredWait(benchmark::State& state) {
     Kind kind;

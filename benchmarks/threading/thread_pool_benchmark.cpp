@@ -68,7 +68,8 @@ public:
     }
 
 private:
-    // One more than workers, as it counts a caller; without it the arena gets no more than there are cores.
+    // One more than workers, because it counts a caller; without it the arena gets no more than there are
+    // cores.
     tbb::global_control mLimit;
     tbb::task_arena mArena;
 };

@@ -28,7 +28,7 @@ void BM_NotifyWork(benchmark::State& state) {
 }
 BENCHMARK(BM_NotifyWork);
 
-/// What it cannot do without: the clock and one store.
+/// Its indispensable part: the clock and one store.
 void BM_ClockAndStore(benchmark::State& state) {
     std::atomic<std::int64_t> lastWork{0};
     for (auto _ : state) {

@@ -30,7 +30,7 @@ public:
 void WatchAndLeave(benchmark::State& state) {
     NoMonitor monitor;
     mwl::Threading::ThreadsWatcher watcher(monitor);
-    // Stays, so that the watch goes on in between and no iteration starts its thread.
+    // Stays, so that the watch goes on between iterations and none of them starts its thread.
     ThreadWatched first(watcher, "first");
     first.StartWatch(std::chrono::hours(1));
     std::vector<std::unique_ptr<ThreadWatched>> threads;

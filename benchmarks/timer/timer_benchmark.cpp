@@ -31,7 +31,7 @@ std::int64_t Now(clockid_t clock) {
     return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
 }
 
-/// When the ticks of one run came. The callbacks share it, as one may still be on its way at the end.
+/// When the ticks of one run came. The callbacks share it, because one may still be on its way at the end.
 class Ticks {
 public:
     explicit Ticks(std::size_t count) : mTimes(count) {}

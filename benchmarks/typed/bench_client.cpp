@@ -1,6 +1,6 @@
 // Calls the server of the typed comparison: bench_client SHAPE CALLS; then has it end. All calls are sent
-// before the first answer is waited for: a server that is slow, as it is counted, finds the next one there
-// whenever it looks, so that it does the same for each.
+// before the first answer is waited for: a server that is slow, because it is counted, finds the next call
+// there whenever it looks, so that it does the same for each.
 
 #include <systemd/sd-bus.h>
 #include <unistd.h>

@@ -94,7 +94,7 @@ public:
     void End() { sd_event_exit(mEvent, 0); }
 };
 
-/// What both ways do with the values.
+/// The work of both ways with the values.
 struct Receiver {
     Loop loop;
     int left = 0;

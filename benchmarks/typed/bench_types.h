@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-/// What the servers and their client have in common.
+/// The common part of the servers and their client.
 namespace bench {
 
 constexpr const char* NAME = "com.example.Bench";

@@ -9,7 +9,7 @@ from measuring import HAND, OURS, QUICK, SDBUS_CPP, SIDES, Bench, Peer, by_the_i
 
 PROGRAM = "bench_caller"
 KINDS = {"empty": "no arguments", "number": "u → u", "text": "s → s", "property": "a property read"}
-# What bench_caller calls them, and how many requests for memory they may make further than by hand: the handler is kept
+# Their names in bench_caller, and how many requests for memory they may make beyond those by hand: the handler is kept
 # in one, and a task is one.
 WAYS = {"awaited": ("awaited", 0), "handler": ("with a handler", 1), "task": ("in a task of its own", 1)}
 NO_LOOP = "by hand, without sd-event"

@@ -1,6 +1,6 @@
-// Prints the host name, and each new one, until it is told to end: a client that is made of the XML of
-// systemd's hostnamed. hostname1.xml is what hostnamed tells of itself; while this is built,
-// tern_dbus_generate makes the proxy of it that host_watch.cpp uses.
+// Prints the host name, and each new one, until it is asked to end: a client that is generated from the XML
+// of systemd's hostnamed. hostname1.xml is the introspection of hostnamed; while this is built,
+// tern_dbus_generate makes the proxy from it that host_watch.cpp uses.
 //
 //     hostname-client &
 //     hostnamectl set-hostname kitchen

@@ -11,7 +11,8 @@ class BusReporter : public mwl::tern::Synchronizer::Observer {
 public:
     /// Both outlive the reporter.
     BusReporter(mwl::tern::Synchronizer::SubjectInterface& subject, ThermostatServer& server);
-    /// What cannot be handed over is lost: the first loss is logged, and their number when it works again.
+    /// A measurement that cannot be handed over is lost: the first loss is logged, and the number of losses
+    /// when it works again.
     void OnNotify(mwl::tern::Synchronizer::NotificationInterface* notification) override;
 
 private:

@@ -11,7 +11,7 @@
 
 namespace thermostat {
 
-/// What the control thread does at each wake-up: one step of the room, one measurement to all observers.
+/// The work of the control thread at each wake-up: one step of the room, one measurement to all observers.
 /// Watched: when it gets stuck, or is not woken any more, the process is killed and restarted.
 class ControlLoop : public mwl::QueuedProcessings::ExecutorInterface {
 public:

@@ -5,7 +5,8 @@
 
 namespace thermostat {
 
-/// The control thread as a member of the extension's group of components. Main thread only, but for WakeUp.
+/// The control thread as a member of the extension's group of components. Main thread only, except for
+/// WakeUp.
 class ControlWorker : public mw::tern::ComponentRuntimeInterface {
 public:
     /// Both outlive the worker.

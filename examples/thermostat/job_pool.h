@@ -9,7 +9,7 @@
 namespace thermostat {
 
 /// The pool for jobs that would hold the D-Bus thread up, as a member of the extension's group of components.
-/// Main thread only, but for Queue.
+/// Main thread only, except for Queue.
 class JobPool : public mw::tern::ComponentRuntimeInterface {
 public:
     /// Both outlive the pool.

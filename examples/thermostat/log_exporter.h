@@ -10,7 +10,7 @@
 
 namespace thermostat {
 
-/// Packs the log folder into an encrypted archive on the pool, and tells the D-Bus thread when it is done.
+/// Packs the log folder into an encrypted archive on the pool, and notifies the D-Bus thread when it is done.
 ///
 /// D-Bus thread only.
 class LogExporter {
@@ -20,9 +20,10 @@ public:
     /// Pool and bus outlive the exporter, which outlives the pool's last job.
     LogExporter(JobPool& pool, mwl::Typed::Bus& bus, std::string logFolder, const std::string& stateFolder);
 
-    /// Returns at once. `done` runs on the D-Bus thread with the result, when the archive is complete or has
-    /// failed; a failure leaves the former archive as it was. When the bus has closed by then, `done` is
-    /// destroyed without having run. REQUIRES: no other export runs, as all of them write the same archive.
+    /// Returns immediately. `done` runs on the D-Bus thread with the result, when the archive is complete or
+    /// has failed; a failure leaves the former archive as it was. When the bus has closed by then, `done` is
+    /// destroyed without having run. REQUIRES: no other export runs, because all of them write the same
+    /// archive.
     void Export(const std::string& password, Done done);
     const std::string& GetArchivePath() const { return mArchive; }
 

@@ -72,7 +72,7 @@ int Run(const thermostat::Settings& settings) {
     thermostat::Sampling sampling(settings.samplingMs, [&control] { control.WakeUp(); });
     mw::tern::CompositeRuntime workers{&pool, &control, &sampling};
 
-    // What the bus shows and may ask for; all of it runs on the D-Bus thread.
+    // The extension's side of the bus: all of it runs on the D-Bus thread.
     mwl::Typed::Bus bus;
     thermostat::LogExporter exporter(pool, bus, settings.logFolder, settings.stateFolder);
     thermostat::ThermostatInterface::Actions actions;
@@ -121,7 +121,7 @@ int Run(const thermostat::Settings& settings) {
         }
     }
     service.JoinThread();
-    // The D-Bus thread has told the workers to stop; one that started late is told here.
+    // The D-Bus thread has asked the workers to stop; a worker that started late is asked here.
     static_cast<void>(workers.Stop());
     static_cast<void>(workers.Destroy());
     return serving && !monitor.HasFailure() ? EXIT_SUCCESS : EXIT_FAILURE;

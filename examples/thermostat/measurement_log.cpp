@@ -20,7 +20,7 @@ constexpr std::uintmax_t MAX_FILE_BYTES = 128UL * 1024;
 constexpr const char* FILE_NAME = "/measurements.csv";
 constexpr const char* FORMER_FILE_NAME = "/measurements.1.csv";
 
-/// Whether the file ends within a line, as after a power cut or on a full disk.
+/// Whether the file ends within a line, for example after a power cut or on a full disk.
 bool EndsWithinLine(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return file.seekg(-1, std::ios::end) && file.get() != '\n';

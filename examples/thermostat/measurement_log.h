@@ -11,7 +11,7 @@ namespace thermostat {
 
 /// Appends every measurement as a line "celsius,heating" to a file of the log folder, and begins a new file,
 /// keeping one former, when it has grown to 128 KiB. A line is written whole or, on a full disk, not at all
-/// as far as a reader can tell: what was written of it is ended by a newline before the next one.
+/// as far as a reader can see: a part that was written ends with a newline before the next line.
 ///
 /// Control thread only, after Open.
 class MeasurementLog : public mwl::tern::Synchronizer::Observer {
@@ -25,11 +25,11 @@ public:
     ///
     /// - Ok: measurements are taken.
     /// - OpenFailed: the file cannot be opened.
-    /// - otherwise why the folder cannot be made or a grown file not be put aside.
+    /// - otherwise why the folder cannot be created, or a grown file not be put aside.
     mwl::StatusCode Open();
 
-    /// Writes one line. What cannot be written, as on a full disk, is lost: the first loss is logged, and
-    /// their number when the writing works again.
+    /// Writes one line. A line that cannot be written, for example on a full disk, is lost: the first loss is
+    /// logged, and the number of losses when writing works again.
     void OnNotify(mwl::tern::Synchronizer::NotificationInterface* notification) override;
 
 private:

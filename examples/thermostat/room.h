@@ -13,7 +13,7 @@ public:
     /// One sampling period passes. One thread only. Returns the measured temperature in degrees Celsius.
     double Step();
 
-    /// What the sensor shows, in degrees Celsius; before the first step too.
+    /// The sensor's reading, in degrees Celsius; before the first step too.
     double GetTemperature() const { return mTemperature; }
     void SetTarget(double celsius) { mTarget = celsius; }
     double GetTarget() const { return mTarget; }

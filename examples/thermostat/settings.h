@@ -6,7 +6,7 @@
 
 namespace thermostat {
 
-/// What the thermostat's INI file says. Attributes are optional, unknown ones are refused:
+/// The content of the thermostat's INI file. Attributes are optional, unknown ones are refused:
 ///
 ///     target=20          degrees Celsius until the first one is set, 5 to 30
 ///     sampling_ms=100    10 to 1000

@@ -11,7 +11,7 @@ namespace thermostat {
 /// power cut or a full disk leaves the former or the new one. D-Bus thread only.
 class TargetStore {
 public:
-    /// `folder` is made when it is missing; its parent has to be there.
+    /// `folder` is created when it is missing; its parent has to be there.
     explicit TargetStore(std::string folder) : mFolder(std::move(folder)) {}
 
     /// Ok, or why the folder cannot be used, logged.

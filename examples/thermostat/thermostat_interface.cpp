@@ -30,7 +30,8 @@ void ThermostatInterface::SetTemperature(double celsius) {
         mHeating = !mHeating;
         Changed<Thermostat1::Heating>();
     }
-    // What cannot be sent, as to a bus that does not read, is lost and logged; the next one makes it good.
+    // A signal that cannot be sent, for example to a bus that does not read, is lost and logged; the next one
+    // makes up for it.
     static_cast<void>(Emit<Thermostat1::Measured>(celsius));
 }
 

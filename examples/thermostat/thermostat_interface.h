@@ -20,7 +20,7 @@ class ThermostatInterface final : public mwl::Typed::Implements<ThermostatInterf
 public:
     using ExportDone = mwl::UniqueFunction<void(const std::string& path, mw::tern::StatusCode result)>;
 
-    /// What the interface asks of the extension; each runs on the D-Bus thread.
+    /// The functions of the extension that the interface calls; each runs on the D-Bus thread.
     struct Actions {
         std::function<void(unsigned int seconds)> boost;
         /// False when the target could not be stored, and then it has not changed.

@@ -64,7 +64,7 @@ constexpr const char* REFUSED_BY_POLICY =
     "the bus's policy refuses it: root and members of the group tern-thermostat may";
 constexpr const char* NO_ANSWER = "the thermostat does not answer";
 
-/// What a person can act on, where there is only a status: most failures have one of a few causes.
+/// A hint to act on, where there is only a status: most failures have one of a few causes.
 std::string Reason(StatusCode status) {
     mw::tern::DBusClientManager manager;
     std::set<std::string> names;
@@ -81,8 +81,8 @@ std::string Reason(StatusCode status) {
     return status == StatusCode::Timeout ? NO_ANSWER : ConvertStatusCodeToString(status);
 }
 
-/// The same for the outcome of a call: the bus's own errors are told by their cause, the service's as it puts
-/// them.
+/// The same for the outcome of a call: the bus's own errors are described by their cause, the service's are
+/// printed as it puts them.
 std::string Reason(const Typed::Error& error) {
     if (error.GetName() == SD_BUS_ERROR_NO_REPLY && error.GetStatus() == StatusCode::IoError) {
         return NO_BUS;  // it went meanwhile

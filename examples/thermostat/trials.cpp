@@ -11,7 +11,7 @@ namespace {
 
 constexpr int EXIT_TRIAL = 3;
 
-/// Whoever calls it never comes back, not even for a signal.
+/// A caller never comes back, not even for a signal.
 [[noreturn]] void HangForEver() {
     for (;;) {
         pause();

@@ -23,8 +23,8 @@ public:
     ///     hang-pool      nor does a job of the pool
     ///     fail-control   the control loop's next step throws
     ///     fail-pool      a job of the pool throws, which nobody catches
-    ///     abort          the process aborts at once
-    ///     exit           the process ends at once with status 3
+    ///     abort          the process aborts immediately
+    ///     exit           the process ends immediately with status 3
     bool Begin(const std::string& what);
 
 private:

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the gallery offers on the bus, described once: the values, then the interface. The compiler makes the
+// The gallery's interface on the bus, described once: the values, then the interface. The compiler makes the
 // service's vtable from it, and a client that includes this header is checked against it as well.
 
 #include <tern/typed/codec.h>
@@ -251,7 +251,7 @@ struct TypeGallery1 {
     static constexpr Typed::Method<void()> Closed{
         "Closed", {}, Typed::Checked(), "For root and for the user of the service."};
 
-    /// The order in which introspection tells them.
+    /// The order in which introspection reports them.
     static constexpr Typed::Members<
         EchoByte, Byte, GotByte, EchoInt16, Int16, GotInt16, EchoUInt16, UInt16, GotUInt16, EchoInt32, Int32,
         GotInt32, EchoUInt32, UInt32, GotUInt32, EchoInt64, Int64, GotInt64, EchoUInt64, UInt64, GotUInt64,
@@ -267,7 +267,7 @@ struct TypeGallery1 {
         ALL{};
 };
 
-/// What the objects are that Add makes.
+/// The interface of the objects that Add creates.
 struct TypeGalleryItem1 {
     static constexpr const char* NAME = "com.example.TypeGalleryItem1";
 

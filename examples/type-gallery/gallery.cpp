@@ -32,7 +32,7 @@ Typed::Outcome<void> Gallery::Throw(std::string_view kind) {
         throw std::bad_alloc();
     }
     if (kind == "runtime_error") {
-        throw std::runtime_error("what the log tells and the caller does not get");
+        throw std::runtime_error("a text for the log, not for the caller");
     }
     if (kind == "int") {
         throw 1;

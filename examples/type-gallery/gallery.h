@@ -22,7 +22,7 @@ public:
     /// Both outlive the object. The pool answers what Later takes.
     Gallery(Items& items, mwl::Threading::ThreadPool::ThreadPool& pool) : mItems(items), mPool(pool) {}
 
-    /// Which function, or data member, is which member of the contract. What is forgotten, or does not fit,
+    /// Binds functions and data members to the members of the contract. A forgotten or mismatched binding
     /// does not compile.
     static constexpr auto Describe() {
         using Typed::Bind;
@@ -95,7 +95,7 @@ public:
     }
 
 private:
-    /// What a signal of one argument carries.
+    /// The value of a signal with one argument.
     template <const auto& GOT>
     using ValueOf = std::tuple_element_t<0, typename Typed::MemberType<GOT>::Arguments>;
     /// The type of a data member.
@@ -105,7 +105,7 @@ private:
     /// The handler of every Echo method: gives the value back and sends it as the signal GOT.
     template <const auto& GOT>
     ValueOf<GOT> Echo(ValueOf<GOT> x) {
-        // What could not be sent is logged, and came from a message a moment ago.
+        // A value that could not be sent is logged; it came from a message a moment ago.
         static_cast<void>(Emit<GOT>(x));
         return x;
     }

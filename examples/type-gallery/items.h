@@ -10,7 +10,7 @@
 
 namespace type_gallery {
 
-/// An object that Add has made.
+/// An object that Add has created.
 class Item final : public Typed::Implements<Item, TypeGalleryItem1> {
 public:
     explicit Item(std::string label) : mLabel(std::move(label)) {}

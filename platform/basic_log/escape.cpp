@@ -15,7 +15,7 @@ constexpr std::size_t WORD = sizeof(std::uint64_t);
 constexpr std::uint64_t ONES = 0x0101010101010101;
 
 /// Of eight bytes the top bits of those that are no printable ASCII: each term finds some of them, those
-/// below 0x20, DEL, those above 0x7F. What a borrow adds is a wrong alarm next to a right one.
+/// below 0x20, DEL, those above 0x7F. A borrow only adds a wrong alarm next to a right one.
 std::uint64_t Suspects(const char* eight) noexcept {
     std::uint64_t bytes = 0;
     memcpy(&bytes, eight, sizeof bytes);

@@ -28,11 +28,11 @@ namespace {
 constexpr const char* JOURNAL_SOCKET = "/run/systemd/journal/socket";
 constexpr const char* SYSLOG_SOCKET = "/dev/log";
 
-/// Messages that the sink did not take, as far as nobody was told.
+/// Messages that the sink did not take and that were not reported yet.
 constinit std::atomic<unsigned long> gDropped{0};
 
-/// JOURNAL_STREAM is "device:inode" of the stream that the journal reads; sd_journal_stream_fd(3) tells the
-/// rest.
+/// JOURNAL_STREAM is "device:inode" of the stream that the journal reads; sd_journal_stream_fd(3) describes
+/// the rest.
 bool IsJournalStream() noexcept {
     const char* stream = getenv("JOURNAL_STREAM");  // NOLINT(concurrency-mt-unsafe): once, at first use
     unsigned long long device = 0;
@@ -42,7 +42,7 @@ bool IsJournalStream() noexcept {
            fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-/// Puts `prefix` right in front of the text and `suffix` right behind it, then writes all of it at once.
+/// Puts `prefix` right in front of the text and `suffix` right behind it, then writes all of it in one piece.
 bool WriteFramed(const char* prefix, std::size_t prefixLength, const char* suffix, std::size_t suffixLength,
                  char* text, std::size_t length, Patience& patience) noexcept {
     memcpy(text - prefixLength, prefix, prefixLength);
@@ -68,6 +68,21 @@ bool WriteToTerminal(int level, char* text, std::size_t length, Patience& patien
                        patience);
 }
 
+/// The program's name as log daemons get it: whoever starts a program chooses it, and it must begin neither a
+/// field nor a line of its own.
+class Identifier {
+public:
+    Identifier() noexcept
+        : mLength(Escape(program_invocation_short_name, strlen(program_invocation_short_name), mText,
+                         sizeof mText)) {}
+    int Length() const noexcept { return static_cast<int>(mLength); }
+    const char* Text() const noexcept { return mText; }
+
+private:
+    char mText[200];  // without a zero at the end
+    std::size_t mLength;
+};
+
 /// A message too large for a datagram goes as a sealed memory file, as the journal's native protocol has it.
 Sent SendAsMemoryFile(const iovec* parts, std::size_t count, Patience& patience) noexcept {
     const int file = memfd_create("journal-message", MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -87,12 +102,14 @@ Sent SendAsMemoryFile(const iovec* parts, std::size_t count, Patience& patience)
     return sent;
 }
 
-/// Sends the entry by the journal's native protocol; the message carries its length, as it may hold newlines.
+/// Sends the entry by the journal's native protocol; the message carries its length, because it may hold
+/// newlines.
 Sent SendToJournal(int level, const char* text, std::size_t length, Patience& patience) noexcept {
+    const Identifier identifier;
     char fields[512];
     const int fieldsLength =
-        snprintf(fields, sizeof fields, "PRIORITY=%d\nSYSLOG_IDENTIFIER=%.200s\nTID=%ld\nMESSAGE\n", level,
-                 program_invocation_short_name, static_cast<long>(gettid()));
+        snprintf(fields, sizeof fields, "PRIORITY=%d\nSYSLOG_IDENTIFIER=%.*s\nTID=%ld\nMESSAGE\n", level,
+                 identifier.Length(), identifier.Text(), static_cast<long>(gettid()));
     std::uint64_t size = length;
     unsigned char littleEndian[sizeof size];
     for (unsigned char& byte : littleEndian) {
@@ -114,10 +131,11 @@ Sent SendToSyslog(int level, const char* text, std::size_t length, Patience& pat
     static constexpr const char* MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     const LocalTime time = NowInLocalTime();
+    const Identifier identifier;
     char header[256];
     const int headerLength = snprintf(
-        header, sizeof header, "<%d>%s %2d %02d:%02d:%02d %.200s: ", LOG_USER | level, MONTHS[time.month],
-        time.day, time.hour, time.minute, time.second, program_invocation_short_name);
+        header, sizeof header, "<%d>%s %2d %02d:%02d:%02d %.*s: ", LOG_USER | level, MONTHS[time.month],
+        time.day, time.hour, time.minute, time.second, identifier.Length(), identifier.Text());
     iovec parts[] = {{header, static_cast<std::size_t>(headerLength)}, {const_cast<char*>(text), length}};
     constexpr std::size_t COUNT = sizeof parts / sizeof parts[0];
     const Sent sent = SendToLogSocket(SYSLOG_SOCKET, parts, COUNT, -1, patience);
@@ -166,12 +184,12 @@ bool Deliver(Sink sink, int level, char* text, std::size_t length, Patience& pat
                                    : WriteEscaped(sink, level, text, length, escapedLength, patience);
 }
 
-/// Tells how many messages are missing before the next one. Returns false when the sink does not take that
+/// Reports how many messages are missing before the next one. Returns false when the sink does not take that
 /// either.
 bool TellDropped(Sink sink, Patience& patience) noexcept {
     const unsigned long dropped = gDropped.exchange(0);
     if (dropped == 0) {
-        return true;  // another thread has told it
+        return true;  // another thread has reported it
     }
     char line[FRAME_ROOM + 128 + FRAME_ROOM];
     const int length =

@@ -18,7 +18,7 @@ constexpr std::size_t STACK_MESSAGE = 4096;
 /// Writes one message of `length` bytes. `text` has FRAME_ROOM writable bytes in front of it and behind it.
 /// Takes no lock, and no memory unless escapes make more than STACK_MESSAGE of the text. A message that the
 /// sink does not take in the time that Patience gives, or refuses, is counted; once the sink takes messages
-/// again, a line tells how many, before the next message.
+/// again, a line reports how many, before the next message.
 void WriteMessage(Sink sink, int level, char* text, std::size_t length) noexcept;
 
 }  // namespace mwl::Log

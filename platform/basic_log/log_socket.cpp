@@ -76,7 +76,7 @@ Sent SendToLogSocket(const char* path, iovec* parts, std::size_t count, int file
             case EINTR:
                 break;
             case EAGAIN:
-                // poll(2) tells of the daemon's queue once the socket is connected to it.
+                // poll(2) reports on the daemon's queue once the socket is connected to it.
                 if (Patience::IsOver()) {
                     return Sent::NotInTime;
                 }

@@ -8,7 +8,7 @@
 
 namespace mwl::Log {
 
-/// What became of a message that was sent to a log daemon's socket.
+/// The fate of a message that was sent to a log daemon's socket.
 enum class Sent : unsigned char {
     Yes,
     NotInTime,  ///< the daemon does not read

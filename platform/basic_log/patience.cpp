@@ -13,7 +13,7 @@ namespace {
 constexpr int MOST_MS = 1000;
 constexpr int LEAST_MS = 10;
 
-/// What a message may wait; 0 after a wait in vain.
+/// The time that a message may wait; 0 after a wait in vain.
 constinit std::atomic<int> gLimitMs{MOST_MS};
 
 std::int64_t NowMs() noexcept {
@@ -38,8 +38,8 @@ bool Patience::Wait(int fd) noexcept {
         gLimitMs.store(0, std::memory_order_relaxed);
         return false;
     }
-    // A descriptor that is ready and yet takes nothing must not be asked in a circle: others may be faster,
-    // and not every kind of descriptor tells the truth.
+    // A descriptor that is ready and yet takes nothing must not be asked in a circle: other writers may be
+    // faster, and not every kind of descriptor reports truly.
     pollfd wanted = {fd, POLLOUT, 0};
     mReadyInVain = mReadyInVain ? poll(nullptr, 0, 1) < 0 : poll(&wanted, 1, static_cast<int>(left)) != 0;
     return true;

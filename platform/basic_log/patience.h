@@ -15,7 +15,7 @@ public:
     /// again.
     bool Wait(int fd) noexcept;
 
-    /// Whether Wait would return false at once.
+    /// Whether Wait would return false immediately.
     static bool IsOver() noexcept;
     /// The sink has taken a message.
     static void Taken() noexcept;

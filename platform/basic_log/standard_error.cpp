@@ -61,7 +61,7 @@ Way Look() noexcept {
     return way;
 }
 
-/// What a refusal of `way` as such leads to: another way, or none (false).
+/// The way after a refusal of `way` as such: another one, or none (false).
 bool LookAgain(Way way) noexcept {
     if (way == Way::Pipe) {
         struct stat status {};
@@ -72,8 +72,8 @@ bool LookAgain(Way way) noexcept {
     return Look() != way;
 }
 
-/// Where the descriptor cannot be opened again. What poll(2) promises, another writer may take away in
-/// between: then this waits in write(2).
+/// Where the descriptor cannot be opened again. Another writer may take the room that poll(2) promised: then
+/// this waits in write(2).
 ssize_t WritePolled(const char* data, std::size_t size) noexcept {
     pollfd wanted = {STDERR_FILENO, POLLOUT, 0};
     if (poll(&wanted, 1, 0) == 0) {
@@ -126,7 +126,7 @@ ssize_t Write(Way way, const char* data, std::size_t size) noexcept {
     return write(STDERR_FILENO, data, size);
 }
 
-/// A file would not say that it has become a pipe: it is looked at once a second.
+/// Nothing reports that a file has been replaced by a pipe: it is looked at every second.
 Way CurrentWay() noexcept {
     const Way way = gWay.load(std::memory_order_relaxed);
     const bool look =
@@ -157,7 +157,7 @@ bool WriteToStandardError(char* line, std::size_t size, Patience& patience) noex
             return true;
         }
         if (written > 0) {
-            // Whoever writes before this line goes on begins a line of his own.
+            // A writer that writes before this line goes on begins a line of its own.
             begun = true;
             gLineIsOpen.store(true, std::memory_order_relaxed);
             line += written;

@@ -1,17 +1,21 @@
 // Lets every call that our libraries make fail once, in every scenario, and looks at what comes of it; or
-// lets every scenario run with little to spare of threads, queued signals, descriptors or a file system's
-// pages.
+// lets every scenario run with little to spare of threads, queued signals, descriptors, addresses, memory or
+// a file system's pages.
 //
 //   fault_sweep [--shard K/N] [--scenario NAME [--case FUNCTION:OCCURRENCE:ERROR]] [--list]
 //   fault_sweep --limits [--shard K/N] [--scenario NAME [--case LIMIT:SPARE]]
+//   fault_sweep [--limits] --daily K/N/SHARDS
+//                                   the K-th of N shards whose turn it is today, which is printed
 //   fault_sweep --self-test         whether it notices what is wrong on purpose
 //   fault_sweep --catalogue         whether the catalogue knows everything that our libraries import
 
 #include <malloc.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
@@ -39,6 +43,24 @@ struct Options {
     bool selfTest = false;
 };
 
+/// "K/N/SHARDS": of SHARDS shards each day has N, one after the other, until all have had their turn.
+bool ChooseDaily(const std::string& text, Options& options) {
+    unsigned number = 0;
+    unsigned ofADay = 0;
+    unsigned shards = 0;
+    int length = 0;
+    if (sscanf(text.c_str(), "%u/%u/%u%n", &number, &ofADay, &shards, &length) != 3 ||
+        text.size() != static_cast<std::size_t>(length) || number >= ofADay || ofADay > shards) {
+        return false;
+    }
+    constexpr std::int64_t SECONDS_OF_A_DAY = 86400;
+    const auto day = static_cast<std::uint64_t>(std::int64_t{time(nullptr)} / SECONDS_OF_A_DAY);
+    options.shards = shards;
+    options.shard = static_cast<unsigned>((day * ofADay + number) % shards);
+    printf("today's turn: --shard %u/%u\n", options.shard, options.shards);
+    return true;
+}
+
 bool Parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -54,6 +76,10 @@ bool Parse(int argc, char** argv, Options& options) {
             options.scenario = argv[++i];
         } else if (i + 1 < argc && option == "--case") {
             options.theCase = argv[++i];
+        } else if (i + 1 < argc && option == "--daily") {
+            if (!ChooseDaily(argv[++i], options)) {
+                return false;
+            }
         } else if (i + 1 < argc && option == "--shard") {
             char* end = nullptr;
             options.shard = static_cast<unsigned>(strtoul(argv[++i], &end, 10));
@@ -178,8 +204,8 @@ int main(int argc, char** argv) {
     Options options;
     if (!Parse(argc, argv, options)) {
         fprintf(stderr,
-                "usage: %s [--limits] [--shard K/N] [--scenario NAME [--case CASE]] [--list] | --self-test | "
-                "--catalogue\n",
+                "usage: %s [--limits] [--shard K/N | --daily K/N/SHARDS] [--scenario NAME [--case CASE]] "
+                "[--list] | --self-test | --catalogue\n",
                 argv[0]);
         return 2;
     }

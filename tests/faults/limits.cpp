@@ -10,14 +10,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include "support/process_resources.h"
+#include "support/wait_until.h"
 #include "utilities/private_mounts.h"
 
 namespace tern::test {
@@ -100,6 +105,95 @@ void TightenDescriptors(unsigned spare) {
     SetSoftLimit<RLIMIT_NOFILE>(static_cast<rlim_t>(limit - 1));
 }
 
+/// Thread stacks are the largest pieces that are asked for.
+constexpr rlim_t ADDRESSES_PER_SPARE = 8U << 20;
+
+bool HaveAddressesThatCount(std::string& /*folder*/) {
+#if defined(__SANITIZE_ADDRESS__)
+    return false;  // most of them are the sanitizer's
+#else
+    return true;
+#endif
+}
+
+void TightenAddresses(unsigned spare) {
+    std::ifstream file("/proc/self/statm");
+    rlim_t pages = 0;
+    file >> pages;
+    SetSoftLimit<RLIMIT_AS>(pages * static_cast<rlim_t>(getpagesize()) + spare * ADDRESSES_PER_SPARE);
+}
+
+/// The kernel takes memory from the group's account in pieces of 64 pages for each processor.
+constexpr std::uint64_t MEMORY_PER_SPARE = 256U << 10;
+
+/// Kept open, as memory for a stream may not be had.
+int gMemoryLimit = -1;
+
+/// The control group of this process that counts memory; empty where the first version of these is not to be
+/// had.
+std::string MemoryGroup() {
+    std::ifstream groups("/proc/self/cgroup");
+    for (std::string line; std::getline(groups, line);) {
+        const std::size_t at = line.find(":memory:");
+        if (at != std::string::npos) {
+            return "/sys/fs/cgroup/memory" + line.substr(at + sizeof ":memory:" - 1);
+        }
+    }
+    return {};
+}
+
+/// Of a process of the sweep, below the group of the sweep itself, which asks for it.
+std::string MemoryGroupOf(pid_t pid) {
+    return MemoryGroup() + "/faults" + std::to_string(pid);
+}
+
+bool EnterMemoryGroup(std::string& /*folder*/) {
+    const std::string group = MemoryGroupOf(getpid());
+    std::error_code failed;
+    if (!std::filesystem::create_directory(group, failed)) {
+        return false;
+    }
+    std::ofstream(group + "/cgroup.procs") << getpid() << std::flush;
+    gMemoryLimit = open((group + "/memory.limit_in_bytes").c_str(), O_WRONLY | O_CLOEXEC);
+    return gMemoryLimit >= 0 && MemoryGroup() == group;
+}
+
+void SetMemoryLimit(const std::string& bytes) {
+    if (pwrite(gMemoryLimit, bytes.data(), bytes.size(), 0) < 0) {
+        throw std::runtime_error("the memory's limit cannot be set");
+    }
+}
+
+void TightenMemory(unsigned spare) {
+    std::ifstream file(MemoryGroup() + "/memory.usage_in_bytes");
+    std::uint64_t used = 0;
+    file >> used;
+    // Whole pages, and never less than is in use: there is nothing to give back.
+    SetMemoryLimit(std::to_string((used / MEMORY_PER_SPARE + 1 + spare) * MEMORY_PER_SPARE));
+}
+
+void LiftMemory() {
+    SetMemoryLimit("-1");
+}
+
+bool HasBeenKilledForMemory(pid_t pid) {
+    const std::string group = MemoryGroupOf(pid);
+    std::stringstream control;
+    control << std::ifstream(group + "/memory.oom_control").rdbuf();
+    const std::size_t kills = control.str().find("oom_kill ");
+    const bool hasKilled = kills != std::string::npos &&
+                           control.str().compare(kills, sizeof "oom_kill 0" - 1, "oom_kill 0") != 0;
+    // Programs that it had started.
+    WaitUntil([&] {
+        std::ifstream members(group + "/cgroup.procs");
+        for (pid_t member = 0; members >> member;) {
+            kill(member, SIGKILL);
+        }
+        return rmdir(group.c_str()) == 0 || errno == ENOENT;
+    });
+    return hasKilled;
+}
+
 /// What else the file system holds; kept open.
 int gFiller = -1;
 
@@ -141,6 +235,8 @@ const std::vector<Limit>& Limits() {
         {"RLIMIT_NPROC", BecomeAUser, TightenThreads, LiftLimit<RLIMIT_NPROC>},
         {"RLIMIT_SIGPENDING", BecomeAUser, TightenSignals, LiftLimit<RLIMIT_SIGPENDING>},
         {"RLIMIT_NOFILE", NeedNothing, TightenDescriptors, LiftLimit<RLIMIT_NOFILE>},
+        {"RLIMIT_AS", HaveAddressesThatCount, TightenAddresses, LiftLimit<RLIMIT_AS>},
+        {"memory", EnterMemoryGroup, TightenMemory, LiftMemory, HasBeenKilledForMemory},
         {"tmpfs", MountSmall, FillUp, Empty},
     };
     return limits;

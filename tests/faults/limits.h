@@ -14,9 +14,12 @@ struct Limit {
     /// From now on so much more than what is in use now is to be had.
     void (*tighten)(unsigned spare);
     void (*lift)();
+    /// What is not to be had is not refused: the kernel kills somebody. Null where it is refused. Afterwards,
+    /// in another process: whether it was so, and what `prepare` has made is removed.
+    bool (*hasKilled)(int pid) = nullptr;
 };
 
-/// Threads, queued signals, descriptors, pages of a file system.
+/// Threads, queued signals, descriptors, addresses, memory of a control group, pages of a file system.
 const std::vector<Limit>& Limits();
 
 /// Which limit holds in this process while the steps of a scenario are swept.

@@ -105,16 +105,17 @@ struct RunResult {
 /// In a child: runs the scenario again and again.
 class Runner {
 public:
-    Runner(const Scenario& scenario, const std::string& folder) : mScenario(scenario), mFolder(folder) {
+    /// In a folder of its own in `folder`, or in that of another process.
+    Runner(const Scenario& scenario, const std::string& folder, pid_t owner = getpid())
+        : mScenario(scenario), mFolder(folder + "/" + std::to_string(owner)) {
         Intercept::WatchLogger(scenario.isLoggers);
     }
 
     /// With what that case is about, if one is given.
     RunResult Run(const Case* theCase = nullptr) {
         const std::string number = std::to_string(getpid()) + "r" + std::to_string(mRuns++);
-        const std::string folder = mFolder + "/" + std::to_string(getpid());  // the same: it is in messages
-        std::filesystem::create_directory(folder);
-        Stage stage(folder, number);
+        std::filesystem::create_directory(mFolder);
+        Stage stage(mFolder, number);
         RunResult result;
         const bool isCall = theCase != nullptr && theCase->limit == nullptr;
         Intercept::Begin(isCall ? &theCase->point : nullptr, isCall ? theCase->failure : nullptr);
@@ -126,7 +127,7 @@ public:
             result.isAllowedException = IsAllowedException(exception);
         }
         Intercept::Switch(false);
-        std::filesystem::remove_all(folder);
+        std::filesystem::remove_all(mFolder);
         result.refused = stage.Refused();
         result.missing = stage.Missing();
         result.violated = stage.Violated();
@@ -136,7 +137,7 @@ public:
 
 private:
     const Scenario& mScenario;
-    const std::string mFolder;
+    const std::string mFolder;  ///< the same in each run: it is in messages
     RunLog mLog;
     unsigned mRuns = 0;
 };
@@ -237,6 +238,14 @@ Outcome Sweep::Run(const Case& theCase) {
         CaseMain(theCase);
     }
     Attend(pid, theCase.scenario->name);
+    if (theCase.limit != nullptr && theCase.limit->hasKilled != nullptr && theCase.limit->hasKilled(pid) &&
+        mReport->outcome == Outcome::Died) {
+        const pid_t successor = fork();
+        if (successor == 0) {
+            SuccessorMain(*theCase.scenario, pid);
+        }
+        Attend(successor, theCase.scenario->name);
+    }
     if (!IsAllowed(mReport->outcome) && theCase.IsStated(mReport->outcome)) {
         mReport->outcome = Outcome::Stated;
     }
@@ -256,6 +265,14 @@ void Sweep::RecordMain(const Scenario& scenario) {
         result = runner.Run();
     }
     mReport->Set(result.IsClean() ? Outcome::Absorbed : Outcome::Broken, result.Describe());
+    _exit(0);
+}
+
+void Sweep::SuccessorMain(const Scenario& scenario, int former) {
+    PrepareChild(mLimitSeconds);
+    const RunResult result = Runner(scenario, mFolder.Path(), former).Run();
+    mReport->Set(result.IsClean() ? Outcome::Killed : Outcome::Lasting,
+                 "after the kernel had killed the former process:\n" + result.Describe());
     _exit(0);
 }
 
@@ -328,9 +345,9 @@ void Sweep::Attend(int pid, const std::string& name) {
 }
 
 const char* NameOf(Outcome outcome) {
-    static constexpr const char* NAMES[] = {"not met", "skipped", "absorbed", "reported", "raised",
-                                            "ended",   "stated",  "VIOLATED", "SILENT",   "LEFTOVER",
-                                            "LASTING", "HUNG",    "DIED",     "BROKEN"};
+    static constexpr const char* NAMES[] = {"not met",  "skipped", "absorbed", "reported", "raised",
+                                            "ended",    "killed",  "stated",   "VIOLATED", "SILENT",
+                                            "LEFTOVER", "LASTING", "HUNG",     "DIED",     "BROKEN"};
     return NAMES[static_cast<std::size_t>(outcome)];
 }
 

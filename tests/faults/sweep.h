@@ -23,6 +23,7 @@ enum class Outcome {
     Reported,  ///< a failing status, or a message of warning or worse
     Raised,    ///< std::bad_alloc or std::system_error reached the caller
     Ended,     ///< the same on a thread of the library's: the process ended by it
+    Killed,    ///< by the kernel, for want of memory; who came after it worked with what was left
     Stated,    ///< what may not be, but is stated
     // What may not be.
     Violated,  ///< something that has to be so whatever fails was not
@@ -72,6 +73,8 @@ private:
 
     [[noreturn]] void RecordMain(const Scenario& scenario);
     [[noreturn]] void CaseMain(const Case& theCase);
+    /// In the folder of the process `former`, which was killed.
+    [[noreturn]] void SuccessorMain(const Scenario& scenario, int former);
     /// Waits for the child; false when it died or was hung.
     void Attend(int pid, const std::string& name);
 

@@ -17,9 +17,11 @@ namespace {
 
 sockaddr_un gPlace{};
 
-bool IsDaemonsPlace(const void* address) {
+/// An address that is not whole is none, as to the kernel.
+bool IsDaemonsPlace(const void* address, socklen_t size) {
     const auto* const place = static_cast<const sockaddr_un*>(address);
-    return gPlace.sun_family != 0 && place != nullptr && place->sun_family == AF_UNIX &&
+    return gPlace.sun_family != 0 && place != nullptr && size == sizeof *place &&
+           place->sun_family == AF_UNIX &&
            (strcmp(place->sun_path, "/dev/log") == 0 ||
             strcmp(place->sun_path, "/run/systemd/journal/socket") == 0);
 }
@@ -30,7 +32,7 @@ using Connect = int (*)(int, const sockaddr*, socklen_t);
 ssize_t RedirectedSendMessage(const char* name, int fd, const msghdr* message, int flags) {
     static const auto real = reinterpret_cast<SendMessage>(dlsym(RTLD_NEXT, name));
     msghdr redirected = *message;
-    if (IsDaemonsPlace(message->msg_name)) {
+    if (IsDaemonsPlace(message->msg_name, message->msg_namelen)) {
         redirected.msg_name = &gPlace;
         redirected.msg_namelen = sizeof gPlace;
     }
@@ -59,7 +61,7 @@ __attribute__((visibility("default"))) int StandInForConnect(int fd, const socka
                                                              socklen_t size) asm("connect");
 int StandInForConnect(int fd, const sockaddr* address, socklen_t size) {
     static const auto real = reinterpret_cast<Connect>(dlsym(RTLD_NEXT, "connect"));
-    if (IsDaemonsPlace(address)) {
+    if (IsDaemonsPlace(address, size)) {
         return real(fd, reinterpret_cast<const sockaddr*>(&gPlace), sizeof gPlace);
     }
     return real(fd, address, size);

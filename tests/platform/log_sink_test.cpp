@@ -29,6 +29,7 @@ using tern::test::PretendJournal;
 using tern::test::TerminalOf;
 using tern::test::WritesOf;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 
 TERN_INTERPOSE_TIME(ssize_t, sendmsg, __sendmsg64, (int fd, const msghdr* message, int flags),
@@ -49,6 +50,22 @@ void LogAtEveryLevel() {
     TERN_LOG_NOTICE(LOGGER, "notice");
     TERN_LOG_INFO(LOGGER, "info %d", 1);
     TERN_LOG_TRACE(LOGGER, "%s: debug", "LogAtEveryLevel");
+}
+
+/// Where the kernel would send the message: it reads as much of the name as its length tells.
+std::string AddressOf(const msghdr& message) {
+    EXPECT_EQ(message.msg_namelen, sizeof(sockaddr_un));
+    const auto* const address = static_cast<const sockaddr_un*>(message.msg_name);
+    EXPECT_EQ(address->sun_family, AF_UNIX);
+    return address->sun_path;
+}
+
+std::string TextOf(const msghdr& message) {
+    std::string text;
+    for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
+        text.append(static_cast<const char*>(message.msg_iov[i].iov_base), message.msg_iov[i].iov_len);
+    }
+    return text;
 }
 
 }  // namespace
@@ -113,12 +130,11 @@ TEST(LogSink, JournalGetsStructuredEntries) {
         PretendJournal();
         std::string entry;
         std::string address;
-        fault_sendmsg.Replace([&](int, const msghdr* message, int) {
-            address = static_cast<const sockaddr_un*>(message->msg_name)->sun_path;
-            for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
-                entry.append(static_cast<const char*>(message->msg_iov[i].iov_base),
-                             message->msg_iov[i].iov_len);
-            }
+        fault_sendmsg.Replace([&](int fd, const msghdr* message, int) {
+            address = AddressOf(*message);
+            // No program that another thread starts meanwhile gets the socket.
+            EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+            entry = TextOf(*message);
             return static_cast<ssize_t>(entry.size());
         });
         RootLogger::GetInstance().Print(TernLogLevel::Warning, "%s", "two\nlines");
@@ -149,6 +165,7 @@ TEST(LogSink, JournalGetsLargeEntriesAsASealedMemoryFile) {
                     }
                     int file = -1;
                     memcpy(&file, CMSG_DATA(CMSG_FIRSTHDR(message)), sizeof file);
+                    EXPECT_EQ(fcntl(file, F_GETFD), FD_CLOEXEC);
                     seals = fcntl(file, F_GET_SEALS);
                     content.resize(text.size() + 200);
                     content.resize(static_cast<std::size_t>(pread(file, content.data(), content.size(), 0)));
@@ -308,17 +325,45 @@ TEST(LogSink, SyslogGetsTheLineThatTheCLibraryWouldSend) {
                         return 0;
                     });
                     fault_sendmsg.Replace([&](int, const msghdr* message, int) {
-                        address = static_cast<const sockaddr_un*>(message->msg_name)->sun_path;
-                        for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
-                            line.append(static_cast<const char*>(message->msg_iov[i].iov_base),
-                                        message->msg_iov[i].iov_len);
-                        }
+                        address = AddressOf(*message);
+                        line = TextOf(*message);
                         return static_cast<ssize_t>(line.size());
                     });
                     RootLogger::GetInstance().Print(TernLogLevel::Notice, "%s\n<2>forged", "100% sure");
                     EXPECT_EQ(address, "/dev/log");
                     EXPECT_EQ(line, std::string("<13>Feb 29 00:30:00 ") + program_invocation_short_name +
                                         ": 100% sure\\n<2>forged");
+                }),
+                IsEmpty());
+}
+
+// Found by a fuzzer: the name is chosen by whoever starts the program.
+TEST(LogSink, ProgramsNameBeginsNoFieldAndNoLine) {
+    EXPECT_THAT(WritesOf([] {
+                    std::string name = "one\nMESSAGE=two\x1b[2J";
+                    program_invocation_short_name = name.data();
+                    PretendJournal();
+                    std::string entry;
+                    fault_sendmsg.Replace([&](int, const msghdr* message, int) {
+                        entry = TextOf(*message);
+                        return static_cast<ssize_t>(entry.size());
+                    });
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", "text");
+                    EXPECT_EQ(entry.substr(0, entry.find("\nTID=")),
+                              "PRIORITY=3\nSYSLOG_IDENTIFIER=one\\nMESSAGE=two\\x1B[2J");
+                }),
+                IsEmpty());
+    EXPECT_THAT(WritesOf([] {
+                    std::string name = "one\ntwo" + std::string(300, 'q');
+                    program_invocation_short_name = name.data();
+                    setenv("TERN_LOG_TARGET", "syslog", 1);
+                    std::string line;
+                    fault_sendmsg.Replace([&](int, const msghdr* message, int) {
+                        line = TextOf(*message);
+                        return static_cast<ssize_t>(line.size());
+                    });
+                    RootLogger::GetInstance().Print(TernLogLevel::Error, "%s", "text");
+                    EXPECT_THAT(line, EndsWith(" one\\ntwo" + std::string(192, 'q') + ": text"));
                 }),
                 IsEmpty());
 }

@@ -11,6 +11,7 @@ namespace {
 std::atomic<std::size_t> gAllocations{0};
 std::atomic<std::size_t> gReleases{0};
 std::atomic<bool> gShortage{false};
+std::atomic<std::size_t> gGranted{0};
 std::atomic<bool> gNothrowShortage{false};
 
 void CountOne(std::atomic<std::size_t>& counter) {
@@ -19,7 +20,14 @@ void CountOne(std::atomic<std::size_t>& counter) {
 
 void* Allocate(std::size_t size) {
     CountOne(gAllocations);
-    return gShortage ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (gShortage) {
+        const std::size_t granted = gGranted;
+        if (granted == 0) {
+            return nullptr;
+        }
+        gGranted = granted - 1;
+    }
+    return std::malloc(size == 0 ? 1 : size);
 }
 
 void Release(void* memory) {
@@ -39,7 +47,8 @@ std::size_t CountReleases() {
     return gReleases;
 }
 
-MemoryShortage::MemoryShortage() {
+MemoryShortage::MemoryShortage(std::size_t granted) {
+    gGranted = granted;
     gShortage = true;
 }
 

@@ -22,10 +22,11 @@ private:
     std::size_t mStart = CountAllocations();
 };
 
-/// While it lives, operator new finds no memory, the throwing one neither.
+/// While it lives, operator new finds no memory, the throwing one neither, from the call behind the first
+/// `granted` ones on.
 class MemoryShortage {
 public:
-    MemoryShortage();
+    explicit MemoryShortage(std::size_t granted = 0);
     ~MemoryShortage();
     MemoryShortage(const MemoryShortage&) = delete;
     MemoryShortage& operator=(const MemoryShortage&) = delete;

@@ -148,5 +148,27 @@ TEST_F(ThreadPoolTest, NoStopIsLost) {
     EXPECT_FALSE(mLog.Contains(Trace(LOGGER, "ThreadLoop: Timeout waiting for work")));
 }
 
+TEST(ThreadPool, StopLeavesNoWorkersBehind) {
+    constexpr int RESTARTS = 200;
+    const LogCapture log(2);
+    NiceMock<MockWatcher> watcher;
+    NiceMock<MockSignals> signals;
+    ThreadPool pool(1, watcher, signals);
+    const auto restart = [&] {
+        pool.Start();
+        pool.Stop(false);
+    };
+    const auto living = [] {
+        return static_cast<std::ptrdiff_t>(tern::test::CountAllocations() - tern::test::CountReleases());
+    };
+    restart();
+    const std::ptrdiff_t before = living();
+    for (int i = 0; i < RESTARTS; ++i) {
+        restart();
+    }
+    // Some counts may get lost; a worker is more than one each time.
+    EXPECT_LT(living() - before, RESTARTS / 2);
+}
+
 }  // namespace
 }  // namespace mwl::Threading::ThreadPool::Tests

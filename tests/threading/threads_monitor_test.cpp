@@ -151,11 +151,14 @@ TEST_F(ThreadsMonitorTest, WhoAsksWhileTheSignalIsSentLearnsTheVerdict) {
 TEST_F(ThreadsMonitorTest, OthersWaitWhileTheSignalIsSent) {
     std::optional<OtherThread> asker;
     std::optional<OtherThread> starter;
+    std::optional<OtherThread> setter;
     EXPECT_CALL(mSignals, SendSignal).WillOnce([&](unsigned long, int) {
         asker.emplace([&] { EXPECT_TRUE(mMonitor.HasFailure()); });
         starter.emplace([&] { mFirst.NotifyStarted(); });
+        setter.emplace([&] { mMonitor.SetDBusThreadId(DBUS_THREAD + 1); });
         EXPECT_TRUE(asker->IsHeldUp());
         EXPECT_TRUE(starter->IsHeldUp());
+        EXPECT_TRUE(setter->IsHeldUp());
         return 0;
     });
     mMonitor.NotifyDBusThreadToStopOnFailure();

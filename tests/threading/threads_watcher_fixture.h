@@ -19,6 +19,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -32,6 +33,7 @@
 #include "support/wait_until.h"
 #include "threading/moved_clock.h"
 #include "threading/supervision_doubles.h"
+#include "threading/thread_state.h"
 #include "threading/watching_doubles.h"
 
 TERN_INTERPOSE(int, pthread_kill, (pthread_t thread, int number), (thread, number))
@@ -51,6 +53,7 @@ using tern::test::LogCapture;
 using tern::test::LogEntry;
 using tern::test::MovedClock;
 using tern::test::Notice;
+using tern::test::OtherThread;
 using tern::test::RunInChild;
 using tern::test::WaitUntil;
 using ::testing::AnyOf;

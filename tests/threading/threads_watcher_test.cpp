@@ -204,6 +204,28 @@ TEST_F(ThreadsWatcherTest, RefusedStartLeavesTheRunningWatchAlone) {
     mPump.StopWatch();
 }
 
+// Of two that come at the same time one starts the watch, and the other one's period counts.
+TEST_F(ThreadsWatcherTest, OthersWaitWhileTheFirstRegistrationStartsTheWatch) {
+    std::optional<OtherThread> other;
+    FaultScope scope(fault_pthread_create);
+    // The second thread is made without the lock of the watch's own state.
+    fault_pthread_create.Replace(
+        [&](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+            other.emplace([&] { mFan.StartWatch(milliseconds(1)); });
+            EXPECT_TRUE(other->IsHeldUp());
+            return fault_pthread_create.Real(thread, attributes, body, argument);
+        },
+        1, 1);
+    mPump.StartWatch(hours(1));
+    other.reset();
+    MovedClock::ForgetWaits();
+    EXPECT_TRUE(HasWaited(2));
+    EXPECT_EQ(mLog.Count(STARTED), 1U);
+    mFan.StopWatch();
+    mPump.StopWatch();
+    EXPECT_TRUE(mLog.WaitFor(STOPPED));
+}
+
 // The former entry was never taken out, so that the monitor had one more to stop with every restart.
 TEST_F(ThreadsWatcherTest, RestartsDoNotGrowTheMonitorsList) {
     /// Counts how often it is told to stop.

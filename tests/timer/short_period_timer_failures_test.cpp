@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <optional>
 #include <system_error>
 
 #include "short_period_timer_parts.h"
@@ -18,6 +19,7 @@
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
+#include "threading/thread_state.h"
 
 TERN_INTERPOSE(int, timer_create, (clockid_t clock, sigevent* notification, timer_t* id),
                (clock, notification, id))
@@ -231,6 +233,23 @@ TEST(ShortPeriodTimer, RefusedDeletionKeepsTheTimer) {
     EXPECT_EQ(other.Start(), StatusCode::Ok) << "the kept timer was aimed at the thread that is gone";
     EXPECT_TRUE(WaitUntil([&] { return calls > 1; }));
     EXPECT_EQ(other.Stop(), StatusCode::Ok);
+}
+
+TEST(ShortPeriodTimer, OthersWaitWhileTheTimerIsDeleted) {
+    const LogCapture log;
+    FaultScope scope(fault_timer_delete);
+    ShortPeriodTimer timer(1000, true, [] {});
+    EXPECT_EQ(timer.Start(), StatusCode::Ok);
+    {
+        std::optional<OtherThread> other;
+        fault_timer_delete.Replace([&](timer_t id) {
+            other.emplace([&] { EXPECT_EQ(timer.Stop(), StatusCode::Failure); });
+            EXPECT_TRUE(other->IsHeldUp());
+            return fault_timer_delete.Real(id);
+        });
+        EXPECT_EQ(timer.Stop(), StatusCode::Ok);
+    }
+    EXPECT_EQ(log.Entries().back(), NOT_INITIALIZED);
 }
 
 }  // namespace

@@ -14,16 +14,19 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <vector>
 
+#include "threading/thread_state.h"
 #include "timer/timer_fixture.h"
 
 namespace {
 
 using namespace tern::test::timers;
+using tern::test::OtherThread;
 
 // Children first: the system's helper thread for expiries stays once it was needed, and the guard's.
 
@@ -40,6 +43,27 @@ TEST_F(FakeTimersInAChild, RefusedGuardFailsTheCreation) {
     });
     EXPECT_EQ(child.exitCode, 0) << child.error;
     EXPECT_THAT(child.log, ElementsAre(Error(LOGGER, "Create: Failed to create a timer: 11")));
+}
+
+// Two that are made at the same time have two numbers, and one guard.
+TEST_F(FakeTimersInAChild, OthersWaitWhileATimerIsEntered) {
+    const ChildResult child = RunInChild([] {
+        Timer first(10, true, nullptr);
+        Timer second(10, true, nullptr);
+        std::optional<OtherThread> other;
+        bool isHeldUp = false;
+        FaultScope scope(fault_pthread_create);
+        fault_pthread_create.Replace(
+            [&](pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+                other.emplace([&] { second.Start(); });
+                isHeldUp = other->IsHeldUp();
+                return fault_pthread_create.Real(thread, attributes, body, argument);
+            });
+        const bool isStarted = first.Start() == StatusCode::Ok;
+        other.reset();
+        return isStarted && isHeldUp && fault_pthread_create.Calls() == 2 ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
 }
 
 /// In a child: from now on no thread can be made, or again any number. Not for root, who has no limit.

@@ -7,15 +7,18 @@
 #include <cerrno>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
+#include "threading/thread_state.h"
 #include "timer/timer_fixture.h"
 
 namespace {
 
 using namespace tern::test::timers;
+using tern::test::OtherThread;
 
 static_assert(std::is_base_of_v<TimerInterface, Timer>);
 static_assert(std::has_virtual_destructor_v<TimerInterface>);
@@ -170,6 +173,19 @@ TEST_F(FakeTimers, UnreadableTimeIsInactive) {
     EXPECT_FALSE(timer.GetTimerActiveStatus());
     EXPECT_THAT(mLog.Entries(),
                 ElementsAre(Error(LOGGER, "GetTimerActiveStatus: Failed to get the timer: 22")));
+}
+
+TEST_F(FakeTimers, OthersWaitWhileTheTimeIsRead) {
+    Timer timer(10, true, nullptr);
+    timer.Start();
+    std::optional<OtherThread> other;
+    fault_timer_gettime.Replace([&](timer_t, itimerspec* time) {
+        other.emplace([&] { EXPECT_EQ(timer.Stop(), StatusCode::Ok); });
+        EXPECT_TRUE(other->IsHeldUp());
+        *time = mTime;
+        return 0;
+    });
+    EXPECT_TRUE(timer.GetTimerActiveStatus());
 }
 
 TEST_F(FakeTimers, RefusedDeletionKeepsTheTimer) {

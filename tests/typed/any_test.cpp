@@ -1,9 +1,12 @@
 #include <tern/typed/any.h>
 #include <tern/typed/codec.h>
 
+#include <array>
 #include <limits>
+#include <new>
 
 #include "round_trip.h"
+#include "support/allocations.h"
 #include "support/process_resources.h"
 #include "tests/dbus_message/raw_messages.h"
 
@@ -422,6 +425,64 @@ TEST_F(AnyValues, AreCopiedAndMoved) {
     EXPECT_EQ(first.ToText(), "");
     EXPECT_EQ(first.Size(), 0U);
     EXPECT_EQ(WriteResult(first), -EINVAL);
+}
+
+/// Fills the place of what comes next on the stack with what is no value.
+[[gnu::noinline]] void LitterStack() {
+    std::array<char, 4096> litter;
+    litter.fill('A');
+    asm volatile("" : : "r"(litter.data()) : "memory");
+}
+
+TEST_F(AnyValues, AreNotCopiedWithoutMemory) {
+    const std::string text(100, 'x');
+    const std::vector<std::pair<const char*, Any>> values{
+        {"text", Any::From(text)},
+        {"texts", Any::From(std::vector<std::string>{text, text})},
+        {"dictionary", Any::From(std::map<std::string, std::string>{{"key", text}})},
+        {"long signature", Any::From(std::tuple<int, int, int, int, int, int, int, int, int, int, int, int,
+                                                int, int, int, int, std::string>{})}};
+    for (const auto& [name, value] : values) {
+        SCOPED_TRACE(name);
+        std::size_t needed = 0;
+        {
+            const tern::test::AllocationCount count;
+            const Any copy = value;
+            needed = count.Get();
+        }
+        ASSERT_GT(needed, 0U);
+        for (std::size_t granted = 0; granted < needed; ++granted) {
+            bool isCopied = true;
+            LitterStack();
+            try {
+                const tern::test::MemoryShortage shortage(granted);
+                const Any copy = value;
+            } catch (const std::bad_alloc&) {
+                isCopied = false;
+            }
+            EXPECT_FALSE(isCopied) << granted;
+        }
+    }
+}
+
+TEST_F(AnyValues, KeepTheirValueWhenThereIsNoMemoryForAnotherOne) {
+    const std::string text(100, 'x');
+    const Any texts = Any::From(std::map<std::string, std::string>{{"key", text}, {"other", text}});
+    for (const Any& former : {Any(), Any::From(5), Any::From(std::vector<std::string>{text, "b", "c"})}) {
+        SCOPED_TRACE(former.ToText());
+        Any value = former;
+        for (std::size_t granted = 0;; ++granted) {
+            try {
+                const tern::test::MemoryShortage shortage(granted);
+                value = texts;
+                break;
+            } catch (const std::bad_alloc&) {
+            }
+            ASSERT_EQ(value, former) << granted;
+            ASSERT_EQ(value.ToText(), former.ToText());
+        }
+        EXPECT_EQ(value, texts);
+    }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <functional>
 #include <latch>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -19,8 +20,10 @@
 #include "support/log_capture.h"
 #include "support/process_resources.h"
 #include "support/wait_until.h"
+#include "threading/thread_state.h"
 
 TERN_INTERPOSE(int, eventfd, (unsigned int count, int flags), (count, flags))
+TERN_INTERPOSE(int, eventfd_read, (int fd, eventfd_t* count), (fd, count))
 TERN_INTERPOSE(int, sd_event_add_io,
                (sd_event * event, sd_event_source** source, int fd, uint32_t events,
                 sd_event_io_handler_t handler, void* userdata),
@@ -33,6 +36,7 @@ using std::chrono::microseconds;
 using std::chrono::steady_clock;
 using tern::test::Critical;
 using tern::test::FaultScope;
+using tern::test::OtherThread;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -335,6 +339,23 @@ TEST_F(DispatcherTest, ManyThreadsLoseNothing) {
     }
     EXPECT_EQ(ran, posted);
     EXPECT_EQ(posted + static_cast<int>(mDispatcher.GetRefused()), THREADS * JOBS);
+}
+
+// The wake-up is taken back and the job taken out in one step, or the next job is not woken for.
+TEST_F(DispatcherTest, OthersWaitWhileTheLastJobIsTakenOut) {
+    std::optional<OtherThread> other;
+    bool ran = false;
+    FaultScope scope(fault_eventfd_read);
+    fault_eventfd_read.Replace([&](int fd, eventfd_t* count) {
+        other.emplace([&] { EXPECT_TRUE(mDispatcher.Post([&] { ran = true; })); });
+        EXPECT_TRUE(other->IsHeldUp());
+        return fault_eventfd_read.Real(fd, count);
+    });
+    EXPECT_TRUE(mDispatcher.Post([] {}));
+    mLoop.Turn();
+    other.reset();
+    mLoop.Turn();
+    EXPECT_TRUE(ran);
 }
 
 TEST_F(DispatcherTest, OpensOnceAndAnewWhenClosed) {

@@ -46,7 +46,7 @@ public:
         }
     }
     void PutIntoPlace() {
-        // The rights that a file has that is made in the ordinary way.
+        // The rights of a file that is created in the ordinary way.
         const mode_t mask = umask(0);
         umask(mask);
         if (fchmod(mFd.Get(), 0666 & ~mask) != 0 || fsync(mFd.Get()) != 0 ||

@@ -16,7 +16,7 @@ constexpr double WIDTH = 800;
 constexpr double LEFT = 90;
 constexpr double RIGHT = WIDTH - 20;
 constexpr double PANEL = 150;
-// Told apart by those who see fewer colours too, and all dark enough for white paper.
+// People who see fewer colours can distinguish these too, and all are dark enough for white paper.
 constexpr std::array COLOURS{"#0072b2", "#e08214", "#009e73", "#b5548c", "#5c5c5c"};
 constexpr std::array DASHES{"", "7 3", "2 3", "9 3 2 3", "4 2"};
 constexpr const char* STYLE =

@@ -55,7 +55,7 @@ public:
             PrintLine(MakeJson());
         }
         if (failure) {
-            // What has been seen by then is drawn all the same.
+            // Figures that have been seen by then are drawn all the same.
             throw *failure;
         }
         return ExitStatus::Done;

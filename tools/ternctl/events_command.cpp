@@ -33,8 +33,8 @@ bool ComesFromLooking(const RecordedEvent& event) {
     return event.name == std::string(Diagnostics::Diagnostics1::NAME) + ".GetEvents";
 }
 
-/// What is there behind `after`, up to `last`, in at most so many answers: `take(events, lost)` gets it in
-/// pieces. Returns what to go on with.
+/// The events after `after`, up to `last`, in at most so many answers: `take(events, lost)` gets them in
+/// pieces. Returns the number to go on with.
 template <class Take>
 std::uint64_t ReadAll(const Service& service, std::uint64_t after, std::uint64_t last, int answers,
                       Take take) {
@@ -97,7 +97,7 @@ public:
         mService.emplace(mSession, mOptions.arguments[0]);
         mAfter = FindBeginOfLast(mService->TakeSnapshot().recorder.events,
                                  mOptions.last.value_or(LAST_WHEN_FOLLOWING));
-        // What was overwritten before the first look is none that this one has missed.
+        // Events that were overwritten before the first look do not count as missed.
         bool isFirst = true;
         do {
             try {
@@ -145,7 +145,7 @@ private:
         Print(text);
     }
 
-    /// A service may go and come back, or not answer for a while; each state is told once.
+    /// A service may go and come back, or not answer for a while; each state is reported once.
     void Bear(const Failure& failure) {
         const Cause cause = failure.GetCause();
         const bool hasLeft =

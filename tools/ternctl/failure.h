@@ -10,7 +10,7 @@ namespace ternctl {
 
 namespace Typed = mwl::Typed;
 
-/// What the program ends with.
+/// The exit status of the program.
 enum class ExitStatus {
     Done = 0,
     Failed = 1,
@@ -18,7 +18,7 @@ enum class ExitStatus {
     NobodyThere = 3  ///< the name is not on the bus, or there are no diagnostics at it
 };
 
-/// What a failure comes from, for those who bear some.
+/// The cause of a failure, for callers that tolerate some.
 enum class Cause {
     Other,
     WrongUse,

@@ -42,7 +42,7 @@ private:
                     "thread " + thread.name + " is " + Duration(thread.marginUs) + " before its kill");
             }
         }
-        // At best a quarter is left, as the loop reports at three quarters of the period.
+        // At best a quarter is left, because the loop reports at three quarters of the period.
         if (IsShort(mNow.busThread.watchdogMarginUs, mNow.busThread.watchdogUs / 2)) {
             Add(Part::Watchdog, 0,
                 "the watchdog was " + Duration(mNow.busThread.watchdogMarginUs) + " from its end");

@@ -9,7 +9,7 @@
 
 namespace ternctl {
 
-/// What of a service a finding is about.
+/// The subject of a finding.
 enum class Part {
     Process,
     Handler,
@@ -34,8 +34,8 @@ struct Finding {
 /// Longest time that a handler, job or run may take without being found.
 inline constexpr std::uint64_t LONG_RUN_US = 1'000'000;
 
-/// What deserves attention in `now`: a margin below a quarter (watchdog, watched threads, descriptors), what
-/// runs for over a second, threads that have gone; and, where `before` is an earlier look at the same
+/// The findings in `now`: a margin below a quarter (watchdog, watched threads, descriptors), a handler or job
+/// that runs for over a second, threads that have gone; and, where `before` is an earlier look at the same
 /// process, queues that grow. The most urgent first.
 std::vector<Finding> FindTrouble(const mwl::Diagnostics::Figures& now,
                                  const mwl::Diagnostics::Figures* before);

@@ -14,7 +14,7 @@ public:
     static constexpr std::size_t BUCKETS = mwl::Diagnostics::LATENCY_BUCKETS;
 
     Latency() : mCounts(BUCKETS) {}
-    /// What a service sent: of any length.
+    /// As a service sent it: of any length.
     explicit Latency(const std::vector<std::uint32_t>& counts);
 
     /// Adds what came between two looks; the counters go round.
@@ -25,7 +25,7 @@ public:
     double GetPercentile(double part) const;
     /// A column for each bucket, the more the higher.
     std::string Draw(bool isUtf8) const;
-    /// What stands above it: where 1 us, 1 ms and 1 s begin.
+    /// The line above it: where 1 us, 1 ms and 1 s begin.
     static const char* GetScale() { return " |1us      |1ms      |1s"; }
 
 private:

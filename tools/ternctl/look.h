@@ -6,15 +6,15 @@
 
 namespace ternctl {
 
-/// What standard output can show.
+/// The abilities of standard output.
 struct Look {
-    bool isTerminal = false;  ///< a person sees it at once, and lines can be rewritten
+    bool isTerminal = false;  ///< a person sees it immediately, and lines can be rewritten
     bool isColoured = false;  ///< a terminal, and the person has not set NO_COLOR
     bool isUtf8 = false;      ///< by the locale
     std::size_t columns = 80;
     std::size_t rows = 40;
 
-    /// What stands for something that is cut.
+    /// The sign in place of a text that is cut.
     std::string_view GetMore() const { return isUtf8 ? "\u2026" : "..."; }
     /// See Printable.
     std::string Show(std::string_view text) const;

@@ -9,7 +9,7 @@
 
 namespace ternctl {
 
-/// What is asked of the message bus itself.
+/// Questions to the message bus itself.
 struct MessageBus {
     static constexpr const char* NAME = "org.freedesktop.DBus";
     static constexpr const char* PATH = "/org/freedesktop/DBus";

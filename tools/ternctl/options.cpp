@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// What getopt_long(3) returns for those without a letter.
+/// Returned by getopt_long(3) for options without a letter.
 enum Code : int { JSON = 256, USER, SYSTEM, ADDRESS, TIMEOUT, VERSION, PERIOD, COUNT, FULL, NAMES, PID };
 
 constexpr std::array LONG_OPTIONS{

@@ -10,7 +10,7 @@
 
 namespace ternctl {
 
-/// What the command line says.
+/// The content of the command line.
 struct Options {
     std::string command{};
     std::vector<std::string> arguments{};  ///< of the command, as many as it takes

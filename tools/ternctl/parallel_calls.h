@@ -27,7 +27,7 @@ public:
     /// Each call is waited for at most for `limit`. REQUIRES: `bus` is connected.
     ParallelCalls(std::shared_ptr<mwl::Typed::BlockingBus> bus, std::chrono::milliseconds limit);
 
-    /// Is made by Run. The arguments are strings.
+    /// Is sent by Run. The arguments are strings.
     void Add(std::string destination, std::string path, std::string interface, std::string member,
              std::vector<std::string> arguments, Handler handler);
     /// Makes the calls, those that handlers add included, and returns when all have been answered, or when

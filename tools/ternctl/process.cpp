@@ -31,9 +31,9 @@ using mwl::Diagnostics::RingReader;
 namespace {
 
 constexpr std::uint64_t NS_PER_US = 1000;
-/// What /proc says of a descriptor of such a memory.
+/// The text of /proc for a descriptor of such a memory.
 constexpr std::string_view LINK = "/memfd:tern-flight (deleted)";
-/// Whoever has more of them wants to keep us busy.
+/// A process that has more of them wants to keep us busy.
 constexpr std::size_t MOST_MEMORIES = 16;
 
 std::string Named(std::uint32_t pid) {
@@ -58,8 +58,8 @@ bool IsRecorders(const UniqueFd& descriptors, const char* name) {
     return length > 0 && std::string_view(target.data(), static_cast<std::size_t>(length)) == LINK;
 }
 
-/// For reading. The descriptor may be another one by now: nothing but a file is opened, as a device may do
-/// anything then. None when it cannot be opened.
+/// For reading. The descriptor may be another one by now: nothing but a file is opened, because a device may
+/// do anything then. None when it cannot be opened.
 UniqueFd OpenFile(const UniqueFd& descriptors, const char* name, struct stat& status) {
     const UniqueFd found(openat(descriptors.Get(), name, O_PATH | O_CLOEXEC));
     if (!found || fstat(found.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {

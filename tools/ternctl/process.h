@@ -27,7 +27,7 @@ public:
     /// Whether it has not ended.
     bool IsRunning() const;
     /// Its flight recorder's memory, found among its descriptors. NoDiagnostics when it has none, NotThere
-    /// when it has ended. What the process has there is validated and never trusted.
+    /// when it has ended. The content of that memory is validated and never trusted.
     Recorder OpenRecorder() const;
 
 private:
@@ -40,7 +40,7 @@ private:
 /// The flight in that memory as it is now. Throws Failure.
 mwl::Diagnostics::Flight ReadFlight(const mwl::UniqueFd& memory, std::uint32_t pid);
 
-/// What a flight holds as the bus would show it.
+/// The content of a flight, as the bus would show it.
 std::vector<mwl::Diagnostics::RecordedEvent> ToEvents(const mwl::Diagnostics::Flight& flight);
 std::vector<mwl::Diagnostics::LoggedMessage> ToMessages(const mwl::Diagnostics::Flight& flight);
 

@@ -43,7 +43,7 @@ std::string Describe(const FlightDoing& doing, const Look& look) {
            Duration(ElapsedUs(doing.sinceNs));
 }
 
-/// What the threads are in now, a line for each that is in something; innermost first.
+/// The present work of the threads, a line for each thread that is in something; innermost first.
 std::string DescribeThreads(const Flight& flight, const Look& look) {
     std::string text;
     for (const FlightThread& thread : flight.threads) {
@@ -131,7 +131,7 @@ ExitStatus PrintOnce(const Options& options, const Flight& flight) {
     return ExitStatus::Done;
 }
 
-/// What has come since `after`. Returns what to go on with.
+/// The events since `after`. Returns the number to go on with.
 std::uint64_t PrintNew(const Options& options, const Flight& flight, std::uint64_t after, const Look& look) {
     const std::vector<RecordedEvent> all = ToEvents(flight);
     const std::span<const RecordedEvent> events = Behind(all, after);

@@ -11,7 +11,7 @@
 
 namespace ternctl {
 
-/// What a chart has of one moment.
+/// A chart's figures of one moment.
 struct Sample {
     double seconds = 0;           ///< since the first look
     std::uint64_t takenAtUs = 0;  ///< of day, by the service's clock

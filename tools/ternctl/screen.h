@@ -8,7 +8,8 @@
 
 namespace ternctl {
 
-/// The whole terminal, as long as it exists: pages replace each other, and keys come at once and unseen.
+/// The whole terminal, as long as it exists: pages replace each other, and keys arrive immediately and
+/// unseen.
 /// REQUIRES: standard input and output are a terminal.
 class Screen {
 public:

@@ -13,7 +13,7 @@ namespace ternctl {
 
 namespace Diagnostics = mwl::Diagnostics;
 
-/// What everybody may read of a service.
+/// The figures of a service that everybody may read.
 struct Facts {
     std::string version{};
     std::string ended{};  ///< kind of the former life's end
@@ -24,7 +24,7 @@ struct Facts {
 /// Of a reply to GetAll; nothing where it is not of an object with diagnostics.
 std::optional<Facts> ReadFacts(const std::map<std::string, Typed::Any>& properties);
 
-/// A service with diagnostics, by the connection that has its name when this is made: its next life is
+/// A service with diagnostics, by the connection that has its name when this is created: its next life is
 /// another one. Nothing here starts a service. Every operation throws Failure.
 class Service {
 public:

@@ -71,7 +71,7 @@ private:
                            [&](const Finding& one) { return one.part == part && one.index == index; });
     }
     std::string Show(const std::string& text) const { return mLook.Show(text); }
-    /// The end is what tells members apart.
+    /// Members are distinguished by their ends.
     std::string ShowEnd(const std::string& text, std::size_t taken) const {
         const std::size_t room = mLook.columns > taken + 2 ? mLook.columns - taken - 2 : 0;
         return FitEnd(Show(text), std::max<std::size_t>(room, 8), mLook.GetMore());

@@ -11,7 +11,7 @@
 
 namespace ternctl {
 
-/// What a page shows.
+/// The content of a page.
 struct Status {
     std::string name;
     Facts facts;

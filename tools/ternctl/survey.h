@@ -15,11 +15,11 @@ namespace ternctl {
 struct Found {
     std::string name{};
     std::string owner{};    ///< its connection
-    std::uint32_t pid = 0;  ///< 0: the bus does not tell
+    std::uint32_t pid = 0;  ///< 0: the bus does not report it
     Facts facts{};
 };
 
-/// Who is on the bus.
+/// The services on the bus.
 struct Survey {
     std::vector<Found> services{};          ///< with diagnostics, by name
     std::vector<std::string> unanswered{};  ///< names that did not answer in time: nobody knows

@@ -27,7 +27,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// Services come and go: they are looked for anew after this time, or when one has gone.
+/// Services come and go: they are looked for again after this time, or when one has gone.
 constexpr auto SURVEY_PERIOD = 5s;
 
 /// Columns of what is no screen: nothing is cut.
@@ -80,7 +80,7 @@ public:
             if (mOptions.count && pages >= *mOptions.count) {
                 break;
             }
-            // Not at once either where somebody has kept us: rates need some time between two looks.
+            // Not immediately either where we were held up: rates need some time between two looks.
             const Clock::time_point next =
                 std::max(begin + mOptions.period, Clock::now() + mOptions.period / 2);
             if (Rest(interrupt, next, screen.has_value())) {

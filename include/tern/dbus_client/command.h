@@ -21,12 +21,12 @@ namespace mw::tern::DBusCommand {
 /// Execute blocks until the answer comes, at most:
 /// - for sd-bus's time-out: 25 s, or what the environment variable SYSTEMD_BUS_TIMEOUT says, or on a supplied
 ///   bus sd_bus_set_method_call_timeout(3);
-/// - for the first call of a connection longer. A bus that accepts the connection and does not answer costs
-///   90 s, which nothing changes. The greeting of the bus may take the time-out once more.
+/// - longer for the first call of a connection. A bus that accepts the connection and does not answer costs
+///   90 s, a limit that nothing changes. The greeting of the bus may take the time-out once more.
 ///
 /// On a thread whose default event loop feeds a watchdog (a service's D-Bus thread under WatchdogSec=),
 /// Execute lets sd-bus wait for an answer no longer than a quarter of the watchdog's period, whatever
-/// time-out is set. The status is Timeout then, and the process is not killed for a peer that does not
+/// time-out is set. The status is then Timeout, and the process is not killed because of a peer that does not
 /// answer. The limit is for each sd-bus call that CallMethod makes; several in one callback add up. Other
 /// threads, and calls that give sd_bus_call(3) a time-out of their own, are not limited.
 ///
@@ -40,13 +40,14 @@ public:
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 
-    /// The bus for the calls to come; null, as at first, has each Execute open a private connection to the
-    /// system bus and close it again. The bus is borrowed: it is never closed or released here, outlives the
-    /// Execute, and is used on the calling thread, which must be its own.
+    /// The bus for the calls to come. With null, the initial value, each Execute opens a private connection
+    /// to the system bus and closes it again. The bus is borrowed: it is never closed or released here,
+    /// outlives the Execute, and is used on the calling thread, which must be its own.
     void SetBus(sd_bus* bus) { mBus = bus; }
 
-    /// Ok when CallMethod returned 0 or more. Otherwise the status of its result, or of the result of
-    /// sd_bus_open_system(3), when CallMethod is not called; either is logged. May be repeated.
+    /// Ok when CallMethod returned 0 or more. Otherwise the status of its result, logged. When
+    /// sd_bus_open_system(3) fails, CallMethod is not called, and the status is that of this failure, logged.
+    /// May be repeated.
     StatusCode Execute() override;
 
 private:

@@ -16,9 +16,9 @@ namespace mw::tern {
 /// One thread only, from construction to destruction: the connection is the calling thread's default one
 /// (sd_bus_default_system(3)), shared with whatever else uses it on that thread. Failures are logged with the
 /// logger name "Service". Calls to the bus block, at most for sd-bus's time-out (25 s, or what the
-/// environment variable SYSTEMD_BUS_TIMEOUT says); the first one on a new connection also while that is being
-/// made: 90 s, which nothing changes, for a bus that lets connect but does not answer, and the time-out once
-/// more for its greeting. `Connect` itself does not wait.
+/// environment variable SYSTEMD_BUS_TIMEOUT says); the first one on a new connection also while the
+/// connection is being opened: 90 s, a limit that nothing changes, for a bus that accepts the connection but
+/// does not answer, and the time-out once more for its greeting. `Connect` itself does not wait.
 ///
 /// On a thread whose default event loop feeds a watchdog (a service's D-Bus thread under WatchdogSec=) an
 /// operation waits no longer than a quarter of the watchdog's period for its answers, whatever time-out is
@@ -40,15 +40,15 @@ public:
     StatusCode Connect();
 
     /// Inserts into `names` the names on the bus, those that a call would start included, that begin with
-    /// `filter`; the empty filter takes all. What was in the set stays. Ok, or the status of sd-bus's error,
-    /// logged, with `names` left alone (sd_bus_list_names(3)). REQUIRES: Connect succeeded; InvalidArgument
-    /// otherwise.
+    /// `filter`; the empty filter takes all. Earlier content of the set stays. Ok, or the status of sd-bus's
+    /// error, logged, with `names` left alone (sd_bus_list_names(3)). REQUIRES: Connect succeeded;
+    /// InvalidArgument otherwise.
     StatusCode LookupServices(std::string filter, std::set<std::string>& names);
 
     /// Reads the string property "RequestSocketAddress" of a service: of the interface named like the
-    /// service, at the object path made of that name ("com.example.Foo" has it at "/com/example/Foo"). Ok:
+    /// service, at the object path built from that name ("com.example.Foo" has it at "/com/example/Foo"). Ok:
     /// `address` is replaced. Otherwise the status of sd-bus's error, logged, and `address` left alone:
-    /// InvalidArgument when the name makes no object path or the property is no string, Failure when there is
+    /// InvalidArgument when the name gives no object path or the property is no string, Failure when there is
     /// no such service or object. REQUIRES: Connect succeeded; InvalidArgument otherwise.
     StatusCode GetRequestSocketAddress(const std::string& service, std::string& address);
 

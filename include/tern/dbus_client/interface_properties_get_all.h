@@ -22,7 +22,7 @@ namespace mw::tern::DBusCommand {
 /// Thread-safety, time limit and messages: as Command.
 class TERN_API InterfacePropertiesGetAll : public Command {
 public:
-    /// `destination` is the service's name on the bus. Both are copied and looked at when the call is made.
+    /// `destination` is the service's name on the bus. Both are copied, and checked when the call is created.
     InterfacePropertiesGetAll(const std::string& destination, const std::string& objectPath);
     ~InterfacePropertiesGetAll() override;
 

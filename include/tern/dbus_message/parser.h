@@ -9,8 +9,8 @@ struct sd_bus_message;
 
 namespace mw::tern::DBusMessage {
 
-/// Reads a sealed sd-bus message and flattens what it finds into a ValuesList; base of the signature parsers,
-/// which read a whole body at once and are what most code wants.
+/// Reads a sealed sd-bus message and flattens its values into a ValuesList; base of the signature parsers,
+/// which read a whole body in one call and suit most code.
 ///
 /// Every value's key is the names on the way to it, each behind KEY_SEPARATOR: an entry "Volume" of a
 /// top-level a{sv} is stored as "_Volume", an entry "Port" of a dictionary in the entry "Network" as
@@ -27,20 +27,20 @@ namespace mw::tern::DBusMessage {
 /// dictionary entry or an array of those), with malformed content -EBADMSG, with more than 128 containers
 /// inside each other -EBADMSG. At the end of an array 0, and nothing is stored or logged. At the end of the
 /// body, of a structure or of a variant -ENXIO; there ReadVariant alone returns 0 and logs nothing. Failures
-/// are logged with the logger name "Parser", but for those of entering an array "as" or an entry "{sv}". What
-/// was stored before a failure stays. std::logic_error for a null name, before anything is read;
+/// are logged with the logger name "Parser", except for those of entering an array "as" or an entry "{sv}".
+/// Values that were stored before a failure stay. std::logic_error for a null name, before anything is read;
 /// std::bad_alloc when memory is short.
 ///
 /// Limits of one call, what it reads inside other containers included, far above honest use:
-/// - What it stores, keys and values as they are allocated, totals at most 64 MiB: beyond, -ENOBUFS and an
-///   error message. A list that many calls fill grows with each of them.
+/// - The keys and values that it stores, as they are allocated, total at most 64 MiB; beyond, it returns
+///   -ENOBUFS and logs an error. A list that many calls fill grows with each of them.
 /// - It writes at most 512 lines or about 64 KiB of log, the last 128 lines and 16 KiB of which are kept for
 ///   errors. Further lines are counted, and summed up in one line when the call ends.
-/// - A text from the message is logged up to 1024 bytes, then cut, with "..." in place of the rest. What is
-///   stored is never cut.
+/// - A text from the message is logged up to 1024 bytes, then cut, with "..." in place of the rest. A stored
+///   text is never cut.
 class TERN_API Parser {
 public:
-    /// What stands before each name in a key: "_".
+    /// The text before each name in a key: "_".
     static const std::string KEY_SEPARATOR;
 
     /// Without a message; see SetMessage.
@@ -51,10 +51,10 @@ public:
     Parser(const Parser&) = delete;
     Parser& operator=(const Parser&) = delete;
 
-    /// Reads another message, or the first one. What was read before stays in the list.
+    /// Reads another message, or the first one. Values that were read before stay in the list.
     void SetMessage(sd_bus_message* message);
 
-    /// What has been read so far; the parser keeps it.
+    /// The values read so far; the parser owns them.
     const ValuesList& GetValuesList() const;
     /// As above, to be changed.
     ValuesList& GetValuesList();

@@ -28,7 +28,7 @@ enum ValueType : std::uint32_t {
 ///
 ///     if (value.GetType() == VALUE_TYPE_INT32) { use(static_cast<const ValueInt32&>(value).value); }
 ///
-/// One thread at a time. Owned by whoever made it, in a ValuesList by the list.
+/// One thread at a time. Owned by whoever created it, in a ValuesList by the list.
 class TERN_API Value {
 public:
     virtual ~Value();

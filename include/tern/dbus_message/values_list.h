@@ -11,9 +11,9 @@
 
 namespace mw::tern::DBusMessage {
 
-/// What was read from a D-Bus message: a flat list of typed values by key, ordered by the keys' bytes.
+/// The content read from a D-Bus message: a flat list of typed values by key, ordered by the keys' bytes.
 ///
-/// A parser fills it (its keys are made by Parser::CreatePrefix), the application reads it:
+/// A parser fills it (its keys are built by Parser::CreatePrefix), the application reads it:
 ///
 ///     int volume = 0;
 ///     if (parser.GetValuesList().GetInt32("_Volume", volume) == StatusCode::Ok) { ... }

@@ -5,7 +5,7 @@
 
 namespace mw::tern::DBusMessage {
 
-/// Reads a body "v" that holds an a{sv}: the entry Key is stored as __Key, with two separators, as the
+/// Reads a body "v" that holds an a{sv}: the entry Key is stored as __Key, with two separators, because the
 /// variant itself counts as a step without a name. A variant that holds a basic type is stored as "_".
 ///
 /// Threads, ownership and outcomes are those of Parser.

@@ -22,7 +22,7 @@ class TERN_API CompositeRuntime : public ComponentRuntimeInterface {
 public:
     /// The members in this order. A null one is left out, with an error line, and has no number.
     CompositeRuntime(std::initializer_list<ComponentRuntimeInterface*> members);
-    /// Stops, then destroys; a failing member ends the one pass and the other is made all the same.
+    /// Stops, then destroys; a failing member ends the one pass, and the other pass runs all the same.
     ~CompositeRuntime() override;
     CompositeRuntime(const CompositeRuntime&) = delete;
     CompositeRuntime& operator=(const CompositeRuntime&) = delete;
@@ -34,8 +34,8 @@ public:
     /// Destroys the initialised members, last first. The first failure ends the pass and its status is
     /// returned without a message; the member stays counted, and another call tries it again.
     StatusCode Destroy() override;
-    /// As Initialize, for starting. Whether the members were initialised is not looked at: that is the
-    /// caller's order to keep.
+    /// As Initialize, for starting. It does not check whether the members were initialised: the caller keeps
+    /// this order.
     StatusCode Start() override;
     /// As Destroy, for stopping.
     StatusCode Stop() override;

@@ -25,11 +25,11 @@ enum class LifecycleStep : int { Configure = 1, Initialize, Start, Stop };
 /// | Start      | Initialize is the last step of that run                                               |
 /// | Stop       | Start was the last executed step, however it ended, or any step has failed            |
 ///
-/// So an object that was configured and initialised without failure, but never started, is not stopped: that
-/// is meant, what has not started has nothing to stop. The record of a step is only ever overwritten by that
-/// step itself. A Stop that ran after a failure therefore stays recorded; once the failed step and the rest
-/// then succeed, the object counts as stopped already, and Stop is refused: use a new object instead of
-/// resuming one that was stopped.
+/// So an object that was configured and initialised without failure, but never started, is not stopped. This
+/// is intended: an object that has not started has nothing to stop. The record of a step is only ever
+/// overwritten by that step itself. A Stop that ran after a failure therefore stays recorded; once the failed
+/// step and the rest then succeed, the object counts as stopped already, and Stop is refused: use a new
+/// object instead of resuming one that was stopped.
 ///
 /// Thread-safety: one thread at a time. A work operation may use the queries; its own step is recorded only
 /// when it returns. An exception thrown by a work operation passes through, and the record stays as it was.

@@ -3,8 +3,8 @@
 /// The framework's log macros: TERN_LOG_ERROR(loggerName, "format", arguments...).
 ///
 /// `loggerName` is a std::string, the format a string literal without the common prefix; the prefix "[thread
-/// id][logger name] " is put in front here, for TERN_LOG_TRACE with "[trace]" behind it. Below the threshold
-/// a call costs one byte read and a branch: the arguments are not evaluated. The compiler checks format and
+/// id][logger name] " is put in front here, for TERN_LOG_TRACE followed by "[trace]". Below the threshold a
+/// call costs one byte read and a branch: the arguments are not evaluated. The compiler checks format and
 /// arguments. Messages carry no newline at their end. `errno` is preserved. Any thread may log at any time.
 ///
 ///     TERN_LOG_ERROR(mLogger, "Failed to open %s (%d)", path.c_str(), errno);
@@ -22,7 +22,7 @@
 
 // The prefix is joined to the literal by the compiler, and its arguments come before the caller's. Without
 // __VA_OPT__, which C++17 lacks, a call without and one with arguments need a macro each. Levels are numbers,
-// as what a device maker's logger calls them is not known.
+// because the names in a device maker's logger are not known.
 #define TERN_LOG_WRITE_(level, tag, loggerName, ...)                                               \
     TERN_LOG_PICK_(__VA_ARGS__, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_,    \
                    TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, TERN_LOG_SOME_, \

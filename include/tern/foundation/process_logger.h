@@ -6,14 +6,15 @@
 
 namespace mwl {
 
-/// The process's logger as the log macros (log.h) reach it. Any thread, at any time, also before main().
+/// Gives the log macros (log.h) the process's logger. Any thread, at any time, also before main().
 ///
-/// RootLogger::GetInstance is compiled into each caller, with the guard of its first use. Here that is done
-/// once for a shared object, which keeps every log call small. Two things of the logger are used, because a
-/// device maker's own may know no other: its first member points to the threshold, and it has Print.
+/// RootLogger::GetInstance is compiled into each caller, together with the guard of its first use. Here this
+/// happens once for a shared object, which keeps every log call small. Only two properties of the logger are
+/// used, because a device maker's logger may have no others: its first member points to the threshold, and it
+/// has Print.
 class ProcessLogger {
 public:
-    /// The logger, built on first use. What its construction throws passes through.
+    /// The logger, built on first use. Exceptions of its construction pass through.
     static const Log::RootLogger& Get() {
         const Log::RootLogger* const logger = gInstance.load(std::memory_order_acquire);
         return __builtin_expect(logger != nullptr, 1) ? *logger : Obtain();

@@ -22,8 +22,9 @@ namespace mwl::Parser {
 /// read. Repeating them is harmless.
 class TERN_API IniParser {
 public:
-    /// Reads the file at `path` into `values`: a new attribute is inserted, one already there, from the
-    /// caller, from an earlier line or section, is overwritten. What was stored before a failure stays.
+    /// Reads the file at `path` into `values`: a new attribute is inserted; an attribute already there, from
+    /// the caller, from an earlier line or section, is overwritten. Attributes that were stored before a
+    /// failure stay.
     ///
     /// Ok: read to its end; an empty file holds nothing. NotFound: there is no such file, or it cannot be
     /// reached (stat(2) fails, for whatever reason). OpenFailed: it could not be opened for reading. IoError:

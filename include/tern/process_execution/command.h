@@ -16,33 +16,35 @@ namespace mwl::ProcessExecution {
 ///     mwl::ProcessExecution::Command command("/sbin/ip", 5000);
 ///     if (command.Run({"-brief", "address"}, output, exitCode) == mwl::StatusCode::Ok && exitCode == 0) ...
 ///
-/// Threads: an object holds only its path, name and limit; different objects may run at once on any threads,
-/// one object too, as nothing in it changes. Programs run at once never hold each other's pipes. Every run
-/// blocks its caller until the program has ended or its time is up.
+/// Threads: an object holds only its path, name and limit; different objects, and also one object, may run
+/// programs simultaneously on any threads, because nothing in an object changes. Programs that run
+/// simultaneously never hold each other's pipes. Every run blocks its caller until the program has ended or
+/// its time is up.
 ///
 /// The child shares this process's memory until it executes the program, as with vfork(2): what a start costs
 /// does not grow with the process. The caller waits that long; the time limit begins then. No handler of
 /// pthread_atfork(3) runs.
 ///
-/// What a run means for the program:
+/// A run, as the program sees it:
 /// - It inherits the environment, the working folder, the ignored signals and the calling thread's blocked
 ///   signals: under the service component SIGTERM and SIGINT are blocked in it.
 /// - Its descriptors 0, 1 and 2 are pipes; of the parent's it inherits those without close-on-exec.
-/// - What it did not read when it ended is dropped. A program that closes its input early does not harm the
-///   caller: SIGPIPE (signal(7)) is held off around each write and taken back, in the calling thread only.
-/// - Its end ends the run, also when a process that it started still holds the output: of that process's
-///   output what has been written by then is collected.
+/// - Input that it did not read before its end is dropped. A program that closes its input early does not
+///   harm the caller: SIGPIPE (signal(7)) is held off around each write and taken back, in the calling thread
+///   only.
+/// - Its end ends the run, also when a process that it started still holds the output: output that this
+///   process has written by then is collected.
 /// - At its time limit it is killed with SIGKILL, alone (processes that it started live on), and it is not
-///   waited for, as a program stuck in the kernel would hold the caller. A program whose run ended early by a
-///   failure is not killed and not waited for either. Both are remembered: each later run, of any object, and
-///   the end of the process reap those of them that have ended (waitpid(2) with their number, without
-///   waiting), and no other child. Until then an ended one is a zombie; the application may reap it itself.
-///   A forked child does not look for its parent's programs.
+///   waited for, because a program stuck in the kernel would hold the caller. A program whose run ended early
+///   by a failure is not killed and not waited for either. Both are remembered: each later run, of any
+///   object, and the end of the process reap those of them that have ended (waitpid(2) with their number,
+///   without waiting), and no other child. Until then an ended one is a zombie; the application may reap it
+///   itself. A forked child does not look for its parent's programs.
 /// - The time limit is one of CLOCK_MONOTONIC, also while the caller is stopped (SIGSTOP, the freezer). A
 ///   program that has ended when its time is found to be up counts as ended by itself.
 /// - At debug level its output is logged line by line, and read no faster than it is logged. The time limit
-///   holds all the same: of what has been read when the run is over, lines are logged for 100 ms beyond the
-///   time limit at most, the rest is summed up in one. `output` is not cut.
+///   holds all the same: lines that have been read when the run is over are logged for 100 ms beyond the time
+///   limit at most, and one line sums up the rest. `output` is not cut.
 ///
 /// REQUIRES: the process neither ignores SIGCHLD nor reaps children that are not its own to reap; otherwise
 /// the program's end is lost, and the run fails by waitpid(2).

@@ -31,14 +31,14 @@ namespace mwl::QueuedProcessings {
 /// | Stop      | nothing                             | the thread leaves its loop       | executor stopped  |
 /// | Join      | unregisters                         | waits for the end, unregisters   | std::system_error |
 ///
-/// Threads: `WakeUp` may be called from any thread, the executor included. All else belongs to one thread,
-/// the owner's; `Stop` may be called by the executor too, from `Initialize` on, `Join` may not.
+/// Threads: `WakeUp` may be called from any thread, the executor included. All other operations belong to one
+/// thread, the owner's; `Stop` may be called by the executor too, from `Initialize` on, `Join` may not.
 ///
-/// Lifetime: monitor and executor outlive the component's thread. A component is destroyed after `Join`. One
-/// that is destroyed without it detaches its thread, which still needs monitor and executor, and which
-/// stays registered with the monitor: do so only after the last StopWorkerThreads. The owner may leave even
-/// that to the executor: `Execute` may destroy the component once `Start` has returned and nobody else uses
-/// it any more.
+/// Lifetime: monitor and executor outlive the component's thread. A component is destroyed after `Join`. A
+/// component that is destroyed without `Join` detaches its thread. The thread still needs monitor and
+/// executor, and stays registered with the monitor: so destroy it in this way only after the last
+/// StopWorkerThreads. The owner may leave the destruction to the executor: `Execute` may destroy the
+/// component once `Start` has returned and nobody else uses it any more.
 class TERN_API Component : public ComponentInterface {
 public:
     /// `name` is used in messages. `threadName` is given to the thread; one of more than 15 characters leaves
@@ -63,9 +63,9 @@ public:
     /// Calls the executor's `Stop` and asks the thread to leave its loop, which it does when the run in
     /// progress returns. Returns immediately; harmless to repeat. Does nothing without a thread.
     void Stop() override;
-    /// Waits, without limit, until the thread has ended, and takes its registration back. Without a thread
-    /// only the latter, which the monitor then reports. REQUIRES: not on the component's thread. A second
-    /// Join raises std::system_error.
+    /// Waits, without limit, until the thread has ended, and takes its registration back. Without a thread it
+    /// only takes the registration back, and the monitor logs an error. REQUIRES: not on the component's
+    /// thread. A second Join raises std::system_error.
     void Join() override;
     /// Asks for one more run. It is never lost: called before `Start`, the first run comes as soon as the
     /// thread is initialised. It never waits for a run to end.
@@ -76,7 +76,7 @@ public:
     void WakeUp() override;
 
     /// The loop of the thread: registers it with the monitor, then runs the executor until the manager's
-    /// `Wait` answers anything but Ok. What the executor throws leaves.
+    /// `Wait` answers anything but Ok. Exceptions of the executor pass through.
     static void Execute(ThreadManager& threadManager, ExecutorInterface& executor);
     /// The thread's body: initialises the executor, delivers its status through the promise, and runs the
     /// loop if that was Ok. The promise is not touched after its value was set, everything else must outlive

@@ -18,7 +18,7 @@ namespace mwl::QueuedProcessings {
 /// `Wait` are folded into one. Threads of real-time priority may notify: whoever holds what they need is
 /// scheduled at their priority for that long.
 ///
-/// Made and shared by the component and its thread, so that neither outlives it. REQUIRES: monitor and
+/// Created by the component and shared with its thread, so that neither outlives it. REQUIRES: monitor and
 /// executor outlive it.
 class TERN_API ThreadManager : public Threading::ThreadManager {
 public:
@@ -28,8 +28,8 @@ public:
     ~ThreadManager() override;
 
     /// Sleeps until woken. Ok: run the processing once. Stopping, logged as a notice: leave the loop. The
-    /// status of a failed wait, logged as an error: leave the loop. One wait is made: a wake-up for no reason
-    /// counts as one, so the processing may run with nothing to do.
+    /// status of a failed wait, logged as an error: leave the loop. It waits once: a wake-up without a reason
+    /// counts too, so the processing may run with nothing to do.
     StatusCode Wait();
     /// Wakes the thread, or keeps it from sleeping the next time. The manager may be destroyed by that very
     /// run, before this call has returned.
@@ -55,7 +55,7 @@ private:
     bool mRunning = true;  ///< guarded by mMutex
     Threading::Mutex mMutex{Protocol::PriorityInheritance};
     Threading::ConditionVariable mCondition;
-    /// Set and cleared under mMutex, but for the end of WAKING. Each change and each look is a
+    /// Set and cleared under mMutex, except for the end of WAKING. Each change and each look is a
     /// read-modify-write, so that the run sees what was done before every wake-up that it answers.
     std::atomic<unsigned char> mWait{WAIT_NEEDED};
     /// Held by a wake-up from before the change that it is about until the thread is signalled; locked before

@@ -21,14 +21,14 @@ namespace mwl::DBusService {
 ///
 /// The name, the monitor and the IPC server are borrowed: they outlive the component.
 ///
-/// REQUIRES: what belongs to the bus (sd_bus_message, sd_bus_slot, a DBusClientManager used on the D-Bus
-/// thread) is released on that thread, at the latest in the IPC server's `Stop`. Whoever releases the last of
-/// them later frees the connection on another thread, which writes into the memory of the dead one. What is
-/// still held when the thread ends is reported by an error line.
+/// REQUIRES: every object that belongs to the bus (sd_bus_message, sd_bus_slot, a DBusClientManager used on
+/// the D-Bus thread) is released on that thread, at the latest in the IPC server's `Stop`. Whoever releases
+/// the last of them later frees the connection on another thread, which writes into the memory of the dead
+/// one. When such an object is still held at the thread's end, an error line reports it.
 ///
 /// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
-/// One component for a monitor: a monitor knows one D-Bus thread, and a request to stop it is made once in
-/// its life, so a later component needs a monitor of its own. That is not looked at.
+/// One component for a monitor: a monitor knows one D-Bus thread and requests its stop once in its life, so a
+/// later component needs a monitor of its own. This is not checked.
 ///
 /// | state   | Initialize | Start          | JoinThread                      | destructor       |
 /// |---------|------------|----------------|---------------------------------|------------------|
@@ -69,11 +69,11 @@ public:
     /// the IPC server and, through the monitor, every worker. A loop that ended in failure is reported to the
     /// monitor first, so that the process ends as failed.
     ///
-    /// No exception on this thread is mute: see IpcServer, EventLoop::AddIo and DBusInterface for those of
-    /// your code, whose logs are at critical level. What a worker throws in its `Stop` is logged, those after
-    /// it in the list are left to the owner's own `Stop`, and the process ends as failed. While the thread
-    /// runs, the process's terminate handler (std::set_terminate) logs an exception that ends the process on
-    /// this thread and then calls the handler that was set before.
+    /// No exception on this thread is mute: see IpcServer, EventLoop::AddIo and DBusInterface for exceptions
+    /// of your code, which are logged at critical level. An exception of a worker's `Stop` is logged, the
+    /// workers after it in the list are left to the owner's own `Stop`, and the process ends as failed. While
+    /// the thread runs, the process's terminate handler (std::set_terminate) logs an exception that ends the
+    /// process on this thread and then calls the handler that was set before.
     static void ThreadMain(const std::string& name, std::promise<StatusCode>& startup,
                            Threading::ThreadsMonitorInterface& monitor, IpcServer& ipcServer);
 

@@ -5,7 +5,7 @@
 
 namespace mwl::DBusService {
 
-/// What the main thread does with the D-Bus thread; see `Component`.
+/// The main thread's operations on the D-Bus thread; see `Component`.
 class TERN_API ComponentInterface {
 public:
     virtual ~ComponentInterface();

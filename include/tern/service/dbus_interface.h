@@ -14,13 +14,13 @@ namespace mw::tern {
 /// D-Bus thread only. Owned by the object that it was added to, and deleted with it.
 ///
 /// Exceptions: sd-bus calls the handlers of methods and properties directly, as it does those of matches,
-/// filters and replies, and sd-bus is C. Catch in a handler what its caller is to receive as an error, and
-/// return a negative error number or set the sd_bus_error. What leaves a handler unwinds sd-bus and the loop,
-/// which cannot tidy up behind it, and ends the service in order: it is logged (critical, logger name
-/// "Service") with its type and text and the member whose call was being handled, the connection is closed,
-/// so that no caller waits, and the process ends as failed after the IPC server and the workers have been
-/// stopped. Where a C library cannot be unwound (32-bit ARM), and from a noexcept handler, the same is logged
-/// and the process ends immediately (std::terminate).
+/// filters and replies, and sd-bus is C. Catch in a handler every exception that its caller is to receive as
+/// an error, and return a negative error number or set the sd_bus_error. An exception that leaves a handler
+/// unwinds sd-bus and the loop, which cannot tidy up after it, and ends the service in order: it is logged
+/// (critical, logger name "Service") with its type and text and the member whose call was being handled, the
+/// connection is closed, so that no caller waits, and the process ends as failed after the IPC server and the
+/// workers have been stopped. Where a C library cannot be unwound (32-bit ARM), and from a noexcept handler,
+/// the same is logged and the process ends immediately (std::terminate).
 ///
 ///     const sd_bus_vtable* GetVtable() const override {
 ///         static const sd_bus_vtable table[] = {
@@ -39,8 +39,8 @@ public:
     /// First entry of a table that starts with a start entry, ends with an end entry and outlives the bus
     /// connection; sd-bus keeps the pointer. A static array is best.
     virtual const sd_bus_vtable* GetVtable() const = 0;
-    /// What sd-bus passes to every handler of this interface as `userdata`; as a rule the implementing
-    /// object.
+    /// The pointer that sd-bus passes to every handler of this interface as `userdata`; usually the
+    /// implementing object.
     virtual void* GetUserData() = 0;
 
     DBusInterface(const DBusInterface&) = delete;

@@ -51,12 +51,12 @@ public:
     /// When the loop ends, the bus gets two seconds to take what is queued for it; then the connection is
     /// closed, and what was not taken is lost (logged). Own exit sources that send are added with a priority
     /// before SD_EVENT_PRIORITY_NORMAL - 1.
-    /// Ok; InvalidArgument when the loop has not been made or nothing is connected; otherwise the status of
+    /// Ok; InvalidArgument when there is no loop yet or nothing is connected; otherwise the status of
     /// sd-bus's error.
     StatusCode AttachLoop(EventLoop& loop);
 
     /// Adds an object without interfaces. Ok, or InvalidArgument when the path is there already. sd-bus looks
-    /// at the path only when the object is exported. Takes the same time however many objects there are, as
+    /// at the path only when the object is exported. Takes the same time however many objects there are; so
     /// do the operations below that take a path.
     StatusCode AddDBusObject(const std::string& path);
 
@@ -69,7 +69,7 @@ public:
 
     /// Installs a match rule (sd_bus_add_match(3)). With `slot` null it lasts as long as the connection;
     /// otherwise the caller owns *slot and ends the match with sd_bus_slot_unref(3), on this thread, before
-    /// the manager ends. What the handler throws ends the service, see DBusInterface. Ok or the status of
+    /// the manager ends. An exception of the handler ends the service, see DBusInterface. Ok or the status of
     /// sd-bus's error; nothing is logged.
     StatusCode AddMatch(sd_bus_slot** slot, std::string match, sd_bus_message_handler_t handler,
                         void* userdata);

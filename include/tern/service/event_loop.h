@@ -28,7 +28,7 @@ struct TERN_API EventIoContext {
 
     /// Called on the loop's thread, by the loop alone.
     Callback callback;
-    /// Owned; null until sd-event has made it.
+    /// Owned; null until sd-event has created it.
     sd_event_source* source = nullptr;
     /// By which the dispatcher keeps the context alive during a call.
     std::weak_ptr<EventIoContext> self;
@@ -36,12 +36,12 @@ struct TERN_API EventIoContext {
 
 /// An sd-event loop with a registry of I/O sources: runs a callback on the loop's thread whenever a
 /// descriptor is ready, until the watch is removed again by descriptor. `ServiceMainLoop` adds how the loop
-/// is made and run.
+/// is created and run.
 ///
 /// Loop thread only: every operation, the destructor included, belongs to the thread that owns the loop.
 /// Callbacks run on it, one at a time. Nothing is logged but what a callback throws, with the logger name
-/// "Service". Descriptors are never closed here; they belong to
-/// the caller, who removes a watch before closing its descriptor.
+/// "Service". Descriptors are never closed here; they belong to the caller, who removes a watch before
+/// closing its descriptor.
 class TERN_API EventLoop {
 public:
     EventLoop() = default;
@@ -56,14 +56,14 @@ public:
     /// the watch off (sd-event's rule for failing handlers); it stays registered until RemoveIo. It may
     /// remove its own watch.
     ///
-    /// What the callback throws goes no further: it is logged (critical) with its type and text, the watch is
-    /// switched off, and the loop ends in order with the exit code -ENOTRECOVERABLE, so that the process ends
-    /// as failed. An empty callback is logged (critical) when the descriptor becomes ready and raises
-    /// std::bad_function_call, which leaves through sd-event; ServiceMainLoop::Run takes it up as it does
-    /// what a handler throws, see DBusInterface.
+    /// An exception of the callback goes no further: it is logged (critical) with its type and text, the
+    /// watch is switched off, and the loop ends in order with the exit code -ENOTRECOVERABLE, so that the
+    /// process ends as failed. An empty callback is logged (critical) when the descriptor becomes ready and
+    /// raises std::bad_function_call, which leaves through sd-event; ServiceMainLoop::Run treats it like an
+    /// exception of a handler, see DBusInterface.
     ///
     /// Ok: watched.
-    /// InvalidArgument: a bad descriptor, or the loop is not made yet.
+    /// InvalidArgument: a bad descriptor, or there is no loop yet.
     /// AlreadyExists: the descriptor is being watched.
     /// NotPermitted: the descriptor cannot be polled (a regular file).
     /// Any other: the status of sd-event's error.
@@ -83,11 +83,11 @@ public:
     /// and the watch is kept.
     StatusCode RemoveIo(int fd);
 
-    /// The sd-event loop, null until it is made. Borrowed: never release it.
+    /// The sd-event loop, null until it is created. Borrowed: never release it.
     sd_event* GetEvent() const { return mEvent; }
 
 protected:
-    /// Owned; null until a derived class makes it.
+    /// Owned; null until a derived class creates it.
     sd_event* mEvent = nullptr;
 
 private:

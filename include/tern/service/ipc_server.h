@@ -17,9 +17,9 @@ namespace mwl::DBusService {
 /// called on the D-Bus thread: `Stop` once, `Start` before it once, or never when the service could not be
 /// initialised.
 ///
-/// What they throw is logged with its type and text (critical, logger name "DBusService::Component") and goes
-/// no further. `Start` has failed then, as if it had returned Failure. After a `Stop` that threw, the workers
-/// are stopped all the same, and the monitor is notified, so that the process ends as failed.
+/// An exception of either is logged with its type and text (critical, logger name "DBusService::Component")
+/// and goes no further. `Start` has then failed, as if it had returned Failure. After a `Stop` that threw,
+/// the workers are stopped all the same, and the monitor is notified, so that the process ends as failed.
 class TERN_API IpcServer {
 public:
     virtual ~IpcServer();
@@ -35,8 +35,8 @@ public:
 
     /// The service is connected, owns its name and is attached to the loop, which does not run yet: add
     /// objects, matches and I/O sources here, and no client ever meets a half-made service. Both arguments
-    /// live until the thread ends, after `Stop`; use them on this thread only. What is returned becomes the
-    /// result of the component's `Start`; anything but Ok ends the thread.
+    /// live until the thread ends, after `Stop`; use them on this thread only. The returned status becomes
+    /// the result of the component's `Start`; anything but Ok ends the thread.
     virtual mw::tern::StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop);
 };
 

@@ -65,8 +65,8 @@ public:
     /// -1 before Initialize and after Close. Borrowed.
     int GetWriteFd() const { return mWriteFd; }
 
-    /// Writes one message of `size` bytes with one write(2), which blocks while the pipe is full (64 KiB as a
-    /// rule, see pipe(7)) and holds up the other writers meanwhile. Beware of a reader that writes to its own
+    /// Writes one message of `size` bytes with one write(2), which blocks while the pipe is full (usually 64
+    /// KiB, see pipe(7)) and holds up the other writers meanwhile. Beware of a reader that writes to its own
     /// full pipe: it waits for itself.
     ///
     /// A signal ends only the wait of the writer that is in write(2): one that comes a moment before, or to a
@@ -94,11 +94,12 @@ public:
     /// else the status of errno of read(2) (logged).
     StatusCode ReadMessage(void* data, unsigned int size, unsigned int timeoutMs);
 
-    /// Closes the pipe for writers: one that waits, in write(2) or for its turn, and every later one returns
-    /// IoError, as at a pipe without a reader. Never waits for a reader, and never provokes SIGPIPE. What was
-    /// written before stays to be read; then the read end is at end of file, which also ends the wait of a
-    /// reader. A loop that still runs sees end of file again and again: remove the read descriptor from
-    /// it, or let the callback return the failure of ReadMessage, which switches the watch off.
+    /// Closes the pipe for writers: a writer that waits, in write(2) or for its turn, and every later one
+    /// returns IoError, as at a pipe without a reader. Never waits for a reader, and never provokes SIGPIPE.
+    /// Messages that were written before can still be read; then the read end is at end of file, which also
+    /// ends the wait of a reader. A loop that still runs sees end of file again and again: remove the read
+    /// descriptor from it, or let the callback return the failure of ReadMessage, which switches the watch
+    /// off.
     ///
     /// Any thread, the reader's included, and any number of times; before Initialize it has no effect. The
     /// destructor does not call it: by then no writer may be left.
@@ -110,7 +111,7 @@ public:
 private:
     StatusCode FailClosed(int error);
 
-    // Plain numbers: what Initialize made stays with the object however it ended.
+    // Plain numbers: descriptors that Initialize created stay with the object however it ended.
     int mReadFd = -1;
     std::atomic<int> mWriteFd{-1};  // changed by Close under both locks
     std::mutex mWriteMutex;

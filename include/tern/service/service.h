@@ -9,8 +9,9 @@
 
 namespace mwl::DBusService {
 
-/// What the D-Bus thread owns: the main loop and the connection that it drives. Made, used and destroyed on
-/// the D-Bus thread by `Component`. Destruction releases the bus, then the loop, then its I/O sources.
+/// The property of the D-Bus thread: the main loop and the connection that it drives. Created, used and
+/// destroyed on the D-Bus thread by `Component`. Destruction releases the bus, then the loop, then its I/O
+/// sources.
 class TERN_API Service {
 public:
     /// `name` is the well-known bus name to request, empty for none.

@@ -11,7 +11,7 @@ namespace mw::tern {
 ///
 /// Order: `BlockSignalsForRunningThread` on the main thread before any other thread exists, so that all
 /// inherit the mask; then on the D-Bus thread `Init`, whatever is to be attached, and `Run`, once. Loop
-/// thread only, but for the first. Failures are logged with the logger name "Service".
+/// thread only, except for the first. Failures are logged with the logger name "Service".
 class TERN_API ServiceMainLoop : public EventLoop {
 public:
     /// Blocks SIGTERM and SIGINT for the calling thread (pthread_sigmask(3)), because sd-event takes signals
@@ -20,9 +20,9 @@ public:
     static StatusCode BlockSignalsForRunningThread();
 
     /// Takes the thread's default loop (sd_event_default(3)) and has sd-event feed the watchdog at the pace
-    /// that systemd asks for; where it asks for none, nothing is sent (sd_event_set_watchdog(3)). Ok; Busy
-    /// when already initialised, the loop left as it is; otherwise the status of sd-event's error, logged.
-    /// When only the watchdog failed the loop is kept.
+    /// that systemd asks for; when systemd asks for none, nothing is sent (sd_event_set_watchdog(3)). Ok;
+    /// Busy when already initialised, and the loop is unchanged; otherwise the status of sd-event's error,
+    /// logged. When only the watchdog failed, the loop is kept.
     StatusCode Init();
 
     /// Runs the loop until SIGTERM, SIGINT or sd_event_exit(3); then, however it ended, notifies systemd

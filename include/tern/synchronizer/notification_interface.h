@@ -9,8 +9,8 @@ namespace mwl::tern::Synchronizer {
 /// Names a kind of notification. The values are the application's.
 enum class NotificationIdentifier : std::int32_t {};
 
-/// What a Subject passes to its observers. Derive from it to carry data. Its kind changes only when another
-/// notification is assigned to it.
+/// The object that a Subject passes to its observers. Derive from it to carry data. Its kind changes only
+/// when another notification is assigned to it.
 class TERN_API NotificationInterface {
 public:
     /// Of this kind.

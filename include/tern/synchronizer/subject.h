@@ -28,8 +28,8 @@ public:
     /// Appends the pair (identifier of the notification, observer); a pair that is there already is not added
     /// again. Only the notification's identifier is kept. During a Notify of that identifier the new observer
     /// is notified as well; one that this Notify has called already and that was detached since is not called
-    /// by it again. An observer is known by its address: one made where another was destroyed counts as that
-    /// one.
+    /// by it again. An observer is known by its address: an observer created where another was destroyed
+    /// counts as the other one.
     void Attach(ObserverInterface& observer, NotificationInterface& notification) override;
     /// Removes that pair; nothing happens when there is none. The others keep their order. During a
     /// Notify this may take memory; without any, std::bad_alloc passes through and the pair stays.
@@ -46,8 +46,8 @@ public:
 
 private:
     using Pair = std::pair<NotificationIdentifier, ObserverInterface*>;
-    /// In the list in the order in which they were attached. One that was detached leaves its place empty,
-    /// with no observer, until the list is closed up.
+    /// In the list in the order in which they were attached. A registration that was detached leaves its
+    /// place empty, with no observer, until the list is closed up.
     struct Registration {
         Pair pair;
         std::uint64_t links;  ///< of the index, which the list is as well

@@ -27,9 +27,9 @@ namespace mwl::Threading {
 class TERN_API ConditionVariable {
 public:
     /// When the system refuses the monotonic clock, that is logged, and the condition variable stays on the
-    /// wall clock. Its deadlines are still counted by the monotonic one. While the wall clock is ahead of it,
-    /// as it is once the date is set, every timed wait ends immediately with Timeout; otherwise it lasts too
-    /// long.
+    /// wall clock. Its deadlines are still counted by the monotonic one. While the wall clock is ahead of the
+    /// monotonic clock, as always once the date is set, every timed wait ends immediately with Timeout;
+    /// otherwise it lasts too long.
     ConditionVariable() noexcept;
     virtual ~ConditionVariable();
     ConditionVariable(const ConditionVariable&) = delete;
@@ -45,17 +45,17 @@ public:
     /// Wakes all who wait now. The mutex need not be held. As above for real-time priorities.
     virtual void NotifyAll();
 
-    /// Waits without limit. Ok when notified, or woken for no reason: test the condition again. The mutex is
-    /// held again afterwards.
+    /// Waits without limit. Ok when notified, or woken without a notification: test the condition again. The
+    /// mutex is held again afterwards.
     virtual StatusCode Wait(Lock& lock);
-    /// Waits once, at most `timeoutMs` milliseconds; 0 and below do not wait. Ok when notified, or woken for
-    /// no reason; Timeout when the time is up. The mutex is held again afterwards.
+    /// Waits once, at most `timeoutMs` milliseconds; 0 and below do not wait. Ok when notified, or woken
+    /// without a notification; Timeout when the time is up. The mutex is held again afterwards.
     virtual StatusCode WaitFor(Lock& lock, int timeoutMs);
     /// Waits until the predicate holds, at most `timeoutMs` milliseconds in all; 0 and below do not wait. The
-    /// predicate is called with the mutex held, first of all before any waiting. Ok when it holds; Timeout
-    /// when the time is up: it is not asked again then, so the end of the time wins over a predicate that
-    /// came true at the same moment. Another failure of the wait is returned as it is.
-    /// Throws std::bad_function_call for an empty predicate, and what the predicate throws.
+    /// predicate is called with the mutex held, the first time before any waiting. Ok when it holds; Timeout
+    /// when the time is up: the predicate is not called again then, so the end of the time wins over a
+    /// predicate that came true at the same moment. Another failure of the wait is returned as it is.
+    /// Throws std::bad_function_call for an empty predicate; exceptions of the predicate pass through.
     StatusCode WaitFor(Lock& lock, int timeoutMs, std::function<bool()> predicate);
 
     /// The instant of CLOCK_MONOTONIC that lies `timeoutMs` milliseconds ahead; a negative number counts as

@@ -14,7 +14,8 @@ namespace mwl::Threading {
 /// thread, which must be the one that destroys it. The mutex must outlive it.
 ///
 /// Blocks until the mutex is free. Nothing throws: a failing lock or unlock is logged as a warning, and after
-/// a failed lock the caller goes on without the mutex, as there is no way to report it here.
+/// a failed lock the caller goes on without the mutex, because a constructor that does not throw cannot
+/// report it.
 class TERN_API Lock {
 public:
     /// Locks the mutex.

@@ -24,7 +24,7 @@ public:
     /// Costs some ten nanoseconds more a lock with priority inheritance. Where the system has none it is a
     /// mutex without.
     explicit Mutex(Protocol protocol) noexcept;
-    /// Destroys the POSIX mutex. A refusal, as of a mutex still held, is logged as a warning.
+    /// Destroys the POSIX mutex. A refusal, for example of a mutex still held, is logged as a warning.
     ~Mutex();
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;

@@ -4,7 +4,7 @@
 
 namespace mwl::Threading {
 
-/// How the process signals one of its threads; `Signals` does it, a test may stand in.
+/// Signals one thread of the process; `Signals` does it, a test may stand in.
 class TERN_API SignalsInterface {
 public:
     virtual ~SignalsInterface();

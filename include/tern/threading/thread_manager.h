@@ -10,9 +10,9 @@ namespace mwl::Threading {
 /// Base of every supervised worker: its registration with the process's monitor and the order to stop.
 ///
 /// On the worker's own thread: `mThreadId = pthread_self(); NotifyStarted();` first, `NotifyStopped()` last,
-/// and in between `NotifyStop()` or `NotifyFailure()` when the whole service is to end. Whoever joins the
-/// thread may call `NotifyStopped()` in its stead, after the join. `Stop()` and `GetThreadId()` may be called
-/// on any thread.
+/// and between the two `NotifyStop()` or `NotifyFailure()` when the whole service is to end. The thread that
+/// joins it may call `NotifyStopped()` in its place, after the join. `Stop()` and `GetThreadId()` may be
+/// called on any thread.
 ///
 /// Owned by the application. Every worker, registered or not, outlives the D-Bus thread, and the monitor
 /// outlives every worker. After joining the D-Bus thread the application calls `Stop()` and joins every
@@ -39,7 +39,7 @@ public:
     /// Asks the monitor to end the service: something failed.
     void NotifyFailure();
 
-    /// What the worker stored in `mThreadId`; 0 before.
+    /// The value that the worker stored in `mThreadId`; 0 before.
     unsigned long GetThreadId() const { return mThreadId; }
 
 private:

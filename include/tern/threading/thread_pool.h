@@ -52,9 +52,9 @@ public:
     /// priority. With three workers of lowest priority beside three busy threads on one processor that took
     /// up to a second; priority inheritance does not help there.
     void QueueJob(const std::function<void()>& job);
-    /// The same for a job that holds what cannot be copied; it is moved all the way, run once and destroyed
-    /// on the worker's thread. Takes its turn among those of `QueueJob`. One that is never run is destroyed
-    /// with the pool. Throws std::bad_alloc; the job is destroyed then.
+    /// The same for a job that cannot be copied; it is only moved, run once and destroyed on the worker's
+    /// thread. Takes its turn among the jobs of `QueueJob`. A job that is never run is destroyed with the
+    /// pool. Throws std::bad_alloc; the job is destroyed then.
     void QueueUnique(UniqueFunction<void()> job);
     /// Whether jobs are queued that no worker has taken.
     bool HasPendingJobs() const;

@@ -10,8 +10,8 @@
 
 namespace mwl::Threading {
 
-/// A thread's promise to report work: silent for more than twice its period, and for more than 20 s, it is
-/// taken as blocked, and the watcher kills the process.
+/// A thread's promise to report work. When it is silent for more than twice its period, and for more than 20
+/// s, it counts as blocked, and the watcher kills the process.
 ///
 ///     mWatched.StartWatch(std::chrono::milliseconds(5000));
 ///     while (WaitForWork()) {
@@ -20,25 +20,26 @@ namespace mwl::Threading {
 ///     }
 ///     mWatched.StopWatch();
 ///
-/// `StartWatch` and `NotifyWork` are called by the watched thread; `StopWatch` by it or, once it has started,
-/// by the thread that stops it, as an executor's `Stop` does; the rest by any thread. No operation but
-/// `StartWatch` and `StopWatch` takes a lock, so the thread never waits for the watcher. Owned by the watched
-/// thread's object; the watcher outlives it. REQUIRES: `StopWatch` before the thread is joined and before
-/// this object is destroyed. Times are those of std::chrono::steady_clock.
+/// `StartWatch` and `NotifyWork` are called by the watched thread; `StopWatch` is called by it or, once the
+/// watch has started, by the thread that stops it, as an executor's `Stop` does. All other operations may be
+/// called by any thread. No operation but `StartWatch` and `StopWatch` takes a lock, so the thread never
+/// waits for the watcher. Owned by the watched thread's object; the watcher outlives it. REQUIRES:
+/// `StopWatch` before the thread is joined and before this object is destroyed. Times are those of
+/// std::chrono::steady_clock.
 class TERN_API ThreadWatched {
 public:
-    /// Not watched yet. `name` is the one in messages.
+    /// Not watched yet. `name` is used in messages.
     ThreadWatched(ThreadsWatcherInterface& watcher, const std::string& name);
     virtual ~ThreadWatched();
     ThreadWatched(const ThreadWatched&) = delete;
     ThreadWatched& operator=(const ThreadWatched&) = delete;
 
     /// Registers the calling thread with the watcher, which logs it, and counts from now; so does a repeated
-    /// call. A period of 0 or less makes the watcher look without any pause. One so long that its double does
-    /// not fit never ends.
+    /// call. A period of 0 or less makes the watcher look without any pause. With a period so long that its
+    /// double does not fit, the thread never counts as blocked.
     /// Throws std::system_error when the watcher cannot start its thread; this one is not watched then.
     void StartWatch(std::chrono::milliseconds period);
-    /// Takes the registration back; harmless when there is none.
+    /// Takes the registration back. Harmless when there is none.
     void StopWatch();
     /// Reports work: one clock read and one atomic store.
     void NotifyWork();
@@ -67,8 +68,8 @@ private:
     // The watcher reads these while the watched thread may start again; see the .cpp for the order of access.
     std::atomic<std::int64_t> mPeriodMs{0};
     std::atomic<std::int64_t> mLastWorkMs{0};  ///< counted from the start instant
-    /// The start instant. A plain number, which 32-bit processors read and write in one access too; the time
-    /// point that wraps it they would guard by a lock.
+    /// The start instant. A plain number, which 32-bit processors too read and write in one access; the time
+    /// point that wraps it would need a lock there.
     std::atomic<std::chrono::steady_clock::rep> mStart;
     std::atomic<unsigned long> mThreadId{0};
 };

@@ -10,8 +10,8 @@ namespace mwl::Threading {
 
 class ThreadManager;
 
-/// The workers of a `ThreadsMonitor`, in the order of their registration; one that registers twice is in it
-/// twice. Refers to them, owns nothing. One thread at a time; the monitor guards its own.
+/// The workers of a `ThreadsMonitor`, in the order of their registration; a worker that registers twice is in
+/// it twice. Refers to them, owns nothing. One thread at a time; the monitor guards its own.
 class TERN_API ThreadsList {
 public:
     virtual ~ThreadsList();

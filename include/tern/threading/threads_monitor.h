@@ -27,16 +27,16 @@ public:
     void AddWorkerThread(ThreadManager& thread) override;
     /// A worker that is not registered is an error, logged; nothing changes.
     void RemoveWorkerThread(ThreadManager& thread) override;
-    /// Of the calling thread as a rule: the monitor then notices by itself when it ends, and signals nobody
-    /// who is given its id later. Another thread's id is taken as it is: REQUIRES that it does not end while
-    /// workers may still notify.
+    /// Usually of the calling thread: the monitor then notices by itself when that thread ends, and signals
+    /// no thread that is given its id later. Another thread's id is taken as it is: REQUIRES that it does not
+    /// end while workers may still notify.
     void SetDBusThreadId(unsigned long threadId) override;
     /// Calls `Stop()` on every worker, in the order of registration; does not wait for their threads.
     void StopWorkerThreads() override;
     /// Sends SIGTERM to the D-Bus thread, which its event loop takes as the order to leave. Done once: after
-    /// a signal that was sent further calls only log, so the first one decides what `HasFailure` says. When
-    /// it could not be sent (no D-Bus thread yet, or no more), that is logged, `HasFailure` says `onFailure`
-    /// all the same, and the next call tries again.
+    /// a signal that was sent further calls only log, so the first call decides the result of `HasFailure`.
+    /// When the signal could not be sent (no D-Bus thread yet, or no more), the failure is logged,
+    /// `HasFailure` says `onFailure` all the same, and the next call tries again.
     void NotifyDBusThreadToStop(bool onFailure) override;
     void NotifyDBusThreadToStopOnFailure() override;
     /// For main, once the D-Bus thread has been joined: the process's exit result.

@@ -6,7 +6,7 @@ namespace mwl::Threading {
 
 class ThreadManager;
 
-/// How the threads of a service process stop together: `ThreadsMonitor` is the one of the process, a test may
+/// Stops the threads of a service process together. `ThreadsMonitor` is the process's monitor, a test may
 /// stand in. Any thread may call any operation, but a worker's `Stop()` may call none.
 class TERN_API ThreadsMonitorInterface {
 public:

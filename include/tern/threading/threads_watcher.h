@@ -18,7 +18,7 @@ namespace mwl::Threading {
 /// The process's one watcher: it looks at every watched thread once a watch period and kills the process with
 /// SIGKILL, for the service manager to restart it, when one of them is blocked. The error messages before the
 /// kill are its only record. The kill does not depend on them: when they are not written within three
-/// quarters of a second, as with a logger that blocks, the process is killed without.
+/// quarters of a second, for example because a logger blocks, the process is killed without them.
 ///
 /// A process that was stopped or frozen (SIGSTOP, cgroup freezer) is not killed for that: a look that comes
 /// more than a second late is left out, and the next one follows after one more watch period, a second at

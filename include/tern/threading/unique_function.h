@@ -18,8 +18,8 @@ class UniqueFunction;
 ///     UniqueFunction<void()> job = [answer = std::move(answer)]() mutable { answer.Return(Count()); };
 ///     pool.QueueUnique(std::move(job));
 ///
-/// What fits into four pointers and moves without throwing lies in the object itself; anything else costs one
-/// allocation. Moving costs none and leaves the source empty.
+/// A function that fits into four pointers and moves without throwing lies in the object itself; any other
+/// costs one allocation. Moving costs none and leaves the source empty.
 ///
 /// One thread at a time. The function dies with the object, or when another takes its place.
 template <typename Result, typename... Arguments>
@@ -53,7 +53,7 @@ public:
     }
     /// Takes over; `other` is empty then.
     UniqueFunction(UniqueFunction&& other) noexcept { Take(other); }
-    /// What was held dies after the new one is in place.
+    /// The former function dies after the new one is in place.
     UniqueFunction& operator=(UniqueFunction&& other) noexcept {
         if (this != &other) {
             const UniqueFunction former(std::move(*this));

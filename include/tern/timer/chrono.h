@@ -27,7 +27,7 @@ public:
     explicit Chrono(const std::string& name);
     virtual ~Chrono();
 
-    /// Begins a measurement and returns its id. Fixed by the interface: the id is always 0, as one
+    /// Begins a measurement and returns its id. Fixed by the interface: the id is always 0, because one
     /// measurement is open at a time, and another Start before Stop begins it again.
     unsigned int Start();
     /// Ends measurement `id` and adds its whole milliseconds, truncated, to the total; does nothing for an id

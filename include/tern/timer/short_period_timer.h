@@ -11,7 +11,7 @@ namespace mwl::Timer {
 
 /// Runs a callback at a short period on one thread of its own: a POSIX timer on CLOCK_MONOTONIC signals that
 /// very thread, which waits for the signal (timer_create(2) with SIGEV_THREAD_ID, sigwait(3)). No thread is
-/// made per expiry and no signal handler runs.
+/// created for an expiry, and no signal handler runs.
 ///
 ///     ShortPeriodTimer timer(10, true, [&] { ... });  // every 10 ms
 ///     if (timer.Start() != StatusCode::Ok) { ... }
@@ -26,19 +26,19 @@ namespace mwl::Timer {
 /// - While a Stop of the owner waits for the thread, Start returns Stopping and changes nothing. So a timer
 ///   whose callback arms it each time can be stopped as well.
 ///
-/// The callback runs on the timer's thread only, one call at a time. What it throws ends the process. An
-/// empty one raises std::bad_function_call there. One that takes longer than the period misses expiries, and
-/// nothing makes up for them.
+/// The callback runs on the timer's thread only, one call at a time. An exception of it ends the process. An
+/// empty callback raises std::bad_function_call there. A callback that takes longer than the period misses
+/// expiries, and nothing makes up for them.
 ///
 /// The signal is SIGRTMIN. Nothing else in the process may use it. It needs no handler, and its default
 /// action is never taken, because it is sent to the timer's thread alone, which blocks it.
 ///
-/// Stop waits until the thread leaves its wait, and only an expiry of the timer makes it leave: so Stop lasts
+/// Stop waits until the thread leaves its wait, and only an expiry of the timer makes it leave: so Stop takes
 /// up to one period, and the callback runs once more. **For a timer that is not periodic, and whose one
 /// expiry has happened, Stop does not return.** End such a timer from inside its callback, or destroy it.
 /// When nothing has been armed (the period is 0, or Start failed half-way) Stop returns immediately and the
 /// callback does not run. Stop sends no signal and needs none to be free: it returns also when the limit of
-/// queued signals is used up (RLIMIT_SIGPENDING, setrlimit(2)), as an armed timer has its own.
+/// queued signals is used up (RLIMIT_SIGPENDING, setrlimit(2)), because an armed timer has its own.
 ///
 /// The destructor deletes the timer and does not stop its thread: without Stop the thread remains, waiting,
 /// until the process ends. No expiry that comes after the destructor calls back. A callback that has begun,
@@ -56,8 +56,8 @@ public:
     /// CreateThread, CreateTimer, SetTimerTime. A timer that is running is armed again, from now; one that
     /// was stopped starts again. Blocks until the thread runs. After the callback has stopped the timer it
     /// blocks until that callback has returned or has started it again. Ok: armed. Stopping, not logged: the
-    /// callback has destroyed the timer meanwhile. Any other: the first failure of the three. What was made
-    /// before it is kept until Stop.
+    /// callback has destroyed the timer meanwhile. Any other: the first failure of the three. Whatever was
+    /// created before it is kept until Stop.
     StatusCode Start() override;
     /// StopThread, then deletes the timer. Failure, logged, when there is no timer or it cannot be deleted
     /// (timer_delete(2)); then it is kept. On the timer's own thread it does not wait: the thread ends when
@@ -80,9 +80,9 @@ public:
     /// timer meanwhile; Failure, logged, when a timer that Stop had to keep still cannot be deleted. A thread
     /// that the system refuses leaves as std::system_error; no thread exists then.
     StatusCode CreateThread();
-    /// Second step: makes the timer, aimed at the thread. Ok also when there is one. Failure, logged, when
-    /// the system refuses (timer_create(2)), as it does without a thread, with one that was stopped, and
-    /// without a free signal (RLIMIT_SIGPENDING). Stopping as in CreateThread.
+    /// Second step: creates the timer, aimed at the thread. Ok also when there is one. Failure, logged, when
+    /// the system refuses (timer_create(2)): without a thread, with a thread that was stopped, and without a
+    /// free signal (RLIMIT_SIGPENDING). Stopping as in CreateThread.
     StatusCode CreateTimer();
     /// Third step: arms the timer. Failure, logged, when there is none or it cannot be set
     /// (timer_settime(2)). Stopping as in CreateThread.

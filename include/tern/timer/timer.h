@@ -20,15 +20,15 @@ namespace mwl::Timer {
 /// | DisarmActiveTimer    | logged, Failure      | disarmed, Ok          | Ok                    |
 /// | Stop                 | logged, Failure      | deleted, Ok           | deleted, Ok           |
 ///
-/// Threads: every operation may be called from any thread, the callback's included; none of them blocks.
-/// The callback runs on a thread made for each expiry, concurrently with the owner and, when it takes longer
+/// Threads: every operation may be called from any thread, the callback's included; none of them blocks. The
+/// callback runs on a thread created for each expiry, concurrently with the owner and, when it takes longer
 /// than the period, with itself: it synchronises what it touches. It may stop, start or destroy its own
 /// timer, also while another thread is in an operation; from then on Start, Create and Execute return
-/// Stopping, not logged, and do nothing. What it throws ends the process. Each expiry costs a thread: for
+/// Stopping, not logged, and do nothing. An exception of it ends the process. Each expiry costs a thread: for
 /// periods of a few milliseconds take `ShortPeriodTimer`.
 ///
 /// At most 32 calls of one timer's callback run at a time. An expiry that comes while they do is dropped; the
-/// first one is logged as an error, and how many were, as a warning, when the last call has returned.
+/// first one is logged as an error, and their number as a warning when the last call has returned.
 ///
 /// When the system has no thread for an expiry (RLIMIT_NPROC, pids.max), it drops it and reports it to
 /// nobody. An expiry that was not announced two seconds after it was due is served then, on a thread of the
@@ -37,9 +37,9 @@ namespace mwl::Timer {
 /// dropped fires about once in two seconds; the GNU C library loses a small block of memory with each that it
 /// drops. For this a process that creates a timer keeps one more thread, which waits.
 ///
-/// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, as the C
-/// library makes them so. Threads and child programs that a callback starts inherit that: unblock first what
-/// they are to receive (pthread_sigmask(3)).
+/// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, because the C
+/// library creates them so. Threads and child programs that a callback starts inherit the blocked signals:
+/// first unblock those that they are to receive (pthread_sigmask(3)).
 ///
 /// Lifetime: Stop and the destructor delete the timer and do not wait. No expiry that is announced after them
 /// calls back. A callback that has begun, or whose announcement had already found its timer, may still run,

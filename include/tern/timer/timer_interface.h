@@ -5,7 +5,7 @@
 
 namespace mwl::Timer {
 
-/// What every timer can do: `Timer` and `ShortPeriodTimer` say what their operations mean in detail.
+/// The operations of every timer; `Timer` and `ShortPeriodTimer` describe them in detail.
 class TERN_API TimerInterface {
 public:
     virtual ~TimerInterface();

@@ -13,7 +13,7 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// What All gives: waits for a tuple of tasks.
+/// The result of All: waits for a tuple of tasks.
 template <class... R>
 class [[nodiscard]] AllOf final : public GroupAwaiter<std::tuple<Task<R>...>> {
     using Base = GroupAwaiter<std::tuple<Task<R>...>>;
@@ -57,7 +57,7 @@ public:
 }  // namespace Detail
 
 /// Waits until all are done, and gives their results as a tuple in this order; std::monostate stands for
-/// nothing. Tasks are taken over; anything else that can be awaited, as a call or Sleep, is moved into a
+/// nothing. Tasks are taken over; anything else that can be awaited, such as a call or Sleep, is moved into a
 /// coroutine of its own, which begins immediately.
 ///
 ///     auto [target, celsius] = co_await All(heater.Get(Heater1::Target), heater.Get(Heater1::Temperature));

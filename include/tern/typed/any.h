@@ -56,7 +56,7 @@ public:
     TERN_API Any() noexcept;
     TERN_API Any(const Any& other);                 ///< std::bad_alloc when memory is short
     TERN_API Any(Any&& other) noexcept;             ///< leaves the other one empty
-    TERN_API Any& operator=(const Any& other);      ///< as the copy
+    TERN_API Any& operator=(const Any& other);      ///< as the copy; then it stays as it was
     TERN_API Any& operator=(Any&& other) noexcept;  ///< as the move
     TERN_API ~Any();
 

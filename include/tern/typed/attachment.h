@@ -11,8 +11,9 @@ namespace mwl::Typed {
 class InterfaceBase;
 struct ReplyState;
 
-/// What an interface asks of the bus it was attached to (InterfaceBase::Attach). One for a whole bus or one
-/// for each interface, as suits the bus: InterfaceBase::GetAttachment gives back the one that was attached.
+/// The services of the bus that an interface was attached to (InterfaceBase::Attach). There may be one for a
+/// whole bus or one for each interface, as suits the bus: InterfaceBase::GetAttachment gives back the one
+/// that was attached.
 ///
 /// D-Bus thread only. Lives as long as an interface is attached to it. Nothing here throws.
 class Attachment {

@@ -81,7 +81,7 @@ consteval Reason ReasonAgainst() {
 /// It can then be used in containers, structures and fields as well. Where a type is only sent, Read may be
 /// missing. For the outcomes, which are every codec's, see the functions Write and Read.
 ///
-/// What is instantiated here is a type that D-Bus cannot carry: it does not compile, with one message.
+/// Instantiated for a type that D-Bus cannot carry: it does not compile, with one message.
 template <class T>
 struct Codec {
     /// Why there is no codec.
@@ -134,7 +134,7 @@ int Write(sd_bus_message* message, const T& value) {
 /// Reads the value at the message's position. The message is sealed; one thread at a time.
 ///
 /// Outcomes:
-/// - more than 0: read, the position is behind it.
+/// - more than 0: read, the position is after it.
 /// - 0: at the end of the array that is being read; nothing is read.
 /// - -EINVAL with `fault.text`: the message's value is not one of this type.
 /// - -EOPNOTSUPP with `fault.text`: an array of the other byte order was to be borrowed.
@@ -152,8 +152,8 @@ int Read(sd_bus_message* message, T& value, Fault& fault) {
 /// that are reserved as no characters, without a null character.
 TERN_API bool IsText(std::string_view text) noexcept;
 
-/// Appends text of the type `code`: 's', 'o' or 'g'. Nothing is appended unless it is well-formed, as a
-/// message bus ends the connection of whoever sends text that is not.
+/// Appends text of the type `code`: 's', 'o' or 'g'. Nothing is appended unless the text is well-formed,
+/// because a message bus ends the connection of whoever sends other text.
 ///
 /// Outcomes: 0 or more, appended; -EINVAL, not IsText, or no object path or signature; -ENOMEM; another
 /// negative errno, sd-bus's own.
@@ -236,7 +236,7 @@ struct Codec<std::string> : Detail::OfCode<'s'> {
     }
 };
 
-/// What is read points into the message.
+/// The result points into the message.
 template <>
 struct Codec<std::string_view> : Detail::OfCode<'s'> {
     static int Write(sd_bus_message* message, std::string_view value) {

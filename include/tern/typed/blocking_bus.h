@@ -28,7 +28,7 @@ namespace Detail {
 
 using OwnedMessage = std::unique_ptr<sd_bus_message, Unref>;
 
-/// A call that is to be made.
+/// A call that is to be sent.
 struct BlockingRequest {
     const char* destination;
     const char* path;
@@ -43,7 +43,7 @@ struct BlockingRequest {
 /// Appends the arguments; `index` is that of the one that could not be.
 using ArgumentsWriter = std::function<int(sd_bus_message* message, unsigned& index)>;
 
-/// What of a Listening does not depend on types.
+/// The part of a Listening that does not depend on types.
 class TERN_API ListeningBase {
 protected:
     ListeningBase(std::shared_ptr<BlockingBus> bus, std::string destination, const std::string& path,
@@ -81,9 +81,9 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 /// A connection of one's own to a message bus, for command-line tools, main programs and workers that have
 /// nothing else to do than to wait for an answer. Services use `Proxy`, which does not block.
 ///
-/// To make one does nothing; it connects with the first call. When the connection is lost, the call that
-/// waits ends, and the next one connects again. While it waits it takes in what else is sent to it and drops
-/// it, so that nobody can make the process grow by sending to it; between calls nothing is taken in.
+/// Its creation does nothing; it connects with the first call. When the connection is lost, the call that
+/// waits ends, and the next one connects again. While it waits it takes in other messages to it and drops
+/// them, so that nobody can make the process grow by sending to it; between calls nothing is taken in.
 ///
 /// Every operation blocks, at most for its limit, the time for connecting included. It is no point of
 /// cancellation, and that the calling thread is to stop does not end it: in a supervised thread the limit has
@@ -91,7 +91,7 @@ Outcome<std::tuple<T...>> DecodeSignal(sd_bus_message* signal, const char* signa
 ///
 /// Held as `std::shared_ptr<BlockingBus>`, so that several proxies may use one connection. One thread at a
 /// time for all that use the same one; any thread but a D-Bus thread, see `Deadlock` below. Not across
-/// fork(2), but that the child connects again.
+/// fork(2), except that the child connects again.
 ///
 /// Where there is no connection, the outcome of a call, or of Connect, is:
 /// "org.freedesktop.DBus.Error.NoServer": there is no such bus. The text says what a person can look at.
@@ -129,8 +129,8 @@ public:
     /// The connection; null without one. Borrowed until the next operation. For what nothing here does.
     sd_bus* GetBus() const noexcept;
 
-    /// What the calls of BlockingProxy do. The reply, which may be an error; null where none is expected.
-    /// Applications do not need it.
+    /// Used by the calls of BlockingProxy. Returns the reply, which may be an error; null where none is
+    /// expected. Applications do not need it.
     Outcome<Detail::OwnedMessage> Ask(const Detail::BlockingRequest& request,
                                       const Detail::ArgumentsWriter& write);
 
@@ -140,8 +140,9 @@ private:
     const std::unique_ptr<State> mState;
 };
 
-/// The signals of one kind from one object of a peer, from when it was made, by BlockingProxy::Listen, until
-/// it is destroyed: for those that are to be seen whatever they come with, as the end of what a call begins.
+/// The signals of one kind from one object of a peer, from its creation, by BlockingProxy::Listen, until it
+/// is destroyed: for signals that are to be seen whatever they come with, such as the end of what a call
+/// begins.
 ///
 ///     auto exported = room.Listen(Thermostat1::LogExported);
 ///     const Outcome<void> begun = room.Call(Thermostat1::Begin);
@@ -165,8 +166,8 @@ public:
         : ListeningBase(std::move(bus), std::move(destination), path, interface, member, limit),
           mSignature(signature) {}
 
-    /// Whether it listens, or why it does not, which Next reports as well: the errors of BlockingBus, or what
-    /// the message bus refused it with.
+    /// Whether it listens, or why it does not, which Next reports as well: the errors of BlockingBus, or the
+    /// error with which the message bus refused it.
     Outcome<void> GetState() const { return ListeningBase::GetState(); }
     /// The values of the next signal, waited for at most for `limit`; 0 for one that is there already, behind
     /// 64 other messages at most.

@@ -49,7 +49,7 @@ int WriteCounted([[maybe_unused]] sd_bus_message* message, [[maybe_unused]] unsi
     return r;
 }
 
-/// What a blocking proxy has for each type of member, as MethodCalls is of a Proxy.
+/// The operations of a blocking proxy for each type of member, like MethodCalls for a Proxy.
 template <class Contract, class M>
 class BlockingMethods;
 template <class Contract, class R, class... A>
@@ -152,7 +152,7 @@ using BlockingCallsOf = BlockingCalls<
 }  // namespace Detail
 
 /// An object of a peer that keeps a contract, for command-line tools, main programs and workers: each
-/// operation waits for its answer. What runs on a service's D-Bus thread uses `Proxy`.
+/// operation waits for its answer. On a service's D-Bus thread use `Proxy`.
 ///
 ///     const BlockingProxy<Thermostat1> room("com.example.Thermostat", "/com/example/Thermostat");
 ///     const Outcome<void> boosted = room.Call(Thermostat1::Boost, 60u);
@@ -161,8 +161,8 @@ using BlockingCallsOf = BlockingCalls<
 ///     const Outcome<std::string> path = room.Within(120s).Call(Thermostat1::ExportLog, "pw");
 ///     const auto measured = room.WaitFor(Thermostat1::Measured, 10s);   // Outcome<std::tuple<double>>
 ///
-/// What it offers is made for the members of the contract; what is a member of another one, or no constant,
-/// does not compile, nor do values of other D-Bus types than the contract's.
+/// Its operations are for the members of the contract. A member of another contract, or one that is no
+/// constant, does not compile, nor do values of other D-Bus types than the contract's.
 ///
 /// - `Call(method, values...) -> Outcome<R>`. A method that is NO_REPLY has its outcome as soon as the
 ///   message bus has the call. The memory of one that is SENSITIVE is erased.
@@ -193,7 +193,7 @@ public:
     BlockingProxy(std::shared_ptr<BlockingBus> bus, std::string destination, std::string path)
         : mTarget{std::move(bus), std::move(destination), std::move(path)} {}
 
-    /// The same with another limit for each of its operations; Remote::TIMEOUT at first, 5 s. 0 or less
+    /// The same with another limit for each of its operations; initially Remote::TIMEOUT, 5 s. 0 or less
     /// counts as the shortest time there is, Remote::NO_LIMIT as none.
     [[nodiscard]] BlockingProxy Within(std::chrono::milliseconds limit) const {
         BlockingProxy other(*this);
@@ -212,7 +212,7 @@ public:
     }
     /// Its connection.
     const std::shared_ptr<BlockingBus>& GetBus() const noexcept { return mTarget.bus; }
-    /// What the operations need. Applications do not.
+    /// For the operations. Applications do not need it.
     const Detail::BlockingTarget& GetTarget() const noexcept { return mTarget; }
 
 private:

@@ -18,9 +18,9 @@
 
 namespace mwl::Typed {
 
-/// What UntypedProxy is, for command-line tools, main programs and workers: each operation waits for its
-/// answer. Its operations, with their arguments and errors, are those of UntypedProxy, its connection,
-/// threads and limits those of BlockingProxy.
+/// The UntypedProxy of command-line tools, main programs and workers: each operation waits for its answer.
+/// Its operations, with their arguments and errors, are those of UntypedProxy; its connection, threads and
+/// limits are those of BlockingProxy.
 ///
 ///     const BlockingUntypedProxy room("com.example.Thermostat", "/com/example/Thermostat");
 ///     const Outcome<Introspection::Node> what = room.Introspect();
@@ -45,7 +45,7 @@ public:
     /// As UntypedProxy::Introspect.
     Outcome<Introspection::Node> Introspect() const;
 
-    /// The same with another limit for each of its operations; Remote::TIMEOUT at first, 5 s. 0 or less
+    /// The same with another limit for each of its operations; initially Remote::TIMEOUT, 5 s. 0 or less
     /// counts as the shortest time there is, Remote::NO_LIMIT as none.
     [[nodiscard]] BlockingUntypedProxy Within(std::chrono::milliseconds limit) const;
     /// The limit of this one's operations from now on.

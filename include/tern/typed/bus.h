@@ -25,7 +25,7 @@ namespace mwl::Typed {
 struct BusAccess;
 struct ReplyState;
 
-/// Keeps an object on the bus; the object goes when this is destroyed. Made by Bus::Export.
+/// Keeps an object on the bus; the object goes when this is destroyed. Created by Bus::Export.
 ///
 /// On the D-Bus thread the object is gone immediately: its members are answered "unknown object" and its
 /// removal is announced. Its implementation is destroyed when the turn of the loop ends, so that a handler
@@ -33,7 +33,7 @@ struct ReplyState;
 /// after what this thread posted before; no limit refuses it.
 ///
 /// Once the bus has closed there is nothing to be taken from it any more. The implementation is then
-/// destroyed here on the D-Bus thread; on another thread it is left to the bus's destructor. One that
+/// destroyed here on the D-Bus thread; on another thread it is left to the bus's destructor. An export that
 /// outlives the bus does nothing.
 ///
 /// Any thread, one at a time.
@@ -80,9 +80,8 @@ private:
 /// share of jobs, is done; then new objects are announced with their values (InterfacesAdded; sd-bus leaves
 /// those out that only invalidate), and one PropertiesChanged for each interface lists all that has changed.
 /// So a change is announced after the reply to the call that made it, and after signals of the same handler;
-/// who needs another order calls Flush. The removal of an object is announced immediately. An object that
-/// comes and goes within a turn is never announced; changes of one that is being announced are in its
-/// announcement.
+/// call Flush for another order. The removal of an object is announced immediately. An object that comes and
+/// goes within a turn is never announced; changes of one that is being announced are in its announcement.
 ///
 /// When the loop ends: changes are announced; open calls are answered "org.freedesktop.DBus.Error.NoReply",
 /// "the service is stopping"; what waits here as a client ends with `Stopping`, and what would wait from now
@@ -98,15 +97,15 @@ private:
 /// | Flush                                     | nothing        | yes  | nothing        |
 /// | Close                                     | nothing        | yes  | nothing        |
 ///
-/// D-Bus thread only, but for Post, the constructor, and the destructor of one that is closed. Debug builds
-/// check that. Manager and loop outlive the time until Close.
+/// D-Bus thread only, except Post, the constructor, and the destructor of a closed bus. Debug builds check
+/// this. Manager and loop outlive the time until Close.
 class TERN_API Bus {
 public:
     /// Limits, unless set otherwise.
     static constexpr std::size_t OPEN_CALLS = 64;
     static constexpr std::size_t PENDING_CALLS = 16384;  ///< see SetPendingCalls
 
-    /// What has happened since Open, and what is there now.
+    /// Events since Open, and present numbers.
     struct Counters {
         std::uint64_t changes = 0;       ///< PropertiesChanged sent
         std::uint64_t added = 0;         ///< InterfacesAdded sent
@@ -134,17 +133,17 @@ public:
 
     Bus();
     /// Closes; then destroys the implementations that are left, on this thread. REQUIRES: not in a handler of
-    /// one of them. One that is still open is destroyed on the D-Bus thread.
+    /// one of them. A bus that is still open is destroyed on the D-Bus thread.
     ~Bus();
     Bus(const Bus&) = delete;
     Bus& operator=(const Bus&) = delete;
 
     /// In IpcServer::Start: the manager is connected and attached to the loop.
     /// Ok. Busy: this one, or another of this thread, is open. InvalidArgument: the manager is not connected,
-    /// or the loop not made. NotInitialized: it has been closed; a bus is opened once. Otherwise the status
-    /// of the failing call, logged; nothing has changed.
+    /// or there is no loop yet. NotInitialized: it has been closed; a bus is opened once. Otherwise the
+    /// status of the failing call, logged; nothing has changed.
     StatusCode Open(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop);
-    /// What the end of the loop does by itself, see above; for when the loop never ran: call it in
+    /// The end of the loop does this by itself, see above. For a loop that never ran: call it in
     /// IpcServer::Stop. REQUIRES: not in a handler. Harmless to repeat.
     void Close();
 
@@ -187,19 +186,19 @@ public:
     bool Post(Job job);
 
     /// Sends now what would wait for the end of the turn: announcements of new objects, and all changes,
-    /// those that the period holds back included. Does nothing while it is at it already, as when a getter
-    /// calls it.
+    /// those that the period holds back included. Does nothing while it is at it already, for example when a
+    /// getter calls it.
     void Flush();
 
     /// Against floods: the first change of an interface is announced at the end of its turn, later ones once
-    /// per period, all together. 0, as it is at first, announces them at the end of each turn; below 0 counts
+    /// per period, all together. 0, the initial value, announces them at the end of each turn; below 0 counts
     /// as 0.
     void SetChangePeriod(std::chrono::milliseconds period);
-    /// How many calls may be open, OPEN_CALLS at first. One more is answered
+    /// How many calls may be open, initially OPEN_CALLS. One more is answered
     /// "org.freedesktop.DBus.Error.LimitsExceeded" immediately. Calls that wait for their caller's
     /// credentials count.
     void SetOpenCalls(std::size_t limit);
-    /// How many calls to peers may wait for their reply, PENDING_CALLS at first; a waiting one takes about
+    /// How many calls to peers may wait for their reply, initially PENDING_CALLS; a waiting call takes about
     /// half a kilobyte. One more is not sent, its outcome is "org.freedesktop.DBus.Error.LimitsExceeded". The
     /// message bus has a limit of its own, see Call.
     void SetPendingCalls(std::size_t limit);

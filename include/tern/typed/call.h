@@ -1,6 +1,6 @@
 #pragma once
 
-/// Calls of other services' methods that do not block: `Call<R>`, made by a `Proxy`, and `Pending`.
+/// Calls of other services' methods that do not block: `Call<R>`, created by a `Proxy`, and `Pending`.
 
 #include <systemd/sd-bus.h>
 #include <tern/foundation/api.h>
@@ -30,7 +30,7 @@ struct Unref {
 
 }  // namespace Detail
 
-/// What of a Call does not depend on its result; see there.
+/// The part of a Call that does not depend on its result; see there.
 class TERN_API CallBase : protected Stoppable {
 public:
     /// Sends it, and does not want to know what comes of it: the message says that no reply is expected, so
@@ -38,11 +38,11 @@ public:
     void Detach() && { SendUnasked(); }
 
     /// To append arguments by hand, as sd_bus_message_append(3) does. Null once it has been sent, or when
-    /// there is none, as without an open bus; then the outcome says why. Borrowed.
+    /// there is none, for example without an open bus; then the outcome says why. Borrowed.
     sd_bus_message* GetMessage() const noexcept { return mPhase == Phase::New ? mMessage.get() : nullptr; }
-    /// The argument number `index`, beginning with 0, cannot be sent, as `error` says, a negative error
-    /// number: the call is not sent, its outcome is the error. `name` is that of the argument, null for none;
-    /// it lives as long as the call.
+    /// The argument number `index`, beginning with 0, cannot be sent; `error`, a negative error number, says
+    /// why. The call is not sent, its outcome is the error. `name` is that of the argument, null for none; it
+    /// lives as long as the call.
     void RefuseArgument(unsigned index, const char* name, int error) noexcept;
     /// The call is not sent, and its outcome is `reason`. Before it is sent. Throws std::bad_alloc.
     void Refuse(Error reason);
@@ -51,17 +51,17 @@ public:
     /// Its memory is erased when it is released, see sd_bus_message_sensitive(3). Before it is sent.
     void SetSensitive() noexcept;
 
-    /// What is sent stays where it is.
+    /// A call that is sent stays where it is.
     CallBase& operator=(CallBase&&) = delete;
 
 protected:
     /// Makes the message; where that fails, the outcome says so.
     CallBase(std::shared_ptr<const Remote> remote, const char* interface, const char* member) noexcept;
-    /// What has not been sent; `other` counts as sent then.
+    /// Takes a call that has not been sent; `other` counts as sent then.
     CallBase(CallBase&& other) noexcept;
     ~CallBase();
 
-    /// Of one that has not been sent.
+    /// Of a call that has not been sent.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept {
         if (mPhase == Phase::New) {
             mTimeout = timeout;
@@ -78,7 +78,7 @@ protected:
             mMessage.reset(sd_bus_message_ref(mReply));
         }
     }
-    /// OnDone will be called at the end of the turn, as there is an outcome already.
+    /// OnDone will be called at the end of the turn, because there is an outcome already.
     void Postpone() noexcept;
 
     /// The outcome, once: it is the taker's then, and the reply is released.
@@ -112,7 +112,7 @@ private:
         Status,    ///< mError is a StatusCode
         TooMany,   ///< wait for their replies already
         Argument,  ///< mIndex, mName; mError is sd-bus's
-        Message,   ///< could not be made; mError is sd-bus's
+        Message,   ///< could not be created; mError is sd-bus's
         Sending,   ///< mError is sd-bus's
         Reason,    ///< mReason
     };
@@ -128,14 +128,14 @@ private:
     Error GetFailure() const;
 
     std::shared_ptr<const Remote> mRemote;
-    /// Of a new one the call; of one that is answered the reply, if it was kept.
+    /// Of a new call: the call's message. Of an answered one: the reply, if it was kept.
     std::unique_ptr<sd_bus_message, Detail::Unref> mMessage;
-    /// Of one that waits.
+    /// Of a call that waits.
     std::unique_ptr<sd_bus_slot, Detail::Unref> mSlot;
     /// Of Cause::Reason.
     std::unique_ptr<Error> mReason;
-    /// What a call needs in one phase only shares a word, as each call that is waited for keeps its own, in a
-    /// coroutine's frame or on the heap. Nothing in it is owned.
+    /// What a call needs in one phase only shares a word, because each call that is waited for keeps its own,
+    /// in a coroutine's frame or on the heap. Nothing in it is owned.
     union {
         std::chrono::milliseconds mTimeout;  ///< of Phase::New
         sd_bus_message* mReply;              ///< of Phase::Answered: sd-bus's while it calls, or mMessage
@@ -185,7 +185,7 @@ public:
 
 private:
     void Run() override {
-        // Out of here, as it may destroy this.
+        // Out of here, because it may destroy this.
         F handler = std::move(mHandler);
         handler(TakeOutcome<R>(mDecoder));
     }
@@ -227,7 +227,7 @@ private:
     std::unique_ptr<Detail::PendingBase> mCall;
 };
 
-/// A call of a peer's method, made by a `Proxy` and not sent yet: it is sent, once, by one of
+/// A call of a peer's method, created by a `Proxy` and not sent yet: it is sent, once, by one of
 ///
 ///     Outcome<std::string> path = co_await room.Call(Thermostat1::ExportLog, "pw").Within(2s);
 ///     mPending = room.Call(Thermostat1::Boost, 60u).Then([this](Outcome<void> outcome) { ... });
@@ -240,16 +240,16 @@ private:
 ///   that is not there or has gone meanwhile.
 /// - "mwl.Typed.Error.WrongReply": the reply is not what the contract says, see Decode. It is counted
 ///   (Bus::Counters) and logged, ten times in ten seconds at most.
-/// - GetStatus() is `Timeout`: no reply in time. One that comes later is dropped.
-/// - "org.freedesktop.DBus.Error.InvalidArgs": not sent, as a value cannot be sent, such as text that is not
-///   UTF-8, or as destination or path are none. The text names it.
+/// - GetStatus() is `Timeout`: no reply in time. A reply that comes later is dropped.
+/// - "org.freedesktop.DBus.Error.InvalidArgs": not sent, because a value cannot be sent, such as text that is
+///   not UTF-8, or because the destination or the path is not valid. The text names it.
 /// - "mwl.StatusCode.Stopping": the bus closes or has closed, so it was not sent or its reply will not come.
 ///   "mwl.StatusCode.NotInitialized": it has not been opened.
 /// - GetStatus() is `IoError`: the connection is lost.
-/// - "org.freedesktop.DBus.Error.LimitsExceeded": not sent, as too many calls wait (Bus::SetPendingCalls), or
-///   as more than sd-bus keeps would wait to be written; or sent and refused by the message bus, whose own
-///   limit a system bus sets low: dbus-daemon lets a connection wait for 128 replies unless its configuration
-///   has another max_replies_per_connection.
+/// - "org.freedesktop.DBus.Error.LimitsExceeded": not sent, because too many calls wait
+///   (Bus::SetPendingCalls), or because more than sd-bus keeps would wait to be written; or sent and refused
+///   by the message bus, whose own limit a system bus sets low: dbus-daemon lets a connection wait for 128
+///   replies unless its configuration has another max_replies_per_connection.
 /// - GetStatus() is `OutOfMemory`: there is none for the call or for its result.
 ///
 /// Nothing but lack of memory in Then is thrown. To destroy a call, or the coroutine that awaits it, cancels:
@@ -261,14 +261,14 @@ private:
 template <class R>
 class [[nodiscard]] Call final : public CallBase {
 public:
-    /// What the outcome holds.
+    /// The type in the outcome.
     using Result = R;
     /// Reads the reply.
     using Decoder = Outcome<R> (*)(sd_bus_message* reply, const Remote* remote);
 
-    /// One of any interface and member, whose arguments are appended by hand (GetMessage), as when they
-    /// become known at run time only. The names need not outlive this. Where they are no names, or the bus
-    /// is not open, the outcome says so.
+    /// One of any interface and member, whose arguments are appended by hand (GetMessage), for example
+    /// because they become known at run time only. The names need not outlive this. Where they are not valid,
+    /// or the bus is not open, the outcome says so.
     Call(std::shared_ptr<const Remote> remote, const char* interface, const char* member,
          Decoder decoder = &DecodeAs) noexcept
         : CallBase(std::move(remote), interface, member), mDecoder(decoder) {}
@@ -277,8 +277,8 @@ public:
     Call& operator=(Call&&) = delete;
     ~Call() = default;
 
-    /// How long the reply is waited for, instead of what the proxy says. 0 or less counts as the shortest
-    /// time there is, above ten years as no limit.
+    /// How long the reply is waited for, instead of the proxy's limit. 0 or less counts as the shortest time
+    /// there is, above ten years as no limit.
     Call& Within(std::chrono::milliseconds limit) & noexcept {
         SetTimeout(limit);
         return *this;
@@ -297,8 +297,9 @@ public:
     /// is logged; nor do those that a chain of handlers, each of which calls again, makes without end while
     /// the bus closes.
     ///
-    /// What it throws is treated as what any callback of the loop throws, see EventLoop::AddIo: it is logged
-    /// (critical, logger name "Typed"), and the loop ends in order with the exit code -ENOTRECOVERABLE.
+    /// An exception of it is treated like that of any callback of the loop, see EventLoop::AddIo: it is
+    /// logged (critical, logger name "Typed"), and the loop ends in order with the exit code
+    /// -ENOTRECOVERABLE.
     ///
     /// Throws std::bad_alloc, and what moving the handler does; nothing has been sent then.
     template <class F>
@@ -315,7 +316,7 @@ public:
         return Pending(std::move(call));
     }
 
-    /// Of the coroutine that awaits it: it always asks for what comes.
+    /// Of the coroutine that awaits it, which always asks for the outcome.
     bool await_ready() const noexcept { return false; }
     /// Sends it. Where that fails the coroutine goes on immediately.
     bool await_suspend(std::coroutine_handle<> waiting) noexcept {

@@ -14,10 +14,10 @@ namespace mwl::Typed {
 ///         TERN_LOG_NOTICE(LOGGER, "%s formats %s", caller.GetSender(), ...);
 ///
 /// The message bus knows user and process of each connection, and they never change, so `Bus` keeps them: of
-/// at most 256 callers, as long as these are on the bus. Those of a caller of a `Checked` member are known by
-/// the time the handler runs. For another caller whose are not known yet, GetUid, GetPid and IsPrivileged ask
-/// the message bus and wait for it, some 0.1 ms, 25 s for one that hangs; once they are known they are
-/// answered immediately.
+/// at most 256 callers, as long as these are on the bus. For a caller of a `Checked` member they are known by
+/// the time the handler runs. For another caller, while they are not known yet, GetUid, GetPid and
+/// IsPrivileged ask the message bus and wait for it: some 0.1 ms, or 25 s for a message bus that hangs. Once
+/// they are known, these calls return immediately.
 ///
 /// D-Bus thread only. Valid as long as the handler's message, so during the handler; a handler that answers
 /// later takes along what it needs of it.
@@ -28,9 +28,9 @@ public:
 
     /// Its unique name on the bus, for example ":1.42"; "" on a connection without a bus.
     const char* GetSender() const noexcept;
-    /// What sd_bus_query_sender_privilege(3) says: the caller's user is root or this process's, or it has the
-    /// capability (capabilities(7)), -1 for none. A message bus reports nobody's capabilities, so there the
-    /// user decides. False also when it cannot be found out.
+    /// The result of sd_bus_query_sender_privilege(3): the caller's user is root or this process's, or it has
+    /// the capability (capabilities(7)), -1 for none. A message bus reports nobody's capabilities, so there
+    /// the user decides. False also when it cannot be found out.
     bool IsPrivileged(int capability = -1) const noexcept;
     /// The caller's user. Nothing when it cannot be found out: it has left, or the bus has closed.
     std::optional<uid_t> GetUid() const noexcept;

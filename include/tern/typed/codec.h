@@ -25,8 +25,8 @@
 /// | Results<T...>                               | several        | of a method only                       |
 /// | with a Codec<T> of one's own                | its SIGNATURE  |                                        |
 ///
-/// What points into the message is valid until the handler returns; BORROWS<T> says of which types that is
-/// true. A container has at most MAX_ELEMENTS elements, a signature 255 characters, 32 arrays and 32
+/// A value that points into the message is valid until the handler returns; BORROWS<T> says of which types
+/// that is true. A container has at most MAX_ELEMENTS elements, a signature 255 characters, 32 arrays and 32
 /// structures inside each other; an Any is at most 32 containers deep.
 
 #include <tern/typed/any.h>

@@ -145,7 +145,7 @@ inline constexpr bool BORROWS<std::span<const E>> = true;
 
 namespace Detail {
 
-/// Dictionaries. Of a key that comes twice the last one is kept.
+/// Dictionaries. When a key comes twice, its last value is kept.
 template <class Map>
 struct MapCodec {
     using Key = typename Map::key_type;

@@ -1,8 +1,8 @@
 #pragma once
 
 /// A D-Bus interface described in C++: its name and its members with their types, argument names, flags and
-/// documentation. Servers (`Implements`), clients (`Proxy`) and documents (`WriteIntrospection`) are made
-/// from the one description.
+/// documentation. Servers (`Implements`), clients (`Proxy`) and documents (`WriteIntrospection`) are
+/// generated from this one description.
 ///
 ///     struct Thermostat1 {
 ///         static constexpr const char* NAME = "com.example.Thermostat1";
@@ -19,8 +19,9 @@
 /// use other C++ types of the same D-Bus signature. A contract may also have
 /// `static constexpr const char* DOCUMENTATION`.
 ///
-/// What sd-bus would refuse at run time, and what is of no use, does not compile: the error's text says what
-/// is wrong, the lines around it name the member (`CheckedMember<Thermostat1::Boost>`).
+/// A contract that sd-bus would refuse at run time, or that has a member of no use, does not compile: the
+/// error's text says what is wrong, the lines around it name the member
+/// (`CheckedMember<Thermostat1::Boost>`).
 ///
 /// Everything here is immutable; any thread.
 
@@ -99,7 +100,7 @@ constexpr Flags Checked(Flags policy = Needs(CAP_SYS_ADMIN)) {
     return {policy.bits, policy.capability >= 0 ? policy.capability : CAP_SYS_ADMIN, true, policy.isTwofold};
 }
 
-/// What a member of a contract is.
+/// The kinds of a contract's members.
 enum class Kind {
     Method,    ///< Method
     Property,  ///< Property or WritableProperty
@@ -148,8 +149,9 @@ struct Method<R(A...)> {
     const char* documentation = "";  ///< for WriteIntrospection
 };
 
-/// A property that peers read. Flags that are given stand for themselves: EMITS is then to be among them if
-/// meant. One with none of EMITS, INVALIDATES and CONSTANT may change without anybody being notified.
+/// A property that peers read. Flags that are given replace the default ones: add EMITS to them when changes
+/// are to be signalled. A property with none of EMITS, INVALIDATES and CONSTANT may change without anybody
+/// being notified.
 template <class T>
 struct Property {
     static constexpr Kind KIND = Kind::Property;    ///< what it is
@@ -189,8 +191,8 @@ struct Signal {
     const char* documentation = "";                 ///< for WriteIntrospection
 };
 
-/// A member as a type: members are compared by it, as compilers do not fold comparisons of their addresses
-/// under every option.
+/// A member as a type: members are compared by it, because compilers do not fold comparisons of their
+/// addresses under every option.
 template <const auto& M>
 struct Tag {};
 
@@ -260,7 +262,7 @@ constexpr bool AreAllNamed(const std::array<const char*, N>& names) {
     return named == 0 || named == N;
 }
 
-/// Of letters, digits, '_', '-' and '.': what stands in XML as it is.
+/// Of letters, digits, '_', '-' and '.': the characters that XML takes as they are.
 template <std::size_t N>
 constexpr bool AreNames(const std::array<const char*, N>& names) {
     for (const char* name : names) {
@@ -345,7 +347,7 @@ struct CheckedMember {
     static_assert(Member::KIND == Kind::Property || !M.flags.Has(EMITS | INVALIDATES | CONSTANT | EXPLICIT),
                   "EMITS, INVALIDATES, CONSTANT and EXPLICIT are for properties");
 
-    /// What else is refused depends on what it is.
+    /// Other refusals depend on the kind of the member.
     static constexpr bool IsSound() {
         if constexpr (Member::KIND == Kind::Property) {
             static_assert(Detail::CountOf(M.flags, EMITS, INVALIDATES, CONSTANT) <= 1,
@@ -512,7 +514,7 @@ constexpr const char* DocumentationOf() {
 
 }  // namespace Detail
 
-/// What WriteIntrospection does for each contract.
+/// The part of WriteIntrospection for each contract.
 TERN_API StatusCode WriteIntrospectionOf(std::FILE* file, const char* interface, const char* documentation,
                                          std::span<const MemberText> members);
 

@@ -71,9 +71,10 @@ Outcome<R> ReadResult(sd_bus_message* reply, const Remote* remote) {
 
 }  // namespace Detail
 
-/// What a reply says: its result as an R, or the error that it is. R is void, one type, or `Results<...>` of
-/// several. The position of the message is its beginning; one thread at a time. `remote`, if not null, is the
-/// object that answered: its bus counts and logs replies that are not what is wanted; D-Bus thread then.
+/// The content of a reply: its result as an R, or the error that it is. R is void, one type, or
+/// `Results<...>` of several. The position of the message is its beginning; one thread at a time. `remote`,
+/// if not null, is the object that answered: its bus counts and logs replies that are not what is wanted;
+/// D-Bus thread then.
 ///
 /// The result.
 /// The error of the peer, with its name and text; see Error::FromReply.
@@ -81,7 +82,7 @@ Outcome<R> ReadResult(sd_bus_message* reply, const Remote* remote) {
 /// "mwl.Typed.Error.WrongReply", "the result.Mode: 7 is not one of its values": not a value of the type.
 /// "org.freedesktop.DBus.Error.NoMemory", or "...LimitsExceeded" where descriptors ran out: the result cannot
 /// be held here.
-/// What a codec of one's own throws, but for std::bad_alloc, passes through.
+/// Exceptions of a codec of one's own, except std::bad_alloc, pass through.
 template <class R>
 Outcome<R> Decode(sd_bus_message* reply, const Remote* remote = nullptr) {
     if (!Detail::IsResult(reply, OutArguments<R>::SIGNATURE.text)) {

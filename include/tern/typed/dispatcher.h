@@ -27,17 +27,18 @@ using Job = UniqueFunction<void()>;
 /// Jobs run one at a time in the order of posting, between the bus's messages: after 64 of them the bus has
 /// its turn, so that a thread that posts without a pause delays the bus but does not silence it. No more than
 /// 4096 ordinary jobs wait (SetLimit); one more is refused. A job posted through a `Place` taken in advance
-/// is never refused: that is for what is bounded by something else, as replies are by the calls they answer.
+/// is never refused: it is for jobs whose number is bounded by something else, as the number of replies is by
+/// the calls they answer.
 ///
 /// Posting never waits for the D-Bus thread, nor for anything but the other threads that post at the same
 /// moment, each for well below a microsecond; those of real-time priority may post (the mutex inherits it).
 ///
-/// What a job throws is treated as what any callback of the loop throws, see EventLoop::AddIo: it is logged
+/// An exception of a job is treated like that of any callback of the loop, see EventLoop::AddIo: it is logged
 /// (critical, logger name "Typed") with its type and text, no further job runs, and the loop ends in order
 /// with the exit code -ENOTRECOVERABLE, so that the process ends as failed.
 ///
 /// A job that is refused, or dropped by `Close`, is destroyed without having run, with no lock held: on the
-/// thread that posted it, or that closed. What it holds may post in its destructor.
+/// thread that posted it, or that closed. Its destructor may post.
 ///
 /// | operation        | before Open    | open             | closed           |
 /// |------------------|----------------|------------------|------------------|
@@ -56,8 +57,8 @@ public:
     /// How many ordinary jobs wait, unless SetLimit says otherwise.
     static constexpr std::size_t LIMIT = 4096;
 
-    /// A place in the queue that was taken in advance: to post with it needs no memory, and no limit refuses
-    /// it. Used up by being posted. One thread at a time.
+    /// A place in the queue that was taken in advance: a post with it needs no memory, and no limit refuses
+    /// it. The post uses it up. One thread at a time.
     class TERN_API Place {
     public:
         /// None.
@@ -97,8 +98,7 @@ public:
     /// Takes a place. Throws std::bad_alloc.
     static Place Reserve();
 
-    /// Whether the calling thread is the one that opened this, also after Close; false for every thread
-    /// before.
+    /// Whether the calling thread has opened this, also after Close; false for every thread before.
     bool IsHere() const noexcept;
 
     /// Ok while it is open; NotInitialized before; Stopping once it has closed.

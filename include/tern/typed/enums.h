@@ -14,9 +14,9 @@ namespace mwl::Typed {
 /// One value of an enumeration that goes over the bus as text.
 template <class E>
 struct EnumText {
-    /// What the program has.
+    /// In the program.
     E value;
-    /// What the bus has.
+    /// On the bus.
     const char* text;
 };
 /// So that `EnumText{Mode::On, "on"}` does without the type.

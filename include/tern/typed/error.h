@@ -1,6 +1,6 @@
 #pragma once
 
-/// What a D-Bus call ends with when it does not end well: `Error`, and `Outcome<T>`, a value or an error.
+/// The outcome of a D-Bus call: `Error`, and `Outcome<T>`, a value or an error.
 
 #include <systemd/sd-bus.h>
 #include <tern/foundation/api.h>
@@ -21,12 +21,12 @@ using mw::tern::StatusCode;
 /// An error as it travels over D-Bus: a name for programs and a text for people. A handler returns it in an
 /// `Outcome` or throws it, and the caller gets it as it is; a client gets it in the `Outcome` of its call.
 ///
-/// Both parts are fit to be sent, whatever they were made from: a message bus drops the connection of a
-/// service that sends it others. A name that is no D-Bus error name is replaced by
+/// Both parts are fit to be sent, whatever they were created from: a message bus drops the connection of a
+/// service that sends it anything else. A name that is no D-Bus error name is replaced by
 /// "org.freedesktop.DBus.Error.Failed" and put in front of the text; in the text each byte that is not part
 /// of UTF-8 text is replaced by a question mark, as is NUL.
 ///
-/// A value: immutable but for assignment, any thread. Making one allocates and may throw std::bad_alloc.
+/// A value: immutable except by assignment, any thread. Its creation allocates and may throw std::bad_alloc.
 class TERN_API Error {
 public:
     /// `name` has at least two parts, of letters, digits and underscores, as in "com.example.Error.TooHot".
@@ -41,8 +41,7 @@ public:
     /// ResourceUnavailable: "org.freedesktop.DBus.Error.LimitsExceeded"
     /// Any other: "mwl.StatusCode." and its name, "mwl.StatusCode.Number77" for one outside the list. Ok is
     /// no error; it counts as Failure.
-    Error(StatusCode
-              status);  // NOLINT(google-explicit-constructor): `return StatusCode::Busy;` is meant to work
+    Error(StatusCode status);  // NOLINT(google-explicit-constructor): `return StatusCode::Busy;` is to work
     /// The same with a text of one's own.
     Error(StatusCode status, std::string_view text);
 
@@ -91,9 +90,10 @@ public:
     /// FileExists, AddressInUse, ObjectPathInUse: AlreadyExists
     /// IOError, Disconnected, NoServer, NoNetwork: IoError
     /// NoReply: of an Error from FromReply Timeout when this process's own sd-bus gave up waiting, IoError
-    /// when it lost the connection meanwhile, otherwise NotFound, as the message bus says so that the peer
-    /// has gone. The name is the same for all. "System.Error.E…", which sd-bus makes from an error number:
-    /// the status of that number. Any other, "org.freedesktop.DBus.Error.Failed" included: Failure
+    /// when it lost the connection meanwhile, otherwise NotFound, because the message bus reports in this way
+    /// that the peer has gone. The name is the same for all.
+    /// "System.Error.E…", which sd-bus makes from an error number: the status of that number.
+    /// Any other, "org.freedesktop.DBus.Error.Failed" included: Failure
     StatusCode GetStatus() const;
 
     /// Name and text are the same.
@@ -104,14 +104,14 @@ public:
 private:
     std::string mName;
     std::string mText;
-    /// What NoReply means here, which the name does not say.
+    /// The meaning of NoReply here, which the name does not show.
     StatusCode mNoReply = StatusCode::NotFound;
 };
 
 /// A value or an error: what a handler may return, and what a client's call ends with. Not to be ignored.
 ///
-/// Made from a value, or from anything that converts to one; from an `Error`; from a `StatusCode`, which is
-/// always the error of that status, even where the value's type is a number.
+/// Created from a value, or from anything that converts to one; from an `Error`; from a `StatusCode`, which
+/// is always the error of that status, even where the value's type is a number.
 ///
 /// A value: one thread at a time.
 ///
@@ -164,8 +164,8 @@ private:
     std::variant<T, Error> mContent;
 };
 
-/// Done, or an error. Made from nothing, which is success, from an `Error`, or from a `StatusCode`, of which
-/// Ok is success.
+/// Done, or an error. Created from nothing, which is success, from an `Error`, or from a `StatusCode`, of
+/// which Ok is success.
 template <>
 class [[nodiscard]] Outcome<void> {
 public:

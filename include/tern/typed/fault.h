@@ -12,9 +12,9 @@ namespace mwl::Typed {
 /// Why a value could not be read, and where in it. Empty until a codec fills it on its failing path, which
 /// costs the others nothing; a failure that sd-bus itself reported has no text.
 ///
-/// Every operation returns what the codec then returns, so that it can write `return fault.Refuse("...")`.
-/// What does not fit is cut between two characters, so that the result is UTF-8 whatever the message held;
-/// control characters are shown as '?'. One thread at a time. Nothing here throws.
+/// Every operation returns what the codec then returns, so that it can write `return fault.Refuse("...")`. A
+/// text that does not fit is cut between two characters, so that the result is UTF-8 whatever the message
+/// held; control characters are shown as '?'. One thread at a time. Nothing here throws.
 struct Fault {
     char text[160];  ///< for example "'s' where 'u' is wanted"; empty when there is none
     char where[64];  ///< the way from the value to the faulty part of it, for example ".Zones[3].Name"
@@ -43,7 +43,7 @@ struct Fault {
     /// "the key 'Seconds' is unknown"
     [[gnu::cold]] TERN_API int Unknown(std::string_view key) noexcept;
 
-    /// What has been reported concerns the field `key` of the value: puts ".key" in front. Returns `result`.
+    /// The fault concerns the field `key` of the value: puts ".key" in front. Returns `result`.
     [[gnu::cold]] TERN_API int Below(std::string_view key, int result) noexcept;
     /// As above, for the element `index`: "[3]".
     [[gnu::cold]] TERN_API int At(std::size_t index, int result) noexcept;

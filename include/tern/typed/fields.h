@@ -27,7 +27,7 @@ struct Field {
     Member Class::*member;
 };
 
-/// What DBusFields() returns; made by Fields or StrictFields.
+/// What DBusFields() returns; created by Fields or StrictFields.
 template <bool STRICT, class... F>
 struct FieldList {
     /// Whether unknown keys are refused.
@@ -58,8 +58,8 @@ struct FieldList {
 /// is
 ///   missing".
 /// - A value of another type: reported, with the key, "'s' where 'u' is wanted".
-/// - A key that is not described: skipped, as it may be a later version's; with StrictFields it is reported,
-///   "the key 'Minutes' is unknown".
+/// - A key that is not described: skipped, because it may be a later version's; with StrictFields it is
+///   reported, "the key 'Minutes' is unknown".
 /// - A key twice: the last one counts.
 ///
 /// A field that is a variant itself (Any, std::variant) is the entry's variant, not one within it.

@@ -16,7 +16,7 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// What First gives: waits for one of a tuple of tasks.
+/// The result of First: waits for one of a tuple of tasks.
 template <class... R>
 class [[nodiscard]] FirstOf final : public GroupAwaiter<std::tuple<Task<R>...>> {
     using Base = GroupAwaiter<std::tuple<Task<R>...>>;
@@ -71,8 +71,8 @@ private:
 /// Waits until one is done, and gives its result as a std::variant whose index() is its place;
 /// std::monostate stands for nothing. The others are destroyed, which cancels what they wait for, before the
 /// coroutine goes on. Of several that are done already the first of the list counts. Tasks are taken over;
-/// anything else that can be awaited, as a call or Sleep, is moved into a coroutine of its own, which begins
-/// immediately.
+/// anything else that can be awaited, such as a call or Sleep, is moved into a coroutine of its own, which
+/// begins immediately.
 ///
 ///     auto done = co_await First(Measure(bus), Sleep(bus, 10s));
 ///     if (done.index() == 0) {

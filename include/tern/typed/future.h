@@ -18,7 +18,7 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// What a future shares with its call on the D-Bus thread.
+/// The state that a future shares with its call on the D-Bus thread.
 class TERN_API FutureState {
 public:
     explicit FutureState(std::shared_ptr<const Remote> remote);
@@ -69,8 +69,8 @@ public:
 }  // namespace Detail
 
 /// The outcome of a call that another thread makes (Proxy::CallFromWorker): a worker waits for it while the
-/// D-Bus thread sends the call and takes the reply. To destroy it cancels the call in each of its states,
-/// also one that waits to be sent; no limit refuses that.
+/// D-Bus thread sends the call and takes the reply. Its destruction cancels the call in each of its states,
+/// also while the call waits to be sent; no limit refuses this.
 ///
 ///     Future<std::string> path = mRoom.CallFromWorker(Thermostat1::ExportLog, "pw");
 ///     Outcome<std::string> outcome = path.Wait(3s);
@@ -107,7 +107,7 @@ public:
     /// D-Bus thread (Bus::SetWaitingJobs); it was not sent.
     ///
     /// As with every wait of this library, the stop signal of a thread does not end it (StopSignal): a thread
-    /// that is to stop soon waits in short pieces and looks in between, and one that is watched reports its
+    /// that is to stop soon waits in short pieces and looks between them, and a watched thread reports its
     /// work there (ThreadWatched).
     Outcome<R> Wait(std::chrono::milliseconds limit) {
         if (mState == nullptr) {

@@ -1,7 +1,7 @@
 #pragma once
 
-/// What tern-dbus-codegen writes into the headers that it makes, so that a header of another time is noticed
-/// instead of being misunderstood. Applications do not need it.
+/// Used by headers that tern-dbus-codegen generates, so that a header of another version is noticed instead
+/// of being misunderstood. Applications do not need it.
 
 namespace mwl::Typed {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-/// What the type of a handler says: whether it answers later, whether it wants to know the caller, what it
-/// takes and what it gives. For `Implements`; applications do not need it.
+/// Reads from a handler's type whether it answers later, whether it takes the caller, its arguments and its
+/// result. For `Implements`; applications do not need it.
 
 #include <tern/typed/codec.h>
 #include <tern/typed/contract.h>
@@ -22,7 +22,7 @@ class Task;
 
 namespace Detail {
 
-/// What a handler's result means to the caller: `Value` goes into the reply.
+/// The part of a handler's result that the caller gets: `Value` goes into the reply.
 template <class R>
 struct ResultOf {
     static constexpr bool MAY_FAIL = false;
@@ -39,7 +39,7 @@ struct ResultOf<StatusCode> {
     using Value = void;
 };
 
-/// What a coroutine gives in the end, or the type itself.
+/// The result of a coroutine, or the type itself.
 template <class R>
 struct ContentOf {
     static constexpr bool IS_TASK = false;
@@ -150,7 +150,7 @@ concept Lambda = std::is_class_v<F> && requires {
     &F::operator();
 };
 
-/// What can be called with the implementing object; data members apart.
+/// A callable that takes the implementing object; no data members.
 template <class F>
 concept Handler = MemberFunction<F> || Function<F> || Lambda<F>;
 

@@ -20,8 +20,9 @@ struct ReplyState;
 template <class R>
 class Task;
 
-/// One call of a method, or one access to a property, from sd-bus's callback to its answer. What depends on
-/// types is in a body, a function that `Implements` makes for each member; the rest is here, once for all.
+/// One call of a method, or one access to a property, from sd-bus's callback to its answer. The part that
+/// depends on types is in a body, a function that `Implements` makes for each member; the rest is here, once
+/// for all.
 ///
 /// A body returns 0 when all is well and there is nothing to answer but that, otherwise what one of the
 /// operations below returned. It may throw: nothing goes further than the Run function that called it.
@@ -29,9 +30,9 @@ class Task;
 /// "org.freedesktop.DBus.Error.Failed", "the service failed internally".
 ///
 /// Every failure is logged with the caller, the path, the interface and the member: what was refused for a
-/// reason that the caller receives as information, with the error's name alone, as the text may hold what the
-/// caller sent; what failed inside the service as an error. Peers can provoke both at will, so an interface
-/// logs ten of each kind in ten seconds at most, and then how many it left out.
+/// reason that the caller receives as information, with the error's name alone, because the text may hold
+/// what the caller sent; what failed inside the service as an error. Peers can provoke both at will, so an
+/// interface logs ten of each kind in ten seconds at most, and then how many it left out.
 ///
 /// D-Bus thread only.
 class TERN_API Handling {
@@ -58,7 +59,7 @@ public:
     static int RunSetter(const char* path, const char* member, sd_bus_message* value, void* userdata,
                          sd_bus_error* error, Body body) noexcept;
 
-    /// The call; where a property is read the reply that is being made.
+    /// The call; where a property is read the reply that is being written.
     sd_bus_message* GetMessage() const noexcept { return mMessage; }
     /// Whose member it is.
     InterfaceBase& GetInterface() const noexcept { return mInterface; }
@@ -83,9 +84,9 @@ public:
     static void RefuseExceptionLater(ReplyToken& reply, InterfaceBase& interface) noexcept;
     /// Notes that properties of the interface have changed, see InterfaceBase.
     void MarkChanged(std::uint64_t properties) noexcept;
-    /// What a body returns when it could not take the call over.
+    /// The result of a body that could not take the call over.
     static constexpr int REFUSED = -1;
-    /// What a body returns when the call is answered, or will be.
+    /// The result of a body when the call is answered, or will be.
     static constexpr int DONE = 1;
 
 private:

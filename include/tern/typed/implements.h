@@ -31,7 +31,7 @@ struct Bind {};
 template <class... B>
 struct Bindings {};
 
-/// What the compiler names when `Self` has no binding for the member `M`.
+/// The compiler's message names this when `Self` has no binding for the member `M`.
 template <class Self, const auto& M>
 struct Unbound {
     static_assert(
@@ -107,7 +107,7 @@ decltype(auto) CallHandler(Handling& call, Self& self, typename S::Arguments& ar
     }
 }
 
-/// What a method that is a coroutine needs besides; in task_handler.h.
+/// The further part of a method that is a coroutine; in task_handler.h.
 template <class Self, auto F>
 struct TaskHandler;
 template <class Self, auto F>
@@ -460,7 +460,7 @@ constexpr std::array<sd_bus_vtable, sizeof...(M) + 2> MakeVtable(Members<M...>, 
             sd_bus_vtable{.type = _SD_BUS_VTABLE_END, .flags = 0, .x = {.end = {._reserved = 0}}}};
 }
 
-/// One for each class, made by the compiler.
+/// One for each class, created by the compiler.
 template <class Self, class Contract>
 struct Vtable {
     static inline constinit const auto ENTRIES =
@@ -505,8 +505,9 @@ struct Vtable {
 /// StatusCode, Outcome<void>, or a bool: whether the value has changed. A setter that succeeds marks its
 /// property as changed, one that returns false does not.
 ///
-/// `Describe` is a function, as its body sees the whole class. Lambdas in it only in sources, not in headers:
-/// each file that includes them would have other ones. What does not fit the contract does not compile.
+/// `Describe` is a function, because its body sees the whole class. Write lambdas in it only in sources, not
+/// in headers: each file that includes the header would have lambdas of its own. A handler that does not fit
+/// the contract does not compile.
 ///
 /// Exceptions: what a handler throws goes no further. The caller gets an error and the log has what was
 /// thrown; see `Handling`. A thread that is cancelled in a handler ends the process.

@@ -17,11 +17,11 @@ using mw::tern::StatusCode;
 
 class Attachment;
 
-/// What every typed interface has, whatever its contract: the bus and the path that it is attached to, and
-/// the properties whose changes wait to be announced. Applications derive from `Implements`, which derives
-/// from this.
+/// The part of every typed interface that does not depend on its contract: the bus and the path that it is
+/// attached to, and the properties whose changes wait to be announced. Applications derive from `Implements`,
+/// which derives from this.
 ///
-/// D-Bus thread only. The owner is whoever exports it; it is detached by then when it is destroyed.
+/// D-Bus thread only. The owner is whoever exports it, and detaches it before it is destroyed.
 class TERN_API InterfaceBase : public mw::tern::DBusInterface {
 public:
     /// An interface has at most so many properties that announce their changes.
@@ -66,7 +66,7 @@ protected:
     /// NotInitialized: the interface is not attached; logged once.
     /// InvalidArgument: a value cannot be sent, such as text that is not UTF-8; logged.
     /// Otherwise the status of sd-bus's error; logged.
-    /// What `writer` throws passes through.
+    /// Exceptions of `writer` pass through.
     StatusCode SendSignal(const char* member, Writer writer, const void* values);
 
 private:

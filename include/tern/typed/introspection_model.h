@@ -1,7 +1,7 @@
 #pragma once
 
-/// What introspection reports of an object, as data: for programs that learn an interface while they run.
-/// Those that know it before need none of this: they have a contract.
+/// The introspection of an object, as data: for programs that learn an interface while they run. A program
+/// that knows it before needs none of this: it has a contract.
 ///
 ///     Outcome<Introspection::Node> room = Introspection::Parse(xml);
 ///     if (room.IsOk()) {
@@ -24,7 +24,7 @@ namespace mwl::Typed::Introspection {
 
 /// A note on the element that it stands in, such as "org.freedesktop.DBus.Deprecated", "true".
 struct Annotation {
-    std::string name;   ///< with dots, as an interface's name
+    std::string name;   ///< with dots, like an interface's name
     std::string value;  ///< any text; may be empty
 
     /// All is the same.
@@ -58,9 +58,9 @@ struct Method {
     std::vector<Argument> arguments;      ///< in order; those in and those out may stand mixed
     std::vector<Annotation> annotations;  ///< in order
 
-    /// Of what a caller sends: the types of the arguments in, one behind the other.
+    /// Of a caller's arguments: their types, one after the other.
     TERN_API std::string GetInSignature() const;
-    /// Of what it answers with.
+    /// Of the results.
     TERN_API std::string GetOutSignature() const;
     /// All is the same.
     bool operator==(const Method&) const = default;
@@ -78,7 +78,7 @@ struct Signal {
     bool operator==(const Signal&) const = default;
 };
 
-/// What peers may do with a property.
+/// The access that peers have to a property.
 enum class Access {
     Read,      ///< read it
     Write,     ///< write it
@@ -96,7 +96,7 @@ struct Property {
     bool operator==(const Property&) const = default;
 };
 
-/// An interface. Names may come more than once, as some services overload their methods.
+/// An interface. Names may come more than once, because some services overload their methods.
 struct Interface {
     std::string name;                     ///< an interface name
     std::vector<Method> methods;          ///< in order
@@ -117,7 +117,7 @@ struct Interface {
 /// An object, and what is known of those below it: mostly their names only, and they are to be asked
 /// themselves.
 struct Node {
-    /// Of the outermost node empty, or its object path. Of one below it the rest of its path behind its
+    /// Of the outermost node: empty, or its object path. Of a node below it: the rest of its path after its
     /// parent's, without a '/' at its beginning: "Zone1".
     std::string name;
     std::vector<Interface> interfaces;    ///< in order
@@ -136,9 +136,9 @@ inline constexpr std::size_t MAX_SIZE = std::size_t{4} * 1024 * 1024;
 inline constexpr std::size_t MAX_NESTING = 64;
 
 /// Reads introspection data (XML in UTF-8), which may come from a peer that nobody trusts: memory is bounded
-/// by some twenty times the size of the text, and nothing is fetched. What an element or attribute means that
-/// D-Bus does not know is left out, with all that is in it. REQUIRES libexpat at run time; it is loaded by
-/// the first call and stays. Does not block but for that. Throws std::bad_alloc.
+/// by some twenty times the size of the text, and nothing is fetched. An element or attribute that D-Bus does
+/// not know is left out, with all that is in it. REQUIRES libexpat at run time; it is loaded by the first
+/// call and stays. Does not block otherwise. Throws std::bad_alloc.
 ///
 /// In the result:
 /// the outermost node.

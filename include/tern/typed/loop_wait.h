@@ -60,7 +60,7 @@ using LoopSource = std::unique_ptr<sd_event_source, ReleaseSource>;
 /// resumes the coroutine. Destroying it cancels. D-Bus thread only.
 class TERN_API LoopWait final : private Stoppable {
 public:
-    /// What the wait was ended by.
+    /// The cause that ended the wait.
     enum class End { None, Ready, Time, Stop, Error };
 
     explicit LoopWait(std::shared_ptr<ReplyState> state) noexcept;

@@ -37,13 +37,14 @@ namespace mwl::Typed {
 /// owner, logged (error, logger name "Typed", ten in ten seconds). Values are handed over and not kept.
 ///
 /// When the peer refuses to send its objects, does not answer within 5 seconds, or its answer cannot be read
-/// to the end, as when descriptors run out, it is logged once for each owner, GetStatus says so, and it is
-/// asked again after 1, 2, 4 and so on to 64 seconds, until it answers. What was read is there, and is not
-/// reported again. A signal of the peer that cannot be read is counted (Bus::Counters::wrongSignals) and
-/// logged, see Subscription.
+/// to the end, for example because descriptors run out, it is logged once for each owner, GetStatus says so,
+/// and it is asked again after 1, 2, 4 and so on to 64 seconds, until it answers. Objects that were read are
+/// there, and are not reported again. A signal of the peer that cannot be read is counted
+/// (Bus::Counters::wrongSignals) and logged, see Subscription.
 ///
-/// Handlers run on the D-Bus thread, never within the constructor. One may destroy its own mirror, and is
-/// destroyed itself once it has returned. What one throws ends the loop in order, see Dispatcher.
+/// Handlers run on the D-Bus thread, never within the constructor. A handler may destroy its own mirror, and
+/// is destroyed itself once it has returned. An exception of a handler ends the loop in order, see
+/// Dispatcher.
 ///
 /// When the bus closes, and when the connection is lost, the list is emptied, and nothing is reported.
 ///
@@ -57,15 +58,15 @@ public:
     /// The most characters of paths and names of interfaces, of all objects together.
     static constexpr std::size_t NAME_BYTES = std::size_t{4} * 1024 * 1024;
 
-    /// The values of an interface when it comes, by name. What an Any cannot keep, such as a descriptor, is
-    /// missing. Changes are not followed: a PropertyCache does that.
+    /// The values of an interface when it comes, by name. A value that an Any cannot keep, such as a
+    /// descriptor, is missing. Changes are not followed: a PropertyCache does that.
     using Properties = std::map<std::string, Any>;
     /// The interfaces of each object by its path.
     using Objects = std::map<std::string, std::set<std::string>>;
     /// Called for each interface that is there now.
     using OnAdded = UniqueFunction<void(const std::string& path, const std::string& interface,
                                         const Properties& properties)>;
-    /// Called for each interface that is there no more.
+    /// Called for each interface that has gone.
     using OnRemoved = UniqueFunction<void(const std::string& path, const std::string& interface)>;
     /// Called when all that the peer has was reported.
     using OnReady = UniqueFunction<void()>;
@@ -83,15 +84,15 @@ public:
     /// Nothing is reported any more.
     ~ObjectMirror();
 
-    /// What is there now; in a handler with what is reported, or without it. Valid until the next event of
-    /// the D-Bus thread.
+    /// The present objects; in a handler with the object that is reported, or without it. Valid until the
+    /// next event of the D-Bus thread.
     const Objects& GetObjects() const noexcept;
     /// How many interfaces were left out since this owner came, as often as they were reported.
     std::size_t GetOmitted() const noexcept;
     /// Ok: the peer has sent its objects, and what comes and goes is heard. Busy: it has been asked, or it is
-    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: none, or made when the
-    /// bus was not open. Stopping: the bus has closed. Otherwise what listening or asking failed with; what
-    /// could not be listened to stays so until a new mirror is made.
+    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: none, or created when
+    /// the bus was not open. Stopping: the bus has closed. Otherwise what listening or asking failed with;
+    /// what could not be listened to stays so until a new mirror is created.
     StatusCode GetStatus() const noexcept;
     /// Ends it, as if it were destroyed.
     void Reset() noexcept;

@@ -45,7 +45,7 @@ inline void LogThrownOnPool(const char* text) noexcept {
                    text);
 }
 
-/// What a coroutine shares with its job: the function, and what has become of it.
+/// The state that a coroutine shares with its job: the function, and its outcome.
 template <class F, class Value>
 class PoolJob {
 public:
@@ -86,7 +86,7 @@ public:
             Wake();
         }
     }
-    /// D-Bus thread: nobody waits any more. What has not begun will not run.
+    /// D-Bus thread: nobody waits any more. A function that has not begun will not run.
     void Abandon() noexcept {
         if (Go(State::Queued, State::Abandoned)) {
             mFunction.reset();
@@ -121,7 +121,7 @@ private:
         return mState.compare_exchange_strong(from, to, std::memory_order_acq_rel);
     }
     void Wake() const noexcept {
-        // Cannot fail, as nothing else is in it.
+        // Cannot fail, because nothing else is in it.
         static_cast<void>(eventfd_write(mEvent, 1));
     }
     void Call() {
@@ -289,9 +289,9 @@ private:
 /// the D-Bus thread, so it touches neither the bus nor what belongs to that thread; and it works with what it
 /// is given: the coroutine, and what is the coroutine's, may be gone before it has ended.
 ///
-/// A lambda whose captures have destructors, as a std::string, gets them as arguments instead, or is awaited
-/// by name: g++ 12 destroys the captures of a lambda that is written within a co_await twice, and so does not
-/// compile it here.
+/// A lambda whose captures have destructors, such as a std::string, gets them as arguments instead, or is
+/// awaited by name: g++ 12 destroys the captures of a lambda that is written within a co_await twice, and so
+/// does not compile it here.
 ///
 ///     OnPool job(mBus, mPool, [file = std::move(file)] { return ComputeDigest(file); });
 ///     Outcome<Digest> digest = co_await job;
@@ -300,7 +300,7 @@ private:
 /// coroutine cancels: a function that has not begun is destroyed immediately and does not run; one that runs
 /// is left to come to its end, and its result is destroyed there, or here.
 ///
-/// In the outcome, besides what the function returns:
+/// In the outcome, besides the function's result:
 /// - An Error that it throws, as it is. OutOfMemory for std::bad_alloc; "org.freedesktop.DBus.Error.Failed",
 ///   "the job failed internally", for anything else that it throws. These two are logged (error, logger name
 ///   "Typed") with type and text, also when nobody waits any more. Nothing that it throws ends the process.
@@ -314,8 +314,8 @@ private:
 /// A pool that is not running, or has no threads, keeps it: the coroutine waits, for the bus to close in the
 /// end. `First` with `Sleep` makes a time limit.
 ///
-/// It costs one allocation besides those of ThreadPool::QueueUnique, and one descriptor while it waits or
-/// runs.
+/// It costs one allocation in addition to those of ThreadPool::QueueUnique, and one descriptor while it waits
+/// or runs.
 ///
 /// D-Bus thread only; debug builds check that. To be awaited once, from a coroutine of any kind.
 template <class F, class... A>
@@ -329,7 +329,7 @@ class [[nodiscard]] OnPool {
                   "a coroutine is the D-Bus thread's: a function for a pool is none");
 
 public:
-    /// What the outcome holds.
+    /// The type in the outcome.
     using Result = typename Detail::PoolAwaiter<Call>::Result;
 
     /// Does nothing yet.

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a client keeps of a value that a contract names. Include <tern/typed/proxy.h>.
+// The type in which a client keeps a value that a contract names. Include <tern/typed/proxy.h>.
 
 #include <tern/typed/codec.h>
 
@@ -54,7 +54,7 @@ template <class E, std::size_t N>
 struct OwnedOf<std::array<E, N>> {
     using Type = std::array<typename OwnedOf<E>::Type, N>;
 };
-// With an order or a hash of one's own it is left as it is.
+// A container with an order or a hash of one's own is left as it is.
 template <class K, class V>
 struct OwnedOf<std::map<K, V>> {
     using Type = std::map<typename OwnedOf<K>::Type, typename OwnedOf<V>::Type>;

@@ -23,9 +23,9 @@ namespace mwl::Typed {
 /// Nothing is missed, whenever the peer comes: the watch listens before it asks. A peer that the message bus
 /// could start is not started.
 ///
-/// Handlers run on the D-Bus thread, never within the constructor. One may destroy its own watch, and is
-/// destroyed itself once it has returned; of an owner that follows the other handler is not called then. What
-/// one throws ends the loop in order, see Dispatcher.
+/// Handlers run on the D-Bus thread, never within the constructor. A handler may destroy its own watch, and
+/// is destroyed itself once it has returned; the other handler is then not called for an owner that follows.
+/// An exception of a handler ends the loop in order, see Dispatcher.
 ///
 /// A watch that cannot work reports once that the peer is not there, or that it has gone, and no more;
 /// GetStatus says why, and it is logged (error, logger name "Typed").

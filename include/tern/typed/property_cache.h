@@ -29,15 +29,15 @@ struct CachedProperty {
     const char* name;
     const char* signature;
     /// Reads the content of a variant, whose signature is right, into the values. Negative: it cannot be
-    /// read, and the value is as it was. What a codec of one's own throws, but for std::bad_alloc, passes
+    /// read, and the value is as it was. Exceptions of a codec of one's own, except std::bad_alloc, pass
     /// through.
     int (*read)(sd_bus_message* message, void* values);
     /// Whether there was a value; there is none now.
     bool (*clear)(void* values);
 };
 
-/// What of a PropertyCache does not depend on types. A property is known by its place in the table, a set of
-/// properties by bits.
+/// The part of a PropertyCache that does not depend on types. A property is known by its place in the table,
+/// a set of properties by bits.
 class TERN_API CachedProperties {
 public:
     struct State;
@@ -140,7 +140,7 @@ concept HasRemote = requires(const P& proxy) {
 template <class Contract>
 class PropertyChanges {
 public:
-    /// From bits by place; made by PropertyCache.
+    /// From bits by place; created by PropertyCache.
     explicit PropertyChanges(std::uint64_t bits) noexcept : mBits(bits) {}
     /// Whether a value of the property has come, be it the same as before, or it has none any more.
     template <const auto& M>
@@ -183,7 +183,7 @@ private:
 ///
 /// When the peer refuses to send its properties, or does not answer within the time-out of the Remote, it is
 /// logged once for each owner (error, ten in ten seconds), GetStatus says so, and it is asked again after 1,
-/// 2, 4 and so on to 64 seconds, until it answers. What it announces meanwhile counts.
+/// 2, 4 and so on to 64 seconds, until it answers. Values that it announces meanwhile count.
 ///
 /// Memory: one value for each property of the contract, of at most a message's size. At most one question
 /// for all properties and one for each is under way, however often the peer announces.
@@ -224,8 +224,8 @@ public:
     /// when some change or go, when the peer goes. Never within a function of this class. It takes the place
     /// of the one before.
     ///
-    /// It runs on the D-Bus thread. It may destroy the cache, and is destroyed after it has returned. What it
-    /// throws ends the loop in order, see Dispatcher; so does what a codec of one's own throws.
+    /// It runs on the D-Bus thread. It may destroy the cache, and is destroyed after it has returned. An
+    /// exception of it ends the loop in order, see Dispatcher; so does an exception of a codec of one's own.
     void OnChange(UniqueFunction<void(const PropertyChanges<Contract>&)> handler) {
         if (handler) {
             mProperties.SetHandler([own = std::move(handler)](std::uint64_t changed) mutable {
@@ -237,9 +237,9 @@ public:
     }
 
     /// Ok: the peer has sent all its properties, and its changes are heard. Busy: it has been asked, or it is
-    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: made when the bus was
+    /// not known yet whether it is there. NotFound: it is not there. NotInitialized: created when the bus was
     /// not open. Stopping: the bus has closed. Otherwise what listening or asking failed with; what could not
-    /// be listened to stays so until a new cache is made.
+    /// be listened to stays so until a new cache is created.
     StatusCode GetStatus() const noexcept { return mProperties.GetStatus(); }
     /// Whether GetStatus is Ok.
     bool IsReady() const noexcept { return GetStatus() == StatusCode::Ok; }

@@ -149,7 +149,8 @@ auto TakeAlong(V&& value) {
     using Given = std::remove_cvref_t<V>;
     if constexpr (std::is_array_v<Given> || std::is_same_v<Given, const char*> ||
                   std::is_same_v<Given, char*>) {
-        // A null one cannot be sent, as its call is to report: text with a null character cannot either.
+        // A null one cannot be sent, and its call is to report this: text with a null character cannot be
+        // sent either.
         const char* const text = value;
         return text != nullptr ? std::string(text) : std::string(1, '\0');
     } else if constexpr (std::is_same_v<Given, std::string_view>) {
@@ -163,8 +164,8 @@ auto TakeAlong(V&& value) {
     }
 }
 
-/// What a proxy has for each type of method. The overloads differ in the member's type alone, so that a
-/// member of the contract finds its own.
+/// The operations of a proxy for each type of method. The overloads differ in the member's type alone, so
+/// that a member of the contract finds its own.
 template <class Contract, class M>
 class MethodCalls;
 template <class Contract, class R, class... A>
@@ -280,8 +281,8 @@ using ProxyCallsOf = ProxyCalls<
 ///     mMeasured = room.On(Thermostat1::Measured, [this](double celsius) { Show(celsius); });
 ///     Future<void> boost = room.CallFromWorker(Thermostat1::Boost, 60u);  // on any thread
 ///
-/// What it offers is made for the members of the contract; what is a member of another one, or no constant,
-/// does not compile, nor do values of other D-Bus types than the contract's.
+/// Its operations are for the members of the contract. A member of another contract, or one that is no
+/// constant, does not compile, nor do values of other D-Bus types than the contract's.
 ///
 /// - `Call(method, values...) -> Call<R>`: nothing is sent yet, see `Call`. A value that cannot be sent is in
 ///   the outcome. A method that is NO_REPLY has its outcome as soon as it has been sent.
@@ -296,8 +297,7 @@ using ProxyCallsOf = ProxyCalls<
 ///
 /// A result owns what it holds: where the contract says `std::string_view` it is a `std::string`, see Owned.
 ///
-/// D-Bus thread, but for CallFromWorker and GetRemote. It may outlive the bus: calls end with `Stopping`
-/// then.
+/// D-Bus thread, except CallFromWorker and GetRemote. It may outlive the bus: calls end with `Stopping` then.
 template <class Contract>
 class Proxy : public Detail::ProxyCallsOf<Contract> {
     static_assert(CheckedContract<Contract>::IS_SOUND);
@@ -309,8 +309,8 @@ public:
     /// Of an object that others know already. REQUIRES: not null.
     explicit Proxy(std::shared_ptr<Remote> remote) noexcept : mRemote(std::move(remote)) {}
 
-    /// How long replies are waited for, of calls made from now on, here and with copies; 5 s at first, see
-    /// Remote::SetTimeout.
+    /// How long replies are waited for, of calls created from now on, here and with copies; initially 5 s,
+    /// see Remote::SetTimeout.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mRemote->SetTimeout(timeout); }
     /// Asks whether the peer answers at all; the object need not be there. It starts a service that can be
     /// started.
@@ -322,7 +322,7 @@ public:
     Proxy& operator=(const Proxy&) = default;
     ~Proxy() = default;
 
-    /// What calls and subscriptions share. Any thread.
+    /// The state that calls and subscriptions share. Any thread.
     const std::shared_ptr<Remote>& GetRemote() const noexcept { return mRemote; }
 
 private:

@@ -14,10 +14,10 @@ class Bus;
 struct ReplyState;
 
 /// An object of a peer: which bus it is on, who has it and where, and how long its answers are waited for.
-/// What a `Proxy` and the calls, futures and subscriptions made with it share; whichever of them is left
+/// Shared by a `Proxy` and the calls, futures and subscriptions created with it; whichever of them is left
 /// keeps it. Held as `std::shared_ptr<Remote>`.
 ///
-/// To make one sends nothing, and nothing is checked: where the name or the path is none, the outcome of a
+/// Its creation sends nothing and checks nothing: when the name or the path is not valid, the outcome of a
 /// call says so.
 ///
 /// It may outlive the bus; calls end with `Stopping` then. Any thread; names do not change.
@@ -40,12 +40,12 @@ public:
     /// As given.
     const std::string& GetPath() const noexcept { return mPath; }
 
-    /// How long an answer is waited for; TIMEOUT at first.
+    /// How long an answer is waited for; initially TIMEOUT.
     std::chrono::milliseconds GetTimeout() const noexcept { return std::chrono::milliseconds(mTimeout); }
-    /// For calls that are made from now on. 0 or less counts as the shortest time there is.
+    /// For calls that are created from now on. 0 or less counts as the shortest time there is.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mTimeout = timeout.count(); }
 
-    /// What the bus shares with its clients. Never null. Applications do not need it.
+    /// The state that the bus shares with its clients. Never null. Applications do not need it.
     const std::shared_ptr<ReplyState>& GetState() const noexcept { return mState; }
 
 private:

@@ -16,7 +16,7 @@
 
 namespace mwl::Typed {
 
-/// What the bus and the tokens of its calls share; outlives the bus. Opaque.
+/// The state that the bus and the tokens of its calls share; outlives the bus. Opaque.
 struct ReplyState;
 
 /// Takes over a call that is to be answered later: the message is kept on the D-Bus thread until a Reply with
@@ -41,7 +41,7 @@ inline constexpr bool ANSWER_BORROWS<Results<T...>> = (BORROWS<T> || ...);
 
 }  // namespace Detail
 
-/// What of a Reply does not depend on its type; see there.
+/// The part of a Reply that does not depend on its type; see there.
 class TERN_API ReplyToken {
 public:
     ReplyToken(const ReplyToken&) = delete;
@@ -52,7 +52,7 @@ public:
 
     /// Whether somebody still waits for the answer: it has not been given, the caller asked for one (a call
     /// may say that it wants none, see sd_bus_message_get_expect_reply(3)), it has not left the bus as far as
-    /// that is known by now, and the bus has not closed. A long job looks at it now and then, and stops when
+    /// that is known by now, and the bus has not closed. A long job calls this now and then, and stops when
     /// it works for nobody.
     bool IsWanted() const noexcept;
 
@@ -60,11 +60,11 @@ protected:
     /// Fills a reply and returns a negative error number when it could not.
     using Writer = UniqueFunction<int(sd_bus_message* reply)>;
 
-    /// REQUIRES: `id` is from TakeOver with this state, and no token has been made from it yet.
+    /// REQUIRES: `id` is from TakeOver with this state, and no token has been created from it yet.
     ReplyToken(std::shared_ptr<ReplyState> state, std::uint64_t id) noexcept;
     /// Takes the call over; `other` has none then.
     ReplyToken(ReplyToken&& other) noexcept;
-    /// What was held unanswered is answered as if destroyed.
+    /// A call that was held unanswered is answered as if destroyed.
     ReplyToken& operator=(ReplyToken&& other) noexcept;
     ~ReplyToken();
 
@@ -89,11 +89,11 @@ private:
 ///         });
 ///     }
 ///
-/// It answers once: the first of Return and Fail counts, a second one does nothing. One that is destroyed
+/// It answers once: the first of Return and Fail counts, a second one does nothing. A Reply that is destroyed
 /// unanswered answers "org.freedesktop.DBus.Error.Failed", "the service dropped the call", so that no caller
-/// waits for nothing. When the loop ends, the bus answers what is open with
-/// "org.freedesktop.DBus.Error.NoReply", "the service is stopping"; what comes later does nothing. To answer
-/// a call that wants no answer, or whose caller has left, sends nothing.
+/// waits for nothing. When the loop ends, the bus answers open calls with
+/// "org.freedesktop.DBus.Error.NoReply", "the service is stopping"; a later answer does nothing. An answer to
+/// a call that wants none, or whose caller has left, sends nothing.
 ///
 /// Any thread, one at a time; moved, never copied. On the D-Bus thread the answer is sent immediately, from
 /// another it is sent after what that thread posted before (Bus::Post), and no limit refuses it. The answer's
@@ -108,7 +108,7 @@ class [[nodiscard]] Reply : public ReplyToken {
         "the answer is sent later: its value must own what it holds, std::string for std::string_view");
 
 public:
-    /// REQUIRES: `id` is from TakeOver with this state, and no Reply has been made from it yet.
+    /// REQUIRES: `id` is from TakeOver with this state, and no Reply has been created from it yet.
     Reply(std::shared_ptr<ReplyState> state, std::uint64_t id) noexcept : ReplyToken(std::move(state), id) {}
     /// Takes the call over; `other` has none then.
     Reply(Reply&& other) noexcept = default;

@@ -51,7 +51,7 @@ private:
 /// Ok: the time is over.
 /// Stopping: the bus closes, or has closed.
 /// NotInitialized: the bus has not been opened.
-/// Otherwise the status of sd_event_add_time(3), as OutOfMemory.
+/// Otherwise the status of sd_event_add_time(3), such as OutOfMemory.
 ///
 /// A value, from which a coroutine of any kind may wait. D-Bus thread only; debug builds check that.
 class [[nodiscard]] Sleep {

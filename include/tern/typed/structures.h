@@ -43,7 +43,7 @@ struct StructureCodec {
     }
 };
 
-/// Stands for a value of any type where the number of an aggregate's fields is found out; never made.
+/// Stands for a value of any type where the number of an aggregate's fields is found out; never created.
 struct Whatever {
     template <class T>
     operator T() const;

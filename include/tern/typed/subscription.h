@@ -20,15 +20,15 @@ namespace mwl::Typed {
 
 namespace Detail {
 
-/// What of a subscription depends on types.
+/// The part of a subscription that depends on types.
 class TERN_API SignalHandler {
 public:
     SignalHandler(const SignalHandler&) = delete;
     SignalHandler& operator=(const SignalHandler&) = delete;
     virtual ~SignalHandler();
     /// Reads the values, of which the signature is right, and calls the handler. Negative: they cannot be
-    /// read, and nothing was called with them. What the handler throws, and a codec of one's own but for
-    /// std::bad_alloc, passes through.
+    /// read, and nothing was called with them. Exceptions of the handler, and of a codec of one's own except
+    /// std::bad_alloc, pass through.
     virtual int Run(sd_bus_message* signal) = 0;
 
 protected:
@@ -37,7 +37,7 @@ protected:
 
 }  // namespace Detail
 
-/// Signals of one kind from one object of a peer, for a handler, until this is destroyed. Made by
+/// Signals of one kind from one object of a peer, for a handler, until this is destroyed. Created by
 /// `Proxy::On`, or by SubscribeTo.
 ///
 ///     mMeasured = room.On(Thermostat1::Measured, [this](double celsius) { Show(celsius); });
@@ -47,15 +47,16 @@ protected:
 /// signal nor one who sends it to this connection alone. For a unique name it is that connection for ever.
 ///
 /// The handler is called for every signal that the message bus passes on once it has confirmed the
-/// subscription (GetStatus is Ok); what was sent before is not given to it. It runs on the D-Bus thread. It
-/// may end its own subscription and others and begin with others, and is destroyed after it has returned.
-/// What it throws ends the loop in order, see Dispatcher; so does what a codec of one's own throws.
+/// subscription (GetStatus is Ok); signals that were sent before are not given to it. It runs on the D-Bus
+/// thread. It may end its own subscription and others and begin new ones, and is destroyed after it has
+/// returned. An exception of it ends the loop in order, see Dispatcher; so does an exception of a codec of
+/// one's own.
 ///
 /// A signal that is not of the contract's signature, or has no value of the type, does not reach the handler.
 /// It is counted (Bus::Counters::wrongSignals) and logged (warning, logger name "Typed", ten in ten seconds).
 ///
 /// However many signals come, each turn of the loop handles one, in turn with all other messages and with
-/// jobs. Those that wait are in the socket and at the message bus, not in this process.
+/// jobs. Signals that wait are in the socket and at the message bus, not in this process.
 ///
 /// D-Bus thread only; once the bus has closed any thread. Debug builds check that.
 class [[nodiscard]] Subscription {
@@ -71,9 +72,9 @@ public:
 
     /// Whether there is one, whatever its status.
     explicit operator bool() const noexcept { return mState != nullptr; }
-    /// Ok: signals arrive. Busy: the message bus has not confirmed yet. NotInitialized: none, or made when
+    /// Ok: signals arrive. Busy: the message bus has not confirmed yet. NotInitialized: none, or created when
     /// the bus was not open. Stopping: the bus has closed. InvalidArgument: the destination, the path or the
-    /// interface is none. Otherwise what the message bus, or sending to it, failed with; nothing arrives
+    /// interface is not valid. Otherwise what the message bus, or sending to it, failed with; nothing arrives
     /// then. Every failure is logged (error, logger name "Typed").
     TERN_API StatusCode GetStatus() const noexcept;
     /// Ends it, as if it were destroyed.
@@ -88,7 +89,7 @@ private:
     std::shared_ptr<State> mState;
 };
 
-/// What SubscribeTo does for every type; applications do not need it. `signature`, which stays where it is,
+/// The part of SubscribeTo for every type; applications do not need it. `signature`, which stays where it is,
 /// is that of the values; null for whatever comes. `first`, unless it is null, is what the first value has to
 /// be, a text without quotes: the message bus passes on no others. Throws std::bad_alloc.
 TERN_API Subscription Subscribe(const Remote& remote, const char* interface, const char* member,
@@ -97,7 +98,7 @@ TERN_API Subscription Subscribe(const Remote& remote, const char* interface, con
 
 namespace Detail {
 
-/// What a handler takes whose parameters have types: its own, which are of the signal's signature.
+/// The parameters of a handler that names types: its own, which are of the signal's signature.
 template <class F>
 struct SignalShape;
 template <Function F>
@@ -105,7 +106,7 @@ struct SignalShape<F> : ShapeOf<false, std::remove_pointer_t<F>> {};
 template <Lambda F>
 struct SignalShape<F> : ShapeOf<false, typename Pointee<decltype(&F::operator())>::Type> {};
 
-/// What a handler without types of its own takes, such as a lambda with `auto`: the contract's.
+/// The parameters of a handler without types of its own, such as a lambda with `auto`: the contract's.
 template <class F, class... A>
 struct PlainSignal {
     static constexpr bool KNOWS_CALLER = false;
@@ -145,7 +146,7 @@ template <class F, class... A>
 class SignalRunner final : public SignalHandler {
 public:
     template <class Given>
-    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): made by SubscribeTo alone
+    // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): created by SubscribeTo alone
     explicit SignalRunner(Given&& handler) : mHandler(std::forward<Given>(handler)) {}
 
     int Run(sd_bus_message* signal) override {

@@ -18,7 +18,7 @@ namespace Detail {
 template <class R>
 class TaskPromise;
 
-/// What the promises of all results have in common.
+/// The common part of the promises of all results.
 template <class R>
 class TaskPromiseBase : public TaskFrame {
 public:
@@ -145,25 +145,25 @@ private:
 ///
 /// `co_await task` takes the task over, which is empty from then on, waits until it is done, and gives its
 /// result. `All` and `First` wait for several, a TaskSet keeps those that nobody awaits. Tasks may await each
-/// other in a chain of any length. What can be awaited besides: calls, Sleep, WaitFor, OnPool, and whatever
+/// other in a chain of any length. Further awaitables: calls, Sleep, WaitFor, OnPool, and everything that
 /// keeps the rules of C++.
 ///
-/// What the coroutine throws is rethrown where it is awaited. Where nobody awaits it, it is treated as what
-/// any callback of the loop throws: it is logged (critical, logger name "Typed") with its type and text, and
-/// the loop ends in order with the exit code -ENOTRECOVERABLE. That is when it throws and nobody awaits it
-/// yet; for one that throws before it waits for the first time, so that nobody can await it yet, when it is
-/// destroyed or given to a TaskSet. So who begins several tasks and wants their exceptions awaits them
-/// together, with All.
+/// An exception of the coroutine is rethrown where the task is awaited. When nobody awaits the task, the
+/// exception is treated like that of any callback of the loop: it is logged (critical, logger name "Typed")
+/// with its type and text, and the loop ends in order with the exit code -ENOTRECOVERABLE. This happens when
+/// the coroutine throws and nobody awaits it yet. A coroutine may throw before it waits for the first time,
+/// when nobody can await it yet: then this happens when the task is destroyed or given to a TaskSet. So to
+/// get the exceptions of several tasks, await them together, with All.
 ///
-/// When the bus closes, what waits is resumed with `Stopping`, and what is awaited from then on gives it at
-/// once. A task that does not heed it does not hang the service: at its 1000th co_await from then on it is
-/// logged and left where it is, until it is destroyed.
+/// When the bus closes, a task that waits is resumed with `Stopping`, and every co_await from then on returns
+/// that status immediately. A task that ignores it does not hang the service: at its 1000th co_await from
+/// then on it is logged and left where it is, until it is destroyed.
 ///
 /// The call costs one allocation, the coroutine's frame, and throws std::bad_alloc when there is no memory
 /// for it. A co_await costs none.
 ///
 /// D-Bus thread only: debug builds of the library check it at each co_await. A Task that waits for nothing
-/// any more, as the bus has closed, may be destroyed on any thread.
+/// any more, because the bus has closed, may be destroyed on any thread.
 template <class R = void>
 class [[nodiscard]] Task {
     static_assert(!std::is_reference_v<R>, "a Task gives a value, not a reference");

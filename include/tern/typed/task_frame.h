@@ -1,7 +1,7 @@
 #pragma once
 
-/// What of a Task does not depend on its type: the states of its coroutine, who awaits it, and who takes its
-/// exception. Applications do not need it.
+/// The part of a Task that does not depend on its type: the states of its coroutine, who awaits it, and who
+/// takes its exception. Applications do not need it.
 
 #include <tern/foundation/api.h>
 
@@ -32,18 +32,18 @@ protected:
     ~TaskObserver() = default;
 };
 
-/// Lets a coroutine go on. What leaves it, which is never so for a Task, is logged (critical) and ends the
-/// loop.
+/// Lets a coroutine go on. An exception that leaves it, which no Task lets happen, is logged (critical) and
+/// ends the loop.
 TERN_API void ResumeContained(std::coroutine_handle<> waiting) noexcept;
 
-/// The promise of a Task but for its result.
+/// The promise of a Task except its result.
 ///
 /// A coroutine that runs cannot be destroyed, and those that wait for it hold what it works with. So a task
 /// that is released meanwhile is left to the one that runs: that goes on to its next co_await, or to its end,
 /// and there all of them are destroyed.
 ///
-/// Who waits for a task does not go on within the last step of that task, but when it has returned: a chain
-/// of any length takes the stack of two.
+/// A coroutine that waits for a task does not go on within the last step of that task, but after it has
+/// returned: a chain of any length takes the stack of two.
 class TERN_API TaskFrame {
 public:
     /// A task that keeps on awaiting although all that it awaits is `Stopping` is left where it is, after so
@@ -53,14 +53,14 @@ public:
     TaskFrame(const TaskFrame&) = delete;
     TaskFrame& operator=(const TaskFrame&) = delete;
 
-    /// The owner needs it no more: destroys it, now, or when nobody runs any more who needs it.
+    /// The owner does not need it any more: destroys it now, or as soon as no running coroutine needs it.
     void Release() noexcept;
     /// Whether it has come to its end.
     bool IsDone() const noexcept { return mState == State::Done; }
     /// Whether it has ended with an exception.
     bool HasThrown() const noexcept { return mException != nullptr; }
 
-    /// Who is to be notified when it is done, and the task, if it is one, that waits for it.
+    /// The observer that is notified when it is done, and the task, if there is one, that waits for it.
     void Observe(TaskObserver& observer, TaskFrame* parent) noexcept;
     /// Somebody waits for it, even if it is done already: its exception is not nobody's.
     void Claim() noexcept { mIsClaimed = true; }
@@ -173,7 +173,7 @@ concept HasFreeAwait = requires(A&& awaitable) {
     operator co_await(std::forward<A>(awaitable));
 };
 
-/// What a co_await of an awaitable works with.
+/// The object that a co_await of an awaitable works with.
 template <class A>
 decltype(auto) GetAwaiter(A&& awaitable) {
     if constexpr (HasMemberAwait<A>) {
@@ -187,7 +187,7 @@ decltype(auto) GetAwaiter(A&& awaitable) {
 
 template <class A>
 using AwaiterOf = decltype(GetAwaiter(std::declval<A>()));
-/// What a co_await gives.
+/// The result of a co_await.
 template <class A>
 using AwaitedBy = decltype(std::declval<std::remove_reference_t<AwaiterOf<A>>&>().await_resume());
 

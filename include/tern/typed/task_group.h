@@ -81,7 +81,7 @@ std::vector<TaskFrame*> GetFrames(const std::vector<Task<R>>& tasks) {
     return frames;
 }
 
-/// A co_await of several tasks, which it owns, but for its result: All and First have their own. `Tasks` is a
+/// A co_await of several tasks, which it owns, without its result: All and First have their own. `Tasks` is a
 /// tuple of tasks, or a vector of those of one kind.
 template <class Tasks>
 class GroupAwaiter : protected TaskGroup {
@@ -128,7 +128,7 @@ Task<std::remove_cvref_t<AwaitedBy<A>>> AwaitAsTask(A awaitable) {
     co_return co_await std::move(awaitable);
 }
 
-/// A task as it is; whatever else can be awaited gets a coroutine of its own.
+/// A task as it is; any other awaitable gets a coroutine of its own.
 template <class A>
 auto ToTask(A&& awaitable) {
     using Value = std::remove_cvref_t<A>;

@@ -14,7 +14,7 @@
 ///     }
 ///
 /// The call is answered when the coroutine is done, with what it returns or throws, as for a handler that
-/// answers immediately. Until then it is an open call, as one with a Reply, and counts against
+/// answers immediately. Until then it is an open call, like one with a Reply, and counts against
 /// Bus::SetOpenCalls.
 ///
 /// It takes its arguments by value, and no views: it goes on when the call has returned, and the message has

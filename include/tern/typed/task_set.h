@@ -15,7 +15,7 @@ namespace mwl::Typed {
 ///     }
 ///     TaskSet mTasks;  // behind what its tasks use: it is destroyed first
 ///
-/// A task that is done is destroyed immediately, and its result with it. What a task throws is logged
+/// A task that is done is destroyed immediately, and its result with it. An exception of a task is logged
 /// (critical) with its type and text, and ends the loop in order with the exit code -ENOTRECOVERABLE, as for
 /// any task that nobody awaits.
 ///
@@ -28,12 +28,12 @@ class TERN_API TaskSet final : private Detail::TaskObserver {
 public:
     /// Empty.
     TaskSet() noexcept = default;
-    /// As Clear; what is added meanwhile is ended too.
+    /// As Clear; tasks that are added meanwhile are ended too.
     ~TaskSet();
     TaskSet(const TaskSet&) = delete;
     TaskSet& operator=(const TaskSet&) = delete;
 
-    /// Takes the task over. One that is done already is destroyed immediately, an empty one is nothing.
+    /// Takes the task over. A task that is done already is destroyed immediately; an empty one is ignored.
     template <class R>
     void Add(Task<R> task) noexcept {
         if (Detail::TaskFrame* const frame = Detail::TaskAccess::TakeFrame(task)) {

@@ -6,7 +6,7 @@
 namespace mwl::Typed {
 
 /// A text of N characters that the compiler computes: how D-Bus signatures are put together. Ends with a null
-/// character, which N does not count. Immutable once made.
+/// character, which N does not count. Immutable once created.
 ///
 ///     constexpr auto entry = Text("{") + Text("sv") + Text("}");   // entry.text is "{sv}", entry.SIZE is 4
 template <std::size_t N>
@@ -32,7 +32,7 @@ struct Text {
 template <std::size_t N>
 Text(const char (&)[N]) -> Text<N - 1>;
 
-/// One text behind the other.
+/// One text after the other.
 template <std::size_t A, std::size_t B>
 constexpr Text<A + B> operator+(const Text<A>& first, const Text<B>& second) {
     Text<A + B> sum;

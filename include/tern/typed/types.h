@@ -93,8 +93,8 @@ constexpr bool IsSignature(std::string_view text) {
 /// Text that has been checked to be of the D-Bus type CODE, 'o' or 'g'. Use ObjectPath and Signature.
 ///
 /// A literal is checked by the compiler: `ObjectPath("/com/example")` compiles, `ObjectPath("com/example")`
-/// does not. A text that is not known before is checked by From, which gives nothing for a wrong one. Values
-/// from a message were checked by sd-bus. One thread at a time, like std::string.
+/// does not. A text that is known only at run time is checked by From, which gives nothing for a wrong text.
+/// Values from a message were checked by sd-bus. One thread at a time, like std::string.
 template <char CODE>
 class CheckedText {
 public:
@@ -102,7 +102,7 @@ public:
 
     /// A literal of the right form; every other one is an error of the compiler.
     struct Literal {
-        /// Implicit, as a literal is meant to be given.
+        /// Implicit, because a literal is to be passed here.
         consteval Literal(const char* literal) : text(literal) {
             if (!Check(text)) {
                 throw "this literal is no object path, or no signature";  // never reached: the compiler stops
@@ -164,8 +164,8 @@ struct Codec<CheckedText<CODE>> : Detail::OfCode<CODE> {
 /// A file descriptor of one's own, closed with the object; -1 is none.
 ///
 /// Read from a message it is a duplicate, close-on-exec and at least 3, so that it stays when the message
-/// goes and never becomes standard input or output by chance. Sent, sd-bus duplicates it: the object keeps
-/// its own. One thread at a time.
+/// goes and never becomes standard input or output by chance. When it is sent, sd-bus duplicates it: the
+/// object keeps its own. One thread at a time.
 class OwnedFd {
 public:
     OwnedFd() noexcept = default;
@@ -212,7 +212,7 @@ struct BorrowedFd {
 template <>
 struct Codec<OwnedFd> : Detail::OfCode<'h'> {
     TERN_API static int Write(sd_bus_message* message, const OwnedFd& value);
-    /// Also -EMFILE and what else fcntl(2) says.
+    /// Also -EMFILE and other errors of fcntl(2).
     TERN_API static int Read(sd_bus_message* message, OwnedFd& value, Fault& fault);
 };
 
@@ -229,8 +229,8 @@ struct Codec<BorrowedFd> : Detail::OfCode<'h'> {
 template <>
 inline constexpr bool BORROWS<BorrowedFd> = true;
 
-/// Several output arguments of a method, in order. It is a result only: as an argument or in a container
-/// std::tuple is meant, which is one structure.
+/// Several output arguments of a method, in order. It is a result only: for an argument, or in a container,
+/// use std::tuple, which is one structure.
 template <class... T>
 struct Results : std::tuple<T...> {
     using std::tuple<T...>::tuple;
@@ -266,7 +266,7 @@ struct Codec<Borrow<T>> {
 template <class T>
 inline constexpr bool BORROWS<Borrow<T>> = false;
 
-/// The signature of values one behind the other, as a Text; references and const do not count. Does not
+/// The signature of values one after the other, as a Text; references and const do not count. Does not
 /// compile when a Codec of one's own has a SIGNATURE that is not one complete type, or all together are no
 /// signature.
 template <class... T>

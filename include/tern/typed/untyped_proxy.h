@@ -22,9 +22,10 @@
 
 namespace mwl::Typed {
 
-/// An object of a peer, for programs that learn interfaces while they run, such as gateways and explorers.
-/// Those that know an interface have a contract of it and a `Proxy`: there the compiler checks what is
-/// checked here while the program runs. A small value; copies are of the same object and share the time-out.
+/// An object of a peer, for programs that learn interfaces while they run, such as gateways and explorers. A
+/// program that knows an interface has a contract of it and a `Proxy`: there the compiler makes the checks
+/// that are made here while the program runs. A small value; copies are of the same object and share the
+/// time-out.
 ///
 ///     const UntypedProxy room(mBus, "com.example.Thermostat", "/com/example/Thermostat");
 ///     Outcome<Introspection::Node> what = co_await room.Introspect();
@@ -32,9 +33,9 @@ namespace mwl::Typed {
 ///                                                         {Any::From(std::string("pw"))});
 ///     Outcome<Any> target = co_await room.Get("com.example.Thermostat1", "Target");
 ///
-/// Nothing is sent yet, see `Call`, of which everything else is true as well: its outcomes, `Within`, `Then`
-/// and `Detach`, with which a method is called that nobody answers. What is no name of an interface or a
-/// member is in the outcome, "org.freedesktop.DBus.Error.InvalidArgs".
+/// Nothing is sent yet, see `Call`. Everything else in `Call` is true here as well: its outcomes, `Within`,
+/// `Then`, and `Detach`, which calls a method that nobody answers. A name that is not valid for an interface
+/// or a member is in the outcome, "org.freedesktop.DBus.Error.InvalidArgs".
 ///
 /// Values are `Any`s and have their limits: no file descriptors, in one message no more than MAX_ELEMENTS
 /// values in all, at most Any::MAX_NESTING containers inside each other. A reply beyond them is
@@ -61,25 +62,25 @@ public:
                                        const std::vector<Any>& arguments = {}) const;
     /// A property's value, not within its variant.
     Typed::Call<Any> Get(const std::string& interface, const std::string& property) const;
-    /// Those of all properties of an interface, but for EXPLICIT ones; of all interfaces that the service
-    /// takes it for with an empty name.
+    /// The values of all properties of an interface, except for EXPLICIT ones; with an empty name, of all
+    /// interfaces that the service takes it for.
     Typed::Call<std::map<std::string, Any>> GetAll(const std::string& interface) const;
     /// Writes a property. `value` is of the property's type; of one of type "v" a variant.
     Typed::Call<void> Set(const std::string& interface, const std::string& property, const Any& value) const;
-    /// What there is, as the peer reports it. The report is read on this thread, which took some 80 ms for a
-    /// MiB on a desktop machine; usual objects report a few KiB. A text that is not sound, or is larger than
-    /// Introspection::MAX_SIZE, is "mwl.Typed.Error.WrongReply", with what is wrong with it; where libexpat
-    /// cannot be loaded it is NotSupported; see Introspection::Parse.
+    /// The introspection, as the peer reports it. The report is read on this thread, which took some 80 ms
+    /// for a MiB on a desktop machine; usual objects report a few KiB. A text that is not sound, or is larger
+    /// than Introspection::MAX_SIZE, is "mwl.Typed.Error.WrongReply", with what is wrong with it; where
+    /// libexpat cannot be loaded it is NotSupported; see Introspection::Parse.
     Typed::Call<Introspection::Node> Introspect() const;
     /// Has `handler` called with the values of each such signal, whatever their types; see Subscription.
     /// REQUIRES: it is not empty.
     Subscription On(const std::string& interface, const std::string& signal,
                     std::function<void(const std::vector<Any>& values)> handler) const;
 
-    /// How long replies are waited for, of calls made from now on, here and with copies; 5 s at first, see
-    /// Remote::SetTimeout.
+    /// How long replies are waited for, of calls created from now on, here and with copies; initially 5 s,
+    /// see Remote::SetTimeout.
     void SetTimeout(std::chrono::milliseconds timeout) noexcept { mRemote->SetTimeout(timeout); }
-    /// What calls and subscriptions share. Any thread.
+    /// The state that calls and subscriptions share. Any thread.
     const std::shared_ptr<Remote>& GetRemote() const noexcept { return mRemote; }
 
 private:

@@ -61,10 +61,10 @@ private:
 /// Timeout: it was not ready within the limit.
 /// Stopping: the bus closes, or has closed.
 /// NotInitialized: the bus has not been opened.
-/// AccessDenied: it cannot be waited for, as a regular file.
+/// AccessDenied: it cannot be waited for; it is a regular file, for example.
 /// AlreadyExists: the loop watches it already; a duplicate (dup(2)) may be waited for.
 /// InvalidArgument: it is no descriptor, or those are no such events.
-/// Otherwise the status of sd_event_add_io(3) or sd_event_add_time(3), as OutOfMemory.
+/// Otherwise the status of sd_event_add_io(3) or sd_event_add_time(3), such as OutOfMemory.
 ///
 /// A value, from which a coroutine of any kind may wait. D-Bus thread only; debug builds check that.
 class [[nodiscard]] WaitFor {

@@ -8,7 +8,7 @@
 
 namespace mwl::Typed::Detail {
 
-/// Appends each value; negative, and no more of them, once one cannot be sent.
+/// Appends each value. Negative when a value cannot be sent; the values after it are not appended.
 template <class... V>
 int WriteEach([[maybe_unused]] sd_bus_message* message, const V&... value) {
     int r = 0;

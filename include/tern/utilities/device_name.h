@@ -7,9 +7,9 @@
 
 namespace mwl::Utilities {
 
-/// The device's host name: made from product code and MAC address, applied to the running kernel, and kept in
-/// the host-name file (the platform's library folder, its configuration folder, "/hostname": by default
-/// /var/lib/mwl/etc/hostname), so that it survives a restart. The folder of that file is not made here.
+/// The device's host name: built from product code and MAC address, applied to the running kernel, and kept
+/// in the host-name file (the platform's library folder, its configuration folder, "/hostname": by default
+/// /var/lib/mwl/etc/hostname), so that it survives a restart. The folder of that file is not created here.
 ///
 /// All operations are static and synchronous and log under "mwl::Utilities::DeviceName". Thread-safe; the
 /// file is not locked against concurrent writers. Output arguments stay untouched on failure.

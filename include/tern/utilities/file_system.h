@@ -21,10 +21,11 @@ namespace mwl::Utilities {
 /// - `CopyFolderContent` may cover a failure by a later success: `CopyWholeFolderContent`.
 ///
 /// Links. An operation follows a link in the place of a path that it is given, as the system calls do, unless
-/// it says otherwise: as root, do not give it paths in folders where somebody less privileged writes. What
-/// works on a tree (`DeleteFolder`, `DeleteFolderContent`, `CopyFolderContent`, `CopyWholeFolderContent`) may
-/// be used there. Below the folders that it is given it follows no link, and nothing that is planted or
-/// exchanged meanwhile leads it elsewhere. Hard links are the kernel's matter (fs.protected_hardlinks).
+/// it says otherwise: as root, do not give it paths in folders where somebody less privileged writes. The
+/// operations on a tree (`DeleteFolder`, `DeleteFolderContent`, `CopyFolderContent`,
+/// `CopyWholeFolderContent`) may be used there. Below the folders that it is given it follows no link, and
+/// nothing that is planted or exchanged meanwhile leads it elsewhere. Hard links are the kernel's matter
+/// (fs.protected_hardlinks).
 ///
 /// Trees may be of any depth: a walk holds 6 descriptors at most, a copy 12. Copying ends at paths of 4096
 /// bytes (ENAMETOOLONG), as system calls do.
@@ -120,10 +121,10 @@ public:
     /// (where it is met it is left out with `InvalidArgument`).
     ///
     /// At the first level `includeFolders` and `includeFiles` choose what is copied; below it everything is.
-    /// Files are given to "meadow" with mode 0644, folders are made as by CreateFolder; a failure of that is
-    /// a warning for a file. Links and special files are left out, with an info message. In `destination` a
-    /// link in the place of a file or folder is a failure (ELOOP: `Failure`), and so is another kind of entry
-    /// in the place of a file (`InvalidArgument`).
+    /// Files are given to "meadow" with mode 0644, folders are created as by CreateFolder; a failure of that
+    /// is a warning for a file. Links and special files are left out, with an info message. In `destination`
+    /// a link in the place of a file or folder is a failure (ELOOP: `Failure`), and so is another kind of
+    /// entry in the place of a file (`InvalidArgument`).
     ///
     /// The copy goes on after a failure and returns what the last entry gave that was copied or failed: an
     /// earlier failure may be covered by a later success. `NotFound` when there was nothing to copy; empty
@@ -157,9 +158,9 @@ public:
     /// Stores the text of the link in `target` (readlink(2), at most 4095 bytes). `Ok`, or the status of
     /// errno.
     static StatusCode ReadLink(const std::string& link, std::string& target);
-    /// Stores the bare file name of the running program in `name`: the one that it was started by, also when
-    /// the file has been removed or replaced since (an update in place). Results as ReadLink; when that
-    /// fails, `name` is still cut to what stands behind its last "/".
+    /// Stores the bare file name of the running program in `name`: the name that it was started by, also when
+    /// the file has been removed or replaced since (an update in place). Results as ReadLink; when it fails,
+    /// `name` is still cut to the text after its last "/".
     static StatusCode GetCurrentExecutableName(std::string& name);
     /// Gives `path` to the named user and group (chown(2), links followed). `Ok`; `Failure` when either is
     /// unknown; else the status of errno.

@@ -11,8 +11,8 @@
 
 namespace mwl::Utilities {
 
-/// Waits on a thread of its own for one event in or on a path (inotify(7)), calls a callback for it and
-/// ends.
+/// Waits on a thread of its own for one event in or on a path (inotify(7)), calls a callback for the event,
+/// and ends.
 ///
 ///     FolderMonitor monitor("/var/lib/device/inbox");
 ///     monitor.Start([&](const std::string& name, unsigned int mask) { queue.WakeUp(); }, IN_CLOSE_WRITE);
@@ -25,9 +25,8 @@ namespace mwl::Utilities {
 /// | watching | `Start` gave Ok | no-op, Ok | ends the thread | ends the thread |
 /// | finished | callback returned, or read error | ends the process | trace message only | ends the process |
 ///
-/// The last row is fixed by the interface: a thread that has finished by itself is never joined, and
-/// std::terminate is what becomes of a joinable std::thread that is destroyed or assigned to. So do one of
-/// these:
+/// The last row is fixed by the interface: a thread that has finished by itself is never joined, and the
+/// destruction of a joinable std::thread, or an assignment to it, calls std::terminate. So do one of these:
 /// - stop a monitor while it is watching;
 /// - call `Stop` from inside the callback, which leads to idle;
 /// - let the monitor live as long as the process.
@@ -40,14 +39,15 @@ namespace mwl::Utilities {
 /// leaves it ends the process. It is kept until the next `Start` that succeeds or the end of the monitor.
 ///
 /// When `Stop` or the destructor has returned, no callback runs and none is going to, whoever stopped the
-/// watch: what the callback uses may be freed. This does not hold for their calls from inside the callback.
+/// watch: objects that the callback uses may be freed. This does not hold when the callback itself made the
+/// call.
 /// REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
 ///
-/// What is watched is the file or folder that had the path at `Start`. When that has been removed, or its
-/// file system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps
-/// watching for something new at the path: it looks every 100 ms, and what happens in between is missed. A
-/// warning says that the path is gone, an info line that it is watched again. A folder that was moved away,
-/// or that a process still holds open, is not gone: it remains the one that is watched.
+/// The watch is on the file or folder that had the path at `Start`. When it has been removed, or its file
+/// system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps watching
+/// for something new at the path: it looks every 100 ms, and events between two looks are missed. A warning
+/// says that the path is gone, an info line that it is watched again. A folder that was moved away, or that a
+/// process still holds open, is not gone: the watch stays on it.
 class TERN_API FolderMonitor {
 public:
     /// Keeps the path of the file or folder to watch; starts nothing. The path need not exist yet.

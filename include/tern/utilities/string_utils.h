@@ -13,9 +13,9 @@ class TERN_API StringUtils {
 public:
     /// Replaces in `text` the first, with `all` every, occurrence of `from` by `to`. Returns `text`.
     ///
-    /// Each search begins one character after the start of the last replacement, not behind it. So a `to`
-    /// that holds `from` behind its first character is found again and again: such a call with `all` ends
-    /// only when memory does ("a" by "aa" is one). With an empty `to` the character behind each gap is passed
+    /// Each search begins one character after the start of the last replacement, not after its end. So a `to`
+    /// that holds `from` after its first character is found again and again: such a call with `all` ends only
+    /// when memory is used up ("a" by "aa" is one). With an empty `to` the character after each gap is passed
     /// over ("aaaa" without "a" leaves "aa").
     ///
     /// An empty `from` inserts `to` before every character and once at the end; without `all` at the start
@@ -31,10 +31,10 @@ public:
     /// when it is none. REQUIRES: `index` lies in `text`; otherwise false with length 1. `index` is not
     /// changed.
     static bool IsValidUtf8(const std::string& text, unsigned int& index, unsigned int& length);
-    /// Whether `text` is made of sequences that IsValidUtf8 accepts; an empty one is.
+    /// Whether `text` consists of sequences that IsValidUtf8 accepts; an empty text does.
     static bool ValidateUTF8Sequence(const std::string& text);
     /// The number at the start of `text`, as strtoul(3) reads it in base 10: leading white space and a sign
-    /// are accepted, what follows the digits is not looked at, a negative number wraps ("-1" is 4294967295).
+    /// are accepted, text after the digits is ignored, a negative number wraps ("-1" is 4294967295).
     /// `defaultValue` when there are no digits or the number without its sign is above 4294967295.
     static unsigned int ToUint32(const std::string& text, unsigned int defaultValue);
     /// Whether `text` begins with `prefix`; an empty one always does.

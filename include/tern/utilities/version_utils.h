@@ -39,9 +39,9 @@ public:
         std::int32_t patch = 0;
 
         /// Reads exactly three parts with a dot between them, each as strtol(3) does in base 10: leading
-        /// white space and a sign are accepted, and what follows the digits is not looked at, so "1.2.3-rc1"
-        /// is 1, 2, 3. `Ok`; `InvalidArgument` for any other text or a number beyond 32 bits, and then
-        /// `version` is untouched.
+        /// white space and a sign are accepted, and text after the digits is ignored, so "1.2.3-rc1" is 1, 2,
+        /// 3. `Ok`; `InvalidArgument` for any other text or a number beyond 32 bits, and then `version` is
+        /// untouched.
         static StatusCode Parse(const std::string& text, VersionMajorMinorPatch& version);
 
         /// All three numbers are equal.

@@ -25,8 +25,8 @@ namespace mwl::Utilities {
 /// libzip is loaded when an archive is first opened (dlopen(3)) and stays; where it is not installed, or is
 /// older than 1.7, both operations fail with Failure.
 ///
-/// Thread-safe: nothing is shared. What happens to an archive or folder that another thread changes
-/// meanwhile is decided by libzip and the file system.
+/// Thread-safe: nothing is shared. When another thread changes an archive or folder meanwhile, libzip and the
+/// file system decide the result.
 class TERN_API Zipper {
 public:
     static const std::string RELATIVE_PATH_STRING;  ///< "../", which no entry's name may hold
@@ -57,8 +57,8 @@ public:
     /// the rest), an entry that libzip cannot describe (left out), the end of a longer file that was there
     /// (stays). Where that matters, or somebody less privileged writes in `folder`, use `UnzipWhole`.
     ///
-    /// The files come into `folder`, which is made when it is missing (its parent is not) and whose mode and
-    /// owner are set again in any case (`FileSystem::CreateFolder`). An empty `password` opens entries
+    /// The files come into `folder`, which is created when it is missing (its parent is not) and whose mode
+    /// and owner are set again in any case (`FileSystem::CreateFolder`). An empty `password` opens entries
     /// without decryption; with a password, entries in clear are extracted as well.
     ///
     /// Stops at the first entry that fails; files written before stay.
@@ -66,7 +66,7 @@ public:
     /// - Ok: everything is extracted; also an archive without entries.
     /// - Failure: a path is empty; an entry is damaged (shortened, wrong checksum or authentication code) or
     ///   cannot be closed; or `GetStatusZipError` says so.
-    /// - the status of `FileSystem::CreateFolder`: `folder` cannot be made.
+    /// - the status of `FileSystem::CreateFolder`: `folder` cannot be created.
     /// - `GetStatusZipError` of libzip's code: the archive or an entry cannot be opened; `NotPermitted` when
     ///   a password is needed, `AccessDenied` when it is wrong (one wrong password in 65536 is noticed only
     ///   by the authentication code), `NotSupported` for an unknown compression or encryption.
@@ -74,7 +74,7 @@ public:
     /// - InvalidArgument: the name of an entry holds `RELATIVE_PATH_STRING`; or reading an entry failed and
     ///   libzip did not keep the error.
     /// - OutOfMemory: an entry claims to be larger than the memory that can be had.
-    /// - the status of errno: a file cannot be opened for writing. Folders are not made: the entry "d/f"
+    /// - the status of errno: a file cannot be opened for writing. Folders are not created: the entry "d/f"
     ///   needs an existing folder "d" in `folder` (`NotFound`), and an entry for a folder ("d/") always ends
     ///   here.
     /// - KeyNotFound: a file cannot be written. An entry without content counts as such, and its empty file
@@ -89,7 +89,7 @@ public:
     /// less the umask. Names are appended to `folder` as they are: an absolute one stays below it. Links that
     /// are in `folder` already are followed, so let nobody else write there.
     ///
-    /// Blocks until all is extracted. A hostile archive decides how long that is, as it may expand to a
+    /// Blocks until all is extracted. A hostile archive decides how long that is, because it may expand to a
     /// thousand times its size.
     static StatusCode Unzip(const std::string& zipFile, const std::string& folder,
                             const std::string& password);
@@ -99,7 +99,7 @@ public:
     ///
     /// - an existing file is emptied first;
     /// - an entry without content gives an empty file;
-    /// - an entry shorter than it claims is InvalidArgument, as one that cannot be read is;
+    /// - an entry shorter than it claims is InvalidArgument, and so is an entry that cannot be read;
     /// - an entry that libzip cannot describe gives `GetStatusZipError`;
     /// - what cannot be written whole, closed or stored gives the status of errno (IoError on a full disk);
     /// - links in `folder` are not followed: one in the place of a file is Failure (ELOOP), in the place of a

@@ -4,6 +4,9 @@
 #include <tern/dbus_message/asv_signature_parser.h>
 #include <tern/dbus_message/values_list.h>
 
+#include <cstdint>
+#include <utility>
+
 #include "names.h"
 
 namespace soak {
@@ -16,8 +19,8 @@ ClientInterface& Self(void* userdata) {
 
 }  // namespace
 
-ClientInterface::ClientInterface(JobDesk& desk, Fault& fault)
-    : DBusInterface(CLIENT_INTERFACE), mDesk(desk), mFault(fault) {}
+ClientInterface::ClientInterface(JobDesk& desk, Fault& fault, std::string name)
+    : DBusInterface(CLIENT_INTERFACE), mDesk(desk), mFault(fault), mName(std::move(name)) {}
 
 const sd_bus_vtable* ClientInterface::GetVtable() const {
     static const sd_bus_vtable table[] = {
@@ -25,6 +28,7 @@ const sd_bus_vtable* ClientInterface::GetVtable() const {
         SdBusMethod("Echo", "s", "s", &OnEcho, SD_BUS_VTABLE_UNPRIVILEGED),
         SdBusMethod("Count", "a{sv}", "u", &OnCount, SD_BUS_VTABLE_UNPRIVILEGED),
         SdBusMethod("Work", "s", "u", &OnWork, SD_BUS_VTABLE_UNPRIVILEGED),
+        SdBusMethod("Keep", "t", "u", &OnKeep, SD_BUS_VTABLE_UNPRIVILEGED),
         SdBusWritableProperty("Label", "s", &OnGetLabel, &OnSetLabel, 0,
                               SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE | SD_BUS_VTABLE_UNPRIVILEGED),
         SdBusVtableEnd()};
@@ -62,7 +66,21 @@ int ClientInterface::OnWork(sd_bus_message* message, void* userdata, sd_bus_erro
     if (r < 0) {
         return r;
     }
-    Self(userdata).mDesk.Submit(message, kind);
+    Self(userdata).mDesk.Submit(message, [kind = std::string(kind)](Jobs& jobs) { return jobs.Run(kind); });
+    return 1;  // answered later
+}
+
+int ClientInterface::OnKeep(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    std::uint64_t number = 0;
+    const int r = sd_bus_message_read(message, "t", &number);
+    if (r < 0) {
+        return r;
+    }
+    ClientInterface& self = Self(userdata);
+    if (self.mFault.IsForgotten(number)) {
+        return sd_bus_reply_method_return(message, "u", static_cast<unsigned int>(mwl::StatusCode::Ok));
+    }
+    self.mDesk.Submit(message, [name = self.mName, number](Jobs& jobs) { return jobs.Keep(name, number); });
     return 1;  // answered later
 }
 

@@ -40,7 +40,7 @@ Fault::Fault(const std::string& name) {
         {"", Kind::Nothing},      {"memory", Kind::Memory},     {"descriptor", Kind::Descriptor},
         {"thread", Kind::Thread}, {"reply", Kind::Reply},       {"answer", Kind::Answer},
         {"signal", Kind::Signal}, {"watchdog", Kind::Watchdog}, {"crash", Kind::Crash},
-        {"status", Kind::Status}, {"hang", Kind::Hang}};
+        {"status", Kind::Status}, {"hang", Kind::Hang},         {"keep", Kind::Keep}};
     const auto found = kinds.find(name);
     if (found == kinds.end()) {
         throw std::invalid_argument("there is no fault '" + name + "'");
@@ -81,11 +81,16 @@ Fault::Answer Fault::OnCall() {
             break;
         case Kind::Nothing:
         case Kind::Signal:
+        case Kind::Keep:
         case Kind::Status:
         case Kind::Hang:
             break;
     }
     return Answer::Right;
+}
+
+bool Fault::IsForgotten(std::uint64_t number) const {
+    return mKind == Kind::Keep && number >= 3;
 }
 
 bool Fault::IsLeftOut(std::uint64_t number) const {

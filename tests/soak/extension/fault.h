@@ -18,6 +18,7 @@ namespace soak {
 /// | signal | every 100th signal is left out |
 /// | watchdog | the 100th call holds the loop up for 6 seconds |
 /// | crash | the 100th call ends the process |
+/// | keep | from the 3rd on no number is kept, but said to be |
 /// | status | the process ends with success, whatever happened |
 /// | hang | the process does not end |
 class Fault {
@@ -29,6 +30,8 @@ public:
 
     /// To be asked at each call.
     Answer OnCall();
+    /// Whether this number, which is to be kept, is to be forgotten.
+    bool IsForgotten(std::uint64_t number) const;
     /// Whether this signal is to be left out.
     bool IsLeftOut(std::uint64_t number) const;
     /// The status with which the process ends; may not return.
@@ -45,6 +48,7 @@ private:
         Signal,
         Watchdog,
         Crash,
+        Keep,
         Status,
         Hang
     };

@@ -2,6 +2,8 @@
 
 #include <sys/epoll.h>
 
+#include <utility>
+
 using mwl::StatusCode;
 
 namespace soak {
@@ -14,11 +16,11 @@ StatusCode JobDesk::Open(mw::tern::EventLoop& loop) {
                             [this](sd_event_source*, int, unsigned int) { return OnDone(); });
 }
 
-void JobDesk::Submit(sd_bus_message* call, const std::string& kind) {
+void JobDesk::Submit(sd_bus_message* call, std::function<StatusCode(Jobs& jobs)> job) {
     const std::uint64_t number = ++mNumber;
     mCalls[number] = sd_bus_message_ref(call);
-    mPool.Queue([this, number, kind] {
-        const Result result{number, mJobs.Run(kind)};
+    mPool.Queue([this, number, job = std::move(job)] {
+        const Result result{number, job(mJobs)};
         static_cast<void>(mResults.WriteMessage(&result, sizeof result));
     });
 }

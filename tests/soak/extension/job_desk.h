@@ -5,6 +5,7 @@
 #include <tern/service/message_pipe.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -22,7 +23,7 @@ public:
 
     mwl::StatusCode Open(mw::tern::EventLoop& loop);
     /// The reply is "u", the job's status.
-    void Submit(sd_bus_message* call, const std::string& kind);
+    void Submit(sd_bus_message* call, std::function<mwl::StatusCode(Jobs& jobs)> job);
     /// Calls that are not answered by now never will be, and a job that is done finds nobody to tell.
     void Close();
 

@@ -19,6 +19,8 @@ namespace {
 constexpr unsigned int FILES = 5;
 constexpr std::size_t FILE_SIZE = 3000;
 constexpr std::size_t SETTINGS = 20;
+/// Enough for a file that is cut off to be noticed.
+constexpr std::size_t KEPT_LINES = 300;
 /// Generous: only a hang takes so long.
 constexpr unsigned int PROGRAM_TIMEOUT_MS = 60000;
 
@@ -31,7 +33,13 @@ StatusCode FirstFailure(StatusCode first, StatusCode second) {
 Jobs::Jobs(Progress& progress, std::string folder) : mProgress(progress), mFolder(std::move(folder)) {}
 
 StatusCode Jobs::Open() {
-    StatusCode status = FileSystem::CreateFolder(mFolder + "/source");
+    const std::string work = mFolder + "/work";
+    StatusCode status = FileSystem::CheckDirectoryExist(work) == StatusCode::Ok
+                            ? FileSystem::DeleteFolder(work, true)
+                            : StatusCode::Ok;
+    for (const char* const folder : {"/work", "/source", "/kept"}) {
+        status = FirstFailure(status, FileSystem::CreateFolder(mFolder + folder));
+    }
     for (unsigned int i = 0; i < FILES && status == StatusCode::Ok; ++i) {
         status = FileSystem::WriteContent(mFolder + "/source/file" + std::to_string(i),
                                           std::string(FILE_SIZE, static_cast<char>('a' + i)));
@@ -88,13 +96,9 @@ StatusCode Jobs::ReloadSettings() {
     for (std::size_t i = 0; i < SETTINGS; ++i) {
         content += "key" + std::to_string(i) + "=" + std::to_string(i) + "\n";
     }
-    // Replaced as a whole, as another thread may be reading.
-    const std::string fresh = Unique("settings");
+    // As a whole, as another thread may be reading.
     const std::string settings = mFolder + "/settings.ini";
-    StatusCode status = FileSystem::WriteContent(fresh, content);
-    if (status == StatusCode::Ok) {
-        status = FileSystem::Rename(fresh, settings);
-    }
+    StatusCode status = Replace(settings, content);
     std::map<std::string, std::string> values;
     if (status == StatusCode::Ok) {
         status = mwl::Parser::IniParser::Parse(settings, values);
@@ -103,8 +107,28 @@ StatusCode Jobs::ReloadSettings() {
     return status == StatusCode::Ok && values.size() != SETTINGS ? StatusCode::Failure : status;
 }
 
+StatusCode Jobs::Keep(const std::string& name, std::uint64_t number) {
+    std::string content;
+    for (std::size_t i = 0; i < KEPT_LINES; ++i) {
+        content += std::to_string(number) + "\n";
+    }
+    return Replace(mFolder + "/kept/" + name, content);
+}
+
+StatusCode Jobs::Replace(const std::string& path, const std::string& content) {
+    const std::string fresh = Unique("fresh");
+    StatusCode status = FileSystem::WriteWholeContent(fresh, content);
+    if (status == StatusCode::Ok) {
+        status = FileSystem::Rename(fresh, path);
+    }
+    if (status != StatusCode::Ok) {
+        static_cast<void>(FileSystem::DeleteFile(fresh));  // there may be none
+    }
+    return status;
+}
+
 std::string Jobs::Unique(const std::string& name) {
-    return mFolder + "/" + name + std::to_string(++mNumber);
+    return mFolder + "/work/" + name + std::to_string(++mNumber);
 }
 
 }  // namespace soak

@@ -45,10 +45,12 @@ StatusCode SoakServer::Start(mw::tern::DBusServerManager& manager, mw::tern::Eve
     mBus = manager.GetBus();
     StatusCode status = Show(manager, OBJECT_PATH, std::make_unique<ProgressInterface>(mProgress));
     for (unsigned int client = 0; client < mClients && status == StatusCode::Ok; ++client) {
-        status = Show(manager, ClientPath(client), std::make_unique<ClientInterface>(mDesk, mFault));
+        status = Show(manager, ClientPath(client),
+                      std::make_unique<ClientInterface>(mDesk, mFault, std::to_string(client)));
     }
     if (status == StatusCode::Ok) {
-        status = Show(manager, ClientPath(mClients), std::make_unique<ClientInterface>(mDesk, mNoFault));
+        status = Show(manager, ClientPath(mClients),
+                      std::make_unique<ClientInterface>(mDesk, mNoFault, std::to_string(mClients)));
     }
     if (status == StatusCode::Ok) {
         status = mDesk.Open(loop);

@@ -3,8 +3,10 @@
 #include <systemd/sd-bus.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "names.h"
 #include "support/wait_until.h"
@@ -66,6 +68,21 @@ Tally Client::GetTally() const {
     return mTally;
 }
 
+Client::Promise Client::GetPromise() const {
+    const std::lock_guard lock(mMutex);
+    return mPromise;
+}
+
+Client::Spell Client::TakeSpell() {
+    const std::lock_guard lock(mMutex);
+    const auto now = steady_clock::now();
+    Spell spell = std::exchange(mSpell, {});
+    // What lasts is told of again, and whole.
+    spell.longest =
+        std::max(spell.longest, std::chrono::duration_cast<std::chrono::milliseconds>(now - mLastAnswer));
+    return spell;
+}
+
 void Client::Run() {
     while (!mStopping) {
         mSessionEpoch = mEpoch.Now();
@@ -84,7 +101,9 @@ void Client::Session() {
     mChanges = 0;
     mWrites = 0;
     if (mBus == nullptr || !Listen()) {
-        if (!IsInterrupted()) {
+        if (mHabits.isHarmed) {
+            Pause(std::chrono::milliseconds(20));  // the bus may be down, or just going
+        } else if (!IsInterrupted()) {
             Complain("no connection to the running bus");
             Pause(std::chrono::milliseconds(100));
         }
@@ -92,6 +111,10 @@ void Client::Session() {
     }
     if (!WaitForExtension()) {
         return;
+    }
+    mOwner = GetOwner();
+    if (mHabits.isHarmed && mOwner.empty()) {
+        return;  // gone again
     }
     while (!mStopping && !IsInterrupted() && CallSomething()) {
         while (sd_bus_process(mBus.get(), nullptr) > 0) {
@@ -116,7 +139,7 @@ bool Client::WaitForExtension() {
     bool isThere = false;
     const bool isOver = tern::test::WaitUntil([&] {
         isThere = IsExtensionThere(mBus.get());
-        return isThere || mStopping || IsInterrupted();
+        return isThere || mStopping || IsInterrupted() || sd_bus_is_ready(mBus.get()) <= 0;
     });
     if (!isOver) {
         Complain("the extension did not come back");
@@ -132,8 +155,11 @@ bool Client::CallSomething() {
     if (choice < 60) {
         return Count();
     }
-    if (choice < 70) {
+    if (choice < 67) {
         return Work();
+    }
+    if (choice < 70) {
+        return Keep();
     }
     return choice < 95 ? WriteAndRead() : BeRefused();
 }
@@ -167,9 +193,42 @@ bool Client::Work() {
     const Message call = NewCall(CLIENT_INTERFACE, "Work");
     sd_bus_message_append(call.get(), "s", KINDS[Random(std::size(KINDS))]);
     Message reply;
+    if (!Call(call.get(), reply)) {
+        return false;
+    }
+    static_cast<void>(IsDone(reply.get(), "Work"));
+    return true;
+}
+
+bool Client::Keep() {
+    std::uint64_t number = 0;
+    {
+        const std::lock_guard lock(mMutex);
+        number = ++mPromise.asked;
+    }
+    const Message call = NewCall(CLIENT_INTERFACE, "Keep");
+    sd_bus_message_append(call.get(), "t", number);
+    Message reply;
+    if (!Call(call.get(), reply)) {
+        return false;
+    }
+    if (IsDone(reply.get(), "Keep")) {
+        const std::lock_guard lock(mMutex);
+        mPromise.answered = number;
+    }
+    return true;
+}
+
+bool Client::IsDone(sd_bus_message* reply, const std::string& what) {
     unsigned int status = 1;
-    return Call(call.get(), reply) &&
-           Check(sd_bus_message_read(reply.get(), "u", &status) > 0 && status == 0, "Work");
+    const bool isRead = sd_bus_message_read(reply, "u", &status) > 0;
+    if (isRead && status != 0 && mHabits.isHarmed) {
+        const std::lock_guard lock(mMutex);
+        ++mTally.unable;
+    } else {
+        static_cast<void>(Check(isRead && status == 0, what));
+    }
+    return isRead && status == 0;
 }
 
 bool Client::WriteAndRead() {
@@ -220,7 +279,7 @@ bool Client::Call(sd_bus_message* call, Message& reply, const std::string& refus
 
     const bool isRefused = !refusal.empty() && r < 0 && error.Name() == refusal;
     const bool isAnswered = r >= 0 || isRefused;
-    const bool isInterrupted = !isAnswered && IsInterrupted();
+    const bool isInterrupted = !isAnswered && (mHabits.isHarmed ? WasCutOff() : IsInterrupted());
     const bool isLost = !isAnswered && !isInterrupted && IsTimeout(r, error);
     const bool isWrong = r >= 0 && !refusal.empty();
     {
@@ -232,7 +291,12 @@ bool Client::Call(sd_bus_message* call, Message& reply, const std::string& refus
         mTally.errors += !isAnswered && !isInterrupted && !isLost ? 1 : 0;
         mTally.wrong += isWrong ? 1 : 0;
         if (isAnswered) {
+            const auto now = steady_clock::now();
             mTally.latencies.Add(took);
+            ++mSpell.answers;
+            mSpell.longest = std::max(
+                mSpell.longest, std::chrono::duration_cast<std::chrono::milliseconds>(now - mLastAnswer));
+            mLastAnswer = now;
         }
     }
     if (!isAnswered && !isInterrupted) {
@@ -243,6 +307,20 @@ bool Client::Call(sd_bus_message* call, Message& reply, const std::string& refus
         Complain("wrong answer: the call was not refused");
     }
     return isAnswered;
+}
+
+bool Client::WasCutOff() {
+    return GetOwner() != mOwner;
+}
+
+std::string Client::GetOwner() {
+    sd_bus_message* answer = nullptr;
+    const char* owner = "";
+    const int r =
+        sd_bus_call_method(mBus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "GetNameOwner", nullptr, &answer, "s", BUS_NAME.c_str());
+    const Message reply(answer);
+    return r >= 0 && sd_bus_message_read(reply.get(), "s", &owner) > 0 ? owner : "";
 }
 
 bool Client::Check(bool isRight, const std::string& what) {
@@ -274,6 +352,10 @@ int Client::OnTick(sd_bus_message* message, void* userdata, sd_bus_error*) {
     std::uint64_t number = 0;
     if (sd_bus_message_read(message, "t", &number) <= 0) {
         return 0;
+    }
+    const char* const sender = sd_bus_message_get_sender(message);
+    if (self.mHabits.isHarmed && (sender == nullptr || sender != self.mOwner)) {
+        return 0;  // of another life than this session's
     }
     const std::uint64_t expected = self.mTick == 0 ? number : self.mTick + 1;
     if (number != expected && self.IsInterrupted()) {

@@ -15,6 +15,7 @@ struct Tally {
     std::uint64_t errors = 0;       ///< any other failure
 
     std::uint64_t wrong = 0;    ///< of the replies: not what had to come
+    std::uint64_t unable = 0;   ///< of the replies: the job could not be done
     std::uint64_t signals = 0;  ///< received
     std::uint64_t missed = 0;   ///< signals that never came
     Latencies latencies;        ///< of the replies
@@ -26,6 +27,7 @@ struct Tally {
         lost += other.lost;
         errors += other.errors;
         wrong += other.wrong;
+        unable += other.unable;
         signals += other.signals;
         missed += other.missed;
         latencies += other.latencies;

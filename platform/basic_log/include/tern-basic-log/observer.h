@@ -6,8 +6,8 @@
 
 namespace mwl::Log {
 
-// Beyond what every logger has: one that a device maker supplies may lack these. Who can do without them
-// declares them weak and looks whether they are there.
+// Beyond what every logger has: a device maker's logger may lack these functions. A caller that can do
+// without them declares them weak and looks whether they are there.
 
 /// Is given each message of warning level or worse that is written, before it is written: its text without a
 /// newline and without a zero at its end, valid during the call. On the thread that logs, from any place: it

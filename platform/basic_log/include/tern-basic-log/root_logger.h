@@ -32,7 +32,7 @@ namespace mwl::Log {
 ///
 /// Loading this library takes those of the descriptors 0, 1 and 2 that are closed, so that messages never go
 /// into a file or pipe that the process opens later: reading from 0 and writing to 1 and 2 fails with EBADF
-/// as before. What is put there afterwards with dup2(2) is used.
+/// as before. A descriptor that is put there afterwards with dup2(2) is used.
 ///
 /// Thread-safe without locks, in a forked child too, and usable until the very end of the process, after
 /// static destructors.
