@@ -64,8 +64,13 @@ bool BecomeAUser(std::string& folder) {
            prctl(PR_SET_PDEATHSIG, SIGKILL) == 0;
 }
 
-bool NeedNothing(std::string& /*folder*/) {
+/// The sanitizers look at memory through a pipe: without descriptors they take good objects for bad ones.
+bool NeedNoSanitizer(std::string& /*folder*/) {
+#if defined(__SANITIZE_ADDRESS__)
+    return false;
+#else
     return true;
+#endif
 }
 
 template <__rlimit_resource RESOURCE>
@@ -234,7 +239,7 @@ const std::vector<Limit>& Limits() {
     static const std::vector<Limit> limits = {
         {"RLIMIT_NPROC", BecomeAUser, TightenThreads, LiftLimit<RLIMIT_NPROC>},
         {"RLIMIT_SIGPENDING", BecomeAUser, TightenSignals, LiftLimit<RLIMIT_SIGPENDING>},
-        {"RLIMIT_NOFILE", NeedNothing, TightenDescriptors, LiftLimit<RLIMIT_NOFILE>},
+        {"RLIMIT_NOFILE", NeedNoSanitizer, TightenDescriptors, LiftLimit<RLIMIT_NOFILE>},
         {"RLIMIT_AS", HaveAddressesThatCount, TightenAddresses, LiftLimit<RLIMIT_AS>},
         {"memory", EnterMemoryGroup, TightenMemory, LiftMemory, HasBeenKilledForMemory},
         {"tmpfs", MountSmall, FillUp, Empty},
