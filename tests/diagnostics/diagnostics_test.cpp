@@ -167,7 +167,7 @@ TEST_F(DiagnosticsTest, GoesOnCountingWhileTheRecorderIsOff) {
     Snapshot();
     EXPECT_FALSE(Member("com.example.Room1.Do"));
 
-    mRoom->onDo = nullptr;
+    mRoom->onDo = [](Room&) {};
     const std::uint64_t turns = Snapshot().busThread.turns;
     call();
     call();

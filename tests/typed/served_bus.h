@@ -423,9 +423,12 @@ private:
             Check(sd_bus_message_read_basic(message, 's', &name));
             Check(sd_bus_message_peek_type(message, nullptr, &contents));
             Check(sd_bus_message_enter_container(message, 'v', contents));
-            std::uint32_t value = 0;  // of a boolean as well
-            Check(sd_bus_message_read_basic(message, contents[0], &value));
-            text += " " + std::string(name) + "=" + std::to_string(value);
+            std::uint32_t number = 0;  // of a boolean as well
+            const char* string = nullptr;
+            const bool isText = contents[0] == 's';
+            Check(sd_bus_message_read_basic(
+                message, contents[0], isText ? static_cast<void*>(&string) : static_cast<void*>(&number)));
+            text += " " + std::string(name) + "=" + (isText ? string : std::to_string(number));
             Check(sd_bus_message_exit_container(message));
             Check(sd_bus_message_exit_container(message));
         }
