@@ -34,7 +34,8 @@ constexpr int IN_FLIGHT = 64;
 constexpr int FEW = 100;
 constexpr int MANY = 600;
 constexpr int COUNTS = 3;
-constexpr int MEMORY_ROUNDS = 5;
+/// Where libraries are mapped is random, and with it how much of them is in memory.
+constexpr int MEMORY_ROUNDS = 41;
 constexpr unsigned IDLE_SECONDS = 10;
 
 const std::string PATH = ServerOptions::Path(0);
