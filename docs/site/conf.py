@@ -1,6 +1,7 @@
 # Sphinx's settings for the documentation site; scripts/build-docs writes what it renders, and calls it.
 import json
 import os
+import re
 from pathlib import Path
 
 from docutils import nodes
@@ -54,10 +55,15 @@ def make_theme_whole(app, failure):
     if failure:
         return
     static = Path(app.outdir) / "_static"
-    script, imported = static / "scripts/furo.js", 'import Gumshoe from "./gumshoe-patched.js";\n'
-    text = script.read_text()
-    if text.startswith(imported):
-        script.write_text((static / "scripts/gumshoe-patched.js").read_text() + text.removeprefix(imported))
+    script = static / "scripts/furo.js"
+    # Debian 12's imports one name of it, Debian 13's all.
+    text, imports = re.subn(r'\Aimport (\* as )?Gumshoe from "./gumshoe-patched.js";\n', "", script.read_text())
+    if imports:
+        script.write_text((static / "scripts/gumshoe-patched.js").read_text() + text)
+    for page in Path(app.outdir).rglob("*.html"):
+        text = page.read_text()
+        if '<script type="module" src=' in text:
+            page.write_text(text.replace('<script type="module" src=', "<script defer src="))
     sheet, imported = static / "styles/furo.css", "@import url(/javascript/normalize.css/normalize.css);"
     text = sheet.read_text()
     if text.startswith(imported):
