@@ -324,6 +324,8 @@ TEST(ThreadsWatcher, RestartAtOnceLeavesOneWatchRunning) {
         }
     }
     ASSERT_TRUE(WaitUntil([&] { return CountThreads() <= threads; }));
+    // A watch that has not registered yet does so behind the next start, which then cannot take it back.
+    ASSERT_TRUE(WaitUntil([&] { return monitor.added == ROUNDS + 1; }));
     watched.StopWatch();
     watched.StartWatch(hours(24));
     watched.StopWatch();
