@@ -33,11 +33,11 @@ StatusCode FirstFailure(StatusCode first, StatusCode second) {
 Jobs::Jobs(Progress& progress, std::string folder) : mProgress(progress), mFolder(std::move(folder)) {}
 
 StatusCode Jobs::Open() {
-    const std::string work = mFolder + "/work";
+    const std::string work = mFolder + "/jobs";
     StatusCode status = FileSystem::CheckDirectoryExist(work) == StatusCode::Ok
                             ? FileSystem::DeleteFolder(work, true)
                             : StatusCode::Ok;
-    for (const char* const folder : {"/work", "/source", "/kept"}) {
+    for (const char* const folder : {"/jobs", "/source", "/kept"}) {
         status = FirstFailure(status, FileSystem::CreateFolder(mFolder + folder));
     }
     for (unsigned int i = 0; i < FILES && status == StatusCode::Ok; ++i) {
@@ -128,7 +128,7 @@ StatusCode Jobs::Replace(const std::string& path, const std::string& content) {
 }
 
 std::string Jobs::Unique(const std::string& name) {
-    return mFolder + "/work/" + name + std::to_string(++mNumber);
+    return mFolder + "/jobs/" + name + std::to_string(++mNumber);
 }
 
 }  // namespace soak
