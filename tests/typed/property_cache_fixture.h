@@ -19,25 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "typed/throwing_value.h"
 #include "typed/watched_peer.h"
-
-namespace mwl::Typed::Tests {
-
-/// So that a codec of a test's own may throw.
-struct Odd {};
-
-}  // namespace mwl::Typed::Tests
-
-namespace mwl::Typed {
-
-template <>
-struct Codec<Tests::Odd> {
-    static constexpr Text<1> SIGNATURE = "u";
-    static int Write(sd_bus_message*, const Tests::Odd&) { return 0; }
-    static int Read(sd_bus_message*, Tests::Odd&, Fault&) { throw std::runtime_error("odd"); }
-};
-
-}  // namespace mwl::Typed
 
 namespace mwl::Typed::Tests {
 

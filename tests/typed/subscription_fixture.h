@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "typed/throwing_value.h"
 #include "typed/watched_peer.h"
 
 namespace mwl::Typed::Tests {
@@ -48,8 +49,6 @@ enum class Mode : std::uint8_t { Slow = 1, Fast = 2 };
 
 /// So that a codec of a test's own may run out of memory.
 struct Greedy {};
-/// So that one may throw something else.
-struct Odd {};
 
 }  // namespace mwl::Typed::Tests
 
@@ -60,13 +59,6 @@ struct Codec<Tests::Greedy> {
     static constexpr Text<1> SIGNATURE = "u";
     static int Write(sd_bus_message*, const Tests::Greedy&) { return 0; }
     static int Read(sd_bus_message*, Tests::Greedy&, Fault&) { throw std::bad_alloc(); }
-};
-
-template <>
-struct Codec<Tests::Odd> {
-    static constexpr Text<1> SIGNATURE = "u";
-    static int Write(sd_bus_message*, const Tests::Odd&) { return 0; }
-    static int Read(sd_bus_message*, Tests::Odd&, Fault&) { throw std::runtime_error("odd"); }
 };
 
 }  // namespace mwl::Typed

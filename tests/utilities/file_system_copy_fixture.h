@@ -18,6 +18,7 @@
 #include <algorithm>
 
 #include "files.h"
+#include "name_lookups.h"
 #include "private_mounts.h"
 #include "support/child.h"
 #include "support/interpose.h"
@@ -31,15 +32,6 @@ TERN_INTERPOSE(ssize_t, sendfile64, (int to, int from, off_t* offset, size_t cou
                (to, from, offset, count))
 TERN_INTERPOSE(int, fchmod, (int file, mode_t mode), (file, mode))
 TERN_INTERPOSE(int, fchown, (int file, uid_t user, gid_t group), (file, user, group))
-TERN_INTERPOSE(int, getpwnam_r,
-               (const char* name, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
-               (name, entry, buffer, size, result))
-TERN_INTERPOSE(int, getgrnam_r,
-               (const char* name, struct group* entry, char* buffer, size_t size, struct group** result),
-               (name, entry, buffer, size, result))
-TERN_INTERPOSE(int, getpwuid_r,
-               (uid_t uid, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
-               (uid, entry, buffer, size, result))
 
 namespace tern::test::copies {
 
@@ -88,28 +80,7 @@ protected:
     FileSystemCopy() {
         EXPECT_EQ(mkdir((folder / "from").c_str(), 0755), 0);
         EXPECT_EQ(mkdir((folder / "to").c_str(), 0755), 0);
-        fault_getpwnam_r.Replace(
-            [](const char*, struct passwd* entry, char*, size_t, struct passwd** result) {
-                entry->pw_uid = getuid();
-                *result = entry;
-                return 0;
-            },
-            100000);
-        fault_getgrnam_r.Replace(
-            [](const char*, struct group* entry, char*, size_t, struct group** result) {
-                entry->gr_gid = getgid();
-                *result = entry;
-                return 0;
-            },
-            100000);
-        fault_getpwuid_r.Replace(
-            [](uid_t, struct passwd* entry, char* buffer, size_t size, struct passwd** result) {
-                snprintf(buffer, size, "self");
-                entry->pw_name = buffer;
-                *result = entry;
-                return 0;
-            },
-            100000);
+        lookups.KnowEveryName();
     }
 
     StatusCode CopyAll() { return FileSystem::CopyFolderContent(from, to, true, true); }
@@ -119,17 +90,13 @@ protected:
     }
 
     FolderOn folder{GetParam()};
+    tern::test::NameLookups lookups;
     const std::string from = folder / "from/";
     const std::string to = folder / "to/";
     const FaultScope<int(DIR*)> closedirScope{fault_closedir};
     const FaultScope<ssize_t(int, int, off_t*, size_t)> sendfileScope{fault_sendfile64};
     const FaultScope<int(int, mode_t)> chmodScope{fault_fchmod};
     const FaultScope<int(int, uid_t, gid_t)> chownScope{fault_fchown};
-    const FaultScope<int(const char*, struct passwd*, char*, size_t, struct passwd**)> userScope{
-        fault_getpwnam_r};
-    const FaultScope<int(const char*, struct group*, char*, size_t, struct group**)> groupScope{
-        fault_getgrnam_r};
-    const FaultScope<int(uid_t, struct passwd*, char*, size_t, struct passwd**)> uidScope{fault_getpwuid_r};
 };
 
 /// The file systems that every system has: the one for temporary files and one in memory.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "files.h"
+#include "name_lookups.h"
 #include "private_mounts.h"
 #include "support/child.h"
 #include "support/interpose.h"
@@ -35,15 +36,6 @@ TERN_INTERPOSE(int, chown, (const char* path, uid_t user, gid_t group), (path, u
 TERN_INTERPOSE(int, mkdirat, (int folder, const char* name, mode_t mode), (folder, name, mode))
 TERN_INTERPOSE(int, fchownat, (int folder, const char* name, uid_t user, gid_t group, int flags),
                (folder, name, user, group, flags))
-TERN_INTERPOSE(int, getpwuid_r,
-               (uid_t uid, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
-               (uid, entry, buffer, size, result))
-TERN_INTERPOSE(int, getpwnam_r,
-               (const char* name, struct passwd* entry, char* buffer, size_t size, struct passwd** result),
-               (name, entry, buffer, size, result))
-TERN_INTERPOSE(int, getgrnam_r,
-               (const char* name, struct group* entry, char* buffer, size_t size, struct group** result),
-               (name, entry, buffer, size, result))
 
 namespace {
 
@@ -93,42 +85,12 @@ protected:
         });
     }
 
-    /// Lets every look-up of a user or group name, and of the own number, find this process's own.
-    void KnowEveryName() {
-        fault_getpwnam_r.Replace(
-            [](const char*, struct passwd* entry, char*, size_t, struct passwd** result) {
-                entry->pw_uid = getuid();
-                *result = entry;
-                return 0;
-            },
-            1000);
-        fault_getgrnam_r.Replace(
-            [](const char*, struct group* entry, char*, size_t, struct group** result) {
-                entry->gr_gid = getgid();
-                *result = entry;
-                return 0;
-            },
-            1000);
-        fault_getpwuid_r.Replace(
-            [](uid_t, struct passwd* entry, char* buffer, size_t size, struct passwd** result) {
-                snprintf(buffer, size, "self");
-                entry->pw_name = buffer;
-                *result = entry;
-                return 0;
-            },
-            1000);
-    }
-
     TempFolder folder;
     const std::string path = folder / "entry";
     const FaultScope<int(const char*, mode_t)> chmodScope{fault_chmod};
     const FaultScope<int(const char*, uid_t, gid_t)> chownScope{fault_chown};
     const FaultScope<int(int, const char*, uid_t, gid_t, int)> fchownatScope{fault_fchownat};
-    const FaultScope<int(uid_t, struct passwd*, char*, size_t, struct passwd**)> uidScope{fault_getpwuid_r};
-    const FaultScope<int(const char*, struct passwd*, char*, size_t, struct passwd**)> userScope{
-        fault_getpwnam_r};
-    const FaultScope<int(const char*, struct group*, char*, size_t, struct group**)> groupScope{
-        fault_getgrnam_r};
+    tern::test::NameLookups lookups;
 };
 
 /// What needs other users than the running one.
@@ -146,7 +108,7 @@ protected:
 }  // namespace
 
 TEST_F(FileSystemOwner, AFolderIsMadeWithItsModeUnderEveryUmask) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     for (const mode_t mask : {0000U, 0022U, 0027U, 0077U, 0777U}) {
         const std::string made = folder / std::to_string(mask);
         const LogCapture log;
@@ -162,7 +124,7 @@ TEST_F(FileSystemOwner, AFolderIsMadeWithItsModeUnderEveryUmask) {
 }
 
 TEST_F(FileSystemOwner, AFolderIsClosedToOthersUntilItsModeIsSet) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     const LogCapture log;
     mode_t between = 0;
     fault_chmod.Replace([&](const char* made, mode_t mode) {
@@ -176,7 +138,7 @@ TEST_F(FileSystemOwner, AFolderIsClosedToOthersUntilItsModeIsSet) {
 }
 
 TEST_F(FileSystemOwner, ExistingFoldersAndFilesGetTheModeAnew) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     const LogCapture log;
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     MakeFile(path + "/kept");
@@ -189,7 +151,7 @@ TEST_F(FileSystemOwner, ExistingFoldersAndFilesGetTheModeAnew) {
 
 // The file that the link led to became writable for the group and executable.
 TEST_F(FileSystemOwner, ALinkToAFileIsNoFolder) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     MakeFile(folder / "file", "content");
     ASSERT_EQ(chmod((folder / "file").c_str(), 0600), 0);
     ASSERT_EQ(symlink("file", path.c_str()), 0);
@@ -204,7 +166,7 @@ TEST_F(FileSystemOwner, ALinkToAFileIsNoFolder) {
 }
 
 TEST_F(FileSystemOwner, ALinkOfOnesOwnStandsForTheFolderThatItLeadsTo) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     const LogCapture log;
     ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
     for (const std::string& target : {std::string("folder"), folder / "folder"}) {
@@ -223,7 +185,7 @@ TEST_F(FileSystemOwner, ALinkOfSomebodyElseIsNotFollowed) {
     if (getuid() != 0) {
         GTEST_SKIP() << "only root can give a link away";
     }
-    KnowEveryName();
+    lookups.KnowEveryName();
     ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
     ASSERT_EQ(symlink("folder", path.c_str()), 0);
     ASSERT_EQ(lchown(path.c_str(), WORKER_UID, WORKER_GID), 0);
@@ -235,7 +197,7 @@ TEST_F(FileSystemOwner, ALinkOfSomebodyElseIsNotFollowed) {
 }
 
 TEST_F(FileSystemOwner, WhatTakesTheNewFoldersPlaceIsNotTouched) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
     MakeFile(folder / "file");
     ASSERT_EQ(chmod((folder / "file").c_str(), 0600), 0);
@@ -262,7 +224,7 @@ TEST_F(FileSystemOwner, WhatTakesTheNewFoldersPlaceIsNotTouched) {
 
 // The owner went to what was there by then.
 TEST_F(FileSystemOwner, ModeAndOwnerGoToTheSameFolder) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     ASSERT_EQ(mkdir((folder / "folder").c_str(), 0700), 0);
     const LogCapture log;
     fault_fchownat.Replace([&](int at, const char* name, uid_t user, gid_t group, int flags) {
@@ -281,7 +243,7 @@ TEST_F(FileSystemOwner, ModeAndOwnerGoToTheSameFolder) {
 }
 
 TEST_F(FileSystemOwner, SeparatorsAtTheEndOfAPathDoNotMatterForFolders) {
-    KnowEveryName();
+    lookups.KnowEveryName();
     const LogCapture log;
     EXPECT_EQ(FileSystem::CreateFolder(path + "//"), StatusCode::Ok);
     EXPECT_EQ(ModeOf(path), 0775U);
@@ -297,7 +259,7 @@ TEST_F(FileSystemOwner, AFolderIsMadeInTheWorkingFolderAndWithoutProc) {
         GTEST_SKIP() << "a mount namespace is not permitted here";
     }
     const ChildResult child = RunInChild([&] {
-        KnowEveryName();
+        lookups.KnowEveryName();
         return tern::test::EnterPrivateMounts() && tern::test::CoverWithSmallDisk("/proc", 64) &&
                        chdir(folder.Path().c_str()) == 0 &&
                        FileSystem::CreateFolder("entry") == StatusCode::Ok
@@ -340,7 +302,7 @@ TEST_F(FileSystemOwner, AFolderWhoseUserCannotBeLookedUpIsTakenBackWithTheStatus
 
 TEST_F(FileSystemOwner, AFolderWhoseGroupCannotBeLookedUpIsTakenBackWithTheStatusOfTheError) {
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     fault_getgrnam_r.Fail(EMFILE);
     EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::ResourceUnavailable);
     EXPECT_FALSE(Exists(path));
@@ -351,7 +313,7 @@ TEST_F(FileSystemOwner, AFolderWhoseGroupCannotBeLookedUpIsTakenBackWithTheStatu
 
 TEST_F(FileSystemOwner, AnExistingEmptyFolderWhoseOwnerCannotBeSetIsRemoved) {
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     fault_fchownat.Fail(-1, EPERM);
     EXPECT_EQ(FileSystem::CreateFolder(path), StatusCode::NotPermitted);
@@ -364,7 +326,7 @@ TEST_F(FileSystemOwner, AnExistingEmptyFolderWhoseOwnerCannotBeSetIsRemoved) {
 
 TEST_F(FileSystemOwner, AFolderWithContentAndAFileSurviveAFailure) {
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
     MakeFile(path + "/kept");
     fault_fchownat.Fail(-1, EPERM, 2);
@@ -399,10 +361,10 @@ TEST_F(FileSystemOwner, MeadowLookUpsThatFailAreAFailureWhateverTheError) {
     const LogCapture log;
     const std::string message =
         "SetMeadowOwner: Failed to get user info or group info of file " + path + ", errno ";
-    KnowEveryName();
+    lookups.KnowEveryName();
     fault_getpwnam_r.Fail(EIO);
     EXPECT_EQ(FileSystem::SetMeadowOwner(path), StatusCode::Failure);
-    KnowEveryName();
+    lookups.KnowEveryName();
     fault_getgrnam_r.Fail(ENOENT);
     EXPECT_EQ(FileSystem::SetMeadowOwner(path), StatusCode::Failure);
     EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, message + "Input/output error"),
@@ -411,7 +373,7 @@ TEST_F(FileSystemOwner, MeadowLookUpsThatFailAreAFailureWhateverTheError) {
 
 TEST_F(FileSystemOwner, AMeadowOwnerThatCannotBeSetIsAFailureWhateverTheError) {
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     EXPECT_EQ(FileSystem::SetMeadowOwner(path), StatusCode::Failure);
     EXPECT_THAT(log.Entries(), ElementsAre(Error(LOGGER, "SetMeadowOwner: Failed to change owner of file: " +
                                                              path + " (errno=No such file or directory)")));
@@ -420,7 +382,7 @@ TEST_F(FileSystemOwner, AMeadowOwnerThatCannotBeSetIsAFailureWhateverTheError) {
 TEST_F(FileSystemOwner, AFailedChangeOfOwnershipGivesTheStatusOfErrno) {
     MakeFile(path);
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     fault_chown.Fail(-1, EPERM);
     EXPECT_EQ(FileSystem::ChangeOwnership(path, "user", "group"), StatusCode::NotPermitted);
     EXPECT_EQ(FileSystem::ChangeOwnership(path + "none", "user", "group"), StatusCode::NotFound);
@@ -435,10 +397,10 @@ TEST_F(FileSystemOwner, AFailedChangeOfOwnershipGivesTheStatusOfErrno) {
 TEST_F(FileSystemOwner, LookUpsOfAChangeOfOwnershipThatFailAreAFailureWhateverTheError) {
     MakeFile(path);
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     fault_getpwnam_r.Fail(EMFILE);
     EXPECT_EQ(FileSystem::ChangeOwnership(path, "user", "group"), StatusCode::Failure);
-    KnowEveryName();
+    lookups.KnowEveryName();
     fault_getgrnam_r.Fail(EIO);
     EXPECT_EQ(FileSystem::ChangeOwnership(path, "user", "group"), StatusCode::Failure);
     const std::string message =
@@ -452,7 +414,7 @@ TEST_F(FileSystemOwner, LookUpsOfAChangeOfOwnershipThatFailAreAFailureWhateverTh
 TEST_F(FileSystemOwner, ALookUpGetsALargerBufferUntilItSuffices) {
     MakeFile(path);
     const LogCapture log;
-    KnowEveryName();
+    lookups.KnowEveryName();
     size_t given = 0;
     fault_getgrnam_r.Replace(
         [&](const char*, struct group* entry, char* buffer, size_t size, struct group** result) {
