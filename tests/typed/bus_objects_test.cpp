@@ -102,6 +102,7 @@ TEST_F(BusTest, TellsOfASuccessorThatIsRefusedLater) {
     };
     EXPECT_EQ(Do(), "");
     EXPECT_THAT(mPeer->Seen(), ElementsAre("removed /com/example/rooms/one com.example.Room1"));
+    mPeer->Ping();  // the end of the turn in which it was refused
     EXPECT_TRUE(isDead);
     EXPECT_EQ(mServed->Count().objects, 0U);
     EXPECT_TRUE(mLog.Contains(tern::test::Error(

@@ -246,6 +246,7 @@ struct Codec<std::string_view> : Detail::OfCode<'s'> {
         return Detail::ReadText(message, 's', value);
     }
 };
+/// It points into the message.
 template <>
 inline constexpr bool BORROWS<std::string_view> = true;
 

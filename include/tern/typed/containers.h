@@ -86,6 +86,7 @@ struct Codec<std::vector<E, Allocator>> {
         }
     }
 };
+/// As its elements do.
 template <class E, class Allocator>
 inline constexpr bool BORROWS<std::vector<E, Allocator>> = BORROWS<E>;
 
@@ -120,6 +121,7 @@ struct Codec<std::array<E, N>> {
         return result > 0 && count != N ? fault.WrongCount(count, N) : result;
     }
 };
+/// As its elements do.
 template <class E, std::size_t N>
 inline constexpr bool BORROWS<std::array<E, N>> = BORROWS<E>;
 
@@ -140,6 +142,7 @@ struct Codec<std::span<const E>> {
         return result;
     }
 };
+/// It points into the message.
 template <class E>
 inline constexpr bool BORROWS<std::span<const E>> = true;
 
@@ -217,11 +220,13 @@ struct MapCodec {
 
 template <class K, class V, class... More>
 struct Codec<std::map<K, V, More...>> : Detail::MapCodec<std::map<K, V, More...>> {};
+/// As its keys or its values do.
 template <class K, class V, class... More>
 inline constexpr bool BORROWS<std::map<K, V, More...>> = BORROWS<K> || BORROWS<V>;
 
 template <class K, class V, class... More>
 struct Codec<std::unordered_map<K, V, More...>> : Detail::MapCodec<std::unordered_map<K, V, More...>> {};
+/// As its keys or its values do.
 template <class K, class V, class... More>
 inline constexpr bool BORROWS<std::unordered_map<K, V, More...>> = BORROWS<K> || BORROWS<V>;
 

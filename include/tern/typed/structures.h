@@ -162,6 +162,7 @@ struct Codec<std::tuple<T...>> {
         return std::apply([&](T&... field) { return Fields::Read(message, fault, field...); }, value);
     }
 };
+/// As one of its fields does.
 template <class... T>
 inline constexpr bool BORROWS<std::tuple<T...>> = (BORROWS<T> || ...);
 
@@ -176,6 +177,7 @@ struct Codec<std::pair<A, B>> {
         return Fields::Read(message, fault, value.first, value.second);
     }
 };
+/// As one of its fields does.
 template <class A, class B>
 inline constexpr bool BORROWS<std::pair<A, B>> = BORROWS<A> || BORROWS<B>;
 

@@ -74,6 +74,7 @@ private:
         return true;
     }
 };
+/// As one of its alternatives does.
 template <class... T>
 inline constexpr bool BORROWS<std::variant<T...>> = (BORROWS<T> || ...);
 
