@@ -76,14 +76,15 @@ constexpr FieldList<true, F...> StrictFields(F... fields) {
 
 namespace Detail {
 
-/// One field of a type, as the library sees it.
+/// One field of a type, as the library sees it. There is a table of them for writing a type and another one
+/// for reading it, so that what only writes a type has no code that reads it.
 struct FieldRow {
     const char* name;
     const char* signature;  ///< null: the field writes and reads the entry's variant by itself
-    int (*write)(sd_bus_message* message, const void* aggregate);
-    int (*read)(sd_bus_message* message, void* aggregate, Fault& fault);
-    bool (*isSet)(const void* aggregate);  ///< null: the field is required
-    void (*clear)(void* aggregate);        ///< null: the field is required
+    int (*write)(sd_bus_message* message, const void* aggregate);         ///< null in a table for reading
+    int (*read)(sd_bus_message* message, void* aggregate, Fault& fault);  ///< null in a table for writing
+    bool (*isSet)(const void* aggregate);                                 ///< null: the field is required
+    void (*clear)(void* aggregate);  ///< null: the field is required, or this is a table for writing
 };
 
 TERN_API int WriteFields(sd_bus_message* message, const void* aggregate, const FieldRow* rows,
@@ -128,29 +129,44 @@ struct FieldAccess {
     }
     static void Clear(void* aggregate) { (static_cast<T*>(aggregate)->*FIELD.member).reset(); }
 
+    template <bool READS>
     static constexpr FieldRow Row() {
-        FieldRow row{FIELD.name, nullptr, &Write, &Read, nullptr, nullptr};
+        FieldRow row{FIELD.name, nullptr, nullptr, nullptr, nullptr, nullptr};
         if constexpr (Codec<Value>::SIGNATURE.View() != "v") {
             row.signature = Codec<Value>::SIGNATURE.text;
         }
         if constexpr (!IS_REQUIRED) {
             row.isSet = &IsSet;
-            row.clear = &Clear;
+        }
+        if constexpr (!READS) {
+            row.write = &Write;
+        } else {
+            row.read = &Read;
+            if constexpr (!IS_REQUIRED) {
+                row.clear = &Clear;
+            }
         }
         return row;
     }
 };
 
-template <class T, std::size_t... INDEX>
-constexpr std::array<FieldRow, sizeof...(INDEX)> MakeRows(std::index_sequence<INDEX...>) {
-    return {FieldAccess<T, INDEX>::Row()...};
-}
+/// All fields of a type, for writing or for reading it.
+template <class T, bool READS, class Indexes = std::make_index_sequence<decltype(T::DBusFields())::COUNT>>
+struct FieldTable;
+template <class T, bool READS, std::size_t... INDEX>
+struct FieldTable<T, READS, std::index_sequence<INDEX...>> {
+    static constexpr std::array<FieldRow, sizeof...(INDEX)> ROWS{
+        FieldAccess<T, INDEX>::template Row<READS>()...};
+};
 
-template <std::size_t N>
-constexpr bool HaveOwnKeys(const std::array<FieldRow, N>& rows) {
-    for (std::size_t i = 0; i < N; ++i) {
+template <bool STRICT, class... F>
+constexpr bool HaveOwnKeys(const FieldList<STRICT, F...>& list) {
+    const auto names = std::apply(
+        [](const F&... field) { return std::array<std::string_view, sizeof...(F)>{field.name...}; },
+        list.fields);
+    for (std::size_t i = 0; i < names.size(); ++i) {
         for (std::size_t k = 0; k < i; ++k) {
-            if (std::string_view(rows[i].name) == rows[k].name) {
+            if (names[i] == names[k]) {
                 return false;
             }
         }
@@ -165,16 +181,17 @@ template <Detail::DescribedFields T>
 struct Codec<T> {
     static constexpr Text<5> SIGNATURE = "a{sv}";
     static int Write(sd_bus_message* message, const T& value) {
+        constexpr const auto& ROWS = Detail::FieldTable<T, false>::ROWS;
         return Detail::WriteFields(message, &value, ROWS.data(), ROWS.size());
     }
     static int Read(sd_bus_message* message, T& value, Fault& fault) {
+        constexpr const auto& ROWS = Detail::FieldTable<T, true>::ROWS;
         return Detail::ReadFields(message, &value, ROWS.data(), ROWS.size(), List::IS_STRICT, fault);
     }
 
 private:
     using List = decltype(T::DBusFields());
-    static constexpr auto ROWS = Detail::MakeRows<T>(std::make_index_sequence<List::COUNT>());
-    static_assert(Detail::HaveOwnKeys(ROWS), "two fields of DBusFields() have the same key");
+    static_assert(Detail::HaveOwnKeys(T::DBusFields()), "two fields of DBusFields() have the same key");
 };
 
 namespace Detail {
