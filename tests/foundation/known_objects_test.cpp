@@ -86,6 +86,16 @@ TEST(KnownObjects, PipeIsKnownOnceItIsInitialised) {
     EXPECT_TRUE(Of(Kind::Pipe).empty());
 }
 
+TEST(KnownObjects, WhatAnObjectDoesNotHaveIsZero) {
+    MessagePipe pipe;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    ASSERT_EQ(Of(Kind::Pipe).size(), 1U);
+    EXPECT_EQ(Of(Kind::Pipe)[0].number, 0U);
+    EXPECT_EQ(Of(Kind::Pipe)[0].threadId, 0);
+    EXPECT_FALSE(Of(Kind::Pipe)[0].isPeriodic);
+    EXPECT_EQ(Of(Kind::Pipe)[0].GetName(), "");
+}
+
 TEST(KnownObjects, ComponentIsKnownByItsName) {
     NiceMock<mwl::Threading::MockMonitor> monitor;
     class Executor : public mwl::QueuedProcessings::ExecutorInterface {

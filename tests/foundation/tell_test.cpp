@@ -6,6 +6,7 @@
 #include <systemd/sd-bus.h>
 #include <tern/queued_processings/component.h>
 #include <tern/service/component.h>
+#include <tern/service/dbus_server_manager.h>
 #include <tern/service/event_loop.h>
 #include <tern/service/message_pipe.h>
 #include <tern/service/service_main_loop.h>
@@ -25,6 +26,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "foundation/told.h"
 #include "support/child.h"
@@ -336,6 +338,18 @@ TEST_F(TellOfTheService, StatesOfAnOrderlyLife) {
     EXPECT_EQ(Told::Count(Event::Thrown), 0U);
 }
 
+TEST_F(TellOfTheService, EachTurnOfTheLoopIsItsConnections) {
+    const sd_bus* bus = nullptr;
+    Server server([&](mw::tern::DBusServerManager& manager, auto&) {
+        bus = manager.GetBus();
+        return StatusCode::Ok;
+    });
+    Run(server, [](ThreadsMonitor& monitor) { monitor.NotifyDBusThreadToStop(false); });
+    const std::vector<Told::Entry> turns = Told::Of(Event::TurnEnded);
+    EXPECT_FALSE(turns.empty());
+    EXPECT_THAT(turns, Each(testing::Field(&Told::Entry::object, bus)));
+}
+
 TEST_F(TellOfTheService, FailedStart) {
     Server server([](auto&, auto&) { return StatusCode::Failure; });
     Run(server, [](ThreadsMonitor&) { FAIL(); });
@@ -347,6 +361,14 @@ TEST_F(TellOfTheService, ExceptionInItsStart) {
     Run(server, [](ThreadsMonitor&) { FAIL(); });
     EXPECT_THAT(Told::NamesOf(Event::Thrown), ElementsAre("std::runtime_error: no heater"));
     EXPECT_THAT(Told::NamesOf(Event::StateChanged), ElementsAre("starting", "failed"));
+}
+
+TEST_F(TellOfTheService, LongExceptionIsCut) {
+    const std::string text(1000, 'x');
+    Server server([&](auto&, auto&) -> StatusCode { throw std::runtime_error(text); });
+    Run(server, [](ThreadsMonitor&) { FAIL(); });
+    const std::string told = "std::runtime_error: " + text;
+    EXPECT_THAT(Told::NamesOf(Event::Thrown), ElementsAre(told.substr(0, 511)));
 }
 
 TEST_F(TellOfTheService, ExceptionInACallbackOfTheLoop) {

@@ -289,6 +289,13 @@ class MutateTest(unittest.TestCase):
                   for seed in ("3", "3")]
         self.assertEqual(picked[0], picked[1])
         self.assertGreaterEqual(len(picked[0]), 2)
+        # Where a run ended the next one goes on, and adds to its results.
+        self.mutate("--like", "'", "--skip", str(len(picked[0])), "sums", "1", "3")
+        results = [json.loads(line) for line in (self.project / "build/mutate/sums.jsonl").read_text().splitlines()]
+        places = [f"sums/sums.cpp:{one['line']}: {one['change']}" for one in results]
+        self.assertEqual(picked[0], places[:len(picked[0])])
+        self.assertEqual(len(set(places)), len(places))
+        self.assertGreater(len(places), len(picked[0]))
 
     def test_what_could_be_changed_is_listed(self):
         listed = [line.split("\t")[2] for line in self.mutate("--list", "sums").stdout.splitlines()]

@@ -49,6 +49,25 @@ TEST_F(CommandTest, TheFirstWriteIsOfferedTheWholeInput) {
     EXPECT_THAT(sizes, ElementsAre(12U));
 }
 
+// Feeder and program wait for each other more seldom then.
+TEST_F(CommandTest, AnInputThatIsLongerThanAPipeGetsALargeOne) {
+    FaultScope scope(fault_fcntl64);
+    std::vector<long> sizes;
+    fault_fcntl64.Replace(
+        [&](int fd, int operation, long argument) {
+            if (operation == F_SETPIPE_SZ) {
+                sizes.push_back(argument);
+            }
+            return fault_fcntl64.Real(fd, operation, argument);
+        },
+        1000);
+    const std::size_t pipe = 64UL * 1024;
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(pipe)), 0, Text(pipe));
+    EXPECT_THAT(sizes, testing::IsEmpty());
+    ExpectEnd(RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(pipe + 1)), 0, Text(pipe + 1));
+    EXPECT_THAT(sizes, ElementsAre(256 * 1024));
+}
+
 TEST_F(CommandTest, FiveMebibytesThroughAProgram) {
     ASSERT_GT(5 * MIB, 65536U);  // more than a pipe holds, in both directions
     const Outcome outcome = RunProgram(Command("/bin/cat", LIMIT_MS), {}, Text(5 * MIB));

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -299,6 +301,30 @@ TEST_F(CommandTest, AProgramThatClosesItsOutputEarlyIsWaitedFor) {
         std::count_if(all.begin(), all.end(),
                       [](const LogEntry& entry) { return entry.text.ends_with("running, status [0]"); }),
         20);
+}
+
+TEST_F(CommandTest, AnUnfinishedLineIsLoggedWhenTheProgramClosesItsOutput) {
+    LogCapture log;
+    const tern::test::TempFolder folder;
+    const std::string go = folder / "go";
+    FaultScope scope(fault_poll);
+    // The line and the end of the output are there before the first look.
+    fault_poll.Replace(
+        [](pollfd* events, nfds_t count, int timeoutMs) {
+            int ready = 0;
+            do {
+                ready = fault_poll.Real(events, count, timeoutMs);
+            } while ((events[0].revents & POLLHUP) == 0);
+            return ready;
+        },
+        1);
+    std::thread caller([&] {
+        ExpectEnd(RunScript("printf end; exec >&- 2>&-; until [ -e " + go + " ]; do sleep 0.01; done"), 0,
+                  "end");
+    });
+    EXPECT_TRUE(log.WaitFor(Trace(NAME, "Line 0: end")));
+    std::ofstream(go).put('\n');
+    caller.join();
 }
 
 // The waits are upper bounds: here each is as good as endless, and nothing but the event itself ends it.

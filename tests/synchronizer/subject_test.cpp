@@ -4,6 +4,7 @@
 #include <tern/synchronizer/observer_interface.h>
 #include <tern/synchronizer/subject.h>
 #include <tern/synchronizer/subject_interface.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -529,4 +530,57 @@ TEST_F(SubjectTest, ComingAndGoingTakesNoMoreMemoryThanThereAreObservers) {
         Reattach(c);
     }
     EXPECT_EQ(allocations.Get(), 0U);
+}
+
+TEST_F(SubjectTest, PlacesOfThoseThatAreGoneAreTakenAgain) {
+    for (const std::size_t count : {1U, 3U, 7U, 15U, 31U}) {
+        Subject crowded;
+        std::vector<Recorder> observers(count, Recorder("", calls));
+        for (Recorder& observer : observers) {
+            crowded.Attach(observer, one);
+        }
+        for (const Recorder& observer : observers) {
+            crowded.Detach(observer);
+        }
+        const tern::test::AllocationCount allocations;
+        for (Recorder& observer : observers) {
+            crowded.Attach(observer, one);
+        }
+        EXPECT_EQ(allocations.Get(), 0U) << count;
+    }
+}
+
+TEST_F(SubjectTest, NotifyMakesRoomWhereMostAreGone) {
+    std::vector<Recorder> observers(8, Recorder("", calls));
+    for (std::size_t i = 0; i < 5; ++i) {
+        subject.Attach(observers[i], one);
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        subject.Detach(observers[i]);
+    }
+    subject.Notify(one);
+    const tern::test::AllocationCount allocations;
+    for (Recorder& observer : observers) {
+        subject.Attach(observer, one);
+    }
+    EXPECT_EQ(allocations.Get(), 0U);
+}
+
+// Processor time, and a bound half way between what grows with the number and what grows with its square.
+TEST_F(SubjectTest, AttachingAmongManyTakesAsLongAsAmongFew) {
+    const auto secondsFor = [&](std::size_t count) {
+        std::vector<Recorder> observers(count, Recorder("", calls));
+        Subject crowded;
+        timespec begin{};
+        timespec end{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+        for (Recorder& observer : observers) {
+            crowded.Attach(observer, one);
+        }
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+        return static_cast<double>(end.tv_sec - begin.tv_sec) +
+               static_cast<double>(end.tv_nsec - begin.tv_nsec) / 1e9;
+    };
+    const double few = std::max({secondsFor(1000), secondsFor(1000), secondsFor(1000)});
+    EXPECT_LT(secondsFor(20'000), few * 100);
 }
