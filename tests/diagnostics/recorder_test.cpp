@@ -430,6 +430,9 @@ void Tell(mwl::Tell::Event event, const void* object) {
 }
 
 TEST_F(RecorderTest, ClockThatJumpsBackMakesNoDurationsBeyondNumbers) {
+#ifdef __aarch64__
+    GTEST_SKIP() << "durations are taken from the processor's counter, for which no call stands";
+#endif
     const int status = StatusOf([] {
         TakeClocksOver();
         const int object = 0;
