@@ -319,7 +319,7 @@ class MutateTest(unittest.TestCase):
     def test_what_cannot_be_done_is_told(self):
         self.assertEqual(2, self.mutate("nix").returncode)
         self.write("sums_test.cpp", "int main() { return 1; }\n")
-        self.write("sums/sums.cpp", "int Broken( {\n")
+        self.write("sums/sums.cpp", "int Broken( {\n    return 1 >= 0;\n}\n")
         done = self.mutate("sums")
         self.assertEqual(2, done.returncode)
         self.assertIn("does not compile as it is", done.stdout)
