@@ -151,7 +151,7 @@ TEST_F(DiagnosticsTest, CountsWhatTheBusThreadHandles) {
     EXPECT_EQ(std::accumulate(members[0].latency.begin(), members[0].latency.end(), 0U), 3U);
     EXPECT_EQ(figures.busThread.running, "tern.Diagnostics1.Snapshot");
     EXPECT_GT(figures.busThread.threadId, 0U);
-    EXPECT_GE(figures.busThread.turns, 4U);
+    EXPECT_GT(figures.busThread.turns, 0U);  // messages that come soon enough share one
     EXPECT_GE(figures.busThread.longestTurnUs, 20000U);
     EXPECT_LT(figures.busThread.longestTurnUs, 10000000U);
     EXPECT_EQ(figures.busThread.watchdogUs, 0U);
@@ -171,7 +171,7 @@ TEST_F(DiagnosticsTest, GoesOnCountingWhileTheRecorderIsOff) {
     const std::uint64_t turns = Snapshot().busThread.turns;
     call();
     call();
-    EXPECT_GE(Snapshot().busThread.turns, turns + 2);
+    EXPECT_TRUE(WaitUntil([&] { return Snapshot().busThread.turns >= turns + 2; }));
     EXPECT_EQ(Member("com.example.Room1.Do")->handled, 2U);
 
     // On again, each message is counted once, and the turns are told.
@@ -181,9 +181,8 @@ TEST_F(DiagnosticsTest, GoesOnCountingWhileTheRecorderIsOff) {
     for (int i = 0; i < 10; ++i) {
         call();
     }
-    const Figures after = Snapshot();
     EXPECT_EQ(Member("com.example.Room1.Do")->handled, 13U);
-    EXPECT_GT(after.busThread.turns, before.busThread.turns);
+    EXPECT_TRUE(WaitUntil([&] { return Snapshot().busThread.turns > before.busThread.turns; }));
     EXPECT_TRUE(Recorder::IsRecording());
 }
 
