@@ -16,12 +16,11 @@ namespace mwl::ProcessExecution {
 
 namespace {
 
-/// The capacity of a pipe by default: one read empties it.
-constexpr std::size_t CHUNK = 64UL * 1024;
+/// A quarter of what a pipe holds by default: the first read of a full one lets the writer go on while the
+/// rest is taken out.
+constexpr std::size_t CHUNK = 16UL * 1024;
 /// Bytes until the time limit is looked at again: about a millisecond's worth.
 constexpr std::size_t PASS_LIMIT = 1024UL * 1024;
-/// Bytes that are collected in the string itself.
-constexpr std::size_t STRING_LIMIT = 1024UL * 1024;
 /// Longest piece of a line in the log.
 constexpr std::size_t PIECE = 127;
 /// The log level of the lines.
@@ -31,7 +30,7 @@ constexpr int TRACE_LEVEL = 7;
 
 OutputStream::OutputStream(std::string& output)
     : mOutput(output),
-      mBegin(output.size()),
+      mText(output),
       mTraced(output.size()),
       mBuffer(std::make_unique_for_overwrite<char[]>(CHUNK)) {}
 
@@ -59,11 +58,11 @@ StatusCode OutputStream::Open(UniqueFd pipe) {
 }
 
 void OutputStream::Read(Clock::time_point until) {
-    const std::size_t end = GetSize() + PASS_LIMIT;
+    const std::size_t end = mOutput.size() + PASS_LIMIT;
     // Lines that an earlier call had no time for come first.
     bool more = TraceLines(false, until);
-    while (more && mFd >= 0 && GetSize() < end) {
-        more = ReadChunk(end - GetSize());
+    while (more && mFd >= 0 && mOutput.size() < end) {
+        more = ReadChunk(end - mOutput.size());
         more = TraceLines(!more, until) && more;
     }
 }
@@ -73,11 +72,10 @@ void OutputStream::ReadRest(Clock::time_point until) {
     if (mFd >= 0) {
         // Not known how much: rather something that is written meanwhile than nothing.
         const bool isKnown = ioctl(mFd, FIONREAD, &available) == 0;
-        const std::size_t end = GetSize() + (isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
-        while (mFd >= 0 && GetSize() < end && ReadChunk(end - GetSize())) {
+        const std::size_t end = mOutput.size() + (isKnown ? static_cast<std::size_t>(available) : PASS_LIMIT);
+        while (mFd >= 0 && mOutput.size() < end && ReadChunk(end - mOutput.size())) {
         }
     }
-    mPieces.MoveTo(mOutput);
     if (!TraceLines(true, until)) {
         TERN_LOG_TRACE(LOGGER, "Line %d and the following, %zu bytes, are not logged: the time is up", mLine,
                        mOutput.size() - mTraced);
@@ -85,17 +83,12 @@ void OutputStream::ReadRest(Clock::time_point until) {
 }
 
 bool OutputStream::ReadChunk(std::size_t limit) {
-    const bool isLong = mPieces.GetSize() > 0 || mOutput.size() - mBegin >= STRING_LIMIT;
-    const bool inPieces = isLong && !ProcessLogger::Writes(TRACE_LEVEL) && mPieces.MakeRoom();
     ssize_t count = 0;
     do {
-        count = inPieces ? mPieces.Read(mFd, limit) : read(mFd, mBuffer.get(), std::min(limit, CHUNK));
+        count = read(mFd, mBuffer.get(), std::min(limit, CHUNK));
     } while (count < 0 && errno == EINTR);
     if (count > 0) {
-        if (!inPieces) {
-            mPieces.MoveTo(mOutput);  // they come first
-            mOutput.append(mBuffer.get(), static_cast<std::size_t>(count));
-        }
+        mText.Append(mBuffer.get(), static_cast<std::size_t>(count));
         return true;
     }
     if (count < 0 && errno == EAGAIN) {
@@ -110,10 +103,9 @@ bool OutputStream::ReadChunk(std::size_t limit) {
 
 bool OutputStream::TraceLines(bool all, Clock::time_point until) {
     if (!ProcessLogger::Writes(TRACE_LEVEL)) {
-        mTraced = GetSize();
+        mTraced = mOutput.size();
         return true;
     }
-    mPieces.MoveTo(mOutput);
     while (mTraced < mOutput.size()) {
         const char* const begin = mOutput.data() + mTraced;
         const std::size_t length = std::min(mOutput.size() - mTraced, PIECE);

@@ -10,12 +10,11 @@
 
 #include "foundation/handle.h"
 #include "foundation/unique_fd.h"
-#include "process_execution/text_pieces.h"
+#include "process_execution/long_text.h"
 
 namespace mwl::ProcessExecution {
 
-/// Reads a program's output from its pipe without blocking and appends it to a string; what goes beyond the
-/// first MiB is collected in pieces and appended at the end, or once its lines are logged. At debug level
+/// Reads a program's output from its pipe without blocking and appends it to a string. At debug level
 /// each line is logged, in pieces of at most 127 bytes, numbered from 0; as logging may take far longer than
 /// reading, it is what the time given is for. One thread at a time.
 class OutputStream {
@@ -39,19 +38,15 @@ public:
     void ReadRest(Clock::time_point until);
 
 private:
-    /// Bytes of the output, with those that are not appended to the string yet.
-    std::size_t GetSize() const { return mOutput.size() + mPieces.GetSize(); }
-    /// Collects up to `limit` bytes, at most what a pipe holds or a piece has room for; false when there is
-    /// no more for now.
+    /// Collects up to `limit` bytes, in one read; false when there is no more for now.
     bool ReadChunk(std::size_t limit);
     /// Logs the complete pieces of what has not been logged yet, with `all` the last incomplete one too.
     /// False when the time was up before.
     bool TraceLines(bool all, Clock::time_point until);
 
     std::string& mOutput;
-    TextPieces mPieces;        ///< what follows mOutput
-    const std::size_t mBegin;  ///< where in mOutput this output begins
-    std::size_t mTraced;       ///< where in mOutput and what follows the next line to be logged begins
+    LongText mText;       ///< appends to it
+    std::size_t mTraced;  ///< where in it the next line to be logged begins
     int mLine = 0;
     Handle<FILE, fclose> mStream;  ///< owns the descriptor; nothing is read through it
     int mFd = -1;

@@ -51,7 +51,9 @@ namespace mwl::ProcessExecution {
 ///
 /// Outcomes of every run: `exitCode` is 1 until the program has ended by itself, then its exit status;
 /// `output` is appended to, never cleared, and byte for byte what the program wrote, zero bytes included. It
-/// grows as far as the program writes, so the time limit is also the limit of memory.
+/// grows as far as the program writes, so the time limit is also the limit of memory. Beyond 1 MiB it has
+/// room for 16 MiB, then for 256 MiB (its capacity()), but memory only for what is written, unless the
+/// process locks all its memory (mlockall(2)).
 ///
 /// | what happened | status | exitCode |
 /// |---|---|---|
