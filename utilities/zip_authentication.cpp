@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 
+#include "utilities/zip_entry_buffer.h"
 #include "utilities/zip_handles.h"
 
 namespace mwl::Utilities {
@@ -60,10 +61,10 @@ void AppendNameAndAesField(std::string& bytes, zip_uint16_t encryption) {
 bool DecryptTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uint64_t size, zip_uint16_t encryption,
                                const std::string& password) {
     constexpr zip_uint64_t BEYOND_32_BITS = 0xFFFFFFFF - 1024;
-    const EntryBuffer data = size < BEYOND_32_BITS ? AllocateEntryBuffer(size) : nullptr;
+    EntryBuffer data;
+    const bool hasRoom = size < BEYOND_32_BITS && data.Reserve(size);
     const ZipEntry entry(zip_fopen_index(archive, index, ZIP_FL_ENCRYPTED));
-    if (data == nullptr || entry == nullptr ||
-        zip_fread(entry.get(), data.get(), size) != static_cast<zip_int64_t>(size)) {
+    if (!hasRoom || entry == nullptr || data.Fill(entry.get()) != static_cast<zip_int64_t>(size)) {
         return false;
     }
     const auto dataSize = static_cast<std::uint32_t>(size);
@@ -93,7 +94,7 @@ bool DecryptTakenForCompressed(zip_t* archive, zip_uint64_t index, zip_uint64_t 
 
     const zip_buffer_fragment_t fragments[] = {
         {reinterpret_cast<zip_uint8_t*>(head.data()), head.size()},
-        {reinterpret_cast<zip_uint8_t*>(data.get()), size},
+        {reinterpret_cast<zip_uint8_t*>(data.Get()), size},
         {reinterpret_cast<zip_uint8_t*>(tail.data()), tail.size()},
     };
     ZipSource source(zip_source_buffer_fragment_create(fragments, std::size(fragments), 0, nullptr));

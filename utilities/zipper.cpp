@@ -1,38 +1,33 @@
 #include <tern/utilities/zipper.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <tern/foundation/log.h>
 #include <tern/utilities/file_system.h>
-#include <unistd.h>
 #include <zip.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "foundation/error_text.h"
-#include "foundation/unique_fd.h"
-#include "platform/static_text.h"
 #include "utilities/directory.h"
-#include "utilities/file_system_write.h"
 #include "utilities/libzip.h"
-#include "utilities/zip_authentication.h"
+#include "utilities/plain_unzip_target.h"
+#include "utilities/unzip_target.h"
+#include "utilities/whole_unzip_target.h"
+#include "utilities/zip_entry_buffer.h"
 #include "utilities/zip_entry_methods.h"
+#include "utilities/zip_entry_reading.h"
 #include "utilities/zip_handles.h"
+#include "utilities/zip_status.h"
+#include "utilities/zipper_logger.h"
 
 namespace mwl::Utilities {
 
+const StaticText ZIPPER_LOGGER("mwl::Utilities::Zipper");
+
 namespace {
-
-const StaticText LOGGER("mwl::Utilities::Zipper");
-
-constexpr mode_t EXTRACTED_FILE_MODE = 0744;
-constexpr std::size_t SURPLUS_SIZE = 4096;
 
 /// libzip's text for one of its codes. It takes errno along, so it is created right after the call that
 /// failed.
@@ -49,10 +44,6 @@ private:
     zip_error_t mError{};
 };
 
-StatusCode GetArchiveStatus(zip_t* archive) {
-    return Zipper::GetStatusZipError(zip_error_code_zip(zip_get_error(archive)));
-}
-
 /// Marks the entry for encryption. An entry that cannot be encrypted is taken back, because closing the
 /// archive would write it in clear; an archive that does not even let go of it is discarded.
 StatusCode Encrypt(ZipArchive& archive, zip_uint64_t index, const std::string& password) {
@@ -60,7 +51,7 @@ StatusCode Encrypt(ZipArchive& archive, zip_uint64_t index, const std::string& p
         return StatusCode::Ok;
     }
     const StatusCode status = GetArchiveStatus(archive.get());
-    TERN_LOG_ERROR(LOGGER, "Zip: Failed to encrypt file to zip: %s", zip_strerror(archive.get()));
+    TERN_LOG_ERROR(ZIPPER_LOGGER, "Zip: Failed to encrypt file to zip: %s", zip_strerror(archive.get()));
     if (zip_delete(archive.get(), index) != 0) {
         archive.reset();
     }
@@ -100,7 +91,7 @@ Added AddFile(ZipArchive& archive, const std::string& folder, const char* name, 
         hasSource ? zip_file_add(archive.get(), name, source.get(), ZIP_FL_ENC_UTF_8) : -1;
     if (index < 0) {
         const StatusCode status = GetArchiveStatus(archive.get());
-        TERN_LOG_ERROR(LOGGER, "Zip: Failed to add file to zip: %s", zip_strerror(archive.get()));
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Zip: Failed to add file to zip: %s", zip_strerror(archive.get()));
         return {status, !hasSource};
     }
     static_cast<void>(source.release());  // the archive's now
@@ -115,7 +106,7 @@ Added AddFile(ZipArchive& archive, const std::string& folder, const char* name, 
 StatusCode AddFiles(ZipArchive& archive, const std::string& folder, const std::string& password) {
     Directory directory(folder);
     if (!directory) {
-        TERN_LOG_ERROR(LOGGER, "Zip: Fail to open directory: %s", folder.c_str());
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Zip: Fail to open directory: %s", folder.c_str());
         return StatusCode::Failure;
     }
     StatusCode status = StatusCode::Ok;
@@ -125,14 +116,14 @@ StatusCode AddFiles(ZipArchive& archive, const std::string& folder, const std::s
         if (entry == nullptr) {
             const int error = errno;
             if (error != 0) {
-                TERN_LOG_ERROR(LOGGER, "Zip: Failed to read directory %s, errno = %s", folder.c_str(),
+                TERN_LOG_ERROR(ZIPPER_LOGGER, "Zip: Failed to read directory %s, errno = %s", folder.c_str(),
                                ErrorText(error));
                 status = mw::tern::MakeStatusCodeFromErrno(error);
             }
             break;
         }
         if (entry->d_type != DT_REG) {
-            TERN_LOG_INFO(LOGGER, "ZipContent: Content %s in directory is not a file, type = %d",
+            TERN_LOG_INFO(ZIPPER_LOGGER, "ZipContent: Content %s in directory is not a file, type = %d",
                           entry->d_name, static_cast<int>(entry->d_type));
             continue;
         }
@@ -144,7 +135,7 @@ StatusCode AddFiles(ZipArchive& archive, const std::string& folder, const std::s
     }
     if (directory.Close() != 0) {
         const int error = errno;
-        TERN_LOG_ERROR(LOGGER, "Zip: Failed to close directory, errno = %s", ErrorText(error));
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Zip: Failed to close directory, errno = %s", ErrorText(error));
     }
     return status;
 }
@@ -172,220 +163,9 @@ ZipEntry OpenEntry(zip_t* archive, zip_uint64_t index, const ZipEntryMethods& me
     return ZipEntry(zip_fopen_index_encrypted(archive, index, 0, password.c_str()));
 }
 
-enum class ReadResult { Whole, ChecksumDiffers, Failed };
-
-/// Reads the entry into `buffer` of `size` bytes, and on to its end, where libzip compares size and checksum.
-/// Encrypted entries may have no checksum: then libzip 1.11 does not compare the size either, and
-/// `comparesSize` has this done here. An entry shorter than it claims leaves the rest of the buffer as it is
-/// and sets `isShort`.
-ReadResult ReadToEnd(zip_file_t* entry, char* buffer, zip_uint64_t size, bool comparesSize, bool& isShort) {
-    const zip_int64_t count = zip_fread(entry, buffer, size);
-    if (count < 0) {
-        return ReadResult::Failed;
-    }
-    isShort = static_cast<zip_uint64_t>(count) < size;
-    char surplus[SURPLUS_SIZE];
-    zip_uint64_t total = static_cast<zip_uint64_t>(count);
-    zip_int64_t more = zip_fread(entry, surplus, sizeof surplus);
-    const bool isAsLongAsClaimed = more <= 0 && total == size;
-    while (more > 0) {
-        total += static_cast<zip_uint64_t>(more);
-        more = zip_fread(entry, surplus, sizeof surplus);
-    }
-    if (more == 0 && comparesSize && total != size) {
-        zip_error_set(zip_file_get_error(entry), ZIP_ER_INCONS, 0);
-        return ReadResult::Failed;
-    }
-    if (more == 0) {
-        return ReadResult::Whole;
-    }
-    const bool isChecksum = zip_error_code_zip(zip_file_get_error(entry)) == ZIP_ER_CRC;
-    return isChecksum && isAsLongAsClaimed ? ReadResult::ChecksumDiffers : ReadResult::Failed;
-}
-
-struct EntryReading {
-    bool isRead = false;
-    /// The content is shorter than the entry claims.
-    bool isShort = false;
-    /// libzip found a checksum that differs, and the authentication code says otherwise. Closing repeats
-    /// libzip's error then, which from libzip 1.12 on cannot be cleared.
-    bool isOverruled = false;
-};
-
-/// Reads the entry as ReadToEnd and has the last word about its authentication code. When it was not read,
-/// the handle keeps the error.
-EntryReading ReadEntry(zip_t* archive, const zip_stat_t& stat, zip_uint64_t index,
-                       const ZipEntryMethods& methods, const std::string& password, zip_file_t* entry,
-                       char* buffer) {
-    EntryReading reading;
-    const ReadResult result = ReadToEnd(entry, buffer, stat.size, methods.IsAes(), reading.isShort);
-    reading.isRead = result == ReadResult::Whole;
-    // At the end of an entry that is not compressed libzip has compared the code.
-    const bool isDecided = !methods.IsAes() || (reading.isRead && methods.compression == ZIP_CM_STORE);
-    if (result == ReadResult::Failed || isDecided) {
-        return reading;
-    }
-    const bool isAuthentic = IsAuthentic(archive, index, stat.comp_size, methods, password);
-    if (reading.isRead && !isAuthentic) {
-        zip_error_set(zip_file_get_error(entry), ZIP_ER_CRC, 0);
-    }
-    reading.isOverruled = !reading.isRead && isAuthentic;
-    reading.isRead = isAuthentic;
-    return reading;
-}
-
-StatusCode FailedToOpen(const std::string& path, int error) {
-    TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open destination file %s, errno = %s", path.c_str(),
-                   ErrorText(error));
-    return mw::tern::MakeStatusCodeFromErrno(error);
-}
-
-void FailedToWrite(const char* name, int error) {
-    TERN_LOG_ERROR(LOGGER, "Unzip: Failed to write file %s, errno = %s", name, ErrorText(error));
-}
-
-/// Where and how entries become files.
-class Target {
-public:
-    explicit Target(const std::string& folder) : mPath(folder) {}
-    virtual ~Target() = default;
-    Target(const Target&) = delete;
-    Target& operator=(const Target&) = delete;
-
-    std::string PathOf(const char* name) const { return mPath + FileSystem::FOLDER_SEPARATOR + name; }
-
-    /// Of an entry that libzip cannot describe.
-    virtual StatusCode Undescribed(zip_t* archive, zip_uint64_t index) = 0;
-    /// Whether an entry shorter than it claims is written, with zeros in place of the rest.
-    virtual bool TakesShortEntries() const = 0;
-    virtual StatusCode Write(const char* name, const char* buffer, std::size_t size) = 0;
-    /// When everything is written.
-    virtual StatusCode Finish() = 0;
-
-protected:
-    const std::string& GetPath() const { return mPath; }
-
-private:
-    const std::string& mPath;
-};
-
-/// As described for Unzip, what may be lost included.
-class PlainTarget final : public Target {
-public:
-    using Target::Target;
-
-    StatusCode Undescribed(zip_t* /*archive*/, zip_uint64_t /*index*/) override { return StatusCode::Ok; }
-    bool TakesShortEntries() const override { return true; }
-    StatusCode Finish() override { return StatusCode::Ok; }
-
-    StatusCode Write(const char* name, const char* buffer, std::size_t size) override {
-        const std::string path = PathOf(name);
-        const UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, EXTRACTED_FILE_MODE));
-        if (!file) {
-            return FailedToOpen(path, errno);
-        }
-        const ssize_t written = write(file.Get(), buffer, size);
-        if (written <= 0) {
-            // Fixed by the interface: an entry without content ends here too, and the status is the one for a
-            // missing key. A short write counts as a success.
-            FailedToWrite(name, written < 0 ? errno : EIO);
-            return StatusCode::KeyNotFound;
-        }
-        return StatusCode::Ok;
-    }
-};
-
-/// As described for UnzipWhole: nothing is lost without a word, and nothing is written outside the folder.
-class WholeTarget final : public Target {
-public:
-    explicit WholeTarget(const std::string& folder)
-        : Target(folder), mFolder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), mError(errno) {}
-
-    StatusCode Undescribed(zip_t* archive, zip_uint64_t index) override {
-        const StatusCode status = GetArchiveStatus(archive);
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip file %s, error = %s", std::to_string(index).c_str(),
-                       zip_strerror(archive));
-        return status;
-    }
-
-    bool TakesShortEntries() const override { return false; }
-
-    StatusCode Write(const char* name, const char* buffer, std::size_t size) override {
-        UniqueFd file = Open(name);
-        int error = errno;
-        if (!file) {
-            return FailedToOpen(PathOf(name), error);
-        }
-        error = WriteAll(file.Get(), buffer, size);
-        if (close(file.Release()) != 0 && error == 0) {
-            error = errno;
-        }
-        if (error != 0) {
-            FailedToWrite(name, error);
-            return mw::tern::MakeStatusCodeFromErrno(error);
-        }
-        return StatusCode::Ok;
-    }
-
-    /// Brings all files onto their medium in one call, because one by one takes many times as long.
-    StatusCode Finish() override {
-        if (mFolder && syncfs(mFolder.Get()) == 0) {
-            return StatusCode::Ok;
-        }
-        const int error = mFolder ? errno : mError;
-        TERN_LOG_ERROR(LOGGER, "UnzipWhole: Failed to store what is in %s, errno = %s", GetPath().c_str(),
-                       ErrorText(error));
-        return mw::tern::MakeStatusCodeFromErrno(error);
-    }
-
-private:
-    /// The entry's file, empty; none with `errno`. Folders on the way and the file itself are no links, and
-    /// the file is a regular one.
-    UniqueFd Open(const char* name) const {
-        if (!mFolder) {
-            errno = mError;
-            return UniqueFd();
-        }
-        std::string_view rest = name;
-        if (rest.empty() || rest.back() == '/') {
-            errno = EISDIR;
-            return UniqueFd();
-        }
-        UniqueFd below;
-        int folder = mFolder.Get();
-        for (std::size_t end = rest.find('/'); end != std::string_view::npos; end = rest.find('/')) {
-            if (end > 0) {
-                const std::string part(rest.substr(0, end));
-                below = UniqueFd(openat(folder, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-                if (!below) {
-                    return below;
-                }
-                folder = below.Get();
-            }
-            rest.remove_prefix(end + 1);
-        }
-        UniqueFd file(openat(folder, std::string(rest).c_str(),
-                             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, EXTRACTED_FILE_MODE));
-        struct stat information {};
-        if (!file || fstat(file.Get(), &information) != 0) {
-            return UniqueFd();
-        }
-        if (!S_ISREG(information.st_mode)) {
-            errno = EINVAL;
-            return UniqueFd();
-        }
-        if (information.st_size != 0 && ftruncate(file.Get(), 0) != 0) {
-            return UniqueFd();
-        }
-        return file;
-    }
-
-    const UniqueFd mFolder;
-    const int mError;
-};
-
-/// Extracts one entry.
-StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, Target& target, const std::string& password) {
+/// Extracts one entry by way of `buffer`.
+StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, UnzipTarget& target, const std::string& password,
+                        EntryBuffer& buffer) {
     zip_stat_t stat{};
     if (zip_stat_index(archive, index, 0, &stat) != 0) {
         return target.Undescribed(archive, index);
@@ -395,47 +175,48 @@ StatusCode ExtractEntry(zip_t* archive, zip_uint64_t index, Target& target, cons
     ZipEntry entry = OpenEntry(archive, index, methods, password);
     if (entry == nullptr) {
         const StatusCode status = GetArchiveStatus(archive);
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip file %s, error = %s", name, zip_strerror(archive));
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed to open zip file %s, error = %s", name,
+                       zip_strerror(archive));
         return status;
     }
     if (strstr(name, Zipper::RELATIVE_PATH_STRING.c_str()) != nullptr) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Zip file has a malicious path %s", name);
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Zip file has a malicious path %s", name);
         return StatusCode::InvalidArgument;
     }
-    const EntryBuffer buffer = AllocateEntryBuffer(stat.size);
-    if (buffer == nullptr) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
+    if (!buffer.Reserve(stat.size)) {
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed to read file %s", name);
         return StatusCode::OutOfMemory;
     }
-    const EntryReading reading =
-        ReadEntry(archive, stat, index, methods, password, entry.get(), buffer.get());
+    const EntryReading reading = ReadEntry(archive, stat, index, methods, password, entry.get(), buffer);
     const bool isRead = reading.isRead && (!reading.isShort || target.TakesShortEntries());
     if (!isRead) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to read file %s", name);
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed to read file %s", name);
     }
     // libzip repeats here the error that reading met.
     if (zip_fclose(entry.release()) != 0 && !reading.isOverruled) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to close file %s", name);
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed to close file %s", name);
         return StatusCode::Failure;
     }
     if (!isRead) {
         return StatusCode::InvalidArgument;
     }
-    return target.Write(name, buffer.get(), static_cast<std::size_t>(stat.size));
+    return target.Write(name, buffer.Get(), buffer.GetSize());
 }
 
 /// Extracts the entries in their order, up to the first that fails.
-StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, Target& target,
+StatusCode ExtractEntries(zip_t* archive, const std::string& zipFile, UnzipTarget& target,
                           const std::string& password) {
     const zip_int64_t count = zip_get_num_entries(archive, 0);
     if (count < 0) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: No files found in %s", zipFile.c_str());
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: No files found in %s", zipFile.c_str());
         return StatusCode::NotFound;
     }
+    EntryBuffer buffer;
     for (zip_int64_t index = 0; index < count; ++index) {
-        const StatusCode status = ExtractEntry(archive, static_cast<zip_uint64_t>(index), target, password);
+        const StatusCode status =
+            ExtractEntry(archive, static_cast<zip_uint64_t>(index), target, password, buffer);
         if (status != StatusCode::Ok) {
-            TERN_LOG_ERROR(LOGGER, "Unzip: Failed with status %s",
+            TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed with status %s",
                            mw::tern::ConvertStatusCodeToString(status).c_str());
             return status;
         }
@@ -448,19 +229,19 @@ template <typename TargetKind>
 StatusCode UnzipTo(const std::string& zipFile, const std::string& folder, const std::string& password) {
     if (zipFile.empty() || folder.empty()) {
         TERN_LOG_ERROR(
-            LOGGER,
+            ZIPPER_LOGGER,
             "Unzip: Path to zip file (%s) or to folder to extract (%s) is empty, so can't proccess unzip",
             zipFile.c_str(), folder.c_str());
         return StatusCode::Failure;
     }
     const StatusCode created = FileSystem::CreateFolder(folder);
     if (created != StatusCode::Ok) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to create content folder %s", folder.c_str());
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed to create content folder %s", folder.c_str());
         return created;
     }
     Opened opened = OpenArchive(zipFile, 0);
     if (opened.archive == nullptr) {
-        TERN_LOG_ERROR(LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(),
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Unzip: Failed to open zip %s, error = %s", zipFile.c_str(),
                        opened.error.c_str());
         return opened.status;
     }
@@ -469,7 +250,7 @@ StatusCode UnzipTo(const std::string& zipFile, const std::string& folder, const 
     const int result = CloseArchive(std::move(opened.archive));
     if (result == -1) {
         ZipErrorText text(result);
-        TERN_LOG_INFO(LOGGER, "Unzip: Unzip creation finish with: %s", text.Get());
+        TERN_LOG_INFO(ZIPPER_LOGGER, "Unzip: Unzip creation finish with: %s", text.Get());
         return Zipper::GetStatusZipError(result);
     }
     return status == StatusCode::Ok ? target.Finish() : status;
@@ -479,7 +260,7 @@ StatusCode UnzipTo(const std::string& zipFile, const std::string& folder, const 
 
 StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, const std::string& password) {
     if (folder.empty() || zipFile.empty()) {
-        TERN_LOG_ERROR(LOGGER,
+        TERN_LOG_ERROR(ZIPPER_LOGGER,
                        "Zip: Path to folder to zip (%s) or zip name (%s) is empty, so can't proccess zip",
                        folder.c_str(), zipFile.c_str());
         // There is nothing to back up, and that is no error of the caller's.
@@ -487,7 +268,7 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
     }
     Opened opened = OpenArchive(zipFile, ZIP_CREATE | ZIP_TRUNCATE);
     if (opened.archive == nullptr) {
-        TERN_LOG_ERROR(LOGGER, "Zip: Failed to create zip %s, error = %s", zipFile.c_str(),
+        TERN_LOG_ERROR(ZIPPER_LOGGER, "Zip: Failed to create zip %s, error = %s", zipFile.c_str(),
                        opened.error.c_str());
         return opened.status;
     }
@@ -496,26 +277,26 @@ StatusCode Zipper::Zip(const std::string& folder, const std::string& zipFile, co
     if (result == -1) {
         // Fixed by the interface: result and text are those of -1, not of the archive's error.
         ZipErrorText text(result);
-        TERN_LOG_INFO(LOGGER, "Zip: Zip creation finish with: %s", text.Get());
+        TERN_LOG_INFO(ZIPPER_LOGGER, "Zip: Zip creation finish with: %s", text.Get());
         return GetStatusZipError(result);
     }
     if (result != 0) {
-        TERN_LOG_INFO(LOGGER, "Zip: Unexpected zip error code: %d", result);
+        TERN_LOG_INFO(ZIPPER_LOGGER, "Zip: Unexpected zip error code: %d", result);
     } else {
         // Fixed by the interface: reported for every archive that is written, also when a file is missing
         // from it.
-        TERN_LOG_INFO(LOGGER, "Zip: Zip successful for %s", zipFile.c_str());
+        TERN_LOG_INFO(ZIPPER_LOGGER, "Zip: Zip successful for %s", zipFile.c_str());
     }
     return status;
 }
 
 StatusCode Zipper::Unzip(const std::string& zipFile, const std::string& folder, const std::string& password) {
-    return UnzipTo<PlainTarget>(zipFile, folder, password);
+    return UnzipTo<PlainUnzipTarget>(zipFile, folder, password);
 }
 
 StatusCode Zipper::UnzipWhole(const std::string& zipFile, const std::string& folder,
                               const std::string& password) {
-    return UnzipTo<WholeTarget>(zipFile, folder, password);
+    return UnzipTo<WholeUnzipTarget>(zipFile, folder, password);
 }
 
 StatusCode Zipper::GetStatusZipError(int zipErrorCode) {

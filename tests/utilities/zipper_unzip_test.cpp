@@ -244,6 +244,23 @@ TEST_F(ZipperTest, ShortEntryNeverCarriesOldMemoryIntoTheFile) {
     EXPECT_EQ(Extracted("a"), "ccccccc" + std::string(CLAIMED - 7, '\0'));
 }
 
+/// The memory is the same for all entries.
+TEST_F(ZipperTest, ShortEntryNeverCarriesAnotherOneIntoTheFile) {
+    const std::string first(300, 'a');
+    const std::string second(200, 'b');
+    WriteFile(archive, MakeRawZip({{"a", first}, {"b", second}, {"c", first}}));
+    const FaultScope scope(fault_zip_fread);
+    fault_zip_fread.Replace(
+        [](zip_file_t* entry, void* buffer, zip_uint64_t size) {
+            return fault_zip_fread.Real(entry, buffer, size == 200 ? 7 : size);
+        },
+        100);
+    EXPECT_EQ(Unzip(), StatusCode::Ok);
+    EXPECT_EQ(Extracted("a"), first);
+    EXPECT_EQ(Extracted("b"), "bbbbbbb" + std::string(193, '\0'));
+    EXPECT_EQ(Extracted("c"), first);
+}
+
 /// As libzip 1.11 reads one without a checksum.
 TEST_F(ZipperTest, EncryptedEntryThatEndsEarlyWithoutAnErrorIsDamaged) {
     WriteFile(archive, EncryptedZip());
