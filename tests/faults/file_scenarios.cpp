@@ -30,7 +30,8 @@ namespace {
 using mwl::Utilities::DeviceName;
 using mwl::Utilities::FileSystem;
 
-constexpr std::chrono::milliseconds MOMENT{2000 * SLOWNESS};
+/// Not to be reached by a log file that waits for a busy disk, as the watching thread writes to one.
+constexpr std::chrono::seconds MOMENT{SLOWNESS > 1 ? 20 : 6};
 
 bool Exists(const std::string& path) {
     return std::filesystem::exists(path);
