@@ -25,7 +25,7 @@ constexpr const char* ON = Comparison::OURS;
 constexpr const char* OFF = "linked, not asked for";
 constexpr const char* WITHOUT = "without";
 
-constexpr int ROUNDS = 15;
+constexpr int ROUNDS = 41;
 constexpr int SLICES = 10;
 constexpr int CALLS = 150;
 constexpr int CALLS_TOGETHER = 640;
