@@ -9,7 +9,13 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/no-bus-here
 
+touch "$work/begin"
 cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
+# The build folder is only read, so that it can be installed from several times at once.
+find "$work/prefix" -type f -printf '%f\n' | sort -u >"$work/names"
+written=$(find "$build" -type f -newer "$work/begin" -printf '%f %p\n' |
+    awk 'NR == FNR { names[$1]; next } $1 in names { print $2 }' "$work/names" -)
+[ -z "$written" ] || { echo "installing has written in the build folder: $written"; exit 1; }
 libdir=$(dirname "$(find "$work/prefix" -name libtern-dbus-service.so.0)")
 for library in dbus-service dbus-typed foundation basic-log; do
     soname=$(readelf -d "$libdir/libtern-$library.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
