@@ -54,7 +54,8 @@ std::uint64_t ReadProcessUptimeNs() {
     std::string_view fields = BehindName(stat);
     // The state is field 3, the start field 22.
     for (int field = 3; field < 22 && !fields.empty(); ++field) {
-        fields.remove_prefix(std::min(fields.find(' ') + 1, fields.size()));
+        const std::size_t end = fields.find(' ');
+        fields.remove_prefix(end == std::string_view::npos ? fields.size() : end + 1);
     }
     const auto ticksPerSecond = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
     const std::uint64_t sinceBoot = ParseNumber(fields) * (1000000000U / ticksPerSecond);
