@@ -9,7 +9,9 @@
 #include <tern/diagnostics/ring_reader.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <barrier>
 #include <cerrno>
 #include <deque>
 #include <memory>
@@ -277,6 +279,35 @@ TEST(Ring, ReaderSeesNoTornEventWhileAllWrite) {
     isOver = true;
     for (std::thread& writer : writers) {
         writer.join();
+    }
+}
+
+TEST(Ring, ThreadsThatClaimAtOnceGetEntriesOfTheirOwn) {
+    Ring& ring = MakeRing();
+    for (int round = 0; round < 200; ++round) {
+        std::barrier together(4);
+        std::array<std::vector<std::uint16_t>, 4> got;
+        std::vector<std::thread> threads;
+        for (std::vector<std::uint16_t>& own : got) {
+            threads.emplace_back([&] {
+                together.arrive_and_wait();
+                for (unsigned i = 0; i < Format::THREADS / 4; ++i) {
+                    own.push_back(ring.ClaimThread(i + 1, "worker"));
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        std::set<std::uint16_t> all;
+        for (const std::vector<std::uint16_t>& own : got) {
+            all.insert(own.begin(), own.end());
+        }
+        ASSERT_EQ(all.size(), Format::THREADS);
+        ASSERT_EQ(all.count(Format::NO_THREAD), 0U);
+        for (const std::uint16_t number : all) {
+            ring.ReleaseThread(number);
+        }
     }
 }
 
