@@ -13,11 +13,14 @@ using mwl::Diagnostics::Diagnosis;
 using mwl::Diagnostics::Flight;
 using mwl::Diagnostics::FlightEnd;
 using mwl::Diagnostics::FlightThread;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::SizeIs;
+using testing::StartsWith;
 
 constexpr std::uint64_t S = 1000000000;
+constexpr std::uint64_t MS = 1000000;
 constexpr std::uint64_t LATEST = 1000 * S;
 
 /// A life of a thousand seconds, last heard of at 00:16:40 on the first of January 1970.
@@ -192,6 +195,169 @@ TEST(Diagnosis, SuddenEndNamesWhatWasGoingOnLatestFirst) {
     EXPECT_EQ(diagnosis.sentences[1],
               "When it was last heard of, the D-Bus thread was in the handler of 'a.B'; the thread 'worker' "
               "(7) was in a job of a thread pool.");
+}
+
+TEST(Diagnosis, TimesAreToldInUnitsOfTheirSize) {
+    struct Case {
+        std::uint64_t nanoseconds;
+        const char* words;
+    };
+    for (const Case& some :
+         {Case{1, "0.00 s"}, Case{350 * MS, "0.35 s"}, Case{999 * MS, "1.00 s"}, Case{S, "1.0 s"},
+          Case{9800 * MS, "9.8 s"}, Case{59 * S + 900 * MS, "59.9 s"}, Case{60 * S, "1 min 0 s"},
+          Case{125 * S, "2 min 5 s"}, Case{3599 * S, "59 min 59 s"}, Case{3600 * S, "1 h 0 min"},
+          Case{11520 * S, "3 h 12 min"}, Case{86399 * S, "23 h 59 min"}, Case{86400 * S, "1 d 0 h"},
+          Case{439200 * S, "5 d 2 h"}}) {
+        Flight flight = MakeFlight();
+        flight.end = FlightEnd::Stopped;
+        flight.endedNs = 100 * S + some.nanoseconds;
+        EXPECT_THAT(Diagnose(flight, 0).sentences.back(),
+                    EndsWith(" UTC, " + std::string(some.words) + " after its start."));
+    }
+    // It cannot have ended before its start, nor is that worth a word.
+    for (const std::uint64_t started : {0 * S, LATEST, LATEST + 1}) {
+        Flight flight = MakeFlight();
+        flight.processStartedNs = started;
+        EXPECT_THAT(Diagnose(flight, 0).sentences.back(), Not(HasSubstr("after its start")));
+    }
+}
+
+TEST(Diagnosis, TimeOfDayIsThatOfTheEnd) {
+    Flight flight = MakeFlight();
+    flight.version = "1.2";
+    flight.toRealtimeNs = static_cast<std::int64_t>(86400 * S);
+    EXPECT_EQ(Diagnose(flight, 0).sentences.back(),
+              "Process 42 (tern-thermostat 1.2) was last heard of at 1970-01-02 00:16:40 UTC, 1 d 0 h "
+              "after its start; its last event was job_ended.");
+}
+
+TEST(Diagnosis, EachKindOfWorkHasItsWords) {
+    struct Case {
+        const char* event;
+        const char* name;
+        const char* words;
+    };
+    for (const Case& some : {Case{"call_began", "a.B", "in the handler of 'a.B'"},
+                             Case{"call_began", "", "in the handler of a message"},
+                             Case{"job_began", "workers", "in a job of a thread pool"},
+                             Case{"run_began", "Upload", "in a run of the component 'Upload'"},
+                             Case{"run_began", "", "in a run of the component"},
+                             Case{"timer_began", "tick", "in the callback of a timer"},
+                             Case{"pipe_full", "", "waiting for room in a message pipe that nobody reads"},
+                             Case{"event-77", "x", "in event-77 'x'"}, Case{"event-77", "", "in event-77"}}) {
+        Flight flight = MakeFlight();
+        flight.threads.push_back(MakeThread(some.event, some.name, LATEST));
+        EXPECT_EQ(Diagnose(flight, 0).sentences.at(1),
+                  "When it was last heard of, the thread 'worker' (7) was " + std::string(some.words) + ".");
+    }
+}
+
+TEST(Diagnosis, WhatIsPartOfSomethingIsToldWithIt) {
+    Flight flight = MakeFlight();
+    flight.threads.push_back(MakeThread("call_began", "a.B", LATEST - 5 * S));
+    flight.threads[0].doing.push_back({"run_began", "Inner", LATEST - 4 * S});
+    flight.threads[0].doing.push_back({"pipe_full", "", LATEST - 3 * S});
+    EXPECT_EQ(Diagnose(flight, 0).sentences[0],
+              "The thread 'worker' (7) was waiting for room in a message pipe that nobody reads, in the "
+              "handler of 'a.B', when it ended, for 3.0 s at least.");
+}
+
+TEST(Diagnosis, CausesAreTenSecondsOldAtMost) {
+    for (const bool isLate : {false, true}) {
+        const std::uint64_t at = LATEST - 10 * S - (isLate ? 1 : 0);
+        Flight flight = MakeFlight();
+        AddEvent(flight, "thrown", "x", 0, at);
+        EXPECT_EQ(Diagnose(flight, 0).kind, isLate ? "cut-off" : "exception");
+        flight = MakeFlight();
+        AddEvent(flight, "blocked", "pump", S, at);
+        EXPECT_EQ(Diagnose(flight, 0).kind, isLate ? "cut-off" : "blocked");
+        flight = MakeFlight();
+        AddEvent(flight, "state_changed", "lost-bus", 0, at);
+        EXPECT_EQ(Diagnose(flight, 0).kind, isLate ? "cut-off" : "lost-bus");
+    }
+}
+
+TEST(Diagnosis, HangingBeginsAfterASecondSeenOrTenPerhaps) {
+    const auto kindOf = [](std::uint64_t least, std::uint64_t more, bool isBusThread = false) {
+        Flight flight = MakeFlight();
+        flight.watchdogNs = 6 * S;
+        flight.threads.push_back(MakeThread("job_began", "", LATEST - least));
+        flight.threads[0].isBusThread = isBusThread;
+        return Diagnose(flight, LATEST + more).kind;
+    };
+    EXPECT_EQ(kindOf(S - 1, 0), "cut-off");
+    EXPECT_EQ(kindOf(S, 0), "hanging");
+    EXPECT_EQ(kindOf(0, 10 * S - 1), "cut-off");
+    EXPECT_EQ(kindOf(0, 10 * S), "hanging");
+    // Half of the period of systemd's watchdog, for the thread that feeds it.
+    EXPECT_EQ(kindOf(0, 3 * S - 1, true), "cut-off");
+    EXPECT_EQ(kindOf(0, 3 * S, true), "hanging");
+    EXPECT_EQ(kindOf(0, 3 * S, false), "cut-off");
+    // Seen to be over before its own last instant: nothing more is known.
+    EXPECT_EQ(kindOf(0, -500 * S), "cut-off");
+}
+
+TEST(Diagnosis, TwoHangingThreadsAreToldTheLongestFirst) {
+    Flight flight = MakeFlight();
+    for (const std::uint64_t seconds : {3U, 9U, 5U}) {
+        flight.threads.push_back(MakeThread("job_began", "", LATEST - seconds * S));
+        flight.threads.back().watchName = "T" + std::to_string(seconds);
+    }
+    const Diagnosis diagnosis = Diagnose(flight, 0);
+    ASSERT_THAT(diagnosis.sentences, SizeIs(3));
+    EXPECT_THAT(diagnosis.sentences[0], StartsWith("The watched thread 'T9' was "));
+    EXPECT_THAT(diagnosis.sentences[0], EndsWith("for 9.0 s at least."));
+    EXPECT_THAT(diagnosis.sentences[1], StartsWith("The watched thread 'T5' was "));
+}
+
+TEST(Diagnosis, ThreeBusyThreadsAreToldTheLatestFirst) {
+    Flight flight = MakeFlight();
+    for (const std::uint64_t ms : {400U, 100U, 300U, 200U}) {
+        flight.threads.push_back(MakeThread("run_began", "C" + std::to_string(ms), LATEST - ms * MS));
+    }
+    EXPECT_EQ(Diagnose(flight, 0).sentences.at(1),
+              "When it was last heard of, the thread 'worker' (7) was in a run of the component 'C100'; the "
+              "thread 'worker' (7) was in a run of the component 'C200'; the thread 'worker' (7) was in a "
+              "run of the component 'C300'.");
+}
+
+TEST(Diagnosis, BlockedThreadThatIsInNothingIsToldAlone) {
+    Flight flight = MakeFlight();
+    flight.threads.push_back(MakeThread("run_began", "Other", LATEST - 2 * S));
+    flight.threads.emplace_back().watchName = "pump";
+    AddEvent(flight, "blocked", "pump", 20 * S);
+    EXPECT_EQ(Diagnose(flight, 0).sentences[0],
+              "The watcher killed it, as the watched thread 'pump' had not reported for 20.0 s.");
+}
+
+TEST(Diagnosis, ExceptionWithoutItsMessageIsOfATypeThatIsNotKnown) {
+    Flight flight = MakeFlight();
+    flight.threads.push_back(MakeThread("job_began", "", LATEST));
+    flight.threads.back().id = 0;
+    AddEvent(flight, "thrown", "x");
+    flight.messages.push_back({1, 999 * S, 3, 7, "no heater", false, false});
+    EXPECT_EQ(Diagnose(flight, 0).sentences[0], "An exception ended it: of a type that is not known.");
+}
+
+TEST(Diagnosis, LatestExceptionIsTheOne) {
+    Flight flight = MakeFlight();
+    AddEvent(flight, "thrown", "x");
+    flight.messages.push_back({1, 998 * S, 2, 9, "first", false, true});
+    flight.messages.push_back({2, 999 * S, 2, 9, "second", false, true});
+    EXPECT_EQ(Diagnose(flight, 0).sentences[0], "An exception ended it: second.");
+}
+
+TEST(Diagnosis, TwoMessagesAreToldTheLastFirst) {
+    Flight flight = MakeFlight();
+    flight.messages.push_back({1, 997 * S, 3, 7, "one", false, false});
+    flight.messages.push_back({2, 998 * S, 3, 7, "two", false, false});
+    flight.messages.push_back({3, 999 * S, 2, 7, "thrown", false, true});
+    flight.messages.push_back({4, 999 * S, 4, 7, "three", false, false});
+    const Diagnosis diagnosis = Diagnose(flight, 0);
+    ASSERT_THAT(diagnosis.sentences, SizeIs(4));
+    EXPECT_EQ(diagnosis.sentences[2],
+              "Its last message of warning level or worse, at 1970-01-01 00:16:39 UTC: three");
+    EXPECT_EQ(diagnosis.sentences[3], "The one before it, at 1970-01-01 00:16:38 UTC: two");
 }
 
 TEST(Diagnosis, AnEmptyFlightIsCutOff) {

@@ -158,6 +158,53 @@ TEST_F(DiagnosticsTest, CountsWhatTheBusThreadHandles) {
     EXPECT_GE(figures.busThread.handled, 4U);
 }
 
+TEST_F(DiagnosticsTest, CallsSignalsAndAnswersOfOneNameAreToldApart) {
+    Peer peer;
+    mRoom->onDo = [](Room&) {};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+        // Follows a call of its own name.
+        sd_bus_message* signal = nullptr;
+        ASSERT_GE(sd_bus_message_new_signal(peer.Get(), &signal, "/room", tern::test::ROOM, "Do"), 0);
+        const Peer::Message owner(signal);
+        ASSERT_GE(sd_bus_message_set_destination(signal, tern::test::SERVICE), 0);
+        ASSERT_GE(sd_bus_send(peer.Get(), signal, nullptr), 0);
+        peer.Ping();
+    }
+    ASSERT_TRUE(WaitUntil([&] { return Member("signal com.example.Room1.Do").has_value(); }));
+    EXPECT_EQ(Member("signal com.example.Room1.Do")->handled, 3U);
+    EXPECT_EQ(Member("com.example.Room1.Do")->handled, 3U);
+    EXPECT_EQ(Member("org.freedesktop.DBus.Peer.Ping")->handled, 3U);
+}
+
+TEST(DiagnosticsUnderAWatchdog, ShowItsPeriodAndTheSmallestMargin) {
+    const PrivateBus bus;
+    setenv("WATCHDOG_USEC", "4000000", 1);
+    {
+        Diagnostics diagnostics;
+        Room* room = nullptr;
+        Served served([&](Served& it) {
+            room = &it.Export("/room");
+            diagnostics = Diagnostics::Export(*it.typed);
+        });
+        served.onStop = [&] { diagnostics.Reset(); };
+        unsetenv("WATCHDOG_USEC");
+        room->onDo = [](Room&) { usleep(20000); };  // its length is what is measured
+        Peer peer;
+        EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+        EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+        const BlockingProxy<Diagnostics1> proxy(tern::test::SERVICE, Diagnostics1::PATH);
+        const auto figures = proxy.Call(Diagnostics1::Snapshot);
+        ASSERT_TRUE(figures.IsOk());
+        EXPECT_EQ(figures->busThread.watchdogUs, 4000000U);
+        EXPECT_GE(figures->busThread.longestTurnUs, 20000U);
+        ASSERT_LT(figures->busThread.longestTurnUs, 1000000U);
+        // The loop reports a quarter of the period before its end, if no turn is in its way.
+        EXPECT_EQ(figures->busThread.watchdogMarginUs, 1000000U - figures->busThread.longestTurnUs);
+    }
+    Recorder::End();
+}
+
 TEST_F(DiagnosticsTest, GoesOnCountingWhileTheRecorderIsOff) {
     Peer peer;
     const auto call = [&] { EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), ""); };
