@@ -62,6 +62,13 @@ std::size_t BytesOf(const std::vector<LogEntry>& entries) {
     return bytes;
 }
 
+TEST(ParseLog, BoundsAreTheOnesThatTheHeaderOfTheParsersStates) {
+    EXPECT_EQ(ParseLog::LINES, 512U);
+    EXPECT_EQ(ParseLog::LINES_FOR_ERRORS, 128U);
+    EXPECT_EQ(ParseLog::BYTES, 65536U);
+    EXPECT_EQ(ParseLog::BYTES_FOR_ERRORS, 16384U);
+}
+
 TEST(ParseLog, AMessageWithinTheBoundIsLoggedWhole) {
     TestMessages messages;
     const BusMessage message = MakeInt16s(messages, LINES);

@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/diagnostics_fixture.h"
 #include "foundation/unique_fd.h"
 #include "support/child.h"
 #include "support/interpose.h"
@@ -55,6 +56,7 @@ using mwl::Diagnostics::MemberFigures;
 using mwl::Diagnostics::Recorder;
 using mwl::Diagnostics::RingReader;
 using mwl::Typed::BlockingProxy;
+using tern::test::DiagnosticsTest;
 using tern::test::FaultScope;
 using tern::test::LogCapture;
 using tern::test::Peer;
@@ -73,45 +75,6 @@ using testing::SizeIs;
 std::size_t AllocatedBytes() {
     return mallinfo2().uordblks;
 }
-
-/// A service with diagnostics, and a client.
-class DiagnosticsTest : public testing::Test {
-protected:
-    DiagnosticsTest() {
-        mServed.emplace([this](Served& served) {
-            mRoom = &served.Export("/room");
-            mDiagnostics = Diagnostics::Export(*served.typed, {.recorder = {.version = "1.2.3"}});
-            EXPECT_EQ(mDiagnostics.GetStatus(), StatusCode::Ok);
-        });
-        mServed->onStop = [this] { mDiagnostics.Reset(); };
-        mProxy.emplace(tern::test::SERVICE, Diagnostics1::PATH);
-    }
-    ~DiagnosticsTest() override {
-        mServed.reset();
-        Recorder::End();
-    }
-
-    Figures Snapshot() {
-        auto figures = mProxy->Call(Diagnostics1::Snapshot);
-        EXPECT_TRUE(figures.IsOk()) << figures.GetError().GetText();
-        return figures.IsOk() ? std::move(*figures) : Figures();
-    }
-    std::optional<MemberFigures> Member(const std::string& name) {
-        for (MemberFigures& member : Snapshot().busThread.members) {
-            if (member.name == name) {
-                return std::move(member);
-            }
-        }
-        return std::nullopt;
-    }
-
-    PrivateBus mBus;
-    LogCapture mLog;
-    Room* mRoom = nullptr;
-    Diagnostics mDiagnostics;
-    std::optional<Served> mServed;
-    std::optional<BlockingProxy<Diagnostics1>> mProxy;
-};
 
 TEST_F(DiagnosticsTest, ShowsTheProcess) {
     const Figures figures = Snapshot();

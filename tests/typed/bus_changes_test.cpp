@@ -185,6 +185,22 @@ TEST_F(BusTest, APeriodHoldsBackLaterChangesAndLosesNone) {
     EXPECT_THAT(mPeer->Seen(), ElementsAre("changed /com/example/rooms/one com.example.Room1 Level=6"));
 }
 
+TEST_F(BusTest, EachPeriodEndsWithWhatItHasHeldBack) {
+    mServed->On([&] { mServed->typed->SetChangePeriod(std::chrono::milliseconds(20)); });
+    for (unsigned level = 10; level < 20; level += 2) {
+        mServed->On([&] { room->SetLevel(level); });
+        mServed->On([&] { room->SetLevel(level + 1); });
+        // Nothing but the end of the period wakes the loop meanwhile.
+        const std::string wanted =
+            "changed /com/example/rooms/one com.example.Room1 Level=" + std::to_string(level + 1);
+        std::vector<std::string> seen;
+        do {
+            seen = mPeer->WaitForSignals(1);
+        } while (!seen.empty() && seen.back() != wanted);
+        ASSERT_FALSE(seen.empty()) << wanted;
+    }
+}
+
 TEST_F(BusTest, WhatThePeriodHoldsBackIsAnnouncedWhenTheLoopEnds) {
     mServed->On([&] {
         mServed->typed->SetChangePeriod(std::chrono::hours(1));

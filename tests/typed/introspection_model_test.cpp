@@ -302,6 +302,10 @@ TEST(IntrospectionModel, LimitsOfNamesHold) {
     // No character is cut in two.
     EXPECT_EQ(member(std::string(59, '1') + "\xc3\xa4" + "2"),
               "line 1: '" + std::string(59, '1') + "...' is no member name");
+    EXPECT_EQ(member(std::string(59, '1') + "\xc3\xa5" + "2"),
+              "line 1: '" + std::string(59, '1') + "...' is no member name");
+    EXPECT_EQ(member(std::string(57, '1') + "\xf0\x9d\x84\x9f" + "2"),
+              "line 1: '" + std::string(57, '1') + "...' is no member name");
     const auto type = [](const std::string& text) {
         return FaultOf("<node><interface name='a.b'><property name='P' access='read' type='" + text +
                        "'/></interface></node>");
