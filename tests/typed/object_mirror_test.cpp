@@ -224,5 +224,25 @@ TEST_F(ObjectMirrorTest, NamesBeyondTheLimitAreLeftOut) {
     EXPECT_THAT(Told(), SizeIs(fitting));
 }
 
+TEST_F(ObjectMirrorTest, RoomForNamesOfInterfacesIsGivenBack) {
+    MakeEmpty();
+    const std::string path = "/com/example/" + std::string(60000, 'x');
+    for (int i = 0; i < 100; ++i) {
+        Add((path + std::to_string(i)).c_str());
+    }
+    Remove((path + "0").c_str());
+    Told();
+    // There is room for one of those paths, and for two at most; an object that stays adds no more of its
+    // own.
+    Add("/com/example/a");
+    const std::string name = "com.example." + std::string(230, 'I');
+    const std::size_t beyond = 2 * path.size() / name.size() + 1;
+    for (std::size_t i = 0; i < beyond; ++i) {
+        Add("/com/example/a", name.c_str());
+        Remove("/com/example/a", name.c_str());
+    }
+    EXPECT_THAT(Told(), SizeIs(1 + 2 * beyond));
+}
+
 }  // namespace
 }  // namespace mwl::Typed::Tests
