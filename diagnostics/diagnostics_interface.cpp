@@ -63,8 +63,10 @@ std::string_view WordOf(char state) {
     }
 }
 
+/// Where nothing is recorded there are no ticks.
 std::uint64_t ToUs(std::uint64_t ticks) {
-    return Recording::GetRing().ToNanoseconds(ticks) / NS_PER_US;
+    const Ring& ring = Recording::GetRing();
+    return ring ? ring.ToNanoseconds(ticks) / NS_PER_US : 0;
 }
 
 /// What has been counted of an object; zeros where nothing is recorded.

@@ -7,13 +7,17 @@
 #include <tern/typed/blocking_proxy.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <string>
 
+#include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
 #include "typed/served_bus.h"
+
+TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
 
 // In a process that has never recorded anything.
 
@@ -27,6 +31,7 @@ using mwl::Diagnostics::Figures;
 using mwl::Diagnostics::MemberFigures;
 using mwl::Diagnostics::Recorder;
 using mwl::Typed::BlockingProxy;
+using tern::test::FaultScope;
 using tern::test::LogCapture;
 using tern::test::Peer;
 using tern::test::PrivateBus;
@@ -34,14 +39,14 @@ using tern::test::Room;
 using tern::test::Served;
 using testing::SizeIs;
 
-TEST(WithoutARecorder, OnlyWhatItWouldHoldIsMissing) {
+void OnlyWhatItWouldHoldIsMissing(bool isAskedFor) {
     const PrivateBus bus;
     const LogCapture log;
     Diagnostics diagnostics;
     Room* room = nullptr;
     Served served([&](Served& it) {
         room = &it.Export("/room");
-        diagnostics = Diagnostics::Export(*it.typed, {.isRecording = false});
+        diagnostics = Diagnostics::Export(*it.typed, {.isRecording = isAskedFor});
         EXPECT_EQ(diagnostics.GetStatus(), StatusCode::Ok);
     });
     served.onStop = [&] { diagnostics.Reset(); };
@@ -88,6 +93,16 @@ TEST(WithoutARecorder, OnlyWhatItWouldHoldIsMissing) {
     EXPECT_EQ(figures->busThread.running, "tern.Diagnostics1.Snapshot");
     EXPECT_LT(figures->busThread.runningUs, 10000000U);
     EXPECT_GT(figures->busThread.turns, 0U);
+}
+
+TEST(WithoutARecorder, OnlyWhatItWouldHoldIsMissing) {
+    OnlyWhatItWouldHoldIsMissing(false);
+}
+
+TEST(WithoutARecorder, ItIsTheSameWhenItsMemoryCannotBeMade) {
+    const FaultScope scope(fault_memfd_create);
+    fault_memfd_create.Fail(-1, ENFILE, 1000);
+    OnlyWhatItWouldHoldIsMissing(true);
 }
 
 }  // namespace
