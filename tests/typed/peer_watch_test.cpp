@@ -327,6 +327,11 @@ TEST_F(PeerWatchTest, WhatIsNoNameIsToldAsAbsent) {
     EXPECT_EQ(Status(), StatusCode::InvalidArgument);
     EXPECT_THAT(mLog.Entries("Typed"),
                 ElementsAre(Error("Typed", "Refused to watch 'no name', which is no name of a bus")));
+    // The bus was not asked.
+    RawPeer peer;
+    EXPECT_THAT(ToldAfter(peer), ElementsAre("gone"));
+    EXPECT_EQ(Status(), StatusCode::InvalidArgument);
+    EXPECT_EQ(mLog.Entries("Typed").size(), 1U);
 }
 
 TEST_F(PeerWatchTest, AWatchThatCannotListenIsToldOnce) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <tern/typed/untyped_proxy.h>
 
+#include <cerrno>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -10,13 +11,18 @@
 #include <vector>
 
 #include "peer_service.h"
+#include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
 #include "support/wait_until.h"
 
+TERN_INTERPOSE(int, sd_bus_message_open_container,
+               (sd_bus_message * message, char type, const char* contents), (message, type, contents))
+
 using namespace mwl::Typed;
 using namespace std::chrono_literals;
 using tern::test::Ask;
+using tern::test::FaultScope;
 using tern::test::Peer1;
 using tern::test::PEER_PATH;
 using tern::test::PeerService;
@@ -195,6 +201,15 @@ TEST_F(UntypedProxyTest, RefusesBeforeItSendsWhatDoesNotFit) {
               invalid + "'no name' is no name of a service");
     // Nothing of it was sent, and the connection works.
     EXPECT_TRUE(CallPeer("Add", "uu", {Any::From(2U), Any::From(3U)}).IsOk());
+}
+
+TEST_F(UntypedProxyTest, TheArgumentForWhichThereIsNoMemoryIsTold) {
+    const FaultScope scope(fault_sd_bus_message_open_container);
+    EXPECT_EQ(Said(Do([](const UntypedProxy& peer) {
+                  fault_sd_bus_message_open_container.Fail(-ENOMEM);
+                  return peer.Set(PEER1, "Note", AnyText("cold"));
+              })),
+              "org.freedesktop.DBus.Error.NoMemory: argument 3 cannot be sent: Cannot allocate memory");
 }
 
 TEST_F(UntypedProxyTest, GivesThePeersErrors) {
