@@ -178,6 +178,13 @@ TEST_F(DiagnosticsValuesTest, LimitsOfWatchedThreadsAreTheWatchers) {
         EXPECT_EQ(figures.watched[0].marginUs, some.limitUs - figures.watched[0].silentUs);
         thread.StopWatch();
     }
+    // Without end.
+    mwl::Threading::ThreadWatched thread(watcher, "pump");
+    thread.StartWatch(std::chrono::milliseconds::max());
+    const Figures figures = Snapshot();
+    EXPECT_EQ(figures.watched.at(0).periodUs, 1000000000000000U);
+    EXPECT_EQ(figures.watched.at(0).limitUs, 2000000000000000U);
+    thread.StopWatch();
 }
 
 TEST_F(DiagnosticsValuesTest, ShortPeriodTimersHaveTheirKind) {

@@ -155,9 +155,12 @@ UniqueFd TakeLeft(Manager& manager) {
 
 TEST(FormerLife, FirstLifeSaysNothingAndLeavesItsMemory) {
     Manager manager;
+    setenv("TERN_LOG_LEVEL", "debug", 1);
     const Life life = Live({}, [] {});
+    unsetenv("TERN_LOG_LEVEL");
     EXPECT_EQ(life.status, 0);
     EXPECT_THAT(life.log, Not(HasSubstr("Former life")));
+    EXPECT_THAT(life.log, Not(HasSubstr("The flight recorder ends with this process")));
     const UniqueFd left = TakeLeft(manager);
     const auto flight = RingReader::Read(left.Get());
     ASSERT_TRUE(flight.IsOk());

@@ -498,6 +498,7 @@ TEST_F(RecordingTest, ForkedChildBeginsInNothing) {
     TellIt(Event::JobBegan, &pool);
     InAChild([&] {
         EXPECT_FALSE(Recording::IsOn());
+        EXPECT_EQ(mwl::Tell::SetListener(nullptr), nullptr);
         Start();
         EXPECT_EQ(Recording::RunningTicks(&pool), 0U);
         TellIt(Event::WakeUp, nullptr);

@@ -68,6 +68,7 @@ TEST(RingFormat, LiesWhereItsVersionHasIt) {
     EXPECT_EQ(offsetof(Header, busThread), 312U);
     EXPECT_EQ(offsetof(Header, end), 316U);
     EXPECT_EQ(offsetof(Header, eventNameList), 328U);
+    EXPECT_EQ(sizeof(Header), 328U + 64 * 24);
     EXPECT_EQ(offsetof(Thread, doing), 48U);
     EXPECT_EQ(offsetof(Message, text), 32U);
     EXPECT_EQ(NAMES_AT, 4096U);
