@@ -271,6 +271,14 @@ TEST_F(RecordingTest, EndOfWhatWasNotSeenToBeginChangesNothing) {
     EXPECT_THAT(Doing(), IsEmpty());
 }
 
+TEST_F(RecordingTest, NanosecondsStayAsTheyAre) {
+    constexpr std::uint64_t ODD = (std::uint64_t{1} << 60U) + 1;
+    EXPECT_EQ(Recording::GetRing().ToNanoseconds(ODD), ODD);
+    gNow = 500000;
+    Recording::GetRing().Calibrate();
+    EXPECT_EQ(Recording::GetRing().ToNanoseconds(ODD), ODD);
+}
+
 TEST_F(RecordingTest, ClockThatGoesBackMakesDurationsOfNothing) {
     TellIt(Event::JobBegan, nullptr);
     gNow = 999;
@@ -495,16 +503,28 @@ TEST_F(RecordingTest, ExceptionIsAFailureAndToldWithItsThread) {
 
 TEST_F(RecordingTest, ForkedChildBeginsInNothing) {
     const Something pool;
+    const Something other;
     TellIt(Event::JobBegan, &pool);
+    std::latch begun(1);
+    std::latch goOn(1);
+    std::thread busy([&] {
+        TellIt(Event::JobBegan, &other);
+        begun.count_down();
+        goOn.wait();
+    });
+    begun.wait();
     InAChild([&] {
         EXPECT_FALSE(Recording::IsOn());
         EXPECT_EQ(mwl::Tell::SetListener(nullptr), nullptr);
         Start();
         EXPECT_EQ(Recording::RunningTicks(&pool), 0U);
+        EXPECT_EQ(Recording::RunningTicks(&other), 0U);
         TellIt(Event::WakeUp, nullptr);
         EXPECT_EQ(OwnThread().id, static_cast<std::uint32_t>(gettid()));
         EXPECT_THAT(Doing(), IsEmpty());
     });
+    goOn.count_down();
+    busy.join();
     EXPECT_TRUE(Recording::IsOn());
     EXPECT_EQ(Recording::RunningTicks(&pool), 1U);
     // After a fork it is told again.

@@ -22,6 +22,7 @@
 #include <cerrno>
 #include <csignal>
 #include <functional>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -30,10 +31,13 @@
 
 #include "foundation/told.h"
 #include "support/child.h"
+#include "support/interpose.h"
 #include "support/private_bus.h"
 #include "support/wait_until.h"
 #include "threading/moved_clock.h"
 #include "threading/watching_doubles.h"
+
+TERN_INTERPOSE(int, sd_event_default, (sd_event * *event), (event))
 
 // Every place of the library that tells, with the real classes.
 
@@ -50,6 +54,7 @@ using mwl::Threading::ThreadsWatcher;
 using mwl::Threading::ThreadWatched;
 using mwl::Threading::ThreadPool::ThreadPool;
 using std::chrono::milliseconds;
+using tern::test::FaultScope;
 using tern::test::MovedClock;
 using tern::test::PrivateBus;
 using tern::test::RunInChild;
@@ -305,10 +310,16 @@ public:
     StatusCode Start(mw::tern::DBusServerManager& manager, mw::tern::EventLoop& loop) override {
         return mStart(manager, loop);
     }
-    void Stop() override {}
+    void Stop() override {
+        if (mThrows) {
+            throw std::runtime_error("no valve");
+        }
+    }
+    void ThrowInStop() { mThrows = true; }
 
 private:
     std::function<StatusCode(mw::tern::DBusServerManager&, mw::tern::EventLoop&)> mStart;
+    bool mThrows = false;
 };
 
 class TellOfTheService : public testing::Test {
@@ -361,6 +372,23 @@ TEST_F(TellOfTheService, ExceptionInItsStart) {
     Run(server, [](ThreadsMonitor&) { FAIL(); });
     EXPECT_THAT(Told::NamesOf(Event::Thrown), ElementsAre("std::runtime_error: no heater"));
     EXPECT_THAT(Told::NamesOf(Event::StateChanged), ElementsAre("starting", "failed"));
+}
+
+TEST_F(TellOfTheService, ExceptionInTheMakingOfItsLoop) {
+    Server server([](auto&, auto&) { return StatusCode::Ok; });
+    const FaultScope scope(fault_sd_event_default);
+    fault_sd_event_default.Replace([](sd_event**) -> int { throw std::bad_alloc(); });
+    Run(server, [](ThreadsMonitor&) { FAIL(); });
+    EXPECT_THAT(Told::NamesOf(Event::Thrown), ElementsAre("std::bad_alloc: std::bad_alloc"));
+    EXPECT_THAT(Told::NamesOf(Event::StateChanged), ElementsAre("starting", "failed"));
+}
+
+TEST_F(TellOfTheService, ExceptionInItsStop) {
+    Server server([](auto&, auto&) { return StatusCode::Ok; });
+    server.ThrowInStop();
+    Run(server, [](ThreadsMonitor& monitor) { monitor.NotifyDBusThreadToStop(false); });
+    EXPECT_THAT(Told::NamesOf(Event::Thrown), ElementsAre("std::runtime_error: no valve"));
+    EXPECT_THAT(Told::NamesOf(Event::StateChanged), ElementsAre("starting", "running", "stopping"));
 }
 
 TEST_F(TellOfTheService, LongExceptionIsCut) {
