@@ -30,7 +30,7 @@ for name in dbus_message/hostile_messages dbus_message/key_rule service/stop_ord
     dbus_message/parser_{dictionaries,variants} queued_processings/component_stop \
     threading/thread_pool_{loop,stop,watched} threading/threads_watcher_{kill,look} \
     typed/call_{end,failures} typed/implements_{properties,vtable} typed/{object_mirror,property_cache,subscription}_failures \
-    utilities/file_system_copy_{links,trees}; do
+    utilities/file_system_copy_{links,trees} diagnostics/{diagnostics,ring_reader}_values diagnostics/without_recorder; do
     of_their_own[$name]=1
 done
 
