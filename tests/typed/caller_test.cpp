@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -33,6 +35,8 @@ TERN_INTERPOSE(int, sd_bus_call_method_async,
                 const char* interface, const char* member, sd_bus_message_handler_t callback, void* userdata,
                 const char* types, const char* argument),
                (bus, slot, destination, path, interface, member, callback, userdata, types, argument))
+
+TERN_INTERPOSE(int, sd_bus_message_rewind, (sd_bus_message * message, int complete), (message, complete))
 
 namespace mwl::Typed {
 namespace {
@@ -258,6 +262,30 @@ TEST_F(CallerTest, AQuestionThatCannotBeSentIsAnErrorOfTheCall) {
     EXPECT_THAT(mGuarded, IsEmpty());
     EXPECT_EQ(mServed->Count().openCalls, 0U);
     fault_sd_bus_call_method_async.Reset();
+    EXPECT_EQ(Guarded(1), "2");
+}
+
+TEST_F(CallerTest, ACallThatCannotBeReadOnceItsCallerIsKnownIsAnswered) {
+    std::atomic<bool> isAsked{false};
+    const FaultScope question(fault_sd_bus_call_method_async);
+    fault_sd_bus_call_method_async.Replace([&](auto... arguments) {
+        isAsked = true;
+        return fault_sd_bus_call_method_async.Real(arguments...);
+    });
+    // sd-bus itself comes this way too, but no more with a call that it has handed out.
+    const FaultScope scope(fault_sd_bus_message_rewind);
+    fault_sd_bus_message_rewind.Replace(
+        [&](sd_bus_message* message, int complete) {
+            const char* const member = sd_bus_message_get_member(message);
+            return isAsked && member != nullptr && std::strcmp(member, "Guarded") == 0
+                       ? -ENOBUFS
+                       : fault_sd_bus_message_rewind.Real(message, complete);
+        },
+        1000);
+    EXPECT_EQ(Guarded(1), "org.freedesktop.DBus.Error.LimitsExceeded: No buffer space available");
+    EXPECT_THAT(mGuarded, IsEmpty());
+    EXPECT_EQ(mServed->Count().openCalls, 0U);
+    fault_sd_bus_message_rewind.Reset();
     EXPECT_EQ(Guarded(1), "2");
 }
 
