@@ -294,7 +294,7 @@ TEST(Diagnosis, HangingBeginsAfterASecondSeenOrTenPerhaps) {
     EXPECT_EQ(kindOf(0, 3 * S, true), "hanging");
     EXPECT_EQ(kindOf(0, 3 * S, false), "cut-off");
     // Seen to be over before its own last instant: nothing more is known.
-    EXPECT_EQ(kindOf(0, -500 * S), "cut-off");
+    EXPECT_EQ(kindOf(0, 0 - 500 * S), "cut-off");
 }
 
 TEST(Diagnosis, TwoHangingThreadsAreToldTheLongestFirst) {

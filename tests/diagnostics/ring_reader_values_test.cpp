@@ -462,7 +462,7 @@ UniqueFd Store(const HandMadeRing& ring) {
 
 TEST(RingReaderValues, WhatChangesWhileItIsReadIsLeftOut) {
     HandMadeRing ring;
-    for (std::uint64_t sequence = 1; sequence <= 3; ++sequence) {
+    for (std::size_t sequence = 1; sequence <= 3; ++sequence) {
         ring.SetEvent(sequence, 1000, 0, 0, 1, 5);
         ring.SetMessage(sequence, 1, 3U | 1U << 8U, 1, "m");
         ring.SetThread(sequence, static_cast<std::uint32_t>(sequence), "t");
