@@ -18,7 +18,7 @@ using KnownObjects::Kind;
 
 /// Addresses are never followed, so any will do.
 const void* Address(std::uintptr_t number) {
-    return reinterpret_cast<const void*>(0x7f0000000000U + number * 16);
+    return reinterpret_cast<const void*>(0x7f000000U + number * 16);
 }
 
 struct ObjectTableTest : testing::Test {
