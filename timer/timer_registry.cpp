@@ -138,10 +138,13 @@ std::shared_ptr<TimerCalls> TimerRegistry::Arrive(Token token, std::chrono::nano
     return entry.calls;
 }
 
-/// The expected expiry is served at this time.
+/// The expected expiry, which is due, is served at this time. The timer's further ones come whole intervals
+/// after it, however late this one is served: reckoned from now, the next one would come before it is due,
+/// and would then look lost.
 void TimerRegistry::Advance(Entry& entry, Clock::time_point now) {
-    if (entry.expected->interval.count() > 0) {
-        entry.expected->due = now + entry.expected->interval;
+    Expiry& expiry = *entry.expected;
+    if (expiry.interval.count() > 0) {
+        expiry.due += ((now - expiry.due) / expiry.interval + 1) * expiry.interval;
     } else {
         entry.expected.reset();
     }

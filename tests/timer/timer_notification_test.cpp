@@ -20,11 +20,13 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/told.h"
 #include "timer/timer_fixture.h"
 
 namespace {
 
 using namespace tern::test::timers;
+using mwl::Tell::Event;
 
 TEST_F(FakeTimers, HandlerCallsTheCallbackOnTheCallingThread) {
     std::thread::id thread;
@@ -316,6 +318,34 @@ TEST_F(FakeTimers, PeriodicExpiriesThatTheSystemDropsAreServedNowAndThen) {
     Expire(mNotification);
     EXPECT_EQ(calls, 3) << "each of the system's is one more";
     timer.Stop();
+}
+
+// The next expiry was expected an interval after the announcement of this one: when it was announced sooner
+// it did not count, and two seconds later the guard served it once more.
+TEST_F(FakeTimers, PeriodicExpiryThatIsAnnouncedLateDelaysNoLaterOne) {
+    using Clock = std::chrono::steady_clock;
+    constexpr milliseconds PERIOD(200 * SLOWNESS);
+    const tern::test::Told told;
+    Timer timer(static_cast<unsigned int>(PERIOD.count()), true, [] {});
+    const Clock::time_point before = Clock::now();
+    ASSERT_EQ(timer.Start(), StatusCode::Ok);
+    const Clock::time_point after = Clock::now();
+    std::this_thread::sleep_until(after + PERIOD + PERIOD / 2);
+    Expire(mNotification);
+    ASSERT_LT(Clock::now(), before + 2 * PERIOD) << "the machine is too slow for this test";
+    std::this_thread::sleep_until(after + 2 * PERIOD);
+    const Clock::time_point second = Clock::now();
+    Expire(mNotification);
+    const Clock::time_point end = Clock::now();
+    timer.Stop();
+
+    const auto late = tern::test::Told::Of(Event::TimerBegan);
+    ASSERT_EQ(late.size(), 2U);
+    EXPECT_GE(std::chrono::nanoseconds(late[0].value), PERIOD / 2);
+    EXPECT_GE(std::chrono::nanoseconds(late[1].value), second - (after + 2 * PERIOD));
+    EXPECT_GT(late[1].value, 0U) << "it is the expiry that was due";
+    EXPECT_LE(std::chrono::nanoseconds(late[1].value), end - (before + 2 * PERIOD));
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
 }
 
 // What is announced, disarmed, stopped or armed anew is not lost.

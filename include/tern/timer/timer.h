@@ -34,8 +34,9 @@ namespace mwl::Timer {
 /// nobody. An expiry that was not announced two seconds after it was due is served then, on a thread of the
 /// library's, with a warning; without a thread for it, which is an error in the log, it is tried again every
 /// second. So a timer that fires once does so late and not never, and a periodic one whose expiries are all
-/// dropped fires about once in two seconds; the GNU C library loses a small block of memory with each that it
-/// drops. For this a process that creates a timer keeps one more thread, which waits.
+/// dropped fires about once in two seconds, or once a longer period; the GNU C library loses a small block of
+/// memory with each that it drops. Expiries are due whole periods after the start, however late one of them
+/// was announced. For this a process that creates a timer keeps one more thread, which waits.
 ///
 /// Those threads have all signals blocked, SIGTERM, SIGINT and the real-time signals included, because the C
 /// library creates them so. Threads and child programs that a callback starts inherit the blocked signals:
