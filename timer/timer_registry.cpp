@@ -44,6 +44,19 @@ TimerRegistry& TimerRegistry::GetInstance() {
     return *instance;
 }
 
+/// A child of a process with several threads finds the lock free and nobody waiting. The guard of its parent
+/// would count as waiting there, and a notification would wait for it to wake up. So the former condition
+/// variable is left as it is: its destruction would wait as well.
+TimerRegistry::TimerRegistry() {
+    static_cast<void>(pthread_atfork([] { GetInstance().mMutex.lock(); },
+                                     [] { GetInstance().mMutex.unlock(); },
+                                     [] {
+                                         TimerRegistry& registry = GetInstance();
+                                         new (&registry.mEarlier) std::condition_variable;
+                                         registry.mMutex.unlock();
+                                     }));
+}
+
 int TimerRegistry::Add(std::shared_ptr<TimerCalls> calls, Token& token) {
     const std::lock_guard lock(mMutex);
     if (const int error = StartGuard(); error != 0) {

@@ -80,7 +80,7 @@ private:
         bool isToBeTold;
     };
 
-    TimerRegistry() = default;
+    TimerRegistry();
     std::shared_ptr<TimerCalls> Arrive(Token token, std::chrono::nanoseconds& late);
     static void* ServeLost(void* token) noexcept;
     static void Advance(Entry& entry, Clock::time_point now);

@@ -465,7 +465,7 @@ const std::map<std::string, const char*>& Exemptions() {
         {"program_invocation_short_name", "a variable"},
         {"__progname", "a variable"},
         {"__libc_current_sigrtmin", CANNOT_FAIL},
-        {"__register_atfork", "when the library is loaded"},
+        {"__register_atfork", "when the library is loaded, and by the first timer, which does without"},
         {"pthread_cond_broadcast", VALID_ARGUMENT},
         {"pthread_cond_destroy", VALID_ARGUMENT},
         {"pthread_cond_init", "never fails in the C library"},

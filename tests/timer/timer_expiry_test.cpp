@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -12,10 +13,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -27,6 +30,41 @@ namespace {
 
 using namespace tern::test::timers;
 using tern::test::OtherThread;
+
+/// Whether there are other threads in this process, and all of them sleep.
+bool AllButThisAreAsleep() {
+    int others = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const pid_t thread = std::stoi(task.path().filename());
+        if (thread != gettid() && !tern::test::IsAsleep(thread)) {
+            return false;
+        }
+        others += thread != gettid() ? 1 : 0;
+    }
+    return others > 0;
+}
+
+/// Before a test whose child of several threads makes a thread.
+#ifdef __SANITIZE_THREAD__
+#define SKIP_WHERE_CHILDREN_HAVE_NO_THREADS() \
+    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one"
+#else
+#define SKIP_WHERE_CHILDREN_HAVE_NO_THREADS()                                                      \
+    if (tern::test::IsEmulated()) {                                                                \
+        GTEST_SKIP() << "the emulator ends a child of several threads by an assertion of its own"; \
+    }                                                                                              \
+    static_cast<void>(0)
+#endif
+
+/// In a forked child: so that it hangs for no longer than the test waits.
+void EndInTime() {
+    alarm(static_cast<unsigned int>(GENEROUS_LIMIT.count()) / 2);
+}
+
+bool HasSucceeded(pid_t forked) {
+    int status = 0;
+    return waitpid(forked, &status, 0) == forked && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 
 // Children first: the system's helper thread for expiries stays once it was needed, and the guard's.
 
@@ -62,6 +100,70 @@ TEST_F(FakeTimersInAChild, OthersWaitWhileATimerIsEntered) {
         const bool isStarted = first.Start() == StatusCode::Ok;
         other.reset();
         return isStarted && isHeldUp && fault_pthread_create.Calls() == 2 ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
+// The parent's guard, which waits at the fork, is not in the child: the C library waited there for it to wake
+// up, for ever, with the registry locked.
+TEST_F(FakeTimersInAChild, ForkedChildHasTimersOfItsOwn) {
+    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
+    const ChildResult child = RunInChild([] {
+        Timer timer(NEVER_MS, true, nullptr);
+        if (timer.Start() != StatusCode::Ok || !WaitUntil([] { return AllButThisAreAsleep(); })) {
+            return 1;
+        }
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            Timer own(NEVER_MS, true, nullptr);
+            for (unsigned int earlier = 0; earlier < 4; ++earlier) {
+                // The guard is woken by each, and waits again.
+                if (own.Start(NEVER_MS / 2 - earlier * 1000) != StatusCode::Ok ||
+                    !WaitUntil([] { return AllButThisAreAsleep(); })) {
+                    _exit(1);
+                }
+            }
+            _exit(0);
+        }
+        return HasSucceeded(forked) ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, IsEmpty());
+}
+
+// A thread that is entering a timer at the fork is not in the child either, where the registry stayed locked.
+TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileATimerIsEntered) {
+    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
+    const ChildResult child = RunInChild([] {
+        const pid_t forking = gettid();
+        std::atomic<bool> mayEnter{false};
+        std::atomic<bool> isEntering{false};
+        std::atomic<bool> isForking{false};
+        std::atomic<bool> hasForked{false};
+        std::thread entering([&] {
+            WaitUntil([&] { return mayEnter.load(); });
+            Timer(NEVER_MS, true, nullptr).Start();
+        });
+        FaultScope scope(fault_pthread_create);
+        // It fails, so that the thread is in nothing else that locks when the fork is let go on.
+        fault_pthread_create.Replace([&](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+            isEntering = true;
+            WaitUntil([&] { return isForking && (hasForked || tern::test::IsAsleep(forking)); });
+            return EAGAIN;
+        });
+        mayEnter = true;
+        WaitUntil([&] { return isEntering.load(); });
+        isForking = true;
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            Timer own(NEVER_MS, true, nullptr);
+            _exit(own.Start() == StatusCode::Ok ? 0 : 1);
+        }
+        hasForked = true;
+        entering.join();
+        return HasSucceeded(forked) ? 0 : 1;
     });
     EXPECT_EQ(child.exitCode, 0) << child.error;
 }
