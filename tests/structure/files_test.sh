@@ -64,7 +64,9 @@ for folder in foundation threading utilities dbus_message synchronizer timer par
     for source in "$folder"/*.cpp; do
         [ -e "$source" ] || continue
         checked=$((checked + 1))
-        grep -qw "$(basename "$source")" "$folder/CMakeLists.txt" || fail "$source is not built"
+        # The one whose place among all is chosen stands in the uppermost list.
+        grep -qw "$(basename "$source")" "$folder/CMakeLists.txt" || grep -qw "$source" CMakeLists.txt ||
+            fail "$source is not built"
         [ ! -e "include/tern/${source%.cpp}.h" ] || check_tested "${source%.cpp}"
     done
     for test in "tests/$folder"/*_test.cpp; do
