@@ -28,9 +28,9 @@ class TernDBusService(ConanFile):
         root = os.path.join(self.recipe_folder, "..", "..")
         for pattern in ("CMakeLists.txt", "README.md", "CONTRIBUTING.md", "CHANGELOG.md"):
             copy(self, pattern, root, self.export_sources_folder)
-        for folder in ("cmake", "dbus_client", "dbus_message", "docs", "examples", "foundation", "include", "packaging", "parser",
-                       "platform", "process_execution", "queued_processings", "scripts", "service", "synchronizer",
-                       "tests/support", "threading", "timer", "utilities"):
+        for folder in ("cmake", "dbus_client", "dbus_message", "diagnostics", "docs", "examples", "foundation", "include",
+                       "packaging", "parser", "platform", "process_execution", "queued_processings", "scripts", "service",
+                       "synchronizer", "tests/support", "threading", "timer", "typed", "utilities"):
             copy(self, "*", os.path.join(root, folder), os.path.join(self.export_sources_folder, folder))
 
     def validate(self):
@@ -71,4 +71,5 @@ class TernDBusService(ConanFile):
         # The project's own CMake package is the one that is documented.
         self.cpp_info.set_property("cmake_find_mode", "none")
         self.cpp_info.builddirs = [os.path.join("lib", "cmake", "TernDBusService")]
-        self.cpp_info.libs = ["tern-dbus-typed", "tern-dbus-service", "tern-foundation", "tern-basic-log"]
+        self.cpp_info.libs = ["tern-diagnostics", "tern-dbus-typed", "tern-dbus-service", "tern-foundation",
+                              "tern-basic-log"]
