@@ -8,6 +8,7 @@
 #include <tern/utilities/device_name.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 
@@ -255,6 +256,22 @@ TEST_F(DeviceNameFile, AnEmptyFileExistsToo) {
     MakeFile(file);
     EXPECT_EQ(DeviceName::StoreHostname("new", false), StatusCode::AlreadyExists);
     EXPECT_EQ(ContentOf(file), "");
+}
+
+// Whether there is one is found out by opening it for reading.
+TEST_F(DeviceNameFile, AFileThatCannotBeOpenedForReadingIsReplaced) {
+    ASSERT_EQ(DeviceName::StoreHostname("OLD", true), StatusCode::Ok);
+    fault_fopen64.Replace(
+        [this](const char*, const char* mode) -> FILE* {
+            if (*mode == 'r') {
+                errno = EACCES;
+                return nullptr;
+            }
+            return fault_fopen64.Real(file.c_str(), mode);
+        },
+        2);
+    EXPECT_EQ(DeviceName::StoreHostname("NEW", false), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(file), "NEW");
 }
 
 TEST_F(DeviceNameFile, TheFirstLineIsTheName) {

@@ -36,9 +36,10 @@ public:
     /// when the file cannot be opened, or opens but cannot be read, like a folder in its place: a disk error
     /// would otherwise look like an empty name.
     static StatusCode ReadHostname(std::string& hostname);
-    /// Writes the name to the host-name file, with no newline after it. Without `force` a file that exists,
-    /// even an empty one, is left alone with `AlreadyExists`. `Ok`; `IoError` when the file cannot be created
-    /// or written, and then its content is lost.
+    /// Writes the name to the host-name file, with no newline after it. Without `force` a file that can be
+    /// opened for reading, even an empty one, is left alone with `AlreadyExists`; one that cannot be is
+    /// replaced as if there were none. `Ok`; `IoError` when the file cannot be created or written, and then
+    /// its content is lost.
     static StatusCode StoreHostname(const std::string& hostname, bool force);
 };
 
