@@ -1,5 +1,7 @@
 #include "threading/thread_life.h"
 
+#include <pthread.h>
+
 #include <mutex>
 
 namespace mwl::Threading {
@@ -23,9 +25,24 @@ public:
 constinit std::mutex gMutex;
 constinit unsigned int gLatestNumber = 0;  ///< guarded by gMutex
 constinit Entry* gFirst = nullptr;         ///< guarded by gMutex, and all links too
+constinit thread_local Entry* tOwn = nullptr;
+
+/// In a forked child: of all threads only this one has come along. The others' entries lie in memory that new
+/// threads get.
+void KeepOwnEntry() noexcept {
+    gFirst = tOwn;
+    if (tOwn != nullptr) {
+        tOwn->next = nullptr;
+        tOwn->former = nullptr;
+    }
+    gMutex.unlock();
+}
 
 Entry::Entry() {
+    [[maybe_unused]] static const int atFork =
+        pthread_atfork([] { gMutex.lock(); }, [] { gMutex.unlock(); }, &KeepOwnEntry);
     const std::lock_guard lock(gMutex);
+    tOwn = this;
     number = ++gLatestNumber;
     next = gFirst;
     if (next != nullptr) {
@@ -36,6 +53,7 @@ Entry::Entry() {
 
 Entry::~Entry() {
     const std::lock_guard lock(gMutex);
+    tOwn = nullptr;
     (former != nullptr ? former->next : gFirst) = next;
     if (next != nullptr) {
         next->former = former;

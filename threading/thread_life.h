@@ -8,7 +8,8 @@ namespace mwl::Threading {
 /// are given again to the next thread, and may not be asked about a thread that has been joined.
 ///
 /// Thread-safe. A thread counts as ended as soon as its function has returned or it has called
-/// pthread_exit(3), while its thread-local objects are destroyed.
+/// pthread_exit(3), while its thread-local objects are destroyed; in a forked child, when it is not the one
+/// that forked.
 class ThreadLife {
 public:
     /// The number of the calling thread, from 1 on; no other thread of the process ever has it.

@@ -1,16 +1,20 @@
 #include <pthread.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <tern/threading/signals.h>
 #include <tern/threading/threads_monitor.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <fstream>
+#include <future>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/emulation.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
 #include "threading/supervision_doubles.h"
@@ -268,6 +272,82 @@ TEST(ThreadsMonitor, ThreadThatWasGivenAllIdsOfTheDBusThreadIsNotSignalled) {
         // Somebody else on this machine was faster.
     }
     GTEST_SKIP() << "the number always went to somebody else";
+}
+
+class CountingSignals : public SignalsInterface {
+public:
+    int SendSignal(unsigned long /*threadId*/, int /*signal*/) override {
+        ++sent;
+        return 0;
+    }
+    int sent = 0;
+};
+
+// Its entry lay in memory that a new thread of the child got, and stood in the list for ever.
+TEST(ThreadsMonitor, ThreadThatAForkedChildDoesNotHaveIsNotSignalled) {
+    CountingSignals signals;
+    ThreadsMonitor monitor(signals);
+    std::promise<void> end;
+    std::promise<void> isSet;
+    std::thread dbusThread([&] {
+        monitor.SetDBusThreadId(pthread_self());
+        isSet.set_value();
+        end.get_future().wait();
+    });
+    isSet.get_future().wait();
+    const pid_t child = fork();
+    if (child == 0) {
+        monitor.NotifyDBusThreadToStopOnFailure();
+        // The one that forks is there.
+        ThreadsMonitor own(signals);
+        own.SetDBusThreadId(pthread_self());
+        own.NotifyDBusThreadToStop(false);
+        _exit(signals.sent == 1 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    end.set_value();
+    dbusThread.join();
+    monitor.NotifyDBusThreadToStopOnFailure();
+    EXPECT_EQ(signals.sent, 0) << "its end is noticed in the parent";
+}
+
+TEST(ThreadsMonitor, ForkedChildHasADBusThreadOfItsOwn) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one";
+#endif
+    if (tern::test::IsEmulated()) {
+        GTEST_SKIP() << "the emulator ends a child of several threads by an assertion of its own";
+    }
+    CountingSignals signals;
+    ThreadsMonitor monitor(signals);
+    std::promise<void> end;
+    std::promise<void> isSet;
+    std::thread dbusThread([&] {
+        monitor.SetDBusThreadId(pthread_self());
+        isSet.set_value();
+        end.get_future().wait();
+    });
+    isSet.get_future().wait();
+    const pid_t child = fork();
+    if (child == 0) {
+        ThreadsMonitor own(signals);
+        std::thread([&] {
+            own.SetDBusThreadId(pthread_self());
+            own.NotifyDBusThreadToStop(false);
+        }).join();
+        const int sent = signals.sent;
+        ThreadsMonitor later(signals);
+        std::thread([&] { later.SetDBusThreadId(pthread_self()); }).join();
+        later.NotifyDBusThreadToStop(false);
+        _exit(sent == 1 && signals.sent == 1 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    end.set_value();
+    dbusThread.join();
 }
 
 class CountingWorker : public ThreadManager {

@@ -28,8 +28,8 @@ public:
     /// A worker that is not registered is an error, logged; nothing changes.
     void RemoveWorkerThread(ThreadManager& thread) override;
     /// Usually of the calling thread: the monitor then notices by itself when that thread ends, and signals
-    /// no thread that is given its id later. Another thread's id is taken as it is: REQUIRES that it does not
-    /// end while workers may still notify.
+    /// no thread that is given its id later; in a forked child, which does not have it, it has ended. Another
+    /// thread's id is taken as it is: REQUIRES that it does not end while workers may still notify.
     void SetDBusThreadId(unsigned long threadId) override;
     /// Calls `Stop()` on every worker, in the order of registration; does not wait for their threads.
     void StopWorkerThreads() override;
