@@ -75,8 +75,8 @@ bool IsReaped(const LeftChild& child) noexcept {
     return ended == child.pid || (ended < 0 && errno == ECHILD);
 }
 
-/// The last chance, at the end of the process or when the library is unloaded. Not the destructor of an
-/// object: behind those of all objects, whose threads may run programs.
+/// The last chance, at the end of the process. Not the destructor of an object: behind those of all objects,
+/// whose threads may run programs.
 __attribute__((destructor)) void ReapAtTheEnd() {
     LeftChildren::Reap();
     for (LeftChild* child = TakeAll(); child != nullptr;) {
