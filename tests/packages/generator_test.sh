@@ -142,10 +142,17 @@ must "its tests pass: from XML" ctest --test-dir "$work/xml-fan/build" --output-
 for test in HasItsInterfaces CanBeLookedInto; do
     "$work/xml-fan/build/xml-fan-test" --gtest_list_tests | grep -q $test || fail "from XML: no test $test"
 done
+# Through a pipe, which can be read once only: the project had an empty file.
+must "written from a pipe" bash -c '"$0" --interface <(cat "$1") --open --entities --diagnostics xml-fan "$2"' \
+    "$work/prefix/bin/tern-new-extension" "$work/fan.xml" "$work/piped"
+diff -r -x build "$work/xml-fan" "$work/piped" && ok "from a pipe as from a file" || fail "from a pipe: another project"
 sed -i 's/type="u" access/type="uu" access/' "$work/fan.xml"
 is=$(new --interface "$work/fan.xml" --entities xml-fan "$work/refused" 2>&1)
 [ $? -eq 1 ] && [[ $is == "$work/fan.xml:6: org.acme.Fan1.Speed: "*"tern-new-extension: $work/fan.xml cannot be used" ]] &&
     [ ! -e "$work/refused" ] && ok "refused: XML with a mistake" || fail "XML with a mistake: $is"
+is=$(new --interface <(cat "$work/fan.xml") --entities xml-fan "$work/refused" 2>&1)
+[ $? -eq 1 ] && [[ $is == "interface.xml:6: org.acme.Fan1.Speed: "*"tern-new-extension: /dev/fd/"*" cannot be used" ]] &&
+    [ ! -e "$work/refused" ] && ok "refused: a mistake from a pipe" || fail "a mistake from a pipe: $is"
 
 must "the project is installed" env DESTDIR="$work/root" cmake --install "$project/build" --prefix /usr
 for file in libexec/$name lib/systemd/system/$name.service lib/sysusers.d/$name.conf share/dbus-1/system.d/$bus.conf \
