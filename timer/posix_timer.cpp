@@ -1,5 +1,8 @@
 #include "timer/posix_timer.h"
 
+#include <pthread.h>
+
+#include <atomic>
 #include <cerrno>
 
 namespace mwl::Timer {
@@ -9,19 +12,30 @@ namespace {
 constexpr unsigned int MILLISECONDS_PER_SECOND = 1000;
 constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
 
+/// Distinguishes a forked child from its parent. Counted since the first timer.
+constinit std::atomic<unsigned int> gForks{0};
+
 }  // namespace
 
 PosixTimer::~PosixTimer() {
     static_cast<void>(Delete());  // nobody is left to notify
 }
 
+bool PosixTimer::Exists() const {
+    return mExists && mForks == gForks.load(std::memory_order_relaxed);
+}
+
 int PosixTimer::Create(sigevent& notification) {
+    [[maybe_unused]] static const int atFork =
+        pthread_atfork(nullptr, nullptr, [] { gForks.fetch_add(1, std::memory_order_relaxed); });
     timer_t id = nullptr;
     if (timer_create(CLOCK_MONOTONIC, &notification, &id) != 0) {
         return errno;
     }
     mId = id;
     mExists = true;
+    mForks = gForks.load(std::memory_order_relaxed);
+    mIsArmed = false;
     return 0;
 }
 
@@ -45,7 +59,7 @@ int PosixTimer::Disarm() {
 }
 
 int PosixTimer::GetRemaining(timespec& remaining) const {
-    if (!mExists) {
+    if (!Exists()) {
         return EINVAL;  // GCOVR_EXCL_LINE: its one caller looks first, because it has nothing to report then
     }
     itimerspec time{};
@@ -57,7 +71,7 @@ int PosixTimer::GetRemaining(timespec& remaining) const {
 }
 
 int PosixTimer::Delete() {
-    if (!mExists) {
+    if (!Exists()) {
         return EINVAL;
     }
     if (timer_delete(mId) != 0) {
@@ -70,7 +84,7 @@ int PosixTimer::Delete() {
 }
 
 int PosixTimer::SetTime(const itimerspec& time) {
-    if (!mExists) {
+    if (!Exists()) {
         return EINVAL;
     }
     return timer_settime(mId, 0, &time, nullptr) == 0 ? 0 : errno;

@@ -10,6 +10,9 @@ namespace mwl::Timer {
 ///
 /// Each operation returns 0 or the error number, and leaves everything as it was when it fails; without a
 /// timer that is EINVAL, and the system is not called. Thread-safety: one thread at a time.
+///
+/// A forked child has none of its parent's timers, so there is none then: what has the id in the child is
+/// another timer, of the child's own.
 class PosixTimer {
 public:
     PosixTimer() = default;
@@ -17,7 +20,7 @@ public:
     PosixTimer(const PosixTimer&) = delete;
     PosixTimer& operator=(const PosixTimer&) = delete;
 
-    bool Exists() const { return mExists; }
+    bool Exists() const;
     /// Null as long as there is none.
     timer_t GetId() const { return mId; }
     /// An expiry may come, or has come.
@@ -38,6 +41,7 @@ private:
 
     timer_t mId = nullptr;
     bool mExists = false;
+    unsigned int mForks = 0;  ///< at its creation
     bool mIsArmed = false;
 };
 

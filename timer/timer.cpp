@@ -132,6 +132,7 @@ StatusCode Timer::State::CreateLocked() {
         return StatusCode::Ok;
     }
     TimerRegistry& registry = TimerRegistry::GetInstance();
+    registry.Remove(std::exchange(token, 0));  // of a timer that was lost by a fork
     int error = registry.Add(calls, token);
     if (error == 0) {
         sigevent notification{};

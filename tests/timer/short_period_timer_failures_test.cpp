@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <tern/timer/short_period_timer.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -49,6 +51,27 @@ void LeaveNoSignals() {
 }
 
 // Children first: no other thread must exist when a child is made.
+
+// The id of the parent's timer may be that of one of the child's own.
+TEST(ShortPeriodTimer, ForkedChildDeletesNoTimerByItsParentsId) {
+    const ChildResult child = RunInChild([] {
+        WaitsForExpiry waits;
+        auto timer = std::make_unique<ShortPeriodTimer>(NEVER_MS, true, [] {});
+        if (timer->Start() != StatusCode::Ok || !waits.WaitUntilCount(1)) {
+            return 1;
+        }
+        const pid_t forked = fork();
+        if (forked == 0) {
+            FaultScope scope(fault_timer_delete);
+            fault_timer_delete.Fail(-1, EINVAL, ALWAYS);
+            timer.reset();
+            _exit(fault_timer_delete.Calls() == 0 ? 0 : 1);
+        }
+        int status = -1;
+        return waitpid(forked, &status, 0) == forked && status == 0 ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
 
 // The signal that was to wake the thread was refused, which nobody noticed, and Stop never returned.
 TEST(ShortPeriodTimer, StopReturnsWhenNoSignalIsFree) {

@@ -168,6 +168,60 @@ TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileATimerIsEntered) {
     EXPECT_EQ(child.exitCode, 0) << child.error;
 }
 
+// The id of the parent's timer was in the child that of a timer of its own, which was deleted or set instead.
+TEST_F(FakeTimersInAChild, ForkedChildTouchesNoTimerByItsParentsId) {
+    const ChildResult child = RunInChild([] {
+        auto timer = std::make_unique<Timer>(NEVER_MS, true, nullptr);
+        if (timer->Start() != StatusCode::Ok) {
+            return 1;
+        }
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            FaultScope deletion(fault_timer_delete);
+            FaultScope setting(fault_timer_settime);
+            fault_timer_delete.Fail(-1, EINVAL, ALWAYS);
+            fault_timer_settime.Fail(-1, EINVAL, ALWAYS);
+            const bool isActive = timer->GetTimerActiveStatus();
+            const StatusCode executed = timer->Execute();
+            const StatusCode disarmed = timer->DisarmActiveTimer();
+            const StatusCode stopped = timer->Stop();
+            timer.reset();
+            const bool isRefused = executed == StatusCode::Failure && disarmed == StatusCode::Failure &&
+                                   stopped == StatusCode::Failure;
+            _exit(!isActive && isRefused && fault_timer_delete.Calls() + fault_timer_settime.Calls() == 0
+                      ? 0
+                      : 1);
+        }
+        return HasSucceeded(forked) && timer->Stop() == StatusCode::Ok ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
+TEST_F(TimerExpiry, ParentsTimerMayBeStartedInAForkedChild) {
+    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
+    const ChildResult child = RunInChild([] {
+        const auto calls = std::make_shared<std::atomic<int>>(0);
+        auto timer = std::make_unique<Timer>(NEVER_MS, false, [calls] { ++*calls; });
+        timer->Start();
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            const auto ownCalls = std::make_shared<std::atomic<int>>(0);
+            Timer own(10, true, [ownCalls] { ++*ownCalls; });
+            const bool isStarted = own.Start() == StatusCode::Ok && timer->Start(1) == StatusCode::Ok;
+            const bool hasFired = WaitUntil([&] { return *calls == 1; });
+            timer.reset();
+            const int before = *ownCalls;
+            // The guard alone would take ten seconds.
+            const bool fires = WaitUntil([&] { return *ownCalls >= before + 5; }, milliseconds(5000));
+            _exit(isStarted && hasFired && fires ? 0 : 1);
+        }
+        return HasSucceeded(forked) && timer->GetTimerActiveStatus() ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
 /// In a child: from now on no thread can be made, or again any number. Not for root, who has no limit.
 void LimitThreads(bool isLimited) {
     rlimit limit{};

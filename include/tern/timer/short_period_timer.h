@@ -44,7 +44,8 @@ namespace mwl::Timer {
 /// until the process ends. No expiry that comes after the destructor calls back. A callback that has begun,
 /// or is just about to, may still run, and what it uses must still exist; the callback itself does.
 ///
-/// A child process inherits neither timer nor thread (fork(2)).
+/// A child process inherits neither timer nor thread (fork(2)): what is done there to an object that it has
+/// from its parent touches no timer of its own.
 class TERN_API ShortPeriodTimer : public TimerInterface {
 public:
     /// Keeps the three; there is neither thread nor timer yet. `periodMs` is the period, or the delay unless

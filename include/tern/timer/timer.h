@@ -45,7 +45,8 @@ namespace mwl::Timer {
 /// Lifetime: Stop and the destructor delete the timer and do not wait. No expiry that is announced after them
 /// calls back. A callback that has begun, or whose announcement had already found its timer, may still run,
 /// and what it uses must still exist; the callback itself does.
-/// A child process does not inherit the timer (fork(2)); it may have timers of its own.
+/// A child process does not inherit the timer (fork(2)): an object that it has from its parent has no timer
+/// there, and may be started.
 ///
 /// Failures are logged as errors with the number of the failed call, and then change nothing.
 class TERN_API Timer : public TimerInterface {
