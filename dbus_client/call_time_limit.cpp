@@ -28,13 +28,12 @@ std::uint64_t PatienceUs() {
 
 }  // namespace
 
-CallTimeLimit::CallTimeLimit(sd_bus* bus, unsigned calls) {
-    const std::uint64_t patienceUs = bus == nullptr ? 0 : PatienceUs();
-    if (patienceUs == 0) {
+CallTimeLimit::CallTimeLimit(sd_bus* bus, unsigned calls) : mPatienceUs(bus == nullptr ? 0 : PatienceUs()) {
+    if (mPatienceUs == 0) {
         return;
     }
     // 0 would mean no limit of its own.
-    const std::uint64_t limitUs = std::max<std::uint64_t>(patienceUs / calls, 1);
+    const std::uint64_t limitUs = std::max<std::uint64_t>(mPatienceUs / calls, 1);
     if (sd_bus_get_method_call_timeout(bus, &mFormerUs) >= 0 && limitUs < mFormerUs &&
         sd_bus_set_method_call_timeout(bus, limitUs) >= 0) {
         mBus = bus;
@@ -45,6 +44,14 @@ CallTimeLimit::~CallTimeLimit() {
     if (mBus != nullptr) {
         sd_bus_set_method_call_timeout(mBus, mFormerUs);
     }
+}
+
+std::uint64_t CallTimeLimit::LeftUs() const {
+    if (mPatienceUs == 0) {
+        return UINT64_MAX;
+    }
+    const auto gone = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - mBegin);
+    return mPatienceUs - std::min(mPatienceUs, static_cast<std::uint64_t>(gone.count()));
 }
 
 }  // namespace mw::tern

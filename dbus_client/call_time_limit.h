@@ -2,6 +2,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <chrono>
 #include <cstdint>
 
 namespace mw::tern {
@@ -21,8 +22,16 @@ public:
     CallTimeLimit(const CallTimeLimit&) = delete;
     CallTimeLimit& operator=(const CallTimeLimit&) = delete;
 
+    /// What is left of the time that the calls share, for what has to be waited for after them; UINT64_MAX on
+    /// a thread that is not limited.
+    std::uint64_t LeftUs() const;
+
 private:
-    sd_bus* mBus = nullptr;  ///< null when there is nothing to be undone
+    using Clock = std::chrono::steady_clock;
+
+    const Clock::time_point mBegin = Clock::now();
+    std::uint64_t mPatienceUs = 0;  ///< 0 without a limit
+    sd_bus* mBus = nullptr;         ///< null when there is nothing to be undone
     std::uint64_t mFormerUs = 0;
 };
 

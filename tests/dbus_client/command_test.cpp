@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -102,6 +104,45 @@ public:
         return sd_bus_call_method(bus, NAME, "/", NAME, "Ask", nullptr, nullptr, nullptr);
     }
 };
+
+/// Once connected it holds the daemon still and sends more than the socket takes, so that something stays
+/// queued.
+class QueueingCommand : public Command {
+public:
+    ~QueueingCommand() override { Continue(); }
+
+    int CallMethod(sd_bus* bus) override {
+        EXPECT_GE(PingCommand().CallMethod(bus), 0);
+        sd_bus_creds* creds = nullptr;
+        EXPECT_GE(sd_bus_get_owner_creds(bus, SD_BUS_CREDS_PID, &creds), 0);
+        EXPECT_GE(sd_bus_creds_get_pid(creds, &mDaemon), 0);
+        sd_bus_creds_unref(creds);
+        EXPECT_GT(mDaemon, 1);
+        kill(mDaemon, SIGSTOP);
+        const std::string large(1 << 20, 'x');
+        std::uint64_t queued = 0;
+        for (sent = 0; queued < 3 && sent < 100; ++sent) {
+            EXPECT_GE(sd_bus_emit_signal(bus, "/", "org.example.Queueing", "Large", "s", large.c_str()), 0);
+            EXPECT_GE(sd_bus_get_n_queued_write(bus, &queued), 0);
+        }
+        EXPECT_GE(queued, 3U);
+        return then(bus);
+    }
+    void Continue() const {
+        if (mDaemon > 1) {
+            kill(mDaemon, SIGCONT);
+        }
+    }
+
+    int sent = 0;
+    std::function<int(sd_bus*)> then = [](sd_bus*) { return 0; };
+
+private:
+    pid_t mDaemon = 0;
+};
+
+const auto UNSENT =
+    Error("Service", "Failed to send what is queued for the bus (-110, Connection timed out)");
 
 /// A system bus that lets connect and never greets; unless `answer` is empty, that is what it says on
 /// authentication.
@@ -204,6 +245,67 @@ TEST_F(CommandTest, OwnConnectionIsFlushedAndClosedBeforeTheOutcomeIsReported) {
     EXPECT_EQ(closed, command.buses);
     EXPECT_THAT(messagesBefore, ElementsAre(0U, 1U));
     EXPECT_EQ(log.Entries().size(), 2U);
+}
+
+// sd-bus flushes without a limit: Execute never returned, however short the time-out of its call was.
+TEST_F(CommandTest, BusThatDoesNotReadHoldsExecuteUpNoLongerThanTwoSecondsMore) {
+    const std::size_t before = CountDescriptors();
+    QueueingCommand queueing;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(queueing.Execute(), StatusCode::Ok);
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(1990));
+    EXPECT_LT(took, std::chrono::seconds(2) + tern::test::TOLERANCE);
+    EXPECT_THAT(log.Entries(), ElementsAre(UNSENT));
+    queueing.Continue();
+    EXPECT_EQ(CountDescriptors(), before);
+
+    log.Clear();
+    queueing.then = [](sd_bus* bus) {
+        EXPECT_GE(sd_bus_set_method_call_timeout(bus, 100000), 0);
+        return PingCommand().CallMethod(bus);
+    };
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(queueing.Execute(), StatusCode::Timeout);
+    took = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(took, std::chrono::milliseconds(2100) + tern::test::TOLERANCE);
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(UNSENT, Error("Service", "Failed to call method (-110, Connection timed out)"),
+                            Error("Service", "Failed to execute command on system bus, status=Timeout")));
+}
+
+TEST_F(CommandTest, BusThatDoesNotReadHoldsUpNoExceptionOfTheCall) {
+    QueueingCommand queueing;
+    queueing.then = [](sd_bus*) -> int { throw std::runtime_error("no memory"); };
+    EXPECT_THROW(static_cast<void>(queueing.Execute()), std::runtime_error);
+    EXPECT_THAT(log.Entries(), ElementsAre(UNSENT));
+}
+
+TEST_F(CommandTest, WhatIsQueuedReachesABusThatReads) {
+    const Bus peer = OpenBus();
+    int received = 0;
+    ASSERT_GE(sd_bus_add_match(
+                  peer.get(), nullptr, "interface='org.example.Queueing'",
+                  [](sd_bus_message*, void* count, sd_bus_error*) { return ++*static_cast<int*>(count), 0; },
+                  &received),
+              0);
+    QueueingCommand queueing;
+    for (const int result : {0, -EIO}) {
+        received = 0;
+        queueing.then = [&](sd_bus*) {
+            queueing.Continue();
+            return result;
+        };
+        EXPECT_EQ(queueing.Execute(), result == 0 ? StatusCode::Ok : StatusCode::IoError);
+        EXPECT_FALSE(log.Contains(UNSENT));
+        while (received < queueing.sent) {
+            const int r = sd_bus_process(peer.get(), nullptr);
+            ASSERT_GE(r, 0);
+            if (r == 0) {
+                ASSERT_GT(sd_bus_wait(peer.get(), UINT64_C(30000000)), 0);
+            }
+        }
+    }
 }
 
 TEST_F(CommandTest, ReportsABusThatIsNotThereAndDoesNotCall) {
@@ -325,6 +427,22 @@ TEST_F(CommandTest, PeerThatDoesNotAnswerIsGivenUpBeforeTheWatchdogBites) {
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, std::chrono::milliseconds(100));
     EXPECT_LT(took, std::chrono::milliseconds(100) + tern::test::TOLERANCE);
+}
+
+TEST_F(CommandTest, QueueIsGivenUpBeforeTheWatchdogBites) {
+    const WatchedLoop loop(400000);
+    QueueingCommand queueing;
+    for (const bool calls : {false, true}) {
+        queueing.then = [&](sd_bus* bus) { return calls ? PingCommand().CallMethod(bus) : 0; };
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(queueing.Execute(), calls ? StatusCode::Timeout : StatusCode::Ok);
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(took, std::chrono::milliseconds(99));
+        EXPECT_LT(took, std::chrono::milliseconds(100) + tern::test::TOLERANCE);
+        EXPECT_TRUE(log.Contains(UNSENT));
+        log.Clear();
+        queueing.Continue();
+    }
 }
 
 TEST_F(CommandTest, ShorterTimeOutOfASuppliedBusStays) {

@@ -23,12 +23,16 @@ namespace mw::tern::DBusCommand {
 ///   bus sd_bus_set_method_call_timeout(3);
 /// - longer for the first call of a connection. A bus that accepts the connection and does not answer costs
 ///   90 s, a limit that nothing changes. The greeting of the bus may take the time-out once more.
+/// - two seconds more when CallMethod has left something in the queue of a connection of its own: that goes
+///   out before the connection is closed. What the bus has not taken by then is lost, which is logged and
+///   does not change the status.
 ///
 /// On a thread whose default event loop feeds a watchdog (a service's D-Bus thread under WatchdogSec=),
 /// Execute lets sd-bus wait for an answer no longer than a quarter of the watchdog's period, whatever
-/// time-out is set. The status is then Timeout, and the process is not killed because of a peer that does not
-/// answer. The limit is for each sd-bus call that CallMethod makes; several in one callback add up. Other
-/// threads, and calls that give sd_bus_call(3) a time-out of their own, are not limited.
+/// time-out is set, and for a queue no longer than what is left of that. The status is then Timeout, and the
+/// process is not killed because of a peer that does not answer. The limit is for each sd-bus call that
+/// CallMethod makes; several in one callback add up. Other threads, and calls that give sd_bus_call(3) a
+/// time-out of their own, are not limited.
 ///
 /// While a call waits, sd-bus takes in and keeps whatever anybody sends to the same connection. With the
 /// service's own bus supplied on the D-Bus thread, a third party can make the process grow for as long as the
