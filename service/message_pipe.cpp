@@ -104,6 +104,7 @@ StatusCode MessagePipe::Initialize() {
     mWriteFd = ends[1];
     mIsClosed = false;
     mIsClosedLogged = false;
+    mIsRevoked = false;
     mOvertaken = 0;
     if (fcntl(mReadFd, F_SETFL, O_NONBLOCK) != 0) {
         const int error = errno;

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "../scenario.h"
+#include "foundation/unique_fd.h"
 
 namespace tern::schedules {
 
@@ -143,6 +144,35 @@ TERN_SCENARIO(pipe_closed_twice, "two close it while one writes") {
         writer.join();
     }
     int messages = 0;
+    while (Read(pipe, 1)) {
+        ++messages;
+    }
+    Promise(written == messages, "what was told as written is read, and nothing else");
+}
+
+TERN_SCENARIO(pipe_closed_again, "it is closed while full, made anew, and closed while one writes") {
+    MessagePipe pipe;
+    Promise(pipe.Initialize() == StatusCode::Ok, "there are pipes");
+    MakeSmall(pipe);
+    Promise(Write(pipe, '1'), "there is room");
+    const mwl::UniqueFd former(pipe.GetReadFd());
+    const auto writeWhileOneCloses = [&] {
+        std::thread closer([&] {
+            Call("closer");
+            const Stopping stopping;
+            pipe.Close();
+        });
+        const bool isWritten = Write(pipe, '2');
+        closer.join();
+        return isWritten;
+    };
+    int written = 1 + (writeWhileOneCloses() ? 1 : 0);
+    int messages = 0;
+    while (Read(pipe, 1)) {
+        ++messages;
+    }
+    Promise(pipe.Initialize() == StatusCode::Ok, "there are pipes");
+    written += writeWhileOneCloses() ? 1 : 0;
     while (Read(pipe, 1)) {
         ++messages;
     }
