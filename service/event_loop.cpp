@@ -5,6 +5,7 @@
 #include <tern/foundation/service_common.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "service/thrown.h"
 
@@ -37,8 +38,12 @@ EventIoContext::~EventIoContext() {
     sd_event_source_unref(source);
 }
 
+// What a callback owns may come back here when it is destroyed, to remove its watch: it finds nothing, and no
+// loop.
 EventLoop::~EventLoop() {
-    sd_event_unref(mEvent);
+    mEvent = sd_event_unref(mEvent);
+    const auto ioContexts = std::exchange(mIoContexts, {});
+    const auto unlistedContexts = std::exchange(mUnlistedContexts, {});
 }
 
 StatusCode EventLoop::AddIo(int fd, unsigned int events, EventIoContext::Callback callback) {

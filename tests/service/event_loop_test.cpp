@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <memory>
+#include <vector>
 
 #include "support/child.h"
 #include "support/interpose.h"
@@ -339,4 +341,41 @@ TEST_F(EventLoopTest, DestructionReleasesLoopSourcesAndCallbacks) {
     EXPECT_EQ(sd_event_run(event, 0), 0) << "no source is left in the loop";
     sd_event_unref(event);
     EXPECT_EQ(fcntl(Reader(), F_GETFD), FD_CLOEXEC) << "the descriptor belongs to the caller";
+}
+
+// The descriptor's owner is kept by its own callback, and tidies up in its destructor: the registry was in
+// the middle of its own destruction there.
+TEST_F(EventLoopTest, CallbacksThatRemoveTheirWatchWhenTheyAreDestroyedAreDestroyedWithTheLoop) {
+    constexpr int MANY = 5;
+    int others[MANY] = {};
+    std::vector<StatusCode> removals;
+    {
+        TestLoop loop;
+        const auto owner = [&](int fd) {
+            return std::shared_ptr<int>(new int(fd), [&](const int* number) {
+                removals.push_back(loop.RemoveIo(*number));
+                EXPECT_EQ(loop.AddIo(*number, POLLIN, Counting()), StatusCode::InvalidArgument) << "no loop";
+                EXPECT_EQ(loop.GetEvent(), nullptr);
+                delete number;
+            });
+        };
+        for (int& fd : others) {
+            fd = dup(Reader());
+            ASSERT_EQ(loop.AddIo(fd, POLLIN, [self = owner(fd)](auto...) { return StatusCode::Ok; }),
+                      StatusCode::Ok);
+        }
+        // One that stands in no entry.
+        ASSERT_EQ(loop.AddIo(Reader(), POLLIN, Counting(StatusCode::Failure)), StatusCode::Ok);
+        MakeReadable();
+        while (mCalls == 0) {
+            ASSERT_GT(loop.RunOnce(), 0);
+        }
+        ASSERT_EQ(loop.AddIo(Reader(), POLLIN, [self = owner(Reader())](auto...) { return StatusCode::Ok; }),
+                  StatusCode::Ok);
+    }
+    EXPECT_THAT(removals, testing::SizeIs(MANY + 1));
+    EXPECT_THAT(removals, testing::Each(StatusCode::InvalidArgument)) << "the loop has ended already";
+    for (const int fd : others) {
+        close(fd);
+    }
 }

@@ -45,7 +45,9 @@ struct TERN_API EventIoContext {
 class TERN_API EventLoop {
 public:
     EventLoop() = default;
-    /// Releases the loop, then every remaining source with its callback.
+    /// Releases the loop, then every remaining source with its callback. What a callback owns may call
+    /// RemoveIo for its own watch when it is destroyed here: InvalidArgument, because nothing is watched any
+    /// more.
     ~EventLoop();
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
