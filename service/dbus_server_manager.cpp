@@ -108,8 +108,9 @@ DBusServerManager::~DBusServerManager() {
     if (mState->beforeWait != nullptr) {
         SetLoopBus(nullptr);
     }
-    // The bus before the loop, of which the sources hold a reference; they cannot fire between the two.
-    sd_bus_unref(mBus);
+    // The bus before the loop, of which the sources hold a reference; they cannot fire between the two. The
+    // interfaces, which are deleted later, may ask for it.
+    mBus = sd_bus_unref(mBus);
     mState.reset();
 }
 

@@ -69,6 +69,35 @@ TEST_F(DBusServerManagerTest, InterfaceIsAddedOnceAndNotNull) {
     EXPECT_THAT(events, ElementsAre("deleted com.example.Counter"));
 }
 
+// The connection has gone before the interfaces, and its address was still handed out.
+TEST_F(DBusServerManagerTest, InterfaceThatIsDeletedWithTheManagerFindsNoConnection) {
+    class Farewell : public DBusInterface {
+    public:
+        Farewell(const DBusServerManager& manager, std::vector<int>& results)
+            : DBusInterface("com.example.Farewell"), mManager(manager), mResults(results) {}
+        ~Farewell() override {
+            mResults.push_back(
+                mManager.GetBus() == nullptr
+                    ? sd_bus_emit_signal(mManager.GetBus(), "/a", "com.example.Farewell", "Gone", "")
+                    : 0);
+        }
+        const sd_bus_vtable* GetVtable() const override { return nullptr; }
+        void* GetUserData() override { return nullptr; }
+
+    private:
+        const DBusServerManager& mManager;
+        std::vector<int>& mResults;
+    };
+    std::vector<int> results;
+    {
+        DBusServerManager manager("");
+        ASSERT_EQ(manager.Connect(), StatusCode::Ok);
+        ASSERT_EQ(manager.AddDBusObject("/a"), StatusCode::Ok);
+        ASSERT_EQ(manager.AddInterfaceToDBusObject("/a", new Farewell(manager, results)), StatusCode::Ok);
+    }
+    EXPECT_THAT(results, ElementsAre(-EINVAL));
+}
+
 double ThreadTime() {
     timespec now{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);

@@ -85,7 +85,8 @@ public:
     /// not of a basic type that it has a getter, and so on: sd_bus_add_object_vtable(3).
     StatusCode ExportObject(const std::string& path);
 
-    /// The connection, null before `Connect`. Borrowed: never release it.
+    /// The connection, null before `Connect` and in the destructor of an interface that is deleted with the
+    /// manager. Borrowed: never release it.
     sd_bus* GetBus() const { return mBus; }
 
 private:
