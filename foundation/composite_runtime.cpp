@@ -2,6 +2,7 @@
 
 #include <tern/foundation/log.h>
 
+#include <algorithm>
 #include <string>
 
 #include "platform/static_text.h"
@@ -27,14 +28,8 @@ CompositeRuntime::~CompositeRuntime() {
     static_cast<void>(CompositeRuntime::Destroy());
 }
 
-// Fixed by the interface: "Initialize" with a capital here, "start" without one below, and the two blanks at
-// the end of both.
 StatusCode CompositeRuntime::Initialize() {
-    const StatusCode status = Advance(mSuccessInitializeCount, &ComponentRuntimeInterface::Initialize);
-    if (status != StatusCode::Ok) {
-        TERN_LOG_CRITICAL(LOGGER, "Object %zu in Initialize group failed  ", mSuccessInitializeCount + 1);
-    }
-    return status;
+    return Advance(mSuccessInitializeCount, &ComponentRuntimeInterface::Initialize);
 }
 
 StatusCode CompositeRuntime::Destroy() {
@@ -42,11 +37,7 @@ StatusCode CompositeRuntime::Destroy() {
 }
 
 StatusCode CompositeRuntime::Start() {
-    const StatusCode status = Advance(mSuccessStartCount, &ComponentRuntimeInterface::Start);
-    if (status != StatusCode::Ok) {
-        TERN_LOG_CRITICAL(LOGGER, "Object %zu in start group failed  ", mSuccessStartCount + 1);
-    }
-    return status;
+    return Advance(mSuccessStartCount, &ComponentRuntimeInterface::Start);
 }
 
 StatusCode CompositeRuntime::Stop() {
@@ -73,23 +64,36 @@ std::size_t CompositeRuntime::GetSuccessStartCount() const {
     return mSuccessStartCount;
 }
 
-// The size is looked at each time: a member may add another one.
+// Size and count are looked at each time: a member may add another one, or call the group, and what that call
+// did is not done, and not counted, again.
+//
+// Fixed by the interface: "Initialize" with a capital, "start" without one, and the two blanks at the end of
+// both.
 StatusCode CompositeRuntime::Advance(std::size_t& count, Operation operation) {
-    for (; count < mMembers.size(); ++count) {
-        const StatusCode status = (mMembers[count]->*operation)();
+    while (count < mMembers.size()) {
+        const std::size_t index = count;
+        const StatusCode status = (mMembers[index]->*operation)();
         if (status != StatusCode::Ok) {
+            if (&count == &mSuccessInitializeCount) {
+                TERN_LOG_CRITICAL(LOGGER, "Object %zu in Initialize group failed  ", index + 1);
+            } else {
+                TERN_LOG_CRITICAL(LOGGER, "Object %zu in start group failed  ", index + 1);
+            }
             return status;
         }
+        count = std::max(count, index + 1);
     }
     return StatusCode::Ok;
 }
 
 StatusCode CompositeRuntime::Retreat(std::size_t& count, Operation operation) {
-    for (; count > 0; --count) {
-        const StatusCode status = (mMembers[count - 1]->*operation)();
+    while (count > 0) {
+        const std::size_t index = count - 1;
+        const StatusCode status = (mMembers[index]->*operation)();
         if (status != StatusCode::Ok) {
             return status;
         }
+        count = std::min(count, index);
     }
     return StatusCode::Ok;
 }

@@ -218,6 +218,54 @@ TEST_F(CompositeRuntimeTest, MemberMayAddAnother) {
     EXPECT_EQ(calls.size(), 101U);
 }
 
+// The pass that was interrupted went on counting where it had been: below zero, or past the last member.
+TEST_F(CompositeRuntimeTest, MemberMayStopTheGroupThatIsStopping) {
+    CompositeRuntime group{&a, &b};
+    EXPECT_EQ(group.Start(), StatusCode::Ok);
+    calls.clear();
+    b.during = [&] {
+        b.during = nullptr;
+        EXPECT_EQ(group.Stop(), StatusCode::Ok);
+    };
+    EXPECT_EQ(group.Stop(), StatusCode::Ok);
+    EXPECT_THAT(calls, ElementsAre("b.Stop", "b.Stop", "a.Stop"));
+    EXPECT_EQ(group.GetSuccessStartCount(), 0U);
+    EXPECT_EQ(group.Stop(), StatusCode::Ok);
+    EXPECT_THAT(calls, ElementsAre("b.Stop", "b.Stop", "a.Stop"));
+}
+
+TEST_F(CompositeRuntimeTest, MemberMayStartTheGroupThatIsStarting) {
+    CompositeRuntime group{&a, &b};
+    a.during = [&] {
+        a.during = nullptr;
+        EXPECT_EQ(group.Start(), StatusCode::Ok);
+    };
+    EXPECT_EQ(group.Start(), StatusCode::Ok);
+    EXPECT_THAT(calls, ElementsAre("a.Start", "a.Start", "b.Start"));
+    EXPECT_EQ(group.GetSuccessStartCount(), 2U);
+    calls.clear();
+    EXPECT_EQ(group.Stop(), StatusCode::Ok);
+    EXPECT_THAT(calls, ElementsAre("b.Stop", "a.Stop"));
+}
+
+// The message named the member that came first after the undoing.
+TEST_F(CompositeRuntimeTest, MemberThatFailsMayUndoTheGroupBefore) {
+    const LogCapture log;
+    CompositeRuntime group{&a, &b, &c};
+    c.answers["Initialize"] = StatusCode::Failure;
+    c.answers["Start"] = StatusCode::Failure;
+    c.during = [&] { group.Destroy(); };
+    EXPECT_EQ(group.Initialize(), StatusCode::Failure);
+    EXPECT_EQ(group.GetSuccessInitializeCount(), 0U);
+    c.during = [&] { group.Stop(); };
+    EXPECT_EQ(group.Start(), StatusCode::Failure);
+    EXPECT_EQ(group.GetSuccessStartCount(), 0U);
+    EXPECT_THAT(calls, ElementsAre("a.Initialize", "b.Initialize", "c.Initialize", "b.Destroy", "a.Destroy",
+                                   "a.Start", "b.Start", "c.Start", "b.Stop", "a.Stop"));
+    EXPECT_THAT(log.Entries(), ElementsAre(Critical(LOGGER, "Object 3 in Initialize group failed  "),
+                                           Critical(LOGGER, "Object 3 in start group failed  ")));
+}
+
 TEST_F(CompositeRuntimeTest, DestructorStopsAndDestroysWhatSucceeded) {
     {
         CompositeRuntime group{&a, &b, &c};

@@ -16,6 +16,10 @@ namespace mw::tern {
 ///     if (group.Initialize() == StatusCode::Ok && group.Start() == StatusCode::Ok) { ... }
 ///     // leaving the block stops and destroys what was started and initialised
 ///
+/// A member may call the group while it is called itself. Its own operation has not succeeded by then, so the
+/// group may call it once more; what the inner call did is not done again. REQUIRES: a member that takes the
+/// group back from its Initialize or Start returns a failure.
+///
 /// Thread-safety: one thread at a time. The members belong to the caller and must outlive the group. The
 /// destructor calls them, so one that throws there ends the process.
 class TERN_API CompositeRuntime : public ComponentRuntimeInterface {
