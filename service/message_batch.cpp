@@ -1,5 +1,7 @@
 #include "service/message_batch.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 
 namespace mw::tern {
@@ -51,13 +53,22 @@ void MessageBatch::Handle(sd_event* loop) {
         handled += r > 0 ? 1 : 0;
     }
     if (r < 0) {
-        // What sd-bus does itself, where it has read. The connection leaves the loop, which ends it.
-        sd_bus_close(mBus);
+        GiveUp();
     }
-    if (handled == 0) {
+    if (r < 0 || handled == 0) {
         static_cast<void>(sd_event_source_set_enabled(mSource.get(), SD_EVENT_OFF));  // as above
         mTurnsToSkip = PAUSE;
     }
+}
+
+// Where sd-bus has read itself it takes the failure for a lost connection: whoever waits for a reply is told,
+// and then the connection leaves the loop, which ends it. So it gets to read the end. When it still cannot
+// be handled by the next look, it is closed without that.
+void MessageBatch::GiveUp() {
+    if (mIsGivenUp || shutdown(sd_bus_get_fd(mBus), SHUT_RDWR) != 0) {
+        sd_bus_close(mBus);
+    }
+    mIsGivenUp = true;
 }
 
 void MessageBatch::EndAfterThisMessage() noexcept {

@@ -45,10 +45,12 @@ public:
 private:
     static int OnTurn(sd_event_source* source, void* userdata);
     void Handle(sd_event* loop);
+    void GiveUp();
 
     sd_bus* const mBus;
     mwl::Handle<sd_event_source, sd_event_source_disable_unref> mSource;
     unsigned mTurnsToSkip = PAUSE;
+    bool mIsGivenUp = false;  ///< the connection could not be read
 };
 
 }  // namespace mw::tern

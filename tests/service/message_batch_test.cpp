@@ -13,6 +13,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "foundation/handle.h"
@@ -269,6 +270,62 @@ TEST_F(MessageBatchTest, AConnectionThatCannotBeReadEndsTheLoopAsFailed) {
         },
         -1);
     EXPECT_EQ(Run(), -ECONNRESET);
+}
+
+// It was closed at once: a call's handler never ran, as it does where sd-bus has read itself.
+TEST_F(MessageBatchTest, WhoeverWaitsForAReplyIsToldOfAConnectionThatCannotBeRead) {
+    Send();
+    sd_bus* const own = mServer.GetBus();
+    const char* peer = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(mPeer.get(), &peer), 0);
+    std::vector<std::string> told;
+    ASSERT_GE(sd_bus_call_method_async(
+                  own, nullptr, peer, "/", "com.example.Batch1", "Never",
+                  [](sd_bus_message* reply, void* events, sd_bus_error*) {
+                      EXPECT_TRUE(sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NO_REPLY));
+                      static_cast<std::vector<std::string>*>(events)->emplace_back("no reply");
+                      return 0;
+                  },
+                  &told, ""),
+              0);
+    ASSERT_GE(sd_bus_match_signal(
+                  own, nullptr, "org.freedesktop.DBus.Local", "/org/freedesktop/DBus/Local",
+                  "org.freedesktop.DBus.Local", "Disconnected",
+                  [](sd_bus_message*, void* events, sd_bus_error*) {
+                      static_cast<std::vector<std::string>*>(events)->emplace_back("disconnected");
+                      return 0;
+                  },
+                  &told),
+              0);
+    // A message behind another one of a batch: nothing has waited in between.
+    bool hasWaited = true;
+    bool hasFailed = false;
+    FaultScope scope(fault_sd_bus_process);
+    FaultScope scope2(fault_epoll_wait);
+    FaultScope scope3(fault_epoll_pwait2);
+    fault_sd_bus_process.Replace(
+        [&](sd_bus* bus, sd_bus_message** message) {
+            if (bus == own && !std::exchange(hasWaited, false) && !std::exchange(hasFailed, true)) {
+                return -EBADMSG;
+            }
+            return fault_sd_bus_process.Real(bus, message);
+        },
+        -1);
+    fault_epoll_wait.Replace(
+        [&](int fd, epoll_event* events, int most, int timeout) {
+            hasWaited = true;
+            return fault_epoll_wait.Real(fd, events, most, timeout);
+        },
+        -1);
+    fault_epoll_pwait2.Replace(
+        [&](int fd, epoll_event* events, int most, const timespec* timeout, const sigset_t* mask) {
+            hasWaited = true;
+            return fault_epoll_pwait2.Real(fd, events, most, timeout, mask);
+        },
+        -1);
+    EXPECT_EQ(Run(), -ECONNRESET);
+    EXPECT_TRUE(hasFailed);
+    EXPECT_EQ(told, (std::vector<std::string>{"no reply", "disconnected"}));
 }
 
 }  // namespace
