@@ -209,7 +209,9 @@ void Component::ThreadMain(const std::string& name, std::promise<StatusCode>& st
     settle(StopServer(ipcServer));
     settle(StopWorkers(monitor));
     TERN_LOG_INFO(LOGGER, "Exit D-Bus thread, status=%u", status);
-    const BusWitness witness(service->GetServerManager().GetBus());
+    // A callback that sd-bus calls outside of a message leaves no trace there.
+    const BusWitness witness(mw::tern::UncaughtLog::HasLoopThrown() ? nullptr
+                                                                    : service->GetServerManager().GetBus());
     service.reset();
     if (witness.SeesBus()) {
         TERN_LOG_ERROR(LOGGER,

@@ -21,6 +21,7 @@ namespace {
 constinit thread_local sd_bus* tBus = nullptr;
 constinit thread_local bool tIsGuarded = false;
 constinit thread_local bool tIsEnding = false;
+constinit thread_local bool tHasThrown = false;
 
 /// The terminate handler is the process's: set with the first thread, given back with the last.
 std::mutex gMutex;
@@ -105,6 +106,7 @@ int RunLoop(sd_event* event) {
     return Contain(
         -ENOTRECOVERABLE, [&] { return sd_event_loop(event); },
         [](const Thrown& thrown) {
+            tHasThrown = true;
             LogThrown(thrown);
             sd_bus_close(tBus);
         });
@@ -116,10 +118,15 @@ void SetLoopBus(sd_bus* bus) {
 
 UncaughtLog::UncaughtLog() {
     tIsGuarded = true;
+    tHasThrown = false;
     const std::lock_guard lock(gMutex);
     if (gThreads++ == 0) {
         gFormer = std::set_terminate(OnTerminate);
     }
+}
+
+bool UncaughtLog::HasLoopThrown() {
+    return tHasThrown;
 }
 
 UncaughtLog::~UncaughtLog() {

@@ -26,6 +26,10 @@ public:
     ~UncaughtLog();
     UncaughtLog(const UncaughtLog&) = delete;
     UncaughtLog& operator=(const UncaughtLog&) = delete;
+
+    /// Whether RunLoop has met an exception on this thread since the last one was created: the connection may
+    /// have lost references of its own.
+    static bool HasLoopThrown();
 };
 
 }  // namespace mw::tern

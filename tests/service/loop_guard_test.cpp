@@ -315,6 +315,24 @@ TEST_F(LoopGuardTest, OtherSourceThatThrowsEndsTheServiceInOrder) {
     ExpectEndInOrder(Serve(), "Code run by the D-Bus thread threw std::runtime_error: too cold");
 }
 
+// sd-bus calls it while it handles no message, and loses a reference to the connection all the same, which
+// was told as one that the application holds.
+TEST_F(LoopGuardTest, TrackHandlerThatThrowsEndsTheServiceInOrder) {
+    sd_bus_track* track = nullptr;
+    mServer.onStart = [&](DBusServerManager& manager, EventLoop&) {
+        // Called when nobody is tracked, as at first.
+        sd_bus_track_new(
+            manager.GetBus(), &track,
+            [](sd_bus_track*, void*) {
+                Throw();
+                return 0;
+            },
+            nullptr);
+    };
+    mServer.onStop = [&] { sd_bus_track_unref(track); };
+    ExpectEndInOrder(Serve(), "Code run by the D-Bus thread threw std::runtime_error: too cold");
+}
+
 TEST_F(LoopGuardTest, EmptyIoCallbackEndsTheServiceInOrder) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);

@@ -24,7 +24,8 @@ namespace mwl::DBusService {
 /// REQUIRES: every object that belongs to the bus (sd_bus_message, sd_bus_slot, a DBusClientManager used on
 /// the D-Bus thread) is released on that thread, at the latest in the IPC server's `Stop`. Whoever releases
 /// the last of them later frees the connection on another thread, which writes into the memory of the dead
-/// one. When such an object is still held at the thread's end, an error line reports it.
+/// one. When such an object is still held at the thread's end, an error line reports it, unless an exception
+/// has left a handler: sd-bus itself has lost references then.
 ///
 /// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
 /// One component for a monitor: a monitor knows one D-Bus thread and requests its stop once in its life, so a
