@@ -21,20 +21,24 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds FOR_EVER{-1};
 
-/// Waits until one of the two is readable, -1 for none, at most so long. False when the limit has passed.
-bool IsReadable(int first, int second, milliseconds limit) {
+enum class Outcome { Readable, LimitPassed, Failed };
+
+/// Waits until one of the two is readable, -1 for none, at most so long.
+Outcome Wait(int first, int second, milliseconds limit) {
     const auto deadline = steady_clock::now() + limit;
     for (;;) {
         pollfd both[] = {{first, POLLIN, 0}, {second, POLLIN, 0}};
         const milliseconds left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
         const int ready =
             poll(both, 2, limit == FOR_EVER ? -1 : static_cast<int>(std::max(left, milliseconds(0)).count()));
-        // A handler of the application may have run here. Any other failure must not hang up.
-        if (ready > 0 || (ready < 0 && errno != EINTR)) {
-            return true;
+        if (ready > 0) {
+            return Outcome::Readable;
+        }
+        if (ready < 0 && errno != EINTR) {  // a handler of the application may have run here
+            return Outcome::Failed;
         }
         if (limit != FOR_EVER && steady_clock::now() >= deadline) {
-            return false;
+            return Outcome::LimitPassed;
         }
     }
 }
@@ -71,10 +75,11 @@ HangUp::~HangUp() {
 }
 
 void HangUp::WaitAndHangUp(milliseconds limit) {
-    if (mSignals) {
-        static_cast<void>(IsReadable(mCancel.Get(), mSignals.Get(), FOR_EVER));
+    // What fails must not hang up.
+    if (mSignals && Wait(mCancel.Get(), mSignals.Get(), FOR_EVER) == Outcome::Failed) {
+        return;
     }
-    if (!IsReadable(mCancel.Get(), -1, limit)) {
+    if (Wait(mCancel.Get(), -1, limit) == Outcome::LimitPassed) {
         mHasHungUp = true;
         static_cast<void>(
             shutdown(mSocket.Get(), SHUT_RDWR));  // one that is lost already has the same effect

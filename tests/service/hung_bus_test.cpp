@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -48,6 +50,7 @@ using tern::test::WaitUntil;
 using testing::IsEmpty;
 
 TERN_INTERPOSE(int, eventfd, (unsigned int count, int flags), (count, flags))
+TERN_INTERPOSE(int, poll, (pollfd * records, nfds_t count, int timeout), (records, count, timeout))
 TERN_INTERPOSE(int, signalfd, (int fd, const sigset_t* mask, int flags), (fd, mask, flags))
 
 namespace {
@@ -353,6 +356,24 @@ TEST_F(HungBusTest, StartWithoutTheMeansToWatchTheSignalsStillConnects) {
     const FaultScope scope(fault_signalfd);
     fault_signalfd.Fail(-1, EMFILE);
     EXPECT_EQ(mComponent.Start(), StatusCode::Ok);
+    kill(getpid(), SIGTERM);
+    mComponent.JoinThread();
+}
+
+// Nobody has asked for the stop: the second began to run, and a bus that was merely slow was hung up.
+TEST_F(HungBusTest, WatchThatFailsHangsNobodyUp) {
+    const Bus peer = OpenPeer();
+    Stopped stopped(peer.get());
+    const FaultScope scope(fault_poll);
+    fault_poll.Fail(-1, ENOMEM);
+    std::thread slow([&] {
+        EXPECT_TRUE(mLog.WaitFor(Info("DBusService::Component", "Start D-Bus thread")));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        stopped.Continue();
+    });
+    EXPECT_EQ(mComponent.Start(), StatusCode::Ok);
+    EXPECT_GT(fault_poll.Calls(), 0);
+    slow.join();
     kill(getpid(), SIGTERM);
     mComponent.JoinThread();
 }
