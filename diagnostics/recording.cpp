@@ -88,6 +88,7 @@ constexpr std::uint16_t UNCLAIMED = Format::NO_THREAD - 1;
 /// What is known of the calling thread.
 struct OwnThread {
     std::uint16_t number = UNCLAIMED;  ///< of its entry in the ring
+    bool isForking = false;            ///< is in fork(2)
     std::uint32_t id = 0;              ///< the kernel's; known once the entry is claimed
 };
 
@@ -316,18 +317,31 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
     gRing.Write(ticks, event, own.id, nameId, value);
 }
 
-/// While the process is being forked: nothing is written, but a turn that ends ends a call.
-void OnEventOfForking(Event event, const void* object, std::uint64_t, const char*) noexcept {
-    if (event == Event::TurnEnded) {
-        OnTurnEnded(object, gRing.Ticks());
+/// While the process is being forked: nothing is written by the thread that forks.
+void OnEventOfForking(Event event, const void* object, std::uint64_t value, const char* name) noexcept {
+    if (!tThread.isForking) {
+        OnEvent(event, object, value, name);
     }
 }
 
 constexpr Tell::Listener LISTENER{Tell::Listener::VERSION, &OnEvent};
 constexpr Tell::Listener FORKING{Tell::Listener::VERSION, &OnEventOfForking};
 
+const Tell::Listener* GetWantedListener() noexcept {
+    return !gIsOn ? nullptr : gForks != 0 ? &FORKING : &LISTENER;
+}
+
+/// After each change of what it depends on. Several threads may do so at once: the last one sees all changes.
+void SetWantedListener() noexcept {
+    const Tell::Listener* wanted = nullptr;
+    do {
+        wanted = GetWantedListener();
+        Tell::SetListener(wanted);
+    } while (wanted != GetWantedListener());
+}
+
 void OnMessage(TernLogLevel level, const char* text, std::size_t length) noexcept {
-    if (!gIsOn.load(std::memory_order_acquire) || gForks.load(std::memory_order_relaxed) != 0) {
+    if (!gIsOn.load(std::memory_order_acquire) || tThread.isForking) {
         return;
     }
     const std::uint32_t id = GetThread().id;
@@ -336,17 +350,24 @@ void OnMessage(TernLogLevel level, const char* text, std::size_t length) noexcep
     gRing.Calibrate();
 }
 
-// Around fork(2) next to nothing is told, so that the child, which has not got the memory, begins so; what
-// other threads do meanwhile is missing in the ring.
+// Around fork(2) the thread that forks tells nothing, so that the child, which has not got the memory, begins
+// so. The others go on: whose end nobody was told would be in something for ever. Forks are counted while
+// nothing is recorded too, as recording may begin and end meanwhile.
 void BeforeFork() {
-    if (gIsOn && gForks.fetch_add(1) == 0) {
-        Tell::SetListener(&FORKING);
+    tThread.isForking = true;
+    ++gForks;
+    if (gIsOn) {
+        SetWantedListener();
     }
 }
 
 void AfterForkInParent() {
-    if (gIsOn && gForks.fetch_sub(1) == 1) {
-        Tell::SetListener(&LISTENER);
+    if (!std::exchange(tThread.isForking, false)) {
+        return;  // it had begun before these were registered
+    }
+    --gForks;
+    if (gIsOn) {
+        SetWantedListener();
     }
 }
 
@@ -415,7 +436,6 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
     }
     // What exists has its rows when its first event comes.
     const KnownCopy known;
-    gIsOn.store(true, std::memory_order_release);
     static_cast<void>(KnownObjects::CopyAnd(
         *known,
         [](void* argument) noexcept {
@@ -432,7 +452,8 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
                     }
                 }
             }
-            Tell::SetListener(&LISTENER);
+            gIsOn.store(true);
+            SetWantedListener();
         },
         &*known));
     if (Log::SetObserver != nullptr) {
@@ -445,11 +466,11 @@ void Recording::Stop() noexcept {
     if (!gIsOn) {
         return;
     }
-    Tell::SetListener(nullptr);
+    gIsOn.store(false);
+    SetWantedListener();
     if (Log::SetObserver != nullptr) {
         Log::SetObserver(nullptr);
     }
-    gIsOn.store(false, std::memory_order_release);
     gRing.MarkEnd(gHasFailed ? Format::End::Failed : Format::End::Stopped);
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -506,6 +507,104 @@ TEST_F(RecorderTest, ForksOfSeveralThreadsLeaveItOn) {
     ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
     ASSERT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
     EXPECT_EQ(ReadNow().written, written + 1);
+}
+
+/// What is done in a fork(2): while the parent prepares it, behind the recorder's own preparation, and in the
+/// child, before the recorder has noticed.
+std::function<void()> gBeforeFork;
+std::function<void()> gInChild;
+[[maybe_unused]] const int gAtFork = pthread_atfork(
+    [] {
+        if (gBeforeFork) {
+            gBeforeFork();
+        }
+    },
+    nullptr,
+    [] {
+        if (gInChild) {
+            gInChild();
+        }
+    });
+
+/// Forks, and does that meanwhile.
+void ForkAnd(const std::function<void()>& before, const std::function<void()>& inChild = nullptr) {
+    gBeforeFork = before;
+    gInChild = inChild;
+    EXPECT_EQ(StatusOf([] { _exit(0); }), 0);
+    gBeforeFork = nullptr;
+    gInChild = nullptr;
+}
+
+// A wait that ended while another thread forked was shown as going on for the rest of the service's life.
+TEST_F(RecorderTest, WhatOtherThreadsDoDuringAForkIsRecorded) {
+    MessagePipe pipe;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    std::atomic<pid_t> id{0};
+    std::atomic<bool> isFilling{true};
+    std::latch written(1);
+    std::latch goOn(1);
+    std::array<char, 4096> message{};
+    std::thread writer([&] {
+        id = gettid();
+        while (isFilling) {
+            EXPECT_EQ(pipe.WriteMessage(message.data(), message.size()), StatusCode::Ok);
+        }
+        TERN_LOG_WARNING(LOGGER, "of another thread");
+        written.count_down();
+        goOn.wait();
+    });
+    EXPECT_TRUE(WaitUntil([&] {
+        const Flight now = ReadNow();
+        const FlightThread* const thread = Find(now, id);
+        return thread != nullptr && !thread->doing.empty() && thread->doing[0].event == "pipe_full";
+    }));
+    isFilling = false;
+    ForkAnd([&] {
+        std::array<char, 4096> read{};
+        EXPECT_EQ(pipe.ReadMessage(read.data(), read.size(), 0), StatusCode::Ok);
+        written.wait();
+    });
+    const Flight flight = ReadNow();
+    goOn.count_down();
+    writer.join();
+    const FlightThread* const thread = Find(flight, id);
+    ASSERT_NE(thread, nullptr);
+    EXPECT_TRUE(thread->doing.empty());
+    EXPECT_EQ(Events("pipe_waited").size(), Events("pipe_full").size());
+    ASSERT_FALSE(flight.messages.empty());
+    EXPECT_THAT(flight.messages.back().text, HasSubstr("of another thread"));
+}
+
+TEST_F(RecorderTest, ThatBeginsDuringAForkIsWhole) {
+    Recorder::End();
+    ForkAnd([] { EXPECT_EQ(Recorder::Begin(), StatusCode::Ok); },
+            [] {
+                MessagePipe pipe;
+                TERN_LOG_WARNING(LOGGER, "of a child");
+                static_cast<void>(pipe.Initialize());
+            });
+    TERN_LOG_WARNING(LOGGER, "behind a fork");
+    ASSERT_FALSE(ReadNow().messages.empty());
+    EXPECT_THAT(ReadNow().messages.back().text, HasSubstr("behind a fork"));
+    ForkAnd([] {});
+    MessagePipe pipe;
+    const std::uint64_t written = ReadNow().written;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    ASSERT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+    EXPECT_EQ(ReadNow().written, written + 1);
+}
+
+TEST_F(RecorderTest, ThatEndsDuringAForkStaysOffAndBeginsWhole) {
+    ForkAnd([] { Recorder::End(); });
+    const std::uint64_t written = ReadNow().written;
+    MessagePipe pipe;
+    ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
+    ASSERT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+    EXPECT_EQ(ReadNow().written, written);
+    ASSERT_EQ(Recorder::Begin(), StatusCode::Ok);
+    TERN_LOG_WARNING(LOGGER, "behind the end");
+    ASSERT_FALSE(ReadNow().messages.empty());
+    EXPECT_THAT(ReadNow().messages.back().text, HasSubstr("behind the end"));
 }
 
 /// A child that records: its memory, as one from outside finds it, after the child has ended as `body` does.
