@@ -423,6 +423,11 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
             return status;
         }
     } else {
+        // What has ended since is not known: nobody was told.
+        for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
+            gRing.GetThread(number).depth.store(0, std::memory_order_relaxed);
+            ForgetDoing(number);
+        }
         gRing.MarkEnd(Format::End::None);
     }
     if (!isRegistered) {

@@ -441,6 +441,26 @@ TEST_F(RecordingTest, WhatExistsWhenItBeginsIsKnownAndTheFormerIsForgotten) {
     EXPECT_EQ(RowOf(former), nullptr);
 }
 
+TEST_F(RecordingTest, WhatEndsWhileItIsOffIsNotGoingOnForEver) {
+    const Something pool;
+    TellIt(Event::JobBegan, &pool);
+    Recording::Stop();
+    // The job ends here, which nobody is told.
+    gNow = 5000;
+    Start();
+    EXPECT_THAT(Doing(), IsEmpty());
+    EXPECT_EQ(Recording::RunningTicks(&pool), 0U);
+    TellIt(Event::JobBegan, &pool);
+    EXPECT_THAT(Doing(), ElementsAre("job_began  5000"));
+    // One that began before recording did has no duration that is known.
+    Recording::Stop();
+    Start();
+    gNow = 6000;
+    TellIt(Event::JobEnded, &pool);
+    EXPECT_EQ(Events().back().value, 0U);
+    EXPECT_THAT(Doing(), IsEmpty());
+}
+
 /// Runs it in a child with a recording of its own, as a failure is not forgotten in a process.
 void InAChild(const std::function<void()>& run) {
     const pid_t child = fork();

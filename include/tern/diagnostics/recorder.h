@@ -48,8 +48,8 @@ public:
     /// recording already; then the options are ignored. Otherwise the status of the failing call, logged;
     /// nothing is recorded then, and nothing else is changed.
     static StatusCode Begin(const RecorderOptions& options = {});
-    /// Ends recording and marks the end as an orderly one. Begin goes on in the same memory. Harmless to
-    /// repeat.
+    /// Ends recording and marks the end as an orderly one. Begin goes on in the same memory, and knows
+    /// nothing of what threads are in then. Harmless to repeat.
     static void End() noexcept;
     /// Whether events are recorded.
     static bool IsRecording() noexcept;
