@@ -17,7 +17,8 @@ namespace mwl::Diagnostics {
 /// and may walk the table; everything else by all threads at once.
 class ObjectTable {
 public:
-    /// Of one object. What the figures are depends on its kind.
+    /// Of one object. What the figures are depends on its kind. The period is that of a watch that recording
+    /// found when it began.
     ///
     /// | kind      | asked               | begun      | done        | largest                    |
     /// |-----------|---------------------|------------|-------------|----------------------------|
@@ -25,7 +26,7 @@ public:
     /// | Component | wake-ups            | runs begun | runs ended  |                            |
     /// | Timer     |                     | callbacks  | their ends  | lateness, nanoseconds      |
     /// | Pipe      | messages written    | times full | read        | wait for room, ticks       |
-    /// | Watched   |                     |            |             | ticks of the latest report |
+    /// | Watched   | period, nanoseconds |            |             | ticks of the latest report |
     struct alignas(64) Row {
         std::atomic<const void*> object{nullptr};
         std::atomic<std::uint16_t> name{0};  ///< in the ring

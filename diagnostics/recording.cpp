@@ -269,6 +269,16 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
     gRing.Calibrate();
 }
 
+/// What the watch's begin would have told: it was before recording began.
+[[gnu::noinline, gnu::cold]] void LearnWatch(Format::Thread& thread, const Row* row,
+                                             const char* name) noexcept {
+    if (name != nullptr && name[0] != '\0') {
+        thread.watchNs.store(row == nullptr ? 0 : row->asked.load(std::memory_order_relaxed),
+                             std::memory_order_relaxed);
+        thread.watchName.store(gRing.Intern(name), std::memory_order_release);
+    }
+}
+
 void OnTurnEnded(const void* bus, std::uint64_t ticks) noexcept {
     if (gTurnWatch.bus.load(std::memory_order_relaxed) == bus) {
         gTurnWatch.handler(gTurnWatch.argument, ticks);
@@ -293,7 +303,11 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
             row->largest.store(ticks, std::memory_order_relaxed);
         }
         if (own.number < Format::THREADS) {
-            gRing.GetThread(own.number).reportedTicks.store(ticks, std::memory_order_relaxed);
+            Format::Thread& thread = gRing.GetThread(own.number);
+            thread.reportedTicks.store(ticks, std::memory_order_relaxed);
+            if (__builtin_expect(thread.watchName.load(std::memory_order_relaxed) == Format::NO_NAME, 0)) {
+                LearnWatch(thread, row, name);
+            }
         }
         return;
     }
@@ -423,9 +437,10 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
             return status;
         }
     } else {
-        // What has ended since is not known: nobody was told.
+        // What has ended and what is watched since is not known: nobody was told.
         for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
             gRing.GetThread(number).depth.store(0, std::memory_order_relaxed);
+            gRing.GetThread(number).watchName.store(Format::NO_NAME, std::memory_order_relaxed);
             ForgetDoing(number);
         }
         gRing.MarkEnd(Format::End::None);
@@ -451,9 +466,12 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
                     const std::string_view name = each.GetName();
                     Row* const row = gObjects.Take(each.object, each.kind,
                                                    name.empty() ? Format::NO_NAME : gRing.Intern(name));
-                    if (row != nullptr) {
-                        row->largest.store(each.kind == KnownObjects::Kind::Watched ? gRing.Ticks() : 0,
-                                           std::memory_order_relaxed);
+                    if (row != nullptr && each.kind == KnownObjects::Kind::Watched) {
+                        row->largest.store(gRing.Ticks(), std::memory_order_relaxed);
+                        // A period without end ends with the numbers.
+                        constexpr std::uint64_t NS_PER_MS = 1000000;
+                        row->asked.store(std::min(each.number, UINT64_MAX / NS_PER_MS) * NS_PER_MS,
+                                         std::memory_order_relaxed);
                     }
                 }
             }

@@ -142,6 +142,34 @@ TEST_F(RecorderTest, RecordsJobsWithTheirDurations) {
     EXPECT_EQ(Find(ReadNow(), id), nullptr);
 }
 
+// The watcher's reason to kill it is told with what the thread was in, which is found by this name.
+TEST_F(RecorderTest, ThreadsWatchedBeforeHaveTheirWatch) {
+    Recorder::End();
+    NiceMock<mwl::Threading::MockWatcher> watcher;
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadPool::ThreadPool pool(1, watcher, signals);
+    pool.Start();
+    std::latch watched(1);
+    pool.QueueJob([&] { watched.count_down(); });
+    watched.wait();
+    EXPECT_EQ(Recorder::Begin(), StatusCode::Ok);
+    std::latch begun(1);
+    std::latch goOn(1);
+    std::atomic<pid_t> id{0};
+    pool.QueueJob([&] {
+        id = gettid();
+        begun.count_down();
+        goOn.wait();
+    });
+    begun.wait();
+    const Flight during = ReadNow();
+    goOn.count_down();
+    const FlightThread* const worker = Find(during, id);
+    ASSERT_NE(worker, nullptr);
+    EXPECT_EQ(worker->watchName, "ThreadPool::Thread0");
+    EXPECT_EQ(worker->watchPeriodNs, 60000000000U);
+}
+
 TEST_F(RecorderTest, ObjectsMadeBeforeAreKnownByName) {
     Recorder::End();
     class Executor : public mwl::QueuedProcessings::ExecutorInterface {

@@ -364,6 +364,28 @@ TEST_F(RecordingTest, WatchedThreadHasItsPeriodAndItsLastReport) {
     EXPECT_EQ(events[written + 1].event, "watch_ended");
 }
 
+TEST_F(RecordingTest, WatchWhoseBeginWasNotSeenIsKnownWithItsFirstReport) {
+    const Something watch;
+    Make(watch, Kind::Watched, "pump");
+    TellIt(Event::WatchReported, &watch);
+    EXPECT_EQ(OwnThread().watchName, "") << "without a name";
+    gNow = 3100;
+    TellIt(Event::WatchReported, &watch, 0, "pump");
+    EXPECT_EQ(OwnThread().watchName, "pump");
+    EXPECT_EQ(OwnThread().reportedNs, 3100U);
+    TellIt(Event::WatchReported, nullptr, 0, "another");
+    EXPECT_EQ(OwnThread().watchName, "pump");
+    // One that ended while recording was off is none.
+    Recording::Stop();
+    Start();
+    EXPECT_EQ(OwnThread().watchName, "");
+    TellIt(Event::WatchReported, nullptr, 0, "another");
+    EXPECT_EQ(OwnThread().watchName, "another");
+    EXPECT_EQ(OwnThread().watchPeriodNs, 0U);
+    TellIt(Event::WatchEnded, nullptr, 0, "another");
+    EXPECT_EQ(OwnThread().watchName, "");
+}
+
 TEST_F(RecordingTest, SupervisedThreadsHaveNoFigures) {
     const Something component;
     Make(component, Kind::Component, "pump");
