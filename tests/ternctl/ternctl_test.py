@@ -863,6 +863,19 @@ class Chart(Case):
         _, _, series = self.read()
         self.assertGreaterEqual(len(series["memory"][0]), 3)
 
+    def test_one_that_hangs_makes_it_no_longer(self):
+        bus = self.with_bus("calm")
+        begin = time.monotonic()
+        drawing = Running(bus, "--timeout", "2", "chart", "com.example.calm", "6", self.file)
+        drawing.wait_for("err", "2 s of 6 s")
+        bus.halt("com.example.calm")
+        result = drawing.finish(None)
+        # The last look may be waited for; each of those that are due meanwhile is not.
+        self.assertLess(time.monotonic() - begin, 9)
+        self.check(result, DONE, "", r"(?s).*'com.example.calm' did not answer within 2.00 s; a gap in the chart\n.*")
+        _, _, series = self.read()
+        self.assertGreaterEqual(len(series["memory"][0]), 2)
+
     def test_what_was_seen_is_drawn_when_the_bus_goes(self):
         bus = self.with_bus("calm")
         drawing = Running(bus, "chart", "com.example.calm", "20", self.file)

@@ -66,12 +66,14 @@ private:
     std::optional<Failure> Look(const Session& session) {
         const Interrupt interrupt;
         try {
-            for (Clock::time_point next = mBegin + mStep; next <= mBegin + mTime; next += mStep) {
+            for (Clock::time_point next = mBegin + mStep; next <= mBegin + mTime;) {
                 if (interrupt.WaitUntil(next) == Interrupt::Reason::Stopped) {
                     break;
                 }
                 SampleIfThere(session);
                 ShowProgress();
+                // Looks that were due while an answer was waited for are left out: they would all be late.
+                next += mStep * (1 + (Clock::now() - next) / mStep);
             }
         } catch (const Failure& failure) {
             return failure;
