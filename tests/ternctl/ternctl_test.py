@@ -876,6 +876,16 @@ class Chart(Case):
         _, _, series = self.read()
         self.assertGreaterEqual(len(series["memory"][0]), 2)
 
+    def test_a_hangup_that_is_ignored_does_not_end_it(self):
+        bus = self.with_bus("calm")
+        former = signal.signal(signal.SIGHUP, signal.SIG_IGN)  # as nohup(1) does
+        try:
+            drawing = Running(bus, "chart", "com.example.calm", "3", self.file)
+        finally:
+            signal.signal(signal.SIGHUP, former)
+        drawing.wait_for("err", "1 s of 3 s")
+        self.check(drawing.finish(signal.SIGHUP), DONE, "", r"(?s).*3 s of 3 s\n")
+
     def test_what_was_seen_is_drawn_when_the_bus_goes(self):
         bus = self.with_bus("calm")
         drawing = Running(bus, "chart", "com.example.calm", "20", self.file)

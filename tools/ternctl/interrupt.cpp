@@ -41,7 +41,11 @@ Interrupt::Interrupt() : mFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     struct sigaction action {};
     action.sa_handler = OnSignal;
     for (std::size_t i = 0; i < SIGNALS.size(); ++i) {
-        sigaction(SIGNALS[i], &action, &gFormer[i]);
+        sigaction(SIGNALS[i], nullptr, &gFormer[i]);
+        // Under nohup(1) it is to go on when the terminal hangs up.
+        if (SIGNALS[i] != SIGHUP || gFormer[i].sa_handler != SIG_IGN) {
+            sigaction(SIGNALS[i], &action, nullptr);
+        }
     }
 }
 

@@ -6,8 +6,8 @@
 
 namespace ternctl {
 
-/// Turns SIGINT, SIGTERM and SIGHUP into an end in order while it exists: what runs for a while asks it. One
-/// at a time.
+/// Turns SIGINT, SIGTERM and SIGHUP into an end in order while it exists: what runs for a while asks it. A
+/// SIGHUP that is ignored, as under nohup(1), stays so. One at a time.
 class Interrupt {
 public:
     using Clock = std::chrono::steady_clock;
