@@ -58,6 +58,8 @@ std::string_view WordOf(char state) {
         case 'T':
         case 't':
             return "stopped";
+        case '?':
+            return "";
         default:
             return "gone";
     }
@@ -157,6 +159,9 @@ DiagnosticsInterface::DiagnosticsInterface(Typed::Bus& bus, const BusWatch& watc
       mWatch(watch),
       mVersion(std::move(version)),
       mStartedAtUs(ReadProcessStartedNs() / NS_PER_US) {
+    if (const std::uint64_t uptime = ReadProcessUptimeNs(); uptime > 0) {
+        mStartedBootNs = NanosecondsOf(CLOCK_BOOTTIME) - uptime;
+    }
     const FormerLife& former = GetFormerLife();
     mRestarts = former.restarts;
     mEnded = former.end.kind;
@@ -191,7 +196,7 @@ ProcessFigures DiagnosticsInterface::GetProcess() const {
     process.libraryVersion = TERN_VERSION;
     process.startedAtUs = mStartedAtUs;
     // Not by the time of day, which may have been set since.
-    process.uptimeUs = ReadProcessUptimeNs() / NS_PER_US;
+    process.uptimeUs = mStartedBootNs == 0 ? 0 : (NanosecondsOf(CLOCK_BOOTTIME) - mStartedBootNs) / NS_PER_US;
     process.processorUs = NanosecondsOf(CLOCK_PROCESS_CPUTIME_ID) / NS_PER_US;
     const ProcessSizes sizes = ReadProcessSizes();
     process.memoryBytes = sizes.residentBytes;

@@ -54,6 +54,7 @@ private:
     const BusWatch& mWatch;
     std::string mVersion;
     std::uint64_t mStartedAtUs = 0;
+    std::uint64_t mStartedBootNs = 0;  ///< CLOCK_BOOTTIME; 0 when not known
     std::uint32_t mRestarts = 0;
     std::string mEnded;
 };

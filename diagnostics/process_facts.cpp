@@ -3,11 +3,14 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
 #include <ctime>
 #include <string_view>
 
@@ -92,6 +95,11 @@ ProcessSizes ReadProcessSizes() {
 
 std::uint32_t CountDescriptors() {
     const Handle<DIR, closedir> folder(opendir("/proc/self/fd"));
+    if (folder == nullptr && errno == EMFILE) {
+        rlimit limit{};
+        static_cast<void>(getrlimit(RLIMIT_NOFILE, &limit));  // cannot fail with valid arguments
+        return static_cast<std::uint32_t>(std::min<rlim_t>(limit.rlim_cur, UINT32_MAX));
+    }
     std::uint32_t count = 0;
     while (folder != nullptr) {
         const dirent* const entry =
@@ -109,7 +117,11 @@ ThreadFacts ReadThreadFacts(std::int32_t threadId) {
     if (threadId <= 0) {
         return facts;
     }
+    errno = 0;
     const std::string stat = ReadSmallFile("/proc/self/task/" + std::to_string(threadId) + "/stat");
+    if (stat.empty() && errno != ENOENT && errno != ESRCH) {
+        facts.state = '?';
+    }
     const std::string_view behind = BehindName(stat);
     const std::size_t begin = stat.find('(');
     if (!behind.empty() && begin != std::string::npos) {

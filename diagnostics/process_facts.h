@@ -25,13 +25,13 @@ struct ProcessSizes {
     std::uint32_t threads = 0;
 };
 ProcessSizes ReadProcessSizes();
-/// Open descriptors, without the one that counts them.
+/// Open descriptors, without the one that counts them; the limit where all are taken, so that none counts.
 std::uint32_t CountDescriptors();
 
 /// A thread of this process.
 struct ThreadFacts {
     std::string name;
-    char state = '\0';  ///< as in /proc/PID/stat; 0 when there is no such thread
+    char state = '\0';  ///< as in /proc/PID/stat; 0 when there is no such thread, '?' when nobody tells
 };
 ThreadFacts ReadThreadFacts(std::int32_t threadId);
 

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "diagnostics/diagnostics_fixture.h"
+#include "foundation/unique_fd.h"
 #include "support/wait_until.h"
 #include "threading/watching_doubles.h"
 
@@ -79,6 +80,41 @@ TEST_F(DiagnosticsValuesTest, LimitOfDescriptorsIsTheProcesss) {
     const Figures figures = Snapshot();
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
     EXPECT_EQ(figures.process.descriptorLimit, 200U);
+}
+
+// That is the moment when somebody looks.
+TEST_F(DiagnosticsValuesTest, ProcessWithoutAFreeDescriptorIsShown) {
+    class Executor : public mwl::QueuedProcessings::ExecutorInterface {
+        StatusCode Initialize() override { return StatusCode::Ok; }
+        void Execute() override {}
+        void Stop() override {}
+    } executor;
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    mwl::QueuedProcessings::Component component("Upload", "upload", monitor, executor);
+    ASSERT_EQ(component.Start(), StatusCode::Ok);
+    const Figures before = Snapshot();
+    rlimit former{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit less{100, former.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &less), 0);
+    std::vector<mwl::UniqueFd> taken;
+    do {
+        taken.emplace_back(dup(STDERR_FILENO));
+    } while (taken.back());
+    const Figures figures = Snapshot();
+    taken.clear();
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
+    component.Stop();
+    component.Join();
+    EXPECT_EQ(figures.process.descriptors, 100U);
+    EXPECT_EQ(figures.process.descriptorLimit, 100U);
+    EXPECT_GE(figures.process.uptimeUs, before.process.uptimeUs);
+    // It has not gone.
+    ASSERT_THAT(before.threads, SizeIs(1));
+    EXPECT_NE(before.threads[0].state, "");
+    ASSERT_THAT(figures.threads, SizeIs(1));
+    EXPECT_EQ(figures.threads[0].state, "");
 }
 
 TEST_F(DiagnosticsValuesTest, ConnectionIsShownWhileACallIsOpen) {

@@ -116,6 +116,18 @@ TEST(ProcessFacts, FilesThatAreNotThereTellNothing) {
     EXPECT_EQ(ReadThreadFacts(1).state, '\0');
 }
 
+TEST(ProcessFacts, ThreadThatCannotBeAskedForHasNotGone) {
+    const FaultScope scope(fault_open);
+    for (const int error : {EMFILE, ENFILE, EACCES, ENOMEM}) {
+        fault_open.Fail(-1, error);
+        EXPECT_EQ(ReadThreadFacts(gettid()).state, '?') << error;
+    }
+    for (const int error : {ENOENT, ESRCH}) {
+        fault_open.Fail(-1, error);
+        EXPECT_EQ(ReadThreadFacts(gettid()).state, '\0') << error;
+    }
+}
+
 TEST(ProcessFacts, FilesWithoutTheFieldTellNothing) {
     Proc proc;
     for (const std::string text : {"", "4711", "4711 (service", "4711 (service)", "4711 (service) S 1 2 3"}) {

@@ -36,11 +36,11 @@ struct ProcessFigures {
     std::uint64_t startedAtUs = 0;      ///< start of the process, of day
     std::uint64_t uptimeUs = 0;         ///< since the start of the process
     std::uint64_t processorUs = 0;      ///< user and system time of all threads, those that ended included
-    std::uint64_t memoryBytes = 0;      ///< resident set
+    std::uint64_t memoryBytes = 0;      ///< resident set; 0 where no descriptor is free
     std::uint64_t memoryPeakBytes = 0;  ///< highest resident set so far; 0 where the system does not tell
     std::uint32_t descriptors = 0;      ///< open ones, without the one that counts them
     std::uint32_t descriptorLimit = 0;  ///< RLIMIT_NOFILE's soft limit
-    std::uint32_t threads = 0;          ///< all of the process
+    std::uint32_t threads = 0;          ///< all of the process; 0 where no descriptor is free
 
     /// The keys.
     static constexpr auto DBusFields() {
@@ -129,7 +129,9 @@ struct ConnectionFigures {
 struct SupervisedThread {
     std::string name;            ///< as the kernel has it (pthread_setname_np); empty when it has gone
     std::uint32_t threadId = 0;  ///< the kernel's id; 0 when it is not known
-    std::string state;           ///< the kernel's: "running", "sleeping", "waiting", "stopped", "gone"
+    /// The kernel's: "running", "sleeping", "waiting", "stopped", "gone". Empty, as the name, where no
+    /// descriptor is free to ask with.
+    std::string state;
 
     /// The keys.
     static constexpr auto DBusFields() {
