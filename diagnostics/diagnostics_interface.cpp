@@ -162,9 +162,11 @@ DiagnosticsInterface::DiagnosticsInterface(Typed::Bus& bus, const BusWatch& watc
     if (const std::uint64_t uptime = ReadProcessUptimeNs(); uptime > 0) {
         mStartedBootNs = NanosecondsOf(CLOCK_BOOTTIME) - uptime;
     }
-    const FormerLife& former = GetFormerLife();
+    // Once, as the properties do not change: the recorder may be begun later.
+    FormerLife former = GetFormerLife();
     mRestarts = former.restarts;
-    mEnded = former.end.kind;
+    mEnded = std::move(former.end.kind);
+    mSentences = std::move(former.end.sentences);
 }
 
 Figures DiagnosticsInterface::Snapshot() const {
@@ -326,7 +328,7 @@ Outcome<Typed::OwnedFd> DiagnosticsInterface::OpenRecorder() const {
 }
 
 DiagnosticsInterface::Reasons DiagnosticsInterface::Why() const {
-    return {mEnded, GetFormerLife().end.sentences};
+    return {mEnded, mSentences};
 }
 
 Outcome<void> DiagnosticsInterface::SetLogLevel(const std::string& level) {

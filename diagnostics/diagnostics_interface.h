@@ -57,6 +57,7 @@ private:
     std::uint64_t mStartedBootNs = 0;  ///< CLOCK_BOOTTIME; 0 when not known
     std::uint32_t mRestarts = 0;
     std::string mEnded;
+    std::vector<std::string> mSentences;
 };
 
 }  // namespace mwl::Diagnostics

@@ -3,6 +3,7 @@
 #include <tern/foundation/log.h>
 
 #include <algorithm>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -19,7 +20,9 @@ const StaticText LOGGER("Diagnostics");
 
 constexpr std::size_t MOST_LINES = 5;
 
-/// Never destroyed, as a thread may ask when main has returned.
+constinit std::mutex gMutex;
+
+/// Guarded by the mutex. Never destroyed, as a thread may ask when main has returned.
 FormerLife& Kept() {
     static FormerLife* const kept = new FormerLife;
     return *kept;
@@ -49,11 +52,13 @@ FormerLife ReadFormerLife(const std::vector<int>& handedOn) {
     return former;
 }
 
-const FormerLife& GetFormerLife() noexcept {
+FormerLife GetFormerLife() {
+    const std::lock_guard lock(gMutex);
     return Kept();
 }
 
 void SetFormerLife(FormerLife former) {
+    const std::lock_guard lock(gMutex);
     Kept() = std::move(former);
 }
 

@@ -16,9 +16,9 @@ struct FormerLife {
 /// Reads what was handed on; of several, which is nobody's intention, the latest life. The descriptors are
 /// borrowed.
 FormerLife ReadFormerLife(const std::vector<int>& handedOn);
-/// Of this process: what was read when its recorder was begun first; none before. Kept by SetFormerLife,
-/// before other threads ask.
-const FormerLife& GetFormerLife() noexcept;
+/// Of this process: what was read when its recorder was begun first; none before. Kept by SetFormerLife. Any
+/// thread.
+FormerLife GetFormerLife();
 void SetFormerLife(FormerLife former);
 /// Logs it, in five lines at most; nothing where there was none.
 void LogFormerLife(const FormerLife& former);

@@ -534,13 +534,18 @@ TEST(DiagnosticsFailures, AreLoggedAndShowNothing) {
               1U);
 }
 
+/// To be this process's, as systemd hands it on.
+void HandOn(int fd) {
+    dup2(fd, SD_LISTEN_FDS_START);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_FDNAMES", "tern-flight", 1);
+}
+
 /// A life of this program to which a descriptor is handed on.
 tern::test::ChildResult LiveWith(int handedOn) {
     return tern::test::RunInChild([handedOn] {
-        dup2(handedOn, SD_LISTEN_FDS_START);
-        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-        setenv("LISTEN_FDS", "1", 1);
-        setenv("LISTEN_FDNAMES", "tern-flight", 1);
+        HandOn(handedOn);
         return Recorder::Begin() == StatusCode::Ok ? 0 : 1;
     });
 }
@@ -559,6 +564,35 @@ TEST(DiagnosticsOfAFormerLife, AreLogged) {
                     "Diagnostics",
                     "Former life: What the former life handed on cannot be read: these 0 bytes are "
                     "too few for a flight recorder's memory.")));
+}
+
+TEST(DiagnosticsOfAFormerLife, AreNotKnownWhereTheRecorderIsBegunLater) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer does not let a forked child make threads";
+#endif
+    ASSERT_EQ(Recorder::Begin(), StatusCode::Ok);
+    Recorder::End();
+    const mwl::UniqueFd kept(dup(Recorder::GetFd()));
+    const PrivateBus bus;
+    const auto result = tern::test::RunInChild([&kept] {
+        HandOn(kept.Get());
+        Diagnostics diagnostics;
+        Served served([&](Served& it) {
+            diagnostics = Diagnostics::Export(*it.typed, {.isRecording = false});
+            EXPECT_EQ(diagnostics.GetStatus(), StatusCode::Ok);
+        });
+        served.onStop = [&] { diagnostics.Reset(); };
+        EXPECT_EQ(Recorder::Begin(), StatusCode::Ok);
+        const BlockingProxy<Diagnostics1> proxy(tern::test::SERVICE, Diagnostics1::PATH);
+        const auto why = proxy.Call(Diagnostics1::Why);
+        EXPECT_TRUE(why.IsOk());
+        // As the property, which does not change any more.
+        EXPECT_EQ(std::get<0>(*why), "none");
+        EXPECT_THAT(std::get<1>(*why), IsEmpty());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.log, Contains(tern::test::Notice("Diagnostics", "Former life: It stopped in order.")));
 }
 
 TEST(DiagnosticsFailures, WithoutMemoryNothingIsRecordedAndTheRestWorks) {

@@ -21,7 +21,8 @@ namespace mwl::Diagnostics {
 /// What is shown and recorded.
 struct Options {
     /// Whether the flight recorder is begun, unless it has been already. Without one what is counted of the
-    /// library's objects is shown as 0, and messages and events are refused.
+    /// library's objects is shown as 0, and messages and events are refused. The former life's end is shown
+    /// only if the recorder has been begun by then; one that is begun later logs it.
     bool isRecording = true;
     /// Of the flight recorder, where it is begun here. Its version is the service's, also where nothing is
     /// recorded.
