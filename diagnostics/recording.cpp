@@ -7,8 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
+#include <optional>
 
 #include "diagnostics/known_copy.h"
 #include "diagnostics/log_hooks.h"
@@ -432,6 +435,14 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
         return StatusCode::Ok;
     }
     static bool isRegistered = false;
+    // Before anything is changed.
+    std::optional<KnownCopy> known;
+    try {
+        known.emplace();
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+        return mw::tern::MakeStatusCodeFromErrno(error);
+    }
     if (!gRing) {
         if (const StatusCode status = gRing.Create(eventBytes, identity, error); status != StatusCode::Ok) {
             return status;
@@ -455,9 +466,8 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
         RegisterEnd();
     }
     // What exists has its rows when its first event comes.
-    const KnownCopy known;
     static_cast<void>(KnownObjects::CopyAnd(
-        *known,
+        **known,
         [](void* argument) noexcept {
             // The rows of those that are known are filled from the copy, which is complete by now.
             gObjects.Clear();
@@ -478,7 +488,7 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
             gIsOn.store(true);
             SetWantedListener();
         },
-        &*known));
+        &**known));
     if (Log::SetObserver != nullptr) {
         Log::SetObserver(&OnMessage);
     }

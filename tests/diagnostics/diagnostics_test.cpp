@@ -45,6 +45,9 @@ TERN_INTERPOSE(int, sd_bus_add_filter,
                (bus, slot, handler, userdata))
 TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
+TERN_INTERPOSE_SYMBOL_(void*, mmap, "mmap64",
+                       (void* address, std::size_t size, int protection, int flags, int fd, off_t at),
+                       (address, size, protection, flags, fd, at))
 
 namespace {
 
@@ -607,6 +610,30 @@ TEST(DiagnosticsFailures, WithoutMemoryNothingIsRecordedAndTheRestWorks) {
                 Contains(tern::test::Error("Diagnostics",
                                            "The flight recorder's memory cannot be made: Too many open files "
                                            "in system (23)")));
+}
+
+TEST(DiagnosticsFailures, WithoutMemoryForTheObjectsNothingIsRecorded) {
+    const auto result = tern::test::RunInChild([] {
+        {
+            const FaultScope scope(fault_mmap);
+            fault_mmap.Replace(
+                [](void* address, std::size_t size, int protection, int flags, int fd, off_t at) {
+                    errno = ENOMEM;
+                    return fd == -1 ? MAP_FAILED : fault_mmap.Real(address, size, protection, flags, fd, at);
+                },
+                1000);
+            EXPECT_EQ(Recorder::Begin(), mw::tern::MakeStatusCodeFromErrno(ENOMEM));
+            EXPECT_FALSE(Recorder::IsRecording());
+            EXPECT_EQ(Recorder::GetFd(), -1);
+        }
+        EXPECT_EQ(Recorder::Begin(), StatusCode::Ok);
+        EXPECT_TRUE(Recorder::IsRecording());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.log, Contains(tern::test::Error(
+                                "Diagnostics",
+                                "The flight recorder's memory cannot be made: Cannot allocate memory (12)")));
 }
 
 }  // namespace
