@@ -105,24 +105,28 @@ void ForgetDoing(std::uint16_t number) noexcept {
     }
 }
 
-/// Gives the thread's entry back when it ends.
-struct ThreadEntry {
-    ~ThreadEntry() {
-        const std::uint16_t number = std::exchange(tThread.number, Format::NO_THREAD);
-        if (number < Format::THREADS && gRing) {
-            ForgetDoing(number);
-            gRing.ReleaseThread(number);
-        }
+/// Has an ending thread's entry given back. No object of the thread: to register its destructor takes memory,
+/// and the dynamic loader's lock, which is held while the initialisers of a library that is loaded call this
+/// one.
+constinit pthread_key_t gThreadEnd{};
+
+/// The thread's entry is no longer its own.
+void OnThreadEnd(void*) {
+    const std::uint16_t number = std::exchange(tThread.number, Format::NO_THREAD);
+    if (number < Format::THREADS && gRing) {
+        ForgetDoing(number);
+        gRing.ReleaseThread(number);
     }
-    bool isClaimed = false;  ///< to have it made
-};
+}
 
 [[gnu::noinline, gnu::cold]] void ClaimThread() noexcept {
-    thread_local ThreadEntry entry;
     std::array<char, 16> name{};
     static_cast<void>(prctl(PR_GET_NAME, name.data()));  // cannot fail with a valid address
-    entry.isClaimed = true;
     tThread.id = static_cast<std::uint32_t>(gettid());
+    if (pthread_setspecific(gThreadEnd, &tThread) != 0) {
+        tThread.number = Format::NO_THREAD;  // nobody would give it back
+        return;
+    }
     tThread.number = gRing.ClaimThread(tThread.id, name.data());
     if (tThread.number < Format::THREADS) {
         ForgetDoing(tThread.number);
@@ -457,9 +461,15 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
         gRing.MarkEnd(Format::End::None);
     }
     if (!isRegistered) {
-        // Without them a child would write where it has no memory, so there is no recording then.
+        // Without these a child would write where it has no memory, and threads would keep their entries: so
+        // there is no recording then.
+        error = pthread_key_create(&gThreadEnd, OnThreadEnd);
+        if (error != 0) {
+            return mw::tern::MakeStatusCodeFromErrno(error);
+        }
         error = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
         if (error != 0) {
+            pthread_key_delete(gThreadEnd);
             return mw::tern::MakeStatusCodeFromErrno(error);
         }
         isRegistered = true;

@@ -1,5 +1,6 @@
 #include <tern/diagnostics/recorder.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,6 +47,13 @@
 
 TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 TERN_INTERPOSE_SYMBOL_(int, open, "open64", (const char* path, int flags, int mode), (path, flags, mode))
+
+/// What is done while a library is loaded (loaded/loaded.cpp), which calls this.
+static std::function<void()> gOnLoaded;
+extern "C" __attribute__((visibility("default"))) void OnLoaded();
+extern "C" void OnLoaded() {
+    gOnLoaded();
+}
 
 namespace {
 
@@ -535,6 +543,30 @@ TEST_F(RecorderTest, ForksOfSeveralThreadsLeaveItOn) {
     ASSERT_EQ(pipe.Initialize(), StatusCode::Ok);
     ASSERT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
     EXPECT_EQ(ReadNow().written, written + 1);
+}
+
+// An object that a plug-in's initialisation made, and one of a thread that nothing had been recorded of,
+// waited for each other for ever: for the lock of the known objects and that of the dynamic loader.
+TEST_F(RecorderTest, FirstEventOfAThreadWaitsForNoLibraryThatIsLoaded) {
+    std::latch isLoading(1);
+    std::atomic<bool> isDone{false};
+    std::thread other([&] {
+        isLoading.wait();
+        MessagePipe pipe;
+        EXPECT_EQ(pipe.Initialize(), StatusCode::Ok);
+        EXPECT_EQ(pipe.WriteMessage("x", 1), StatusCode::Ok);
+        isDone = true;
+    });
+    gOnLoaded = [&] {
+        isLoading.count_down();
+        EXPECT_TRUE(WaitUntil([&] { return isDone.load(); }));
+    };
+    void* const library = dlopen(TERN_LOADED, RTLD_NOW);
+    EXPECT_NE(library, nullptr) << dlerror();
+    other.join();
+    if (library != nullptr) {
+        dlclose(library);
+    }
 }
 
 /// What is done in a fork(2): while the parent prepares it, behind the recorder's own preparation, and in the
