@@ -74,7 +74,8 @@ std::uint64_t ToUs(std::uint64_t ticks) {
 /// What has been counted of an object; zeros where nothing is recorded.
 struct Counted {
     explicit Counted(const Known& known) {
-        if (!Recording::GetRing()) {
+        // Of what was counted before recording ended nobody was told how it went on.
+        if (!Recording::IsOn()) {
             return;
         }
         const ObjectTable::Row* const row = Recording::GetObjects().Find(known.object);

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <latch>
 #include <limits>
 #include <string>
 #include <thread>
@@ -221,6 +222,39 @@ TEST_F(DiagnosticsValuesTest, LimitsOfWatchedThreadsAreTheWatchers) {
     EXPECT_EQ(figures.watched.at(0).periodUs, 1000000000000000U);
     EXPECT_EQ(figures.watched.at(0).limitUs, 2000000000000000U);
     thread.StopWatch();
+}
+
+// Nobody is told of reports and ends then: a thread that reports was shown as just before its kill.
+TEST_F(DiagnosticsValuesTest, NothingIsCountedWhileTheRecorderIsOff) {
+    NiceMock<mwl::Threading::MockWatcher> watcher;
+    mwl::Threading::ThreadWatched thread(watcher, "pump");
+    thread.StartWatch(std::chrono::milliseconds(1000));
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadPool::ThreadPool pool(1, watcher, signals);
+    pool.Start();
+    std::latch begun(1);
+    std::latch goOn(1);
+    pool.QueueJob([&] {
+        begun.count_down();
+        goOn.wait();
+    });
+    begun.wait();
+    Figures figures = Snapshot();
+    ASSERT_THAT(figures.pools, SizeIs(1));
+    EXPECT_EQ(figures.pools[0].busy, 1U);
+    EXPECT_GT(figures.pools[0].runningUs, 0U);
+    Recorder::End();
+    goOn.count_down();
+    pool.Stop(false);
+    thread.NotifyWork();
+    figures = Snapshot();
+    thread.StopWatch();
+    ASSERT_THAT(figures.pools, SizeIs(1));
+    EXPECT_EQ(figures.pools[0].busy, 0U);
+    EXPECT_EQ(figures.pools[0].runningUs, 0U);
+    ASSERT_THAT(figures.watched, SizeIs(1));
+    EXPECT_EQ(figures.watched[0].silentUs, 0U);
+    EXPECT_EQ(figures.watched[0].marginUs, figures.watched[0].limitUs);
 }
 
 TEST_F(DiagnosticsValuesTest, ShortPeriodTimersHaveTheirKind) {

@@ -7,7 +7,8 @@
 /// everyone; they hold nothing secret. Units are in the names: Us are microseconds, Bytes bytes, everything
 /// else is a number of things. A time "of day" is CLOCK_REALTIME in microseconds since 1970; durations are of
 /// CLOCK_MONOTONIC. Figures of events (calls, jobs, runs, expiries) count from when diagnostics were switched
-/// on in this process.
+/// on in this process; those of pools, components, timers, pipes and watches from when recording began last,
+/// and they are 0 while nothing is recorded.
 ///
 ///     const Typed::BlockingProxy<Diagnostics1> proxy("com.example.Thermostat", Diagnostics1::PATH);
 ///     const Typed::Outcome<Figures> figures = proxy.Call(Diagnostics1::Snapshot);
