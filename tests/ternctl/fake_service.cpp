@@ -3,8 +3,8 @@
 //     ternctl-fake-service NAME MODE
 //
 // calm: nothing deserves attention. troubled: everything does. growing: figures grow with time, queues with
-// each look. hostile: texts and figures that no honest service has. young: no former life, nothing recorded.
-// none: no diagnostics.
+// each look. stalling: each second answer with events takes 0.6 s. hostile: texts and figures that no honest
+// service has. young: no former life, nothing recorded. none: no diagnostics.
 
 #include <systemd/sd-daemon.h>
 #include <tern/diagnostics/contract.h>
@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -214,6 +215,9 @@ private:
         if (mMode == "growing") {
             mEvents += 3;
         }
+        if (mMode == "stalling" && ++mAnswers % 2 == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        }
         most = most == 0 ? 1000 : std::min<std::uint32_t>(most, 1000);
         const std::uint64_t oldest = mEvents > CAPACITY ? mEvents - CAPACITY + 1 : 1;
         const std::uint64_t first = std::max(after + 1, oldest);
@@ -271,6 +275,7 @@ private:
     const Clock::time_point mBegin = Clock::now();
     std::uint32_t mLooks = 0;
     std::uint64_t mEvents = EVENTS;
+    unsigned mAnswers = 0;  ///< with events
     std::string mLogLevel = "notice";
     std::string mVersion = "1.4.2";
     std::string mEnded = "stopped";

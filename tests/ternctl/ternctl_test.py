@@ -684,6 +684,18 @@ class Events(Case):
         self.check(result, DONE, None, None)
         self.assertEqual(result.err.count("waiting for it"), 1)
 
+    def test_what_came_before_a_late_answer_is_printed_once(self):
+        bus = self.with_bus("stalling")
+        following = Running(
+            bus, "events", "com.example.stalling", "--follow", "--last", "1500", "--full", "--json", "--timeout", "0.3"
+        )
+        wait_for(lambda: following.text("out").count("\n") >= 1500, "all events")
+        result = following.finish()
+        self.check(result, DONE, None, None)
+        numbers = [json.loads(line)["Sequence"] for line in result.out.splitlines()]
+        self.assertEqual((len(numbers), numbers[-1] - numbers[0]), (1500, 1499))
+        self.assertEqual(len(set(numbers)), 1500)
+
     def test_ends_with_the_bus(self):
         bus = self.with_bus("growing")
         following = Running(bus, "events", "com.example.growing", "--follow")

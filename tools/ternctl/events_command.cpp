@@ -120,6 +120,10 @@ private:
         mAfter = ReadAll(*mService, mAfter, UINT64_MAX, MOST_ANSWERS_WHEN_FOLLOWING,
                          [&](const std::vector<RecordedEvent>& events, std::uint64_t lost) {
                              PrintPiece(events, isFirst ? 0 : lost);
+                             if (!events.empty()) {
+                                 // The next answer may not come.
+                                 mAfter = std::max(mAfter, events.back().sequence);
+                             }
                          });
         mTold.clear();
     }
