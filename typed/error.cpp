@@ -1,5 +1,7 @@
 #include <tern/typed/error.h>
 
+#include <tern/typed/basic.h>
+
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -112,29 +114,17 @@ StatusCode StatusOf(std::string_view name) {
     return StatusCode::Failure;
 }
 
-/// How many bytes the character at the beginning of `text` takes; 0 when it is none of UTF-8, or NUL.
+/// How many bytes the character at the beginning of `text` takes; 0 when it is none that can be sent.
 std::size_t CharacterSize(std::string_view text) {
-    const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char first = byte(0);
-    if (first < 0x80) {
-        return first != 0 ? 1 : 0;
-    }
-    const std::size_t size = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
-    if (size > text.size()) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < size; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    // Longer than needed, a surrogate, or beyond the last character.
-    const bool isOdd = (first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) ||
-                       (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F);
-    return isOdd ? 0 : size;
+    const auto first = static_cast<unsigned char>(text.front());
+    const std::size_t size = first < 0xC0 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    return IsText(text.substr(0, size)) ? size : 0;
 }
 
 std::string MakeFit(std::string_view text) {
+    if (IsText(text)) {
+        return std::string(text);
+    }
     std::string fit;
     fit.reserve(text.size());
     while (!text.empty()) {

@@ -200,7 +200,17 @@ TEST(Error, TextIsMadeFitToBeSent) {
                        {"\xED\x9F\xBF", "\xED\x9F\xBF"},
                        {"\xF0\x8F\xBF\xBF", "????"},
                        {"\xF0\x90\x80\x80", "\xF0\x90\x80\x80"},
-                       {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},
+                       {"\xF4\x8F\xBF\xBD", "\xF4\x8F\xBF\xBD"},
+                       // No characters: sd-bus refuses to send them.
+                       {"\xF4\x8F\xBF\xBF", "????"},
+                       {"\xF0\x9F\xBF\xBE", "????"},
+                       {"\xEF\xB7\x8F", "\xEF\xB7\x8F"},
+                       {"\xEF\xB7\x90", "???"},
+                       {"\xEF\xB7\xAF", "???"},
+                       {"\xEF\xB7\xB0", "\xEF\xB7\xB0"},
+                       {"\xEF\xBF\xBD", "\xEF\xBF\xBD"},
+                       {"a\xEF\xBF\xBEz", "a???z"},
+                       {"\xEF\xBF\xBF", "???"},
                        {"\xF4\x90\x80\x80", "????"},
                        {"\xF5\x80\x80\x80", "????"},
                        {"\xFF", "?"}};

@@ -31,7 +31,7 @@ const std::string BAD_TEXT = "\xFF";
 constexpr const char* FAILED = "org.freedesktop.DBus.Error.Failed";
 constexpr const char* NO_MEMORY = "org.freedesktop.DBus.Error.NoMemory";
 
-enum class Thrown { Nothing, BadAlloc, RuntimeError, Error, Number, BadText };
+enum class Thrown { Nothing, BadAlloc, RuntimeError, Error, UnsendableError, Number, BadText };
 
 struct Trap1 {
     static constexpr const char* NAME = "com.example.Trap1";
@@ -66,6 +66,8 @@ std::string ThrowIt(Thrown thrown) {
             throw std::runtime_error("secret of the service");
         case Thrown::Error:
             throw Error("com.example.Error.Thrown", "as it is");
+        case Thrown::UnsendableError:
+            throw Error("com.example.Error.Thrown", "no character: \xEF\xBF\xBE");
         case Thrown::Number:
             throw 42;
         case Thrown::BadText:
@@ -196,6 +198,19 @@ TEST(Handling, NothingThrownLeavesAHandlerOfAnyKind) {
             on.trap.thrown = gReading = Thrown::Nothing;
             EXPECT_EQ(on.Use(member).name, "");  // the next one is served
         }
+    }
+}
+
+/// sd-bus does not send U+FFFE. A caller whose error had it in its text got no answer at all.
+TEST(Handling, AnErrorIsAnsweredWhateverItsTextIs) {
+    for (const std::string member : {"Void", "Value", "Status", "Maybe", "Two", "Known", "Costly", "Read",
+                                     "MaybeRead", "Written", "MaybeWritten"}) {
+        SCOPED_TRACE(member);
+        TrapOnWire on;
+        (member == "Costly" ? gReading : on.trap.thrown) = Thrown::UnsendableError;
+        const Answer answer = on.Use(member);
+        EXPECT_EQ(answer.name, "com.example.Error.Thrown");
+        EXPECT_EQ(answer.text, "no character: ???");
     }
 }
 

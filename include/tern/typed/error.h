@@ -24,7 +24,8 @@ using mw::tern::StatusCode;
 /// Both parts are fit to be sent, whatever they were created from: a message bus drops the connection of a
 /// service that sends it anything else. A name that is no D-Bus error name is replaced by
 /// "org.freedesktop.DBus.Error.Failed" and put in front of the text; in the text each byte that is not part
-/// of UTF-8 text is replaced by a question mark, as is NUL.
+/// of UTF-8 text is replaced by a question mark, as is NUL. So are the bytes of what is reserved and stands
+/// for no character, such as U+FFFE: sd-bus does not send them.
 ///
 /// A value: immutable except by assignment, any thread. Its creation allocates and may throw std::bad_alloc.
 class TERN_API Error {
