@@ -232,18 +232,18 @@ int BusCore::Register(Object& object) {
     return 0;
 }
 
-/// Whether one with the same interface at the same path was removed in this turn.
+/// Whether one with the same interface at the same path was removed in this turn, and nobody has taken the
+/// place since.
 bool BusCore::IsLeaving(const Object& object) const {
-    for (const Object& grave : mGraves) {
-        for (const auto& former : grave.interfaces) {
-            for (const auto& interface : object.interfaces) {
-                if (grave.path == object.path && former->GetName() == interface->GetName()) {
-                    return true;
-                }
-            }
-        }
-    }
-    return false;
+    const auto isRival = [&object](const Object& other) {
+        return &other != &object && other.path == object.path &&
+               std::any_of(other.interfaces.begin(), other.interfaces.end(), [&object](const auto& its) {
+                   return std::any_of(object.interfaces.begin(), object.interfaces.end(),
+                                      [&its](const auto& own) { return own->GetName() == its->GetName(); });
+               });
+    };
+    return std::any_of(mGraves.begin(), mGraves.end(), isRival) &&
+           std::none_of(mObjects.begin(), mObjects.end(), isRival);
 }
 
 StatusCode BusCore::Adopt(InterfaceBase& interface, std::string path) {

@@ -110,6 +110,38 @@ TEST_F(BusTest, TellsOfASuccessorThatIsRefusedLater) {
         "Failed to export com.example.Room1 of /com/example/rooms/one (-12, Cannot allocate memory)")));
 }
 
+TEST_F(BusTest, OneSuccessorInATurnIsTaken) {
+    const auto exportTwo = [&] {
+        mServed->exported.clear();
+        mServed->Export(PATH).level = 9;
+        const Exported second = mServed->typed->Export(PATH, std::make_unique<Room>());
+        EXPECT_EQ(second.GetStatus(), StatusCode::AlreadyExists);
+        EXPECT_FALSE(second);
+        // A further interface does not make it another.
+        EXPECT_EQ(
+            mServed->typed->Export(PATH, std::make_unique<Door>(), std::make_unique<Room>()).GetStatus(),
+            StatusCode::AlreadyExists);
+    };
+    const std::vector<std::string> replaced{
+        "removed /com/example/rooms/one com.example.Room1",
+        "added /com/example/rooms/one com.example.Room1 Level=9 Serial=3 Target=5"};
+    const auto refused = tern::test::Error(
+        "Typed", "Failed to export com.example.Room1 of /com/example/rooms/one (-17, File exists)");
+    mServed->On(exportTwo);
+    EXPECT_EQ(mPeer->Seen(), replaced);
+    EXPECT_THAT(mLog.Entries("Typed"), ElementsAre(refused, refused));
+    // In a handler of the former one the first of them waits for its place.
+    mServed->On([&] {
+        mServed->exported.clear();
+        mServed->Export(PATH).onDo = [&](Room&) { exportTwo(); };
+    });
+    mPeer->Seen();
+    EXPECT_EQ(Do(), "");
+    EXPECT_EQ(mPeer->Seen(), replaced);
+    EXPECT_THAT(mLog.Entries("Typed"), ElementsAre(refused, refused, refused, refused));
+    EXPECT_EQ(mServed->Count().objects, 1U);
+}
+
 TEST_F(BusTest, AHandlerMayDestroyItsOwnObject) {
     bool isDead = false;
     room->onDeath = [&] { isDead = true; };

@@ -162,7 +162,8 @@ public:
     ///
     /// A handler may end its own object and export its successor at the same path: sd-bus frees the place
     /// when the handler has returned, so the successor is there from the end of the turn. Where sd-bus
-    /// refuses it then, it is logged, and the object is not there.
+    /// refuses it then, it is logged, and the object is not there. Until then the place is the successor's:
+    /// for another one it is AlreadyExists.
     [[nodiscard]] Exported Export(std::string path, std::vector<std::unique_ptr<InterfaceBase>> interfaces);
     /// The same for one interface, or for several given one by one.
     template <std::derived_from<InterfaceBase> First, std::derived_from<InterfaceBase>... Further>
