@@ -353,14 +353,29 @@ void BusCore::EndTurn() {
         }
     }
     AnnounceNew();
-    mChanges.Announce(mBus, mSession->loop, Changes::Which::Due);
+    AnnounceChanges(Changes::Which::Due);
 }
 
 void BusCore::Flush() {
     if (IsOpen()) {
         AnnounceNew();
-        mChanges.Announce(mBus, mSession->loop, Changes::Which::All);
+        AnnounceChanges(Changes::Which::All);
     }
+}
+
+void BusCore::AnnounceChanges(Changes::Which which) {
+    mChanges.Announce(mBus, mSession->loop, which,
+                      [this](const InterfaceBase& interface) { return IsWaiting(interface); });
+}
+
+/// Whether it is of an object whose place another one still has: sd-bus would read that one's values.
+bool BusCore::IsWaiting(const InterfaceBase& interface) const {
+    // None waits but for one in its grave.
+    return !mGraves.empty() && std::any_of(mObjects.begin(), mObjects.end(), [&](const Object& object) {
+        return object.state == Object::State::Waiting &&
+               std::any_of(object.interfaces.begin(), object.interfaces.end(),
+                           [&](const auto& own) { return own.get() == &interface; });
+    });
 }
 
 /// Getters run meanwhile, which may export and remove what they like.

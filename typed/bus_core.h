@@ -112,10 +112,12 @@ private:
     int AddSources(sd_event* loop);
     int Register(Object& object);
     bool IsLeaving(const Object& object) const;
+    bool IsWaiting(const InterfaceBase& interface) const;
     bool IsRoot(const std::string& path) const { return mRoots.count(path) > 0; }
     void WakeTurn() noexcept;
     void EndTurn();
     void AnnounceNew();
+    void AnnounceChanges(Changes::Which which);
     void AnnounceOne(std::uint64_t id);
     void LogUnannounced(const std::string& path, int error) noexcept;
     void ClearGraves() noexcept;

@@ -58,7 +58,8 @@ void Changes::SetPeriod(std::uint64_t period) {
     }
 }
 
-void Changes::Announce(sd_bus* bus, sd_event* loop, Which which) {
+void Changes::Announce(sd_bus* bus, sd_event* loop, Which which,
+                       const std::function<bool(const InterfaceBase&)>& isWaiting) {
     if (mIsAnnouncing) {
         return;
     }
@@ -87,7 +88,7 @@ void Changes::Announce(sd_bus* bus, sd_event* loop, Which which) {
         // By index: a getter may export and remove what it likes.
         for (std::size_t i = 0; i < mAnnounced.size(); ++i) {
             InterfaceBase* const interface = mAnnounced[i];
-            if (interface == nullptr) {
+            if (interface == nullptr || isWaiting(*interface)) {
                 continue;
             }
             if (mPeriod > 0) {

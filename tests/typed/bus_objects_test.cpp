@@ -110,6 +110,43 @@ TEST_F(BusTest, TellsOfASuccessorThatIsRefusedLater) {
         "Failed to export com.example.Room1 of /com/example/rooms/one (-12, Cannot allocate memory)")));
 }
 
+/// Until the handler has returned sd-bus reads the values of the former one: its Level was announced as that
+/// of its successor, whose own change nobody heard of then.
+TEST_F(BusTest, ASuccessorThatWaitsForItsPlaceIsAnnouncedWithItsOwnValues) {
+    const auto replaceAndFlush = [&](Room& it) {
+        it.level = 5;
+        mServed->exported.clear();
+        mServed->Export(PATH).SetLevel(6);
+        Room& other = mServed->Export(OTHER);
+        mServed->typed->Flush();
+        other.SetLevel(7);
+        mServed->typed->Flush();
+    };
+    room->onDo = replaceAndFlush;
+    EXPECT_EQ(Do(), "");
+    EXPECT_THAT(mPeer->Seen(),
+                ElementsAre("removed /com/example/rooms/one com.example.Room1",
+                            std::string("added ") + OTHER + VALUES,
+                            std::string("changed ") + OTHER + " com.example.Room1 Level=7",
+                            "added /com/example/rooms/one com.example.Room1 Level=6 Serial=3 Target=5"));
+    EXPECT_THAT(mLog.Entries(), IsEmpty());
+}
+
+TEST_F(BusTest, ASuccessorWithoutAnObjectManagerAboveAnnouncesItsChanges) {
+    constexpr const char* ELSEWHERE = "/org/example/room";
+    mServed->On([&] {
+        mServed->Export(ELSEWHERE).onDo = [&](Room& it) {
+            it.level = 5;
+            mServed->exported.clear();
+            mServed->Export(ELSEWHERE).SetLevel(6);
+            mServed->typed->Flush();
+        };
+    });
+    EXPECT_EQ(Do(ELSEWHERE), "");
+    EXPECT_THAT(mPeer->Seen(), ElementsAre("removed /com/example/rooms/one com.example.Room1",
+                                           "changed /org/example/room com.example.Room1 Level=6"));
+}
+
 TEST_F(BusTest, OneSuccessorInATurnIsTaken) {
     const auto exportTwo = [&] {
         mServed->exported.clear();

@@ -187,8 +187,8 @@ public:
     bool Post(Job job);
 
     /// Sends now what would wait for the end of the turn: announcements of new objects, and all changes,
-    /// those that the period holds back included. Does nothing while it is at it already, for example when a
-    /// getter calls it.
+    /// those that the period holds back included. An object that waits for its place, see Export, is left for
+    /// the end of the turn. Does nothing while it is at it already, for example when a getter calls it.
     void Flush();
 
     /// Against floods: the first change of an interface is announced at the end of its turn, later ones once
