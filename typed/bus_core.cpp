@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 #include "foundation/error_text.h"
@@ -133,17 +134,24 @@ void BusCore::Close() noexcept {
         interface->Detach();
     }
     mAdopted.clear();
-    for (Object& object : mObjects) {
-        object.slots.clear();
-        for (const auto& interface : object.interfaces) {
-            interface->Detach();
-        }
+    for (auto next = mObjects.begin(); next != mObjects.end();) {
+        TakeOff(*next);
+        // A coroutine that ended there may have held the object, which lies in its grave now.
+        next = mById.count(next->id) > 0 ? std::next(next) : mObjects.begin();
     }
     mAsked = mSession->credentials.GetAsked();
     TaskThread::Close();
     mSession.reset();
     mBus = nullptr;
     ClearGraves();
+}
+
+/// Of a bus that has closed. Harmless to repeat.
+void BusCore::TakeOff(Object& object) noexcept {
+    object.slots.clear();
+    for (const auto& interface : object.interfaces) {
+        interface->Detach();
+    }
 }
 
 StatusCode BusCore::AddObjectManager(const std::string& path) {
@@ -271,7 +279,11 @@ void BusCore::Remove(std::uint64_t id) noexcept {
     mGraves.splice(mGraves.end(), mObjects, found->second);
     mById.erase(found);
     if (!IsOpen()) {
-        ClearGraves();
+        TakeOff(object);
+        // While the bus closes it may be one of its coroutines that ends.
+        if (!mSession.has_value()) {
+            ClearGraves();
+        }
         return;
     }
     object.slots.clear();

@@ -111,6 +111,7 @@ private:
 
     int AddSources(sd_event* loop);
     int Register(Object& object);
+    static void TakeOff(Object& object) noexcept;
     bool IsLeaving(const Object& object) const;
     bool IsWaiting(const InterfaceBase& interface) const;
     bool IsRoot(const std::string& path) const { return mRoots.count(path) > 0; }

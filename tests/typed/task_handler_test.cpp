@@ -311,6 +311,41 @@ TEST_F(TaskHandlerTest, IsAnsweredAndEndsWhenTheBusCloses) {
     EXPECT_EQ(mServed->result, 0);
 }
 
+/// What still waits then is destroyed with what it holds: here the objects, its own among them, which was
+/// destroyed while its coroutine was.
+TEST_F(TaskHandlerTest, MayHoldItsOwnObjectWhenTheBusCloses) {
+    struct AtEnd {
+        std::vector<std::string>& seen;
+        ~AtEnd() { seen.push_back("ended"); }
+    };
+    std::vector<std::string> seen;
+    mServed->On([&] {
+        hall->onDeath = [&] { seen.push_back("dead"); };
+        hall->onWork = [&](Hall::Number) -> Task<> {
+            const AtEnd atEnd{seen};
+            const std::vector<Exported> objects = std::move(mServed->exported);
+            co_await hall->gate;  // never opened
+        };
+        auto made = std::make_unique<Hall>();
+        Hall& other = *made;
+        other.onDeath = [&] { seen.push_back("other dead"); };
+        other.onWork = [&](Hall::Number) -> Task<> {
+            const AtEnd atEnd{seen};
+            co_await other.gate;  // the same
+        };
+        mServed->exported.push_back(mServed->typed->Export("/com/example/other", std::move(made)));
+    });
+    mPeer->Send(answers, "/com/example/other", HALL, "Work", "u", 1U);
+    Send("Work", "u", 1U);
+    ASSERT_TRUE(WaitForOpenCalls(2));
+    mServed->onStop = [&] { EXPECT_THAT(seen, testing::SizeIs(4)); };
+    mServed->End();
+    ASSERT_TRUE(Wait(2));
+    EXPECT_THAT(answers, testing::Each("org.freedesktop.DBus.Error.NoReply: the service is stopping"));
+    EXPECT_THAT(seen, ElementsAre("ended", "ended", testing::EndsWith("dead"), testing::EndsWith("dead")));
+    EXPECT_EQ(mServed->result, 0);
+}
+
 TEST_F(TaskHandlerTest, ManyRunAtOnceAndEndInAnyOrder) {
     constexpr Hall::Number COUNT = 50;
     mServed->On([&] {

@@ -33,8 +33,8 @@ struct ReplyState;
 /// after what this thread posted before; no limit refuses it.
 ///
 /// Once the bus has closed there is nothing to be taken from it any more. The implementation is then
-/// destroyed here on the D-Bus thread; on another thread it is left to the bus's destructor. An export that
-/// outlives the bus does nothing.
+/// destroyed here on the D-Bus thread, or, while Close is still at work, at its end; on another thread it is
+/// left to the bus's destructor. An export that outlives the bus does nothing.
 ///
 /// Any thread, one at a time.
 class TERN_API Exported {

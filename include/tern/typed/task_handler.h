@@ -22,7 +22,8 @@
 /// before it is destroyed, and their callers are answered "org.freedesktop.DBus.Error.Failed", "the service
 /// dropped the call". One that takes its own object from the bus goes on to its next co_await. When the bus
 /// closes, the calls are answered "org.freedesktop.DBus.Error.NoReply", "the service is stopping", then the
-/// coroutines are resumed with `Stopping`, and those that still wait end.
+/// coroutines are resumed with `Stopping`, and those that still wait end. What they hold may be objects of
+/// the bus (Exported), their own as well.
 ///
 /// Costs two allocations more than a handler with a Reply.
 
