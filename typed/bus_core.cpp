@@ -39,7 +39,11 @@ BusCore::Session::Session(BusCore& core, sd_event* event)
                   core.OnNoCallOpen();
               }
           },
-          [&core] { return core.mReplies->calls.GetSenders(); }),
+          [&core] {
+              std::set<std::string> names = core.mReplies->calls.GetSenders();
+              core.mSession->credentials.AddSenders(names);
+              return names;
+          }),
       credentials(core.mBus, [this] { departures.Need(); }),
       checks(*core.mReplies, credentials) {}
 

@@ -116,6 +116,12 @@ int Credentials::Ask(std::string_view sender, WhenKnown whenKnown) {
     return 0;
 }
 
+void Credentials::AddSenders(std::set<std::string>& names) const {
+    for (const Entry& entry : mKept) {
+        names.insert(entry.sender);
+    }
+}
+
 void Credentials::Forget(std::string_view sender) noexcept {
     const auto found = mBySender.find(sender);
     if (found != mBySender.end()) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <list>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -53,6 +54,8 @@ public:
     /// those that ask already, never within this call. Otherwise a negative error number. Throws
     /// std::bad_alloc.
     int Ask(std::string_view sender, WhenKnown whenKnown);
+    /// Adds the names of all that are kept. Throws std::bad_alloc.
+    void AddSenders(std::set<std::string>& names) const;
     /// The connection has left.
     void Forget(std::string_view sender) noexcept;
 

@@ -199,6 +199,42 @@ TEST_F(CallerTest, WhoLeavesBeforeItIsKnownLeavesNothingBehind) {
     EXPECT_EQ(mServed->Count().unsentReplies, 0U);
 }
 
+/// Nobody reports who has left before the bus was told to. Such a caller stayed known for ever, and with it
+/// the watch for departures, which wakes the service with each connection that ends.
+TEST_F(CallerTest, WhoLeavesBeforeDeparturesAreWatchedIsForgotten) {
+    std::optional<Peer> hasty(std::in_place);
+    const std::string name = hasty->Name();
+    std::atomic<bool> isAsked = false;
+    room->onAsk = [&](Room&, const Caller& caller) -> Number {
+        EXPECT_EQ(caller.GetUid(), getuid());
+        isAsked = true;
+        return 1;
+    };
+    const FaultScope scope(fault_sd_bus_add_match_async);
+    fault_sd_bus_add_match_async.Replace(
+        [&](auto... arguments) {
+            hasty->Leave();
+            Peer other;
+            EXPECT_TRUE(WaitUntil([&] {
+                sd_bus_message* reply = nullptr;
+                int hasOwner = 1;
+                Peer::Check(sd_bus_call_method(other.Get(), "org.freedesktop.DBus", "/",
+                                               "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s",
+                                               name.c_str()));
+                const Peer::Message owner(reply);
+                Peer::Check(sd_bus_message_read_basic(reply, 'b', &hasOwner));
+                return hasOwner == 0;
+            }));
+            return fault_sd_bus_add_match_async.Real(arguments...);
+        },
+        1);
+    std::vector<std::string> ignored;
+    hasty->Send(ignored, PATH, ROOM, "Ask");
+    EXPECT_TRUE(WaitUntil([&] { return isAsked.load(); }));
+    EXPECT_TRUE(WaitUntil([&] { return mServed->Count().knownCallers == 0; }));
+    EXPECT_EQ(fault_sd_bus_add_match_async.Calls(), 1);
+}
+
 TEST_F(CallerTest, WhoCannotBeFoundOutIsRefused) {
     const FaultScope scope(fault_sd_bus_call_method_async);
     AskThePeer();

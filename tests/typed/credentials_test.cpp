@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 
 namespace mwl::Typed {
@@ -23,6 +24,9 @@ TEST(Credentials, KeepsWhatWasFoundOut) {
     EXPECT_EQ(credentials.Keep(":1.1", {0, 1})->uid, 1000U) << "it never changes";
     EXPECT_EQ(kept, 1);
     EXPECT_EQ(credentials.GetSize(), 1U);
+    std::set<std::string> names{":1.9"};
+    credentials.AddSenders(names);
+    EXPECT_EQ(names, (std::set<std::string>{":1.1", ":1.9"}));
     credentials.Forget(":1.2");
     credentials.Forget(":1.1");
     EXPECT_EQ(credentials.Find(":1.1"), nullptr);
