@@ -357,7 +357,17 @@ int BusCore::OnExit(sd_event_source*, void* userdata) {
 void BusCore::EndTurn() {
     mPostponed.TellAll();
     // No handler runs any more.
+    RegisterWaiting();
     ClearGraves();
+    AnnounceNew();
+    AnnounceChanges(Changes::Which::Due);
+}
+
+/// Before anybody else can take the place: the destructors of the former ones may do anything.
+void BusCore::RegisterWaiting() {
+    // Not in their graves meanwhile, so that a refusal is one.
+    Objects former;
+    former.swap(mGraves);
     for (std::size_t i = 0; i < mNew.size(); ++i) {
         const auto found = mById.find(mNew[i]);
         if (found == mById.end() || found->second->state != Object::State::Waiting) {
@@ -368,8 +378,7 @@ void BusCore::EndTurn() {
             Remove(mNew[i]);
         }
     }
-    AnnounceNew();
-    AnnounceChanges(Changes::Which::Due);
+    mGraves.splice(mGraves.begin(), former);
 }
 
 void BusCore::Flush() {

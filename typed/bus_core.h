@@ -117,6 +117,7 @@ private:
     bool IsRoot(const std::string& path) const { return mRoots.count(path) > 0; }
     void WakeTurn() noexcept;
     void EndTurn();
+    void RegisterWaiting();
     void AnnounceNew();
     void AnnounceChanges(Changes::Which which);
     void AnnounceOne(std::uint64_t id);

@@ -132,6 +132,27 @@ TEST_F(BusTest, ASuccessorThatWaitsForItsPlaceIsAnnouncedWithItsOwnValues) {
     EXPECT_THAT(mLog.Entries(), IsEmpty());
 }
 
+TEST_F(BusTest, TheFormerObjectIsDestroyedWhenItsSuccessorHasItsPlace) {
+    room->onDeath = [&] {
+        mServed->typed->Flush();
+        const Exported second = mServed->typed->Export(PATH, std::make_unique<Room>());
+        EXPECT_EQ(second.GetStatus(), StatusCode::AlreadyExists);
+    };
+    room->onDo = [&](Room&) {
+        mServed->exported.clear();
+        mServed->Export(PATH).SetLevel(6);
+    };
+    EXPECT_EQ(Do(), "");
+    EXPECT_THAT(mPeer->WaitForSignals(2),
+                ElementsAre("removed /com/example/rooms/one com.example.Room1",
+                            "added /com/example/rooms/one com.example.Room1 Level=6 Serial=3 Target=5"));
+    EXPECT_EQ(mServed->Count().objects, 1U);
+    EXPECT_THAT(mLog.Entries(),
+                ElementsAre(tern::test::Error("Typed",
+                                              "Failed to export com.example.Room1 of /com/example/rooms/one "
+                                              "(-17, File exists)")));
+}
+
 TEST_F(BusTest, ASuccessorWithoutAnObjectManagerAboveAnnouncesItsChanges) {
     constexpr const char* ELSEWHERE = "/org/example/room";
     mServed->On([&] {
