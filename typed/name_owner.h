@@ -24,7 +24,8 @@ void AssertDBusThread(const ReplyState& state) noexcept;
 /// whoever subscribes to signals of the name after Of() knows the owner before the first of them arrives, and
 /// what it knows while a message is handled is what the message bus knew when it passed the message on.
 ///
-/// D-Bus thread only. Once the bus closes nobody is notified any more.
+/// D-Bus thread only, except GetState, GetStatus, GetOwner, Remove and the destructor once the bus has
+/// closed. Once it closes nobody is notified any more.
 class NameOwner final : private Stoppable, public std::enable_shared_from_this<NameOwner> {
 public:
     enum class State {
@@ -64,7 +65,12 @@ public:
     /// In the order of Add; the first state is not reported again when it is known already. Returns the
     /// number for Remove. The listener is held weakly. Throws std::bad_alloc.
     std::uint64_t Add(std::weak_ptr<Listener> listener);
-    void Remove(std::uint64_t id) noexcept { mListeners.erase(id); }
+    /// Does nothing once stopped, when listeners may be removed by any thread, and by several.
+    void Remove(std::uint64_t id) noexcept {
+        if (mState != State::Stopped) {
+            mListeners.erase(id);
+        }
+    }
 
 private:
     void Begin();

@@ -3,8 +3,11 @@
 #include <systemd/sd-bus.h>
 #include <tern/typed/peer_watch.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <latch>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -429,6 +432,30 @@ TEST_F(PeerWatchTest, IsSilentWhenTheBusCloses) {
     EXPECT_EQ(afterwards.GetStatus(), StatusCode::NotInitialized);
     mServed.typed.reset();
     EXPECT_EQ(mWatch.GetStatus(), StatusCode::Stopping);
+}
+
+/// Watches of one name share who knows its owner, and went out of one list of theirs at the same time.
+TEST_F(PeerWatchTest, SeveralAreDestroyedByAnyThreadsOnceTheBusHasClosed) {
+    constexpr std::size_t COUNT = 20000;
+    std::array<std::vector<PeerWatch>, 2> watches;
+    mServed.On([&] {
+        for (std::size_t i = 0; i < COUNT; ++i) {
+            watches[i % watches.size()].emplace_back(*mServed.typed, NAME, nullptr, nullptr);
+        }
+    });
+    mServed.End();
+    EXPECT_EQ(watches[0].front().GetStatus(), StatusCode::Stopping);
+    std::latch begin(watches.size());
+    std::vector<std::thread> threads;
+    for (std::vector<PeerWatch>& some : watches) {
+        threads.emplace_back([&] {
+            begin.arrive_and_wait();
+            some.clear();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
 TEST_F(PeerWatchTest, IsSilentWhenTheConnectionIsLost) {
