@@ -44,10 +44,11 @@ int CallerChecks::Check(InterfaceBase& interface, sd_bus_message* call, int capa
     // A message bus reports nobody's capabilities, so that for sd-bus too the user decides.
     const bool isContinued = call == mContinued;
     const Identity* const known = isContinued ? mSender : mCredentials.Find(sender);
-    if (known != nullptr || isContinued) {
-        return known != nullptr && IsPrivileged(*known) ? 1 : Refuse(interface, call, error);
-    }
     try {
+        // Known from elsewhere while others of this sender wait: behind them.
+        if (isContinued || (known != nullptr && !mCredentials.IsAsking(sender))) {
+            return known != nullptr && IsPrivileged(*known) ? 1 : Refuse(interface, call, error);
+        }
         return Park(interface, call, sender, handler, userdata, error);
     } catch (const std::bad_alloc&) {
         return sd_bus_error_set_const(error, SD_BUS_ERROR_NO_MEMORY, "out of memory");

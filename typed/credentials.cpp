@@ -140,9 +140,13 @@ int Credentials::OnAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*) 
             const auto asked = self.mQuestions.extract(question.sender);
             std::vector<WhenKnown> waiting = std::move(asked.mapped().waiting);
             Identity identity;
-            const bool isKnown = Read(reply, identity);
+            bool isKnown = Read(reply, identity);
             if (isKnown) {
                 self.Keep(asked.key(), identity);
+            } else if (const Identity* const kept = self.Find(asked.key())) {
+                // Found out elsewhere meanwhile.
+                identity = *kept;
+                isKnown = true;
             }
             for (WhenKnown& whenKnown : waiting) {
                 whenKnown(isKnown ? &identity : nullptr);

@@ -48,6 +48,10 @@ public:
 
     /// Null when not known. Valid until the next operation that is not const, except Find.
     const Identity* Find(std::string_view sender) noexcept;
+    /// Whether somebody who asked for it still waits. Throws std::bad_alloc.
+    bool IsAsking(std::string_view sender) const {
+        return !mQuestions.empty() && mQuestions.count(std::string(sender)) > 0;
+    }
     /// Keeps what was found out elsewhere. Throws std::bad_alloc.
     const Identity* Keep(std::string_view sender, const Identity& identity);
     /// Asks the bus, unless it is being asked, without waiting. 0 or above: `whenKnown` will be called, after

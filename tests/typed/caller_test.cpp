@@ -177,6 +177,37 @@ TEST_F(CallerTest, CallsOfOneSenderAreHandledInOrderAndAskedForOnce) {
     EXPECT_EQ(mServed->Count().askedCallers, 1U);
 }
 
+/// The second of them was handled at once, because another handler had found out meanwhile who calls, and the
+/// first one still waited for the answer.
+TEST_F(CallerTest, ACallDoesNotOvertakeOneThatWaitsForTheSameCaller) {
+    room->onAsk = [&](Room&, const Caller& caller) -> Number {
+        EXPECT_EQ(caller.GetUid(), getuid());
+        return 100;
+    };
+    Send(1);
+    mPeer->Send(mAnswers, PATH, ROOM, "Ask");
+    Send(2);
+    EXPECT_TRUE(mPeer->WaitForAnswers(mAnswers, 3));
+    EXPECT_THAT(mGuarded, ElementsAre(1U, 2U));
+    EXPECT_THAT(mAnswers, ElementsAre("100", "2", "3"));
+    EXPECT_EQ(Guarded(3), "4");
+    EXPECT_EQ(mServed->Count().askedCallers, 1U);
+}
+
+TEST_F(CallerTest, AQuestionThatFailsDoesNotRefuseWhoIsKnownMeanwhile) {
+    room->onAsk = [&](Room&, const Caller& caller) -> Number {
+        EXPECT_EQ(caller.GetUid(), getuid());
+        return 100;
+    };
+    const FaultScope scope(fault_sd_bus_call_method_async);
+    AskThePeer();
+    Send(1);
+    mPeer->Send(mAnswers, PATH, ROOM, "Ask");
+    Send(2);
+    EXPECT_TRUE(mPeer->WaitForAnswers(mAnswers, 3));
+    EXPECT_THAT(mAnswers, ElementsAre("100", "2", "3"));
+}
+
 TEST_F(CallerTest, WhoLeavesTheBusIsForgotten) {
     EXPECT_EQ(Guarded(1), "2");
     EXPECT_EQ(mServed->Count().knownCallers, 1U);

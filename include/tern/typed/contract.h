@@ -96,6 +96,9 @@ constexpr Flags Needs(int capability) {
 /// As closed as without OPEN, or as with the given Needs, and checked by the typed bus, which remembers who
 /// its callers are. sd-bus itself asks the message bus for the caller's credentials in every call, and the
 /// D-Bus thread waits meanwhile. For methods. An interface that is on no typed bus has sd-bus ask.
+///
+/// The first call of a caller waits until the message bus has answered. Calls of Checked methods stay in
+/// their order; other calls of this caller, and accesses to properties, overtake the one that waits.
 constexpr Flags Checked(Flags policy = Needs(CAP_SYS_ADMIN)) {
     return {policy.bits, policy.capability >= 0 ? policy.capability : CAP_SYS_ADMIN, true, policy.isTwofold};
 }
