@@ -187,7 +187,12 @@ void Handling::MarkChanged(std::uint64_t properties) noexcept {
 }
 
 void Handling::Keep(Task<void>&& task) noexcept {
-    mInterface.mState->tasks.Add(std::move(task));
+    Task<void> taken = std::move(task);
+    // One that has taken its own object from the bus ends here, where it waits: nobody else would end it
+    // before the object.
+    if (mInterface.GetAttachment() != nullptr) {
+        mInterface.mState->tasks.Add(std::move(taken));
+    }
 }
 
 template <class Refusal>

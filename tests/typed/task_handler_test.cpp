@@ -286,6 +286,30 @@ TEST_F(TaskHandlerTest, MayTakeItsOwnObjectFromTheBus) {
     EXPECT_FALSE(goesOn);
 }
 
+/// The object had no coroutines yet when it left the bus; this one was kept afterwards, and ended after the
+/// object's members.
+TEST_F(TaskHandlerTest, MayTakeItsOwnObjectFromTheBusBeforeItWaits) {
+    std::vector<std::string> seen;
+    struct AtEnd {
+        std::vector<std::string>& seen;
+        ~AtEnd() { seen.push_back("ended"); }
+    };
+    mServed->On([&] {
+        hall->onDeath = [&] { seen.push_back("dead"); };
+        hall->onWork = [&](Hall::Number) -> Task<> {
+            const AtEnd atEnd{seen};
+            mServed->exported.clear();
+            co_await hall->gate;
+        };
+    });
+    Send("Work", "u", 1U);
+    ASSERT_TRUE(Wait(1));
+    EXPECT_THAT(answers, ElementsAre("org.freedesktop.DBus.Error.Failed: the service dropped the call"));
+    mPeer->Ping();
+    mServed->End();
+    EXPECT_THAT(seen, ElementsAre("ended", "dead"));
+}
+
 TEST_F(TaskHandlerTest, IsAnsweredAndEndsWhenTheBusCloses) {
     std::optional<StatusCode> status;
     int alive = 0;

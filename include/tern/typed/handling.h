@@ -75,7 +75,8 @@ public:
     /// Takes the call over to be answered later. The number for its Reply, or 0: refused. From then on what
     /// the body throws is logged and changes nothing.
     std::uint64_t Defer(std::shared_ptr<ReplyState>& state) noexcept;
-    /// The interface keeps what answers a call that was taken over, and ends it when it leaves the bus.
+    /// The interface keeps what answers a call that was taken over, and ends it when it leaves the bus; now
+    /// if it has left.
     void Keep(Task<void>&& task) noexcept;
     /// Answers a call that was taken over with the error, and logs as for one that is answered immediately;
     /// does nothing for one that has been answered.
