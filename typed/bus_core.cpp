@@ -359,8 +359,7 @@ void BusCore::EndTurn() {
     // No handler runs any more.
     RegisterWaiting();
     ClearGraves();
-    AnnounceNew();
-    AnnounceChanges(Changes::Which::Due);
+    Announce(Changes::Which::Due);
 }
 
 /// Before anybody else can take the place: the destructors of the former ones may do anything.
@@ -383,22 +382,33 @@ void BusCore::RegisterWaiting() {
 
 void BusCore::Flush() {
     if (IsOpen()) {
-        AnnounceNew();
-        AnnounceChanges(Changes::Which::All);
+        Announce(Changes::Which::All);
     }
 }
 
-void BusCore::AnnounceChanges(Changes::Which which) {
+/// Does nothing within itself: what a getter changed would be announced before its object.
+void BusCore::Announce(Changes::Which which) {
+    if (mIsAnnouncing) {
+        return;
+    }
+    struct End {
+        bool& isAnnouncing;
+        ~End() { isAnnouncing = false; }
+    };
+    mIsAnnouncing = true;
+    const End end{mIsAnnouncing};
+    AnnounceNew();
     mChanges.Announce(mBus, mSession->loop, which,
-                      [this](const InterfaceBase& interface) { return IsWaiting(interface); });
+                      [this](const InterfaceBase& interface) { return IsNotAnnounced(interface); });
 }
 
-/// Whether it is of an object whose place another one still has: sd-bus would read that one's values.
-bool BusCore::IsWaiting(const InterfaceBase& interface) const {
-    // None waits but for one in its grave.
-    return !mGraves.empty() && std::any_of(mObjects.begin(), mObjects.end(), [&](const Object& object) {
-        return object.state == Object::State::Waiting &&
-               std::any_of(object.interfaces.begin(), object.interfaces.end(),
+/// Whether it is of an object that is still to be announced: one that came meanwhile, or one whose place
+/// another one still has, whose values sd-bus would read.
+bool BusCore::IsNotAnnounced(const InterfaceBase& interface) const {
+    return std::any_of(mNew.begin(), mNew.end(), [&](std::uint64_t id) {
+        const auto found = mById.find(id);
+        return found != mById.end() &&
+               std::any_of(found->second->interfaces.begin(), found->second->interfaces.end(),
                            [&](const auto& own) { return own.get() == &interface; });
     });
 }

@@ -113,13 +113,13 @@ private:
     int Register(Object& object);
     static void TakeOff(Object& object) noexcept;
     bool IsLeaving(const Object& object) const;
-    bool IsWaiting(const InterfaceBase& interface) const;
+    bool IsNotAnnounced(const InterfaceBase& interface) const;
     bool IsRoot(const std::string& path) const { return mRoots.count(path) > 0; }
     void WakeTurn() noexcept;
     void EndTurn();
     void RegisterWaiting();
+    void Announce(Changes::Which which);
     void AnnounceNew();
-    void AnnounceChanges(Changes::Which which);
     void AnnounceOne(std::uint64_t id);
     void LogUnannounced(const std::string& path, int error) noexcept;
     void ClearGraves() noexcept;
@@ -142,6 +142,7 @@ private:
     std::uint64_t mNextId = 1;
     /// The objects to be announced, in order; some may have gone.
     std::vector<std::uint64_t> mNew;
+    bool mIsAnnouncing = false;
     /// Removed in this turn: one of their handlers may be running.
     Objects mGraves;
     /// Paths of object managers.

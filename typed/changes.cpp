@@ -59,7 +59,7 @@ void Changes::SetPeriod(std::uint64_t period) {
 }
 
 void Changes::Announce(sd_bus* bus, sd_event* loop, Which which,
-                       const std::function<bool(const InterfaceBase&)>& isWaiting) {
+                       const std::function<bool(const InterfaceBase&)>& isNotAnnounced) {
     if (mIsAnnouncing) {
         return;
     }
@@ -88,7 +88,7 @@ void Changes::Announce(sd_bus* bus, sd_event* loop, Which which,
         // By index: a getter may export and remove what it likes.
         for (std::size_t i = 0; i < mAnnounced.size(); ++i) {
             InterfaceBase* const interface = mAnnounced[i];
-            if (interface == nullptr || isWaiting(*interface)) {
+            if (interface == nullptr || isNotAnnounced(*interface)) {
                 continue;
             }
             if (mPeriod > 0) {

@@ -46,10 +46,10 @@ public:
     /// turn.
     void SetPeriod(std::uint64_t period);
     /// Announces; what is not due wakes the turn again when it is. Getters run meanwhile, which may do
-    /// anything; a call by one of them does nothing. What `isWaiting` finds not to be on the bus yet is left
+    /// anything; a call by one of them does nothing. What is of an object that is not announced is left
     /// for the next time.
     void Announce(sd_bus* bus, sd_event* loop, Which which,
-                  const std::function<bool(const InterfaceBase&)>& isWaiting);
+                  const std::function<bool(const InterfaceBase&)>& isNotAnnounced);
     /// Releases what belongs to the loop.
     void Close() noexcept { mTimer.reset(); }
 

@@ -143,6 +143,35 @@ TEST_F(BusTest, AGetterMayChangeAndFlushWhileItIsAnnounced) {
                             "changed /com/example/rooms/one com.example.Room1 Mode?"));
 }
 
+/// The change of the second was announced before the second itself.
+TEST_F(BusTest, AGetterMayFlushWhileItsObjectComes) {
+    constexpr const char* THIRD = "/com/example/rooms/three";
+    mServed->On([&] {
+        mServed->Export(OTHER).onReadLevel = [&](Room&) { mServed->typed->Flush(); };
+        mServed->Export(THIRD).SetLevel(3);
+        room->SetLevel(2);
+    });
+    EXPECT_THAT(mPeer->Seen(),
+                ElementsAre(std::string("added ") + OTHER + VALUES,
+                            std::string("added ") + THIRD + " com.example.Room1 Level=3 Serial=3 Target=5",
+                            "changed /com/example/rooms/one com.example.Room1 Level=2"));
+}
+
+/// The same of one that comes while others are announced, and is announced in the next turn.
+TEST_F(BusTest, AGetterMayExportAndChangeWhileItsObjectComes) {
+    constexpr const char* THIRD = "/com/example/rooms/three";
+    mServed->On([&] {
+        mServed->Export(OTHER).onReadLevel = [&](Room& it) {
+            it.onReadLevel = nullptr;
+            mServed->Export(THIRD).SetLevel(3);
+        };
+    });
+    EXPECT_THAT(mPeer->WaitForSignals(2),
+                ElementsAre(std::string("added ") + OTHER + VALUES,
+                            std::string("added ") + THIRD + " com.example.Room1 Level=3 Serial=3 Target=5"));
+    EXPECT_THAT(mPeer->Seen(), IsEmpty());
+}
+
 TEST_F(BusTest, AGetterMayRemoveItsObjectWhileItIsAnnounced) {
     room->onReadLevel = [&](Room& it) {
         mServed->exported.clear();
