@@ -133,6 +133,11 @@ TEST_P(FileSystemCopy, PathsAreJoinedAsTheyAre) {
     EXPECT_EQ(FileSystem::CopyFolderContent(from, bare, true, true), StatusCode::Ok);
     EXPECT_EQ(ContentOf(bare + "file"), "content");
     EXPECT_FALSE(Exists(to + "file"));
+
+    const std::string bareFrom = from.substr(0, from.size() - 1);
+    MakeFile(bareFrom + "file", "of another file");
+    EXPECT_EQ(FileSystem::CopyFolderContent(bareFrom, to, true, true), StatusCode::Ok);
+    EXPECT_EQ(ContentOf(to + "file"), "of another file");
 }
 
 // What had been copied until a medium failed was a success once: half a backup was told as a whole one.
