@@ -54,6 +54,18 @@ debug_file() { readelf -n "$1" | sed -nE 's!.*Build ID: (..)(.*)!usr/lib/debug/.
 mkdir -p "$root"/{etc,var/lib/dpkg/{info,updates,triggers}}
 cp /var/lib/dpkg/status "$root/var/lib/dpkg/status"
 in_root() { dpkg --root="$root" --force-script-chrootless --force-not-root "$@" 2>"$work/dpkg.err" >"$work/dpkg.out"; }
+# What the documents say to install is complete: each command in a root of its own.
+for page in README.md docs/installing.md; do
+    named=$(sed -e ':a' -e '/\\$/{N;s/\\\n//;ba' -e '}' "$source/$page" | sed -n 's/.*apt install \(\.\/build.*\)/\1/p')
+    eval "files=(${named//.\/build\/packages\/debian/\"\$packages\"})"
+    rm -rf "$work/said" && cp -a "$root" "$work/said"
+    if [ ${#files[@]} -gt 1 ] && (root=$work/said && in_root -i "${files[@]}"); then
+        ok "$page names what belongs together"
+    else
+        fail "$page: what it names cannot be installed: $named"
+        grep -v 'files list file' "$work/dpkg.err"
+    fi
+done
 if in_root -i "${debs[@]}"; then ok "installed"; else
     fail "installation"
     grep -v 'files list file' "$work/dpkg.err"
