@@ -68,6 +68,7 @@ for name in "" Fan fan_control fan--control -fan fan- 2fan "fan control" "fan/co
 done
 refused 2 "'a23456789012345678901234567890bc' has 32 characters; *$hint" a23456789012345678901234567890bc "$work/refused"
 refused 2 "'test' has a meaning of its own in CMake$hint" test "$work/refused"
+refused 2 "'preinstall' has a meaning of its own in CMake$hint" preinstall "$work/refused"
 refused 2 "'root' is a user, group or service of the system$hint" root "$work/refused"
 refused 2 "'systemd-fan' is a user, *$hint" systemd-fan "$work/refused"
 for domain in com "" com. com..example 2com.example com.ex-ample; do
