@@ -86,7 +86,8 @@ StatusCode MeasurementLog::Begin() {
     } else if (EndsWithinLine(path) && mFile.put('\n').flush()) {
         ++mSize;
     }
-    return mFile ? StatusCode::Ok : StatusCode::OpenFailed;
+    // Where the newline found no room the next line finds none either, and is lost like any other.
+    return mFile.is_open() ? StatusCode::Ok : StatusCode::OpenFailed;
 }
 
 bool MeasurementLog::Write(double celsius, bool heating) {

@@ -23,7 +23,7 @@ public:
     /// what an earlier run has written. To be called only by who owns the service's name: another instance
     /// may be writing otherwise.
     ///
-    /// - Ok: measurements are taken.
+    /// - Ok: measurements are taken; on a full disk they are lost until there is room.
     /// - OpenFailed: the file cannot be opened.
     /// - otherwise why the folder cannot be created, or a grown file not be put aside.
     mwl::StatusCode Open();

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "examples/thermostat/measurement.h"
 #include "support/interpose.h"
@@ -118,6 +119,28 @@ TEST_F(MeasurementLogTest, AfterAFullDiskMeasurementsAreWrittenAgainAndTheLossIs
         1U);
     EXPECT_EQ(mLog.Count(tern::test::Notice("Thermostat", "Measurements are written again, 2 were lost")),
               1U);
+}
+
+// The thermostat did not start on a full disk when its last line had been broken off.
+TEST_F(MeasurementLogTest, OnAFullDiskItOpensThoughTheLastLineIsBrokenOff) {
+    std::ofstream(mFolder.Path() + "/measurements.csv") << "17.5,0\n18.";
+    MeasurementLog log(mSubject, mFolder.Path());
+    {
+        const FaultScope scope(fault_write);
+        fault_write.Fail(-1, ENOSPC, 1000);
+        EXPECT_EQ(log.Open(), StatusCode::Ok);
+        EXPECT_EQ(fault_write.Calls(), 1);
+        Notify(18.5);
+        Notify(19.5);
+    }
+    EXPECT_EQ(Content(), "17.5,0\n18.");
+    Notify(20.5);
+    EXPECT_EQ(Content(), "17.5,0\n18.\n20.5,0\n");
+    EXPECT_EQ(
+        mLog.Entries("Thermostat"),
+        (std::vector{tern::test::Warning("Thermostat", "Measurements cannot be written to " + mFolder.Path() +
+                                                           "; the thermostat goes on without"),
+                     tern::test::Notice("Thermostat", "Measurements are written again, 2 were lost")}));
 }
 
 TEST_F(MeasurementLogTest, AFolderThatCannotBeMadeIsNamed) {
