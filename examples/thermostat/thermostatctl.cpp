@@ -10,12 +10,14 @@
 #include <tern/typed/blocking_proxy.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <set>
 #include <string>
@@ -49,12 +51,20 @@ constexpr const char* USAGE =
     "  watch             print changes and measurements until interrupted\n"
     "  --help            this text\n"
     "\n"
-    "Exit status: 0 done, 1 the bus or the thermostat refused, 2 wrong use.\n"
+    "Exit status: 0 done, 1 the bus or the thermostat refused, or the output cannot be written, 2 wrong "
+    "use.\n"
     "TERN_LOG_LEVEL=debug shows what the library does.\n";
 
 int Fail(const char* what, const std::string& why) {
     fprintf(stderr, "thermostatctl: %s: %s\n", what, why.c_str());
     return EXIT_FAILURE;
+}
+
+/// What was printed has arrived. If not, nobody has use of the rest, and the program ends.
+void Deliver() {
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+        _exit(Fail("cannot write the output", std::string(strerrordesc_np(errno))));
+    }
 }
 
 constexpr const char* NO_BUS = "there is no system bus: is dbus running, is DBUS_SYSTEM_BUS_ADDRESS right?";
@@ -193,7 +203,7 @@ void Print(const ValuesList& values) {
             printf("%-12s %s\n", key.c_str() + 1, truth != 0 ? "yes" : "no");
         }
     }
-    fflush(stdout);
+    Deliver();
 }
 
 int List() {
@@ -227,7 +237,7 @@ int OnMeasured(sd_bus_message* message, void*, sd_bus_error*) {
     double celsius = 0.0;
     if (sd_bus_message_read(message, "d", &celsius) >= 0) {
         printf("%-12s %.2f\n", "measured", celsius);
-        fflush(stdout);
+        Deliver();
     }
     return 0;
 }
@@ -295,9 +305,7 @@ int BoostFor(const char* text) {
     return Finish("cannot boost", TheRoom().Call(Thermostat1::Boost, static_cast<std::uint32_t>(seconds)));
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
+int Run(int argc, char* argv[]) {
     // A person reads this output: the library's own messages only on demand. Nothing else runs yet.
     setenv("TERN_LOG_LEVEL", "critical", 0);  // NOLINT(concurrency-mt-unsafe)
     if (argc < 2) {
@@ -329,4 +337,12 @@ int main(int argc, char* argv[]) {
         return Export();
     }
     return command == "boost" ? BoostFor(argv[2]) : Watch();
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    const int status = Run(argc, argv);
+    Deliver();
+    return status;
 }

@@ -187,6 +187,24 @@ wait "$watch_pid"
 status=$?
 [ "$status" -eq 0 ] && echo "ok watch until interrupted" || { echo "FAILED watch: $status"; failures=$((failures + 1)); }
 
+# The library's messages in the same pipe keep SIGPIPE from ending it.
+for stream in quiet with-messages; do
+    level=critical
+    [ $stream = quiet ] || level=debug
+    TERN_LOG_LEVEL=$level timeout 20 "$programs/thermostatctl" watch 2>&1 | head -n 1 >"$work/watch"
+    status=${PIPESTATUS[0]}
+    [ "$status" -ne 0 ] && [ "$status" -ne 124 ] && echo "ok watch ends with its reader, $stream" ||
+        { echo "FAILED watch without a reader, $stream: $status"; failures=$((failures + 1)); }
+done
+# Success would be a lie where nothing has arrived.
+for command in --help list show watch export; do
+    output=$(timeout 20 "$programs/thermostatctl" $command <<<secret 2>&1 >/dev/full)
+    status=$?
+    [ "$status" -eq 1 ] && [ "$output" = "thermostatctl: cannot write the output: No space left on device" ] &&
+        echo "ok $command to a full disk" ||
+        { echo "FAILED $command to a full disk: $status, '$output'"; failures=$((failures + 1)); }
+done
+
 "$programs/thermostatctl" watch >"$work/watch" 2>&1 &
 watch_pid=$!
 wait_for grep -q '^measured' "$work/watch"
