@@ -156,6 +156,11 @@ is=$(new --interface <(cat "$work/fan.xml") --entities xml-fan "$work/refused" 2
     [ ! -e "$work/refused" ] && ok "refused: a mistake from a pipe" || fail "a mistake from a pipe: $is"
 
 must "the project is installed" env DESTDIR="$work/root" cmake --install "$project/build" --prefix /usr
+# A unit names its program by an absolute path, however the prefix is given.
+(cd "$work" && cmake --install "$project/build" --prefix here && DESTDIR=$work/image cmake --install "$project/build" --prefix /) \
+    >"$work/output" 2>&1
+named=$(cd "$work" && sed -n 's/^ExecStart=//p' here/lib/systemd/system/*.service image/lib/systemd/system/*.service | tr '\n' ' ')
+[ "$named" = "$work/here/libexec/$name /libexec/$name " ] && ok "units name their programs" || fail "the units name $named"
 for file in libexec/$name lib/systemd/system/$name.service lib/sysusers.d/$name.conf share/dbus-1/system.d/$bus.conf \
     share/dbus-1/system-services/$bus.service; do
     [ -s "$work/root/usr/$file" ] || fail "not installed: $file"

@@ -30,6 +30,10 @@ if [ -e "$build/examples/thermostat/cmake_install.cmake" ]; then
         { echo "settings are at $settings"; exit 1; }
     echo "settings are where they are read"
     unit=lib/systemd/system/tern-thermostat.service
+    # A unit names its program by an absolute path, however the prefix is given.
+    (cd "$work" && cmake --install "$build" --component thermostat --prefix here) >"$work/install.log"
+    grep -qx "ExecStart=$work/here/libexec/tern-thermostat $work/here/etc/tern-thermostat.ini" "$work/here/$unit" ||
+        { echo "the unit of a relative prefix names other places"; grep Exec "$work/here/$unit"; exit 1; }
     grep -qx 'ExecStart=/usr/libexec/tern-thermostat /etc/tern-thermostat.ini' "$work/image/usr/$unit" &&
         grep -qx "ExecStart=$work/prefix/libexec/tern-thermostat $work/prefix/etc/tern-thermostat.ini" "$work/prefix/$unit" ||
         { echo "the units name other places"; grep Exec "$work/image/usr/$unit" "$work/prefix/$unit"; exit 1; }
