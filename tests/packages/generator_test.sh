@@ -92,6 +92,8 @@ name=fan-control bus=org.acme_2.FanControl path=/org/acme_2/FanControl
 mkdir "$work/empty folder"
 project="$work/empty folder"
 must "written" new --domain org.acme_2 $name "$project"
+next=$(tail -n 1 "$work/output")
+(eval "${next%% && *}" 2>/dev/null && [ -e CMakeLists.txt ]) && ok "what is said to come next works" || fail "next: $next"
 must "configured" cmake -S "$project" -B "$project/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" \
     -DCMAKE_CXX_FLAGS=-Werror -DCMAKE_BUILD_TYPE=Debug
 grep -q "TernDBusService_DIR:PATH=$work/prefix/" "$project/build/CMakeCache.txt" || fail "another copy was found"
