@@ -163,6 +163,11 @@ must "the project is installed" env DESTDIR="$work/root" cmake --install "$proje
     >"$work/output" 2>&1
 named=$(cd "$work" && sed -n 's/^ExecStart=//p' here/lib/systemd/system/*.service image/lib/systemd/system/*.service | tr '\n' ' ')
 [ "$named" = "$work/here/libexec/$name /libexec/$name " ] && ok "units name their programs" || fail "the units name $named"
+# Installed, it finds the library in a prefix of its own in the way that docs/installing.md says.
+cmake -S "$project" -B "$project/build" -DCMAKE_INSTALL_RPATH_USE_LINK_PATH=ON >"$work/output" 2>&1 &&
+    cmake --install "$project/build" --prefix "$work/there" >"$work/output" 2>&1
+output=$(env -u LD_LIBRARY_PATH "$work/there/libexec/$name" unwanted 2>&1)
+[ $? -eq 2 ] && [[ $output == Usage:* ]] && ok "finds the library" || fail "does not find the library: $output"
 for file in libexec/$name lib/systemd/system/$name.service lib/sysusers.d/$name.conf share/dbus-1/system.d/$bus.conf \
     share/dbus-1/system-services/$bus.service; do
     [ -s "$work/root/usr/$file" ] || fail "not installed: $file"
