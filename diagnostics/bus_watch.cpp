@@ -65,6 +65,10 @@ BusWatch::BusWatch() {
 }
 
 BusWatch::~BusWatch() {
+    // In a handler, or after one that ended the loop: nobody else would end what was begun there.
+    if (mRunning != NOTHING) {
+        EndMessage(Now());
+    }
     if (mIsTold) {
         Recording::ForgetTurns(mBus);
     }

@@ -55,6 +55,8 @@ using mw::tern::StatusCode;
 using mwl::Diagnostics::Diagnostics;
 using mwl::Diagnostics::Diagnostics1;
 using mwl::Diagnostics::Figures;
+using mwl::Diagnostics::FlightDoing;
+using mwl::Diagnostics::FlightThread;
 using mwl::Diagnostics::MemberFigures;
 using mwl::Diagnostics::Recorder;
 using mwl::Diagnostics::RingReader;
@@ -68,6 +70,7 @@ using tern::test::Room;
 using tern::test::Served;
 using tern::test::WaitUntil;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::NiceMock;
@@ -483,6 +486,46 @@ TEST_F(DiagnosticsTest, ResetTakesTheObjectBack) {
     // And again.
     mServed->On([&] { mDiagnostics = Diagnostics::Export(*mServed->typed); });
     EXPECT_TRUE(mProxy->Call(Diagnostics1::Why).IsOk());
+}
+
+/// What the recorder says that the D-Bus thread is in.
+std::vector<std::string> WhatTheBusThreadIsIn() {
+    const auto flight = RingReader::Read(Recorder::GetFd());
+    EXPECT_TRUE(flight.IsOk());
+    std::vector<std::string> names;
+    for (const FlightThread& thread : flight->threads) {
+        if (thread.isBusThread) {
+            for (const FlightDoing& doing : thread.doing) {
+                names.push_back(doing.name);
+            }
+        }
+    }
+    return names;
+}
+
+TEST_F(DiagnosticsTest, ResetInAHandlerLeavesTheThreadInNothing) {
+    mRoom->onDo = [this](tern::test::Room&) {
+        EXPECT_THAT(WhatTheBusThreadIsIn(), ElementsAre("com.example.Room1.Do"));
+        mDiagnostics.Reset();
+    };
+    tern::test::Peer peer;
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    EXPECT_THAT(mServed->On(&WhatTheBusThreadIsIn), IsEmpty());
+    // Another one begins anew.
+    mServed->On([&] { mDiagnostics = Diagnostics::Export(*mServed->typed); });
+    EXPECT_TRUE(mProxy->Call(Diagnostics1::Why).IsOk());
+    EXPECT_THAT(mServed->On(&WhatTheBusThreadIsIn), IsEmpty());
+}
+
+TEST_F(DiagnosticsTest, HandlerThatEndsTheLoopIsOverWhenTheServiceHasStopped) {
+    mRoom->onDo = [this](tern::test::Room&) { mServed->loop->End(); };
+    mServed->onStop = [this] {
+        mDiagnostics.Reset();
+        EXPECT_THAT(WhatTheBusThreadIsIn(), IsEmpty());
+    };
+    tern::test::Peer peer;
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    mServed->End();
 }
 
 TEST_F(DiagnosticsTest, APlaceThatIsTakenIsRefused) {

@@ -70,7 +70,8 @@ public:
     explicit operator bool() const noexcept;
     /// Ok, or why Export failed.
     StatusCode GetStatus() const noexcept;
-    /// Takes all that Export did back, but the recorder. Harmless to repeat.
+    /// Takes all that Export did back, but the recorder. A handler that calls it is recorded as ended here.
+    /// Harmless to repeat.
     void Reset() noexcept;
 
 private:
