@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cxxabi.h>
+#include <tern/foundation/api.h>
 
 #include <cstdlib>
 
@@ -26,8 +27,8 @@ private:
     const char* mText = "no text";
 };
 
-/// Reports it to the library's listener (foundation/tell.h).
-void TellThrown(const Thrown& thrown) noexcept;
+/// Reports to the library's listener (foundation/tell.h) that it ends the service.
+TERN_API void TellThrown(const Thrown& thrown) noexcept;
 
 /// The result of `body`. An exception of it ends here: `report` is called with it, and the result is
 /// `failure`. The unwinding by which pthread_cancel(3) and pthread_exit(3) end a thread passes through,

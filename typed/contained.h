@@ -26,6 +26,7 @@ void RunContainedIn(Body body, GetLoop getLoop) noexcept {
             static const StaticText LOGGER("Typed");
             TERN_LOG_CRITICAL(LOGGER, "A turn of the typed bus threw %s: %s", thrown.Type(), thrown.Text());
             if (sd_event* const loop = getLoop()) {
+                mw::tern::TellThrown(thrown);
                 sd_event_exit(loop, -ENOTRECOVERABLE);
             }
         }));

@@ -243,6 +243,7 @@ StatusCode Dispatcher::State::RunShare(sd_event_source* source) {
                 return StatusCode::Ok;
             },
             [&](const Thrown& thrown) {
+                mw::tern::TellThrown(thrown);
                 TERN_LOG_CRITICAL(LOGGER, "A job for the D-Bus thread threw %s: %s", thrown.Type(),
                                   thrown.Text());
                 sd_event_exit(sd_event_source_get_event(source), -ENOTRECOVERABLE);

@@ -59,8 +59,9 @@ void TaskThread::Close() noexcept {
     tLocal.loop = nullptr;
 }
 
-void TaskThread::Fail() noexcept {
+void TaskThread::Fail(const mw::tern::Thrown& thrown) noexcept {
     if (tLocal.loop != nullptr) {
+        mw::tern::TellThrown(thrown);
         sd_event_exit(tLocal.loop, -ENOTRECOVERABLE);
     }
 }
@@ -76,7 +77,7 @@ void ResumeContained(std::coroutine_handle<> waiting) noexcept {
         },
         [](const mw::tern::Thrown& thrown) {
             TERN_LOG_CRITICAL(LOGGER, "A coroutine threw %s: %s", thrown.Type(), thrown.Text());
-            TaskThread::Fail();
+            TaskThread::Fail(thrown);
         }));
 }
 
@@ -150,8 +151,8 @@ void TaskFrame::Report() noexcept {
     }
     Inspect(mException, [](const mw::tern::Thrown& thrown) {
         TERN_LOG_CRITICAL(LOGGER, "A task threw %s: %s", thrown.Type(), thrown.Text());
+        TaskThread::Fail(thrown);
     });
-    TaskThread::Fail();
 }
 
 bool TaskFrame::MustStay() noexcept {

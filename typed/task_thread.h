@@ -2,6 +2,8 @@
 
 #include <systemd/sd-event.h>
 
+#include "service/thrown.h"
+
 namespace mwl::Typed {
 
 /// The facts about its bus that the tasks of the calling thread need. D-Bus thread only.
@@ -14,7 +16,7 @@ struct TaskThread {
     static void Close() noexcept;
     /// Ends the loop, if there is one, in order with -ENOTRECOVERABLE: something was thrown that nobody
     /// takes.
-    static void Fail() noexcept;
+    static void Fail(const mw::tern::Thrown& thrown) noexcept;
 };
 
 }  // namespace mwl::Typed

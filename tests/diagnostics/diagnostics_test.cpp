@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <systemd/sd-daemon.h>
 #include <tern/diagnostics/contract.h>
+#include <tern/diagnostics/diagnosis.h>
 #include <tern/diagnostics/ring_reader.h>
 #include <tern/foundation/process_logger.h>
 #include <tern/queued_processings/component.h>
@@ -18,15 +19,22 @@
 #include <tern/threading/threads_monitor.h>
 #include <tern/timer/timer.h>
 #include <tern/typed/blocking_proxy.h>
+#include <tern/typed/proxy.h>
+#include <tern/typed/sleep.h>
+#include <tern/typed/task.h>
+#include <tern/typed/task_set.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <latch>
 #include <limits>
 #include <numeric>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -51,6 +59,7 @@ TERN_INTERPOSE_SYMBOL_(void*, mmap, "mmap64",
 
 namespace {
 
+using namespace std::chrono_literals;
 using mw::tern::StatusCode;
 using mwl::Diagnostics::Diagnostics;
 using mwl::Diagnostics::Diagnostics1;
@@ -61,6 +70,13 @@ using mwl::Diagnostics::MemberFigures;
 using mwl::Diagnostics::Recorder;
 using mwl::Diagnostics::RingReader;
 using mwl::Typed::BlockingProxy;
+using mwl::Typed::Bus;
+using mwl::Typed::Outcome;
+using mwl::Typed::Pending;
+using mwl::Typed::Proxy;
+using mwl::Typed::Sleep;
+using mwl::Typed::Task;
+using mwl::Typed::TaskSet;
 using tern::test::DiagnosticsTest;
 using tern::test::FaultScope;
 using tern::test::LogCapture;
@@ -557,6 +573,66 @@ TEST(DiagnosticsWithoutATypedBus, OpensOne) {
         EXPECT_EQ(end.WriteMessage("x", 1), StatusCode::Ok);
     }
     Recorder::End();
+}
+
+/// A service that `fail` has throw on its D-Bus thread is known to have been ended by the exception `thrown`.
+/// In a child, as a recorder does not forget exceptions.
+void IsKnownAsTheEnd(const std::function<void(Served&)>& fail, const char* thrown) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not let a forked child make threads";
+#endif
+    const auto result = tern::test::RunInChild([&] {
+        const PrivateBus bus;
+        Diagnostics diagnostics;
+        Served served([&](Served& it) { diagnostics = Diagnostics::Export(*it.typed); });
+        served.onStop = [&] { diagnostics.Reset(); };
+        fail(served);
+        EXPECT_TRUE(WaitUntil([&] { return !served.typed->Post([] {}); }));
+        served.End();
+        EXPECT_EQ(served.result, -ENOTRECOVERABLE);
+        Recorder::End();
+        const auto flight = RingReader::Read(Recorder::GetFd());
+        EXPECT_TRUE(flight.IsOk());
+        const mwl::Diagnostics::Diagnosis diagnosis = mwl::Diagnostics::Diagnose(*flight, 0);
+        EXPECT_EQ(diagnosis.kind, "exception");
+        EXPECT_THAT(diagnosis.sentences, Contains(HasSubstr(thrown)));
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.error;
+}
+
+TEST(DiagnosticsOfAnException, AJobsIsKnownAsTheEnd) {
+    IsKnownAsTheEnd(
+        [](Served& served) { EXPECT_TRUE(served.typed->Post([] { throw std::runtime_error("of a job"); })); },
+        "std::runtime_error: of a job");
+}
+
+TEST(DiagnosticsOfAnException, ATasksIsKnownAsTheEnd) {
+    TaskSet tasks;
+    IsKnownAsTheEnd(
+        [&](Served& served) {
+            served.On([&] {
+                tasks.Add([](Bus& bus) -> Task<> {
+                    static_cast<void>(co_await Sleep(bus, 1ms));
+                    throw std::runtime_error("of a task");
+                }(*served.typed));
+            });
+        },
+        "std::runtime_error: of a task");
+}
+
+TEST(DiagnosticsOfAnException, AnAnswersHandlersIsKnownAsTheEnd) {
+    Pending pending;
+    IsKnownAsTheEnd(
+        [&](Served& served) {
+            served.On([&] {
+                const Proxy<Diagnostics1> proxy(*served.typed, tern::test::SERVICE, Diagnostics1::PATH);
+                pending = proxy.Get(Diagnostics1::Version).Then([](const Outcome<std::string>&) {
+                    throw std::runtime_error("of a handler");
+                });
+            });
+        },
+        "std::runtime_error: of a handler");
 }
 
 TEST(DiagnosticsFailures, AreLoggedAndShowNothing) {
