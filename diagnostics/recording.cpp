@@ -262,6 +262,9 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
         case Event::StateChanged:
             if (text == "failed") {
                 gHasFailed.store(true, std::memory_order_relaxed);
+            } else if (text == "running") {
+                // One that failed before was not the end.
+                gHasFailed.store(false, std::memory_order_relaxed);
             }
             break;
         case Event::Thrown:

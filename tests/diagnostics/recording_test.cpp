@@ -515,6 +515,21 @@ TEST_F(RecordingTest, ServiceThatSaidFailedHasFailed) {
     });
 }
 
+TEST_F(RecordingTest, ServiceThatRanAfterItFailedToStartHasNotFailed) {
+    InAChild([this] {
+        Start();
+        for (const char* const state : {"starting", "failed", "starting", "running", "stopping"}) {
+            TellIt(Event::StateChanged, nullptr, 0, state);
+        }
+        Recording::Stop();
+        EXPECT_EQ(ReadNow().end, FlightEnd::Stopped);
+        Start();
+        TellIt(Event::StateChanged, nullptr, 0, "failed");
+        Recording::Stop();
+        EXPECT_EQ(ReadNow().end, FlightEnd::Failed);
+    });
+}
+
 TEST_F(RecordingTest, ExceptionIsAFailureAndToldWithItsThread) {
     InAChild([this] {
         Start();
