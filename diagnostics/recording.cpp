@@ -76,6 +76,9 @@ constinit std::atomic<bool> gIsOfRecording{false};
 /// What the threads are in, beside the ring's own table: an address is nobody else's business.
 constinit std::array<std::array<std::atomic<const void*>, Format::Thread::DEEPEST>, Format::THREADS> gDoing{};
 
+/// By which object each thread is watched, for whoever ends that watch: it may be another thread.
+constinit std::array<std::atomic<const void*>, Format::THREADS> gWatch{};
+
 /// Who watches the turns of which bus. The other two are read by the thread of that bus only, which also
 /// writes them.
 struct TurnWatch {
@@ -223,6 +226,17 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
     gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true, thread);
 }
 
+/// Of whatever thread it is.
+void ForgetWatch(const void* object, std::uint16_t nameId) noexcept {
+    for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
+        Format::Thread& thread = gRing.GetThread(number);
+        if (gWatch[number].load(std::memory_order_relaxed) == object &&
+            thread.watchName.load(std::memory_order_relaxed) == nameId) {
+            thread.watchName.store(Format::NO_NAME, std::memory_order_relaxed);
+        }
+    }
+}
+
 [[gnu::noinline, gnu::cold]] void OnRare(Event event, const void* object, std::uint64_t value,
                                          const char* name, std::uint64_t ticks) noexcept {
     const std::string_view text = name == nullptr ? std::string_view() : name;
@@ -249,15 +263,14 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
             }
             if (hasEntry) {
                 Format::Thread& thread = gRing.GetThread(own.number);
+                gWatch[own.number].store(object, std::memory_order_relaxed);
                 thread.watchNs.store(value, std::memory_order_relaxed);
                 thread.reportedTicks.store(ticks, std::memory_order_relaxed);
                 thread.watchName.store(nameId, std::memory_order_release);
             }
             break;
         case Event::WatchEnded:
-            if (hasEntry && gRing.GetThread(own.number).watchName.load(std::memory_order_relaxed) == nameId) {
-                gRing.GetThread(own.number).watchName.store(Format::NO_NAME, std::memory_order_relaxed);
-            }
+            ForgetWatch(object, nameId);
             break;
         case Event::StateChanged:
             if (text == "failed") {
@@ -280,9 +293,11 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
 }
 
 /// What the watch's begin would have told: it was before recording began.
-[[gnu::noinline, gnu::cold]] void LearnWatch(Format::Thread& thread, const Row* row,
+[[gnu::noinline, gnu::cold]] void LearnWatch(std::uint16_t number, const void* object, const Row* row,
                                              const char* name) noexcept {
     if (name != nullptr && name[0] != '\0') {
+        Format::Thread& thread = gRing.GetThread(number);
+        gWatch[number].store(object, std::memory_order_relaxed);
         thread.watchNs.store(row == nullptr ? 0 : row->asked.load(std::memory_order_relaxed),
                              std::memory_order_relaxed);
         thread.watchName.store(gRing.Intern(name), std::memory_order_release);
@@ -316,7 +331,7 @@ void OnEvent(Event event, const void* object, std::uint64_t value, const char* n
             Format::Thread& thread = gRing.GetThread(own.number);
             thread.reportedTicks.store(ticks, std::memory_order_relaxed);
             if (__builtin_expect(thread.watchName.load(std::memory_order_relaxed) == Format::NO_NAME, 0)) {
-                LearnWatch(thread, row, name);
+                LearnWatch(own.number, object, row, name);
             }
         }
         return;

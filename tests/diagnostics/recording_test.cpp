@@ -364,6 +364,36 @@ TEST_F(RecordingTest, WatchedThreadHasItsPeriodAndItsLastReport) {
     EXPECT_EQ(events[written + 1].event, "watch_ended");
 }
 
+TEST_F(RecordingTest, WatchIsOverAlsoWhenAnotherThreadEndsIt) {
+    const Something own;
+    Make(own, Kind::Watched, "pump");
+    TellIt(Event::WatchBegan, &own, 250, "pump");
+    const Something seen;
+    const Something unseen;
+    const auto isOverOf = [&](const Something& watch, Event begin) {
+        Make(watch, Kind::Watched, "pump");
+        std::latch begun(1);
+        std::latch ended(1);
+        std::thread watched([&] {
+            TellIt(begin, &watch, 0, "pump");
+            EXPECT_EQ(OwnThread().watchName, "pump");
+            begun.count_down();
+            ended.wait();
+            EXPECT_EQ(OwnThread().watchName, "");
+        });
+        begun.wait();
+        TellIt(Event::WatchEnded, &watch, 0, "pump");
+        // Its own has the same name, and goes on.
+        EXPECT_EQ(OwnThread().watchName, "pump");
+        ended.count_down();
+        watched.join();
+    };
+    isOverOf(seen, Event::WatchBegan);
+    isOverOf(unseen, Event::WatchReported);
+    TellIt(Event::WatchEnded, &own, 0, "pump");
+    EXPECT_EQ(OwnThread().watchName, "");
+}
+
 TEST_F(RecordingTest, WatchWhoseBeginWasNotSeenIsKnownWithItsFirstReport) {
     const Something watch;
     Make(watch, Kind::Watched, "pump");
