@@ -191,6 +191,9 @@ std::uint16_t Ring::ClaimThread(std::uint32_t id, std::string_view name) noexcep
 }
 
 void Ring::ReleaseThread(std::uint16_t number) noexcept {
+    // Whoever takes the entry next is another thread.
+    std::uint32_t busThread = number + 1U;
+    mHeader->busThread.compare_exchange_strong(busThread, 0, std::memory_order_relaxed);
     mThreads[number].state.store(FREE, std::memory_order_release);
 }
 

@@ -394,6 +394,18 @@ TEST_F(RecordingTest, WatchIsOverAlsoWhenAnotherThreadEndsIt) {
     EXPECT_EQ(OwnThread().watchName, "");
 }
 
+TEST_F(RecordingTest, ThreadThatTakesTheBusThreadsPlaceIsNone) {
+    std::thread([this] {
+        TellIt(Event::WakeUp, nullptr);
+        Recording::SetBusThread();
+        EXPECT_TRUE(OwnThread().isBusThread);
+    }).join();
+    std::thread([this] {
+        TellIt(Event::WakeUp, nullptr);
+        EXPECT_FALSE(OwnThread().isBusThread);
+    }).join();
+}
+
 TEST_F(RecordingTest, WatchWhoseBeginWasNotSeenIsKnownWithItsFirstReport) {
     const Something watch;
     Make(watch, Kind::Watched, "pump");
