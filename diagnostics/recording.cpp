@@ -295,7 +295,10 @@ void ForgetWatch(const void* object, std::uint16_t nameId) noexcept {
 /// What the watch's begin would have told: it was before recording began.
 [[gnu::noinline, gnu::cold]] void LearnWatch(std::uint16_t number, const void* object, const Row* row,
                                              const char* name) noexcept {
-    if (name != nullptr && name[0] != '\0') {
+    // One that another thread has ended may be reported to once more.
+    const bool hasEnded =
+        row == nullptr && object != nullptr && gWatch[number].load(std::memory_order_relaxed) == object;
+    if (!hasEnded && name != nullptr && name[0] != '\0') {
         Format::Thread& thread = gRing.GetThread(number);
         gWatch[number].store(object, std::memory_order_relaxed);
         thread.watchNs.store(row == nullptr ? 0 : row->asked.load(std::memory_order_relaxed),
@@ -474,6 +477,7 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
         for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
             gRing.GetThread(number).depth.store(0, std::memory_order_relaxed);
             gRing.GetThread(number).watchName.store(Format::NO_NAME, std::memory_order_relaxed);
+            gWatch[number].store(nullptr, std::memory_order_relaxed);
             ForgetDoing(number);
         }
         gRing.MarkEnd(Format::End::None);

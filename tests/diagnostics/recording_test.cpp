@@ -380,9 +380,13 @@ TEST_F(RecordingTest, WatchIsOverAlsoWhenAnotherThreadEndsIt) {
             begun.count_down();
             ended.wait();
             EXPECT_EQ(OwnThread().watchName, "");
+            // It may not know yet.
+            TellIt(Event::WatchReported, &watch, 0, "pump");
+            EXPECT_EQ(OwnThread().watchName, "");
         });
         begun.wait();
         TellIt(Event::WatchEnded, &watch, 0, "pump");
+        TellIt(Event::ObjectGone, &watch, static_cast<std::uint64_t>(Kind::Watched));
         // Its own has the same name, and goes on.
         EXPECT_EQ(OwnThread().watchName, "pump");
         ended.count_down();
