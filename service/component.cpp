@@ -40,6 +40,8 @@ using Run = std::unique_ptr<std::atomic<bool>, EndRun>;
 
 /// Null while there is another D-Bus thread.
 Run BeginRun() {
+    // A forked child does not have it.
+    [[maybe_unused]] static const int atFork = pthread_atfork(nullptr, nullptr, [] { gIsRunning = false; });
     return Run(gIsRunning.exchange(true) ? nullptr : &gIsRunning);
 }
 

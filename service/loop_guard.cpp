@@ -1,5 +1,6 @@
 #include "service/loop_guard.h"
 
+#include <pthread.h>
 #include <tern/foundation/log.h>
 #include <tern/foundation/service_common.h>
 
@@ -100,6 +101,15 @@ void LogThrown(const Thrown& thrown) {
     std::abort();
 }
 
+/// In a forked child: of all threads only this one has come along.
+void KeepOwnThread() noexcept {
+    gThreads = tIsGuarded ? 1 : 0;
+    if (gThreads == 0 && std::get_terminate() == OnTerminate) {
+        std::set_terminate(gFormer);
+    }
+    gMutex.unlock();
+}
+
 }  // namespace
 
 int RunLoop(sd_event* event) {
@@ -117,6 +127,8 @@ void SetLoopBus(sd_bus* bus) {
 }
 
 UncaughtLog::UncaughtLog() {
+    [[maybe_unused]] static const int atFork =
+        pthread_atfork([] { gMutex.lock(); }, [] { gMutex.unlock(); }, &KeepOwnThread);
     tIsGuarded = true;
     tHasThrown = false;
     const std::lock_guard lock(gMutex);

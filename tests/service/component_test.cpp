@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
+#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <tern/service/component.h>
@@ -18,6 +19,7 @@
 #include "foundation/handle.h"
 #include "support/allocations.h"
 #include "support/child.h"
+#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/notify_socket.h"
@@ -141,6 +143,15 @@ bool HasOwner(const std::string& name) {
     const int r = sd_bus_get_name_creds(bus.get(), name.c_str(), 0, &creds);
     sd_bus_creds_unref(creds);
     return r >= 0;
+}
+
+/// The answer shows that the loop is entered, so that its thread holds no lock of the log.
+bool IsServing(const std::string& name) {
+    sd_bus* opened = nullptr;
+    EXPECT_GE(sd_bus_open_system(&opened), 0);
+    const mwl::Handle<sd_bus, sd_bus_flush_close_unref> bus(opened);
+    return sd_bus_call_method(bus.get(), name.c_str(), "/", "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                              nullptr, nullptr) >= 0;
 }
 
 class ComponentTest : public testing::Test {
@@ -337,6 +348,39 @@ TEST_F(ComponentTest, SecondComponentOfAProcessIsRefusedWhileTheFirstRuns) {
     EXPECT_TRUE(HasOwner(otherName));
     otherMonitor.Terminate();
     other.JoinThread();
+}
+
+// It counted its parent's D-Bus thread, which it does not have, as running.
+TEST_F(ComponentTest, ForkedChildHasAServiceOfItsOwn) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one";
+#endif
+    SKIP_WHERE_EMULATED("a child of several threads is ended by an assertion of the emulator's own");
+    ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
+    ASSERT_TRUE(IsServing(NAME));
+    const std::string ownName = "com.example.Child";
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        Journal ownJournal;
+        JournalingMonitor ownMonitor(ownJournal);
+        JournalingServer ownServer(ownJournal);
+        Component own(ownName, ownMonitor, ownServer);
+        if (own.Start() != StatusCode::Ok || !IsServing(ownName)) {
+            _exit(1);
+        }
+        Component second(ownName, ownMonitor, ownServer);
+        const bool isRefused = second.Start() == StatusCode::Busy;
+        ownMonitor.Terminate();
+        own.JoinThread();
+        _exit(isRefused ? 0 : 2);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(HasOwner(NAME)) << "the parent's goes on";
+    mMonitor.Terminate();
+    mComponent.JoinThread();
 }
 
 TEST_F(ComponentTest, StartThatFailedLeavesTheProcessToAnother) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 #include <tern/service/component.h>
@@ -19,6 +20,7 @@
 
 #include "foundation/handle.h"
 #include "support/child.h"
+#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
@@ -490,6 +492,52 @@ TEST_F(LoopGuardTest, TerminateHandlerIsGivenBackWithTheThread) {
         return isOurs && std::get_terminate() == before ? 0 : 1;
     });
     EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
+// It counted its parent's D-Bus thread, and so neither set the handler for its own nor gave it back.
+TEST_F(LoopGuardTest, ForkedChildHasTheTerminateHandlerForAThreadOfItsOwn) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one";
+#endif
+    SKIP_WHERE_EMULATED("a child of several threads is ended by an assertion of the emulator's own");
+    const ChildResult parent = tern::test::RunInChild([&] {
+        const std::terminate_handler before = std::get_terminate();
+        mwl::Threading::Signals signals;
+        mwl::Threading::ThreadsMonitor monitor(signals);
+        mwl::DBusService::Component component(NAME, monitor, mServer);
+        component.Initialize();
+        component.Start();
+        sd_bus* opened = nullptr;
+        sd_bus_open_system(&opened);
+        Bus peer(opened);
+        // Answered by the loop, behind which the parent's thread holds no lock of the log.
+        sd_bus_call_method(peer.get(), NAME.c_str(), "/", "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                           nullptr, nullptr);
+        peer.reset();
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(30);
+            const bool isGivenBack = std::get_terminate() == before;
+            const std::terminate_handler application = [] { _exit(42); };
+            std::set_terminate(application);
+            const std::string name = "com.example.Child";
+            mwl::Threading::ThreadsMonitor ownMonitor(signals);
+            Server ownServer;
+            mwl::DBusService::Component own(name, ownMonitor, ownServer);
+            const bool isStarted = own.Start() == StatusCode::Ok;
+            const bool isOurs = std::get_terminate() != application;
+            ownMonitor.NotifyDBusThreadToStop(false);
+            own.JoinThread();
+            _exit((isGivenBack ? 0 : 1) | (isStarted ? 0 : 2) | (isOurs ? 0 : 4) |
+                  (std::get_terminate() == application ? 0 : 8));
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        kill(getpid(), SIGTERM);
+        component.JoinThread();
+        return std::get_terminate() != before ? 99 : WIFEXITED(status) ? WEXITSTATUS(status) : 98;
+    });
+    EXPECT_EQ(parent.exitCode, 0) << parent.error;
 }
 
 TEST_F(LoopGuardTest, ExceptionThatEndsAnotherThreadIsNotOurs) {

@@ -28,6 +28,7 @@ namespace mwl::DBusService {
 /// has left a handler: sd-bus itself has lost references then.
 ///
 /// One component at a time in a process, since SIGTERM reaches one loop only; `Start` refuses a second one.
+/// A forked child does not have its parent's D-Bus thread (fork(2)), and may start a component of its own.
 /// One component for a monitor: a monitor knows one D-Bus thread and requests its stop once in its life, so a
 /// later component needs a monitor of its own. This is not checked.
 ///
