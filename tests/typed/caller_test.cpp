@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <latch>
 #include <optional>
 #include <string>
 #include <thread>
@@ -235,8 +236,10 @@ TEST_F(CallerTest, WhoLeavesBeforeItIsKnownLeavesNothingBehind) {
 TEST_F(CallerTest, WhoLeavesBeforeDeparturesAreWatchedIsForgotten) {
     std::optional<Peer> hasty(std::in_place);
     const std::string name = hasty->Name();
+    std::latch isSent(1);
     std::atomic<bool> isAsked = false;
     room->onAsk = [&](Room&, const Caller& caller) -> Number {
+        isSent.wait();
         EXPECT_EQ(caller.GetUid(), getuid());
         isAsked = true;
         return 1;
@@ -261,6 +264,7 @@ TEST_F(CallerTest, WhoLeavesBeforeDeparturesAreWatchedIsForgotten) {
         1);
     std::vector<std::string> ignored;
     hasty->Send(ignored, PATH, ROOM, "Ask");
+    isSent.count_down();
     EXPECT_TRUE(WaitUntil([&] { return isAsked.load(); }));
     EXPECT_TRUE(WaitUntil([&] { return mServed->Count().knownCallers == 0; }));
     EXPECT_EQ(fault_sd_bus_add_match_async.Calls(), 1);
