@@ -11,9 +11,18 @@ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/no-bus-here
 
 touch "$work/begin"
 cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
-# The build folder is only read, so that it can be installed from several times at once.
+# The build folder is only read, so that it can be installed from several times at once. Looked at are the folders that are
+# installed from: other tests have folders of their own in it, to install into as well.
+installed_from() {
+    echo "$1"
+    sed -n 's|.*include("\(.*\)/cmake_install.cmake").*|\1|p' "$1/cmake_install.cmake" | while read -r folder; do
+        installed_from "$folder"
+    done
+}
 find "$work/prefix" -type f -printf '%f\n' | sort -u >"$work/names"
-written=$(find "$build" -type f -newer "$work/begin" -printf '%f %p\n' |
+mapfile -t folders < <(installed_from "$build")
+[ "${#folders[@]}" -gt 10 ] || { echo "too few folders are installed from: ${folders[*]}"; exit 1; }
+written=$(find "${folders[@]}" -maxdepth 1 -type f -newer "$work/begin" -printf '%f %p\n' |
     awk 'NR == FNR { names[$1]; next } $1 in names { print $2 }' "$work/names" -)
 [ -z "$written" ] || { echo "installing has written in the build folder: $written"; exit 1; }
 libdir=$(dirname "$(find "$work/prefix" -name libtern-dbus-service.so.0)")
