@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "diagnostics/diagnostics_fixture.h"
+#include "diagnostics/idle_executor.h"
 #include "foundation/unique_fd.h"
 #include "support/child.h"
 #include "support/interpose.h"
@@ -347,11 +348,7 @@ TEST_F(DiagnosticsTest, ShowsPools) {
 }
 
 TEST_F(DiagnosticsTest, ShowsComponentsAndSupervisedThreads) {
-    class Executor : public mwl::QueuedProcessings::ExecutorInterface {
-        StatusCode Initialize() override { return StatusCode::Ok; }
-        void Execute() override {}
-        void Stop() override {}
-    } executor;
+    tern::test::IdleExecutor executor;
     mwl::Threading::Signals signals;
     mwl::Threading::ThreadsMonitor monitor(signals);
     mwl::QueuedProcessings::Component component("Upload", "upload", monitor, executor);

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "diagnostics/diagnostics_fixture.h"
+#include "diagnostics/idle_executor.h"
 #include "foundation/unique_fd.h"
 #include "support/wait_until.h"
 #include "threading/watching_doubles.h"
@@ -85,11 +86,7 @@ TEST_F(DiagnosticsValuesTest, LimitOfDescriptorsIsTheProcesss) {
 
 // That is the moment when somebody looks.
 TEST_F(DiagnosticsValuesTest, ProcessWithoutAFreeDescriptorIsShown) {
-    class Executor : public mwl::QueuedProcessings::ExecutorInterface {
-        StatusCode Initialize() override { return StatusCode::Ok; }
-        void Execute() override {}
-        void Stop() override {}
-    } executor;
+    tern::test::IdleExecutor executor;
     mwl::Threading::Signals signals;
     mwl::Threading::ThreadsMonitor monitor(signals);
     mwl::QueuedProcessings::Component component("Upload", "upload", monitor, executor);

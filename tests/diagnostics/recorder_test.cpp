@@ -36,6 +36,7 @@
 #include <utility>
 #include <vector>
 
+#include "diagnostics/idle_executor.h"
 #include "foundation/tell.h"
 #include "foundation/unique_fd.h"
 #include "support/interpose.h"
@@ -180,11 +181,7 @@ TEST_F(RecorderTest, ThreadsWatchedBeforeHaveTheirWatch) {
 
 TEST_F(RecorderTest, ObjectsMadeBeforeAreKnownByName) {
     Recorder::End();
-    class Executor : public mwl::QueuedProcessings::ExecutorInterface {
-        StatusCode Initialize() override { return StatusCode::Ok; }
-        void Execute() override {}
-        void Stop() override {}
-    } executor;
+    tern::test::IdleExecutor executor;
     mwl::Threading::Signals signals;
     mwl::Threading::ThreadsMonitor monitor(signals);
     mwl::QueuedProcessings::Component component("Upload", "upload", monitor, executor);
@@ -409,11 +406,7 @@ TEST_F(RecorderTest, ComponentsWithThousandNamesLeaveTheTableOfNamesBounded) {
         if (Recorder::Begin() != StatusCode::Ok) {
             _exit(1);
         }
-        class Executor : public mwl::QueuedProcessings::ExecutorInterface {
-            StatusCode Initialize() override { return StatusCode::Ok; }
-            void Execute() override {}
-            void Stop() override {}
-        } executor;
+        tern::test::IdleExecutor executor;
         mwl::Threading::Signals signals;
         mwl::Threading::ThreadsMonitor monitor(signals);
         for (int i = 0; i < 1000; ++i) {

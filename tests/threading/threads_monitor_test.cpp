@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fstream>
-#include <future>
+#include <latch>
 #include <optional>
 #include <string>
 #include <thread>
@@ -283,18 +283,35 @@ public:
     int sent = 0;
 };
 
+/// A thread that is the monitor's D-Bus thread until the end of the block.
+class DBusThread {
+public:
+    explicit DBusThread(ThreadsMonitor& monitor)
+        : mThread([this, &monitor] {
+              monitor.SetDBusThreadId(pthread_self());
+              mIsSet.count_down();
+              mEnd.wait();
+          }) {
+        mIsSet.wait();
+    }
+    ~DBusThread() {
+        mEnd.count_down();
+        mThread.join();
+    }
+    DBusThread(const DBusThread&) = delete;
+    DBusThread& operator=(const DBusThread&) = delete;
+
+private:
+    std::latch mIsSet{1};
+    std::latch mEnd{1};
+    std::thread mThread;
+};
+
 // Its entry lay in memory that a new thread of the child got, and stood in the list for ever.
 TEST(ThreadsMonitor, ThreadThatAForkedChildDoesNotHaveIsNotSignalled) {
     CountingSignals signals;
     ThreadsMonitor monitor(signals);
-    std::promise<void> end;
-    std::promise<void> isSet;
-    std::thread dbusThread([&] {
-        monitor.SetDBusThreadId(pthread_self());
-        isSet.set_value();
-        end.get_future().wait();
-    });
-    isSet.get_future().wait();
+    std::optional<DBusThread> dbusThread(monitor);
     const pid_t child = fork();
     if (child == 0) {
         monitor.NotifyDBusThreadToStopOnFailure();
@@ -307,8 +324,7 @@ TEST(ThreadsMonitor, ThreadThatAForkedChildDoesNotHaveIsNotSignalled) {
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-    end.set_value();
-    dbusThread.join();
+    dbusThread.reset();
     monitor.NotifyDBusThreadToStopOnFailure();
     EXPECT_EQ(signals.sent, 0) << "its end is noticed in the parent";
 }
@@ -322,14 +338,7 @@ TEST(ThreadsMonitor, ForkedChildHasADBusThreadOfItsOwn) {
     }
     CountingSignals signals;
     ThreadsMonitor monitor(signals);
-    std::promise<void> end;
-    std::promise<void> isSet;
-    std::thread dbusThread([&] {
-        monitor.SetDBusThreadId(pthread_self());
-        isSet.set_value();
-        end.get_future().wait();
-    });
-    isSet.get_future().wait();
+    const DBusThread dbusThread(monitor);
     const pid_t child = fork();
     if (child == 0) {
         ThreadsMonitor own(signals);
@@ -346,8 +355,6 @@ TEST(ThreadsMonitor, ForkedChildHasADBusThreadOfItsOwn) {
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-    end.set_value();
-    dbusThread.join();
 }
 
 class CountingWorker : public ThreadManager {
