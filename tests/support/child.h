@@ -23,8 +23,9 @@ struct ChildResult {
 };
 
 /// Runs `body` in a forked child and waits for its end, at most `limit`; then the child is killed. The
-/// child's messages (threshold 7) are collected. When `body` returns, the child leaves with that exit status
-/// without running static destructors. Call it while the test program has no other thread.
+/// child's messages (threshold 7) are collected, also those that a LogCapture of its own takes. When `body`
+/// returns, the child leaves with that exit status without running static destructors. Call it while the test
+/// program has no other thread.
 ChildResult RunInChild(const std::function<int()>& body, std::chrono::milliseconds limit = GENEROUS_LIMIT);
 
 /// How a child of this process is, in words for a failure message: "process 7 has ended with exit status 1",

@@ -158,7 +158,7 @@ LogCapture::LogCapture(int threshold) {
 LogCapture::~LogCapture() {
     Sink& sink = GetSink();
     const std::lock_guard lock(sink.mutex);
-    sink.active = false;
+    sink.active = sink.forwardFd >= 0;
     sink.entries.clear();
     SetLogThreshold(gFormerThreshold);
 }

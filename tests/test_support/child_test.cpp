@@ -1,8 +1,10 @@
 #include "support/child.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <tern/foundation/log.h>
 #include <unistd.h>
 
 namespace tern::test {
@@ -36,6 +38,26 @@ TEST(DescribeChild, TellsWhatEndedIt) {
     EXPECT_EQ(DescribeChild(child), "process " + std::to_string(child) + " is running");
     EXPECT_EQ(kill(child, SIGKILL), 0);
     EXPECT_EQ(EndOf(child), "process " + std::to_string(child) + " was ended by signal 9 (Killed)");
+}
+
+// The end of a capture ended the collecting as well.
+TEST(RunInChild, CollectsWhatTheChildLogsWhileItCapturesAndAfterwards) {
+    const std::string name = "Name";
+    const ChildResult result = RunInChild([&] {
+        TERN_LOG_INFO(name, "before");
+        int taken = 0;
+        {
+            const LogCapture log;
+            TERN_LOG_INFO(name, "meanwhile");
+            taken = static_cast<int>(log.Entries().size());
+        }
+        TERN_LOG_TRACE(name, "afterwards");
+        return taken;
+    });
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.log, testing::ElementsAre(Info(name, "before"), Info(name, "meanwhile"),
+                                                 Trace(name, "afterwards")));
+    EXPECT_EQ(result.error, "");
 }
 
 }  // namespace
