@@ -1,7 +1,6 @@
 #include "notify_socket.h"
 
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -11,6 +10,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "environment_variable.h"
 #include "socket_path.h"
 
 namespace tern::test {
@@ -22,6 +22,11 @@ using std::chrono::steady_clock;
 
 /// Between two looks at a child.
 constexpr milliseconds CHILD_PERIOD{10};
+
+EnvironmentVariable& Address() {
+    static auto* const variable = new EnvironmentVariable("NOTIFY_SOCKET");  // a socket may be static
+    return *variable;
+}
 
 bool HasEnded(pid_t child) {
     siginfo_t end{};
@@ -43,13 +48,11 @@ NotifySocket::NotifySocket() {
         close(mFd);
         throw std::system_error(error, std::generic_category(), "notification socket " + path);
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
-    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    Address().Add(this, path);
 }
 
 NotifySocket::~NotifySocket() {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
-    unsetenv("NOTIFY_SOCKET");
+    Address().Remove(this);
     close(mFd);
 }
 

@@ -12,8 +12,9 @@
 namespace tern::test {
 
 /// Stands in for systemd's notification socket: sd_notify(3) of this process and its children arrives here.
-/// Sets NOTIFY_SOCKET until it is destroyed; create it before other threads. Throws std::runtime_error when
-/// TMPDIR is too long for a socket in it, std::system_error when there is no socket to be had.
+/// Sets NOTIFY_SOCKET until it is destroyed; of several, the living one that was made last is told. Create it
+/// before other threads. Throws std::runtime_error when TMPDIR is too long for a socket in it,
+/// std::system_error when there is no socket to be had.
 class NotifySocket {
 public:
     NotifySocket();

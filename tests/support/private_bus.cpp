@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,15 +13,20 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "environment_variable.h"
 #include "socket_path.h"
 
 namespace tern::test {
 
 namespace {
 
-constexpr const char* ADDRESS_VARIABLE = "DBUS_SYSTEM_BUS_ADDRESS";
 /// The daemon's own limit, on every system; Linux has 107.
 constexpr std::size_t LONGEST_PATH = 99;
+
+EnvironmentVariable& SystemBusAddress() {
+    static auto* const variable = new EnvironmentVariable("DBUS_SYSTEM_BUS_ADDRESS");  // a bus may be static
+    return *variable;
+}
 
 /// A value of a D-Bus address: each byte but these few is escaped, and with them all that XML knows.
 std::string EscapeAddress(const std::string& value) {
@@ -110,14 +114,12 @@ PrivateBus::PrivateBus(const std::string& limits) {
     }
     mAddress.pop_back();
     mAddress = mAddress.substr(0, mAddress.find(",guid="));
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
-    setenv(ADDRESS_VARIABLE, mAddress.c_str(), 1);
+    SystemBusAddress().Add(this, mAddress);
 }
 
 PrivateBus::~PrivateBus() {
     Kill();
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other threads yet, or any more
-    unsetenv(ADDRESS_VARIABLE);
+    SystemBusAddress().Remove(this);
 }
 
 void PrivateBus::Kill() {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 
 #include "support/process_resources.h"
@@ -36,6 +37,23 @@ TEST(NotifySocket, ReceivesWhatTheProcessAndItsChildrenSay) {
     EXPECT_EQ(systemd.Receive(), "STATUS=child");
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
     EXPECT_EQ(systemd.Receive(std::chrono::milliseconds(1)), std::nullopt);
+}
+
+TEST(NotifySocket, OfSeveralTheLastOneThatLivesIsTold) {
+    auto first = std::make_unique<NotifySocket>();
+    {
+        NotifySocket second;
+        EXPECT_GT(sd_notify(0, "STATUS=second"), 0);
+        EXPECT_EQ(second.ReceiveNow(), "STATUS=second");
+    }
+    EXPECT_GT(sd_notify(0, "STATUS=first"), 0);
+    EXPECT_EQ(first->ReceiveNow(), "STATUS=first");
+    // The former one goes when the new one is there.
+    first = std::make_unique<NotifySocket>();
+    EXPECT_GT(sd_notify(0, "STATUS=new"), 0);
+    EXPECT_EQ(first->ReceiveNow(), "STATUS=new");
+    first.reset();
+    EXPECT_EQ(getenv("NOTIFY_SOCKET"), nullptr);
 }
 
 TEST(NotifySocket, WorksInFoldersOfAnyName) {

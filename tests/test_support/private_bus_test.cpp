@@ -5,6 +5,7 @@
 #include <systemd/sd-bus.h>
 
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 
 #include "support/process_resources.h"
@@ -39,6 +40,28 @@ TEST_F(PrivateBusTest, IsTheSystemBusWhileItLives) {
         bus.Kill();
         EXPECT_FALSE(HasSystemBus());
     }
+    EXPECT_EQ(getenv("DBUS_SYSTEM_BUS_ADDRESS"), nullptr);
+}
+
+// After the second one the test's calls went to the machine's own bus, although the first one was there.
+TEST_F(PrivateBusTest, OfSeveralTheLastOneThatLivesIsTheSystemBus) {
+    const auto isSystemBus = [](const PrivateBus& bus) {
+        const char* const address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+        return address != nullptr && bus.Address() == address && HasSystemBus();
+    };
+    auto first = std::make_unique<PrivateBus>();
+    {
+        const PrivateBus second;
+        EXPECT_TRUE(isSystemBus(second));
+    }
+    EXPECT_TRUE(isSystemBus(*first));
+    // The former one goes when the new one is there.
+    first = std::make_unique<PrivateBus>();
+    EXPECT_TRUE(isSystemBus(*first));
+    auto third = std::make_unique<PrivateBus>();
+    first.reset();
+    EXPECT_TRUE(isSystemBus(*third));
+    third.reset();
     EXPECT_EQ(getenv("DBUS_SYSTEM_BUS_ADDRESS"), nullptr);
 }
 
