@@ -73,7 +73,7 @@ ChildResult RunInChild(const std::function<int()>& body, std::chrono::millisecon
 
     ChildResult result;
     std::string log;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = DeadlineAfter(limit);
     pollfd streams[] = {{logPipe[0], POLLIN, 0}, {errorPipe[0], POLLIN, 0}};
     std::string* const targets[] = {&log, &result.error};
     // Both streams end with the child, unless grandchildren hold them: the wait below decides.

@@ -57,10 +57,10 @@ NotifySocket::~NotifySocket() {
 }
 
 std::optional<std::string> NotifySocket::Receive(milliseconds limit) {
-    const auto deadline = steady_clock::now() + limit;
+    const auto deadline = DeadlineAfter(limit);
     char buffer[4096];
     ssize_t count = recv(mFd, buffer, sizeof buffer, 0);
-    for (auto rest = limit; count < 0 && rest.count() > 0;) {
+    for (auto rest = std::min(limit, LONGEST_LIMIT); count < 0 && rest.count() > 0;) {
         pollfd record{mFd, POLLIN, 0};
         static_cast<void>(poll(&record, 1, static_cast<int>(rest.count())));
         count = recv(mFd, buffer, sizeof buffer, 0);
@@ -70,7 +70,7 @@ std::optional<std::string> NotifySocket::Receive(milliseconds limit) {
 }
 
 std::optional<std::string> NotifySocket::ReceiveFrom(pid_t child, milliseconds limit) {
-    const auto deadline = steady_clock::now() + limit;
+    const auto deadline = DeadlineAfter(limit);
     bool last = false;
     while (true) {
         const auto rest = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());

@@ -2,7 +2,9 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 
 namespace tern::test {
 
@@ -10,10 +12,18 @@ namespace tern::test {
 /// when the awaited thing happens.
 constexpr std::chrono::seconds GENEROUS_LIMIT{30};
 
+/// Longer limits count as this one, 24 days.
+constexpr std::chrono::milliseconds LONGEST_LIMIT{std::numeric_limits<int>::max()};
+
+/// When a wait that begins now is over.
+inline std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::milliseconds limit) {
+    return std::chrono::steady_clock::now() + std::clamp(limit, std::chrono::milliseconds(0), LONGEST_LIMIT);
+}
+
 /// Polls the predicate every millisecond until it holds; false when it did not within the limit.
 template <typename Predicate>
 bool WaitUntil(Predicate predicate, std::chrono::milliseconds limit = GENEROUS_LIMIT) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = DeadlineAfter(limit);
     while (!predicate()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return predicate();

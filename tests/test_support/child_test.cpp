@@ -60,5 +60,14 @@ TEST(RunInChild, CollectsWhatTheChildLogsWhileItCapturesAndAfterwards) {
     EXPECT_EQ(result.error, "");
 }
 
+// It overflowed: the child was killed before it had begun.
+TEST(RunInChild, TheLongestLimitIsNone) {
+    const ChildResult result = RunInChild([] { return 3; }, std::chrono::milliseconds::max());
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_EQ(result.exitCode, 3);
+    int looks = 0;
+    EXPECT_TRUE(WaitUntil([&] { return ++looks == 3; }, std::chrono::milliseconds::max()));
+}
+
 }  // namespace
 }  // namespace tern::test

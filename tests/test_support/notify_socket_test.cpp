@@ -140,6 +140,16 @@ TEST(NotifySocket, WaitsForARunningChildAndNoLongerThanItRuns) {
     close(go[1]);
 }
 
+TEST(NotifySocket, TheLongestLimitIsNone) {
+    NotifySocket systemd;
+    const pid_t child = Fork([] {
+        usleep(50000);
+        sd_notify(0, "READY=1");
+    });
+    EXPECT_EQ(systemd.ReceiveFrom(child, std::chrono::milliseconds::max()), "READY=1");
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
 TEST(NotifySocket, TellsWithinASecondThatTheChildHasDied) {
     NotifySocket systemd;
     const pid_t child = Fork([] { _exit(7); });
