@@ -45,6 +45,7 @@
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
+#include "support/threads_of_children.h"
 #include "support/wait_until.h"
 #include "threading/watching_doubles.h"
 #include "typed/served_bus.h"
@@ -575,9 +576,7 @@ TEST(DiagnosticsWithoutATypedBus, OpensOne) {
 /// A service that `fail` has throw on its D-Bus thread is known to have been ended by the exception `thrown`.
 /// In a child, as a recorder does not forget exceptions.
 void IsKnownAsTheEnd(const std::function<void(Served&)>& fail, const char* thrown) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer does not let a forked child make threads";
-#endif
+    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
     const auto result = tern::test::RunInChild([&] {
         const PrivateBus bus;
         Diagnostics diagnostics;
@@ -686,9 +685,7 @@ TEST(DiagnosticsOfAFormerLife, AreLogged) {
 }
 
 TEST(DiagnosticsOfAFormerLife, AreNotKnownWhereTheRecorderIsBegunLater) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer does not let a forked child make threads";
-#endif
+    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
     ASSERT_EQ(Recorder::Begin(), StatusCode::Ok);
     Recorder::End();
     const mwl::UniqueFd kept(dup(Recorder::GetFd()));

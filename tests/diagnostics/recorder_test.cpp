@@ -41,6 +41,7 @@
 #include "foundation/unique_fd.h"
 #include "support/interpose.h"
 #include "support/temp_folder.h"
+#include "support/threads_of_children.h"
 #include "support/wait_until.h"
 #include "threading/watching_doubles.h"
 
@@ -398,9 +399,7 @@ TEST_F(RecorderTest, ForkedChildAnnouncesNothingToTheServiceManager) {
 }
 
 TEST_F(RecorderTest, ComponentsWithThousandNamesLeaveTheTableOfNamesBounded) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer does not let a forked child make threads";
-#endif
+    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
     // In a process of its own: its table of names is full then.
     const int status = StatusOf([] {
         if (Recorder::Begin() != StatusCode::Ok) {

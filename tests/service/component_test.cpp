@@ -19,12 +19,12 @@
 #include "foundation/handle.h"
 #include "support/allocations.h"
 #include "support/child.h"
-#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/notify_socket.h"
 #include "support/private_bus.h"
 #include "support/process_resources.h"
+#include "support/threads_of_children.h"
 #include "support/wait_until.h"
 
 using mw::tern::StatusCode;
@@ -352,10 +352,7 @@ TEST_F(ComponentTest, SecondComponentOfAProcessIsRefusedWhileTheFirstRuns) {
 
 // It counted its parent's D-Bus thread, which it does not have, as running.
 TEST_F(ComponentTest, ForkedChildHasAServiceOfItsOwn) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one";
-#endif
-    SKIP_WHERE_EMULATED("a child of several threads is ended by an assertion of the emulator's own");
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
     ASSERT_EQ(mComponent.Start(), StatusCode::Ok);
     ASSERT_TRUE(IsServing(NAME));
     const std::string ownName = "com.example.Child";

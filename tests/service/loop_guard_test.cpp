@@ -20,10 +20,10 @@
 
 #include "foundation/handle.h"
 #include "support/child.h"
-#include "support/emulation.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
+#include "support/threads_of_children.h"
 
 using mw::tern::DBusInterface;
 using mw::tern::DBusServerManager;
@@ -496,10 +496,7 @@ TEST_F(LoopGuardTest, TerminateHandlerIsGivenBackWithTheThread) {
 
 // It counted its parent's D-Bus thread, and so neither set the handler for its own nor gave it back.
 TEST_F(LoopGuardTest, ForkedChildHasTheTerminateHandlerForAThreadOfItsOwn) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one";
-#endif
-    SKIP_WHERE_EMULATED("a child of several threads is ended by an assertion of the emulator's own");
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
     const ChildResult parent = tern::test::RunInChild([&] {
         const std::terminate_handler before = std::get_terminate();
         mwl::Threading::Signals signals;

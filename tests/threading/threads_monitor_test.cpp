@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/emulation.h"
 #include "support/log_capture.h"
+#include "support/threads_of_children.h"
 #include "support/wait_until.h"
 #include "threading/supervision_doubles.h"
 #include "threading/thread_state.h"
@@ -330,12 +330,7 @@ TEST(ThreadsMonitor, ThreadThatAForkedChildDoesNotHaveIsNotSignalled) {
 }
 
 TEST(ThreadsMonitor, ForkedChildHasADBusThreadOfItsOwn) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one";
-#endif
-    if (tern::test::IsEmulated()) {
-        GTEST_SKIP() << "the emulator ends a child of several threads by an assertion of its own";
-    }
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
     CountingSignals signals;
     ThreadsMonitor monitor(signals);
     const DBusThread dbusThread(monitor);

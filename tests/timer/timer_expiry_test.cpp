@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/threads_of_children.h"
 #include "threading/thread_state.h"
 #include "timer/timer_fixture.h"
 
@@ -43,18 +44,6 @@ bool AllButThisAreAsleep() {
     }
     return others > 0;
 }
-
-/// Before a test whose child of several threads makes a thread.
-#ifdef __SANITIZE_THREAD__
-#define SKIP_WHERE_CHILDREN_HAVE_NO_THREADS() \
-    GTEST_SKIP() << "ThreadSanitizer ends a child of several threads that makes one"
-#else
-#define SKIP_WHERE_CHILDREN_HAVE_NO_THREADS()                                                      \
-    if (tern::test::IsEmulated()) {                                                                \
-        GTEST_SKIP() << "the emulator ends a child of several threads by an assertion of its own"; \
-    }                                                                                              \
-    static_cast<void>(0)
-#endif
 
 /// In a forked child: so that it hangs for no longer than the test waits.
 void EndInTime() {
@@ -107,7 +96,7 @@ TEST_F(FakeTimersInAChild, OthersWaitWhileATimerIsEntered) {
 // The parent's guard, which waits at the fork, is not in the child: the C library waited there for it to wake
 // up, for ever, with the registry locked.
 TEST_F(FakeTimersInAChild, ForkedChildHasTimersOfItsOwn) {
-    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
     const ChildResult child = RunInChild([] {
         Timer timer(NEVER_MS, true, nullptr);
         if (timer.Start() != StatusCode::Ok || !WaitUntil([] { return AllButThisAreAsleep(); })) {
@@ -134,7 +123,7 @@ TEST_F(FakeTimersInAChild, ForkedChildHasTimersOfItsOwn) {
 
 // A thread that is entering a timer at the fork is not in the child either, where the registry stayed locked.
 TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileATimerIsEntered) {
-    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
     const ChildResult child = RunInChild([] {
         const pid_t forking = gettid();
         std::atomic<bool> mayEnter{false};
@@ -199,7 +188,7 @@ TEST_F(FakeTimersInAChild, ForkedChildTouchesNoTimerByItsParentsId) {
 }
 
 TEST_F(TimerExpiry, ParentsTimerMayBeStartedInAForkedChild) {
-    SKIP_WHERE_CHILDREN_HAVE_NO_THREADS();
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
     const ChildResult child = RunInChild([] {
         const auto calls = std::make_shared<std::atomic<int>>(0);
         auto timer = std::make_unique<Timer>(NEVER_MS, false, [calls] { ++*calls; });
