@@ -27,10 +27,7 @@ public:
     explicit Running(Stage& stage) : mStage(stage), mName(stage.BusName()) {}
     /// Ends it, however far it came.
     ~Running() {
-        if (mStarted && !mJoined) {
-            SendStop();
-            Join();
-        }
+        End();
         DropStop();
     }
     Running(const Running&) = delete;
@@ -54,8 +51,12 @@ public:
         mComponent.JoinThread();
     }
 
-    /// Has a process that would end as failed count as a report.
-    void TellFailure() { static_cast<void>(mStage.Accept(mMonitor.HasFailure() ? 1 : 0, "HasFailure")); }
+    /// Ends it, and has a process that would end as failed count as a report: a loop that has failed says so
+    /// on its thread's way out.
+    void TellFailure() {
+        End();
+        static_cast<void>(mStage.Accept(mMonitor.HasFailure() ? 1 : 0, "HasFailure"));
+    }
 
     const std::string& Name() const { return mName; }
     Server& GetServer() { return mServer; }
@@ -65,6 +66,13 @@ protected:
     Stage& mStage;
 
 private:
+    void End() {
+        if (mStarted && !mJoined) {
+            SendStop();
+            Join();
+        }
+    }
+
     const std::string mName;
     mwl::Threading::Signals mSignals;
     mwl::Threading::ThreadsMonitor mMonitor{mSignals};

@@ -32,6 +32,8 @@ constexpr const char* PASSED_C =
 
 constexpr const char* DEFERRED = "what is deferred in a loop that runs is always switched on";
 
+constexpr const char* EXPIRY_DROPPED = "the C library loses memory with each expiry that it drops";
+
 constexpr Statement STATEMENTS[] = {
     {"SILENT", "command-with-input", "write", "EIO", INPUT_LOST},
     {"SILENT", "command-with-input", "write", "EPIPE", INPUT_LOST},
@@ -76,7 +78,8 @@ constexpr Statement STATEMENTS[] = {
     {"SILENT", "typed-period", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
     {"SILENT", "typed-objects", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
     {"VIOLATED", "typed-objects", "sd_event_source_set_enabled", "-ENOMEM", DEFERRED},
-    {"LEFTOVER", "timer", "RLIMIT_NPROC", "*", "the C library loses memory with each expiry that it drops"},
+    {"LEFTOVER", "timer", "RLIMIT_NPROC", "*", EXPIRY_DROPPED},
+    {"LEFTOVER", "timer", "RLIMIT_AS", "*", EXPIRY_DROPPED},
     {"LEFTOVER", "typed-start-up", "RLIMIT_NPROC", "*",
      "the C library (2.43) loses memory with each thread that it cannot start"},
     {"DIED", "folder-monitor", "read", "*", "a monitor that ended by itself is not to be destroyed"},
