@@ -42,7 +42,8 @@ constexpr int SLOWNESS = 10;
 constexpr int SLOWNESS = 1;
 #endif
 
-/// The one tolerance for upper time bounds; grows under sanitizers.
-constexpr std::chrono::milliseconds TOLERANCE{500 * SLOWNESS};
+/// The one tolerance for upper time bounds, for a machine loaded with other work; grows under sanitizers.
+/// Shorter than what a test tells its bound from.
+constexpr std::chrono::milliseconds TOLERANCE{1500 * SLOWNESS};
 
 }  // namespace tern::test
