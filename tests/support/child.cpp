@@ -12,6 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "dump_coverage.h"
 
@@ -19,11 +20,32 @@ namespace tern::test {
 
 namespace {
 
-void CheckedPipe(int (&ends)[2]) {
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        throw std::system_error(errno, std::generic_category(), "pipe2");
+/// Owner of the two ends of a pipe.
+class Pipe {
+public:
+    Pipe() {
+        if (pipe2(mEnds, O_CLOEXEC) != 0) {
+            throw std::system_error(errno, std::generic_category(), "pipe2");
+        }
     }
-}
+    ~Pipe() {
+        close(mEnds[0]);
+        CloseWriteEnd();
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    int GetReadEnd() const { return mEnds[0]; }
+    int GetWriteEnd() const { return mEnds[1]; }
+    void CloseWriteEnd() {
+        if (mEnds[1] >= 0) {
+            close(std::exchange(mEnds[1], -1));
+        }
+    }
+
+private:
+    int mEnds[2];
+};
 
 /// Appends what is there to `bytes`; false at the end of the stream.
 bool Drain(int fd, std::string& bytes) {
@@ -56,25 +78,24 @@ bool Drain(int fd, std::string& bytes) {
 }  // namespace
 
 ChildResult RunInChild(const std::function<int()>& body, std::chrono::milliseconds limit) {
-    int logPipe[2];
-    int errorPipe[2];
-    CheckedPipe(logPipe);
-    CheckedPipe(errorPipe);
+    Pipe logPipe;
+    Pipe errorPipe;
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (pid == 0) {
-        ChildMain(body, logPipe[1], errorPipe[1]);
+        ChildMain(body, logPipe.GetWriteEnd(), errorPipe.GetWriteEnd());
     }
-    close(logPipe[1]);
-    close(errorPipe[1]);
+    logPipe.CloseWriteEnd();
+    errorPipe.CloseWriteEnd();
 
     ChildResult result;
     std::string log;
     const auto deadline = DeadlineAfter(limit);
-    pollfd streams[] = {{logPipe[0], POLLIN, 0}, {errorPipe[0], POLLIN, 0}};
+    const int ends[] = {logPipe.GetReadEnd(), errorPipe.GetReadEnd()};
+    pollfd streams[] = {{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}};
     std::string* const targets[] = {&log, &result.error};
     // Both streams end with the child, unless grandchildren hold them: the wait below decides.
     int status = 0;
@@ -93,12 +114,10 @@ ChildResult RunInChild(const std::function<int()>& body, std::chrono::millisecon
             ended = waitpid(pid, &status, 0) == pid;
         }
     }
-    const int ends[] = {logPipe[0], errorPipe[0]};
     for (int i = 0; i < 2; ++i) {
         fcntl(ends[i], F_SETFL, O_NONBLOCK);
         while (Drain(ends[i], *targets[i])) {
         }
-        close(ends[i]);
     }
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;

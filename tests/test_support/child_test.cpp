@@ -7,6 +7,15 @@
 #include <tern/foundation/log.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <system_error>
+
+#include "support/interpose.h"
+#include "support/process_resources.h"
+
+TERN_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags))
+TERN_INTERPOSE(pid_t, fork, (), ())
+
 namespace tern::test {
 namespace {
 
@@ -67,6 +76,24 @@ TEST(RunInChild, TheLongestLimitIsNone) {
     EXPECT_EQ(result.exitCode, 3);
     int looks = 0;
     EXPECT_TRUE(WaitUntil([&] { return ++looks == 3; }, std::chrono::milliseconds::max()));
+}
+
+// What it had opened before the call that failed stayed open.
+TEST(RunInChild, WithoutAChildNoDescriptorIsLeft) {
+    const FaultScope pipeScope(fault_pipe2);
+    const FaultScope forkScope(fault_fork);
+    const auto run = [] { static_cast<void>(RunInChild([] { return 0; })); };
+    const std::size_t descriptors = CountDescriptors();
+    for (const int skip : {0, 1}) {
+        fault_pipe2.Fail(-1, EMFILE, 1, skip);
+        EXPECT_THROW(run(), std::system_error) << skip;
+        EXPECT_EQ(CountDescriptors(), descriptors) << skip;
+    }
+    fault_fork.Fail(-1, EAGAIN);
+    EXPECT_THROW(run(), std::system_error);
+    EXPECT_EQ(CountDescriptors(), descriptors);
+    run();
+    EXPECT_EQ(CountDescriptors(), descriptors);
 }
 
 }  // namespace
