@@ -24,8 +24,9 @@ struct ChildResult {
 
 /// Runs `body` in a forked child and waits for its end, at most `limit`; then the child is killed. The
 /// child's messages (threshold 7) are collected, also those that a LogCapture of its own takes. When `body`
-/// returns, the child leaves with that exit status without running static destructors. Call it while the test
-/// program has no other thread. Throws std::system_error when there is no child to be had.
+/// returns, the child leaves with that exit status without running static destructors; when it throws, with
+/// 125 and a line on standard error. Call it while the test program has no other thread. Throws
+/// std::system_error when there is no child to be had.
 ChildResult RunInChild(const std::function<int()>& body, std::chrono::milliseconds limit = GENEROUS_LIMIT);
 
 /// How a child of this process is, in words for a failure message: "process 7 has ended with exit status 1",

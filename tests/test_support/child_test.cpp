@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <system_error>
 
 #include "support/interpose.h"
@@ -94,6 +95,15 @@ TEST(RunInChild, WithoutAChildNoDescriptorIsLeft) {
     EXPECT_EQ(CountDescriptors(), descriptors);
     run();
     EXPECT_EQ(CountDescriptors(), descriptors);
+}
+
+// The child left RunInChild with it, and ran the rest of the parent's tests.
+TEST(RunInChild, AnythingThatIsThrownEndsTheChild) {
+    const ChildResult result = RunInChild([]() -> int { throw 7; });
+    EXPECT_EQ(result.exitCode, 125);
+    EXPECT_EQ(result.error, "exception in the child\n");
+    EXPECT_EQ(RunInChild([]() -> int { throw std::runtime_error("text"); }).error,
+              "exception in the child: text\n");
 }
 
 }  // namespace
