@@ -88,6 +88,9 @@ struct FolderMonitor::Watch {
 
     void ThreadLoop();
     void Cleanup();
+    /// A forked child has what its parent's monitor had, except the threads: it lets go of both, and is idle.
+    /// What is returned is to be released without the lock.
+    static std::shared_ptr<Watch> ForgetParents(std::shared_ptr<Watch>& watch, std::thread& watching);
 
     const std::string path;
     const std::uint32_t mask;
@@ -105,6 +108,8 @@ private:
     UniqueFd inotify;
     int watchDescriptor;   ///< -1 while there is nothing at the path
     int refusal = ENOENT;  ///< why there is no watch, as reported last
+
+    const pid_t process = getpid();
 };
 
 void FolderMonitor::Watch::ThreadLoop() {
@@ -171,6 +176,19 @@ void FolderMonitor::Watch::Cleanup() {
     active = false;
 }
 
+std::shared_ptr<FolderMonitor::Watch> FolderMonitor::Watch::ForgetParents(std::shared_ptr<Watch>& watch,
+                                                                          std::thread& watching) {
+    if (watch == nullptr || watch->process == getpid()) {
+        return nullptr;
+    }
+    // Neither joined nor detached: a thread of the child's own may have its number by now.
+    std::construct_at(&watching);
+    watch->stopRequested = true;
+    // The watch itself is the parent's too, and not removed.
+    watch->inotify.Reset();
+    return std::exchange(watch, nullptr);
+}
+
 FolderMonitor::FolderMonitor(const std::string& path) : mPath(path) {}
 
 FolderMonitor::~FolderMonitor() {
@@ -182,9 +200,11 @@ FolderMonitor::~FolderMonitor() {
 StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned int)> callback,
                                 unsigned int mask) {
     // Released after the lock, also when something throws: what their callbacks hold is user code.
+    std::shared_ptr<Watch> parents;
     std::shared_ptr<Watch> former;
     std::shared_ptr<Watch> watch;
     const std::lock_guard lock(mMutex);
+    parents = Watch::ForgetParents(mWatch, mThread);
     if (mWatch != nullptr && mWatch->active) {
         TERN_LOG_INFO(LOGGER, "[%s] FolderMonitor already active on %s", "Start", mPath.c_str());
         return StatusCode::Ok;
@@ -232,7 +252,9 @@ StatusCode FolderMonitor::Start(std::function<void(const std::string&, unsigned 
 }
 
 void FolderMonitor::Stop() {
+    std::shared_ptr<Watch> parents;  // released after the lock, as in Start
     std::unique_lock lock(mMutex);
+    parents = Watch::ForgetParents(mWatch, mThread);
     const std::shared_ptr<Watch> watch = mWatch;
     if (watch == nullptr) {
         TERN_LOG_TRACE(LOGGER, "[%s] Folder monitor stop request when not running", "Stop");

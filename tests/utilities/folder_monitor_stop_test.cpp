@@ -4,12 +4,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <functional>
 #include <latch>
+#include <memory>
 #include <optional>
 
+#include "support/threads_of_children.h"
 #include "utilities/folder_monitor_fixture.h"
 
 namespace mwl::Utilities {
@@ -358,6 +362,146 @@ TEST_F(FolderMonitorTest, StopsAndEventsFromManyThreadsDoNotDisturbEachOther) {
         }
         monitor.Stop();
     }
+}
+
+// In a forked child
+
+/// What a forked child does with the monitor of its parent; true when that succeeds within the time of a
+/// test.
+bool SucceedsInAForkedChild(const std::function<bool()>& act) {
+    const pid_t forked = fork();
+    if (forked == 0) {
+        alarm(static_cast<unsigned int>(tern::test::GENEROUS_LIMIT.count()) / 2);
+        _exit(act() ? 0 : 1);
+    }
+    int status = 0;
+    return waitpid(forked, &status, 0) == forked && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// Holds the watching thread in its pause, where it holds no lock that a forked child would need.
+class HeldPause {
+public:
+    HeldPause() : mScope(fault_nanosleep) {
+        fault_nanosleep.Replace([this](const timespec*, timespec*) {
+            mBegun.count_down();
+            mEnd.wait();
+            return 0;
+        });
+    }
+    void WaitUntilBegun() { mBegun.wait(); }
+    void End() { mEnd.count_down(); }
+
+private:
+    std::latch mBegun{1};
+    std::latch mEnd{1};
+    FaultScope<int(const timespec*, timespec*)> mScope;
+};
+
+// It waited for a thread that only its parent has.
+TEST_F(FolderMonitorTest, AForkedChildMayStopAndDestroyItsParentsMonitor) {
+    SKIP_WHERE_EMULATED("a child of several threads is ended by an assertion of the emulator's own");
+    const ChildResult child = RunInChild([&] {
+        auto monitor = std::make_unique<FolderMonitor>(folder.Path());
+        HeldPause pause;
+        if (monitor->Start(IgnoreEvent, 0) != StatusCode::Ok) {
+            return 1;
+        }
+        pause.WaitUntilBegun();
+        const bool isStopped = SucceedsInAForkedChild([&] {
+            const std::size_t descriptors = CountDescriptors();
+            monitor->Stop();
+            return CountDescriptors() == descriptors - 1;
+        });
+        const bool isDestroyed = SucceedsInAForkedChild([&] {
+            monitor.reset();
+            return true;
+        });
+        pause.End();
+        monitor->Stop();
+        return isStopped && isDestroyed ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log,
+                ElementsAre(Started(), NotRunning(), NotRunning(), Exiting(), Stopped(), NotRunning()));
+}
+
+// Its parent's watch counted as its own.
+TEST_F(FolderMonitorTest, AForkedChildMayStartItsParentsMonitor) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+    CreateFile("a");
+    const ChildResult child = RunInChild([&] {
+        FolderMonitor monitor(folder.Path());
+        HeldPause pause;
+        if (monitor.Start(IgnoreEvent, 0) != StatusCode::Ok) {
+            return 1;
+        }
+        pause.WaitUntilBegun();
+        const bool isStarted = SucceedsInAForkedChild([&] {
+            std::latch isCalled(1);
+            const StatusCode status = monitor.Start(
+                [&](const std::string&, unsigned int) {
+                    monitor.Stop();
+                    isCalled.count_down();
+                },
+                0);
+            DeleteFile("a");
+            isCalled.wait();
+            return status == StatusCode::Ok;
+        });
+        pause.End();
+        monitor.Stop();
+        return isStarted ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
+// The destruction of its thread, which had finished by itself in the parent, ended the child.
+TEST_F(FolderMonitorTest, AForkedChildMayDestroyItsParentsFinishedMonitor) {
+    CreateFile("a");
+    const ChildResult child = RunInChild([&] {
+        std::thread([] {}).join();
+        const std::size_t threads = CountThreads();
+        auto* const monitor = new FolderMonitor(folder.Path());
+        static_cast<void>(monitor->Start(IgnoreEvent, 0));
+        DeleteFile("a");
+        if (!WaitUntil([&] { return CountThreads() == threads; })) {
+            return 1;
+        }
+        return SucceedsInAForkedChild([&] {
+            delete monitor;
+            return true;
+        })
+                   ? 0
+                   : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
+// It removed the watch that its parent has too, because the thread that forked is the watching one.
+TEST_F(FolderMonitorTest, AChildForkedInsideTheCallbackMayDestroyItsParentsMonitor) {
+    CreateFile("a");
+    const ChildResult child = RunInChild([&] {
+        std::latch done(1);
+        bool isDestroyed = false;
+        const FaultScope scope(fault_inotify_rm_watch);
+        auto monitor = std::make_unique<FolderMonitor>(folder.Path());
+        static_cast<void>(monitor->Start(
+            [&](const std::string&, unsigned int) {
+                isDestroyed = SucceedsInAForkedChild([&] {
+                    fault_inotify_rm_watch.Fail(-1, EINVAL);
+                    monitor.reset();
+                    return fault_inotify_rm_watch.Calls() == 0;
+                });
+                monitor->Stop();
+                done.count_down();
+            },
+            0));
+        DeleteFile("a");
+        done.wait();
+        monitor.reset();
+        return isDestroyed ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
 }
 
 }  // namespace

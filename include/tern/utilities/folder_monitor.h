@@ -43,6 +43,9 @@ namespace mwl::Utilities {
 /// call.
 /// REQUIRES: the caller of `Stop` or of the destructor holds nothing that the callback waits for.
 ///
+/// A forked child has its parent's monitor without the thread (fork(2)), and finds it idle in any state; the
+/// parent's watch goes on. This does not hold when another thread was in an operation of it at that moment.
+///
 /// The watch is on the file or folder that had the path at `Start`. When it has been removed, or its file
 /// system unmounted, and `mask` did not ask for it (IN_DELETE_SELF, IN_UNMOUNT), the monitor keeps watching
 /// for something new at the path: it looks every 100 ms, and events between two looks are missed. A warning
