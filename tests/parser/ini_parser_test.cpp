@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -14,9 +15,12 @@
 #include <utility>
 #include <vector>
 
+#include "support/interpose.h"
 #include "support/log_capture.h"
 #include "support/process_resources.h"
 #include "support/temp_folder.h"
+
+TERN_INTERPOSE(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
 
 namespace mwl::Parser {
 namespace {
@@ -224,6 +228,58 @@ TEST_F(IniParserTest, NoDescriptorIsLeftOpen) {
         static_cast<void>(Parse(content, values));
     }
     EXPECT_EQ(tern::test::CountDescriptors(), descriptors);
+}
+
+// A program that another thread starts meanwhile had the file open as long as it ran.
+TEST_F(IniParserTest, NoProgramInheritsTheFile) {
+    LogCapture log;
+    int flags = 0;
+    const tern::test::FaultScope scope(fault_read);
+    fault_read.Replace([&](int fd, void* buffer, size_t size) {
+        flags = fcntl(fd, F_GETFD);
+        return fault_read.Real(fd, buffer, size);
+    });
+    Values values;
+    EXPECT_EQ(Parse("a=b\n", values), StatusCode::Ok);
+    EXPECT_EQ(flags, FD_CLOEXEC);
+    EXPECT_THAT(values, ElementsAre(Pair("a", "b")));
+}
+
+TEST_F(IniParserTest, AnInterruptedReadLosesNothing) {
+    LogCapture log;
+    const tern::test::FaultScope scope(fault_read);
+    fault_read.Fail(-1, EINTR, 3);
+    Values values;
+    EXPECT_EQ(Parse("a=b\nc=d", values), StatusCode::Ok);
+    EXPECT_THAT(values, ElementsAre(Pair("a", "b"), Pair("c", "d")));
+}
+
+TEST_F(IniParserTest, WhatIsReadInPiecesIsWhole) {
+    LogCapture log;
+    const tern::test::FaultScope scope(fault_read);
+    fault_read.Replace([](int fd, void* buffer, size_t) { return fault_read.Real(fd, buffer, 1); }, 100);
+    Values values;
+    EXPECT_EQ(Parse("a=b\n=\n[s]\nlong=value", values), StatusCode::Ok);
+    EXPECT_THAT(values, ElementsAre(Pair("", ""), Pair("a", "b"), Pair("long", "value")));
+}
+
+TEST_F(IniParserTest, AFileThatBreaksOffKeepsItsWholeLines) {
+    LogCapture log;
+    const tern::test::FaultScope scope(fault_read);
+    fault_read.Replace(
+        [calls = 0](int fd, void* buffer, size_t) mutable -> ssize_t {
+            if (++calls <= 6) {
+                return fault_read.Real(fd, buffer, 1);
+            }
+            errno = EIO;
+            return -1;
+        },
+        100);
+    Values values;
+    EXPECT_EQ(Parse("a=b\nc=d\n", values), StatusCode::IoError);
+    EXPECT_THAT(values, ElementsAre(Pair("a", "b")));
+    EXPECT_THAT(log.Entries(),
+                ElementsAre(Split("a", "b"), Error(NAME, "Error reading file [" + mPath + "]")));
 }
 
 TEST_F(IniParserTest, ParseAttributeValueClearsBothOnFailure) {

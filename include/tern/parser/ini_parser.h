@@ -19,7 +19,7 @@ namespace mwl::Parser {
 /// neither an attribute nor a value may contain one.
 ///
 /// Threads: only static operations without shared state; usable from any thread. Both block while the file is
-/// read. Repeating them is harmless.
+/// read. Repeating them is harmless. No program started meanwhile inherits the file.
 class TERN_API IniParser {
 public:
     /// Reads the file at `path` into `values`: a new attribute is inserted; an attribute already there, from
