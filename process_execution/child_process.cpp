@@ -95,7 +95,9 @@ StatusCode ChildProcess::Start(const std::string& path, const std::vector<char*>
     }
     // Non-blocking, so that asking an ended child for its failure never waits for another holder of the end.
     if (!mFailure.Open(O_NONBLOCK)) {
-        return mw::tern::MakeStatusCodeFromErrno(errno);
+        const int error = errno;
+        TERN_LOG_ERROR(LOGGER, "Cannot open failure pipe");
+        return mw::tern::MakeStatusCodeFromErrno(error);
     }
     Plan plan{path.c_str(), argv.data(), mInput.readEnd.Get(), mOutput.writeEnd.Get(),
               mFailure.writeEnd.Get()};

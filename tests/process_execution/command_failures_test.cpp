@@ -120,8 +120,9 @@ TEST_F(CommandTest, FailingPipes) {
     const std::vector<LogEntry> begin{Info(NAME, "Execute the program: /bin/echo"),
                                       Trace(NAME, "Execute the command line: echo"),
                                       Trace(NAME, "Command arguments: ")};
-    const std::vector<LogEntry> ROWS[] = {
-        {Error(NAME, "Cannot open stdin pipe")}, {Error(NAME, "Cannot open stdout pipe")}, {}};
+    const std::vector<LogEntry> ROWS[] = {{Error(NAME, "Cannot open stdin pipe")},
+                                          {Error(NAME, "Cannot open stdout pipe")},
+                                          {Error(NAME, "Cannot open failure pipe")}};
     for (int i = 0; i < 3; ++i) {
         LogCapture log;
         fault_pipe2.Fail(-1, EMFILE, 1, i);

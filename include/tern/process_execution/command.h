@@ -61,7 +61,7 @@ namespace mwl::ProcessExecution {
 /// | a signal ended it | Ok | 1 |
 /// | it was killed at the time limit | Ok | 1 |
 /// | it could not be executed (missing, not executable, ...; logged) | Ok | 1 |
-/// | pipe2(2), clone(2) or mmap(2) failed: there is no child | that of errno | 1 |
+/// | pipe2(2), clone(2) or mmap(2) failed (logged): there is no child | that of errno | 1 |
 /// | fdopen(3) on the output failed | StreamError | 1 |
 /// | the output could not be made non-blocking | that of errno | 1 |
 /// | read(2) of the output failed (logged; what came before is kept) | that of the end | as above |
