@@ -28,7 +28,9 @@ std::size_t CharacterLength(std::string_view text) {
     constexpr std::uint32_t SMALLEST[] = {0, 0, 0xa0, 0x800,
                                           0x10000};  // from U+00A0: those before are control characters
     const bool isSurrogate = code >= 0xd800 && code <= 0xdfff;
-    return code < SMALLEST[length] || code > 0x10ffff || isSurrogate ? 0 : length;
+    // Text with one of these cannot be sent on a bus.
+    const bool isNoCharacter = (code >= 0xfdd0 && code <= 0xfdef) || (code & 0xfffeU) == 0xfffeU;
+    return code < SMALLEST[length] || code > 0x10ffff || isSurrogate || isNoCharacter ? 0 : length;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "diagnostics/clean_text.h"
 #include "diagnostics/descriptor_store.h"
 #include "diagnostics/former_life.h"
 #include "diagnostics/known_copy.h"
@@ -105,7 +106,7 @@ SupervisedThread DescribeSupervised(const Known& known) {
 
 WatchedThread DescribeWatched(const Known& known) {
     WatchedThread thread;
-    thread.name = known.GetName();
+    thread.name = CleanText(known.GetName());
     thread.threadId = static_cast<std::uint32_t>(known.threadId);
     // A period without end has a limit without end.
     constexpr std::uint64_t LONGEST_MS = 1000000000000;
@@ -135,7 +136,7 @@ PoolFigures DescribePool(const Known& known) {
 
 ComponentFigures DescribeComponent(const Known& known) {
     const Counted counted(known);
-    return {std::string(known.GetName()), counted.asked, counted.done, counted.longestUs, counted.runningUs};
+    return {CleanText(known.GetName()), counted.asked, counted.done, counted.longestUs, counted.runningUs};
 }
 
 TimerFigures DescribeTimer(const Known& known) {
@@ -155,10 +156,10 @@ PipeFigures DescribePipe(const Known& known) {
 
 }  // namespace
 
-DiagnosticsInterface::DiagnosticsInterface(Typed::Bus& bus, const BusWatch& watch, std::string version)
+DiagnosticsInterface::DiagnosticsInterface(Typed::Bus& bus, const BusWatch& watch, std::string_view version)
     : mBus(bus),
       mWatch(watch),
-      mVersion(std::move(version)),
+      mVersion(CleanText(version)),
       mStartedAtUs(ReadProcessStartedNs() / NS_PER_US) {
     if (const std::uint64_t uptime = ReadProcessUptimeNs(); uptime > 0) {
         mStartedBootNs = NanosecondsOf(CLOCK_BOOTTIME) - uptime;
@@ -194,7 +195,7 @@ Figures DiagnosticsInterface::Snapshot() const {
 ProcessFigures DiagnosticsInterface::GetProcess() const {
     ProcessFigures process;
     process.pid = static_cast<std::uint32_t>(getpid());
-    process.program = ReadProgram();
+    process.program = CleanText(ReadProgram());
     process.version = mVersion;
     process.libraryVersion = TERN_VERSION;
     process.startedAtUs = mStartedAtUs;

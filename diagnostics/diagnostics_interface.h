@@ -17,7 +17,7 @@ namespace mwl::Diagnostics {
 class DiagnosticsInterface final : public Typed::Implements<DiagnosticsInterface, Diagnostics1> {
 public:
     /// Bus and watch outlive it.
-    DiagnosticsInterface(Typed::Bus& bus, const BusWatch& watch, std::string version);
+    DiagnosticsInterface(Typed::Bus& bus, const BusWatch& watch, std::string_view version);
 
     /// Which function is which member.
     static constexpr auto Describe() {

@@ -1,6 +1,7 @@
 #include "diagnostics/clean_text.h"
 
 #include <gtest/gtest.h>
+#include <tern/typed/basic.h>
 
 #include <cstdint>
 #include <string>
@@ -26,15 +27,18 @@ std::string Encode(std::uint32_t code, int length) {
     return text;
 }
 
-TEST(CleanText, EveryCharacterButControlsStays) {
+TEST(CleanText, EveryCharacterThatMayBeSentStaysButControls) {
     for (std::uint32_t code = 1; code <= 0x10ffff; ++code) {
         const int length = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
         const bool isControl = code < 0x20 || (code >= 0x7f && code < 0xa0);
-        const bool isSurrogate = code >= 0xd800 && code < 0xe000;
         const std::string text = Encode(code, length);
+        const bool isSent = mwl::Typed::IsText(text);
         const std::string wanted =
-            isControl || isSurrogate ? std::string(static_cast<std::size_t>(length), '?') : text;
+            isControl || !isSent ? std::string(static_cast<std::size_t>(length), '?') : text;
         ASSERT_EQ(CleanText("<" + text + ">"), "<" + wanted + ">") << std::hex << code;
+        ASSERT_TRUE(isSent || (code >= 0xd800 && code < 0xe000) || (code >= 0xfdd0 && code < 0xfdf0) ||
+                    (code & 0xfffeU) == 0xfffeU)
+            << std::hex << code;
     }
 }
 

@@ -424,6 +424,41 @@ TEST_F(DiagnosticsTest, GivesEventsOnceAndInOrder) {
     EXPECT_LT(std::get<2>(*beyond).at(0).sequence, rest.back().sequence);
 }
 
+// One such name kept all figures back, and all events.
+TEST_F(DiagnosticsTest, NamesThatCannotBeSentAreMadeFit) {
+    NiceMock<mwl::Threading::MockWatcher> watcher;
+    // In another character set, and with a code point that is no character.
+    mwl::Threading::ThreadWatched thread(watcher,
+                                         "L\xfc"
+                                         "fter");
+    thread.StartWatch(std::chrono::milliseconds(1000));
+    tern::test::IdleExecutor executor;
+    mwl::Threading::Signals signals;
+    mwl::Threading::ThreadsMonitor monitor(signals);
+    mwl::QueuedProcessings::Component component("Cool\xef\xbf\xbfing", "cooling", monitor, executor);
+    const std::uint64_t written = RingReader::Read(Recorder::GetFd())->written;
+    component.WakeUp();
+    const auto events = mProxy->Call(Diagnostics1::GetEvents, written, 0U);
+    ASSERT_TRUE(events.IsOk()) << events.GetError().GetText();
+    EXPECT_TRUE(std::any_of(std::get<2>(*events).begin(), std::get<2>(*events).end(), [](const auto& event) {
+        return event.event == "wake_up" && event.name == "Cool???ing";
+    }));
+    const Figures figures = Snapshot();
+    ASSERT_THAT(figures.watched, SizeIs(1));
+    EXPECT_EQ(figures.watched[0].name, "L?fter");
+    ASSERT_THAT(figures.components, SizeIs(1));
+    EXPECT_EQ(figures.components[0].name, "Cool???ing");
+    thread.StopWatch();
+    mServed->On([&] {
+        mDiagnostics.Reset();
+        mDiagnostics = Diagnostics::Export(*mServed->typed, {.recorder = {.version = "1.0\xb2"}});
+    });
+    EXPECT_EQ(Snapshot().process.version, "1.0?");
+    const auto version = mProxy->Get(Diagnostics1::Version);
+    ASSERT_TRUE(version.IsOk()) << version.GetError().GetText();
+    EXPECT_EQ(*version, "1.0?");
+}
+
 TEST_F(DiagnosticsTest, HandsTheMemoryOutForReadingOnly) {
     const auto memory = mProxy->Call(Diagnostics1::OpenRecorder);
     ASSERT_TRUE(memory.IsOk());

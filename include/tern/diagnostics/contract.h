@@ -8,7 +8,9 @@
 /// else is a number of things. A time "of day" is CLOCK_REALTIME in microseconds since 1970; durations are of
 /// CLOCK_MONOTONIC. Figures of events (calls, jobs, runs, expiries) count from when diagnostics were switched
 /// on in this process; those of pools, components, timers, pipes and watches from when recording began last,
-/// and they are 0 while nothing is recorded.
+/// and they are 0 while nothing is recorded. Of texts that were given to the library, what cannot be sent on
+/// a bus (bytes that are not UTF-8, code points that are no characters) and control characters are question
+/// marks.
 ///
 ///     const Typed::BlockingProxy<Diagnostics1> proxy("com.example.Thermostat", Diagnostics1::PATH);
 ///     const Typed::Outcome<Figures> figures = proxy.Call(Diagnostics1::Snapshot);

@@ -58,7 +58,7 @@ enum class FlightEnd {
     Failed    ///< in order, after a failure
 };
 
-/// All that a flight recorder holds. Texts are valid UTF-8 without control characters.
+/// All that a flight recorder holds. Texts can be sent on a bus, and have no control characters.
 struct Flight {
     std::uint32_t pid = 0;       ///< of the process, in its own namespace
     std::uint32_t restarts = 0;  ///< lives before it
