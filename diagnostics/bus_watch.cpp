@@ -162,6 +162,8 @@ void BusWatch::BeginMessage(sd_bus_message* message) {
         if (member.recorded == 0) {
             member.recorded = Recording::Intern(member.name);
             Recording::SetBusThread();
+            // Of a recorder that was begun later.
+            mIsTold = mIsTold || Recording::WatchTurns(mBus, OnTurnTold, this);
         }
         Recording::RecordCallBegan(member.recorded, mIsRecordersClock ? now : Recording::GetRing().Ticks());
     }

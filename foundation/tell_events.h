@@ -28,7 +28,8 @@ namespace mwl::Tell {
 //  blocked                       a watched thread, which the watcher kills; value: nanoseconds of silence
 //  thrown                        an exception that ends the service; name: type and text, or the text
 //  message                       of the log, warning or worse; value: its level
-//  turn_ended                    D-Bus thread, before its loop waits; object: the connection (an sd_bus)
+//  turn_ended                    D-Bus thread, before its loop waits and when it ends; object: the connection
+//                                (an sd_bus)
 #define TERN_TELL_EVENTS(X)          \
     X(ObjectMade, object_made)       \
     X(ObjectGone, object_gone)       \

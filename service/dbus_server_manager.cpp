@@ -47,6 +47,8 @@ struct Turn {
 
 int FlushWithinTheLimit(sd_event_source*, void* userdata) {
     auto* const bus = static_cast<sd_bus*>(userdata);
+    // A loop that ends does not wait once more.
+    TERN_TELL(TurnEnded, turn_ended, bus, 0);
     std::uint64_t queued = 0;
     if (sd_bus_is_open(bus) <= 0 ||
         (sd_bus_is_ready(bus) > 0 && sd_bus_get_n_queued_write(bus, &queued) >= 0 && queued == 0)) {

@@ -577,6 +577,47 @@ TEST_F(DiagnosticsTest, HandlerThatEndsTheLoopIsOverWhenTheServiceHasStopped) {
     mServed->End();
 }
 
+// A stop that hung behind such a handler was told as a handler that hung.
+TEST_F(DiagnosticsTest, HandlerThatEndsTheLoopIsOverWhenTheLoopHasEnded) {
+    mRoom->onDo = [this](tern::test::Room&) { mServed->loop->End(); };
+    std::vector<std::string> isIn{"not looked"};
+    std::uint64_t handled = 0;
+    mServed->onStop = [&] {
+        isIn = WhatTheBusThreadIsIn();
+        const auto flight = RingReader::Read(Recorder::GetFd());
+        ASSERT_TRUE(flight.IsOk());
+        handled = static_cast<std::uint64_t>(
+            std::count_if(flight->events.begin(), flight->events.end(), [](const auto& event) {
+                return event.event == "call_ended" && event.name == "com.example.Room1.Do";
+            }));
+        mDiagnostics.Reset();
+    };
+    tern::test::Peer peer;
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    mServed->End();
+    EXPECT_THAT(isIn, IsEmpty());
+    EXPECT_GE(handled, 1U);
+}
+
+TEST_F(DiagnosticsTest, HandlerThatEndsTheLoopIsOverAlsoWhereTheRecorderIsBegunLater) {
+    Recorder::End();
+    mServed->On([&] {
+        mDiagnostics.Reset();
+        mDiagnostics = Diagnostics::Export(*mServed->typed, {.isRecording = false});
+        EXPECT_EQ(Recorder::Begin({.isKept = false}), StatusCode::Ok);
+    });
+    mRoom->onDo = [this](tern::test::Room&) { mServed->loop->End(); };
+    std::vector<std::string> isIn{"not looked"};
+    mServed->onStop = [&] {
+        isIn = WhatTheBusThreadIsIn();
+        mDiagnostics.Reset();
+    };
+    tern::test::Peer peer;
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    mServed->End();
+    EXPECT_THAT(isIn, IsEmpty());
+}
+
 TEST_F(DiagnosticsTest, APlaceThatIsTakenIsRefused) {
     EXPECT_EQ(mServed->On([&] { return Diagnostics::Export(*mServed->typed).GetStatus(); }),
               StatusCode::AlreadyExists);
