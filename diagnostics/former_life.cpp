@@ -3,7 +3,7 @@
 #include <tern/foundation/log.h>
 
 #include <algorithm>
-#include <mutex>
+#include <atomic>
 #include <optional>
 #include <string>
 #include <utility>
@@ -20,13 +20,13 @@ const StaticText LOGGER("Diagnostics");
 
 constexpr std::size_t MOST_LINES = 5;
 
-constinit std::mutex gMutex;
-
-/// Guarded by the mutex. Never destroyed, as a thread may ask when main has returned.
-FormerLife& Kept() {
-    static FormerLife* const kept = new FormerLife;
-    return *kept;
-}
+/// Never destroyed, as a thread may ask at any time, also when main has returned. Without a lock, which a
+/// child that is forked meanwhile would find taken.
+struct Kept {
+    FormerLife former;
+    const Kept* before;  ///< a parent's
+};
+constinit std::atomic<const Kept*> gKept{nullptr};
 
 }  // namespace
 
@@ -53,13 +53,13 @@ FormerLife ReadFormerLife(const std::vector<int>& handedOn) {
 }
 
 FormerLife GetFormerLife() {
-    const std::lock_guard lock(gMutex);
-    return Kept();
+    const Kept* const kept = gKept.load(std::memory_order_acquire);
+    return kept == nullptr ? FormerLife() : kept->former;
 }
 
 void SetFormerLife(FormerLife former) {
-    const std::lock_guard lock(gMutex);
-    Kept() = std::move(former);
+    gKept.store(new Kept{std::move(former), gKept.load(std::memory_order_relaxed)},
+                std::memory_order_release);
 }
 
 void LogFormerLife(const FormerLife& former) {

@@ -1,9 +1,11 @@
 #include <tern/diagnostics/recorder.h>
 
+#include <pthread.h>
 #include <tern/foundation/log.h>
 #include <unistd.h>
 
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -21,6 +23,10 @@ namespace {
 const StaticText LOGGER("Diagnostics");
 
 constinit std::mutex gMutex;
+
+// A child that was forked while another thread had the lock finds it free. Not by waiting for that one before
+// the fork, as it registers handlers of forks itself.
+[[maybe_unused]] const int gAtFork = pthread_atfork(nullptr, nullptr, [] { new (&gMutex) std::mutex(); });
 
 /// Takes over what the former life has left, once in a process. Returns what was handed on.
 std::vector<int> MeetFormerLife() {

@@ -414,8 +414,10 @@ void AfterForkInParent() {
 }
 
 void AfterForkInChild() {
-    if (gIsOn) {
-        Tell::SetListener(nullptr);
+    // Also when another thread had just begun to end the recording, and had not taken the listener out yet.
+    const Tell::Listener* const former = Tell::SetListener(nullptr);
+    if (former != &LISTENER && former != &FORKING) {
+        Tell::SetListener(former);
     }
     // A child of one that never recorded may be the service itself, which its parent only started.
     gIsOfRecording = gIsOfRecording || gRing;
@@ -468,6 +470,22 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
         error = ENOMEM;
         return mw::tern::MakeStatusCodeFromErrno(error);
     }
+    if (!isRegistered) {
+        // Without these a child would write where it has no memory, and threads would keep their entries: so
+        // there is no recording then. Before there is a memory, which a child that another thread forks
+        // meanwhile would take for its own.
+        error = pthread_key_create(&gThreadEnd, OnThreadEnd);
+        if (error != 0) {
+            return mw::tern::MakeStatusCodeFromErrno(error);
+        }
+        error = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+        if (error != 0) {
+            pthread_key_delete(gThreadEnd);
+            return mw::tern::MakeStatusCodeFromErrno(error);
+        }
+        isRegistered = true;
+        RegisterEnd();
+    }
     if (!gRing) {
         if (const StatusCode status = gRing.Create(eventBytes, identity, error); status != StatusCode::Ok) {
             return status;
@@ -481,21 +499,6 @@ StatusCode Recording::Start(std::size_t eventBytes, const Ring::Identity& identi
             ForgetDoing(number);
         }
         gRing.MarkEnd(Format::End::None);
-    }
-    if (!isRegistered) {
-        // Without these a child would write where it has no memory, and threads would keep their entries: so
-        // there is no recording then.
-        error = pthread_key_create(&gThreadEnd, OnThreadEnd);
-        if (error != 0) {
-            return mw::tern::MakeStatusCodeFromErrno(error);
-        }
-        error = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
-        if (error != 0) {
-            pthread_key_delete(gThreadEnd);
-            return mw::tern::MakeStatusCodeFromErrno(error);
-        }
-        isRegistered = true;
-        RegisterEnd();
     }
     // What exists has its rows when its first event comes.
     static_cast<void>(KnownObjects::CopyAnd(

@@ -49,6 +49,13 @@
 
 TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 TERN_INTERPOSE_SYMBOL_(int, open, "open64", (const char* path, int flags, int mode), (path, flags, mode))
+TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
+#ifndef __SANITIZE_THREAD__
+// ThreadSanitizer calls it before it can bear what a stand-in does.
+TERN_INTERPOSE(int, pthread_key_create, (pthread_key_t * key, void (*destroy)(void*)), (key, destroy))
+#endif
+TERN_INTERPOSE_SYMBOL_(const mwl::Tell::Listener*, SetListener, "_ZN3mwl4Tell11SetListenerEPKNS0_8ListenerE",
+                       (const mwl::Tell::Listener* listener), (listener))
 
 /// What is done while a library is loaded (loaded/loaded.cpp), which calls this.
 static std::function<void()> gOnLoaded;
@@ -68,6 +75,7 @@ using mwl::Diagnostics::FlightEvent;
 using mwl::Diagnostics::FlightThread;
 using mwl::Diagnostics::Recorder;
 using mwl::Diagnostics::RingReader;
+using tern::test::FaultScope;
 using tern::test::WaitUntil;
 using testing::Contains;
 using testing::HasSubstr;
@@ -657,6 +665,94 @@ TEST_F(RecorderTest, ThatEndsDuringAForkStaysOffAndBeginsWhole) {
     TERN_LOG_WARNING(LOGGER, "behind the end");
     ASSERT_FALSE(ReadNow().messages.empty());
     EXPECT_THAT(ReadNow().messages.back().text, HasSubstr("behind the end"));
+}
+
+/// A call that another thread is stopped in.
+struct Stop {
+    std::atomic<bool> isOver{false};
+    std::latch isThere{1};
+    std::latch goOn{1};
+
+    void Wait() {
+        Pass();
+        goOn.wait();
+    }
+    /// Where the call is not made.
+    void Pass() {
+        if (!isOver.exchange(true)) {
+            isThere.count_down();
+        }
+    }
+};
+
+// Of the memory that another thread was about to give up nothing is in the child; but it was still told.
+TEST_F(RecorderTest, ChildThatIsForkedWhileAnotherThreadEndsItIsToldNothing) {
+    Stop stop;
+    const FaultScope scope(fault_SetListener);
+    fault_SetListener.Replace([&](const mwl::Tell::Listener* listener) {
+        stop.Wait();
+        return fault_SetListener.Real(listener);
+    });
+    std::thread other([] { Recorder::End(); });
+    stop.isThere.wait();
+    const int status = StatusOf([] {
+        MessagePipe pipe;
+        const bool isOk = pipe.Initialize() == StatusCode::Ok && pipe.WriteMessage("x", 1) == StatusCode::Ok;
+        _exit(isOk && !Recorder::IsRecording() ? 0 : 1);
+    });
+    stop.goOn.count_down();
+    other.join();
+    EXPECT_EQ(status, 0);
+}
+
+/// Whether a child that is forked while another thread of its parent is in Recorder::Begin, stopped in the
+/// function that `fault` is of, has a recorder of its own.
+template <typename Fault>
+void BeginInAChildOfOneThatBegins(Fault& fault) {
+    const int status = StatusOf([&fault] {
+        Stop stop;
+        fault.Replace([&](auto... arguments) {
+            stop.Wait();
+            return fault.Real(arguments...);
+        });
+        std::thread other([&stop] {
+            if (Recorder::Begin() != StatusCode::Ok) {
+                _exit(1);
+            }
+            stop.Pass();
+        });
+        stop.isThere.wait();
+        fault.Reset();
+        const int own = StatusOf([] {
+            alarm(30);  // where it waits for ever
+            if (Recorder::Begin() != StatusCode::Ok) {
+                _exit(2);
+            }
+            TERN_LOG_WARNING(LOGGER, "of a child");
+            const auto flight = RingReader::Read(Recorder::GetFd());
+            _exit(flight.IsOk() && flight->messages.size() == 1 &&
+                          flight->pid == static_cast<std::uint32_t>(getpid())
+                      ? 0
+                      : 3);
+        });
+        stop.goOn.count_down();
+        other.join();
+        _exit(own == 0 && Recorder::IsRecording() ? 0 : WIFSIGNALED(own) ? WTERMSIG(own) : 4);
+    });
+    EXPECT_EQ(status, 0) << WEXITSTATUS(status);
+}
+
+TEST(RecorderOfAChild, BeginsWhileAThreadOfItsParentMakesTheMemory) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+    BeginInAChildOfOneThatBegins(fault_memfd_create);
+}
+
+TEST(RecorderOfAChild, BeginsWhileAThreadOfItsParentRegistersWhatItNeeds) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+#ifndef __SANITIZE_THREAD__
+    // Once in a process: with the tests before this one in the same it has been called.
+    BeginInAChildOfOneThatBegins(fault_pthread_key_create);
+#endif
 }
 
 /// A child that records: its memory, as one from outside finds it, after the child has ended as `body` does.

@@ -34,9 +34,10 @@ struct RecorderOptions {
 ///
 /// One for a process. It goes on until the process ends, so that a stop that hangs is seen too; what exit(3)
 /// or the return of main ends is marked as an orderly end. Writing an event takes no lock, no memory and no
-/// system call. A forked child does not record. It may begin a recorder of its own, which
-/// systemd is not asked to keep: that is for the service's. While a thread forks (fork(2)), only what that
-/// thread does in handlers of pthread_atfork(3) is not recorded.
+/// system call. A forked child does not record. It may begin a recorder of its own, also where it was forked
+/// while another thread was in Begin or End; systemd is not asked to keep that, as it is for the service's.
+/// While a thread forks (fork(2)), only what that thread does in handlers of pthread_atfork(3) is not
+/// recorded.
 ///
 /// Any thread; Begin and End one at a time.
 class TERN_API Recorder {
