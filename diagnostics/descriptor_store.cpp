@@ -17,6 +17,12 @@ constexpr std::string_view NAME = "tern-flight";
 
 constinit std::atomic<bool> gHasStored{false};
 
+/// Whether it is a memfd, as all are that are handed on. The application may have closed it before the
+/// recorder is begun: the number is nobody's then, or of anything else.
+bool IsMemory(int fd) {
+    return fcntl(fd, F_GET_SEALS) >= 0;
+}
+
 }  // namespace
 
 std::vector<int> DescriptorStore::FindHandedOn() {
@@ -24,8 +30,9 @@ std::vector<int> DescriptorStore::FindHandedOn() {
     char** names = nullptr;
     const int count = sd_listen_fds_with_names(0, &names);
     for (int i = 0; i < count; ++i) {
-        if (names[i] == NAME) {
-            found.push_back(SD_LISTEN_FDS_START + i);
+        const int fd = SD_LISTEN_FDS_START + i;
+        if (names[i] == NAME && IsMemory(fd)) {
+            found.push_back(fd);
         }
         free(names[i]);
     }

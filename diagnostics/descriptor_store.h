@@ -11,7 +11,7 @@ public:
     DescriptorStore() = delete;
 
     /// Those that systemd has handed on to this process: borrowed, as the application may go through all that
-    /// was handed on. Empty without systemd.
+    /// was handed on. Empty without systemd. A number that is of no memfd (any more) is left out.
     static std::vector<int> FindHandedOn();
     /// Puts what `fd` is of in the place of a descriptor that was handed on, which is needed no more: whoever
     /// goes through all of them meets nothing strange there. 0 or the error number.

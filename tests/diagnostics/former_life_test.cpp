@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-daemon.h>
@@ -272,6 +273,27 @@ TEST(FormerLife, NonsenseIsToldAndDoesNotStandInTheWay) {
         life.log,
         HasSubstr("What the former life handed on cannot be read: this is no flight recorder's memory."));
     EXPECT_TRUE(TakeLeft(manager));
+}
+
+// A service that closes what it does not know of all that was handed on has opened something else since: that
+// was the recorder's memory then.
+TEST(FormerLife, NumberThatIsAnothersByNowIsLeftAlone) {
+    Manager manager;
+    for (const bool isFile : {true, false}) {
+        const UniqueFd other(isFile ? open("/proc/self/exe", O_RDONLY | O_CLOEXEC)
+                                    : socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        struct stat before {};
+        ASSERT_EQ(fstat(other.Get(), &before), 0);
+        const Life life = Live({other.Get()}, [&] {
+            struct stat now {};
+            const bool isSame = fstat(SD_LISTEN_FDS_START, &now) == 0 && now.st_dev == before.st_dev &&
+                                now.st_ino == before.st_ino;
+            _exit(isSame && Recorder::IsRecording() ? 0 : 1);
+        });
+        EXPECT_EQ(life.status, 0);
+        EXPECT_THAT(life.log, Not(HasSubstr("Former life")));
+        EXPECT_TRUE(TakeLeft(manager));
+    }
 }
 
 TEST(FormerLife, DescriptorsOfOtherNamesAreLeftAlone) {
