@@ -171,7 +171,7 @@ void BusWatch::BeginMessage(sd_bus_message* message) {
 
 void BusWatch::EndMessage(std::uint64_t now) {
     Member& member = mMembers[mRunning];
-    const std::uint64_t duration = now - mRunningSince;
+    const std::uint64_t duration = RunningTicks(now);
     mRunning = NOTHING;
     ++member.handled;
     member.totalTicks += duration;

@@ -68,6 +68,10 @@ private:
     std::size_t FindMember(int type, const char* interface, const char* member);
     std::size_t LookUpMember(int type, const char* interface, const char* member);
     std::size_t LookUpMember(std::string_view prefix, std::string_view interface, std::string_view member);
+    /// Of the message that is being handled; no clock is trusted never to jump back.
+    std::uint64_t RunningTicks(std::uint64_t now) const noexcept {
+        return now > mRunningSince ? now - mRunningSince : 0;
+    }
     std::uint64_t Now() const noexcept { return ReadTicks(mIsCounter); }
     std::uint64_t ToUs(std::uint64_t ticks) const noexcept {
         // Signed, as processors convert no others; nothing takes three centuries.

@@ -15,7 +15,7 @@ BusThreadFigures BusWatch::GetFigures() const {
     figures.longestTurnUs = mLongestTurnUs;
     if (mRunning != NOTHING) {
         figures.running = mMembers[mRunning].name;
-        figures.runningUs = ToUs(Now() - mRunningSince);
+        figures.runningUs = ToUs(RunningTicks(Now()));
     }
     figures.watchdogUs = mWatchdogNs / NS_PER_US;
     // The loop reports at three quarters of the period at the latest, if no turn is in its way.

@@ -7,9 +7,12 @@
 #include <tern/typed/blocking_proxy.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
+#include <limits>
 #include <string>
 
 #include "support/interpose.h"
@@ -18,6 +21,7 @@
 #include "typed/served_bus.h"
 
 TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 
 // In a process that has never recorded anything.
 
@@ -97,6 +101,45 @@ void OnlyWhatItWouldHoldIsMissing(bool isAskedFor) {
 
 TEST(WithoutARecorder, OnlyWhatItWouldHoldIsMissing) {
     OnlyWhatItWouldHoldIsMissing(false);
+}
+
+// No clock is trusted never to jump back, as that of a processor may: the longest was without end then.
+TEST(WithoutARecorder, ClockThatJumpsBackInAHandlerMakesItTakeNoTime) {
+    const PrivateBus bus;
+    const FaultScope scope(fault_clock_gettime);
+    std::atomic<long> jump{100};
+    fault_clock_gettime.Replace(
+        [&jump](clockid_t clock, timespec* now) {
+            const int r = fault_clock_gettime.Real(clock, now);
+            now->tv_sec += clock == CLOCK_MONOTONIC ? jump.load() : 0;
+            return r;
+        },
+        std::numeric_limits<int>::max());
+    Diagnostics diagnostics;
+    Room* room = nullptr;
+    Served served([&](Served& it) {
+        room = &it.Export("/room");
+        diagnostics = Diagnostics::Export(*it.typed, {.isRecording = false});
+    });
+    served.onStop = [&] { diagnostics.Reset(); };
+    room->onDo = [](Room&) {};
+    Peer peer;
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    room->onDo = [&](Room&) { jump = 0; };
+    EXPECT_EQ(peer.Call("/room", tern::test::ROOM, "Do"), "");
+    peer.Ping();
+    const BlockingProxy<Diagnostics1> proxy(tern::test::SERVICE, Diagnostics1::PATH);
+    const auto figures = proxy.Call(Diagnostics1::Snapshot);
+    ASSERT_TRUE(figures.IsOk());
+    bool isFound = false;
+    for (const MemberFigures& member : figures->busThread.members) {
+        constexpr std::uint64_t MINUTE_US = 60000000;
+        EXPECT_LT(member.totalUs, MINUTE_US) << member.name;
+        EXPECT_LT(member.longestUs, MINUTE_US) << member.name;
+        EXPECT_EQ(member.latency.back(), 0U) << member.name;
+        isFound = isFound || (member.name == "com.example.Room1.Do" && member.handled == 2);
+    }
+    EXPECT_TRUE(isFound);
 }
 
 TEST(WithoutARecorder, ItIsTheSameWhenItsMemoryCannotBeMade) {
