@@ -31,9 +31,13 @@ void SetText(std::array<char, N>& field, std::string_view text) noexcept {
 }
 
 void Now(Instant& instant, std::uint64_t ticks) noexcept {
+    const std::uint64_t monotonicNs = NanosecondsOf(CLOCK_MONOTONIC);
+    const std::uint64_t realtimeNs = NanosecondsOf(CLOCK_REALTIME);
+    // At a stretch: who reads it between two of them, or finds it so as its writer was killed, takes times
+    // that are as far apart as this instant and the last one for the same.
     instant.ticks.store(ticks, std::memory_order_relaxed);
-    instant.monotonicNs.store(NanosecondsOf(CLOCK_MONOTONIC), std::memory_order_relaxed);
-    instant.realtimeNs.store(NanosecondsOf(CLOCK_REALTIME), std::memory_order_relaxed);
+    instant.monotonicNs.store(monotonicNs, std::memory_order_relaxed);
+    instant.realtimeNs.store(realtimeNs, std::memory_order_relaxed);
 }
 
 }  // namespace

@@ -12,7 +12,9 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <deque>
+#include <limits>
 #include <memory>
 #include <set>
 #include <string>
@@ -23,6 +25,7 @@
 
 TERN_INTERPOSE(int, memfd_create, (const char* name, unsigned int flags), (name, flags))
 TERN_INTERPOSE(int, madvise, (void* address, size_t length, int advice), (address, length, advice))
+TERN_INTERPOSE_TIME(int, clock_gettime, __clock_gettime64, (clockid_t clock, timespec* now), (clock, now))
 
 namespace {
 
@@ -35,6 +38,7 @@ using mwl::Diagnostics::StatusCode;
 using mwl::Tell::Event;
 using tern::test::FaultScope;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 namespace Format = mwl::Diagnostics::Format;
 
@@ -136,6 +140,30 @@ TEST(Ring, TicksAreNanosecondsToThousandths) {
     const double measured = static_cast<double>(ring.ToNanoseconds(ring.Ticks() - ticks));
     const double real = static_cast<double>(mwl::Diagnostics::NanosecondsOf(CLOCK_MONOTONIC) - nanoseconds);
     EXPECT_NEAR(measured / real, 1, 0.05);
+}
+
+// Who read it then, or was killed there, had times that were off by as long as nothing had happened before.
+TEST(Ring, ClocksAreReadBeforeWhatTheyShowIsNoted) {
+    Ring& ring = MakeRing();
+    const Flight before = ReadOf(ring);
+    const FaultScope scope(fault_clock_gettime);
+    constexpr time_t QUIET = 1000;
+    std::vector<Flight> meanwhile;
+    fault_clock_gettime.Replace(
+        [&](clockid_t clock, timespec* now) {
+            meanwhile.push_back(ReadOf(ring));
+            const int r = fault_clock_gettime.Real(clock, now);
+            now->tv_sec += QUIET;
+            return r;
+        },
+        std::numeric_limits<int>::max());
+    ring.Calibrate();
+    fault_clock_gettime.Reset();
+    ASSERT_THAT(meanwhile, Not(IsEmpty()));
+    for (const Flight& flight : meanwhile) {
+        EXPECT_EQ(flight.toRealtimeNs, before.toRealtimeNs);
+        EXPECT_EQ(flight.latestNs, before.latestNs);
+    }
 }
 
 TEST(Ring, OldestEventsAreOverwritten) {
