@@ -226,12 +226,12 @@ void WriteThrown(std::string_view text, std::uint32_t thread) noexcept {
     gRing.WriteMessage(static_cast<unsigned>(TernLogLevel::Critical), text, true, thread);
 }
 
-/// Of whatever thread it is.
+/// Of whatever thread it is; under whatever name for NO_NAME.
 void ForgetWatch(const void* object, std::uint16_t nameId) noexcept {
     for (std::uint16_t number = 0; number < Format::THREADS; ++number) {
         Format::Thread& thread = gRing.GetThread(number);
         if (gWatch[number].load(std::memory_order_relaxed) == object &&
-            thread.watchName.load(std::memory_order_relaxed) == nameId) {
+            (nameId == Format::NO_NAME || thread.watchName.load(std::memory_order_relaxed) == nameId)) {
             thread.watchName.store(Format::NO_NAME, std::memory_order_relaxed);
         }
     }
@@ -254,6 +254,10 @@ void ForgetWatch(const void* object, std::uint16_t nameId) noexcept {
         case Event::ObjectGone:
             if (static_cast<KnownObjects::Kind>(value) != KnownObjects::Kind::Supervised) {
                 gObjects.GiveBack(object);
+            }
+            if (static_cast<KnownObjects::Kind>(value) == KnownObjects::Kind::Watched) {
+                // What was reported since its end was told has brought it back.
+                ForgetWatch(object, Format::NO_NAME);
             }
             return;
         case Event::WatchBegan:

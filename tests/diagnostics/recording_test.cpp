@@ -398,6 +398,26 @@ TEST_F(RecordingTest, WatchIsOverAlsoWhenAnotherThreadEndsIt) {
     EXPECT_EQ(OwnThread().watchName, "");
 }
 
+// Another thread ends the watch, and takes the object out a moment later: a thread that reported between the
+// two was shown as watched for the rest of its life.
+TEST_F(RecordingTest, WatchThatIsReportedToWhileItEndsIsOver) {
+    const Something watch;
+    Make(watch, Kind::Watched, "pump");
+    TellIt(Event::WatchBegan, &watch, 250, "pump");
+    TellIt(Event::WatchEnded, &watch, 0, "pump");
+    TellIt(Event::WatchReported, &watch, 0, "pump");
+    TellIt(Event::ObjectGone, &watch, static_cast<std::uint64_t>(Kind::Watched));
+    EXPECT_EQ(OwnThread().watchName, "");
+    TellIt(Event::WatchReported, &watch, 0, "pump");
+    EXPECT_EQ(OwnThread().watchName, "");
+    // Another kind of object at the same address is no watch.
+    Make(watch, Kind::Watched, "pump");
+    TellIt(Event::WatchReported, &watch, 0, "pump");
+    TellIt(Event::ObjectGone, &watch, static_cast<std::uint64_t>(Kind::Component));
+    EXPECT_EQ(OwnThread().watchName, "pump");
+    TellIt(Event::ObjectGone, &watch, static_cast<std::uint64_t>(Kind::Watched));
+}
+
 TEST_F(RecordingTest, ThreadThatTakesTheBusThreadsPlaceIsNone) {
     std::thread([this] {
         TellIt(Event::WakeUp, nullptr);
