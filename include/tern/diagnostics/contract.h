@@ -63,11 +63,13 @@ struct ProcessFigures {
 /// of a signal that it received "signal interface.member", and "replies" for all replies to its own calls.
 /// What came after the table of 256 names was full is under "(others)".
 struct MemberFigures {
-    std::string name;                    ///< see above
-    std::uint64_t handled = 0;           ///< messages
-    std::uint64_t totalUs = 0;           ///< time in the handlers, together
-    std::uint64_t longestUs = 0;         ///< longest time in a handler
-    std::vector<std::uint32_t> latency;  ///< LATENCY_BUCKETS buckets of the time in the handler
+    std::string name;             ///< see above
+    std::uint64_t handled = 0;    ///< messages
+    std::uint64_t totalUs = 0;    ///< time in the handlers, together
+    std::uint64_t longestUs = 0;  ///< longest time in a handler
+    /// LATENCY_BUCKETS buckets of the time in the handler; each goes round at 2^32, so that differences of
+    /// two looks, modulo 2^32, are right
+    std::vector<std::uint32_t> latency;
 
     /// The keys.
     static constexpr auto DBusFields() {
