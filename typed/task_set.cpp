@@ -4,15 +4,46 @@ namespace mwl::Typed {
 
 using Detail::TaskFrame;
 
+namespace {
+
+/// A Clear that is at work; its set may be destroyed meanwhile, by a task that was the last to hold it.
+struct Clearing {
+    explicit Clearing(const TaskSet& cleared) noexcept;
+    Clearing(const Clearing&) = delete;
+    Clearing& operator=(const Clearing&) = delete;
+    ~Clearing();
+
+    const TaskSet* set;
+    Clearing* const outer;
+};
+/// Of this thread; they lie on its stack.
+thread_local constinit Clearing* tInnermost = nullptr;
+
+Clearing::Clearing(const TaskSet& cleared) noexcept : set(&cleared), outer(tInnermost) {
+    tInnermost = this;
+}
+
+Clearing::~Clearing() {
+    tInnermost = outer;
+}
+
+}  // namespace
+
 TaskSet::~TaskSet() {
     while (mFirst != nullptr) {
         Clear();
     }
+    for (Clearing* clearing = tInnermost; clearing != nullptr; clearing = clearing->outer) {
+        if (clearing->set == this) {
+            clearing->set = nullptr;
+        }
+    }
 }
 
 void TaskSet::Clear() noexcept {
+    const Clearing clearing(*this);
     // A task that is added while another is destroyed comes after it.
-    for (std::size_t left = mSize; left > 0 && mFirst != nullptr; --left) {
+    for (std::size_t left = mSize; left > 0 && clearing.set != nullptr && mFirst != nullptr; --left) {
         TaskFrame& frame = *mFirst;
         Take(frame);
         frame.Release();

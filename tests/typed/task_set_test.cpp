@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -143,6 +144,36 @@ TEST(TaskSet, MayBeClearedAndDestroyedByItsOwnTasks) {
         gate.Open();
         EXPECT_THAT(seen, ElementsAre(1));
         EXPECT_EQ(alive, 0);
+    }
+}
+
+TEST(TaskSet, ItsOwnerMayBeHeldByTheTaskThatClearEnds) {
+    struct Owner {
+        explicit Owner(int& count) : witness(count) {}
+        Witness witness;
+        TaskSet tasks;
+    };
+    for (const bool isFirst : {true, false}) {
+        Gate gate;
+        int owners = 0;
+        int others = 0;
+        auto owner = std::make_shared<Owner>(owners);
+        Owner& cleared = *owner;
+        const auto keep = [](std::shared_ptr<Owner>, Gate& never) -> Task<> { co_await never; };
+        Gate idle;
+        if (!isFirst) {
+            cleared.tasks.Add(Hold(idle, Witness(others)));
+        }
+        cleared.tasks.Add(keep(std::move(owner), gate));
+        Gate last;
+        if (isFirst) {
+            cleared.tasks.Add(Hold(last, Witness(others)));
+        }
+        EXPECT_EQ(owners, 1);
+        EXPECT_EQ(others, 1);
+        cleared.tasks.Clear();
+        EXPECT_EQ(owners, 0);
+        EXPECT_EQ(others, 0);
     }
 }
 

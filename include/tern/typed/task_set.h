@@ -20,8 +20,8 @@ namespace mwl::Typed {
 /// any task that nobody awaits.
 ///
 /// The destructor ends the tasks that are left where they wait, in the order of adding. It may run in one of
-/// them, as may Clear, see Task. When the bus closes they are resumed with `Stopping`, and most are done
-/// then.
+/// them, as may Clear, see Task. A task that Clear ends may be the last that holds the owner of the set. When
+/// the bus closes they are resumed with `Stopping`, and most are done then.
 ///
 /// Costs no memory of its own. D-Bus thread only; the destructor of an empty one on any thread.
 class TERN_API TaskSet final : private Detail::TaskObserver {
