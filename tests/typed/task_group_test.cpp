@@ -271,6 +271,53 @@ TEST_F(FirstTest, OnlyOneOfTwoThatAreDoneTogetherIsHeard) {
     EXPECT_THAT(notes, ElementsAre("0"));
 }
 
+/// Opens a gate where it ends.
+struct Opening {
+    explicit Opening(Gate& given) : gate(given) {}
+    Opening(const Opening&) = delete;
+    Opening& operator=(const Opening&) = delete;
+    ~Opening() { gate.Open(); }
+
+    Gate& gate;
+};
+Task<> PassAndOpen(Gate& gate, Gate& other) {
+    const Opening opening(other);
+    co_await gate;
+}
+Task<> PassOpenAndThrow(Gate& gate, Gate& other) {
+    const Opening opening(other);
+    co_await gate;
+    throw std::runtime_error("too late");
+}
+
+TEST_F(FirstTest, OneMayBringAnotherToItsEndWhileAllAreDestroyed) {
+    const auto run = [&](Witness) -> Task<> {
+        co_await First(PassAndOpen(gates[0], gates[1]), PassAndOpen(gates[1], gates[0]));
+        notes.emplace_back("never");
+    };
+    Task<> task = run(Witness(alive));
+    task = {};
+    EXPECT_THAT(notes, IsEmpty());
+    EXPECT_EQ(alive, 0);
+}
+
+TEST_F(AllTest, OneMayMakeAnotherThrowWhileAllAreDestroyed) {
+    const auto run = [&](Witness) -> Task<> {
+        std::vector<Task<>> tasks;
+        tasks.push_back(PassOpenAndThrow(gates[0], gates[1]));
+        tasks.push_back(PassOpenAndThrow(gates[1], gates[0]));
+        co_await All(std::move(tasks));
+        notes.emplace_back("never");
+    };
+    Task<> task = run(Witness(alive));
+    task = {};
+    EXPECT_THAT(notes, IsEmpty());
+    EXPECT_EQ(alive, 0);
+    EXPECT_THAT(mLog.Entries("Typed"),
+                ElementsAre(tern::test::Error(
+                    "Typed", "A task threw std::runtime_error, and who awaited it did not look: too late")));
+}
+
 TEST(FirstOnABus, LimitsATaskByTimeAndTakesWhateverIsAwaited) {
     const tern::test::PrivateBus daemon;
     TaskBus served;

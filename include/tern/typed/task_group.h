@@ -34,6 +34,8 @@ protected:
     bool IsReady(std::span<TaskFrame* const> tasks) const noexcept;
     /// REQUIRES: not ready.
     void Wait(std::span<TaskFrame* const> tasks, std::coroutine_handle<> waiting, TaskFrame* parent) noexcept;
+    /// The coroutine does not go on any more.
+    void Abandon() noexcept { mWaiting = nullptr; }
     /// The one that is done, the first of the list if there are several; after All the one that has thrown.
     /// The size of the list for none.
     std::size_t FindDecisive(std::span<TaskFrame* const> tasks) const noexcept;
@@ -95,7 +97,9 @@ public:
 protected:
     GroupAwaiter(Until until, Tasks tasks)
         : TaskGroup(until), mTasks(std::move(tasks)), mFrames(GetFrames(mTasks)) {}
-    ~GroupAwaiter() = default;
+    /// The end of one task may bring another one to its end, and the coroutine that waited is being
+    /// destroyed.
+    ~GroupAwaiter() { Abandon(); }
 
     Tasks& GetTasks() noexcept { return mTasks; }
     /// The place of the task that FindDecisive finds. Of the tasks as they were given.
