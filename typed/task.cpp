@@ -125,6 +125,11 @@ void TaskFrame::Release() noexcept {
          running = running->mBelow) {
         if (IsNeededBy(*running)) {
             running->mLeft = this;
+            // Of several that are awaited together another one may be done before.
+            for (TaskFrame* waiting = running; waiting != this;) {
+                waiting = waiting->mParent;
+                waiting->mLeft = waiting;
+            }
             return;
         }
     }
@@ -226,7 +231,10 @@ void TaskFrame::Finish() noexcept {
     while (tLocal.firstDone != nullptr) {
         TaskFrame& done = *tLocal.firstDone;
         done.Leave();
-        std::exchange(done.mObserver, nullptr)->OnDone(done);
+        TaskObserver& observer = *std::exchange(done.mObserver, nullptr);
+        if (done.mParent == nullptr || done.mParent->mLeft == nullptr) {
+            observer.OnDone(done);
+        }
     }
     tLocal.isTelling = false;
 }

@@ -318,6 +318,37 @@ TEST_F(AllTest, OneMayMakeAnotherThrowWhileAllAreDestroyed) {
                     "Typed", "A task threw std::runtime_error, and who awaited it did not look: too late")));
 }
 
+TEST_F(FirstTest, WhoIsDestroyedByOneOfThemDoesNotGoOnWhenAnotherIsDone) {
+    for (const bool isAwaited : {false, true}) {
+        Gate start;
+        Gate other;
+        Gate never;
+        Task<> outermost;
+        notes.clear();
+        const auto inner = [&](Witness) -> Task<> {
+            co_await start;
+            outermost = {};
+            other.Open();
+            notes.push_back(std::to_string(alive));
+            co_await never;
+            notes.emplace_back("never");
+        };
+        const auto outer = [&](Witness) -> Task<> {
+            co_await First(inner(Witness(alive)), Pass(other));
+            notes.emplace_back("goes on");
+        };
+        const auto outest = [&](Witness) -> Task<> {
+            co_await outer(Witness(alive));
+            notes.emplace_back("goes on, too");
+        };
+        outermost = isAwaited ? outest(Witness(alive)) : outer(Witness(alive));
+        start.Open();
+        EXPECT_THAT(notes, ElementsAre(isAwaited ? "3" : "2"));
+        EXPECT_EQ(alive, 0);
+        EXPECT_FALSE(never.IsAwaited());
+    }
+}
+
 TEST(FirstOnABus, LimitsATaskByTimeAndTakesWhateverIsAwaited) {
     const tern::test::PrivateBus daemon;
     TaskBus served;

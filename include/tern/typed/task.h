@@ -137,7 +137,8 @@ private:
 /// Destroying the Task ends the coroutine where it waits: its variables are destroyed, and what it waits for
 /// is cancelled, the tasks that it awaits included. So a Task has to be kept: in a member, in a TaskSet, or
 /// in the coroutine that awaits it. A task that destroys its own Task, or that of one that awaits it, goes on
-/// to its next co_await, or to its end, and is destroyed there.
+/// to its next co_await, or to its end, and is destroyed there; until then those that await it stay where
+/// they wait.
 ///
 /// Parameters live as long as the coroutine, references among them do not make their objects live longer: a
 /// coroutine takes values, or what outlives its Task. The captures of a lambda are the lambda's: a lambda

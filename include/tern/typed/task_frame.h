@@ -141,7 +141,8 @@ private:
     std::exception_ptr mException;
     TaskObserver* mObserver = nullptr;
     TaskFrame* mParent = nullptr;
-    /// While it runs: the one that runs below it on the stack, and what has been left to it.
+    /// While it runs: the one that runs below it on the stack, and what has been left to it. While it waits
+    /// and is not to go on, because it is, or belongs to, what has been left to another: itself.
     TaskFrame* mBelow = nullptr;
     TaskFrame* mLeft = nullptr;
     /// Once it is done: its neighbours among those whose observers are to be notified.
