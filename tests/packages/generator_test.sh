@@ -135,6 +135,11 @@ cat >"$work/fan.xml" <<'XML'
     <signal name="Stalled"/>
   </interface>
   <interface name="org.acme.Light1"><property name="mSpeed" type="as" access="readwrite"/></interface>
+  <!-- As the project's own classes and constants. -->
+  <interface name="org.acme.XmlFanServer"><method name="Play"/></interface>
+  <interface name="org.acme.XmlFanExtension"><method name="Play"/></interface>
+  <interface name="org.acme.StatusCode"><method name="Play"/></interface>
+  <interface name="org.acme.LOGGER"><method name="Play"/></interface>
 </node>
 XML
 must "written from XML" new --interface "$work/fan.xml" --open --entities --diagnostics xml-fan "$work/xml-fan"
