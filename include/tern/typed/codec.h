@@ -28,6 +28,11 @@
 /// A value that points into the message is valid until the handler returns; BORROWS<T> says of which types
 /// that is true. A container has at most MAX_ELEMENTS elements, a signature 255 characters, 32 arrays and 32
 /// structures inside each other; an Any is at most 32 containers deep.
+///
+/// A message bus ends the connection, and so the service, of whoever sends an array of more than 64 MiB or a
+/// message that is larger than it takes: dbus-daemon's system bus 32 MiB, unless it is configured otherwise,
+/// and 128 MiB at most. sd-bus sends them, and nothing here counts bytes: what may become so large goes
+/// through a descriptor.
 
 #include <tern/typed/any.h>
 #include <tern/typed/basic.h>

@@ -55,8 +55,8 @@ protected:
 /// A signal that is not of the contract's signature, or has no value of the type, does not reach the handler.
 /// It is counted (Bus::Counters::wrongSignals) and logged (warning, logger name "Typed", ten in ten seconds).
 ///
-/// However many signals come, each turn of the loop handles one, in turn with all other messages and with
-/// jobs. Signals that wait are in the socket and at the message bus, not in this process.
+/// However many signals come, a turn of the loop handles 32 messages at most, and jobs and timers have their
+/// turns in between. Signals that wait are in the socket and at the message bus, not in this process.
 ///
 /// D-Bus thread only; once the bus has closed any thread. Debug builds check that.
 class [[nodiscard]] Subscription {
