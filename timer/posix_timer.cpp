@@ -1,9 +1,8 @@
 #include "timer/posix_timer.h"
 
-#include <pthread.h>
-
-#include <atomic>
 #include <cerrno>
+
+#include "timer/forks.h"
 
 namespace mwl::Timer {
 
@@ -12,9 +11,6 @@ namespace {
 constexpr unsigned int MILLISECONDS_PER_SECOND = 1000;
 constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
 
-/// Distinguishes a forked child from its parent. Counted since the first timer.
-constinit std::atomic<unsigned int> gForks{0};
-
 }  // namespace
 
 PosixTimer::~PosixTimer() {
@@ -22,19 +18,17 @@ PosixTimer::~PosixTimer() {
 }
 
 bool PosixTimer::Exists() const {
-    return mExists && mForks == gForks.load(std::memory_order_relaxed);
+    return mExists && mForks == Forks::Count();
 }
 
 int PosixTimer::Create(sigevent& notification) {
-    [[maybe_unused]] static const int atFork =
-        pthread_atfork(nullptr, nullptr, [] { gForks.fetch_add(1, std::memory_order_relaxed); });
     timer_t id = nullptr;
     if (timer_create(CLOCK_MONOTONIC, &notification, &id) != 0) {
         return errno;
     }
     mId = id;
     mExists = true;
-    mForks = gForks.load(std::memory_order_relaxed);
+    mForks = Forks::Count();
     mIsArmed = false;
     return 0;
 }

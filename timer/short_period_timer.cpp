@@ -15,6 +15,7 @@
 #include "foundation/known_objects.h"
 #include "foundation/tell.h"
 #include "platform/static_text.h"
+#include "timer/forks.h"
 #include "timer/posix_timer.h"
 
 // Older C libraries document the member and do not name it.
@@ -80,7 +81,8 @@ void ServeExpiries(std::promise<StatusCode>& startUp, int& threadId, const Look&
 ///
 /// (a) Leaving when it could not block the signal: then it ends by itself. The thread looks before each wait
 /// for a signal, in Silent that is once after its callback has returned. `refused` is status Stopping, which
-/// the last four phases have for every step of Start.
+/// the last four phases have for every step of Start. In a forked child that the thread has not come into, the
+/// phase is Idle, or Gone of a timer that was destroyed.
 // clang-format on
 struct __attribute__((visibility("hidden"))) ShortPeriodTimer::State : std::enable_shared_from_this<State> {
     State(unsigned int period, bool repeat, std::function<void()> function)
@@ -103,6 +105,7 @@ private:
 
     void RunThread();
     bool Look();
+    std::unique_lock<std::mutex> Lock();
     bool IsOwnThread() const { return thread != nullptr && thread->get_id() == std::this_thread::get_id(); }
     bool IsDestroyed() const {
         return phase == Phase::Silent || phase == Phase::Finishing || phase == Phase::Gone;
@@ -127,6 +130,7 @@ private:
     std::atomic<Phase> phase{Phase::Idle};  ///< written under the mutex
     PosixTimer timer;                       ///< one that exists is aimed at the thread
     std::unique_ptr<std::thread> thread;    ///< stays when it was joined, until the next one
+    unsigned int forks = Forks::Count();    ///< of the process that has the thread
 };
 
 ShortPeriodTimer::ShortPeriodTimer(unsigned int periodMs, bool periodic, std::function<void()> callback)
@@ -189,7 +193,7 @@ void ShortPeriodTimer::StopThread() {
 }
 
 StatusCode ShortPeriodTimer::State::CreateThread() {
-    std::unique_lock lock(mutex);
+    std::unique_lock lock = Lock();
     if (phase == Phase::Leaving) {
         if (IsOwnThread()) {
             ForgetExpiries();
@@ -257,6 +261,22 @@ bool ShortPeriodTimer::State::Look() {
     return phase == Phase::Running || phase == Phase::Gone;
 }
 
+/// The mutex, locked, for an operation of the timer. In a forked child nobody is left who held it or waited,
+/// and the thread is not there: its id, by which it would be joined or detached, may be that of another by
+/// now.
+std::unique_lock<std::mutex> ShortPeriodTimer::State::Lock() {
+    if (forks != Forks::Count()) {
+        forks = Forks::Count();
+        new (&mutex) std::mutex;
+        new (&changed) std::condition_variable;
+        if (thread != nullptr && !Forks::HasCome(thread->native_handle())) {
+            static_cast<void>(thread.release());
+            phase = IsDestroyed() ? Phase::Gone : Phase::Idle;
+        }
+    }
+    return std::unique_lock(mutex);
+}
+
 void ShortPeriodTimer::State::Enter(Phase next) {
     phase = next;
     changed.notify_all();
@@ -273,7 +293,7 @@ void ShortPeriodTimer::State::ForgetExpiries() const {
 }
 
 StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
-    const std::lock_guard lock(mutex);
+    const std::unique_lock lock = Lock();
     if (IsRefusing()) {
         return StatusCode::Stopping;
     }
@@ -293,7 +313,7 @@ StatusCode ShortPeriodTimer::State::CreateTimer(void* value) {
 }
 
 StatusCode ShortPeriodTimer::State::SetTimerTime() {
-    const std::lock_guard lock(mutex);
+    const std::unique_lock lock = Lock();
     if (IsRefusing()) {
         return StatusCode::Stopping;
     }
@@ -306,7 +326,7 @@ StatusCode ShortPeriodTimer::State::SetTimerTime() {
 }
 
 void ShortPeriodTimer::State::StopThread() {
-    std::unique_lock lock(mutex);
+    std::unique_lock lock = Lock();
     if (thread == nullptr) {
         return;
     }
@@ -329,7 +349,7 @@ void ShortPeriodTimer::State::StopThread() {
 }
 
 StatusCode ShortPeriodTimer::State::DeleteTimer() {
-    const std::lock_guard lock(mutex);
+    const std::unique_lock lock = Lock();
     if (!timer.Exists()) {
         TERN_LOG_ERROR(LOGGER, "ShortPeriodTimer ID is not initialized");
         return StatusCode::Failure;
@@ -351,7 +371,7 @@ bool ShortPeriodTimer::State::TryDeleteTimer() {
 }
 
 void ShortPeriodTimer::State::Abandon() {
-    const std::lock_guard lock(mutex);
+    const std::unique_lock lock = Lock();
     static_cast<void>(timer.Delete());  // there may be none
     KnownObjects::Remove(KnownObjects::Kind::ShortPeriodTimer, this);
     if (thread != nullptr && thread->joinable()) {

@@ -14,12 +14,14 @@
 #include <memory>
 #include <optional>
 #include <system_error>
+#include <thread>
 
 #include "short_period_timer_parts.h"
 #include "support/allocations.h"
 #include "support/child.h"
 #include "support/interpose.h"
 #include "support/log_capture.h"
+#include "support/threads_of_children.h"
 #include "support/wait_until.h"
 #include "threading/thread_state.h"
 
@@ -50,6 +52,16 @@ void LeaveNoSignals() {
     }
 }
 
+/// In a forked child: so that it hangs for no longer than the test waits.
+void EndInTime() {
+    alarm(static_cast<unsigned int>(GENEROUS_LIMIT.count()) / 2);
+}
+
+bool HasSucceeded(pid_t forked) {
+    int status = 0;
+    return waitpid(forked, &status, 0) == forked && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 // Children first: no other thread must exist when a child is made.
 
 // The id of the parent's timer may be that of one of the child's own.
@@ -74,6 +86,87 @@ TEST(ShortPeriodTimer, ForkedChildDeletesNoTimerByItsParentsId) {
 }
 
 // The signal that was to wake the thread was refused, which nobody noticed, and Stop never returned.
+// The thread of the parent's timer is not in the child, where Stop waited for its end for ever.
+TEST(ShortPeriodTimer, StopReturnsInAForkedChild) {
+    const ChildResult child = RunInChild([] {
+        WaitsForExpiry waits;
+        auto timer = std::make_unique<ShortPeriodTimer>(NEVER_MS, true, [] {});
+        if (timer->Start() != StatusCode::Ok || !waits.WaitUntilCount(1)) {
+            return 1;
+        }
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            const StatusCode stopped = timer->Stop();
+            timer.reset();
+            _exit(stopped == StatusCode::Failure ? 0 : 1);
+        }
+        return HasSucceeded(forked) ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+    EXPECT_THAT(child.log, Contains(NOT_INITIALIZED));
+}
+
+// As it does for one that was never started, Start makes both.
+TEST(ShortPeriodTimer, ParentsTimerMayBeStartedInAForkedChild) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+    const ChildResult child = RunInChild([] {
+        WaitsForExpiry waits;
+        std::atomic<int> calls{0};
+        ShortPeriodTimer timer(NEVER_MS, true, [&calls] { ++calls; });
+        ShortPeriodTimer fast(1, true, [&calls] { ++calls; });
+        if (timer.Start() != StatusCode::Ok || fast.CreateThread() != StatusCode::Ok ||
+            !waits.WaitUntilCount(1)) {
+            return 1;
+        }
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            const bool isStarted = fast.Start() == StatusCode::Ok;
+            const bool fires = WaitUntil([&] { return calls >= 2; });
+            _exit(isStarted && fires && fast.Stop() == StatusCode::Ok ? 0 : 1);
+        }
+        return HasSucceeded(forked) ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
+// A thread that the child makes gets the memory of the parent's, and so its id: it was detached in the
+// other's place, and whoever joined it ended the process.
+TEST(ShortPeriodTimer, ForkedChildDetachesNoThreadByTheIdOfItsParents) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+    const ChildResult child = RunInChild([] {
+        WaitsForExpiry waits;
+        auto timer = std::make_unique<ShortPeriodTimer>(NEVER_MS, true, [] {});
+        pthread_t parents{};
+        {
+            FaultScope scope(fault_pthread_create);
+            fault_pthread_create.Replace([&](pthread_t* thread, const pthread_attr_t* attributes,
+                                             void* (*body)(void*), void* argument) {
+                const int error = fault_pthread_create.Real(thread, attributes, body, argument);
+                parents = *thread;
+                return error;
+            });
+            if (timer->Start() != StatusCode::Ok || !waits.WaitUntilCount(1)) {
+                return 1;
+            }
+        }
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            std::promise<void> end;
+            std::thread own([&end] { end.get_future().wait(); });
+            const bool hasTheId = pthread_equal(own.native_handle(), parents) != 0;
+            timer.reset();
+            end.set_value();
+            own.join();
+            _exit(hasTheId ? 0 : 3);
+        }
+        return HasSucceeded(forked) ? 0 : 2;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+
 TEST(ShortPeriodTimer, StopReturnsWhenNoSignalIsFree) {
     const ChildResult child = RunInChild([] {
         LeaveNoSignals();

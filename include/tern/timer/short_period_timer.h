@@ -45,7 +45,8 @@ namespace mwl::Timer {
 /// or is just about to, may still run, and what it uses must still exist; the callback itself does.
 ///
 /// A child process inherits neither timer nor thread (fork(2)): what is done there to an object that it has
-/// from its parent touches no timer of its own.
+/// from its parent touches no timer and no thread of its own. There it is like one that was stopped: Stop
+/// does not wait and returns Failure, and Start makes both.
 class TERN_API ShortPeriodTimer : public TimerInterface {
 public:
     /// Keeps the three; there is neither thread nor timer yet. `periodMs` is the period, or the delay unless
