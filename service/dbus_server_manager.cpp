@@ -124,9 +124,11 @@ StatusCode DBusServerManager::Connect() {
     if (r < 0) {
         TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to connect to system bus (%d, %s)", r, ErrorText(-r));
     } else if (!mName.empty()) {
-        const HangUp limit(mBus, HangUp::From::StopSignal, AFTER_STOP_SIGNAL);
+        HangUp limit(mBus, HangUp::From::StopSignal, AFTER_STOP_SIGNAL);
         r = sd_bus_request_name(mBus, mName.c_str(), 0);
-        r = r < 0 && limit.HasHungUp() ? -EINTR : r;
+        // Not before nothing hangs up any more: that may happen behind the answer.
+        limit.End();
+        r = limit.HasHungUp() ? -EINTR : r;
         if (r < 0) {
             TERN_LOG_ERROR(ServiceCommon::mLogger, "Failed to acquire name '%s', (%d, %s)", mName.c_str(), r,
                            ErrorText(-r));

@@ -67,7 +67,7 @@ HangUp::HangUp(sd_bus* bus, From from, milliseconds limit) noexcept
     }
 }
 
-HangUp::~HangUp() {
+void HangUp::End() {
     if (mThread.joinable()) {
         static_cast<void>(eventfd_write(mCancel.Get(), 1));  // cannot fail with valid arguments
         mThread.join();

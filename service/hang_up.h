@@ -26,11 +26,13 @@ public:
 
     /// Without the means for it (descriptors, a thread) nothing happens: see IsArmed.
     HangUp(sd_bus* bus, From from, std::chrono::milliseconds limit) noexcept;
-    /// Ends the thread, immediately.
-    ~HangUp();
+    /// Ends it.
+    ~HangUp() { End(); }
     HangUp(const HangUp&) = delete;
     HangUp& operator=(const HangUp&) = delete;
 
+    /// Ends the thread, immediately: from now on nothing is hung up. Harmless to repeat.
+    void End();
     /// Whether the limit holds.
     bool IsArmed() const { return mThread.joinable(); }
     /// Whether the limit has passed and the connection has been shut down.

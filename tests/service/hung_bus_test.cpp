@@ -51,6 +51,8 @@ using testing::IsEmpty;
 
 TERN_INTERPOSE(int, eventfd, (unsigned int count, int flags), (count, flags))
 TERN_INTERPOSE(int, poll, (pollfd * records, nfds_t count, int timeout), (records, count, timeout))
+TERN_INTERPOSE(int, sd_bus_request_name, (sd_bus * bus, const char* name, std::uint64_t flags),
+               (bus, name, flags))
 TERN_INTERPOSE(int, signalfd, (int fd, const sigset_t* mask, int flags), (fd, mask, flags))
 
 namespace {
@@ -334,6 +336,26 @@ TEST_F(HungBusTest, SigtermEndsAStartThatWaitsForItsName) {
     mComponent.JoinThread();
     EXPECT_LT(std::chrono::steady_clock::now() - started, STOP_LIMIT);
     EXPECT_TRUE(mServer.IsStopped());
+}
+
+// The second was over when the answer had just come: the start succeeded with a connection that was hung up.
+TEST_F(HungBusTest, StartThatIsHungUpWithItsAnswerIsInterrupted) {
+    const FaultScope scope(fault_sd_bus_request_name);
+    bool isHungUp = false;
+    fault_sd_bus_request_name.Replace([&](sd_bus* bus, const char* name, std::uint64_t flags) {
+        const int r = fault_sd_bus_request_name.Real(bus, name, flags);
+        kill(getpid(), SIGTERM);
+        isHungUp = WaitUntil([bus] {
+            pollfd connection{sd_bus_get_fd(bus), 0, 0};
+            return poll(&connection, 1, 0) == 1 && (connection.revents & POLLHUP) != 0;
+        });
+        return r;
+    });
+    EXPECT_EQ(mComponent.Start(), StatusCode::Interrupted);
+    EXPECT_TRUE(isHungUp);
+    mComponent.JoinThread();
+    EXPECT_TRUE(mServer.IsStopped());
+    EXPECT_FALSE(mMonitor.HasFailure());
 }
 
 // A bus that answers a little late is no hung one: the service starts, and stops in order.
