@@ -32,6 +32,10 @@ constexpr const void* NO_OBJECT = nullptr;
 /// Whether this process has a D-Bus thread.
 std::atomic<bool> gIsRunning{false};
 
+// A forked child does not have it. Registered at load, here and elsewhere: a child that is forked while
+// another thread is at that for the first time would wait for the end of it for ever.
+[[maybe_unused]] const int gAtFork = pthread_atfork(nullptr, nullptr, [] { gIsRunning = false; });
+
 struct EndRun {
     void operator()(std::atomic<bool>* isRunning) const { *isRunning = false; }
 };
@@ -40,8 +44,6 @@ using Run = std::unique_ptr<std::atomic<bool>, EndRun>;
 
 /// Null while there is another D-Bus thread.
 Run BeginRun() {
-    // A forked child does not have it.
-    [[maybe_unused]] static const int atFork = pthread_atfork(nullptr, nullptr, [] { gIsRunning = false; });
     return Run(gIsRunning.exchange(true) ? nullptr : &gIsRunning);
 }
 

@@ -110,6 +110,9 @@ void KeepOwnThread() noexcept {
     gMutex.unlock();
 }
 
+[[maybe_unused]] const int gAtFork =
+    pthread_atfork([] { gMutex.lock(); }, [] { gMutex.unlock(); }, &KeepOwnThread);
+
 }  // namespace
 
 int RunLoop(sd_event* event) {
@@ -127,8 +130,6 @@ void SetLoopBus(sd_bus* bus) {
 }
 
 UncaughtLog::UncaughtLog() {
-    [[maybe_unused]] static const int atFork =
-        pthread_atfork([] { gMutex.lock(); }, [] { gMutex.unlock(); }, &KeepOwnThread);
     tIsGuarded = true;
     tHasThrown = false;
     const std::lock_guard lock(gMutex);

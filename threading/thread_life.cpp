@@ -38,9 +38,10 @@ void KeepOwnEntry() noexcept {
     gMutex.unlock();
 }
 
+[[maybe_unused]] const int gAtFork =
+    pthread_atfork([] { gMutex.lock(); }, [] { gMutex.unlock(); }, &KeepOwnEntry);
+
 Entry::Entry() {
-    [[maybe_unused]] static const int atFork =
-        pthread_atfork([] { gMutex.lock(); }, [] { gMutex.unlock(); }, &KeepOwnEntry);
     const std::lock_guard lock(gMutex);
     tOwn = this;
     number = ++gLatestNumber;

@@ -36,6 +36,9 @@ int StartDetached(void* (*body)(void*), void* argument) {
     return error;
 }
 
+// Made at load: a child that is forked while another thread makes it would wait for the end of that for ever.
+[[maybe_unused]] const TimerRegistry& gAtLoad = TimerRegistry::GetInstance();
+
 }  // namespace
 
 TimerRegistry& TimerRegistry::GetInstance() {

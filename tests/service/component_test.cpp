@@ -53,6 +53,12 @@ TERN_INTERPOSE(int, pthread_create,
                (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument),
                (thread, attributes, start, argument))
 
+#ifndef __SANITIZE_THREAD__  // which calls it before it can be asked for the real one
+// By which pthread_atfork(3) registers.
+TERN_INTERPOSE(int, __register_atfork, (void (*prepare)(), void (*parent)(), void (*child)(), void* library),
+               (prepare, parent, child, library))
+#endif
+
 namespace {
 
 const std::string NAME = "com.example.Extension";
@@ -185,6 +191,57 @@ const LogEntry STARTED = Info(LOGGER, "D-Bus thread started");
 const LogEntry COMPLETED = Info(LOGGER, "D-Bus thread execution has completed, D-Bus service stopped");
 
 }  // namespace
+
+#ifndef __SANITIZE_THREAD__
+// First of all: later what is made once for all in a process has been made.
+//
+// A thread that is at that when another one forks is not in the child, which waited for its end.
+TEST_F(ComponentTest, ForkedChildHasAServiceOfItsOwnWhileTheFirstIsStarted) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+    const std::string ownName = "com.example.Child";
+    for (const int skipped : {0, 1, 2}) {
+        const tern::test::ChildResult child = tern::test::RunInChild([&] {
+            std::atomic<bool> isReached{false};
+            std::atomic<bool> hasStarted{false};
+            std::atomic<bool> hasForked{false};
+            const FaultScope scope(fault___register_atfork);
+            fault___register_atfork.Replace(
+                [&](void (*prepare)(), void (*parent)(), void (*inChild)(), void* library) {
+                    isReached = true;
+                    tern::test::WaitUntil([&] { return hasForked.load(); });
+                    return fault___register_atfork.Real(prepare, parent, inChild, library);
+                },
+                1, skipped);
+            mwl::Threading::Signals signals;
+            mwl::Threading::ThreadsMonitor monitor(signals);
+            Component first(NAME, monitor, mServer);
+            std::thread owner([&] { hasStarted = first.Start() == StatusCode::Ok; });
+            tern::test::WaitUntil([&] { return isReached || hasStarted; });
+            if (!isReached && !IsServing(NAME)) {
+                return 1;
+            }
+            const pid_t forked = fork();
+            if (forked == 0) {
+                alarm(15);
+                mwl::Threading::ThreadsMonitor ownMonitor(signals);
+                Journal ownJournal;
+                JournalingServer ownServer(ownJournal);
+                Component own(ownName, ownMonitor, ownServer);
+                const bool isServing = own.Start() == StatusCode::Ok && IsServing(ownName);
+                _exit(isServing ? 0 : 1);
+            }
+            hasForked = true;
+            int status = -1;
+            waitpid(forked, &status, 0);
+            owner.join();
+            monitor.NotifyDBusThreadToStop(false);
+            first.JoinThread();
+            return status == 0 ? 0 : 2;
+        });
+        EXPECT_EQ(child.exitCode, 0) << "behind " << skipped << ": " << child.error;
+    }
+}
+#endif
 
 TEST_F(ComponentTest, InitializeBlocksTheSignalsOfTheCallingThread) {
     sigset_t now;

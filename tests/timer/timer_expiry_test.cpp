@@ -27,6 +27,12 @@
 #include "threading/thread_state.h"
 #include "timer/timer_fixture.h"
 
+#ifndef __SANITIZE_THREAD__  // which calls it before it can be asked for the real one
+// By which pthread_atfork(3) registers.
+TERN_INTERPOSE(int, __register_atfork, (void (*prepare)(), void (*parent)(), void (*child)(), void* library),
+               (prepare, parent, child, library))
+#endif
+
 namespace {
 
 using namespace tern::test::timers;
@@ -156,6 +162,42 @@ TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileATimerIsEntered) {
     });
     EXPECT_EQ(child.exitCode, 0) << child.error;
 }
+
+#ifndef __SANITIZE_THREAD__
+// Nor is one that is making the process's first timer: what it had begun to make once for all was waited for.
+TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileTheFirstIsMade) {
+    SKIP_WHERE_CHILDREN_OF_THREADS_HAVE_NONE();
+    const ChildResult child = RunInChild([] {
+        std::atomic<bool> mayBegin{false};
+        std::atomic<bool> isReached{false};
+        std::atomic<bool> hasForked{false};
+        std::thread first([&] {
+            WaitUntil([&] { return mayBegin.load(); });
+            Timer(NEVER_MS, true, nullptr).Start();
+            isReached = true;
+        });
+        FaultScope scope(fault___register_atfork);
+        fault___register_atfork.Replace(
+            [&](void (*prepare)(), void (*parent)(), void (*inChild)(), void* library) {
+                isReached = true;
+                WaitUntil([&] { return hasForked.load(); });
+                return fault___register_atfork.Real(prepare, parent, inChild, library);
+            });
+        mayBegin = true;
+        WaitUntil([&] { return isReached.load(); });
+        const pid_t forked = fork();
+        if (forked == 0) {
+            EndInTime();
+            Timer own(NEVER_MS, true, nullptr);
+            _exit(own.Start() == StatusCode::Ok ? 0 : 1);
+        }
+        hasForked = true;
+        first.join();
+        return HasSucceeded(forked) ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.error;
+}
+#endif
 
 // The id of the parent's timer was in the child that of a timer of its own, which was deleted or set instead.
 TEST_F(FakeTimersInAChild, ForkedChildTouchesNoTimerByItsParentsId) {
