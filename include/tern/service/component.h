@@ -54,9 +54,10 @@ public:
     StatusCode Initialize() const override;
 
     /// Creates the D-Bus thread and waits, without limit, until its service is initialised and the IPC
-    /// server's `Start` has returned. SIGTERM and SIGINT end the wait for a bus that lets connect but does
-    /// not answer, a second later (Interrupted). Once connected they wait for the IPC server's `Start`: a
-    /// synchronous call there, adding a match included, waits 25 s for a bus that hangs.
+    /// server's `Start` has returned. SIGTERM and SIGINT, sent to the process, end the wait for a bus that
+    /// lets connect but does not answer, a second later (Interrupted). Once connected they wait for the IPC
+    /// server's `Start`: a synchronous call there, adding a match included, waits 25 s for a bus that hangs.
+    /// A worker's request to the monitor, a signal to the D-Bus thread alone, waits for the end of both.
     /// Ok: the service answers from now on. Busy, logged: this component was started before, or another one's
     /// D-Bus thread is running in this process (join that one first); nothing has changed, and the IPC server
     /// is not called. ResourceUnavailable: no memory for the thread, and no thread exists. Otherwise the

@@ -39,6 +39,8 @@ class TERN_API ThreadPool {
 public:
     /// Nothing starts yet. With 0 threads the pool stays idle and jobs are never run.
     ThreadPool(unsigned int threadCount, ThreadsWatcherInterface& watcher, SignalsInterface& signals);
+    /// Stops it politely. In a forked child it never returns for a pool that runs in the parent: leave that
+    /// child with _exit(2).
     virtual ~ThreadPool();
     ThreadPool(const ThreadPool&) = delete;
     ThreadPool& operator=(const ThreadPool&) = delete;

@@ -40,6 +40,8 @@ class TERN_API ThreadsWatcher : public ThreadManager, public ThreadsWatcherInter
 public:
     /// Watches nothing yet, and has no thread yet.
     explicit ThreadsWatcher(ThreadsMonitorInterface& monitor);
+    /// See above. In a forked child it never returns while the parent watches: leave that child with
+    /// _exit(2).
     ~ThreadsWatcher() override;
 
     /// Ends the watch and wakes its threads; does not wait for them. May be called at any time, by any
