@@ -195,6 +195,9 @@ bool ThreadsWatcher::Loop::WaitForPeriod(steady_clock::time_point& now) {
 
 void ThreadsWatcher::Loop::RaiseAlarm() {
     Lock lock(mWatcher.mMutex);
+    if (mIsStopRequested) {
+        return;  // the watch thread may have left: nobody would end the alarm
+    }
     mState = State::Alarm;
     mChanged.NotifyAll();
     static_cast<void>(mChanged.WaitFor(lock, REPORT_LIMIT_MS, [this] { return mState != State::Alarm; }));

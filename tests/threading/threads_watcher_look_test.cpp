@@ -1,5 +1,6 @@
 // What a look at the watched threads finds, and whom it leaves alone.
 
+#include "foundation/tell.h"
 #include "threading/threads_watcher_fixture.h"
 
 namespace mwl::Threading::Tests {
@@ -121,6 +122,59 @@ TEST_F(ThreadsWatcherTest, EverybodyHasASecondToReportAfterAHoldUp) {
         return std::find(waits.begin(), waits.end(), 1000) != waits.end();
     }));
     mPump.StopWatch();
+}
+
+/// Keeps a look that has found a blocked thread from going on.
+class HeldLook {
+public:
+    HeldLook() {
+        sHasFound = false;
+        sMayGoOn = false;
+        Tell::SetListener(&LISTENER);
+    }
+    ~HeldLook() {
+        GoOn();
+        Tell::SetListener(nullptr);
+    }
+    HeldLook(const HeldLook&) = delete;
+    HeldLook& operator=(const HeldLook&) = delete;
+
+    static bool HasFound() {
+        return WaitUntil([] { return sHasFound.load(); });
+    }
+    static void GoOn() { sMayGoOn = true; }
+
+private:
+    static void OnEvent(Tell::Event event, const void*, std::uint64_t, const char*) noexcept {
+        if (event == Tell::Event::Blocked) {
+            sHasFound = true;
+            WaitUntil([] { return sMayGoOn.load(); });
+        }
+    }
+    static constexpr Tell::Listener LISTENER{Tell::Listener::VERSION, &OnEvent};
+    static inline std::atomic<bool> sHasFound{false};
+    static inline std::atomic<bool> sMayGoOn{false};
+};
+
+// The watch thread had left when the alarm was raised, so nobody ended it, and the process was killed in the
+// middle of an orderly stop.
+TEST_F(ThreadsWatcherTest, LookThatIsOvertakenByAStopRaisesNoAlarm) {
+    std::atomic<int> kills{0};
+    const FaultScope scope(fault_pthread_kill);
+    fault_pthread_kill.Replace([&](pthread_t, int) { return ++kills, 0; }, INT_MAX);
+    {
+        const HeldLook look;
+        ThreadsWatcher watcher(mMonitor);
+        ThreadWatched watched(watcher, "pump");
+        watched.StartWatch(milliseconds(1));
+        MovedClock::Advance(milliseconds(20100));
+        ASSERT_TRUE(HeldLook::HasFound());
+        watcher.Stop();
+        ASSERT_TRUE(mLog.WaitFor(STOPPED));
+        HeldLook::GoOn();
+        watched.StopWatch();
+    }
+    EXPECT_EQ(kills, 0);
 }
 
 TEST_F(ThreadsWatcherTest, MonitorStopsItWithTheOtherWorkers) {

@@ -44,8 +44,8 @@ public:
     /// _exit(2).
     ~ThreadsWatcher() override;
 
-    /// Ends the watch and wakes its threads; does not wait for them. May be called at any time, by any
-    /// thread, repeatedly.
+    /// Ends the watch and wakes its threads; does not wait for them. A look that is under way raises no alarm
+    /// any more. May be called at any time, by any thread, repeatedly.
     void Stop() override;
     /// Adds the thread, once its message is written; null is ignored. The first one sets the watch period to
     /// its own and starts the watch; each later one can only shorten it, immediately, and it stays short
