@@ -112,7 +112,8 @@ TEST_F(ThreadsWatcherTest, LookThatWasHeldUpIsLeftOut) {
 }
 
 TEST_F(ThreadsWatcherTest, EverybodyHasASecondToReportAfterAHoldUp) {
-    mPump.StartWatch(milliseconds(1));
+    // Long enough for the clock to move in a sleep, and not between two.
+    mPump.StartWatch(milliseconds(500));
     ASSERT_TRUE(HasWaited(1));
     mPump.NotifyWork();
     MovedClock::ForgetWaits();
