@@ -179,16 +179,20 @@ void ThreadsWatcher::Loop::LookOut() {
 bool ThreadsWatcher::Loop::WaitForPeriod(steady_clock::time_point& now) {
     Lock lock(mWatcher.mMutex);
     milliseconds pause = mWatcher.GetPause();
+    std::optional<steady_clock::time_point> heldUpTo;
     while (!mIsStopRequested) {
         const steady_clock::time_point begin = steady_clock::now();
-        // Its status does not matter: a look too early does no harm.
-        static_cast<void>(mWatcher.mCondition.WaitFor(lock, static_cast<int>(pause.count())));
+        const StatusCode status = mWatcher.mCondition.WaitFor(lock, static_cast<int>(pause.count()));
         now = steady_clock::now();
-        if (now - begin <= pause + HELD_UP) {
-            return !mIsStopRequested;
+        if (now - begin > pause + HELD_UP) {
+            // Nobody could report meanwhile: who is silent may be as healthy as we are. One look is left out.
+            heldUpTo = now;
+        } else if (!heldUpTo || status != StatusCode::Ok) {
+            return !mIsStopRequested;  // without a hold-up a look too early does no harm
         }
-        // Nobody could report meanwhile: who is silent may be as healthy as we are. One look is left out.
-        pause = std::max(mWatcher.GetPause(), HELD_UP);
+        // A period that became shorter may have woken us.
+        const auto left = *heldUpTo + std::max(mWatcher.GetPause(), HELD_UP) - now;
+        pause = std::max(std::chrono::ceil<milliseconds>(left), milliseconds(0));
     }
     return false;
 }

@@ -1,5 +1,7 @@
 // What a look at the watched threads finds, and whom it leaves alone.
 
+#include <optional>
+
 #include "foundation/tell.h"
 #include "threading/threads_watcher_fixture.h"
 
@@ -122,6 +124,32 @@ TEST_F(ThreadsWatcherTest, EverybodyHasASecondToReportAfterAHoldUp) {
         const std::vector<std::int64_t> waits = MovedClock::Waits();
         return std::find(waits.begin(), waits.end(), 1000) != waits.end();
     }));
+    mPump.StopWatch();
+}
+
+// Whoever came with a shorter period in that time brought the look about, and with it the end of a process
+// that had stood still.
+TEST_F(ThreadsWatcherTest, ShorterPeriodDoesNotEndTheTimeToReportAfterAHoldUp) {
+    static constexpr std::int64_t PERIOD_MS = 100000;
+    const KillRecorder recorder;
+    ThreadWatched late(mWatcher, "late");
+    MovedClock::Freeze();
+    mPump.StartWatch(milliseconds(2 * PERIOD_MS));
+    ASSERT_TRUE(HasWaited(1));
+    MovedClock::Advance(milliseconds(5 * PERIOD_MS));
+    mFan.StartWatch(milliseconds(PERIOD_MS));
+    const auto waitsBehind = [] {
+        const std::vector<std::int64_t> waits = MovedClock::Waits();
+        const auto period = std::find(waits.rbegin(), waits.rend(), PERIOD_MS);
+        return period == waits.rend() ? std::nullopt : std::optional(std::vector(period.base(), waits.end()));
+    };
+    ASSERT_TRUE(WaitUntil([&] { return waitsBehind().has_value(); }));
+    late.StartWatch(milliseconds(1));
+    ASSERT_TRUE(WaitUntil([&] { return !waitsBehind()->empty(); }));
+    // It would else be the one for the messages before a kill.
+    EXPECT_EQ(waitsBehind()->front(), 1000);
+    late.StopWatch();
+    mFan.StopWatch();
     mPump.StopWatch();
 }
 
