@@ -90,7 +90,8 @@ struct FolderMonitor::Watch {
     void Cleanup();
     /// A forked child has what its parent's monitor had, except the threads: it lets go of both, and is idle.
     /// What is returned is to be released without the lock.
-    static std::shared_ptr<Watch> ForgetParents(std::shared_ptr<Watch>& watch, std::thread& watching);
+    __attribute__((visibility("hidden"))) static std::shared_ptr<Watch> ForgetParents(
+        std::shared_ptr<Watch>& watch, std::thread& watching);
 
     const std::string path;
     const std::uint32_t mask;
