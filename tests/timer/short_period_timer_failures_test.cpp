@@ -85,7 +85,6 @@ TEST(ShortPeriodTimer, ForkedChildDeletesNoTimerByItsParentsId) {
     EXPECT_EQ(child.exitCode, 0) << child.error;
 }
 
-// The signal that was to wake the thread was refused, which nobody noticed, and Stop never returned.
 // The thread of the parent's timer is not in the child, where Stop waited for its end for ever.
 TEST(ShortPeriodTimer, StopReturnsInAForkedChild) {
     const ChildResult child = RunInChild([] {
@@ -167,6 +166,7 @@ TEST(ShortPeriodTimer, ForkedChildDetachesNoThreadByTheIdOfItsParents) {
     EXPECT_EQ(child.exitCode, 0) << child.error;
 }
 
+// The signal that was to wake the thread was refused, which nobody noticed, and Stop never returned.
 TEST(ShortPeriodTimer, StopReturnsWhenNoSignalIsFree) {
     const ChildResult child = RunInChild([] {
         LeaveNoSignals();

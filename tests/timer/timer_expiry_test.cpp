@@ -61,6 +61,17 @@ bool HasSucceeded(pid_t forked) {
     return waitpid(forked, &status, 0) == forked && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+/// A forked child, which succeeds when it can start a timer of its own.
+pid_t ForkAndStartATimer() {
+    const pid_t forked = fork();
+    if (forked == 0) {
+        EndInTime();
+        Timer own(NEVER_MS, true, nullptr);
+        _exit(own.Start() == StatusCode::Ok ? 0 : 1);
+    }
+    return forked;
+}
+
 // Children first: the system's helper thread for expiries stays once it was needed, and the guard's.
 
 // Without the thread that looks after lost expiries there is no timer either.
@@ -150,12 +161,7 @@ TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileATimerIsEntered) {
         mayEnter = true;
         WaitUntil([&] { return isEntering.load(); });
         isForking = true;
-        const pid_t forked = fork();
-        if (forked == 0) {
-            EndInTime();
-            Timer own(NEVER_MS, true, nullptr);
-            _exit(own.Start() == StatusCode::Ok ? 0 : 1);
-        }
+        const pid_t forked = ForkAndStartATimer();
         hasForked = true;
         entering.join();
         return HasSucceeded(forked) ? 0 : 1;
@@ -185,12 +191,7 @@ TEST_F(FakeTimersInAChild, ForkedChildHasTimersWhileTheFirstIsMade) {
             });
         mayBegin = true;
         WaitUntil([&] { return isReached.load(); });
-        const pid_t forked = fork();
-        if (forked == 0) {
-            EndInTime();
-            Timer own(NEVER_MS, true, nullptr);
-            _exit(own.Start() == StatusCode::Ok ? 0 : 1);
-        }
+        const pid_t forked = ForkAndStartATimer();
         hasForked = true;
         first.join();
         return HasSucceeded(forked) ? 0 : 1;
