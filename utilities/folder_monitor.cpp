@@ -173,8 +173,9 @@ void FolderMonitor::Watch::Cleanup() {
         // Refused when the path has been deleted, because the kernel has removed the watch then.
         static_cast<void>(inotify_rm_watch(inotify.Get(), watchDescriptor));
     }
-    inotify.Reset();
+    // In this order: who finds it active in a forked child has a descriptor that this thread had not touched.
     active = false;
+    inotify.Reset();
 }
 
 std::shared_ptr<FolderMonitor::Watch> FolderMonitor::Watch::ForgetParents(std::shared_ptr<Watch>& watch,
@@ -185,8 +186,11 @@ std::shared_ptr<FolderMonitor::Watch> FolderMonitor::Watch::ForgetParents(std::s
     // Neither joined nor detached: a thread of the child's own may have its number by now.
     std::construct_at(&watching);
     watch->stopRequested = true;
-    // The watch itself is the parent's too, and not removed.
-    watch->inotify.Reset();
+    // The watch itself is the parent's too, and not removed. A thread that was about to end closes its
+    // descriptor by itself: forked in between, the child keeps one.
+    if (watch->active) {
+        watch->inotify.Reset();
+    }
     return std::exchange(watch, nullptr);
 }
 
