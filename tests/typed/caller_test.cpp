@@ -185,9 +185,26 @@ TEST_F(CallerTest, ACallDoesNotOvertakeOneThatWaitsForTheSameCaller) {
         EXPECT_EQ(caller.GetUid(), getuid());
         return 100;
     };
+    std::latch isSent(1);
+    const FaultScope scope(fault_sd_bus_call_method_async);
+    fault_sd_bus_call_method_async.Replace(
+        [&](sd_bus* bus, sd_bus_slot** slot, const char* destination, const char* path, const char* interface,
+            const char* member, auto... others) {
+            if (std::strcmp(member, "GetConnectionCredentials") == 0) {
+                isSent.wait();  // the answer comes behind what is sent
+            }
+            return fault_sd_bus_call_method_async.Real(bus, slot, destination, path, interface, member,
+                                                       others...);
+        },
+        1000);
     Send(1);
     mPeer->Send(mAnswers, PATH, ROOM, "Ask");
     Send(2);
+    // The bus has passed on all three when it answers this.
+    EXPECT_GE(sd_bus_call_method(mPeer->Get(), "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
+                                 nullptr, nullptr, nullptr),
+              0);
+    isSent.count_down();
     EXPECT_TRUE(mPeer->WaitForAnswers(mAnswers, 3));
     EXPECT_THAT(mGuarded, ElementsAre(1U, 2U));
     EXPECT_THAT(mAnswers, ElementsAre("100", "2", "3"));
