@@ -18,11 +18,12 @@ LIMIT = 60
 DONE, FAILED, WRONG_USE, NOBODY = 0, 1, 2, 3
 
 
-def wait_for(condition, what):
+def wait_for(condition, what, seen=str):
+    """Until the condition holds. What it has seen meanwhile is told when it does not."""
     end = time.monotonic() + LIMIT
     while not condition():
         if time.monotonic() > end:
-            raise AssertionError(f"did not happen: {what}")
+            raise AssertionError(f"did not happen: {what}\n{seen()}")
         time.sleep(0.02)
 
 
@@ -128,7 +129,7 @@ class Running:
             return file.read()
 
     def wait_for(self, which, pattern):
-        wait_for(lambda: re.search(pattern, self.text(which)), f"{pattern} in:\n{self.text('out')}{self.text('err')}")
+        wait_for(lambda: re.search(pattern, self.text(which)), f"{pattern} in:", lambda: self.text("out") + self.text("err"))
 
     def finish(self, number=signal.SIGINT):
         if number is not None:

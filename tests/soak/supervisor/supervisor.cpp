@@ -22,8 +22,9 @@ namespace {
 
 /// As announced to the extension; a gap as long as that would have made systemd kill it.
 constexpr milliseconds WATCHDOG{4000};
-/// An order to stop, or the loss of the bus, is obeyed within this time, or systemd would kill.
-constexpr milliseconds STOP_LIMIT{5000};
+/// An order to stop, or the loss of the bus, is obeyed within this time, long before systemd would kill. On a
+/// busy machine the kernel alone takes seconds to close an inotify descriptor.
+constexpr milliseconds STOP_LIMIT{15000};
 constexpr milliseconds LIVENESS_CHECK{50};
 
 constexpr const char* COUNTERS[] = {"Commands",       "Archives",      "Reloads",       "FolderEvents",
