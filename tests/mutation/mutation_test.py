@@ -194,10 +194,10 @@ SUMS = """
     std::string Joined(const std::string& a, const std::string& b) {
         return a + b;
     }
-    void Next(volatile int& left) {
+    void Next(volatile long long& left) {
         left--;
     }
-    void Run(volatile int& left) {
+    void Run(volatile long long& left) {
         while (left) {
             Next(left);
         }
@@ -214,7 +214,7 @@ TEST = """
     int Product(int, int);
     int Larger(int, int);
     std::string Joined(const std::string&, const std::string&);
-    void Run(volatile int&);
+    void Run(volatile long long&);
     int Remove(const char*, const char*);
     int Failed(const char* name) {
         printf("[  FAILED  ] Sums.%s\\n", name);
@@ -225,7 +225,7 @@ TEST = """
         if (Product(4, 1) != 4) return Failed("Product");  // does not see a division
         if (Larger(2, 3) != 3 || Larger(3, 2) != 3) return Failed("Larger");
         if (Joined("a", "b") != "ab") return Failed("Joined");
-        volatile int left = 3;
+        volatile long long left = 3;
         Run(left);
         if (left != 0) return Failed("Run");
         fclose(fopen("/tmp/own", "w"));
