@@ -86,7 +86,7 @@ protected:
             }
         };
     }
-    /// Sends calls of another connection, numbered from 0, and waits until they have left it.
+    /// Sends calls of another connection, numbered from 0, and waits until the bus has passed them on.
     void Send(int count = CALLS) {
         sd_bus* bus = nullptr;
         ASSERT_GE(sd_bus_open_system(&bus), 0);
@@ -96,7 +96,9 @@ protected:
                                                CountReply, &mReplies, "u", static_cast<std::uint32_t>(i)),
                       0);
         }
-        ASSERT_GE(sd_bus_flush(bus), 0);
+        ASSERT_GE(sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
+                                     nullptr, nullptr, nullptr),
+                  0);
     }
     static int CountReply(sd_bus_message* reply, void* replies, sd_bus_error*) {
         *static_cast<int*>(replies) += sd_bus_message_is_method_error(reply, nullptr) > 0 ? 0 : 1;
@@ -162,8 +164,9 @@ TEST_F(MessageBatchTest, AsksTheKernelOnceForManyMessages) {
         -1);
     EXPECT_EQ(Run(), 0);
     EXPECT_GT(polls, 0);
-    // At first it does not look; and a turn may poll twice.
-    EXPECT_LT(polls, CALLS / 2);
+    // One at a time it would be as many at least, and twice as many where a turn polls twice. On a busy
+    // machine a batch is over after a few messages.
+    EXPECT_LT(polls, CALLS);
 }
 
 // What the loop has besides is done between two batches, whatever the flood.

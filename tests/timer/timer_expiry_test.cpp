@@ -317,7 +317,8 @@ TEST_F(TimerExpiry, BlockedCallbackTakesABoundedNumberOfThreads) {
             nanosleep(&period, nullptr);
             most = std::max(most, CountThreads());
         }
-        const bool isBounded = *calls == 32 && most < 64;
+        // Besides those that are blocked there are some that have not begun yet, on a busy machine many.
+        const bool isBounded = *calls == 32 && most < 160;
         leave.set_value();
         return isBounded ? 0 : 2;
     });

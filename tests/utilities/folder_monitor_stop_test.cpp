@@ -51,8 +51,10 @@ TEST_F(FolderMonitorTest, EndOfTheWatchRemovesItAndClosesTheDescriptor) {
         auto* const monitor = new FolderMonitor(folder.Path());
         static_cast<void>(monitor->Start(Report, 0));
         DeleteFile("a");
-        const bool left = log.WaitFor(Exiting());
-        return left && removed == 1 && CountDescriptors() == descriptors ? 0 : 1;
+        if (!log.WaitFor(Exiting()) || removed != 1) {
+            return 1;
+        }
+        return WaitUntil([&] { return CountDescriptors() == descriptors; }) ? 0 : 2;
     });
     EXPECT_EQ(child.exitCode, 0);
 }
