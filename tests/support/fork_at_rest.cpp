@@ -13,7 +13,7 @@
 
 // AddressSanitizer's allocator has locks that it does not bring over a fork(2): where another thread happens
 // to hold one, the child hangs in its first allocation. So each fork of a test program waits until the other
-// threads sleep, half a second at most. By bare system calls, as tests stand in for the functions.
+// threads sleep, a fifth of a second at most. By bare system calls, as tests stand in for the functions.
 
 namespace {
 
@@ -66,7 +66,7 @@ bool IsAnotherRunning() {
 
 void WaitForOthers() {
     const int error = errno;
-    for (int i = 0; i < 500 && IsAnotherRunning(); ++i) {
+    for (int i = 0; i < 200 && IsAnotherRunning(); ++i) {
         const timespec pause{0, 1000000};
         syscall(SYS_nanosleep, &pause, nullptr);
     }
